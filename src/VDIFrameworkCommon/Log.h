@@ -1,0 +1,73 @@
+// How code logs:
+//
+//     NORVO_LOG_SOURCE("src/SharedMemory/src/SharedMemoryBase")   // once, at the top of a .cpp
+//     NORVO_LOG(Error, "mmap failure, failed to map shared memory: ", name);
+//
+// The parts are texts, characters, numbers, bools (written 0 or 1) and pointers, joined as they
+// stand. When the severity is off, the parts are not evaluated: the line costs one relaxed load and
+// a branch.
+#pragma once
+
+#include <charconv>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "KLTLogger.h"
+
+namespace KLT::kltlogger {
+
+inline void appendPart(std::string& out, std::string_view part) { out += part; }
+inline void appendPart(std::string& out, const char* part) { out += part ? part : "(null)"; }
+inline void appendPart(std::string& out, char part) { out += part; }
+
+template <class Number>
+requires std::is_arithmetic_v<Number> || std::is_enum_v<Number>
+void appendPart(std::string& out, Number part) {
+    char digits[64];
+    if constexpr (std::is_same_v<Number, bool>) {
+        out += part ? '1' : '0';
+    } else if constexpr (std::is_enum_v<Number>) {
+        appendPart(out, static_cast<std::underlying_type_t<Number>>(part));
+    } else {
+        const auto end = std::to_chars(digits, digits + sizeof digits, part).ptr;
+        out.append(digits, end);
+    }
+}
+
+inline void appendPart(std::string& out, const void* part) {
+    char digits[20];
+    const auto end =
+        std::to_chars(digits, digits + sizeof digits, reinterpret_cast<std::uintptr_t>(part), 16)
+            .ptr;
+    out += "0x";
+    out.append(digits, end);
+}
+
+template <class... Parts>
+std::string compose(const Parts&... parts) {
+    std::string text;
+    (appendPart(text, parts), ...);
+    return text;
+}
+
+// Hands one record to the logging object under the logger name "VirtualChannel".
+void write(int severity, std::string_view source, int line, std::string_view operation,
+           std::string_view message);
+
+}  // namespace KLT::kltlogger
+
+#define NORVO_LOG_SOURCE(path)               \
+    namespace {                              \
+    constexpr char kNorvoLogSource[] = path; \
+    }
+
+#define NORVO_LOG_AT(severity, ...)                                                \
+    do {                                                                           \
+        if (::KLT::kltlogger::isEnabled(severity)) {                               \
+            ::KLT::kltlogger::write(severity, kNorvoLogSource, __LINE__, __func__, \
+                                    ::KLT::kltlogger::compose(__VA_ARGS__));       \
+        }                                                                          \
+    } while (false)
+
+#define NORVO_LOG(severity, ...) NORVO_LOG_AT(::KLT::kltlogger::severity, __VA_ARGS__)

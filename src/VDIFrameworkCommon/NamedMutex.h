@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+
+#include "Mutex.h"
+
+namespace VDIFrameworkCommon {
+
+class NamedObject;
+
+// A mutex that every process of one user reaches by name (in one session namespace, Namespace.h).
+//
+// The lock belongs to a process and, inside it, to one handle. It is not recursive and not fair. A
+// lock whose owner process has died is taken over at once; one whose owner lives is never taken
+// away. Thread-safe: several threads may use one handle, and they exclude each other like processes
+// do.
+class NamedMutex : public Mutex {
+public:
+    NamedMutex();
+    // Releases the handle, not the system-wide object, and not a lock the handle may still hold.
+    ~NamedMutex() override;
+    NamedMutex(const NamedMutex&) = delete;
+    NamedMutex& operator=(const NamedMutex&) = delete;
+
+    // Opens the mutex called `name`, making it when there is none. False, after one log line, when
+    // the system refuses, or when an object of that name is not one of ours.
+    bool create(const char* name);
+
+    // Waits for at most 2000 ms. False when a living owner kept the lock that long, or when the
+    // handle was never created.
+    bool lock() override;
+
+    // Releases what this handle holds, or what a dead process left behind. False when there was
+    // nothing of that kind: the lock of a living other owner is never touched.
+    bool unlock() override;
+
+private:
+    friend class NamedCondition;
+    std::shared_ptr<NamedObject> m_object;
+};
+
+}  // namespace VDIFrameworkCommon

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <string>
+
+#include "LocalMutex.h"
+
+namespace VDIFrameworkCommon {
+
+namespace VDIClientType {
+enum VDIClientTypeEnum { Unknown = 0, Crews = 2, Meetings = 3 };
+}
+
+// Who this side is and what the peer said it is: one per process, thread-safe.
+class VDIClientInfo {
+public:
+    static VDIClientInfo& getInstance();
+
+    void setClientType(VDIClientType::VDIClientTypeEnum type);
+    VDIClientType::VDIClientTypeEnum getClientType() const;
+
+    // "NorvoCrews", the project's version and 1, unless the embedding program has set others; it
+    // may do so until InitialiseChannel.
+    void setClientName(const std::string& name);
+    std::string getClientName() const;
+    void setClientVersion(const std::string& version);
+    std::string getClientVersion() const;
+    void setMyInternalVersion(int version);
+    int getMyInternalVersion() const;
+
+    void setPeerClientVersion(const std::string& version);
+    std::string getPeerClientVersion() const;
+    void setPeerInternalVersion(int version);
+    int getPeerInternalVersion() const;
+
+private:
+    VDIClientInfo();
+
+    mutable LocalMutex m_mutex;
+    VDIClientType::VDIClientTypeEnum m_type NORVO_GUARDED_BY(m_mutex) = VDIClientType::Unknown;
+    std::string m_name NORVO_GUARDED_BY(m_mutex);
+    std::string m_version NORVO_GUARDED_BY(m_mutex);
+    int m_internalVersion NORVO_GUARDED_BY(m_mutex) = 1;
+    std::string m_peerVersion NORVO_GUARDED_BY(m_mutex);
+    int m_peerInternalVersion NORVO_GUARDED_BY(m_mutex) = 0;
+};
+
+}  // namespace VDIFrameworkCommon

@@ -1,0 +1,46 @@
+// The transport as the agent sees it, and the agent as a transport sees it.
+#pragma once
+
+namespace NorvoVirtualChannel {
+
+// A channel's upward side. A channel calls these with its observer lock held: an observer must not
+// add or remove an observer from inside them.
+class Observer {
+public:
+    // One whole message. `data` is valid during the call only.
+    virtual void OnVirtualChannelReceiveData(const void* data, unsigned int length) = 0;
+    virtual void OnVirtualChannelAvailabilityChange(bool available) = 0;
+    virtual void OnVirtualChannelShutdown() = 0;
+    virtual void OnSessionAvailabilityChange(bool up) = 0;
+    virtual void OnThinClientPlatformChange(unsigned int platform) = 0;
+    virtual void OnChannelBlockedByPolicySetting(bool blocked) = 0;
+    virtual ~Observer() = default;
+};
+
+// One transport.
+class VirtualChannel {
+public:
+    // The largest packet the transport carries, in bytes, header included.
+    virtual int GetMaxMsgSize() = 0;
+    // Queues one message of `length` bytes, which are copied. 0 when accepted, -1 when the channel
+    // is shut down. Any thread.
+    virtual int SendData(const void* data, unsigned int length, bool lowPriority) = 0;
+    // One observer at a time; a new one replaces the old. Not owned.
+    virtual void AddObserver(Observer* observer) = 0;
+    // Empties the observer's place, whatever `observer` is.
+    virtual void RemoveObserver(Observer* observer) = 0;
+    // 1 Citrix, 2 VMware, 3 RDP, 4 TCP socket.
+    virtual int GetType() = 0;
+    // Drops what is queued and not sent yet.
+    virtual void ResetChannel() = 0;
+    virtual bool IsSeamlessMode() { return false; }
+    virtual bool IsMultiSession() { return false; }
+    virtual void* GetClientWindowHandleFromServerWindowHandle(void* /*serverWindow*/) {
+        return nullptr;
+    }
+    // The agents at the two ends have found or lost each other.
+    virtual void onAgentStateChange(bool connected) = 0;
+    virtual ~VirtualChannel() = default;
+};
+
+}  // namespace NorvoVirtualChannel

@@ -1,0 +1,1 @@
+# norvo_messages

@@ -1,0 +1,20 @@
+#pragma once
+
+namespace testsupport {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+// How often to repeat something: `full` times, or a tenth (at least once) under a sanitizer.
+constexpr int rounds(int full) { return kSanitized ? (full < 10 ? 1 : full / 10) : full; }
+
+}  // namespace testsupport
