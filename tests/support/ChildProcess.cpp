@@ -9,6 +9,8 @@
 #include <csignal>
 #include <cstring>
 #include <map>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -24,6 +26,45 @@ constexpr char kRoleFlag[] = "--child-role";
 std::map<std::string, ChildMain>& roles() {
     static std::map<std::string, ChildMain> all;
     return all;
+}
+
+struct RunningChildren {
+    std::mutex mutex;
+    std::set<pid_t> pids;
+};
+
+RunningChildren& runningChildren() {
+    static RunningChildren all;
+    return all;
+}
+
+int spawn(pid_t* pid, int input, int output, std::vector<char*> argv, std::vector<char*> env) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    auto& running = runningChildren();
+    std::lock_guard lock(running.mutex);
+    const int failed = posix_spawn(pid, argv[0], &actions, &attributes, argv.data(), env.data());
+    if (!failed) running.pids.insert(*pid);
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&actions);
+    return failed;
+}
+
+// Forgets the child in the same step, so that endAll() never signals a reused process ID.
+pid_t reap(pid_t pid, int* status) {
+    auto& running = runningChildren();
+    std::lock_guard lock(running.mutex);
+    const pid_t done = waitpid(pid, status, WNOHANG);
+    if (done != 0) running.pids.erase(pid);
+    return done;
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
@@ -44,8 +85,12 @@ std::string ownPath() {
 
 ChildRole::ChildRole(const char* name, ChildMain main) { roles()[name] = main; }
 
+bool isChildRole(int argc, char** argv) {
+    return argc >= 3 && std::strcmp(argv[1], kRoleFlag) == 0;
+}
+
 int runChildRole(int argc, char** argv) {
-    if (argc < 3 || std::strcmp(argv[1], kRoleFlag) != 0) return -1;
+    if (!isChildRole(argc, argv)) return -1;
     const auto role = roles().find(argv[2]);
     if (role == roles().end()) return 127;
     return role->second(std::vector<std::string>(argv + 3, argv + argc));
@@ -64,13 +109,7 @@ ChildProcess::ChildProcess(const std::string& role, const std::vector<std::strin
     for (char** entry = environ; *entry; ++entry) env.emplace_back(*entry);
     env.insert(env.begin(), environment.begin(), environment.end());
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    const int failed = posix_spawn(&m_pid, argv[0].c_str(), &actions, nullptr,
-                                   pointersTo(argv).data(), pointersTo(env).data());
-    posix_spawn_file_actions_destroy(&actions);
+    const int failed = spawn(&m_pid, in[0], out[1], pointersTo(argv), pointersTo(env));
     close(in[0]);
     close(out[1]);
     m_input = in[1];
@@ -131,11 +170,19 @@ void ChildProcess::signal(int number) const {
 
 void ChildProcess::kill() const { signal(SIGKILL); }
 
+void ChildProcess::endAll() {
+    auto& running = runningChildren();
+    std::lock_guard lock(running.mutex);
+    for (const pid_t pid : running.pids) ::kill(pid, SIGKILL);
+    for (const pid_t pid : running.pids) waitpid(pid, nullptr, 0);
+    running.pids.clear();
+}
+
 int ChildProcess::wait(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!m_reaped) {
         int status = 0;
-        const pid_t done = waitpid(m_pid, &status, WNOHANG);
+        const pid_t done = reap(m_pid, &status);
         if (done == m_pid) {
             m_reaped = true;
             m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

@@ -8,6 +8,8 @@
 //     child.kill();                              // kill -9
 //     EXPECT_EQ(child.wait(), 0);
 //
+// A child starts with no signal blocked.
+//
 // A suite that starts processes has a name that ends in "AcrossProcesses": emulated runs leave it
 // out.
 #pragma once
@@ -42,6 +44,8 @@ public:
 
     void signal(int number) const;
     void kill() const;
+    // Kills every child of this process that still runs; for a program that is about to exit.
+    static void endAll();
 
     // The exit status, or 128 + the signal's number; -1 when it did not end within `timeout`.
     int wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
@@ -61,7 +65,8 @@ struct ChildRole {
     ChildRole(const char* name, ChildMain main);
 };
 
-// For main(): runs the role named on the command line. -1 when there is none.
+// For main(): whether the command line names a role, and running it (-1 when it names none).
+bool isChildRole(int argc, char** argv);
 int runChildRole(int argc, char** argv);
 
 }  // namespace testsupport

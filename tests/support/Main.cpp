@@ -1,28 +1,14 @@
 // Starts a test run, or a child role of one. Each run gets a session namespace of its own, which
 // its children inherit, and what the run leaves in shared memory is removed at the end.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "ChildProcess.h"
-
-namespace {
-
-void removeObjectsOf(const std::string& sessionNamespace) {
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
-        const std::string name = entry.path().filename();
-        if (name.find(sessionNamespace + '.') != std::string::npos)
-            shm_unlink(('/' + name).c_str());
-    }
-}
-
-}  // namespace
+#include "SessionObjects.h"
 
 int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
@@ -31,6 +17,6 @@ int main(int argc, char** argv) {
     const std::string sessionNamespace = "nvt" + std::to_string(getpid());
     setenv("NORVO_VDI_NAMESPACE", sessionNamespace.c_str(), 1);
     const int result = RUN_ALL_TESTS();
-    removeObjectsOf(sessionNamespace);
+    testsupport::removeSessionObjects(sessionNamespace);
     return result;
 }

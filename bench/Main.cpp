@@ -1,0 +1,145 @@
+// norvo_bench: runs the registered suites.
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <thread>
+
+#include "PeerProcess.h"
+#include "Report.h"
+#include "Runner.h"
+#include "support/SessionObjects.h"
+
+namespace {
+
+struct CommandLine {
+    bench::Options options;
+    std::string filter;
+    std::string csv;
+    bool list = false;
+    bool check = false;
+};
+
+// Ends the peers, clears what the session left in shared memory, and exits, when the user ends the
+// run. A thread of its own waits for that, so that no measurement is interrupted by a handler.
+void exitCleanlyOnSignals(const std::string& sessionNamespace) {
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGINT);
+    sigaddset(&ending, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+    std::thread([ending, sessionNamespace] {
+        int number = 0;
+        sigwait(&ending, &number);
+        bench::PeerProcess::endAll();
+        testsupport::removeSessionObjects(sessionNamespace);
+        if (isatty(STDERR_FILENO)) std::fputs("\r\033[K", stderr);
+        std::fputs("norvo_bench: stopped\n", stderr);
+        _exit(128 + number);
+    }).detach();
+}
+
+void addOptions(CLI::App& app, CommandLine& line) {
+    app.add_option("--filter", line.filter,
+                   "Run only what matches this regular expression in suite/group/measurement")
+        ->type_name("REGEX");
+    app.add_option("--repeat", line.options.repeat, "Repetitions of each measurement")
+        ->check(CLI::Range(1u, 1000u))
+        ->capture_default_str();
+    app.add_option("--csv", line.csv, "Write every figure and goal to this file")
+        ->type_name("FILE");
+    app.add_flag("--quick", line.options.quick, "A tenth of the work: a look, not a verdict");
+    app.add_flag("--list", line.list, "Show the suites and what they measure, run nothing");
+    app.add_flag("--check", line.check,
+                 "Exit with status 1 when a goal that must be met is missed");
+}
+
+void listSuites(const bench::Options& options) {
+    for (const auto& entry : bench::allSuites()) {
+        std::cout << entry.name << ": " << entry.description << '\n';
+        bench::Suite suite(entry.name, options.quick);
+        entry.declare(suite);
+        for (const auto& spec : suite.measurements())
+            std::cout << "  " << suite.name() << '/' << spec.group << '/' << spec.name << '\n';
+    }
+}
+
+int runSuites(const CommandLine& line) {
+    std::ofstream csv;
+    if (!line.csv.empty()) {
+        csv.open(line.csv);
+        if (!csv) {
+            std::cerr << "norvo_bench: cannot write " << line.csv << '\n';
+            return 2;
+        }
+    }
+    std::vector<bench::SuiteReport> reports;
+    bool failed = false;
+    bool missed = false;
+    for (const auto& entry : bench::allSuites()) {
+        auto report = bench::runSuite(entry, line.options);
+        if (report.outcomes.empty()) continue;
+        bench::printReport(std::cout, report);
+        failed = failed || report.failed();
+        missed = missed || report.missed();
+        reports.push_back(std::move(report));
+    }
+    if (csv.is_open()) {
+        bench::writeCsv(csv, reports);
+        csv.close();
+        if (!csv) {
+            std::cerr << "norvo_bench: writing " << line.csv << " failed\n";
+            return 2;
+        }
+    }
+    if (reports.empty()) {
+        std::cerr << "norvo_bench: nothing matches the filter; --list shows what there is\n";
+        return 2;
+    }
+    return failed || (line.check && missed) ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    if (testsupport::isChildRole(argc, argv)) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        return testsupport::runChildRole(argc, argv);
+    }
+    const std::string sessionNamespace = "nvb" + std::to_string(getpid());
+    setenv("NORVO_VDI_NAMESPACE", sessionNamespace.c_str(), 1);
+
+    CommandLine line;
+    CLI::App app("Measures the parts of the virtual-channel library beside simpler ones.");
+    app.footer(
+        "Each group's measurements run in turn, and medians are compared. Times move with the\n"
+        "machine; trust the ratios. Exit status: 0 done, 1 a measurement failed (or, with "
+        "--check,\n"
+        "a goal was missed), 2 wrong use.");
+    addOptions(app, line);
+    try {
+        app.parse(argc, argv);
+        if (!line.filter.empty()) line.options.filter.emplace(line.filter);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    } catch (const std::regex_error&) {
+        std::cerr << "norvo_bench: --filter is not a valid regular expression\n";
+        return 2;
+    }
+    if (line.list) {
+        listSuites(line.options);
+        return 0;
+    }
+    line.options.progress = isatty(STDERR_FILENO);
+    exitCleanlyOnSignals(sessionNamespace);
+    const int status = runSuites(line);
+    testsupport::removeSessionObjects(sessionNamespace);
+    return status;
+}

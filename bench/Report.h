@@ -1,0 +1,18 @@
+// What is printed and what is written for other programs.
+#pragma once
+
+#include <iosfwd>
+#include <vector>
+
+#include "Runner.h"
+
+namespace bench {
+
+// Two tables: every figure, then every goal with its verdict.
+void printReport(std::ostream& out, const SuiteReport& report);
+
+// One line of column names, then one per figure ("measured") and per goal ("goal"). Fields with a
+// comma or quote are quoted; a column that does not apply is empty.
+void writeCsv(std::ostream& out, const std::vector<SuiteReport>& reports);
+
+}  // namespace bench
