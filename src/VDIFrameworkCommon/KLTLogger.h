@@ -47,8 +47,9 @@ public:
                      std::string_view operation, std::string_view message) = 0;
 };
 
-// Records of a severity up to this number are written: the threshold while a logging object exists
-// (default Info; NORVO_VDI_LOG_LEVEL=0..6 changes it), 0 while none does.
+// Records of a severity up to this number are written: the threshold (default Info;
+// NORVO_VDI_LOG_LEVEL=0..6 changes it) while a logging object exists and has somewhere to write, an
+// open file, standard error or a sink; else 0.
 extern std::atomic<int> g_activeThreshold;
 
 inline bool isEnabled(int severity) {

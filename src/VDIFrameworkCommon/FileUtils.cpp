@@ -1,0 +1,30 @@
+#include "FileUtils.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace VDIFrameworkCommon {
+
+namespace {
+
+bool isDirectory(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+}  // namespace
+
+bool FileUtils::fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+bool FileUtils::createDirectory(const std::string& path) {
+    for (std::size_t end = path.find('/', 1); end != std::string::npos;
+         end = path.find('/', end + 1)) {
+        mkdir(path.substr(0, end).c_str(), 0700);
+    }
+    if (!path.empty()) mkdir(path.c_str(), 0700);
+    return isDirectory(path);
+}
+
+std::string FileUtils::FileSeparator() { return "/"; }
+
+}  // namespace VDIFrameworkCommon

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "KLTLogger.h"
+#include "LocalMutex.h"
+#include "LogFile.h"
+
+namespace KLT::kltlogger {
+
+// Writes records to their destination. For a file they are gathered in a buffer, which is written
+// out by a record of severity 1 to 3, when it is full, one second after its first record, and by
+// flush(). A thread of the appender's own does the last but one; where it cannot run (it cannot be
+// started, finish() was called, this is a forked child) every record is written at once.
+//
+// Thread-safe. Two locks: appending takes only the buffer's, for the time of a copy; writing holds
+// the file's, and others go on appending meanwhile, up to a full buffer.
+class LogAppender {
+public:
+    static constexpr std::size_t kBufferBytes = std::size_t{64} * 1024;
+
+    LogAppender() = default;
+    // Writes what is buffered.
+    ~LogAppender();
+    LogAppender(const LogAppender&) = delete;
+    LogAppender& operator=(const LogAppender&) = delete;
+
+    // Empty: no file.
+    void setFile(const std::string& path);
+    void setType(LogAppenderType type);
+    // False when a record would go nowhere.
+    bool hasDestination() const;
+
+    void append(const LogRecord& record);
+    void flush();
+
+    // Writes what is buffered and ends the thread; later records are written at once.
+    void finish();
+
+    // Around fork(), for the one appender of the process: nothing is in motion while it forks, and
+    // the child neither repeats the parent's records nor waits for the parent's thread.
+    void beforeFork() NORVO_NO_THREAD_SAFETY_ANALYSIS;
+    void afterForkInParent() NORVO_NO_THREAD_SAFETY_ANALYSIS;
+    void afterForkInChild() NORVO_NO_THREAD_SAFETY_ANALYSIS;
+
+private:
+    using LocalMutex = VDIFrameworkCommon::LocalMutex;
+
+    void bufferRecord(const LogRecord& record);
+    // Writes the buffer if it holds at least `minimum` bytes.
+    void drain(std::size_t minimum);
+    void startTimer() NORVO_REQUIRES(m_fileMutex);
+    void runTimer();
+
+    std::atomic<LogAppenderType> m_type = LogAppenderType::File;
+    std::atomic<bool> m_fileOpen = false;
+
+    LocalMutex m_fileMutex;
+    LogFile m_file NORVO_GUARDED_BY(m_fileMutex);
+    std::string m_draining NORVO_GUARDED_BY(m_fileMutex);
+
+    LocalMutex m_bufferMutex NORVO_ACQUIRED_AFTER(m_fileMutex);
+    VDIFrameworkCommon::LocalCondition m_wake;
+    std::string m_buffer NORVO_GUARDED_BY(m_bufferMutex);
+    bool m_timerRuns NORVO_GUARDED_BY(m_bufferMutex) = false;
+    bool m_timerArmed NORVO_GUARDED_BY(m_bufferMutex) = false;
+    bool m_finished NORVO_GUARDED_BY(m_bufferMutex) = false;
+    std::thread m_timer NORVO_GUARDED_BY(m_fileMutex);
+};
+
+}  // namespace KLT::kltlogger

@@ -1,0 +1,74 @@
+#include "LogFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "FileUtils.h"
+
+namespace KLT::kltlogger {
+
+using VDIFrameworkCommon::FileUtils;
+
+LogFile::~LogFile() { close(); }
+
+bool LogFile::open(const std::string& path) {
+    close();
+    m_path = path;
+    if (path.empty()) return false;
+    if (const auto end = path.rfind('/'); end != std::string::npos && end > 0)
+        FileUtils::createDirectory(path.substr(0, end));
+    return openPath();
+}
+
+void LogFile::close() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+}
+
+// Not blocking, and regular files only: a pipe under the log's name must not stop the host.
+bool LogFile::openPath() {
+    close();
+    m_fd = ::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
+    struct stat status {};
+    if (m_fd >= 0 && (fstat(m_fd, &status) != 0 || !S_ISREG(status.st_mode))) close();
+    return isOpen();
+}
+
+void LogFile::write(std::string_view lines) {
+    followPath();
+    struct stat status {};
+    if (m_fd >= 0 && fstat(m_fd, &status) == 0 && status.st_size > 0 &&
+        status.st_size + static_cast<off_t>(lines.size()) > m_limit) {
+        roll();
+    }
+    while (m_fd >= 0 && !lines.empty()) {
+        const ssize_t written = ::write(m_fd, lines.data(), lines.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;
+        lines.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+// Another process may have rolled the file, or someone removed it.
+void LogFile::followPath() {
+    struct stat ours {};
+    struct stat named {};
+    if (m_fd < 0 || fstat(m_fd, &ours) != 0) return;
+    const bool same = stat(m_path.c_str(), &named) == 0 && ours.st_dev == named.st_dev &&
+                      ours.st_ino == named.st_ino;
+    if (!same) openPath();
+}
+
+void LogFile::roll() {
+    for (int old = kKept - 1; old >= 0; --old) {
+        const std::string from = old == 0 ? m_path : m_path + '.' + std::to_string(old);
+        std::rename(from.c_str(), (m_path + '.' + std::to_string(old + 1)).c_str());
+    }
+    openPath();
+}
+
+}  // namespace KLT::kltlogger

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <array>
+#include <string>
+#include <string_view>
+
+#include "KLTLogger.h"
+
+namespace KLT::kltlogger {
+
+// The line of text that a record becomes:
+//
+//     2031-05-06T07:08:09.123456Z 1234/1240 WARN VirtualChannel src/a/File:42 operation: message
+//
+// with the time in UTC, then process/thread ID. Control characters are escaped (\n, \r, \t, \x1b),
+// so a record is one line whatever it says; a message is cut after kMaxMessage bytes.
+// Holds views of the record's texts: use it while those live, on the thread that made it.
+class LogLine {
+public:
+    static constexpr std::size_t kMaxMessage = 32 * 1024;
+
+    explicit LogLine(const LogRecord& record);
+    LogLine(const LogLine&) = delete;
+    LogLine& operator=(const LogLine&) = delete;
+
+    std::size_t size() const;
+    void appendTo(std::string& out) const;
+
+    // For a forked child, whose process and thread IDs are new.
+    static void forgetIds();
+
+private:
+    std::string_view head(const LogRecord& record);
+    std::string_view printable(std::string_view text, std::string& storage) const;
+    std::string_view printableMessage(std::string_view message);
+
+    std::array<char, 96> m_head{};
+    std::array<char, 24> m_number{};
+    std::string m_escapedLogger;
+    std::string m_escapedSource;
+    std::string m_escapedOperation;
+    std::string m_escapedMessage;
+    std::array<std::string_view, 11> m_parts;
+};
+
+}  // namespace KLT::kltlogger
