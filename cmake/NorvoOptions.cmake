@@ -1,4 +1,5 @@
 # Compiler settings shared by every target: link norvo_options privately.
+set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 
 if(APPLE)
@@ -11,9 +12,16 @@ add_library(norvo_options INTERFACE)
 target_compile_options(norvo_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Werror
     $<$<COMPILE_LANGUAGE:CXX>:-Wconversion>
-    $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>)
+    $<$<COMPILE_LANG_AND_ID:CXX,Clang,AppleClang>:-Wthread-safety>)
 target_link_libraries(norvo_options INTERFACE Threads::Threads)
 
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_C_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+
+# Every object of the tree must agree on the sanitizers, GoogleTest built from source included.
+set(NORVO_SANITIZE "" CACHE STRING "Sanitizers, joined by commas: address,undefined or thread")
+if(NORVO_SANITIZE)
+    add_compile_options(-O1 -fsanitize=${NORVO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${NORVO_SANITIZE})
+endif()

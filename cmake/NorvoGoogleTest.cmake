@@ -1,0 +1,21 @@
+# GTest::gmock: the system's library, or one built from its sources when compiling for another
+# system, for which no library is packaged.
+if(CMAKE_CROSSCOMPILING)
+    set(NORVO_GOOGLETEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest's source tree")
+    set(INSTALL_GTEST OFF)
+    add_subdirectory(${NORVO_GOOGLETEST_SOURCE} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
+    if(NOT TARGET GTest::gmock)
+        add_library(GTest::gmock ALIAS gmock)
+    endif()
+else()
+    find_package(GTest REQUIRED)
+endif()
+include(GoogleTest)
+
+# norvo_discover_tests(<target>): registers each test of the program with ctest, where it can run.
+function(norvo_discover_tests target)
+    if(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
+        return()
+    endif()
+    gtest_discover_tests(${target} DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 180)
+endfunction()

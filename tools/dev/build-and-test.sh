@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# build-and-test.sh PRESET [ctest argument...]: configures and builds the preset, and runs its tests.
+source "$(dirname "$0")/common.sh"
+
+preset=$1
+shift
+tree=$root/build-$preset
+cd "$root"
+
+# The thread sanitizer cannot place its shadow memory under some kernels' address randomisation.
+without_randomisation=()
+if [ "$preset" = tsan ] && setarch -R true 2>/dev/null; then without_randomisation=(setarch -R); fi
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_string_checks=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+
+quietly "$tree/configure.log" cmake --preset "$preset"
+quietly "$tree/build.log" "${without_randomisation[@]}" cmake --build "$tree" --parallel "$jobs"
+"${without_randomisation[@]}" ctest --test-dir "$tree" --parallel "$jobs" --output-on-failure \
+    --no-tests=error --output-log "$tree/test.log" "$@"

@@ -1,0 +1,37 @@
+# shellcheck shell=bash
+# Sourced by the scripts of this folder: where things are, and the compiler cache's settings.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+jobs=${NORVO_JOBS:-$(nproc 2>/dev/null || echo 2)}
+# Downloads and results that outlive a build tree.
+cache=${NORVO_BUILD_CACHE:-${XDG_CACHE_HOME:-${HOME:-/tmp}/.cache}/norvo-build}
+export root jobs cache
+
+# The precompiled headers need the sloppiness; the rest lets clones in other folders share results.
+export CCACHE_BASEDIR=$root
+export CCACHE_NOHASHDIR=1
+export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+if command -v ccache >/dev/null; then
+    export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+fi
+
+# One line for each argument.
+say() { printf '%s\n' "$@"; }
+fail() {
+    printf '%s\n' "$*" >&2
+    exit 1
+}
+
+# quietly LOG COMMAND...: the command's output goes to LOG, and its end to the terminal if it fails.
+quietly() {
+    local log=$1
+    shift
+    mkdir -p "$(dirname "$log")"
+    "$@" >"$log" 2>&1 </dev/null && return
+    local status=$?
+    say "failed: $*"
+    tail -n 60 "$log"
+    say "(all of it: $log)"
+    return "$status"
+}
