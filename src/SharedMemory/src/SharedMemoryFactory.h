@@ -1,0 +1,14 @@
+#pragma once
+
+#include <memory>
+
+#include "SharedMemoryI.h"
+
+enum class ESharedMemoryType : int {
+    Plain = 0,                     // one writer, one reader
+    Broadcast = 1,                 // one writer, every reader sees every message
+    MultipleWritersOneReader = 2,  // several writers, whole messages never interleave
+};
+
+// A segment that is not set up yet. Empty for a value that is not one of the above.
+std::shared_ptr<SharedMemoryI> getSharedMemoryInstance(ESharedMemoryType type);

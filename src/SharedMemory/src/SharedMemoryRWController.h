@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include "ActiveVirtualChannelAgentRecorder.h"
+#include "Event.h"
+#include "LocalMutex.h"
+
+// Decides whether the segments of this process may read and write: not while another process is the
+// active agent. One per process, made on first use and never destroyed, so that threads still
+// running at process exit may ask it. Thread-safe.
+class SharedMemoryRWController {
+public:
+    static std::shared_ptr<SharedMemoryRWController> getInstance();
+    SharedMemoryRWController(const SharedMemoryRWController&) = delete;
+    SharedMemoryRWController& operator=(const SharedMemoryRWController&) = delete;
+    ~SharedMemoryRWController();
+
+    // As of the last check, which is at most 500 ms old while the checker thread runs. True before
+    // the first check; after shutdown() as they were last.
+    bool canRead() const { return m_canRead.load(std::memory_order_relaxed); }
+    bool canWrite() const { return m_canWrite.load(std::memory_order_relaxed); }
+
+    // The machine-wide record of the active agent (ActiveVirtualChannelAgentRecorder.h).
+    bool hasOtherActiveVirtualChannelAgent();
+    bool markCurrentVirtualChannelAgentAsActive();
+    void clearActiveVirtualChannelAgent();
+
+    // Starts the checker thread when it does not run. Every segment does so when it is set up, so
+    // an agent that is built after another one's shutdown() is checked again.
+    void start();
+    // Ends and joins the checker thread. May be called at any time and again.
+    void shutdown();
+
+private:
+    SharedMemoryRWController();
+    // The checker thread's body.
+    void checkActiveVirtualChannelAgent();
+
+    VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder m_recorder;
+    std::atomic<bool> m_running{true};
+    std::atomic<bool> m_canRead{true};
+    std::atomic<bool> m_canWrite{true};
+    VDIFrameworkCommon::Event m_event{true};
+    VDIFrameworkCommon::LocalMutex m_threadMutex;
+    std::thread m_checker NORVO_GUARDED_BY(m_threadMutex);
+    // A thread does not survive a fork: only the process that started it may join it.
+    long m_checkerProcess NORVO_GUARDED_BY(m_threadMutex) = 0;
+};
