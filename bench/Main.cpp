@@ -4,12 +4,16 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "PeerProcess.h"
 #include "Report.h"
@@ -43,6 +47,20 @@ void exitCleanlyOnSignals(const std::string& sessionNamespace) {
         std::fputs("norvo_bench: stopped\n", stderr);
         _exit(128 + number);
     }).detach();
+}
+
+// What runs that were killed have left.
+void removeObjectsOfDeadRuns() {
+    static const std::regex session("(nvb([0-9]+))\\..*");
+    std::error_code ignored;
+    std::vector<std::string> dead;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
+        const std::string name = entry.path().filename();
+        std::smatch match;
+        if (!std::regex_search(name, match, session)) continue;
+        if (kill(std::stoi(match[2]), 0) != 0 && errno == ESRCH) dead.push_back(match[1]);
+    }
+    for (const auto& sessionNamespace : dead) testsupport::removeSessionObjects(sessionNamespace);
 }
 
 void addOptions(CLI::App& app, CommandLine& line) {
@@ -138,6 +156,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     line.options.progress = isatty(STDERR_FILENO);
+    removeObjectsOfDeadRuns();
     exitCleanlyOnSignals(sessionNamespace);
     const int status = runSuites(line);
     testsupport::removeSessionObjects(sessionNamespace);

@@ -48,15 +48,55 @@ void printTable(std::ostream& out, const std::vector<Row>& rows, std::size_t lef
     }
 }
 
-void addOutcome(std::vector<Row>& rows, const Outcome& outcome) {
-    if (!outcome.failure.empty()) {
-        rows.push_back({outcome.group, outcome.name, "FAILED: " + outcome.failure, "", "", ""});
-        return;
+std::string medianAndRange(const Series& series) {
+    const std::string median = withUnit(series.median(), series.unit);
+    if (series.lowest() == series.highest()) return median;
+    return median + " [" + shortNumber(series.lowest()) + " – " + shortNumber(series.highest()) +
+           "]";
+}
+
+std::vector<std::string> metricsOf(const std::vector<Outcome>& outcomes, const std::string& group) {
+    std::vector<std::string> metrics;
+    for (const Outcome& outcome : outcomes) {
+        if (outcome.group != group) continue;
+        for (const Series& series : outcome.series) {
+            if (std::find(metrics.begin(), metrics.end(), series.metric) == metrics.end())
+                metrics.push_back(series.metric);
+        }
     }
-    for (const Series& series : outcome.series) {
-        rows.push_back({outcome.group, outcome.name, series.metric,
-                        withUnit(series.median(), series.unit), shortNumber(series.lowest()),
-                        shortNumber(series.highest())});
+    return metrics;
+}
+
+Row outcomeRow(const Outcome& outcome, const std::vector<std::string>& metrics) {
+    Row row{outcome.name};
+    for (const std::string& metric : metrics) {
+        const Series* series = outcome.find(metric);
+        row.push_back(series ? medianAndRange(*series) : "");
+    }
+    return row;
+}
+
+void printGroup(std::ostream& out, const std::vector<Outcome>& outcomes, const std::string& group) {
+    const auto metrics = metricsOf(outcomes, group);
+    std::vector<Row> rows{{group}};
+    rows.front().insert(rows.front().end(), metrics.begin(), metrics.end());
+    for (const Outcome& outcome : outcomes) {
+        if (outcome.group == group) rows.push_back(outcomeRow(outcome, metrics));
+    }
+    printTable(out, rows, 1);
+    for (const Outcome& outcome : outcomes) {
+        if (outcome.group == group && !outcome.failure.empty())
+            out << "  FAILED: " << outcome.name << ": " << outcome.failure << '\n';
+    }
+    out << '\n';
+}
+
+void printOutcomes(std::ostream& out, const std::vector<Outcome>& outcomes) {
+    for (auto next = outcomes.begin(); next != outcomes.end();) {
+        const std::string& group = next->group;
+        printGroup(out, outcomes, group);
+        next = std::find_if(next, outcomes.end(),
+                            [&](const Outcome& outcome) { return outcome.group != group; });
     }
 }
 
@@ -124,18 +164,16 @@ void writeJudgement(std::ostream& out, const std::string& suite, const Judgement
 }  // namespace
 
 void printReport(std::ostream& out, const SuiteReport& report) {
-    out << report.name << '\n';
-    std::vector<Row> rows{{"group", "measurement", "metric", "median", "min", "max"}};
-    for (const Outcome& outcome : report.outcomes) addOutcome(rows, outcome);
-    printTable(out, rows, 3);
+    out << report.name << ": median [lowest – highest]\n\n";
+    printOutcomes(out, report.outcomes);
     if (!report.judgements.empty()) {
-        out << '\n';
-        rows = {{"group", "goal", "compared with", "value", "floor", "ratio", "must", "ambition",
-                 "verdict"}};
+        std::vector<Row> rows{{"group", "goal", "compared with", "value", "floor", "ratio", "must",
+                               "ambition", "verdict"}};
         for (const Judgement& judgement : report.judgements) addJudgement(rows, judgement);
         printTable(out, rows, 3);
+        out << '\n';
     }
-    out << std::endl;
+    out.flush();
 }
 
 void writeCsv(std::ostream& out, const std::vector<SuiteReport>& reports) {

@@ -8,7 +8,7 @@
 
 namespace bench {
 
-// Two tables: every figure, then every goal with its verdict.
+// A table of figures for each group, then one of every goal with its verdict.
 void printReport(std::ostream& out, const SuiteReport& report);
 
 // One line of column names, then one per figure ("measured") and per goal ("goal"). Fields with a
