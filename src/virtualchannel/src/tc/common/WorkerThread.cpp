@@ -1,0 +1,246 @@
+#include "WorkerThread.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Log.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/tc/common/WorkerThread")
+
+namespace NorvoVirtualChannel::tc {
+
+using VDIFrameworkCommon::LocalLock;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+constexpr unsigned int kHighPriorityPerLow = 3;
+}
+
+WorkerThread::WorkerThread(Pause pause) : m_pause(std::move(pause)) {
+    NORVO_LOG(Trace, "WorkerThread()");
+}
+
+WorkerThread::~WorkerThread() { Stop(); }
+
+void WorkerThread::setPacketsToSendPerBreak(int packets) { m_packetsPerBreak = packets; }
+
+void WorkerThread::setBreakTime(int milliseconds) { m_breakTime = milliseconds; }
+
+void WorkerThread::Start() {
+    NORVO_LOG(Trace, "WorkerThread::Start()");
+    m_running = true;
+    LocalLock joinLock(m_joinMutex);
+    LocalLock workLock(m_workMutex);
+    m_thread = std::thread(&WorkerThread::run, this);
+    m_ended = false;
+}
+
+void WorkerThread::run() {
+    m_threadId = std::this_thread::get_id();
+    DoWork();
+    // What was queued before a Stop() that came ahead of the thread's first step, or of its last.
+    drain();
+    LocalLock lock(m_workMutex);
+    m_ended = true;
+    m_endCondition.notify_all();
+}
+
+void WorkerThread::AddWork(WorkItem item, bool lowPriority) {
+    NORVO_LOG(Trace, "WorkerThread::AddWork()");
+    if (lowPriority) {
+        addLowPriorityWork(std::move(item));
+    } else {
+        addHighPriorityWork(std::move(item));
+    }
+    wakeForWork();
+}
+
+void WorkerThread::AddWork(std::vector<WorkItem> items, bool lowPriority) {
+    NORVO_LOG(Trace, "WorkerThread::AddWork()");
+    Queue& queue = lowPriority ? m_lowPriority : m_highPriority;
+    {
+        LocalLock lock(queue.mutex);
+        for (WorkItem& item : items) {
+            queue.items.push_back(std::move(item));
+            NORVO_LOG(Trace, "AddWork --- ", lowPriority ? "LowPriority" : "HighPriority",
+                      ", size = ", queue.items.size());
+        }
+        m_queued += items.size();
+    }
+    wakeForWork();
+}
+
+void WorkerThread::wakeForWork() {
+    NORVO_LOG(Trace, "Size of work queue after adding an item: ", highPriorityQueueSize());
+    NORVO_LOG(Trace, "Signal mutex at AddWork()...");
+    {
+        LocalLock lock(m_workMutex);
+        m_workCondition.notify_all();
+    }
+    NORVO_LOG(Trace, "Unlock mutex at AddWork()...");
+}
+
+void WorkerThread::append(Queue& queue, WorkItem item, const char* label) {
+    LocalLock lock(queue.mutex);
+    queue.items.push_back(std::move(item));
+    ++m_queued;
+    NORVO_LOG(Trace, "AddWork --- ", label, ", size = ", queue.items.size());
+}
+
+void WorkerThread::addLowPriorityWork(WorkItem item) {
+    append(m_lowPriority, std::move(item), "LowPriority");
+}
+
+void WorkerThread::addHighPriorityWork(WorkItem item) {
+    append(m_highPriority, std::move(item), "HighPriority");
+}
+
+WorkItem WorkerThread::pop(Queue& queue, const char* label) {
+    LocalLock lock(queue.mutex);
+    NORVO_LOG(Trace, "popWork --- ", label, ", size = ", queue.items.size());
+    if (queue.items.empty()) return nullptr;
+    WorkItem item = std::move(queue.items.front());
+    queue.items.pop_front();
+    --m_queued;
+    return item;
+}
+
+WorkItem WorkerThread::popLowPriorityWork() { return pop(m_lowPriority, "LowPriority"); }
+
+WorkItem WorkerThread::popHighPriorityWork() { return pop(m_highPriority, "HighPriority"); }
+
+WorkItem WorkerThread::popWork() {
+    const unsigned int streak = m_highPriorityStreak.load(std::memory_order_relaxed);
+    if (streak == kHighPriorityPerLow) {
+        m_highPriorityStreak.store(0, std::memory_order_relaxed);
+        WorkItem item = popLowPriorityWork();
+        return item ? std::move(item) : popHighPriorityWork();
+    }
+    m_highPriorityStreak.store(streak + 1, std::memory_order_relaxed);
+    if (WorkItem item = popHighPriorityWork()) return item;
+    m_highPriorityStreak.store(0, std::memory_order_relaxed);
+    return popLowPriorityWork();
+}
+
+std::size_t WorkerThread::lowPriorityQueueSize() const {
+    LocalLock lock(m_lowPriority.mutex);
+    return m_lowPriority.items.size();
+}
+
+std::size_t WorkerThread::highPriorityQueueSize() const {
+    LocalLock lock(m_highPriority.mutex);
+    return m_highPriority.items.size();
+}
+
+int WorkerThread::DoWork() {
+    NORVO_LOG(Trace, "WorkerThread::DoWork()");
+    while (m_running) {
+        NORVO_LOG(Trace, "About to lock work mutex at DoWork()...");
+        if (QueueSize() != 0) {
+            NORVO_LOG(Trace,
+                      "The work queue is not empty, emptying it before waiting for it to be "
+                      "filled.");
+        } else {
+            waitForWork();
+        }
+        NORVO_LOG(Trace, "Received a signal, about to empty the queue.");
+        drain();
+    }
+    return 0;
+}
+
+void WorkerThread::waitForWork() {
+    LocalLock lock(m_workMutex);
+    NORVO_LOG(Trace, "work Mutex locked at DoWork(), waiting for condition...");
+    while (m_running && QueueSize() == 0) m_workCondition.wait(m_workMutex);
+    NORVO_LOG(Trace, "work Mutex locked at DoWork(), END waiting for condition");
+}
+
+void WorkerThread::drain() {
+    m_highPriorityStreak.store(0, std::memory_order_relaxed);
+    int countdown = m_packetsPerBreak;
+    while (QueueSize() != 0) {
+        if (WorkItem item = popWork()) item->DoWork();
+        NORVO_LOG(Trace, "Size of work queue after completing an item: ", highPriorityQueueSize());
+        pauseIfDue(countdown);
+    }
+}
+
+void WorkerThread::pauseIfDue(int& countdown) {
+    const int breakTime = m_breakTime;
+    if (breakTime == 0) return;
+    if (countdown != 0) {
+        --countdown;
+        return;
+    }
+    if (breakTime > 0) {
+        const std::chrono::milliseconds time(breakTime);
+        m_pause ? m_pause(time) : sleep(time);
+    }
+    countdown = m_packetsPerBreak - 1;
+}
+
+// A sleeping thread always wakes a little late. What one pause took too long is taken off the next,
+// so that the rate that the pauses set is also reached.
+void WorkerThread::sleep(std::chrono::milliseconds time) {
+    const Clock::duration slack = std::min<Clock::duration>(m_overslept, time / 2);
+    const Clock::time_point deadline = Clock::now() + time - slack;
+    LocalLock lock(m_workMutex);
+    bool due = false;
+    while (!due && (m_running || QueueSize() != 0)) {
+        due = !m_stopCondition.wait_until(m_workMutex, deadline);
+    }
+    m_overslept = due ? Clock::now() - deadline : Clock::duration::zero();
+}
+
+void WorkerThread::requestStop() {
+    m_running = false;
+    NORVO_LOG(Trace, "Sending signal to wake the work thread.");
+    LocalLock lock(m_workMutex);
+    m_workCondition.notify_all();
+    m_stopCondition.notify_all();
+}
+
+bool WorkerThread::onOwnThread() const { return m_threadId.load() == std::this_thread::get_id(); }
+
+void WorkerThread::join() {
+    LocalLock lock(m_joinMutex);
+    if (m_thread.joinable()) m_thread.join();
+    m_threadId = std::thread::id();
+    NORVO_LOG(Trace, "Worker thread stopped.");
+}
+
+void WorkerThread::Stop() {
+    requestStop();
+    if (!onOwnThread()) join();
+}
+
+bool WorkerThread::StopWithin(std::chrono::milliseconds limit) {
+    requestStop();
+    if (onOwnThread()) return false;
+    const auto deadline = Clock::now() + limit;
+    {
+        LocalLock lock(m_workMutex);
+        while (!m_ended) {
+            if (!m_endCondition.wait_until(m_workMutex, deadline) && !m_ended) return false;
+        }
+    }
+    join();
+    return true;
+}
+
+void WorkerThread::ResetQueue() {
+    NORVO_LOG(Trace, "WorkerThread::ResetQueue()");
+    clear(m_highPriority);
+    clear(m_lowPriority);
+    NORVO_LOG(Trace, "Reset the work queue.");
+}
+
+void WorkerThread::clear(Queue& queue) {
+    std::deque<WorkItem> dropped;  // made before the lock, so that its items go after it
+    LocalLock lock(queue.mutex);
+    dropped.swap(queue.items);
+    m_queued -= dropped.size();
+}
+
+}  // namespace NorvoVirtualChannel::tc

@@ -1,0 +1,80 @@
+// Work items that note when they run, and the things tests wait for.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "WorkerThread.h"
+
+namespace testsupport {
+
+// What happened, in order, from any thread.
+class Journal {
+public:
+    void add(std::string entry) {
+        std::lock_guard lock(m_mutex);
+        m_entries.push_back(std::move(entry));
+        m_changed.notify_all();
+    }
+    std::vector<std::string> entries() const {
+        std::lock_guard lock(m_mutex);
+        return m_entries;
+    }
+    // Whether there are `count` entries within 20 s.
+    bool waitFor(std::size_t count) const {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(20),
+                                  [&] { return m_entries.size() >= count; });
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+    std::vector<std::string> m_entries;
+};
+
+// A door that threads wait at until it is opened.
+class Door {
+public:
+    void open() {
+        std::lock_guard lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+    }
+    bool pass() {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(20), [&] { return m_open; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_open = false;
+};
+
+class FunctionWork : public NorvoVirtualChannel::tc::WorkObject {
+public:
+    explicit FunctionWork(std::function<void()> run) : m_run(std::move(run)) {}
+    int DoWork() override {
+        m_run();
+        return 0;
+    }
+
+private:
+    std::function<void()> m_run;
+};
+
+inline NorvoVirtualChannel::tc::WorkItem work(std::function<void()> run) {
+    return std::make_unique<FunctionWork>(std::move(run));
+}
+
+inline NorvoVirtualChannel::tc::WorkItem note(Journal& journal, std::string entry) {
+    return work([&journal, entry = std::move(entry)] { journal.add(entry); });
+}
+
+}  // namespace testsupport

@@ -1,0 +1,262 @@
+#include "WorkerThread.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "LogCapture.h"
+#include "Rounds.h"
+#include "WorkRecord.h"
+
+using namespace std::chrono_literals;
+using NorvoVirtualChannel::tc::WorkerThread;
+using NorvoVirtualChannel::tc::WorkItem;
+using testing::ElementsAre;
+using testsupport::Door;
+using testsupport::Journal;
+using testsupport::note;
+using testsupport::work;
+
+namespace {
+
+// Queues `items` while the worker cannot run, runs them all, and returns once they are done. The
+// worker runs them as one burst.
+void runAsOneBurst(WorkerThread& worker, int items, Journal& journal) {
+    for (int i = 1; i <= items; ++i) {
+        worker.addHighPriorityWork(note(journal, std::to_string(i)));
+    }
+    worker.Start();
+    worker.Stop();
+}
+
+// The numbers of the items after which a worker with these settings pauses.
+std::vector<int> pausesOf(int packetsPerBreak, int breakTime, int items) {
+    std::vector<int> pauses;
+    Journal journal;
+    WorkerThread worker([&](std::chrono::milliseconds time) {
+        EXPECT_EQ(time.count(), breakTime);
+        pauses.push_back(static_cast<int>(journal.entries().size()));
+    });
+    worker.setPacketsToSendPerBreak(packetsPerBreak);
+    worker.setBreakTime(breakTime);
+    runAsOneBurst(worker, items, journal);
+    EXPECT_EQ(journal.entries().size(), static_cast<std::size_t>(items));
+    return pauses;
+}
+
+}  // namespace
+
+TEST(WorkerThreadTest, PausesAfterTheEleventhItemAndThenAfterEveryTenth) {
+    EXPECT_THAT(pausesOf(10, 3, 45), ElementsAre(11, 21, 31, 41));
+    EXPECT_THAT(pausesOf(10, 10, 10), ElementsAre());
+    EXPECT_THAT(pausesOf(1, 3, 4), ElementsAre(2, 3, 4));
+}
+
+TEST(WorkerThreadTest, WithoutPacketsPerBreakPausesOnceABurst) {
+    EXPECT_THAT(pausesOf(0, 3, 30), ElementsAre(1));
+}
+
+TEST(WorkerThreadTest, WithoutABreakTimeNeverPauses) {
+    EXPECT_THAT(pausesOf(10, 0, 45), ElementsAre());
+    EXPECT_THAT(pausesOf(0, 0, 45), ElementsAre());
+}
+
+TEST(WorkerThreadTest, EveryBurstCountsAnew) {
+    testsupport::LogCapture log;
+    std::atomic<int> pauses{0};
+    Journal journal;
+    WorkerThread worker([&](std::chrono::milliseconds) { ++pauses; });
+    worker.setPacketsToSendPerBreak(10);
+    worker.setBreakTime(3);
+    worker.Start();
+    for (int i = 1; i <= 15; ++i) {
+        while (log.count(", waiting for condition...") < i) std::this_thread::yield();
+        worker.AddWork(note(journal, "item"), false);
+        ASSERT_TRUE(journal.waitFor(static_cast<std::size_t>(i)));
+    }
+    worker.Stop();
+    EXPECT_EQ(pauses, 0);
+}
+
+TEST(WorkerThreadTest, TakesEveryFourthItemFromTheLowPriorityQueue) {
+    Journal journal;
+    WorkerThread worker;
+    for (const char* name : {"l1", "l2"}) worker.addLowPriorityWork(note(journal, name));
+    for (const char* name : {"h1", "h2", "h3", "h4"}) {
+        worker.addHighPriorityWork(note(journal, name));
+    }
+    EXPECT_EQ(worker.QueueSize(), 6U);
+    EXPECT_EQ(worker.highPriorityQueueSize(), 4U);
+    EXPECT_EQ(worker.lowPriorityQueueSize(), 2U);
+    worker.Start();
+    worker.Stop();
+    EXPECT_THAT(journal.entries(), ElementsAre("h1", "h2", "h3", "l1", "h4", "l2"));
+}
+
+TEST(WorkerThreadTest, TakesWhatThereIsWhenOneQueueIsEmpty) {
+    Journal journal;
+    WorkerThread worker;
+    EXPECT_EQ(worker.popWork(), nullptr);
+    for (int i = 0; i < 5; ++i) worker.addHighPriorityWork(note(journal, "h"));
+    for (int i = 0; i < 5; ++i) EXPECT_NE(worker.popWork(), nullptr);
+    for (int i = 0; i < 5; ++i) worker.addLowPriorityWork(note(journal, "l"));
+    for (int i = 0; i < 5; ++i) EXPECT_NE(worker.popWork(), nullptr);
+    EXPECT_EQ(worker.QueueSize(), 0U);
+}
+
+TEST(WorkerThreadTest, RunsABatchInOrderAndUnbroken) {
+    Journal journal;
+    std::vector<WorkItem> batch;
+    for (const char* name : {"a", "b", "c"}) batch.push_back(note(journal, name));
+    WorkerThread worker;
+    worker.Start();
+    worker.AddWork(std::move(batch), true);
+    ASSERT_TRUE(journal.waitFor(3));
+    EXPECT_THAT(journal.entries(), ElementsAre("a", "b", "c"));
+}
+
+TEST(WorkerThreadTest, SkipsAnEmptyItem) {
+    Journal journal;
+    WorkerThread worker;
+    worker.addHighPriorityWork(nullptr);
+    worker.addHighPriorityWork(note(journal, "after"));
+    worker.Start();
+    worker.Stop();
+    EXPECT_THAT(journal.entries(), ElementsAre("after"));
+    EXPECT_EQ(worker.QueueSize(), 0U);
+}
+
+TEST(WorkerThreadTest, StopRunsWhatIsQueuedEvenWhenTheThreadHasNotBegun) {
+    for (int round = 0; round < testsupport::rounds(500); ++round) {
+        Journal journal;
+        WorkerThread worker;
+        worker.Start();
+        worker.AddWork(note(journal, "queued"), false);
+        worker.Stop();
+        ASSERT_EQ(journal.entries().size(), 1U);
+        worker.AddWork(note(journal, "late"), false);
+        ASSERT_EQ(journal.entries().size(), 1U);
+    }
+}
+
+TEST(WorkerThreadTest, ResetDropsUnsentItemsAndTheWorkerGoesOn) {
+    Journal journal;
+    Door busy;
+    auto alive = std::make_shared<int>();
+    WorkerThread worker;
+    worker.Start();
+    worker.AddWork(work([&] { busy.pass(); }), false);
+    worker.AddWork(work([&journal, alive] { journal.add("dropped"); }), false);
+    worker.AddWork(work([&journal, alive] { journal.add("dropped"); }), true);
+    worker.ResetQueue();
+    EXPECT_EQ(alive.use_count(), 1);
+    busy.open();
+    worker.AddWork(note(journal, "kept"), true);
+    ASSERT_TRUE(journal.waitFor(1));
+    EXPECT_THAT(journal.entries(), ElementsAre("kept"));
+}
+
+TEST(WorkerThreadTest, ResetWhileRunningLosesNothingElse) {
+    std::atomic<int> seen{0};
+    auto alive = std::make_shared<int>();
+    WorkerThread worker;
+    worker.Start();
+    const int items = testsupport::rounds(20000);
+    std::thread resetter([&] {
+        for (int i = 0; i < items / 10; ++i) worker.ResetQueue();
+    });
+    for (int i = 0; i < items; ++i) {
+        worker.AddWork(work([&seen, alive] { ++seen; }), i % 3 == 0);
+    }
+    resetter.join();
+    worker.AddWork(work([&seen, alive] { seen += items; }), false);
+    worker.Stop();
+    EXPECT_GE(seen, items);
+    EXPECT_EQ(alive.use_count(), 1);
+    EXPECT_EQ(worker.QueueSize(), 0U);
+}
+
+TEST(WorkerThreadTest, WakesForEverySingleItem) {
+    Journal journal;
+    WorkerThread worker;
+    worker.Start();
+    for (int i = 1; i <= testsupport::rounds(5000); ++i) {
+        worker.AddWork(note(journal, "item"), i % 2 == 0);
+        ASSERT_TRUE(journal.waitFor(static_cast<std::size_t>(i)));
+    }
+}
+
+TEST(WorkerThreadTest, StopCutsAPauseShortWhenNothingIsLeft) {
+    Journal journal;
+    WorkerThread worker;
+    worker.setPacketsToSendPerBreak(0);
+    worker.setBreakTime(60000);
+    worker.Start();
+    worker.AddWork(note(journal, "item"), false);
+    ASSERT_TRUE(journal.waitFor(1));
+    const auto start = std::chrono::steady_clock::now();
+    worker.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
+}
+
+TEST(WorkerThreadTest, RealPausesSetTheRateTheyName) {
+    constexpr int kPauses = 30;
+    Journal journal;
+    WorkerThread worker;
+    worker.setPacketsToSendPerBreak(1);
+    worker.setBreakTime(3);
+    const auto start = std::chrono::steady_clock::now();
+    runAsOneBurst(worker, kPauses + 1, journal);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, (kPauses - 1) * 3ms);
+}
+
+TEST(WorkerThreadTest, StopGivesUpOnAnItemThatDoesNotReturn) {
+    Door busy;
+    Journal journal;
+    WorkerThread worker;
+    worker.Start();
+    worker.AddWork(work([&] {
+                       journal.add("in");
+                       busy.pass();
+                   }),
+                   false);
+    ASSERT_TRUE(journal.waitFor(1));
+    EXPECT_FALSE(worker.StopWithin(10ms));
+    busy.open();
+    EXPECT_TRUE(worker.StopWithin(20s));
+    EXPECT_TRUE(worker.StopWithin(20s));
+}
+
+TEST(WorkerThreadTest, StopOnTheWorkersOwnThreadEndsItWithoutWaiting) {
+    Journal journal;
+    WorkerThread worker;
+    worker.Start();
+    worker.AddWork(work([&] {
+                       worker.Stop();
+                       journal.add(worker.StopWithin(20s) ? "joined" : "asked");
+                   }),
+                   false);
+    ASSERT_TRUE(journal.waitFor(1));
+    EXPECT_THAT(journal.entries(), ElementsAre("asked"));
+    EXPECT_TRUE(worker.StopWithin(20s));
+}
+
+TEST(WorkerThreadTest, TracesTheLifeOfAnItem) {
+    testsupport::LogCapture log;
+    Journal journal;
+    WorkerThread worker;
+    worker.AddWork(note(journal, "item"), true);
+    worker.Start();
+    worker.Stop();
+    for (const char* line :
+         {"WorkerThread()", "WorkerThread::AddWork()", "AddWork --- LowPriority, size = 1",
+          "Size of work queue after adding an item: 0", "Signal mutex at AddWork()...",
+          "Unlock mutex at AddWork()...", "WorkerThread::Start()", "WorkerThread::DoWork()",
+          "popWork --- HighPriority, size = 0",
+          "popWork --- LowPriority, size = ", "Size of work queue after completing an item: 0",
+          "Sending signal to wake the work thread.", "Worker thread stopped."}) {
+        EXPECT_TRUE(log.contains(line)) << line;
+    }
+}
