@@ -1,1 +1,7 @@
-# norvo_messages
+norvo_layer(norvo_messages
+    SOURCES
+        MessageBytes.cpp
+        StreamType.cpp
+        VCDataBlock.cpp
+        VCMessage.cpp
+    USES norvo_framework)

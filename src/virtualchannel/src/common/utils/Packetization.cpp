@@ -1,0 +1,152 @@
+#include <algorithm>
+#include <limits>
+
+#include "Log.h"
+#include "Packets.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/common/utils/Packets")
+
+namespace NorvoVirtualChannel {
+
+using VDIFrameworkCommon::LocalLock;
+using VDIFrameworkCommon::SharedBytes;
+
+Packetization::Packetization(PacketizationObserver* observer, int maxPacketSize)
+    : m_maxPacketSize(maxPacketSize), m_observer(observer), m_latest(m_table.end()) {}
+
+Packetization::~Packetization() = default;
+
+std::uint32_t Packetization::GetMaxPayloadSize() const {
+    return static_cast<std::uint32_t>(m_maxPacketSize) - kPacketHeaderSize;
+}
+
+// 0 when the message cannot be cut.
+std::uint32_t Packetization::packetsNeeded(const void* data, unsigned int length) const {
+    constexpr auto largest =
+        static_cast<unsigned int>(std::numeric_limits<std::int32_t>::max()) - kPacketHeaderSize;
+    if (length > largest || (!data && length > 0)) return 0;
+    if (m_maxPacketSize < static_cast<int>(kPacketHeaderSize)) return 0;
+    if (length == 0) return 1;
+    const std::uint32_t payloadMax = GetMaxPayloadSize();
+    return payloadMax == 0 ? 0 : (length - 1) / payloadMax + 1;
+}
+
+std::uint32_t Packetization::PacketizeData(const void* data, unsigned int length,
+                                           std::deque<Packet*>& out) {
+    NORVO_LOG(Trace, "Packetizing ", length, " bytes of data.");
+    const unsigned int id = UIDGenerator::GetInstance()->GetNextUID();
+    const std::uint32_t count = packetsNeeded(data, length);
+    NORVO_LOG(Trace, "Packets needed: ", count);
+    NORVO_LOG(Trace, "send message id: ", id, ", numPackets: ", count);
+    const std::size_t wireSize = length + std::size_t{count} * kPacketHeaderSize;
+    const SharedBytes storage = count > 0 ? SharedBytes::allocate(wireSize) : SharedBytes();
+    if (!storage) {
+        NORVO_LOG(Error, "Unable to packetize a message, length: ", length);
+        return static_cast<std::uint32_t>(out.size());
+    }
+
+    Header header{.totalPackets = count, .packetId = id, .messageSize = length + kPacketHeaderSize};
+    auto next = static_cast<const std::byte*>(data);
+    std::byte* wire = storage.data();
+    std::uint32_t remaining = length;
+    for (header.sequence = 1; header.sequence <= count; ++header.sequence) {
+        header.payloadSize = std::min(remaining, GetMaxPayloadSize());
+        out.push_front(new Packet(header, next, storage, wire));
+        NORVO_LOG(Trace, "Freeing temporary memory.");
+        next += header.payloadSize;
+        wire += kPacketHeaderSize + header.payloadSize;
+        remaining -= header.payloadSize;
+    }
+    NORVO_LOG(Trace, "Returning the dequeue.");
+    return static_cast<std::uint32_t>(out.size());
+}
+
+void Packetization::EnqueuePacket(const Packet* packet) {
+    NORVO_LOG(Trace, "Queuing packet to be reassembled.");
+    if (!packet) {
+        NORVO_LOG(Warning, "There is no packet to queue.");
+        return;
+    }
+    LocalLock lock(m_Mutex);
+    if (packet->GetTotalPackets() == 1) {
+        deliverUnsplit(*packet);
+        return;
+    }
+    NORVO_LOG(Trace, "Message has multiple packets, will need to queue.");
+    m_latest = findOrAdd(*packet);
+    PendingMessage& message = m_latest->second;
+    message.add(*packet);
+    if (message.arrived() == 1 || message.isComplete()) {
+        NORVO_LOG(Trace, "receive message id: ", packet->GetPacketID(), "Total: ", message.total(),
+                  " Arrived: ", message.arrived());
+    }
+    reassemble();
+}
+
+void Packetization::deliverUnsplit(const Packet& packet) {
+    NORVO_LOG(Trace, "receive message id: ", packet.GetPacketID());
+    NORVO_LOG(Trace, "Packet is within the maximum size limit no need to reassemble.");
+    if (!packet.isPacketValid()) {
+        NORVO_LOG(Warning, "The payload is NULL.");
+        return;
+    }
+    NORVO_LOG(Trace, "Notifying observer.");
+    m_observer->OnFullPacketReceived(packet.Payload().data(), packet.GetPayloadSize());
+}
+
+Packetization::Table::iterator Packetization::findOrAdd(const Packet& packet) {
+    const auto id = static_cast<std::int32_t>(packet.GetPacketID());
+    const auto found =
+        m_latest != m_table.end() && m_latest->first == id ? m_latest : m_table.find(id);
+    if (found != m_table.end()) {
+        NORVO_LOG(Trace, "An exisiting packet in this message has already been added.");
+        return found;
+    }
+    NORVO_LOG(Trace, "This is the first packet from this message.");
+    Table::iterator added;
+    if (m_spare) {
+        m_spare.key() = id;
+        m_spareHolder = id;
+        added = m_table.insert(std::move(m_spare)).position;
+    } else {
+        added = m_table.try_emplace(id).first;
+    }
+    added->second.start(packet.GetTotalPackets());
+    return added;
+}
+
+void Packetization::ReassemblePackets() {
+    LocalLock lock(m_Mutex);
+    reassemble();
+}
+
+void Packetization::reassemble() {
+    NORVO_LOG(Trace, "Checking if a packet can be reassembled.");
+    if (m_latest == m_table.end() || !m_latest->second.isComplete()) return;
+    deliver(m_latest->first, m_latest->second);
+    erase(m_latest);
+    m_latest = m_table.end();
+}
+
+void Packetization::deliver(std::int32_t id, PendingMessage& message) {
+    NORVO_LOG(Trace, "Entire message found.");
+    NORVO_LOG(Trace, "Message ID is ", id, ".");
+    NORVO_LOG(Trace, "Unassembled packets size: ", message.packetCount());
+    if (message.packetCount() == 0) {
+        NORVO_LOG(Warning, "Empty unassebled packets!!!");
+        return;
+    }
+    const auto whole = message.join();
+    if (!whole) return;
+    NORVO_LOG(Trace, "Notifying observer.");
+    m_observer->OnFullPacketReceived(whole->data(), static_cast<unsigned int>(whole->size()));
+}
+
+void Packetization::erase(Table::iterator entry) {
+    auto node = m_table.extract(entry);
+    if (m_spareHolder && *m_spareHolder != node.key()) return;
+    m_spareHolder.reset();
+    if (node.mapped().isWorthKeeping()) m_spare = std::move(node);
+}
+
+}  // namespace NorvoVirtualChannel

@@ -1,0 +1,84 @@
+// One typed field of an agent message.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "SharedBytes.h"
+
+namespace VirtualChannelAgent {
+
+// The 20 bytes before the value of a block and, with another flag, before the blocks of a message.
+// Little-endian and packed on the wire:
+//
+//     offset  width  field
+//          0      2  flag: 0xCDCD for a block, 0xCBCB for a message
+//          2      2  a message's checksum, always 0 and never checked; 0 in a block
+//          4      1  type: a block's field code, a message's message type
+//          5      4  size of the whole block or message in bytes, these 20 included
+//          9     11  0
+struct RecordHeader {
+    static constexpr std::uint32_t kSize = 20;
+    static constexpr std::uint16_t kBlockFlag = 0xCDCD;
+    static constexpr std::uint16_t kMessageFlag = 0xCBCB;
+
+    std::uint16_t flag = 0;
+    std::uint8_t type = 0;
+    std::uint32_t size = 0;
+
+    // `from` and `to`: at least `kSize` bytes.
+    static RecordHeader read(const void* from);
+    void write(void* to) const;
+};
+
+// One block: its header and value, in one heap buffer of its own. A block that cannot be built or
+// parsed is invalid, and its accessors then return nothing (0, empty or null). Not synchronised.
+class VCDataBlock {
+public:
+    VCDataBlock() = default;
+    // From a value. The text has no terminator and no length before it. Null `bytes` with a length
+    // are that many zeros. Integers are 4 bytes each, with no count. Logs when there is no memory
+    // for the block, or when its size does not fit 32 bits.
+    VCDataBlock(unsigned char type, const std::string& text);
+    VCDataBlock(unsigned char type, unsigned int value);
+    VCDataBlock(unsigned char type, const char* bytes, unsigned int length);
+    VCDataBlock(unsigned char type, const std::vector<unsigned int>& values);
+    // From one received block of exactly `length` bytes, which are copied.
+    VCDataBlock(const char* raw, unsigned int length);
+
+    VCDataBlock(const VCDataBlock&) = delete;
+    VCDataBlock& operator=(const VCDataBlock&) = delete;
+
+    // Whether these bytes are exactly one block.
+    static bool verifyData(const void* raw, unsigned int length);
+    // The checksum of a message's blocks: there is none, the result is always 0.
+    static constexpr unsigned short calcCheckSum(const unsigned short* /*data*/, int /*length*/) {
+        return 0;
+    }
+
+    bool isValid() const;
+    // The serialised block, and its size, header included.
+    const char* data() const;
+    unsigned int size() const;
+
+    unsigned char getType() const;
+    // The value, whatever it was built from, as text.
+    std::string getStrData() const;
+    // The value when it is 4 bytes long, else 0.
+    unsigned int getIntData() const;
+    // Points `out` at the value, which stays this block's own, and returns its length. 0, with
+    // `out` untouched, when that is null or the value is empty.
+    unsigned int getByteData(char** out) const;
+
+    void clear();
+
+private:
+    void build(unsigned char type, const void* value, std::size_t length);
+
+    RecordHeader m_header;
+    VDIFrameworkCommon::SharedBytes m_pBuffer;
+};
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,146 @@
+// The messages that the agents at the two ends of a virtual channel exchange.
+//
+// A message on the wire is a 20-byte header (RecordHeader with the message flag) and its blocks,
+// one after another, in the order in which they were added. Each block is one field
+// (VCDataBlock.h).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "MessageBytes.h"
+#include "VCDataBlock.h"
+
+namespace VirtualChannelAgent {
+
+// One byte on the wire. 8 is not used.
+enum MessageTypeEnum : unsigned char {
+    CTL_NOOP = 0,
+    CTL_MESSAGE_TYPE_NOTSUPPORTED = 1,
+    CTL_CONNECT = 2,
+    CTL_CONNECT_READY = 3,
+    CTL_CONNECTED = 4,
+    CTL_DISCONNECT = 5,
+    CTL_S_CREATE = 6,
+    CTL_S_CREATED = 7,
+    CTL_S_ROUTE = 9,
+    CTL_S_ERROR = 10,
+    CTL_LOGFLUSH = 11,
+};
+
+// A message type and fields. The message is held as it goes on the wire: building one writes each
+// value once, sending one needs no further copy (`wireBytes`), and a received one may be read where
+// it lies (`parseInPlace`). Up to about 240 bytes need no heap. Not synchronised; copies are
+// independent of each other and may be used on different threads.
+//
+// Setters add one field each, and adding one twice leaves two. Getters read the first field of
+// their code; without one they log and return nothing (0, empty text, `out` untouched). A field
+// that there is no memory for is logged and missing. Unknown fields are kept and not found by any
+// getter.
+class VCMessage {
+public:
+    // Not initialised, type 0, no fields.
+    VCMessage() { reset(); }
+    // A copy shares the fields until one of the two changes. The copy of a message that was parsed
+    // in place has bytes of its own; when there is no memory for them it is a default message.
+    VCMessage(const VCMessage& other) { *this = other; }
+    VCMessage& operator=(const VCMessage& other);
+
+    // Stores the type and makes the message initialised.
+    void setMessageType(MessageTypeEnum type);
+    // CTL_NOOP for a type that is not supported.
+    MessageTypeEnum getMessageType() const;
+    // The type byte as it is.
+    unsigned char rawMessageType() const { return m_type; }
+    bool isMessageTypeSupported() const;
+    bool isInitialized() const { return m_initialized; }
+
+    // Adds a copy of the block; nothing when it is null or invalid.
+    void addDataBlock(const std::shared_ptr<VCDataBlock>& block);
+
+    void setUnsupportedMessageType(unsigned char type);
+    unsigned char getUnsupportedMessageType() const;
+    bool hasUnsupportedMessageType() const;
+
+    void setStreamName(const std::string& name);
+    std::string getStreamName() const;
+    bool hasStreamName() const;
+
+    void setStreamType(unsigned int type);
+    unsigned int getStreamType() const;
+    bool hasStreamType() const;
+
+    void setStreamSize(unsigned int bytes);
+    unsigned int getStreamSize() const;
+    bool hasStreamSize() const;
+
+    // Null `data` with a length are that many zeros.
+    void setRouteData(const char* data, unsigned int length);
+    // Points `out` at the data, which stays the message's own (or the received bytes', after
+    // `parseInPlace`) and is not to be changed, and returns its length. Valid until the message
+    // changes or goes. Nothing when `out` is null or the data is empty.
+    unsigned int getRouteData(char** out) const;
+    bool hasRouteData() const;
+
+    // Stream names, each followed by "-".
+    void setSupportedStreams(const std::string& streams);
+    std::string getSupportedStreams() const;
+    bool hasSupportedStreams() const;
+
+    void setChannelVersion(const std::string& version);
+    std::string getChannelVersion() const;
+    bool hasChannelVersion() const;
+
+    // A decimal integer as text.
+    void setInternalVersion(const std::string& version);
+    std::string getInternalVersion() const;
+    bool hasInternalVersion() const;
+
+    void setClientVersion(const std::string& version);
+    std::string getClientVersion() const;
+    bool hasClientVersion() const;
+
+    // Bytes of all blocks, and of the whole message.
+    unsigned int getTotalDataSize() const { return byteSize() - RecordHeader::kSize; }
+    unsigned int byteSize() const { return m_bytes.size(); }
+
+    // Writes the message to `out`, which has room for `size` bytes. False when that is null or too
+    // little; nothing is written then.
+    bool serializeToArray(void* out, unsigned int size) const;
+    // The same bytes where they lie. Valid until the message changes or goes. After `parseInPlace`
+    // they are the received ones, whose unused header bytes need not be 0.
+    std::span<const std::byte> wireBytes() const { return {m_bytes.data(), m_bytes.size()}; }
+
+    // Whether `data` begins with the header of a message of exactly `length` bytes; logs why not.
+    static bool verifyData(const void* data, unsigned int length);
+    // Replaces the message by a received one, whose bytes are copied once. False, after a log line,
+    // for anything that is not a well-formed message: drop it then, whatever it holds. (It has the
+    // type and the blocks before the broken one, when its header was good.)
+    bool parseFromArray(const void* data, unsigned int length);
+    // The same without a copy: `data` must outlive the message, or its next change or copy.
+    bool parseInPlace(const void* data, unsigned int length);
+
+private:
+    enum class Keep { Copy, InPlace };
+
+    void reset();
+    bool parse(const void* data, unsigned int length, Keep keep);
+    // Writes the header of what the message now holds.
+    void writeHeader();
+    std::byte* addBlock(std::uint8_t code, std::size_t valueSize);
+    void addText(std::uint8_t code, const std::string& text);
+    void addNumber(std::uint8_t code, unsigned int value);
+    // The first block of that code, or an empty view.
+    std::span<const std::byte> find(std::uint8_t code) const;
+    std::string text(std::uint8_t code, std::string_view failure) const;
+    unsigned int number(std::uint8_t code, std::string_view failure) const;
+
+    bool m_initialized = false;
+    std::uint8_t m_type = 0;
+    MessageBytes m_bytes;  // the header and the blocks; well-formed at all times
+};
+
+}  // namespace VirtualChannelAgent
