@@ -4,12 +4,12 @@
 //     auto out = client.openStream("Media", NorvoStreamClient::Direction::Write);
 //     if (!out || !out->write("hello", 5, std::chrono::seconds(5))) return 1;
 //
-// The agent that serves the streams lives in the remote-desktop client's process, of the same user and
-// the same session namespace (NORVO_VDI_NAMESPACE). It may start, end and come back at any time: streams
-// that are open here are asked for again by themselves.
+// The agent that serves the streams lives in the remote-desktop client's process, of the same user
+// and the same session namespace (NORVO_VDI_NAMESPACE). It may start, end and come back at any
+// time: streams that are open here are asked for again by themselves.
 //
-// No function throws. Everything here may be called from several threads at once; the objects may be
-// closed and destroyed from any thread but a callback's own.
+// No function throws. Everything here may be called from several threads at once; the objects may
+// be closed and destroyed from any thread but a callback's own.
 #pragma once
 
 #include <chrono>
@@ -39,15 +39,15 @@ struct Options {
     // Called for every notification, on a thread of the client; may use the client and its streams,
     // but not close or destroy them. Empty: the notifications wait for nextNotification().
     std::function<void(const Notification&)> onNotification;
-    // Called when the two agents find or lose each other, and when this end's agent goes away; on the
-    // same thread and with the same limits.
+    // Called when the two agents find or lose each other, and when this end's agent goes away; on
+    // the same thread and with the same limits.
     std::function<void(bool connected)> onConnectionChange;
 };
 
 inline constexpr unsigned int kDefaultCapacity = 65536;  // bytes
 
-// One direction of one named stream. Obtained from Client::openStream; may outlive its client, and is
-// then closed.
+// One direction of one named stream. Obtained from Client::openStream; may outlive its client, and
+// is then closed.
 class NORVO_STREAM_CLIENT_API Stream {
 public:
     ~Stream();
@@ -62,15 +62,15 @@ public:
     // Waits until it is. False when `timeout` passed first, or the stream was closed.
     bool waitUntilUp(std::chrono::milliseconds timeout);
 
-    // Hands one message of `length` bytes (an empty one is nothing, and true) to the agent. Waits, up to
-    // `timeout` in all, for the stream to be up and for the agent to take what was written before. True
-    // when the whole message is in the segment. After false the message may have been written in part;
-    // the reader then drops it. Always false for a Read stream.
+    // Hands one message of `length` bytes (an empty one is nothing, and true) to the agent. Waits,
+    // up to `timeout` in all, for the stream to be up and for the agent to take what was written
+    // before. True when the whole message is in the segment. After false the message may have been
+    // written in part; the reader then drops it. Always false for a Read stream.
     bool write(const void* data, std::size_t length, std::chrono::milliseconds timeout);
 
-    // Takes the next message, waiting for it up to `timeout`. False, with `message` empty, when none
-    // came, the stream was closed, or it is a Write stream. A message that has begun to arrive is waited
-    // for beyond `timeout`.
+    // Takes the next message, waiting for it up to `timeout`. False, with `message` empty, when
+    // none came, the stream was closed, or it is a Write stream. A message that has begun to arrive
+    // is waited for beyond `timeout`.
     bool read(std::string& message, std::chrono::milliseconds timeout);
 
     // Ends waits on other threads; afterwards every call answers false. The agent keeps its end.
@@ -86,18 +86,19 @@ private:
 
 class NORVO_STREAM_CLIENT_API Client {
 public:
-    // Joins the agent's INFO streams; the agent need not be there yet. Declares this process a client,
-    // which never competes with the agent (for the life of the process).
+    // Joins the agent's INFO streams; the agent need not be there yet. Declares this process a
+    // client, which never competes with the agent (for the life of the process).
     explicit Client(Options options = {});
     // Closes.
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // Opens the stream `name` (1 to 64 letters, digits, '-', '_' and '.') with a segment of `capacity`
-    // bytes (1 to 1 GiB), and asks the agent for its end; the answer is not waited for. Both ends of a
-    // segment must give the same capacity. Empty when the name or capacity is not possible, the segment
-    // cannot be made (see the log), this client has the stream open already, or it is closed.
+    // Opens the stream `name` (1 to 64 letters, digits, '-', '_' and '.') with a segment of
+    // `capacity` bytes (1 to 1 GiB), and asks the agent for its end; the answer is not waited for.
+    // Both ends of a segment must give the same capacity. Empty when the name or capacity is not
+    // possible, the segment cannot be made (see the log), this client has the stream open already,
+    // or it is closed.
     std::shared_ptr<Stream> openStream(const std::string& name, Direction direction,
                                        unsigned int capacity = kDefaultCapacity);
 
@@ -107,8 +108,8 @@ public:
     // The process ID that the agent reports; 0 while none has been heard of.
     unsigned int agentProcessId() const;
 
-    // Sends one request of the INFO protocol. Its answer, if it has one, is a notification. False when
-    // no agent took it within `timeout`, or it does not fit (10240 bytes).
+    // Sends one request of the INFO protocol. Its answer, if it has one, is a notification. False
+    // when no agent took it within `timeout`, or it does not fit (10240 bytes).
     bool request(const std::string& operation, const std::vector<std::string>& fields,
                  std::chrono::milliseconds timeout);
 

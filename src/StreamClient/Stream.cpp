@@ -1,0 +1,66 @@
+#include <algorithm>
+#include <limits>
+
+#include "StreamImpl.h"
+
+namespace NorvoStreamClient {
+
+Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
+    const auto now = Clock::now();
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
+    return timeout >= left ? Clock::time_point::max() : now + timeout;
+}
+
+bool Stream::Impl::write(const void* data, std::size_t length, Clock::time_point deadline) {
+    if (m_direction != Direction::Write || length > std::numeric_limits<unsigned int>::max()) {
+        return false;
+    }
+    if (length == 0) return !m_closed;
+    const auto size = static_cast<unsigned int>(length);
+    do {
+        if (!waitUntilUp(deadline)) return false;
+        if (m_segment->WriteData(data, size)) return true;
+    } while (Clock::now() < deadline);
+    return false;
+}
+
+bool Stream::Impl::read(std::string& message, Clock::time_point deadline) {
+    // So that a segment that cannot be read at all does not make this a busy loop for its caller.
+    constexpr auto kLongestWait = std::chrono::milliseconds(200);
+    message.clear();
+    while (m_direction == Direction::Read && !m_closed) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        const auto wait = std::clamp(left, std::chrono::milliseconds(0), kLongestWait);
+        unsigned int length = 0;
+        message = m_segment->ReadData(length, static_cast<unsigned int>(wait.count()));
+        if (!message.empty()) return true;
+        if (Clock::now() >= deadline) return false;
+    }
+    return false;
+}
+
+void Stream::Impl::close() {
+    if (m_closed.exchange(true)) return;
+    m_view->removeStream(m_name);
+    m_segment->Close();
+}
+
+Stream::Stream(std::shared_ptr<Impl> impl) : m_impl(std::move(impl)) {}
+Stream::~Stream() { m_impl->close(); }
+
+const std::string& Stream::name() const { return m_impl->name(); }
+Direction Stream::direction() const { return m_impl->direction(); }
+bool Stream::isUp() const { return m_impl->isUp(); }
+bool Stream::waitUntilUp(std::chrono::milliseconds timeout) {
+    return m_impl->waitUntilUp(deadlineAfter(timeout));
+}
+bool Stream::write(const void* data, std::size_t length, std::chrono::milliseconds timeout) {
+    return m_impl->write(data, length, deadlineAfter(timeout));
+}
+bool Stream::read(std::string& message, std::chrono::milliseconds timeout) {
+    return m_impl->read(message, deadlineAfter(timeout));
+}
+void Stream::close() { m_impl->close(); }
+
+}  // namespace NorvoStreamClient

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "AgentView.h"
+#include "NorvoStreamClient.h"
+#include "SharedMemoryI.h"
+
+namespace NorvoStreamClient {
+
+class Stream::Impl {
+public:
+    // `segment` is set up in the direction's way already.
+    Impl(std::string name, Direction direction, std::shared_ptr<SharedMemoryI> segment,
+         std::shared_ptr<AgentView> view)
+        : m_name(std::move(name)),
+          m_direction(direction),
+          m_segment(std::move(segment)),
+          m_view(std::move(view)) {}
+    ~Impl() { close(); }
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    const std::string& name() const { return m_name; }
+    Direction direction() const { return m_direction; }
+    bool isUp() const { return !m_closed && m_view->isUp(m_name); }
+    bool waitUntilUp(Clock::time_point deadline) const {
+        return !m_closed && m_view->waitUntilUp(m_name, deadline);
+    }
+    bool write(const void* data, std::size_t length, Clock::time_point deadline);
+    bool read(std::string& message, Clock::time_point deadline);
+    void close();
+
+private:
+    const std::string m_name;
+    const Direction m_direction;
+    const std::shared_ptr<SharedMemoryI> m_segment;
+    const std::shared_ptr<AgentView> m_view;
+    std::atomic<bool> m_closed = false;
+};
+
+// The point in time `timeout` from now; the end of time when that lies beyond it.
+Clock::time_point deadlineAfter(std::chrono::milliseconds timeout);
+
+}  // namespace NorvoStreamClient
