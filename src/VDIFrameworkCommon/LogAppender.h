@@ -21,7 +21,7 @@ class LogAppender {
 public:
     static constexpr std::size_t kBufferBytes = std::size_t{64} * 1024;
 
-    LogAppender() = default;
+    explicit LogAppender(off_t fileLimit = LogFile::kDefaultLimit) : m_file(fileLimit) {}
     // Writes what is buffered.
     ~LogAppender();
     LogAppender(const LogAppender&) = delete;
