@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 
 #include "Mutex.h"
@@ -29,14 +32,18 @@ public:
     // Waits for at most 2000 ms. False when a living owner kept the lock that long, or when the
     // handle was never created.
     bool lock() override;
+    // The same with another limit.
+    bool lockFor(std::chrono::milliseconds limit);
 
     // Releases what this handle holds, or what a dead process left behind. False when there was
     // nothing of that kind: the lock of a living other owner is never touched.
     bool unlock() override;
 
 private:
-    friend class NamedCondition;
     std::shared_ptr<NamedObject> m_object;
+    // The identity of this process while it holds the lock through this handle. A copy in a forked
+    // child names the parent, which is right: the child holds nothing.
+    std::atomic<std::uint64_t> m_holder{0};
 };
 
 }  // namespace VDIFrameworkCommon

@@ -1,20 +1,32 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace VDIFrameworkCommon {
 
 // Thin wrappers of shm_open, ftruncate and shm_unlink; results and errno are theirs.
 
-// Puts the leading '/' and the session namespace on `name`, and shortens what is longer than the
-// system allows to a readable start and a hash. Refuses (-1, errno EACCES) an object of another
-// user or one that others may write to, and whatever is not a shared-memory object.
+// Opens (with O_CREAT in `flags`: or makes, zero-filled) the object called `name`, see
+// sharedMemoryObjectName(). A new object has exactly the permissions `mode`, whatever the umask.
+// Refuses (-1, errno EACCES) an object of another user or one that others may write to, and
+// whatever is not a shared-memory object. The descriptor is closed on exec.
 int shm_open_mac(const std::string& name, int flags, int mode);
 
-// Grows the object to `length` bytes; never shrinks one that others may have mapped. An object that
-// already has at least that size is left alone and 0 is returned.
+// Grows the object to `length` bytes and reserves its memory, so that a full system fails here and
+// not at the first touch; never shrinks one that others may have mapped. An object that already has
+// at least that size is left alone and 0 is returned. Where the system sizes an object only once
+// (macOS), growing it later fails with EINVAL.
 int ftruncate_mac(int fd, long long length);
 
 int shm_unlink_mac(const std::string& name);
+
+// What the system is given for `name`: a '/', the session namespace, and `name`. What is longer
+// than `limit` characters in all, or holds a '/', is cut to a readable start and a hash of the
+// whole.
+std::string sharedMemoryObjectName(std::string_view name, std::size_t limit);
+// The same with the system's own limit.
+std::string sharedMemoryObjectName(std::string_view name);
 
 }  // namespace VDIFrameworkCommon

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "LocalMutex.h"
+
+namespace VDIFrameworkCommon {
+
+// The file behind the active-agent record: /tmp/norvo/agent.<effective user ID> (with the session
+// namespace before it), readable by all, holding "norvo agent <process ID>". A process is marked
+// while it has a POSIX write lock on it: the only kind of lock that ends exactly with its process,
+// whatever that has forked, and that names its holder to anyone without being disturbed.
+//
+// Such a lock is lost when its process closes any descriptor of the file. So a process has one
+// AgentMark, one descriptor while it is marked, and answers from memory meanwhile.
+//
+// Other users may read the file and so lock it for reading, plant something under its name before
+// its owner comes, or link it elsewhere. None of that makes a process appear marked that is not.
+// Thread-safe and safe over fork: a child is not marked.
+class AgentMark {
+public:
+    static AgentMark& ofThisProcess();
+
+    // Marks this process. False when another one is marked, or, after one log line, when the file
+    // cannot be had.
+    bool claim();
+    // Whether this process is marked. Renews a file that was cleared away meanwhile, as the
+    // system's cleaners of /tmp do.
+    bool isClaimed();
+    // Ends the mark of this process and removes the file.
+    void release();
+
+    // The process that is marked for `user`; 0 for one whose ID is not known here (of a container).
+    std::optional<pid_t> holderOf(uid_t user);
+
+    static std::string pathOf(uid_t user);
+
+private:
+    enum class Attempt { Claimed, HeldByOther, Again, Failed };
+
+    AgentMark();
+    bool holds() NORVO_REQUIRES(m_mutex);
+    bool claimLocked() NORVO_REQUIRES(m_mutex);
+    Attempt attempt(int directory, const std::string& name) NORVO_REQUIRES(m_mutex);
+    bool renew() NORVO_REQUIRES(m_mutex);
+    void forget() NORVO_REQUIRES(m_mutex);
+
+    LocalMutex m_mutex;
+    int m_file NORVO_GUARDED_BY(m_mutex) = -1;
+    // Who opened m_file: not this process after a fork.
+    pid_t m_claimant NORVO_GUARDED_BY(m_mutex) = 0;
+    std::chrono::steady_clock::time_point m_touched NORVO_GUARDED_BY(m_mutex);
+};
+
+}  // namespace VDIFrameworkCommon

@@ -1,0 +1,7 @@
+#include "CurrentCpu.h"
+
+namespace VDIFrameworkCommon {
+
+int currentCpu() { return -1; }
+
+}  // namespace VDIFrameworkCommon

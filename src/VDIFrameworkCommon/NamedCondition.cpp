@@ -1,0 +1,150 @@
+#include "NamedCondition.h"
+
+#include <algorithm>
+
+#include "CpuRelax.h"
+#include "CurrentCpu.h"
+#include "Log.h"
+#include "NamedMutex.h"
+#include "NamedObject.h"
+
+NORVO_LOG_SOURCE("src/VDIFrameworkCommon/NamedCondition")
+
+namespace VDIFrameworkCommon {
+
+namespace {
+
+using Identity = ProcessIdentity::Word;
+
+// A notifier may be killed between its count and its wake-up; a sleeper finds out after this time.
+constexpr std::chrono::milliseconds kSlice{100};
+constexpr int kLooksPerClockRead = 8;
+
+bool isLivingOther(Identity notifier) {
+    return notifier != 0 && notifier != ProcessIdentity::own() &&
+           !ProcessIdentity::isGone(notifier);
+}
+
+// Whether another process that still lives has notified. One that lives is kept in memory over any
+// number of later ones that have ended.
+bool livingOtherHasNotified(NamedObjectWords& words) {
+    Identity last = words.notifier.load();
+    if (isLivingOther(last)) return true;
+    const Identity earlier = words.earlierNotifier.load();
+    if (!isLivingOther(earlier)) return false;
+    if (last != ProcessIdentity::own()) words.notifier.compare_exchange_strong(last, earlier);
+    return true;
+}
+
+void rememberNotifier(NamedObjectWords& words) {
+    const Identity me = ProcessIdentity::own();
+    if (words.notifier.load(std::memory_order_relaxed) != me) {
+        const Identity last = words.notifier.exchange(me);
+        if (last != me && last != 0) words.earlierNotifier.store(last);
+    }
+    const auto cpu = static_cast<std::uint32_t>(currentCpu() + 1);
+    if (words.notifierCpu.load(std::memory_order_relaxed) != cpu) {
+        words.notifierCpu.store(cpu, std::memory_order_relaxed);
+    }
+}
+
+void raise(std::atomic<std::uint64_t>& word, std::uint64_t value) {
+    std::uint64_t found = word.load();
+    while (found < value && !word.compare_exchange_weak(found, value)) {
+    }
+}
+
+// False when `deadline` passed first.
+bool parkPast(NamedObjectWords& words, std::uint64_t seen, WaitClock::time_point deadline) {
+    while (words.sequence.load() == seen) {
+        const auto now = WaitClock::now();
+        if (now >= deadline) return false;
+        raise(words.parkedAt, seen);
+        waitOnAddress(words.sequence, seen, std::min(deadline, now + kSlice));
+    }
+    return true;
+}
+
+}  // namespace
+
+NamedCondition::NamedCondition() = default;
+
+NamedCondition::~NamedCondition() {
+    if (m_hasNotified) --m_object->notifyingHandles;
+}
+
+bool NamedCondition::create(const char* name) {
+    auto object = NamedObject::open(NamedObject::Kind::Condition, name);
+    if (!object) return false;
+    if (m_hasNotified.exchange(false)) --m_object->notifyingHandles;
+    m_object = std::move(object);
+    NamedObjectWords& words = m_object->words();
+    const std::uint64_t sequence = words.sequence.load();
+    const bool counts = m_object->notifyingHandles > 0 || livingOtherHasNotified(words);
+    m_seen = counts ? sequence - 1 : sequence;
+    return true;
+}
+
+bool NamedCondition::timed_wait(NamedMutex& mutex, unsigned int milliseconds) {
+    if (!m_object) return false;
+    NamedObjectWords& words = m_object->words();
+    const std::uint64_t seen = words.sequence.load();
+    if (m_seen.exchange(seen, std::memory_order_relaxed) != seen) {
+        rememberPeer();
+        return true;
+    }
+    mutex.unlock();
+    const bool notified = waitPast(seen, milliseconds);
+    if (notified) {
+        // Before the mutex is locked again: what is notified after this still counts.
+        m_seen.store(words.sequence.load(), std::memory_order_relaxed);
+        rememberPeer();
+    }
+    if (mutex.lock()) return notified;
+    NORVO_LOG(Warning, "Mutex not free again after a wait on condition ", m_object->name());
+    return false;
+}
+
+bool NamedCondition::waitPast(std::uint64_t seen, unsigned int milliseconds) {
+    const auto start = WaitClock::now();
+    const auto deadline = start + std::chrono::milliseconds(milliseconds);
+    const bool notified = spinPast(seen) || parkPast(m_object->words(), seen, deadline);
+    m_spin.ended(WaitClock::now() - start, notified);
+    return notified;
+}
+
+bool NamedCondition::spinPast(std::uint64_t seen) const {
+    const NamedObjectWords& words = m_object->words();
+    const auto budget = m_spin.budget(m_peerCpu.load(std::memory_order_relaxed), currentCpu());
+    if (budget == AdaptiveSpin::Duration::zero()) return false;
+    const auto end = WaitClock::now() + budget;
+    do {
+        for (int i = 0; i < kLooksPerClockRead; ++i) {
+            if (words.sequence.load(std::memory_order_acquire) != seen) return true;
+            cpuRelax();
+        }
+    } while (WaitClock::now() < end);
+    return false;
+}
+
+// Where the last notifier ran, at a moment when that was another than this handle.
+void NamedCondition::rememberPeer() {
+    const auto cpu = m_object->words().notifierCpu.load(std::memory_order_relaxed);
+    m_peerCpu.store(static_cast<int>(cpu) - 1, std::memory_order_relaxed);
+}
+
+void NamedCondition::notify() {
+    if (!m_object) return;
+    if (!m_hasNotified.load(std::memory_order_relaxed) && !m_hasNotified.exchange(true)) {
+        ++m_object->notifyingHandles;
+    }
+    NamedObjectWords& words = m_object->words();
+    rememberNotifier(words);
+    // First, so that a wait on this handle meanwhile may end for nothing but never misses
+    // another's.
+    m_seen.fetch_add(1, std::memory_order_relaxed);
+    const std::uint64_t before = words.sequence.fetch_add(1);
+    if (words.parkedAt.load() >= before) wakeAll(words.sequence);
+}
+
+}  // namespace VDIFrameworkCommon

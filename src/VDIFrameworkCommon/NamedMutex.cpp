@@ -1,0 +1,145 @@
+#include "NamedMutex.h"
+
+#include <algorithm>
+
+#include "CpuRelax.h"
+#include "Log.h"
+#include "NamedObject.h"
+
+NORVO_LOG_SOURCE("src/VDIFrameworkCommon/NamedMutex")
+
+namespace VDIFrameworkCommon {
+
+namespace {
+
+using Identity = ProcessIdentity::Word;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kLockLimit{2000};
+constexpr Identity kContended = ProcessIdentity::kUserBit;
+constexpr int kSpins = 40;
+
+// How long a waiter sleeps before it looks whether the owner still lives: short at first, for an
+// owner that has just died, then longer, for one that is only slow.
+constexpr milliseconds kFirstSlice{2};
+constexpr milliseconds kLongestSlice{10};
+
+bool replaceOwner(NamedObjectWords& words, Identity from, Identity to) {
+    return words.owner.compare_exchange_strong(from, to, std::memory_order_acquire,
+                                               std::memory_order_relaxed);
+}
+
+bool spinForLock(NamedObjectWords& words, Identity me) {
+    for (int i = 0; i < kSpins; ++i) {
+        if (words.owner.load(std::memory_order_relaxed) == 0 && replaceOwner(words, 0, me)) {
+            return true;
+        }
+        cpuRelax();
+    }
+    return false;
+}
+
+class Waiter {
+public:
+    Waiter(NamedObject& object, Identity me, milliseconds limit)
+        : m_object(object),
+          m_words(object.words()),
+          m_me(me | kContended),
+          m_deadline(WaitClock::now() + limit) {}
+
+    bool wait() {
+        for (;;) {
+            const std::uint64_t released = m_words.released.load();
+            const Identity owner = m_words.owner.load();
+            if (owner == 0 || isAbandoned(owner)) {
+                if (take(owner)) return true;
+                continue;
+            }
+            // Before the look at the clock: one who leaves may have swallowed a wake-up, and the
+            // mark sees to it that the next release wakes another.
+            if (!(owner & kContended) && !replaceOwner(m_words, owner, owner | kContended)) {
+                continue;
+            }
+            if (WaitClock::now() >= m_deadline) return false;
+            sleep(released);
+        }
+    }
+
+private:
+    bool isAbandoned(Identity owner) const {
+        return m_lookClosely ? ProcessIdentity::isGone(owner)
+                             : ProcessIdentity::hasNoProcess(owner);
+    }
+
+    // Marked as contended, because there may be other waiters.
+    bool take(Identity from) {
+        if (!replaceOwner(m_words, from, m_me)) return false;
+        if (from != 0) {
+            NORVO_LOG(Notice, "Took over named mutex ", m_object.name(), " from process ",
+                      ProcessIdentity::pid(from), ", which has ended");
+        }
+        return true;
+    }
+
+    void sleep(std::uint64_t released) {
+        const auto until = std::min(WaitClock::now() + m_slice, m_deadline);
+        waitOnAddress(m_words.released, released, until);
+        m_lookClosely = WaitClock::now() >= until;
+        if (m_lookClosely) m_slice = std::min<milliseconds>(2 * m_slice, kLongestSlice);
+    }
+
+    NamedObject& m_object;
+    NamedObjectWords& m_words;
+    const Identity m_me;
+    const WaitClock::time_point m_deadline;
+    milliseconds m_slice = kFirstSlice;
+    bool m_lookClosely = false;
+};
+
+// Frees the lock if `holder` has it.
+bool release(NamedObjectWords& words, Identity holder) {
+    Identity found = holder;
+    if (words.owner.compare_exchange_strong(found, 0)) return true;
+    found = holder | kContended;
+    if (!words.owner.compare_exchange_strong(found, 0)) return false;
+    words.released.fetch_add(1);
+    wakeOne(words.released);
+    return true;
+}
+
+}  // namespace
+
+NamedMutex::NamedMutex() = default;
+NamedMutex::~NamedMutex() = default;
+
+bool NamedMutex::create(const char* name) {
+    m_object = NamedObject::open(NamedObject::Kind::Mutex, name);
+    return m_object != nullptr;
+}
+
+bool NamedMutex::lock() { return lockFor(kLockLimit); }
+
+bool NamedMutex::lockFor(milliseconds limit) {
+    if (!m_object) return false;
+    NamedObjectWords& words = m_object->words();
+    const Identity me = ProcessIdentity::own();
+    if (!replaceOwner(words, 0, me) && !spinForLock(words, me) &&
+        !Waiter(*m_object, me, limit).wait()) {
+        return false;
+    }
+    m_holder.store(me, std::memory_order_relaxed);
+    return true;
+}
+
+bool NamedMutex::unlock() {
+    if (!m_object) return false;
+    NamedObjectWords& words = m_object->words();
+    const Identity me = ProcessIdentity::own();
+    if (m_holder.load(std::memory_order_relaxed) == me && m_holder.exchange(0) == me) {
+        return release(words, me);
+    }
+    const Identity owner = words.owner.load();
+    return owner != 0 && ProcessIdentity::isGone(owner) && release(words, owner & ~kContended);
+}
+
+}  // namespace VDIFrameworkCommon

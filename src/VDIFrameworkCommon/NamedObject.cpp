@@ -1,0 +1,140 @@
+#include "NamedObject.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <utility>
+
+#include "LocalMutex.h"
+#include "Log.h"
+#include "PosixSharedMemory.h"
+
+NORVO_LOG_SOURCE("src/VDIFrameworkCommon/NamedObject")
+
+namespace VDIFrameworkCommon {
+
+namespace {
+
+constexpr std::uint64_t kMagic = 0x4f53564eU;  // "NVSO"
+constexpr std::uint64_t kLayoutVersion = 1;
+
+const char* textOf(NamedObject::Kind kind) {
+    return kind == NamedObject::Kind::Mutex ? "mutex" : "condition";
+}
+
+bool isPrivate(const struct stat& status) { return (status.st_mode & (S_IRWXG | S_IRWXO)) == 0; }
+
+// An object of any other size than none or enough was not made here, and stays as it is.
+bool ensureSize(int fd, struct stat& status) {
+    if (status.st_size == 0) {
+        if (ftruncate_mac(fd, NamedObject::kSize) != 0 || fstat(fd, &status) != 0) return false;
+    }
+    errno = EINVAL;
+    return status.st_size >= static_cast<off_t>(NamedObject::kSize);
+}
+
+bool claimIdent(NamedObjectWords& words, std::uint64_t ident) {
+    std::uint64_t found = 0;
+    return words.ident.compare_exchange_strong(found, ident) || found == ident;
+}
+
+}  // namespace
+
+// Which mappings this process has. Never destroyed: handles may be released at any time of the
+// process's end.
+struct NamedObject::Registry {
+    static Registry& get() {
+        static Registry* const registry = new Registry;
+        return *registry;
+    }
+
+    // The lock is held over a fork, so that the child finds it free and the map whole.
+    Registry() {
+        pthread_atfork([]() NORVO_NO_THREAD_SAFETY_ANALYSIS { get().mutex.lock(); },
+                       []() NORVO_NO_THREAD_SAFETY_ANALYSIS { get().mutex.unlock(); },
+                       []() NORVO_NO_THREAD_SAFETY_ANALYSIS { get().mutex.unlock(); });
+    }
+
+    LocalMutex mutex;
+    std::map<std::string, std::weak_ptr<NamedObject>> objects NORVO_GUARDED_BY(mutex);
+};
+
+std::string NamedObject::objectName(Kind kind, const std::string& name) {
+    return std::to_string(geteuid()) + '_' + textOf(kind) + '_' + name;
+}
+
+std::uint64_t NamedObject::identOf(Kind kind) {
+    return kMagic << 32 | kLayoutVersion << 24 | static_cast<std::uint64_t>(kind) << 16 |
+           kSize >> 4;
+}
+
+NamedObject::NamedObject(std::string name, std::string objectName, Place place, void* memory)
+    : m_name(std::move(name)),
+      m_objectName(std::move(objectName)),
+      m_place(place),
+      m_words(static_cast<NamedObjectWords*>(memory)) {}
+
+NamedObject::~NamedObject() {
+    munmap(m_words, kSize);
+    Registry& registry = Registry::get();
+    LocalLock lock(registry.mutex);
+    const auto entry = registry.objects.find(m_objectName);
+    if (entry != registry.objects.end() && entry->second.expired()) registry.objects.erase(entry);
+}
+
+std::shared_ptr<NamedObject> NamedObject::open(Kind kind, const char* name) {
+    if (!name || !*name) {
+        NORVO_LOG(Warning, "A named ", textOf(kind), " needs a name");
+        return nullptr;
+    }
+    const std::string objectName = NamedObject::objectName(kind, name);
+    const int fd = shm_open_mac(objectName, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
+    if (fd < 0) {
+        NORVO_LOG(Error, "Cannot open named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
+        return nullptr;
+    }
+    auto object = map(kind, name, objectName, fd);
+    close(fd);
+    return object;
+}
+
+std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name,
+                                              const std::string& objectName, int fd) {
+    struct stat status;
+    if (fstat(fd, &status) != 0 || !isPrivate(status) || !ensureSize(fd, status)) {
+        NORVO_LOG(Warning, "Refused named ", textOf(kind), ' ', name,
+                  ": its object is open to other users or has the wrong size");
+        return nullptr;
+    }
+    const Place place{status.st_dev, status.st_ino};
+    Registry& registry = Registry::get();
+    std::shared_ptr<NamedObject> known;  // outlives the lock, which its destructor takes
+    LocalLock lock(registry.mutex);
+    if (const auto entry = registry.objects.find(objectName); entry != registry.objects.end()) {
+        known = entry->second.lock();
+    }
+    // The name may have been removed from the system and made anew since.
+    if (known && known->m_place == place) return known;
+    void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (memory == MAP_FAILED) {
+        NORVO_LOG(Error, "Cannot map named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
+        return nullptr;
+    }
+    if (!claimIdent(*static_cast<NamedObjectWords*>(memory), identOf(kind))) {
+        NORVO_LOG(Warning, "Refused named ", textOf(kind), ' ', name,
+                  ": its object has another layout");
+        munmap(memory, kSize);
+        return nullptr;
+    }
+    std::shared_ptr<NamedObject> object(new NamedObject(name, objectName, place, memory));
+    registry.objects[objectName] = object;
+    return object;
+}
+
+}  // namespace VDIFrameworkCommon

@@ -1,0 +1,96 @@
+// The shared-memory object behind a named mutex or condition.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "ProcessIdentity.h"
+#include "WaitOnAddress.h"
+
+namespace VDIFrameworkCommon {
+
+// What the object holds; the rest of its 16384 bytes is zero. All-zero is a valid new object: the
+// first process to come writes `ident` by one compare-and-swap, and nothing else needs a creator.
+struct NamedObjectWords {
+    // Magic, layout version, kind and size; see NamedObject::identOf.
+    std::atomic<std::uint64_t> ident;
+
+    // Mutex. The owner's identity, its user bit set when somebody may be waiting; 0 when free.
+    // Set by whoever takes the lock, cleared by the owner, or by others once the owner is gone.
+    alignas(64) std::atomic<ProcessIdentity::Word> owner;
+    // Counts the releases that found the user bit set; waiters sleep on it.
+    WaitWord released;
+
+    // Condition. Counts the notifications; waiters sleep on it. Written by each notifier.
+    alignas(64) WaitWord sequence;
+    // The highest `sequence` at which somebody has gone to sleep; only raised, by waiters. A
+    // notifier that finds a lower one has nobody to wake.
+    std::atomic<std::uint64_t> parkedAt;
+    // The process that notified last, and a different one that did so before it. Written by
+    // notifiers, before `sequence`.
+    std::atomic<ProcessIdentity::Word> notifier;
+    std::atomic<ProcessIdentity::Word> earlierNotifier;
+    // The processor it notified from, plus 1; 0 when not known.
+    std::atomic<std::uint32_t> notifierCpu;
+};
+static_assert(offsetof(NamedObjectWords, ident) == 0);
+static_assert(offsetof(NamedObjectWords, owner) == 64);
+static_assert(offsetof(NamedObjectWords, released) == 72);
+static_assert(offsetof(NamedObjectWords, sequence) == 128);
+static_assert(offsetof(NamedObjectWords, parkedAt) == 136);
+static_assert(offsetof(NamedObjectWords, notifier) == 144);
+static_assert(offsetof(NamedObjectWords, earlierNotifier) == 152);
+static_assert(offsetof(NamedObjectWords, notifierCpu) == 160);
+
+// One mapping of such an object; all handles of a process on one name share it, and it is unmapped
+// with the last of them. The object itself stays in the system.
+class NamedObject {
+public:
+    enum class Kind : std::uint8_t { Mutex = 1, Condition = 2 };
+
+    // The largest memory page of the supported systems.
+    static constexpr std::size_t kSize = 16384;
+
+    // Opens the object of that kind and name for this user and session namespace, making it when
+    // there is none. Null, after one log line, when the system refuses, or when what has that name
+    // is of another user, open to others, or not of this layout.
+    static std::shared_ptr<NamedObject> open(Kind kind, const char* name);
+    ~NamedObject();
+    NamedObject(const NamedObject&) = delete;
+    NamedObject& operator=(const NamedObject&) = delete;
+
+    NamedObjectWords& words() { return *m_words; }
+    const std::string& name() const { return m_name; }
+
+    // How many handles of this process have notified and still exist.
+    std::atomic<int> notifyingHandles{0};
+
+    // The name that the shared-memory wrappers get: the effective user ID, the kind, the name.
+    static std::string objectName(Kind kind, const std::string& name);
+    static std::uint64_t identOf(Kind kind);
+
+private:
+    struct Place {
+        dev_t device;
+        ino_t inode;
+        bool operator==(const Place&) const = default;
+    };
+    struct Registry;
+
+    NamedObject(std::string name, std::string objectName, Place place, void* memory);
+
+    static std::shared_ptr<NamedObject> map(Kind kind, const std::string& name,
+                                            const std::string& objectName, int fd);
+
+    const std::string m_name;
+    const std::string m_objectName;
+    const Place m_place;
+    NamedObjectWords* const m_words;
+};
+
+}  // namespace VDIFrameworkCommon

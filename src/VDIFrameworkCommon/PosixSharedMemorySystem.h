@@ -1,0 +1,26 @@
+// Where the systems' shared-memory objects differ; used by PosixSharedMemory.cpp only.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+
+namespace VDIFrameworkCommon::shared_memory_system {
+
+// The longest object name, with its leading '/'.
+std::size_t nameLimit();
+
+// shm_open of an existing object; never blocks on what is not one.
+int openExisting(const char* name, int flags);
+
+// shm_open with O_CREAT and O_EXCL; the new object gets exactly `mode`.
+int createNew(const char* name, int flags, int mode);
+
+// Whether the status is that of a shared-memory object.
+bool isObject(const struct stat& status);
+
+// Grows an object of `current` bytes to `length`; like ftruncate. May be called by several
+// processes at once.
+int grow(int fd, long long current, long long length);
+
+}  // namespace VDIFrameworkCommon::shared_memory_system

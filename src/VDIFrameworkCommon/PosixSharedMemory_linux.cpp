@@ -1,0 +1,38 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "PosixSharedMemorySystem.h"
+
+namespace VDIFrameworkCommon::shared_memory_system {
+
+std::size_t nameLimit() { return 255; }
+
+int openExisting(const char* name, int flags) { return shm_open(name, flags | O_NONBLOCK, 0); }
+
+int createNew(const char* name, int flags, int mode) {
+    const auto permissions = static_cast<mode_t>(mode);
+    const int fd = shm_open(name, flags | O_CREAT | O_EXCL, permissions);
+    struct stat status;
+    // The umask applied: another process of this user would be locked out.
+    if (fd >= 0 && fstat(fd, &status) == 0 && (status.st_mode & 07777) != permissions) {
+        fchmod(fd, permissions);
+    }
+    return fd;
+}
+
+bool isObject(const struct stat& status) { return S_ISREG(status.st_mode); }
+
+// posix_fallocate only ever extends, so two processes that size an object at once cannot shrink it.
+int grow(int fd, long long, long long length) {
+    int error = EINTR;
+    for (int attempt = 0; attempt < 100 && error == EINTR; ++attempt) {
+        error = posix_fallocate(fd, 0, static_cast<off_t>(length));
+    }
+    if (error != 0) errno = error;
+    return error == 0 ? 0 : -1;
+}
+
+}  // namespace VDIFrameworkCommon::shared_memory_system

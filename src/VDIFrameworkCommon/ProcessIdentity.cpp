@@ -1,0 +1,71 @@
+#include "ProcessIdentity.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+
+namespace VDIFrameworkCommon {
+
+namespace {
+
+using Word = ProcessIdentity::Word;
+namespace system_specific = process_identity_system;
+
+constexpr unsigned kTagShift = 44;
+constexpr unsigned kStartShift = 24;
+constexpr Word kFieldMask = 0xfffff;
+
+std::atomic<Word> g_own{0};
+
+// 20 well mixed bits, never 0.
+Word fold(std::uint64_t value) {
+    value = (value ^ (value >> 31)) * 0x9e3779b97f4a7c15U;
+    const Word folded = (value >> 40) & kFieldMask;
+    return folded ? folded : 1;
+}
+
+Word startOf(Word word) { return (word >> kStartShift) & kFieldMask; }
+Word tagOf(Word word) { return word >> kTagShift; }
+
+Word lookAtSelf() {
+    static const int registered =
+        pthread_atfork(nullptr, nullptr, [] { g_own.store(0, std::memory_order_relaxed); });
+    static_cast<void>(registered);
+    const pid_t pid = getpid();
+    const Word own = ProcessIdentity::compose(system_specific::namespaceTag(),
+                                              system_specific::look(pid).startTime, pid);
+    g_own.store(own, std::memory_order_relaxed);
+    return own;
+}
+
+bool isComparable(Word word) { return tagOf(word) == tagOf(ProcessIdentity::own()); }
+
+}  // namespace
+
+Word ProcessIdentity::own() {
+    const Word own = g_own.load(std::memory_order_relaxed);
+    return own ? own : lookAtSelf();
+}
+
+Word ProcessIdentity::compose(std::uint64_t namespaceTag, std::uint64_t startTime, pid_t pid) {
+    return fold(namespaceTag) << kTagShift | fold(startTime) << kStartShift |
+           (static_cast<Word>(pid) & (kUserBit - 1));
+}
+
+bool ProcessIdentity::hasNoProcess(Word word) {
+    if (!isComparable(word)) return false;
+    // 0 would be the caller's process group, and is nobody's ID.
+    return pid(word) == 0 || (kill(pid(word), 0) != 0 && errno == ESRCH);
+}
+
+bool ProcessIdentity::isGone(Word word) {
+    if (!isComparable(word)) return false;
+    if (hasNoProcess(word)) return true;
+    const auto state = system_specific::look(pid(word));
+    return state.known && (state.ended || fold(state.startTime) != startOf(word));
+}
+
+}  // namespace VDIFrameworkCommon

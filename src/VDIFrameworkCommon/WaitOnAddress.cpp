@@ -1,0 +1,28 @@
+#include "WaitOnAddress.h"
+
+namespace VDIFrameworkCommon {
+
+namespace {
+
+#ifdef NORVO_POLLING_WAIT
+std::atomic<WaitBackend> g_backend{WaitBackend::Polling};
+#else
+std::atomic<WaitBackend> g_backend{WaitBackend::System};
+#endif
+
+}  // namespace
+
+void waitOnAddress(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
+    const bool polling = g_backend.load(std::memory_order_relaxed) == WaitBackend::Polling;
+    if (polling || !wait_backend::systemWait(word, expected, deadline)) {
+        wait_backend::poll(word, expected, deadline);
+    }
+}
+
+void wakeOne(const WaitWord& word) { wait_backend::systemWake(word, false); }
+
+void wakeAll(const WaitWord& word) { wait_backend::systemWake(word, true); }
+
+WaitBackend setWaitBackend(WaitBackend backend) { return g_backend.exchange(backend); }
+
+}  // namespace VDIFrameworkCommon

@@ -1,0 +1,46 @@
+// By futex. The words are shared between processes, so the futexes are not private.
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cerrno>
+#include <climits>
+#include <ctime>
+
+#include "WaitOnAddress.h"
+
+namespace VDIFrameworkCommon::wait_backend {
+
+namespace {
+
+// A futex has 32 bits: the low half of the word.
+static_assert(std::endian::native == std::endian::little);
+
+const std::uint32_t* lowHalf(const WaitWord& word) {
+    return reinterpret_cast<const std::uint32_t*>(&word);
+}
+
+timespec absolute(WaitClock::time_point time) {
+    const auto sinceEpoch = time.time_since_epoch();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
+    const auto rest = std::chrono::duration_cast<std::chrono::nanoseconds>(sinceEpoch - seconds);
+    return {static_cast<time_t>(seconds.count()), static_cast<long>(rest.count())};
+}
+
+}  // namespace
+
+// With a bit set, the time is absolute on the clock of WaitClock. Format: futex(2).
+bool systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
+    const timespec until = absolute(deadline);
+    const long result =
+        syscall(SYS_futex, lowHalf(word), FUTEX_WAIT_BITSET, static_cast<std::uint32_t>(expected),
+                &until, nullptr, FUTEX_BITSET_MATCH_ANY);
+    return result == 0 || errno == EAGAIN || errno == EINTR || errno == ETIMEDOUT;
+}
+
+void systemWake(const WaitWord& word, bool all) {
+    syscall(SYS_futex, lowHalf(word), FUTEX_WAKE, all ? INT_MAX : 1, nullptr, nullptr, 0);
+}
+
+}  // namespace VDIFrameworkCommon::wait_backend
