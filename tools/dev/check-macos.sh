@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# check-macos.sh: cross-compiles and links the whole tree for macOS on Arm and Intel, and inspects
+# what came out; merges the two builds of the shared library into build-macos.
+source "$(dirname "$0")/common.sh"
+
+dev=$root/tools/dev
+library=libNorvoCrewsVirtualChannel
+minimum=11.0
+architectures=(arm64 x86_64)
+failures=0
+
+expect() { # WHAT ACTUAL EXPECTED
+    if [ "$2" = "$3" ]; then
+        say "ok: $1"
+    else
+        say "wrong: $1 is" "$2" "instead of" "$3"
+        failures=$((failures + 1))
+    fi
+}
+
+# One image built for one architecture: whatever is loaded into a process on macOS must pass this.
+check_image() { # FILE ARCHITECTURE
+    local name=${1##*/} loaded
+    expect "$name ($2): architecture" "$(llvm-lipo-19 -archs "$1" | xargs)" "$2"
+    expect "$name ($2): minimum system" \
+        "$(llvm-objdump-19 --macho --private-headers "$1" | awk '$1 == "minos" { print $2 }')" $minimum
+    # The first line is the file's name; a library lists itself.
+    loaded=$(llvm-otool-19 -L "$1" | awk 'NR > 1 { print $1 }' | grep -v "/$library")
+    expect "$name ($2): libraries it loads" "$loaded" /usr/lib/libSystem.B.dylib
+    "$dev/check-macho-signature.py" "$1" || failures=$((failures + 1))
+}
+
+check_library() { # FILE, one architecture or both
+    local architecture
+    for architecture in $(llvm-lipo-19 -archs "$1"); do
+        expect "install name ($architecture)" \
+            "$(llvm-otool-19 -arch "$architecture" -D "$1" | tail -1)" "@rpath/$library.1.dylib"
+        expect "exported symbols ($architecture)" \
+            "$(llvm-objdump-19 --macho --arch="$architecture" --exports-trie "$1" |
+                awk '$2 ~ /^_/ { print substr($2, 2) }' | sort)" \
+            "$(grep -vE '^(#|$)' "$exports" | sort)"
+    done
+}
+
+find_library() { find "$root/build-macos-$1" -type f -name "$library*.dylib" | head -1; }
+
+"$root/cmake/macos/install-compiler.sh" >/dev/null
+for architecture in "${architectures[@]}"; do
+    tree=$root/build-macos-$architecture
+    "$dev/build.sh" "macos-$architecture"
+    mapfile -t programs < <(find "$tree" -type f -perm -u+x ! -name '*.*' ! -path '*/CMakeFiles/*')
+    for image in "${programs[@]}" $(find_library "$architecture"); do
+        check_image "$image" "$architecture"
+    done
+done
+
+exports=$(find "$root/src" "$root/cmake" -name exports.txt | head -1)
+if [ -n "$(find_library arm64)" ] && [ -n "$exports" ]; then
+    mkdir -p "$root/build-macos"
+    merged=$root/build-macos/$library.dylib
+    llvm-lipo-19 -create "$(find_library arm64)" "$(find_library x86_64)" -output "$merged"
+    expect "merged library" "$(llvm-lipo-19 -archs "$merged" | xargs)" "arm64 x86_64"
+    check_library "$merged"
+    "$dev/check-macho-signature.py" "$merged" || failures=$((failures + 1))
+fi
+[ $failures = 0 ] || fail "$failures checks of the macOS build failed"
