@@ -20,9 +20,9 @@ class AgentEnvironment;
 // the agent has two threads of its own, and one per stream that it writes; nothing of it runs any
 // more once stop() or the destructor has returned.
 //
-// What the agent calls: SendData, GetType and the window questions of its channel may call any
-// Observer operation of the agent back, from inside. onAgentStateChange may not; it may use the
-// channel itself and IsConnected(). Nothing is ever thrown.
+// What the agent calls: the window questions and GetType of its channel may call any Observer
+// operation of the agent back, from inside. SendData and onAgentStateChange may not, on the calling
+// thread; they may use the channel itself and IsConnected(). Nothing is ever thrown.
 class Agent : public NorvoVirtualChannel::Observer, public SharedMemoryObserverI {
 public:
     // One stream between the agent and a local process (AgentStream.h).
@@ -72,7 +72,8 @@ public:
 
 private:
     struct Parts;
-    void release();
+    enum class Ending { Orderly, Silent };
+    void end(Ending ending);
 
     const std::unique_ptr<Parts> m_parts;
 };

@@ -1,0 +1,146 @@
+#include "AgentConnection.h"
+
+#include "StreamType.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
+
+namespace VirtualChannelAgent {
+
+using lock_order::OrderedLock;
+
+namespace {
+
+// Between two streams that are announced again, so that a host that paces its packets keeps up.
+constexpr std::chrono::milliseconds kAnnouncePause{5};
+
+VCMessage bareMessage(MessageTypeEnum type) {
+    VCMessage message;
+    message.setMessageType(type);
+    return message;
+}
+
+}  // namespace
+
+void AgentConnection::setConnected() {
+    OrderedLock lock(m_transitionMutex, lock_order::transition);
+    if (m_context.stopping) return;
+    AGENT_LOG(Notice, "Virtual Channel Agents are connected");
+    m_notifier.notifyCurrentProcessId(true);
+    m_notifier.notifyChannelVersion();
+    m_notifier.notifyEnviromentType();
+    AGENT_LOG(Info, "Agents are connected: ", m_context.connected.load(),
+              " ,Agents were previously connected: ", m_previouslyConnected.load());
+    if (m_previouslyConnected || m_firstConnection) {
+        m_notifier.notifyEvent("ChannelUp");
+        m_firstConnection = false;
+    }
+    if (m_peerReady && (m_context.connected || m_previouslyConnected)) {
+        announceAgain();
+        m_previouslyConnected = false;
+        m_peerReady = false;
+    }
+    if (!m_context.connected) begin();
+}
+
+void AgentConnection::announceAgain() {
+    for (const auto& stream : m_streams.snapshot()) {
+        if (stream->name() == m_context.infoOutputName) continue;
+        if (m_context.stopping) return;
+        AGENT_LOG(Info, "Tell the Agent on the other side to reconnect to this stream: ",
+                  stream->name());
+        m_outgoing.SendMessageToChannelAboutStream(CTL_S_CREATE, stream->name(), stream->type(),
+                                                   stream->size());
+        m_context.environment->pause(kAnnouncePause);
+    }
+}
+
+void AgentConnection::begin() {
+    AGENT_LOG(Info, "Virtual Channel Agents is loaded by process id: ", utils::GetProcessId());
+    if (auto* const channel = m_link.channel()) channel->onAgentStateChange(true);
+    if (!m_context.environment->markActive()) {
+        AGENT_LOG(Warning, "Another virtual channel agent is marked as the active one.");
+    }
+    m_context.connected = true;
+    if (m_outgoing.start() && m_checker.start()) return;
+    AGENT_LOG(Error, "Cannot start the threads of a connection.");
+    leave();
+}
+
+void AgentConnection::setDisconnected() {
+    OrderedLock lock(m_transitionMutex, lock_order::transition);
+    leave();
+}
+
+void AgentConnection::leave() {
+    AGENT_LOG(Notice, "Virtual Channel Agents are disconnected");
+    if (m_context.connected) {
+        m_previouslyConnected = true;
+        if (auto* const channel = m_link.channel()) channel->onAgentStateChange(false);
+        m_context.environment->clearActive();
+        m_context.connected = false;
+    }
+    m_checker.requestStop();
+    m_outgoing.stop();
+    m_checker.stop();
+    m_notifier.notifyEvent("ChannelDown");
+    VirtualChannelLogger_flushBufferIfAllowed();
+}
+
+void AgentConnection::requestConnect() {
+    AGENT_LOG(Info, "requestConnect()");
+    m_link.SendMessageToChannel(bareMessage(CTL_CONNECT), false);
+}
+
+void AgentConnection::requestDisconnect() {
+    AGENT_LOG(Info, "requestDisconnect()");
+    m_link.SendMessageToChannel(bareMessage(CTL_DISCONNECT), false);
+    setDisconnected();
+}
+
+void AgentConnection::sendFlushLogs() {
+    AGENT_LOG(Info, "sendFlushLogs()");
+    m_link.SendMessageToChannel(bareMessage(CTL_LOGFLUSH), false);
+    VirtualChannelLogger_flush();
+}
+
+void AgentConnection::availabilityChanged(bool available) {
+    AGENT_LOG(Notice, "OnVirtualChannelAvailabilityChange: ",
+              available ? "available " : "not available ");
+    if (m_context.stopping) return;
+    if (m_context.environment->hasOtherActiveAgent()) {
+        AGENT_LOG(Notice,
+                  "Another virtual channel agent is connected, so ignore "
+                  "OnVirtualChannelAvailabilityChange.");
+        return;
+    }
+    if (available == m_channelAvailable) AGENT_LOG(Info, "Availability didn't actually change");
+    if (!available) {
+        AGENT_LOG(Notice, "Virtual Channel is not available");
+        setDisconnected();
+    } else if (!m_context.connected) {
+        AGENT_LOG(Info, "Check if remote side is able to talk to us");
+        requestConnect();
+    }
+    m_channelAvailable = available;
+}
+
+void AgentConnection::channelShutsDown() {
+    AGENT_LOG(Notice, "Virtual Channel shutting down");
+    if (!m_context.connected) return;
+    AGENT_LOG(Info, "setting disconnect");
+    setDisconnected();
+}
+
+void AgentConnection::end(bool tellPeer) {
+    // A transition that began before stopping was set has ended when this lock is free again, and
+    // later ones see it.
+    { OrderedLock lock(m_transitionMutex, lock_order::transition); }
+    if (!m_context.connected) return;
+    if (tellPeer) {
+        requestDisconnect();
+    } else {
+        setDisconnected();
+    }
+}
+
+}  // namespace VirtualChannelAgent

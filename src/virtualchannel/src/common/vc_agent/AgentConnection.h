@@ -1,0 +1,68 @@
+#pragma once
+
+#include <atomic>
+
+#include "AgentContext.h"
+#include "ChannelLink.h"
+#include "InfoNotifier.h"
+#include "LockOrder.h"
+#include "OutgoingMessages.h"
+#include "StreamStateChecker.h"
+#include "StreamTable.h"
+
+namespace VirtualChannelAgent {
+
+// Entering and leaving the connected state, and what leads there. Any thread, except that the
+// connected state cannot be left on the agent's two connection threads, which end with it.
+class AgentConnection {
+public:
+    AgentConnection(AgentContext& context, ChannelLink& link, const StreamTable& streams,
+                    OutgoingMessages& outgoing, InfoNotifier& notifier)
+        : m_context(context),
+          m_link(link),
+          m_streams(streams),
+          m_outgoing(outgoing),
+          m_notifier(notifier),
+          m_checker(context, streams, outgoing) {}
+
+    // The far side has taken part in the handshake; setConnected() follows.
+    void setPeerReady() { m_peerReady = true; }
+    // Enters the connected state, or refreshes it: local processes are told, and the far side is
+    // asked again for its ends of the streams unless this is the first connection.
+    void setConnected() NORVO_TAKES_TRANSITION;
+    // Leaves it. Local processes are told also when there was no connection.
+    void setDisconnected() NORVO_TAKES_TRANSITION;
+
+    void requestConnect();
+    void requestDisconnect() NORVO_TAKES_TRANSITION;
+    // Has both sides write their logs out.
+    void sendFlushLogs();
+
+    void availabilityChanged(bool available) NORVO_TAKES_TRANSITION;
+    void channelShutsDown() NORVO_TAKES_TRANSITION;
+
+    // To be called when context.stopping has been set: there is no connection afterwards, and none
+    // can begin. `tellPeer`: an existing one ends with CTL_DISCONNECT.
+    void end(bool tellPeer) NORVO_TAKES_TRANSITION;
+
+private:
+    void announceAgain() NORVO_TAKES_STREAMS;
+    void begin() NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_STATE;
+    void leave() NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_STATE;
+
+    AgentContext& m_context;
+    ChannelLink& m_link;
+    const StreamTable& m_streams;
+    OutgoingMessages& m_outgoing;
+    InfoNotifier& m_notifier;
+
+    std::atomic<bool> m_channelAvailable{false};  // as the channel said last
+    std::atomic<bool> m_peerReady{false};
+    std::atomic<bool> m_previouslyConnected{false};  // a connection was lost
+    std::atomic<bool> m_firstConnection{true};       // "ChannelUp" is still to be told
+
+    VDIFrameworkCommon::LocalMutex m_transitionMutex;
+    StreamStateChecker m_checker;
+};
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,50 @@
+#include "AgentEnvironment.h"
+
+#include <thread>
+
+#include "SharedMemoryFactory.h"
+#include "SharedMemoryRWController.h"
+#include "VirtualChannelAgent.h"
+
+namespace VirtualChannelAgent {
+
+namespace {
+
+class SystemEnvironment final : public AgentEnvironment {
+public:
+    std::uint64_t nowMs() override { return Agent::getCurrentMS(); }
+
+    void pause(std::chrono::milliseconds duration) override {
+        std::this_thread::sleep_for(duration);
+    }
+
+    bool wait(VDIFrameworkCommon::Event& event, std::chrono::milliseconds duration) override {
+        return event.timedWait(static_cast<long>(duration.count()));
+    }
+
+    std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) override {
+        return getSharedMemoryInstance(kind == SegmentKind::Broadcast
+                                           ? ESharedMemoryType::Broadcast
+                                           : ESharedMemoryType::Plain);
+    }
+
+    bool hasOtherActiveAgent() override {
+        return SharedMemoryRWController::getInstance()->hasOtherActiveVirtualChannelAgent();
+    }
+    bool markActive() override {
+        return SharedMemoryRWController::getInstance()->markCurrentVirtualChannelAgentAsActive();
+    }
+    void clearActive() override {
+        SharedMemoryRWController::getInstance()->clearActiveVirtualChannelAgent();
+    }
+    void endActivityWatch() override { SharedMemoryRWController::getInstance()->shutdown(); }
+};
+
+}  // namespace
+
+std::shared_ptr<AgentEnvironment> AgentEnvironment::system() {
+    static const auto machine = std::make_shared<SystemEnvironment>();
+    return machine;
+}
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+
+#include "Event.h"
+#include "SharedMemoryI.h"
+
+namespace VirtualChannelAgent {
+
+// What an agent needs of the machine it runs on. Thread-safe. Tests put a machine of their own in
+// its place.
+class AgentEnvironment {
+public:
+    enum class SegmentKind { Plain, Broadcast };
+
+    virtual ~AgentEnvironment() = default;
+
+    // The real machine.
+    static std::shared_ptr<AgentEnvironment> system();
+
+    // Wall-clock milliseconds since the epoch.
+    virtual std::uint64_t nowMs() = 0;
+    virtual void pause(std::chrono::milliseconds duration) = 0;
+    // As event.timedWait(duration).
+    virtual bool wait(VDIFrameworkCommon::Event& event, std::chrono::milliseconds duration) = 0;
+
+    // A segment that is not set up yet.
+    virtual std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) = 0;
+
+    // The mark of the one agent that is active on this machine.
+    virtual bool hasOtherActiveAgent() = 0;
+    // False when another process has the mark.
+    virtual bool markActive() = 0;
+    virtual void clearActive() = 0;
+    // Ends the watch over that mark which stops and resumes this process's segments.
+    virtual void endActivityWatch() = 0;
+};
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,120 @@
+#include "AgentStream.h"
+
+#include <system_error>
+#include <utility>
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
+
+namespace VirtualChannelAgent {
+
+using lock_order::OrderedLock;
+
+namespace {
+
+constexpr std::chrono::milliseconds kRetryPause{5};
+
+// Bulk data of the background: it must not hold up calls and meetings.
+bool isLowPriority(const std::string& streamName) {
+    return streamName.find("LogCollection") != std::string::npos ||
+           streamName.find("upgrade") != std::string::npos;
+}
+
+}  // namespace
+
+Agent::Stream::Stream(AgentContext& context, ChannelLink& link, std::string name, StreamType type,
+                      unsigned int size, std::shared_ptr<SharedMemoryI> segment)
+    : m_context(context),
+      m_link(link),
+      m_name(std::move(name)),
+      m_type(type),
+      m_size(size),
+      m_isInfoOutput(m_name == context.infoOutputName),
+      m_lowPriority(isLowPriority(m_name)),
+      m_segment(std::move(segment)) {}
+
+Agent::Stream::~Stream() { close(); }
+
+bool Agent::Stream::start() {
+    OrderedLock lock(m_serviceMutex, lock_order::service);
+    if (m_closed || m_running) return false;
+    m_running = true;
+    if (begin()) return true;
+    m_running = false;
+    AGENT_LOG(Error, "Cannot start processing: ", m_name);
+    return false;
+}
+
+bool Agent::Stream::begin() {
+    if (m_type == StreamType::WRITE) return m_writer.start([this] { WriterProcessingThread(); });
+    if (m_type != StreamType::READ || !m_segment) return true;
+    try {
+        m_segment->subscribeObserver(this);
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return true;
+}
+
+void Agent::Stream::enqueue(std::string message) {
+    if (!m_queue.push(std::move(message))) {
+        AGENT_LOG(Notice,
+                  "Sending buffer full, removing the oldest message to make space for a new one, "
+                  "stream name: ",
+                  m_name);
+    }
+}
+
+void Agent::Stream::requestStop() {
+    {
+        OrderedLock lock(m_serviceMutex, lock_order::service);
+        m_closed = true;
+        m_running = false;
+    }
+    m_queue.wake();
+}
+
+void Agent::Stream::close() {
+    requestStop();
+    // Closing the segment wakes a writer that waits for its reader.
+    if (m_segment) {
+        m_segment->unsubscribeAllObservers();
+        m_segment->Close();
+    }
+    OrderedLock lock(m_serviceMutex, lock_order::service);
+    m_writer.join();
+}
+
+void Agent::Stream::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
+    if (!m_running || m_context.stopping || message.empty()) return;
+    m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority);
+}
+
+void Agent::Stream::WriterProcessingThread() {
+    AGENT_LOG(Info, "ProcessingThread( ", m_name, " )");
+    const auto running = [this] { return m_running.load(); };
+    while (running()) {
+        if (const auto message = m_queue.pop(running)) deliver(*message);
+    }
+    AGENT_LOG(Info, "Thread processing '", m_name, "' exiting");
+}
+
+void Agent::Stream::deliver(const std::string& message) {
+    const auto length = static_cast<unsigned int>(message.size());
+    int severity = KLT::kltlogger::Notice;
+    while (m_running) {
+        if (m_segment && m_segment->WriteData(message.data(), length)) {
+            AGENT_LOG(Trace, length, " bytes delivered to address: ", m_name);
+            return;
+        }
+        if (m_isInfoOutput) {
+            AGENT_LOG(Notice, "Bytes not delivered in stream: ", m_name,
+                      ", those bytes will not be written again.");
+            return;
+        }
+        m_context.environment->pause(kRetryPause);
+        NORVO_LOG_AT(severity, m_context.logPrefix, "Bytes not delivered in stream: ", m_name);
+        severity = KLT::kltlogger::Trace;  // up to 200 a second for the same message
+    }
+}
+
+}  // namespace VirtualChannelAgent

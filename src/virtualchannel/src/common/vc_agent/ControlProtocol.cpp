@@ -1,0 +1,204 @@
+#include "ControlProtocol.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "StreamRules.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
+
+namespace VirtualChannelAgent {
+
+// What is done with one type of message.
+struct ControlProtocol::Handler {
+    unsigned char type;
+    const char* announcement;  // log line on receipt; empty when the handler has one of its own
+    const char* incomplete;    // log line when a stream's name, type or size is missing; empty when
+                               // the message is not about a stream
+    void (*run)(ControlProtocol& self, const Received& received);
+};
+
+const ControlProtocol::Handler* ControlProtocol::handlerOf(unsigned char type) {
+    using Self = ControlProtocol;
+    static constexpr Handler kHandlers[] = {
+        {CTL_NOOP, "Received CTL_NOOP", "", [](Self&, const Received&) {}},
+        {CTL_MESSAGE_TYPE_NOTSUPPORTED, "Received CTL_MESSAGE_TYPE_NOTSUPPORTED", "",
+         [](Self& self, const Received& r) { self.typeNotSupported(r); }},
+        {CTL_CONNECT,
+         "Received CTL_CONNECT. Reply with CTL_CONNECT_READY and supported stream list", "",
+         [](Self& self, const Received& r) { self.connect(r); }},
+        {CTL_CONNECT_READY, "Received CTL_CONNECT_READY and peer supported streams list", "",
+         [](Self& self, const Received& r) { self.connectReady(r); }},
+        {CTL_CONNECTED, "Received CTL_CONNECTED and peer supported streams info", "",
+         [](Self& self, const Received& r) { self.connected(r); }},
+        {CTL_DISCONNECT, "Received CTL_DISCONNECT", "",
+         [](Self& self, const Received&) { self.m_connection.setDisconnected(); }},
+        {CTL_S_CREATE, "", "CTL_S_CREATE without stream details. Broken protocol!",
+         [](Self& self, const Received& r) { self.createStream(r); }},
+        {CTL_S_CREATED, "", "Stream details not provided. Broken protocol!",
+         [](Self& self, const Received& r) { self.streamCreated(r); }},
+        {CTL_S_ROUTE, "Received CTL_S_ROUTE",
+         "Message routing not possible - destination not specified",
+         [](Self& self, const Received& r) { self.routeData(r); }},
+        {CTL_S_ERROR, "",
+         "Remote agent communicated a Stream related error, without specifying the Stream",
+         [](Self& self, const Received& r) { self.streamError(r); }},
+        {CTL_LOGFLUSH, "Received CTL_LOGFLUSH.", "",
+         [](Self&, const Received&) { VirtualChannelLogger_flush(); }},
+    };
+    const auto found = std::find_if(std::begin(kHandlers), std::end(kHandlers),
+                                    [=](const Handler& each) { return each.type == type; });
+    return found == std::end(kHandlers) ? nullptr : found;
+}
+
+void ControlProtocol::receive(const void* data, unsigned int length) {
+    AGENT_LOG(Trace, "OnVirtualChannelReceiveData(", data, ",", length, ")");
+    if (!data) {
+        AGENT_LOG(Warning,
+                  "NULL message received. Probably pre-TPL3307 protocol on the other side "
+                  "[DE18836]");
+        return;
+    }
+    VCMessage message;
+    if (!message.parseInPlace(data, length)) {
+        AGENT_LOG(Warning, "Message broken and cannot be processed");
+        dumpBroken(data, length);
+    } else if (!message.isMessageTypeSupported()) {
+        rejectType(message.rawMessageType());
+    } else {
+        dispatch(message);
+    }
+}
+
+void ControlProtocol::dumpBroken(const void* data, unsigned int length) {
+    if (!KLT::kltlogger::isEnabled(KLT::kltlogger::Info)) return;
+    constexpr unsigned int kDumped = 128;
+    const auto* const bytes = static_cast<const unsigned char*>(data);
+    std::string dump;
+    for (unsigned int i = 0; i < std::min(length, kDumped); ++i) {
+        char digits[2];
+        dump.append(digits, std::to_chars(digits, digits + 2, bytes[i], 16).ptr).push_back(' ');
+    }
+    AGENT_LOG(Info, "HEX DATA ( ", length, " bytes  ): ", dump);
+}
+
+void ControlProtocol::rejectType(unsigned char type) {
+    AGENT_LOG(Warning, "Message is not supported, type: ", type);
+    VCMessage reply;
+    reply.setMessageType(CTL_MESSAGE_TYPE_NOTSUPPORTED);
+    reply.setUnsupportedMessageType(type);
+    m_link.SendMessageToChannel(reply, false);
+}
+
+void ControlProtocol::dispatch(const VCMessage& message) {
+    const Handler* const handler = handlerOf(message.rawMessageType());
+    if (!handler) {
+        AGENT_LOG(Warning, "Unknown ctrlOp code received '", message.rawMessageType(), "'");
+        return;
+    }
+    if (*handler->announcement) {
+        NORVO_LOG_AT(message.rawMessageType() == CTL_S_ROUTE ? KLT::kltlogger::Trace
+                                                             : KLT::kltlogger::Info,
+                     m_context.logPrefix, handler->announcement);
+    }
+    Received received{message, {}};
+    if (*handler->incomplete) {
+        if (!message.hasStreamName() || !message.hasStreamType() || !message.hasStreamSize()) {
+            AGENT_LOG(Warning, handler->incomplete);
+            return;
+        }
+        received.stream = {message.getStreamName(),
+                           utils::intToSType(static_cast<int>(message.getStreamType())),
+                           message.getStreamSize()};
+    }
+    handler->run(*this, received);
+}
+
+void ControlProtocol::typeNotSupported(const Received& received) {
+    if (!received.message.hasUnsupportedMessageType()) return;
+    AGENT_LOG(Warning, "Message type not supported by peer, type: ",
+              received.message.getUnsupportedMessageType());
+}
+
+void ControlProtocol::createStream(const Received& received) {
+    const StreamDetails& wanted = received.stream;
+    AGENT_LOG(Info, "Received CTL_S_CREATE - ", shown(wanted.name));
+    if (const StreamPtr stream = findOpposite(wanted)) {
+        AGENT_LOG(Info,
+                  "Opposite Stream exists locally. Confirm to remote agent, and start processing "
+                  "it.");
+        m_outgoing.SendMessageToChannelAboutStream(CTL_S_CREATED, stream->name(), stream->type(),
+                                                   stream->size());
+        m_streams.StartStreamProcessor(stream, true);
+        return;
+    }
+    AGENT_LOG(Info,
+              "Opposite Stream does not exist locally. Re-Create, Confirm to remote agent, and "
+              "start processing it.");
+    const bool done =
+        wanted.type == StreamType::WRITE
+            ? m_streams.OpenStream(wanted.name, wanted.size, Requester::FarSide)
+            : wanted.type == StreamType::READ &&
+                  m_streams.CreateStream(wanted.name, wanted.size, Requester::FarSide);
+    if (!done) AGENT_LOG(Warning, "Failed to Create Stream.");
+}
+
+void ControlProtocol::streamCreated(const Received& received) {
+    AGENT_LOG(Info, "Received CTL_S_CREATED: ", shown(received.stream.name));
+    if (const StreamPtr stream = findOpposite(received.stream)) {
+        AGENT_LOG(Info, "Stream exists locally. Start processing it.");
+        m_streams.StartStreamProcessor(stream, true);
+        return;
+    }
+    AGENT_LOG(Warning, "Stream '", shown(received.stream.name), "' doesn't exist locally.");
+    sendError(received.stream);
+}
+
+void ControlProtocol::routeData(const Received& received) {
+    StreamPtr stream = findOpposite(received.stream);
+    if (!stream) stream = recreate(received.stream);
+    if (stream) route(stream, received);
+}
+
+StreamPtr ControlProtocol::recreate(const StreamDetails& wanted) {
+    AGENT_LOG(Info, "Received CTL_S_ROUTE, there was no receiveing stream found, so recreating it.");
+    StreamPtr stream;
+    if (!m_streams.CreateStream(wanted.name, wanted.size, Requester::FarSide)) {
+        AGENT_LOG(Warning, "Stream not found, and could no be recreated!.");
+    } else if (stream = findOpposite(wanted); !stream) {
+        AGENT_LOG(Error,
+                  "Stream not found, and succesfully recreated, but still unable to route msgs.");
+    }
+    if (!stream) sendError(wanted);
+    return stream;
+}
+
+void ControlProtocol::route(const StreamPtr& stream, const Received& received) {
+    char* data = nullptr;
+    const unsigned int length =
+        received.message.hasRouteData() ? received.message.getRouteData(&data) : 0;
+    if (length == 0 || !data) {
+        AGENT_LOG(Warning, "Route msssage is invalid.");
+        return;
+    }
+    // Not running yet: the data waits in the stream's queue. The log says why.
+    if (!stream->isRunning()) m_streams.IsStreamRoutable(received.stream.name, received.stream.type);
+    m_streams.ProcessRoutableMessage(stream, std::string(data, length));
+}
+
+void ControlProtocol::streamError(const Received& received) {
+    AGENT_LOG(Warning, "Remote agent communicated an error in ", shown(received.stream.name));
+}
+
+StreamPtr ControlProtocol::findOpposite(const StreamDetails& stream) {
+    return m_streams.FindInternalStream(stream.name, utils::GetMirroredSType(stream.type));
+}
+
+void ControlProtocol::sendError(const StreamDetails& stream) {
+    // No agent has a stream of such a name, and 1001 of them may wait in the queue.
+    if (stream.name.size() > kMaxStreamNameLength) return;
+    m_outgoing.SendMessageToChannelAboutStream(
+        CTL_S_ERROR, stream.name, utils::GetMirroredSType(stream.type), stream.size);
+}
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <string>
+
+#include "AgentConnection.h"
+#include "AgentContext.h"
+#include "ChannelLink.h"
+#include "InfoNotifier.h"
+#include "LockOrder.h"
+#include "OutgoingMessages.h"
+#include "PeerCapabilities.h"
+#include "StreamService.h"
+#include "VCMessage.h"
+
+namespace VirtualChannelAgent {
+
+// Takes the far side's messages apart and carries them out: the handshake, the streams' creation
+// and data, errors and log flushes. Called on the thread that delivers messages, one at a time.
+// Whatever the bytes are, they do no more harm than a log line.
+class ControlProtocol {
+public:
+    ControlProtocol(AgentContext& context, ChannelLink& link, PeerCapabilities& peer,
+                    OutgoingMessages& outgoing, InfoNotifier& notifier, StreamService& streams,
+                    AgentConnection& connection)
+        : m_context(context),
+          m_link(link),
+          m_peer(peer),
+          m_outgoing(outgoing),
+          m_notifier(notifier),
+          m_streams(streams),
+          m_connection(connection) {}
+
+    // `data` may be null and is valid during the call only.
+    void receive(const void* data, unsigned int length) NORVO_TAKES_TRANSITION;
+
+private:
+    // The stream that a message is about, in the far side's words.
+    struct StreamDetails {
+        std::string name;
+        StreamType type = StreamType::INVALID;
+        unsigned int size = 0;
+    };
+    struct Received {
+        const VCMessage& message;
+        StreamDetails stream;  // as far as the message names one
+    };
+    struct Handler;
+    static const Handler* handlerOf(unsigned char type);
+
+    void dispatch(const VCMessage& message) NORVO_TAKES_TRANSITION;
+    void rejectType(unsigned char type);
+    void dumpBroken(const void* data, unsigned int length);
+
+    void typeNotSupported(const Received& received);
+    void connect(const Received& received);
+    void connectReady(const Received& received) NORVO_TAKES_TRANSITION;
+    void connected(const Received& received) NORVO_TAKES_TRANSITION;
+    void createStream(const Received& received) NORVO_TAKES_CREATION;
+    void streamCreated(const Received& received) NORVO_TAKES_CREATION;
+    void routeData(const Received& received) NORVO_TAKES_CREATION;
+    void streamError(const Received& received);
+
+    bool ignoresHandshake(const char* messageName);
+    void takeHandshake(const VCMessage& message) NORVO_TAKES_TRANSITION;
+    void takeVersions(const VCMessage& message) NORVO_TAKES_LEAF;
+    void takeStreamList(const VCMessage& message) NORVO_TAKES_STREAMS;
+    void sendCapabilities(MessageTypeEnum type);
+
+    StreamPtr findOpposite(const StreamDetails& stream) NORVO_TAKES_STREAMS;
+    StreamPtr recreate(const StreamDetails& stream) NORVO_TAKES_CREATION;
+    void route(const StreamPtr& stream, const Received& received) NORVO_TAKES_STREAMS;
+    void sendError(const StreamDetails& stream) NORVO_TAKES_LEAF;
+
+    AgentContext& m_context;
+    ChannelLink& m_link;
+    PeerCapabilities& m_peer;
+    OutgoingMessages& m_outgoing;
+    InfoNotifier& m_notifier;
+    StreamService& m_streams;
+    AgentConnection& m_connection;
+};
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,99 @@
+// The handshake messages of the control protocol.
+#include "ControlProtocol.h"
+#include "Conversions.h"
+#include "StreamRules.h"
+#include "VDIClientInfo.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
+
+namespace VirtualChannelAgent {
+
+using VDIFrameworkCommon::VDIClientInfo;
+
+bool ControlProtocol::ignoresHandshake(const char* messageName) {
+    if (!m_context.environment->hasOtherActiveAgent()) return false;
+    AGENT_LOG(Notice, "Another virtual channel agent is connected, so ignore ", messageName, ".");
+    return true;
+}
+
+void ControlProtocol::connect(const Received& /*received*/) {
+    if (!ignoresHandshake("CTL_CONNECT")) sendCapabilities(CTL_CONNECT_READY);
+}
+
+void ControlProtocol::connectReady(const Received& received) {
+    if (ignoresHandshake("CTL_CONNECT_READY")) return;
+    takeHandshake(received.message);
+    AGENT_LOG(Info, "reply with CTL_CONNECTED and supported streams list");
+    sendCapabilities(CTL_CONNECTED);
+}
+
+void ControlProtocol::connected(const Received& received) {
+    if (!ignoresHandshake("CTL_CONNECTED")) takeHandshake(received.message);
+}
+
+void ControlProtocol::takeHandshake(const VCMessage& message) {
+    m_connection.setPeerReady();
+    takeVersions(message);
+    m_connection.setConnected();
+    takeStreamList(message);
+}
+
+void ControlProtocol::takeVersions(const VCMessage& message) {
+    const bool hasChannelVersion = message.hasChannelVersion();
+    const std::string channelVersion =
+        hasChannelVersion ? message.getChannelVersion() : std::string();
+    m_peer.setChannelVersion(channelVersion);
+    if (hasChannelVersion) {
+        AGENT_LOG(Info, "Receive peer virtual channel version: ", shown(channelVersion));
+    } else {
+        AGENT_LOG(Info, "No peer virtual channel version");
+    }
+
+    if (message.hasInternalVersion()) {
+        const std::string version = message.getInternalVersion();
+        VDIClientInfo::getInstance().setPeerInternalVersion(VDIFrameworkCommon::toInt(version));
+        AGENT_LOG(Info, "Receive peer internal version: ", shown(version));
+    } else {
+        AGENT_LOG(Info, "No peer internal version");
+    }
+
+    const bool hasClientVersion = message.hasClientVersion();
+    const std::string clientVersion = hasClientVersion ? message.getClientVersion() : std::string();
+    VDIClientInfo::getInstance().setPeerClientVersion(clientVersion);
+    if (hasClientVersion) {
+        AGENT_LOG(Info, "Receive peer client version: ", shown(clientVersion));
+    } else {
+        AGENT_LOG(Info, "No peer client version");
+    }
+}
+
+void ControlProtocol::takeStreamList(const VCMessage& message) {
+    const std::string list =
+        message.hasSupportedStreams() ? message.getSupportedStreams() : std::string();
+    if (list.empty()) {
+        AGENT_LOG(Info, "Receive Peer Supported Streams is empty");
+        m_peer.forgetStreams();
+        return;
+    }
+    AGENT_LOG(Info, "Receive Peer Supported Streams:", shown(list));
+    m_peer.setStreams(list);
+    m_notifier.notifyInvalidStreams();
+}
+
+void ControlProtocol::sendCapabilities(MessageTypeEnum type) {
+    const VDIClientInfo& info = VDIClientInfo::getInstance();
+    VCMessage message;
+    message.setMessageType(type);
+    const std::string streams = supportedStreamsText();
+    if (streams.empty()) {
+        AGENT_LOG(Warning, "stream list is empty.");
+    } else {
+        message.setSupportedStreams(streams);
+    }
+    message.setChannelVersion(kChannelVersion);
+    message.setInternalVersion(VDIFrameworkCommon::toString(info.getMyInternalVersion()));
+    message.setClientVersion(info.getClientVersion());
+    m_link.SendMessageToChannel(message, false);
+}
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,98 @@
+#include "InfoRequests.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "Conversions.h"
+#include "FileUtils.h"
+#include "MessageParser.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
+
+namespace VirtualChannelAgent {
+
+using VDIFrameworkCommon::FileUtils;
+using VDIFrameworkCommon::toUnsignedInt;
+
+// One request: its name, how many fields follow at least, and what it does.
+struct InfoRequests::Operation {
+    const char* name;
+    std::size_t fields;
+    void (*run)(InfoRequests& self, const Fields& fields);
+};
+
+const InfoRequests::Operation* InfoRequests::find(const Fields& fields) {
+    using Self = InfoRequests;
+    static constexpr Operation kOperations[] = {
+        {"CreateStream", 2, [](Self& self, const Fields& f) { self.createStream(f); }},
+        {"OpenStream", 2, [](Self& self, const Fields& f) { self.openStream(f); }},
+        {"SetHVDClientInfo", 2, [](Self& self, const Fields& f) { self.setClientInfo(f); }},
+        {"SetLogPath", 1, [](Self& self, const Fields& f) { self.setLogPath(f); }},
+        {"GetWindowHandle", 1, [](Self& self, const Fields& f) { self.getWindowHandle(f); }},
+        {"RequestVCProcessId", 0,
+         [](Self& self, const Fields&) {
+             self.m_notifier.notifyCurrentProcessId(self.m_context.connected);
+         }},
+        {"FlushLog", 0, [](Self& self, const Fields&) { self.m_connection.sendFlushLogs(); }},
+        {"RequestNotifyStream", 0,
+         [](Self& self, const Fields&) { self.m_notifier.notifyRunningStreams(); }},
+        {"RequestInvalidStreams", 0,
+         [](Self& self, const Fields&) { self.m_notifier.notifyInvalidStreams(); }},
+        {"RequestPeerVersion", 0,
+         [](Self& self, const Fields&) { self.m_notifier.notifyChannelVersion(); }},
+        {"RequestEnviromentType", 0,
+         [](Self& self, const Fields&) { self.m_notifier.notifyEnviromentType(); }},
+        {"IsSeamless", 0,
+         [](Self& self, const Fields&) { self.m_notifier.notifyIsSeamlessMode(); }},
+        {"IsMultiSession", 0,
+         [](Self& self, const Fields&) { self.m_notifier.notifyIsMultiSession(); }},
+    };
+    const auto found = std::find_if(std::begin(kOperations), std::end(kOperations),
+                                    [&](const Operation& each) { return fields[0] == each.name; });
+    const bool complete = found != std::end(kOperations) && fields.size() > found->fields;
+    return complete ? found : nullptr;
+}
+
+void InfoRequests::handle(const std::string& message) {
+    printMessage("onNewMessageReceived: ", message);
+    const Fields fields = VDIFrameworkCommon::MessageParser(message).parseMsg();
+    const Operation* const operation = fields.empty() ? nullptr : find(fields);
+    if (operation) {
+        operation->run(*this, fields);
+    } else {
+        AGENT_LOG(Warning, "Wrong message: ", shown(message));
+    }
+}
+
+void InfoRequests::createStream(const Fields& fields) {
+    m_streams.CreateStream(fields[1], toUnsignedInt(fields[2]), Requester::LocalProcess);
+}
+
+void InfoRequests::openStream(const Fields& fields) {
+    m_streams.OpenStream(fields[1], toUnsignedInt(fields[2]), Requester::LocalProcess);
+}
+
+void InfoRequests::setClientInfo(const Fields& fields) {
+    m_clientInfo()->setInfo(toUnsignedInt(fields[1]), toUnsignedInt(fields[2]));
+}
+
+void InfoRequests::getWindowHandle(const Fields& fields) {
+    m_notifier.notifyGetWindowHandle(VDIFrameworkCommon::toPointer(fields[1]));
+}
+
+void InfoRequests::setLogPath(const Fields& fields) {
+    std::string directory = fields[1];
+    const std::string separator = FileUtils::FileSeparator();
+    if (!VDIFrameworkCommon::endsWith(directory, separator)) directory += separator;
+    if (fields[1].empty() || !FileUtils::createDirectory(directory)) {
+        AGENT_LOG(Warning, "Cannot use this directory for the log: ", shown(fields[1]));
+        return;
+    }
+    VirtualChannelLogger_init(directory + "VirtualChannel.log");
+}
+
+void InfoRequests::printMessage(const std::string& caption, const std::string& message) {
+    AGENT_LOG(Info, caption, shown(message));
+}
+
+}  // namespace VirtualChannelAgent

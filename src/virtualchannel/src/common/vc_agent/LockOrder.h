@@ -1,0 +1,48 @@
+// The order in which the locks of one agent are taken, checked by Clang's thread-safety analysis.
+//
+// A rank is no lock: it stands for a place in the order. Who takes a lock does it with OrderedLock,
+// which names the lock's rank too; an operation that takes locks inside says so with one of the
+// NORVO_TAKES_ macros, and then cannot be called where a later rank is held.
+#pragma once
+
+#include "LocalMutex.h"
+
+namespace VirtualChannelAgent::lock_order {
+
+class NORVO_CAPABILITY("rank") Rank {};
+
+inline Rank lifecycle;                                  // stop() and the destructor
+inline Rank transition NORVO_ACQUIRED_AFTER(lifecycle);  // entering and leaving the connected state
+inline Rank state NORVO_ACQUIRED_AFTER(transition);      // the check thread, for its whole run
+inline Rank creation NORVO_ACQUIRED_AFTER(state);        // making a stream and its segment
+inline Rank service NORVO_ACQUIRED_AFTER(creation);      // one stream's beginning and end
+inline Rank streams NORVO_ACQUIRED_AFTER(service);       // the stream table
+inline Rank leaf NORVO_ACQUIRED_AFTER(streams);          // queues and small values: nothing follows
+
+class NORVO_SCOPED_CAPABILITY OrderedLock {
+public:
+    OrderedLock(VDIFrameworkCommon::LocalMutex& mutex, Rank& rank) NORVO_ACQUIRE(mutex, rank)
+        : m_mutex(mutex) {
+        static_cast<void>(rank);
+        m_mutex.lock();
+    }
+    ~OrderedLock() NORVO_RELEASE() { m_mutex.unlock(); }
+    OrderedLock(const OrderedLock&) = delete;
+    OrderedLock& operator=(const OrderedLock&) = delete;
+
+private:
+    VDIFrameworkCommon::LocalMutex& m_mutex;
+};
+
+}  // namespace VirtualChannelAgent::lock_order
+
+#define NORVO_TAKES_LEAF NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::leaf)
+#define NORVO_TAKES_STREAMS \
+    NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::streams) NORVO_TAKES_LEAF
+#define NORVO_TAKES_SERVICE \
+    NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::service) NORVO_TAKES_STREAMS
+#define NORVO_TAKES_CREATION \
+    NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::creation) NORVO_TAKES_SERVICE
+#define NORVO_TAKES_STATE NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::state) NORVO_TAKES_CREATION
+#define NORVO_TAKES_TRANSITION \
+    NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::transition) NORVO_TAKES_STATE

@@ -1,0 +1,49 @@
+#include "StreamStateChecker.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
+
+namespace VirtualChannelAgent {
+
+namespace {
+constexpr std::chrono::milliseconds kCheckPeriod{500};
+constexpr std::uint64_t kRetryAfterMs = 2999;
+}  // namespace
+
+bool StreamStateChecker::start() {
+    m_wake.timedWait(0);  // what the end of the last connection may have left behind
+    m_running = true;
+    return m_thread.start([this] { CheckStreamStatesThread(); });
+}
+
+void StreamStateChecker::stop() {
+    requestStop();
+    m_wake.set();
+    m_thread.join();
+}
+
+void StreamStateChecker::CheckStreamStatesThread() {
+    AGENT_LOG(Info, "CheckStreamStatesThread started.");
+    {
+        lock_order::OrderedLock lock(m_stateMutex, lock_order::state);
+        while (m_running) {
+            m_context.environment->wait(m_wake, kCheckPeriod);
+            askAgain();
+        }
+    }
+    AGENT_LOG(Info, "Finishing CheckStreamStatesThread thread/method");
+}
+
+void StreamStateChecker::askAgain() {
+    const std::uint64_t now = m_context.environment->nowMs();
+    for (const auto& stream : m_streams.snapshot()) {
+        if (stream->isRunning() || stream->name() == m_context.infoOutputName) continue;
+        // Unsigned: a clock that was set back makes the difference huge, and the request is due.
+        if (now - stream->lastCreateRequestMs <= kRetryAfterMs) continue;
+        AGENT_LOG(Info, "retry to create stream: ", stream->name());
+        m_outgoing.SendMessageToChannelAboutStream(CTL_S_CREATE, stream->name(), stream->type(),
+                                                   stream->size());
+        stream->lastCreateRequestMs = now;
+    }
+}
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <atomic>
+
+#include "AgentContext.h"
+#include "AgentThread.h"
+#include "Event.h"
+#include "LockOrder.h"
+#include "OutgoingMessages.h"
+#include "StreamTable.h"
+
+namespace VirtualChannelAgent {
+
+// While the agents are connected: asks the far side again, every 3 s, for the other end of each
+// stream that it has not confirmed.
+class StreamStateChecker {
+public:
+    StreamStateChecker(AgentContext& context, const StreamTable& streams, OutgoingMessages& outgoing)
+        : m_context(context), m_streams(streams), m_outgoing(outgoing) {}
+
+    // False when the thread could not be started.
+    bool start() NORVO_REQUIRES(lock_order::transition);
+    // Without waiting for the end of the thread; stop() waits.
+    void requestStop() { m_running = false; }
+    void stop() NORVO_REQUIRES(lock_order::transition);
+
+private:
+    void CheckStreamStatesThread() NORVO_TAKES_STATE;
+    void askAgain() NORVO_TAKES_STREAMS;
+
+    AgentContext& m_context;
+    const StreamTable& m_streams;
+    OutgoingMessages& m_outgoing;
+    std::atomic<bool> m_running{false};
+    VDIFrameworkCommon::Event m_wake{true};
+    VDIFrameworkCommon::LocalMutex m_stateMutex;  // the thread holds it: there is never a second one
+    AgentThread m_thread NORVO_GUARDED_BY(lock_order::transition);
+};
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "AgentStream.h"
+#include "LockOrder.h"
+
+namespace VirtualChannelAgent {
+
+using StreamPtr = std::shared_ptr<Agent::Stream>;
+
+// Every stream of an agent by name, the outgoing INFO stream included. A stream stays until the
+// agent ends. Loops work on a snapshot, in name order: what they call may need the table. Thread-safe.
+class StreamTable {
+public:
+    // Empty when there is none.
+    StreamPtr find(std::string_view name) const NORVO_TAKES_STREAMS;
+    // False when the name is taken or the table has been closed.
+    bool insert(const StreamPtr& stream) NORVO_TAKES_STREAMS;
+    std::vector<StreamPtr> snapshot() const NORVO_TAKES_STREAMS;
+    // The same, and nothing can be inserted any more.
+    std::vector<StreamPtr> close() NORVO_TAKES_STREAMS;
+
+private:
+    std::vector<StreamPtr> list() const NORVO_REQUIRES(m_mutex);
+
+    mutable VDIFrameworkCommon::LocalMutex m_mutex;
+    std::map<std::string, StreamPtr, std::less<>> m_streams NORVO_GUARDED_BY(m_mutex);
+    bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
+};
+
+}  // namespace VirtualChannelAgent

@@ -1,0 +1,176 @@
+#include "VirtualChannelAgent.h"
+
+#include <sys/time.h>
+
+#include <exception>
+#include <utility>
+
+#include "AgentConnection.h"
+#include "AgentContext.h"
+#include "ChannelLink.h"
+#include "ControlProtocol.h"
+#include "InfoNotifier.h"
+#include "InfoRequests.h"
+#include "OutgoingMessages.h"
+#include "PeerCapabilities.h"
+#include "StreamService.h"
+#include "StreamTable.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
+
+namespace VirtualChannelAgent {
+
+using lock_order::OrderedLock;
+using NorvoVirtualChannel::VirtualChannel;
+
+namespace {
+constexpr unsigned int kInfoSegmentSize = 10240;
+}
+
+// An agent in pieces, each after those it uses.
+struct Agent::Parts {
+    Parts(const std::string& name, std::shared_ptr<AgentEnvironment> environment)
+        : m_context(name, std::move(environment)) {}
+
+    std::shared_ptr<HvdClientInfoManager> clientInfo() {
+        OrderedLock lock(m_valuesMutex, lock_order::leaf);
+        if (!m_clientInfo) m_clientInfo = std::make_shared<HvdClientInfoManager>();
+        return m_clientInfo;
+    }
+    void dropClientInfo() {
+        OrderedLock lock(m_valuesMutex, lock_order::leaf);
+        m_clientInfo.reset();
+    }
+
+    AgentContext m_context;
+    ChannelLink m_link{m_context};
+    PeerCapabilities m_peer;
+    StreamTable m_streams;
+    OutgoingMessages m_outgoing{m_context, m_link};
+    InfoNotifier m_notifier{m_context, m_link, m_streams, m_peer};
+    StreamService m_service{m_context, m_link, m_streams, m_outgoing, m_peer, m_notifier};
+    AgentConnection m_connection{m_context, m_link, m_streams, m_outgoing, m_notifier};
+    ControlProtocol m_protocol{m_context,  m_link,    m_peer,      m_outgoing,
+                               m_notifier, m_service, m_connection};
+    InfoRequests m_requests{m_context, m_service, m_notifier, m_connection,
+                            [this] { return clientInfo(); }};
+
+    // The segment of local processes' requests; empty when it could not be set up.
+    std::shared_ptr<SharedMemoryI> m_infoReader;
+
+    VDIFrameworkCommon::LocalMutex m_valuesMutex;
+    std::shared_ptr<HvdClientInfoManager> m_clientInfo NORVO_GUARDED_BY(m_valuesMutex);
+
+    VDIFrameworkCommon::LocalMutex m_lifecycleMutex;
+    bool m_ended NORVO_GUARDED_BY(m_lifecycleMutex) = false;
+};
+
+Agent::Agent(VirtualChannel* channel, std::string name,
+             std::shared_ptr<AgentEnvironment> environment)
+    : m_parts(std::make_unique<Parts>(name, std::move(environment))) {
+    const AgentContext& m_context = m_parts->m_context;
+    AGENT_LOG(Notice, "Virtual Channel Agent created (PRINT_MESSAGES: ", "disabled",
+              "), version: ", kChannelVersion);
+    SetVirtualChannel(channel);
+    m_parts->m_service.beginInfoOutput(kInfoSegmentSize);
+    m_parts->m_infoReader = m_parts->m_service.CreateInternalSharedMemory(
+        m_context.infoInputName, StreamType::READ, kInfoSegmentSize);
+    if (m_parts->m_infoReader) {
+        m_parts->m_infoReader->subscribeObserver(this);
+    } else {
+        AGENT_LOG(Error, "infoSharedMemory create failed");
+    }
+    m_parts->m_notifier.notifyCurrentProcessId(false);
+    m_parts->m_notifier.notifyEnviromentType();
+}
+
+Agent::~Agent() { end(Ending::Silent); }
+
+void Agent::stop() { end(Ending::Orderly); }
+
+void Agent::end(Ending ending) {
+    AgentContext& m_context = m_parts->m_context;
+    OrderedLock lock(m_parts->m_lifecycleMutex, lock_order::lifecycle);
+    if (std::exchange(m_parts->m_ended, true)) return;
+    m_context.stopping = true;
+    AGENT_LOG(Notice, "Destroying Virtual Channel Agent");
+    m_parts->dropClientInfo();
+    if (m_parts->m_infoReader) {
+        m_parts->m_infoReader->unsubscribeObserver(this);
+        m_parts->m_infoReader->Close();
+    }
+    m_parts->m_connection.end(ending == Ending::Orderly);
+    m_parts->m_service.closeAll();
+    if (ending == Ending::Orderly) m_context.environment->endActivityWatch();
+    if (VirtualChannel* const channel = m_parts->m_link.channel()) {
+        AGENT_LOG(Info, "m_pChannel->RemoveObserver ");
+        channel->RemoveObserver(this);
+        m_parts->m_link.setChannel(nullptr);
+    }
+    AGENT_LOG(Notice, "Finished releasing resources");
+}
+
+void Agent::SetVirtualChannel(VirtualChannel* channel) {
+    AgentContext& m_context = m_parts->m_context;
+    ChannelLink& link = m_parts->m_link;
+    AGENT_LOG(Info, "SetVirtualChannel( ", static_cast<const void*>(channel), " )");
+    if (VirtualChannel* const old = link.channel()) {
+        AGENT_LOG(Info, "Stop observing underline channel: ", static_cast<const void*>(old));
+        old->RemoveObserver(this);
+    }
+    link.setChannel(channel);
+    if (channel) {
+        AGENT_LOG(Info, "Start observing underline channel: ", static_cast<const void*>(channel));
+        channel->AddObserver(this);
+    }
+}
+
+bool Agent::IsConnected() const { return m_parts->m_context.connected; }
+
+std::shared_ptr<HvdClientInfoManager> Agent::getHvdClientInfoManager() {
+    return m_parts->clientInfo();
+}
+
+std::uint64_t Agent::getCurrentMS() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
+           static_cast<std::uint64_t>(now.tv_usec) / 1000;
+}
+
+void Agent::OnVirtualChannelReceiveData(const void* data, unsigned int length) {
+    // What a message makes grow may not fit any more; the host cannot be thrown at.
+    try {
+        m_parts->m_protocol.receive(data, length);
+    } catch (const std::exception& failure) {
+        const AgentContext& m_context = m_parts->m_context;
+        AGENT_LOG(Error, "Message dropped: ", failure.what());
+    }
+}
+
+void Agent::OnVirtualChannelAvailabilityChange(bool available) {
+    m_parts->m_connection.availabilityChanged(available);
+}
+
+void Agent::OnVirtualChannelShutdown() { m_parts->m_connection.channelShutsDown(); }
+
+void Agent::OnSessionAvailabilityChange(bool up) {
+    const AgentContext& m_context = m_parts->m_context;
+    AGENT_LOG(Notice, up ? " session is up" : " session is down");
+    m_parts->m_notifier.notifyEvent(up ? "SessionUp" : "SessionDown");
+    if (!up) OnVirtualChannelAvailabilityChange(false);
+}
+
+void Agent::OnThinClientPlatformChange(unsigned int platform) {
+    m_parts->m_notifier.notifyThinClientPlatform(platform);
+}
+
+void Agent::OnChannelBlockedByPolicySetting(bool blocked) {
+    m_parts->m_notifier.notifyChannelBlocked(blocked);
+}
+
+void Agent::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
+    m_parts->m_requests.handle(message);
+}
+
+}  // namespace VirtualChannelAgent
