@@ -135,7 +135,7 @@ std::shared_ptr<Stream> Client::Impl::openStream(const std::string& name, Direct
         NORVO_LOG(Warning, "no stream can have the name '", name, "' and the capacity ", capacity);
         return nullptr;
     }
-    auto segment = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    auto segment = std::make_shared<StreamSegment>();
     LocalLock lock(m_mutex);
     if (m_closed || !m_view->addStream(name, direction, capacity)) return nullptr;
     const bool ready = direction == Direction::Read ? segment->Open(name, capacity)

@@ -68,6 +68,10 @@ public:
     // written in part; the reader then drops it. Always false for a Read stream.
     bool write(const void* data, std::size_t length, std::chrono::milliseconds timeout);
 
+    // Waits until the agent has taken everything that was written, so that this process may end.
+    // False when `timeout` passed first. Always true for a Read stream.
+    bool flush(std::chrono::milliseconds timeout);
+
     // Takes the next message, waiting for it up to `timeout`. False, with `message` empty, when
     // none came, the stream was closed, or it is a Write stream. A message that has begun to arrive
     // is waited for beyond `timeout`.

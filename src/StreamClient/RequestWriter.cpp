@@ -8,10 +8,20 @@ namespace NorvoStreamClient {
 
 using VDIFrameworkCommon::LocalLock;
 
+namespace {
+
+// A writer that joins the ones before it: it leaves the message IDs as they are, where a reset
+// would make the agent read the last request again.
+class RequestSegment : public SharedMemoryBroadcast {
+    void startWriting() override {}
+};
+
+}  // namespace
+
 bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {
     constexpr auto kPause = std::chrono::milliseconds(2);
     LocalLock sending(m_sendMutex);
-    SharedMemoryBroadcast segment;
+    RequestSegment segment;
     if (!segment.Create(m_name, kInfoCapacity)) return false;
     while (!m_cancelled) {
         if (segment.LockWrite()) {

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <limits>
+#include <thread>
 
 #include "StreamImpl.h"
 
@@ -23,6 +24,15 @@ bool Stream::Impl::write(const void* data, std::size_t length, Clock::time_point
         if (m_segment->WriteData(data, size)) return true;
     } while (Clock::now() < deadline);
     return false;
+}
+
+bool Stream::Impl::flush(Clock::time_point deadline) const {
+    constexpr auto kPause = std::chrono::milliseconds(1);
+    while (m_direction == Direction::Write && !m_segment->isDrained()) {
+        if (Clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(kPause);
+    }
+    return true;
 }
 
 bool Stream::Impl::read(std::string& message, Clock::time_point deadline) {
@@ -57,6 +67,9 @@ bool Stream::waitUntilUp(std::chrono::milliseconds timeout) {
 }
 bool Stream::write(const void* data, std::size_t length, std::chrono::milliseconds timeout) {
     return m_impl->write(data, length, deadlineAfter(timeout));
+}
+bool Stream::flush(std::chrono::milliseconds timeout) {
+    return m_impl->flush(deadlineAfter(timeout));
 }
 bool Stream::read(std::string& message, std::chrono::milliseconds timeout) {
     return m_impl->read(message, deadlineAfter(timeout));

@@ -6,14 +6,14 @@
 
 #include "AgentView.h"
 #include "NorvoStreamClient.h"
-#include "SharedMemoryI.h"
+#include "StreamSegment.h"
 
 namespace NorvoStreamClient {
 
 class Stream::Impl {
 public:
     // `segment` is set up in the direction's way already.
-    Impl(std::string name, Direction direction, std::shared_ptr<SharedMemoryI> segment,
+    Impl(std::string name, Direction direction, std::shared_ptr<StreamSegment> segment,
          std::shared_ptr<AgentView> view)
         : m_name(std::move(name)),
           m_direction(direction),
@@ -30,13 +30,14 @@ public:
         return !m_closed && m_view->waitUntilUp(m_name, deadline);
     }
     bool write(const void* data, std::size_t length, Clock::time_point deadline);
+    bool flush(Clock::time_point deadline) const;
     bool read(std::string& message, Clock::time_point deadline);
     void close();
 
 private:
     const std::string m_name;
     const Direction m_direction;
-    const std::shared_ptr<SharedMemoryI> m_segment;
+    const std::shared_ptr<StreamSegment> m_segment;
     const std::shared_ptr<AgentView> m_view;
     std::atomic<bool> m_closed = false;
 };

@@ -1,0 +1,168 @@
+#include "Capture.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "Command.h"
+
+namespace vcctl {
+
+namespace {
+
+constexpr std::uint32_t kSectionHeader = 0x0A0D0D0A;
+constexpr std::uint32_t kInterface = 1;
+constexpr std::uint32_t kEnhancedPacket = 6;
+constexpr std::uint32_t kByteOrderMagic = 0x1A2B3C4D;
+constexpr std::uint16_t kLinkTypeUser0 = 147;
+constexpr std::uint32_t kMostBlock = 16u << 20;
+
+enum Option : std::uint16_t { kEnd = 0, kInterfaceName = 2, kPacketFlags = 2, kTimeResolution = 9 };
+
+template <class Number>
+void put(std::string& out, Number value) {
+    out.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+void pad(std::string& out) { out.append((4 - out.size() % 4) % 4, '\0'); }
+
+void putOption(std::string& out, std::uint16_t code, std::string_view value) {
+    put(out, code);
+    put(out, static_cast<std::uint16_t>(value.size()));
+    out += value;
+    pad(out);
+}
+
+template <class Number>
+Number numberAt(const std::vector<unsigned char>& bytes, std::size_t offset) {
+    Number value{};
+    if (offset + sizeof value <= bytes.size()) {
+        std::memcpy(&value, bytes.data() + offset, sizeof value);
+    }
+    return value;
+}
+
+std::uint32_t flagsOf(const std::vector<unsigned char>& body, std::size_t offset) {
+    while (offset + 4 <= body.size()) {
+        const auto code = numberAt<std::uint16_t>(body, offset);
+        const auto length = numberAt<std::uint16_t>(body, offset + 2);
+        if (code == kEnd) break;
+        if (code == kPacketFlags && length == 4) return numberAt<std::uint32_t>(body, offset + 4);
+        offset += 4 + (length + 3u) / 4u * 4u;
+    }
+    return 0;
+}
+
+}  // namespace
+
+CaptureWriter::CaptureWriter(const std::string& path, const std::string& interfaceName)
+    : m_path(path), m_file(std::fopen(path.c_str(), "wbe")) {
+    if (!m_file) throw systemError("cannot write the capture file " + path, errno);
+    std::string section;
+    put(section, kByteOrderMagic);
+    put(section, std::uint16_t{1});
+    put(section, std::uint16_t{0});
+    put(section, std::int64_t{-1});
+    writeBlock(kSectionHeader, section);
+
+    std::string interface;
+    put(interface, kLinkTypeUser0);
+    put(interface, std::uint16_t{0});
+    put(interface, std::uint32_t{0});
+    putOption(interface, kInterfaceName, interfaceName);
+    putOption(interface, kTimeResolution, std::string_view("\x09", 1));
+    put(interface, std::uint32_t{kEnd});
+    writeBlock(kInterface, interface);
+    std::fflush(m_file.get());
+}
+
+CaptureWriter::~CaptureWriter() = default;
+
+void CaptureWriter::write(Direction direction, const void* packet, std::uint32_t length) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto time = static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+    std::string body;
+    body.reserve(length + 48);
+    put(body, std::uint32_t{0});
+    put(body, static_cast<std::uint32_t>(time >> 32));
+    put(body, static_cast<std::uint32_t>(time));
+    put(body, length);
+    put(body, length);
+    body.append(static_cast<const char*>(packet), length);
+    pad(body);
+    std::string flags;
+    put(flags, static_cast<std::uint32_t>(direction));
+    putOption(body, kPacketFlags, flags);
+    put(body, std::uint32_t{kEnd});
+
+    std::lock_guard lock(m_mutex);
+    writeBlock(kEnhancedPacket, body);
+}
+
+void CaptureWriter::writeBlock(std::uint32_t type, const std::string& body) {
+    if (m_failed) return;
+    std::string head;
+    const auto total = static_cast<std::uint32_t>(body.size() + 12);
+    put(head, type);
+    put(head, total);
+    const bool done = std::fwrite(head.data(), 1, head.size(), m_file.get()) == head.size() &&
+                      std::fwrite(body.data(), 1, body.size(), m_file.get()) == body.size() &&
+                      std::fwrite(&total, 1, sizeof total, m_file.get()) == sizeof total;
+    if (!done) {
+        m_failed = true;
+        std::fprintf(stderr, "vcctl: the capture to %s stops here: %s\n", m_path.c_str(),
+                     std::strerror(errno));
+    }
+}
+
+CaptureReader::CaptureReader(const std::string& path)
+    : m_path(path),
+      m_owned(path == "-" ? nullptr : std::fopen(path.c_str(), "rbe")),
+      m_file(path == "-" ? stdin : m_owned.get()) {
+    if (!m_file) throw systemError("cannot read " + path, errno);
+    std::uint32_t type = 0;
+    std::vector<unsigned char> body;
+    if (!readBlock(type, body) || type != kSectionHeader ||
+        numberAt<std::uint32_t>(body, 0) != kByteOrderMagic) {
+        throw CommandError(m_path + " is not a pcapng capture made by `vcctl host --capture`");
+    }
+}
+
+bool CaptureReader::readBlock(std::uint32_t& type, std::vector<unsigned char>& body) {
+    std::uint32_t head[2];
+    const std::size_t got = std::fread(head, 1, sizeof head, m_file);
+    if (got == 0) return false;
+    const bool plausible =
+        got == sizeof head && head[1] >= 12 && head[1] <= kMostBlock && head[1] % 4 == 0;
+    if (plausible) {
+        type = head[0];
+        body.resize(head[1] - sizeof head);
+        if (std::fread(body.data(), 1, body.size(), m_file) == body.size()) {
+            body.resize(body.size() - 4);
+            return true;
+        }
+    }
+    throw CommandError(m_path + " is damaged or not a pcapng capture: a block is cut short");
+}
+
+std::optional<CapturedPacket> CaptureReader::next() {
+    std::uint32_t type = 0;
+    std::vector<unsigned char> body;
+    while (readBlock(type, body)) {
+        if (type != kEnhancedPacket || body.size() < 20) continue;
+        const auto length = numberAt<std::uint32_t>(body, 12);
+        if (length > body.size() - 20)
+            throw CommandError(m_path + " is damaged: a packet is cut short");
+        CapturedPacket packet;
+        packet.nanoseconds = (std::uint64_t{numberAt<std::uint32_t>(body, 4)} << 32) |
+                             numberAt<std::uint32_t>(body, 8);
+        packet.bytes.assign(body.begin() + 20, body.begin() + 20 + length);
+        const std::uint32_t flags = flagsOf(body, 20 + (length + 3u) / 4u * 4u);
+        packet.direction = (flags & 3u) == 2 ? Direction::Outbound : Direction::Inbound;
+        return packet;
+    }
+    return std::nullopt;
+}
+
+}  // namespace vcctl

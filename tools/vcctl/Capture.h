@@ -1,0 +1,65 @@
+// A capture of a session's packets: a pcapng file (draft-ietf-opsawg-pcapng) that Wireshark opens,
+// with one interface of link type USER0 (147), nanosecond times, and the direction of each packet
+// in its flags option.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vcctl {
+
+enum class Direction : std::uint32_t { Inbound = 1, Outbound = 2 };
+
+struct CapturedPacket {
+    Direction direction;
+    std::uint64_t nanoseconds;  // since the Unix epoch
+    std::vector<unsigned char> bytes;
+};
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+// Thread-safe. A write that fails (disk full) stops the capture, says so once on standard error,
+// and does not disturb the session.
+class CaptureWriter {
+public:
+    // Throws CommandError when the file cannot be made. `interfaceName` goes into the file.
+    CaptureWriter(const std::string& path, const std::string& interfaceName);
+    ~CaptureWriter();
+
+    void write(Direction direction, const void* packet, std::uint32_t length);
+
+private:
+    void writeBlock(std::uint32_t type, const std::string& body);
+
+    const std::string m_path;
+    std::mutex m_mutex;
+    File m_file;
+    bool m_failed = false;
+};
+
+// Reads what CaptureWriter wrote, and any pcapng file whose blocks are little-endian.
+class CaptureReader {
+public:
+    // `path` "-" is standard input. Throws CommandError when it cannot be read or is not pcapng.
+    explicit CaptureReader(const std::string& path);
+
+    // The next packet; empty at the end. Throws CommandError on a damaged file.
+    std::optional<CapturedPacket> next();
+
+private:
+    bool readBlock(std::uint32_t& type, std::vector<unsigned char>& body);
+
+    const std::string m_path;
+    File m_owned;
+    std::FILE* m_file;
+};
+
+}  // namespace vcctl

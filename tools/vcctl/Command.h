@@ -1,0 +1,32 @@
+// What every subcommand of vcctl shares: how it is added to the command line, how it fails, and how
+// it learns that the user wants it to end.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <stdexcept>
+#include <string>
+
+namespace vcctl {
+
+// Exit codes, as the man page lists them.
+enum ExitCode : int { kOk = 0, kFailed = 1, kUsage = 2, kInterrupted = 130 };
+
+// A failure the user can do something about: printed as "vcctl: <text>", and the exit code.
+class CommandError : public std::runtime_error {
+public:
+    explicit CommandError(const std::string& text, int exitCode = kFailed)
+        : std::runtime_error(text), m_exitCode(exitCode) {}
+    int exitCode() const { return m_exitCode; }
+
+private:
+    int m_exitCode;
+};
+
+// A CommandError that ends with the text of `errorNumber`.
+CommandError systemError(const std::string& what, int errorNumber);
+
+// Each adds one subcommand; what it sets in `exitCode` is the exit code when nothing was thrown.
+void addHostCommand(CLI::App& app, int& exitCode);
+void addDecodeCommand(CLI::App& app, int& exitCode);
+
+}  // namespace vcctl

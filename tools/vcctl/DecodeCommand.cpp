@@ -1,0 +1,151 @@
+// vcctl decode: what was said in a capture, packet by packet and message by message.
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <iterator>
+#include <memory>
+#include <string>
+
+#include "Capture.h"
+#include "Command.h"
+#include "Packets.h"
+#include "StopSignal.h"
+#include "VCMessage.h"
+
+namespace vcctl {
+
+namespace {
+
+struct DecodeOptions {
+    std::string file;
+    bool packets = false;
+    unsigned int bytes = 32;
+};
+
+const char* messageName(unsigned int type) {
+    static constexpr const char* names[] = {"CTL_NOOP",        "CTL_MESSAGE_TYPE_NOTSUPPORTED",
+                                            "CTL_CONNECT",     "CTL_CONNECT_READY",
+                                            "CTL_CONNECTED",   "CTL_DISCONNECT",
+                                            "CTL_S_CREATE",    "CTL_S_CREATED",
+                                            "type 8 (unused)", "CTL_S_ROUTE",
+                                            "CTL_S_ERROR",     "CTL_LOGFLUSH"};
+    return type < std::size(names) ? names[type] : "unsupported type";
+}
+
+// Printable bytes as they are, the others as \xHH.
+std::string readable(const char* bytes, std::size_t size, std::size_t most) {
+    std::string text;
+    for (std::size_t i = 0; i < std::min(size, most); ++i) {
+        const auto byte = static_cast<unsigned char>(bytes[i]);
+        if (byte >= 0x20 && byte < 0x7f && byte != '\\') {
+            text += static_cast<char>(byte);
+        } else {
+            text += fmt::format("\\x{:02x}", byte);
+        }
+    }
+    return size > most ? text + "..." : text;
+}
+
+std::string fieldsOf(VirtualChannelAgent::VCMessage& message, unsigned int mostBytes) {
+    std::string text;
+    const auto add = [&](const char* name, const std::string& value) {
+        text += fmt::format(" {}={}", name, value);
+    };
+    const auto quoted = [&](const std::string& value) {
+        return '"' + readable(value.data(), value.size(), 200) + '"';
+    };
+    if (message.hasUnsupportedMessageType()) {
+        add("unsupported", std::to_string(message.getUnsupportedMessageType()));
+    }
+    if (message.hasStreamName()) add("stream", quoted(message.getStreamName()));
+    if (message.hasStreamType()) {
+        const unsigned int type = message.getStreamType();
+        add("type", type == 0 ? "READ" : type == 1 ? "WRITE" : std::to_string(type));
+    }
+    if (message.hasStreamSize()) add("size", std::to_string(message.getStreamSize()));
+    if (message.hasSupportedStreams()) add("streams", quoted(message.getSupportedStreams()));
+    if (message.hasChannelVersion()) add("channel-version", quoted(message.getChannelVersion()));
+    if (message.hasInternalVersion()) add("internal-version", quoted(message.getInternalVersion()));
+    if (message.hasClientVersion()) add("client-version", quoted(message.getClientVersion()));
+    if (message.hasRouteData()) {
+        char* data = nullptr;
+        const unsigned int length = message.getRouteData(&data);
+        add("data", fmt::format("{} bytes \"{}\"", length, readable(data, length, mostBytes)));
+    }
+    return text;
+}
+
+// One direction of the capture.
+class Decoder : public NorvoVirtualChannel::PacketizationObserver {
+public:
+    Decoder(const char* arrow, const DecodeOptions& options)
+        : m_arrow(arrow), m_options(options), m_packets(this, 0x7fffffff) {}
+
+    void packet(CapturedPacket& captured) {
+        m_time = captured.nanoseconds;
+        NorvoVirtualChannel::Packet packet(captured.bytes.data(),
+                                           static_cast<unsigned int>(captured.bytes.size()));
+        if (!packet.isPacketValid()) {
+            line(fmt::format("broken packet of {} bytes", captured.bytes.size()));
+            return;
+        }
+        if (m_options.packets) {
+            line(fmt::format("packet {} {}/{} payload {} of message {}", packet.GetPacketID(),
+                             packet.GetPacketSequence(), packet.GetTotalPackets(),
+                             packet.GetPayloadSize(), packet.GetMessageSize() - 24));
+        }
+        m_packets.EnqueuePacket(&packet);
+    }
+
+    void OnFullPacketReceived(const void* data, unsigned int size) override {
+        VirtualChannelAgent::VCMessage message;
+        const auto* bytes = static_cast<const unsigned char*>(data);
+        if (!message.parseFromArray(data, size)) {
+            line(
+                fmt::format("message of {} bytes that cannot be read: \"{}\"", size,
+                            readable(reinterpret_cast<const char*>(bytes), size, m_options.bytes)));
+            return;
+        }
+        line(fmt::format("{}{}", messageName(bytes[4]), fieldsOf(message, m_options.bytes)));
+    }
+
+private:
+    void line(const std::string& text) const {
+        const auto seconds = static_cast<std::time_t>(m_time / 1'000'000'000);
+        fmt::print("{:%H:%M:%S}.{:06} {} {}\n", fmt::gmtime(seconds), m_time / 1000 % 1'000'000,
+                   m_arrow, text);
+    }
+
+    const char* m_arrow;
+    const DecodeOptions& m_options;
+    std::uint64_t m_time = 0;
+    NorvoVirtualChannel::Packetization m_packets;
+};
+
+int runDecode(const DecodeOptions& options) {
+    CaptureReader reader(options.file);
+    Decoder inbound("<-", options);
+    Decoder outbound("->", options);
+    while (auto packet = reader.next()) {
+        if (StopSignal::requested()) return kInterrupted;
+        (packet->direction == Direction::Outbound ? outbound : inbound).packet(*packet);
+        if (std::ferror(stdout)) throw systemError("cannot write the output", errno);
+    }
+    if (std::fflush(stdout) != 0) throw systemError("cannot write the output", errno);
+    return kOk;
+}
+
+}  // namespace
+
+void addDecodeCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<DecodeOptions>();
+    CLI::App* command =
+        app.add_subcommand("decode", "Prints the packets and messages of a capture, one a line");
+    command->add_option("file", options->file, "The capture, or - for standard input")->required();
+    command->add_flag("--packets", options->packets, "Print each packet, too");
+    command->add_option("--bytes", options->bytes, "How many bytes of data to show per message")
+        ->capture_default_str();
+    command->callback([=, &exitCode] { exitCode = runDecode(*options); });
+}
+
+}  // namespace vcctl

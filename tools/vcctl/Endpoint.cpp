@@ -1,0 +1,113 @@
+#include "Endpoint.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "Command.h"
+
+namespace vcctl {
+
+Descriptor::~Descriptor() {
+    if (m_fd >= 0) close(m_fd);
+}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+        if (m_fd >= 0) close(m_fd);
+        m_fd = other.release();
+    }
+    return *this;
+}
+
+int Descriptor::release() { return std::exchange(m_fd, -1); }
+
+namespace {
+
+bool isLoopback(const sockaddr_storage& address) {
+    if (address.ss_family == AF_INET) {
+        const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
+        return (ntohl(v4.sin_addr.s_addr) >> 24) == 127;
+    }
+    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+    return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr);
+}
+
+Descriptor openSocket(int family) {
+    Descriptor fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) throw systemError("cannot make a socket", errno);
+    return fd;
+}
+
+}  // namespace
+
+Endpoint Endpoint::parse(const std::string& text, bool allowRemote) {
+    const auto colon = text.rfind(':');
+    if (colon == std::string::npos || colon + 1 == text.size()) {
+        throw CommandError("'" + text + "' is not ADDR:PORT, for example 127.0.0.1:7000", kUsage);
+    }
+    std::string host = text.substr(0, colon);
+    if (host.size() > 1 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    const int failed = getaddrinfo(host.empty() ? "127.0.0.1" : host.c_str(),
+                                   text.c_str() + colon + 1, &hints, &found);
+    if (failed != 0) {
+        throw CommandError("'" + text + "': " + gai_strerror(failed), kUsage);
+    }
+    Endpoint endpoint;
+    endpoint.m_text = text;
+    std::memcpy(&endpoint.m_address, found->ai_addr, found->ai_addrlen);
+    endpoint.m_length = found->ai_addrlen;
+    freeaddrinfo(found);
+    if (!allowRemote && !isLoopback(endpoint.m_address)) {
+        throw CommandError("'" + text +
+                               "' is not a loopback address. The link is neither encrypted nor "
+                               "authenticated; --allow-remote uses it all the same",
+                           kUsage);
+    }
+    return endpoint;
+}
+
+Descriptor Endpoint::listen() const {
+    Descriptor fd = openSocket(m_address.ss_family);
+    const int on = 1;
+    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&m_address), m_length) != 0 ||
+        ::listen(fd.get(), 4) != 0) {
+        const int error = errno;
+        if (error == EADDRINUSE) {
+            throw CommandError("cannot listen on " + m_text +
+                               ": the port is in use. Stop what listens there, or choose another "
+                               "port (0 lets the system choose)");
+        }
+        throw systemError("cannot listen on " + m_text, error);
+    }
+    return fd;
+}
+
+Descriptor Endpoint::connect() const {
+    Descriptor fd = openSocket(m_address.ss_family);
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&m_address), m_length) != 0)
+        return {};
+    return fd;
+}
+
+unsigned int boundPort(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
+    return address.ss_family == AF_INET ? ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port)
+                                        : ntohs(reinterpret_cast<sockaddr_in6&>(address).sin6_port);
+}
+
+}  // namespace vcctl

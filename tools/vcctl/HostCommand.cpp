@@ -1,0 +1,195 @@
+// vcctl host: a stand-in for the remote-desktop client. It loads the plug-in, and joins its channel
+// to that of another host over TCP.
+#include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <mutex>
+
+#include "Capture.h"
+#include "ChannelKind.h"
+#include "Command.h"
+#include "Endpoint.h"
+#include "PacketLink.h"
+#include "PluginLibrary.h"
+#include "StopSignal.h"
+
+namespace vcctl {
+
+const ChannelKind& channelKind(const std::string& name) {
+    for (const ChannelKind& kind : kChannelKinds) {
+        if (name == kind.name) return kind;
+    }
+    throw CommandError("'" + name + "' is no channel kind: citrix, vmware, rdp or tcp", kUsage);
+}
+
+namespace {
+
+struct HostOptions {
+    std::string kind = "tcp";
+    std::string listen;
+    std::string connect;
+    std::string library;
+    std::string capture;
+    bool allowRemote = false;
+    bool quiet = false;
+};
+
+// The host's side of the plug-in's one callback.
+class Host {
+public:
+    explicit Host(const HostOptions& options)
+        : m_kind(channelKind(options.kind)), m_quiet(options.quiet), m_plugin(options.library) {
+        if (!options.capture.empty()) {
+            m_capture = std::make_unique<CaptureWriter>(
+                options.capture, std::string(m_plugin.getChannelName()) + " " + m_kind.name);
+        }
+        m_plugin.InitialiseChannel(&Host::append, m_kind.number, this);
+    }
+
+    ~Host() { m_plugin.Shutdown(); }
+
+    // Joins the channel to `socket` until one side ends it or the user stops. Whoever connects to
+    // `listener` (if there is one) meanwhile is turned away: a channel has two ends.
+    void serve(Descriptor socket, const std::string& peer, int listener = -1) {
+        auto link = std::make_shared<PacketLink>(
+            std::move(socket), PacketLink::Limits{kMinPacket, m_kind.maxPacket},
+            [this](unsigned char* packet, std::uint32_t length) { receive(packet, length); });
+        setLink(link);
+        say("joined to " + peer);
+        m_plugin.ChannelActive(1);
+        waitForEnd(*link, listener);
+        link->close("this host stops");
+        setLink(nullptr);
+        m_plugin.ChannelActive(0);
+        say("left " + peer + ": " + link->closeReason());
+    }
+
+    void say(const std::string& text) const {
+        if (!m_quiet) std::cerr << "vcctl host: " << text << std::endl;
+    }
+
+private:
+    void waitForEnd(PacketLink& link, int listener) const {
+        pollfd waited[3] = {{link.closedDescriptor(), POLLIN, 0},
+                            {StopSignal::descriptor(), POLLIN, 0},
+                            {listener, POLLIN, 0}};
+        for (;;) {
+            if (poll(waited, 3, -1) < 0) continue;
+            if (waited[0].revents || waited[1].revents) return;
+            if (const Descriptor other{accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)}) {
+                say("turned away a second connection: a host is joined already");
+            }
+        }
+    }
+
+    static void append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
+        auto* host = static_cast<Host*>(context);
+        if (const auto link = host->link()) {
+            if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
+            link->send(data, length);
+        }
+    }
+
+    void receive(unsigned char* packet, std::uint32_t length) {
+        if (m_capture) m_capture->write(Direction::Inbound, packet, length);
+        m_plugin.ReceiveData(packet, length);
+    }
+
+    std::shared_ptr<PacketLink> link() {
+        std::lock_guard lock(m_mutex);
+        return m_link;
+    }
+    void setLink(std::shared_ptr<PacketLink> link) {
+        std::lock_guard lock(m_mutex);
+        m_link = std::move(link);
+    }
+
+    const ChannelKind& m_kind;
+    const bool m_quiet;
+    PluginLibrary m_plugin;
+    std::unique_ptr<CaptureWriter> m_capture;
+    std::mutex m_mutex;
+    std::shared_ptr<PacketLink> m_link;
+};
+
+void serveListener(Host& host, const Endpoint& endpoint) {
+    const Descriptor listener = endpoint.listen();
+    const std::string place = endpoint.text().substr(0, endpoint.text().rfind(':') + 1) +
+                              std::to_string(boundPort(listener.get()));
+    host.say("listening on " + place);
+    while (!StopSignal::requested()) {
+        pollfd waited[2] = {{listener.get(), POLLIN, 0}, {StopSignal::descriptor(), POLLIN, 0}};
+        if (poll(waited, 2, -1) < 0 || !(waited[0].revents & POLLIN)) continue;
+        Descriptor peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (peer)
+            host.serve(std::move(peer), "the host that connected to " + place, listener.get());
+    }
+}
+
+void serveConnector(Host& host, const Endpoint& endpoint) {
+    constexpr int kFirstPause = 50;
+    constexpr int kLongestPause = 2000;
+    int pause = kFirstPause;
+    bool told = false;
+    while (!StopSignal::requested()) {
+        if (Descriptor peer = endpoint.connect()) {
+            host.serve(std::move(peer), endpoint.text());
+            pause = kFirstPause;
+            told = false;
+        } else if (!told) {
+            host.say("nothing answers on " + endpoint.text() + " (" + std::strerror(errno) +
+                     "); trying again until it does");
+            told = true;
+        }
+        StopSignal::wait(pause);
+        pause = std::min(pause * 2, kLongestPause);
+    }
+}
+
+int runHost(const HostOptions& options) {
+    const bool listens = !options.listen.empty();
+    const Endpoint endpoint =
+        Endpoint::parse(listens ? options.listen : options.connect, options.allowRemote);
+    Host host(options);
+    listens ? serveListener(host, endpoint) : serveConnector(host, endpoint);
+    return kOk;
+}
+
+}  // namespace
+
+void addHostCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<HostOptions>();
+    CLI::App* command = app.add_subcommand(
+        "host",
+        "Stands in for a remote-desktop client: loads the plug-in and joins it to another host");
+    command->add_option("--kind", options->kind, "Transport: citrix, vmware, rdp or tcp")
+        ->check(CLI::IsMember({"citrix", "vmware", "rdp", "tcp"}))
+        ->capture_default_str();
+    auto* listen = command->add_option(
+        "--listen", options->listen, "Wait for the other host on ADDR:PORT (port 0: any free one)");
+    auto* connect = command->add_option("--connect", options->connect,
+                                        "Connect to the other host on ADDR:PORT, again and again");
+    listen->excludes(connect);
+    command->add_option("--library", options->library,
+                        "The plug-in to load instead of the usual one");
+    command->add_option("--capture", options->capture,
+                        "Write every packet to this pcapng file (vcctl decode, Wireshark)");
+    command->add_flag("--allow-remote", options->allowRemote,
+                      "Accept addresses outside this machine. The link is neither encrypted nor "
+                      "authenticated: anyone who reaches it is the other end of the channel");
+    command->add_flag("-q,--quiet", options->quiet, "Say nothing about connections");
+    command->callback([=, &exitCode] {
+        if (options->listen.empty() == options->connect.empty()) {
+            throw CommandError("give --listen ADDR:PORT or --connect ADDR:PORT", kUsage);
+        }
+        exitCode = runHost(*options);
+    });
+}
+
+}  // namespace vcctl

@@ -1,0 +1,148 @@
+#include "PacketLink.h"
+
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Command.h"
+
+namespace vcctl {
+
+namespace {
+
+constexpr std::size_t kLengthSize = 4;
+constexpr std::size_t kMostWaiting = 8u << 20;
+constexpr std::size_t kReadSize = 256u << 10;
+
+std::uint32_t lengthAt(const unsigned char* bytes) {
+    std::uint32_t length = 0;
+    std::memcpy(&length, bytes, sizeof length);
+    return length;
+}
+
+}  // namespace
+
+PacketLink::PacketLink(Descriptor socket, Limits limits, Receiver receive)
+    : m_limits(limits), m_socket(std::move(socket)) {
+    const int on = 1;
+    setsockopt(m_socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    int ends[2];
+    if (pipe(ends) != 0) throw systemError("cannot make a pipe", errno);
+    for (int i = 0; i < 2; ++i) {
+        fcntl(ends[i], F_SETFD, FD_CLOEXEC);
+        m_closedPipe[i] = Descriptor(ends[i]);
+    }
+    m_writer = std::thread([this] { writeLoop(); });
+    m_reader = std::thread([this, receive = std::move(receive)] { readLoop(receive); });
+}
+
+PacketLink::~PacketLink() {
+    close("closed");
+    m_writer.join();
+    m_reader.join();
+}
+
+bool PacketLink::send(const void* packet, std::uint32_t length) {
+    const auto* bytes = static_cast<const unsigned char*>(packet);
+    unsigned char prefix[kLengthSize];
+    std::memcpy(prefix, &length, sizeof prefix);
+
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [&] { return m_closed || m_waiting.size() < kMostWaiting; });
+    if (m_closed) return false;
+    const bool wasEmpty = m_waiting.empty();
+    m_waiting.insert(m_waiting.end(), prefix, prefix + kLengthSize);
+    m_waiting.insert(m_waiting.end(), bytes, bytes + length);
+    lock.unlock();
+    if (wasEmpty) m_changed.notify_all();
+    return true;
+}
+
+void PacketLink::close(const std::string& reason) {
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_closed) return;
+        m_closed = true;
+        m_reason = reason;
+    }
+    m_changed.notify_all();
+    shutdown(m_socket.get(), SHUT_RDWR);
+    const char byte = 'c';
+    [[maybe_unused]] const ssize_t written = write(m_closedPipe[1].get(), &byte, 1);
+}
+
+std::string PacketLink::closeReason() const {
+    std::lock_guard lock(m_mutex);
+    return m_reason;
+}
+
+void PacketLink::writeLoop() {
+    std::vector<unsigned char> sending;
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        m_changed.wait(lock, [&] { return m_closed || !m_waiting.empty(); });
+        if (m_closed) return;
+        sending.swap(m_waiting);
+        const bool wasFull = sending.size() >= kMostWaiting;
+        lock.unlock();
+        if (wasFull) m_changed.notify_all();
+        if (!sendAll(sending.data(), sending.size())) return;
+        sending.clear();
+        lock.lock();
+    }
+}
+
+bool PacketLink::sendAll(const unsigned char* bytes, std::size_t size) {
+    while (size > 0) {
+        const ssize_t sent = ::send(m_socket.get(), bytes, size, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent <= 0) {
+            close(std::string("the other end is gone: ") + std::strerror(errno));
+            return false;
+        }
+        bytes += sent;
+        size -= static_cast<std::size_t>(sent);
+    }
+    return true;
+}
+
+void PacketLink::readLoop(const Receiver& receive) {
+    std::vector<unsigned char> buffer(kReadSize);
+    std::size_t filled = 0;
+    for (;;) {
+        const ssize_t got = recv(m_socket.get(), buffer.data() + filled, buffer.size() - filled, 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) {
+            close(got == 0 ? "the other end closed the connection"
+                           : std::string("the connection broke: ") + std::strerror(errno));
+            return;
+        }
+        filled += static_cast<std::size_t>(got);
+        const std::size_t used = deliver(buffer.data(), filled, receive);
+        std::memmove(buffer.data(), buffer.data() + used, filled - used);
+        filled -= used;
+    }
+}
+
+std::size_t PacketLink::deliver(unsigned char* bytes, std::size_t size, const Receiver& receive) {
+    std::size_t used = 0;
+    while (size - used >= kLengthSize) {
+        const std::uint32_t length = lengthAt(bytes + used);
+        if (length < m_limits.minPacket || length > m_limits.maxPacket) {
+            close("received a packet length of " + std::to_string(length) + " where " +
+                  std::to_string(m_limits.minPacket) + " to " + std::to_string(m_limits.maxPacket) +
+                  " are possible: the other end is not a host of this kind");
+            return size;
+        }
+        if (size - used - kLengthSize < length) break;
+        receive(bytes + used + kLengthSize, length);
+        used += kLengthSize + length;
+    }
+    return used;
+}
+
+}  // namespace vcctl
