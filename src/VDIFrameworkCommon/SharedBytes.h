@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <cstdlib>
 #include <limits>
 #include <new>
 #include <utility>
@@ -21,7 +20,7 @@ public:
     static SharedBytes allocate(std::size_t size) noexcept {
         SharedBytes bytes;
         if (size > std::numeric_limits<std::size_t>::max() - sizeof(Control)) return bytes;
-        if (void* memory = std::malloc(sizeof(Control) + size))
+        if (void* memory = ::operator new(sizeof(Control) + size, std::nothrow))
             bytes.m_control = new (memory) Control;
         return bytes;
     }
@@ -40,7 +39,7 @@ public:
         if (!m_control) return;
         if (m_control->owners.load(std::memory_order_acquire) == 1 ||
             m_control->owners.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            std::free(m_control);
+            ::operator delete(m_control);
     }
 
     explicit operator bool() const noexcept { return m_control != nullptr; }
