@@ -18,7 +18,7 @@
 #include "PeerProcess.h"
 #include "Report.h"
 #include "Runner.h"
-#include "support/SessionObjects.h"
+#include "SessionObjects.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ void exitCleanlyOnSignals(const std::string& sessionNamespace) {
         int number = 0;
         sigwait(&ending, &number);
         bench::PeerProcess::endAll();
-        testsupport::removeSessionObjects(sessionNamespace);
+        support::removeSessionObjects(sessionNamespace);
         if (isatty(STDERR_FILENO)) std::fputs("\r\033[K", stderr);
         std::fputs("norvo_bench: stopped\n", stderr);
         _exit(128 + number);
@@ -60,7 +60,7 @@ void removeObjectsOfDeadRuns() {
         if (!std::regex_search(name, match, session)) continue;
         if (kill(std::stoi(match[2]), 0) != 0 && errno == ESRCH) dead.push_back(match[1]);
     }
-    for (const auto& sessionNamespace : dead) testsupport::removeSessionObjects(sessionNamespace);
+    for (const auto& sessionNamespace : dead) support::removeSessionObjects(sessionNamespace);
 }
 
 void addOptions(CLI::App& app, CommandLine& line) {
@@ -159,6 +159,6 @@ int main(int argc, char** argv) {
     removeObjectsOfDeadRuns();
     exitCleanlyOnSignals(sessionNamespace);
     const int status = runSuites(line);
-    testsupport::removeSessionObjects(sessionNamespace);
+    support::removeSessionObjects(sessionNamespace);
     return status;
 }

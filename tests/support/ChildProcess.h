@@ -14,49 +14,18 @@
 // out.
 #pragma once
 
-#include <sys/types.h>
-
-#include <chrono>
 #include <string>
 #include <vector>
 
+#include "Subprocess.h"
+
 namespace testsupport {
 
-class ChildProcess {
+class ChildProcess : public support::Subprocess {
 public:
     // Starts the role. `environment` adds to ("NAME=value") this process's environment.
     explicit ChildProcess(const std::string& role, const std::vector<std::string>& args = {},
                           const std::vector<std::string>& environment = {});
-    // Kills the child if it still runs, and reaps it.
-    ~ChildProcess();
-    ChildProcess(ChildProcess&& other) noexcept;
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    pid_t pid() const { return m_pid; }
-
-    // One line of the child's standard output without its end; empty at the end of output or after
-    // `timeout`.
-    std::string readLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
-    // Writes `line` and a line end to the child's standard input.
-    void writeLine(const std::string& line);
-    void closeInput();
-
-    void signal(int number) const;
-    void kill() const;
-    // Kills every child of this process that still runs; for a program that is about to exit.
-    static void endAll();
-
-    // The exit status, or 128 + the signal's number; -1 when it did not end within `timeout`.
-    int wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-
-private:
-    pid_t m_pid = -1;
-    int m_input = -1;
-    int m_output = -1;
-    int m_status = -1;
-    bool m_reaped = false;
-    std::string m_pending;
 };
 
 using ChildMain = int (*)(const std::vector<std::string>& args);

@@ -17,6 +17,6 @@ int main(int argc, char** argv) {
     const std::string sessionNamespace = "nvt" + std::to_string(getpid());
     setenv("NORVO_VDI_NAMESPACE", sessionNamespace.c_str(), 1);
     const int result = RUN_ALL_TESTS();
-    testsupport::removeSessionObjects(sessionNamespace);
+    support::removeSessionObjects(sessionNamespace);
     return result;
 }

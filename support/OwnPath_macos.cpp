@@ -2,7 +2,7 @@
 
 #include "OwnPath.h"
 
-namespace testsupport {
+namespace support {
 
 std::string ownPath() {
     char path[4096];
@@ -10,4 +10,4 @@ std::string ownPath() {
     return _NSGetExecutablePath(path, &size) == 0 ? std::string(path) : std::string();
 }
 
-}  // namespace testsupport
+}  // namespace support

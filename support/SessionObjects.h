@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace testsupport {
+namespace support {
 
 inline void removeSessionObjects(const std::string& sessionNamespace) {
     std::error_code ignored;
@@ -19,4 +19,4 @@ inline void removeSessionObjects(const std::string& sessionNamespace) {
     for (const std::string& name : left) shm_unlink(name.c_str());
 }
 
-}  // namespace testsupport
+}  // namespace support

@@ -2,7 +2,7 @@
 
 #include "OwnPath.h"
 
-namespace testsupport {
+namespace support {
 
 std::string ownPath() {
     char path[4096];
@@ -10,4 +10,4 @@ std::string ownPath() {
     return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
 }
 
-}  // namespace testsupport
+}  // namespace support

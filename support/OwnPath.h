@@ -2,9 +2,9 @@
 
 #include <string>
 
-namespace testsupport {
+namespace support {
 
 // The path of the running program; empty when the system does not tell.
 std::string ownPath();
 
-}  // namespace testsupport
+}  // namespace support

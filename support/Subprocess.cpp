@@ -1,0 +1,171 @@
+#include "Subprocess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+extern char** environ;
+
+namespace support {
+
+namespace {
+
+struct RunningChildren {
+    std::mutex mutex;
+    std::set<pid_t> pids;
+};
+
+RunningChildren& runningChildren() {
+    static RunningChildren all;
+    return all;
+}
+
+int spawn(pid_t* pid, int input, int output, std::vector<char*> argv, std::vector<char*> env) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    auto& running = runningChildren();
+    std::lock_guard lock(running.mutex);
+    const int failed = posix_spawn(pid, argv[0], &actions, &attributes, argv.data(), env.data());
+    if (!failed) running.pids.insert(*pid);
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&actions);
+    return failed;
+}
+
+// Forgets the child in the same step, so that endAll() never signals a reused process ID.
+pid_t reap(pid_t pid, int* status) {
+    auto& running = runningChildren();
+    std::lock_guard lock(running.mutex);
+    const pid_t done = waitpid(pid, status, WNOHANG);
+    if (done != 0) running.pids.erase(pid);
+    return done;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (auto& text : texts) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// Both ends are closed by exec: a child must not keep another child's pipe open.
+bool openPipe(int (&ends)[2]) {
+    if (pipe(ends) != 0) return false;
+    for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
+    return true;
+}
+
+}  // namespace
+
+Subprocess::Subprocess(std::vector<std::string> argv, const std::vector<std::string>& environment) {
+    int in[2];
+    int out[2];
+    if (!openPipe(in) || !openPipe(out)) throw std::runtime_error("pipe failed");
+    std::vector<std::string> env;
+    for (char** entry = environ; *entry; ++entry) env.emplace_back(*entry);
+    env.insert(env.begin(), environment.begin(), environment.end());
+
+    const int failed = spawn(&m_pid, in[0], out[1], pointersTo(argv), pointersTo(env));
+    close(in[0]);
+    close(out[1]);
+    m_input = in[1];
+    m_output = out[0];
+    if (failed) throw std::runtime_error("cannot start " + argv[0]);
+}
+
+Subprocess::Subprocess(Subprocess&& other) noexcept
+    : m_pid(std::exchange(other.m_pid, -1)),
+      m_input(std::exchange(other.m_input, -1)),
+      m_output(std::exchange(other.m_output, -1)),
+      m_status(other.m_status),
+      m_reaped(other.m_reaped),
+      m_pending(std::move(other.m_pending)) {}
+
+Subprocess::~Subprocess() {
+    if (m_pid > 0 && !m_reaped) {
+        kill();
+        wait();
+    }
+    closeInput();
+    if (m_output >= 0) close(m_output);
+}
+
+std::string Subprocess::readLine(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (const auto end = m_pending.find('\n'); end != std::string::npos) {
+            std::string line = m_pending.substr(0, end);
+            m_pending.erase(0, end + 1);
+            return line;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd waited{m_output, POLLIN, 0};
+        if (left.count() <= 0 || poll(&waited, 1, static_cast<int>(left.count())) <= 0) return {};
+        char bytes[4096];
+        const ssize_t got = read(m_output, bytes, sizeof bytes);
+        if (got <= 0) return std::exchange(m_pending, {});
+        m_pending.append(bytes, static_cast<size_t>(got));
+    }
+}
+
+void Subprocess::writeLine(const std::string& line) {
+    const std::string text = line + '\n';
+    if (write(m_input, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        throw std::runtime_error("cannot write to the child");
+    }
+}
+
+void Subprocess::closeInput() {
+    if (m_input >= 0) close(std::exchange(m_input, -1));
+}
+
+void Subprocess::signal(int number) const {
+    if (m_pid > 0 && !m_reaped) ::kill(m_pid, number);
+}
+
+void Subprocess::kill() const { signal(SIGKILL); }
+
+void Subprocess::endAll() {
+    auto& running = runningChildren();
+    std::lock_guard lock(running.mutex);
+    for (const pid_t pid : running.pids) ::kill(pid, SIGKILL);
+    for (const pid_t pid : running.pids) waitpid(pid, nullptr, 0);
+    running.pids.clear();
+}
+
+int Subprocess::wait(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!m_reaped) {
+        int status = 0;
+        const pid_t done = reap(m_pid, &status);
+        if (done == m_pid) {
+            m_reaped = true;
+            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        } else if (done < 0 || std::chrono::steady_clock::now() >= deadline) {
+            return -1;
+        } else {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    }
+    return m_status;
+}
+
+}  // namespace support

@@ -1,0 +1,51 @@
+// A child process with pipes to its standard input and output, owned by the object: it ends with
+// it. A child starts with no signal blocked. For tests, benchmarks and tools.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace support {
+
+class Subprocess {
+public:
+    // Starts argv[0] (a path) with those arguments. `environment` adds to ("NAME=value"), or
+    // replaces in, this process's environment. Throws std::runtime_error.
+    explicit Subprocess(std::vector<std::string> argv,
+                        const std::vector<std::string>& environment = {});
+    // Kills the child if it still runs, and reaps it.
+    ~Subprocess();
+    Subprocess(Subprocess&& other) noexcept;
+    Subprocess(const Subprocess&) = delete;
+    Subprocess& operator=(const Subprocess&) = delete;
+
+    pid_t pid() const { return m_pid; }
+
+    // One line of the child's standard output without its end; empty at the end of output or after
+    // `timeout`.
+    std::string readLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // Writes `line` and a line end to the child's standard input.
+    void writeLine(const std::string& line);
+    void closeInput();
+
+    void signal(int number) const;
+    void kill() const;
+    // Kills every child of this process that still runs; for a program that is about to exit.
+    static void endAll();
+
+    // The exit status, or 128 + the signal's number; -1 when it did not end within `timeout`.
+    int wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
+
+private:
+    pid_t m_pid = -1;
+    int m_input = -1;
+    int m_output = -1;
+    int m_status = -1;
+    bool m_reaped = false;
+    std::string m_pending;
+};
+
+}  // namespace support
