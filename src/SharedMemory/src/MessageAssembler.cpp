@@ -1,0 +1,67 @@
+#include "MessageAssembler.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace {
+
+constexpr std::uint32_t kReservedAtOnce = 64U << 20U;
+
+bool isPlausibleStart(const ChunkHeader& chunk, std::uint32_t capacity) {
+    const std::uint64_t room = std::uint64_t{chunk.count} * capacity;
+    return chunk.count >= 1 && chunk.total <= room && chunk.count <= std::max(chunk.total, 1U);
+}
+
+}  // namespace
+
+MessageAssembler::Outcome MessageAssembler::add(const ChunkHeader& chunk, const char* data,
+                                                std::uint32_t capacity) {
+    if (chunk.index == 1) {
+        if (!begin(chunk, capacity)) return refuse(Outcome::BadLength);
+    } else if (!inProgress() || chunk.index != m_nextIndex || chunk.count != m_count) {
+        return refuse(Outcome::Stray);
+    }
+    if (chunk.length > capacity || chunk.length > m_total - m_message.size()) {
+        return refuse(Outcome::BadLength);
+    }
+    try {
+        m_message.append(data, chunk.length);
+    } catch (const std::bad_alloc&) {
+        return refuse(Outcome::BadLength);
+    }
+    if (chunk.index < m_count) {
+        m_nextIndex = chunk.index + 1;
+        return Outcome::Incomplete;
+    }
+    m_nextIndex = 1;
+    return m_message.size() == m_total ? Outcome::Complete : refuse(Outcome::BadLength);
+}
+
+bool MessageAssembler::begin(const ChunkHeader& chunk, std::uint32_t capacity) {
+    drop();
+    if (!isPlausibleStart(chunk, capacity)) return false;
+    m_total = chunk.total;
+    m_count = chunk.count;
+    try {
+        m_message.reserve(std::min(m_total, kReservedAtOnce));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+std::string MessageAssembler::take() {
+    m_nextIndex = 1;
+    return std::exchange(m_message, {});
+}
+
+void MessageAssembler::drop() {
+    m_nextIndex = 1;
+    m_message = {};
+}
+
+MessageAssembler::Outcome MessageAssembler::refuse(Outcome outcome) {
+    drop();
+    return outcome;
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "SharedMemoryLayout.h"
+
+// Joins the chunks of one message. Trusts nothing in a chunk header: no byte outside the data area
+// is read, and memory beyond 64 MiB is only taken as bytes arrive. Not thread-safe.
+class MessageAssembler {
+public:
+    enum class Outcome {
+        Incomplete,  // taken; more chunks must follow
+        Complete,    // taken; take() has the message
+        Stray,       // no first chunk, or not the one that had to follow; what was begun is dropped
+        BadLength,   // its lengths cannot be right; what was begun is dropped
+    };
+
+    // `data` is the slot's area of `capacity` bytes. A first chunk drops what was begun before.
+    Outcome add(const ChunkHeader& chunk, const char* data, std::uint32_t capacity);
+
+    // A first chunk was taken and the message is not complete.
+    bool inProgress() const { return m_nextIndex > 1; }
+    // The complete message.
+    std::string take();
+    void drop();
+
+private:
+    bool begin(const ChunkHeader& chunk, std::uint32_t capacity);
+    Outcome refuse(Outcome outcome);
+
+    std::string m_message;
+    std::uint32_t m_total = 0;
+    std::uint32_t m_count = 0;
+    std::uint32_t m_nextIndex = 1;
+};

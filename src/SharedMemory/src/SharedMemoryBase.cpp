@@ -1,0 +1,236 @@
+#include "SharedMemoryBase.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+
+#include "Log.h"
+
+NORVO_LOG_SOURCE("src/SharedMemory/src/SharedMemoryBase")
+
+using VDIFrameworkCommon::LocalLock;
+using VDIFrameworkCommon::NamedCondition;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char kObjectPrefix[] = "ED992248_";
+// A wait is cut into pieces this long, so that a stop that came just before it is seen soon.
+constexpr unsigned int kWaitSliceMs = 200;
+
+unsigned int millisecondsUntil(Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    return static_cast<unsigned int>(std::max<std::chrono::milliseconds::rep>(0, left.count()));
+}
+
+}  // namespace
+
+SharedMemoryBase::SharedMemoryBase() : m_controller(SharedMemoryRWController::getInstance()) {}
+
+SharedMemoryBase::~SharedMemoryBase() { stopReadThread(); }
+
+unsigned int SharedMemoryBase::CalculateSharedMemorySize(unsigned int capacity) {
+    return capacity + static_cast<unsigned int>(sizeof(SharedMemoryHeader));
+}
+
+bool SharedMemoryBase::Create(const std::string& name, unsigned int size) {
+    return setUp(name, size, Mode::Writer);
+}
+
+bool SharedMemoryBase::Open(const std::string& name, unsigned int size) {
+    return setUp(name, size, Mode::Reader);
+}
+
+void SharedMemoryBase::startWriting() { ResetSynchronizationID(); }
+
+void SharedMemoryBase::startReading() { SetReadMessageID(); }
+
+bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mode) {
+    constexpr auto kLargest = std::numeric_limits<unsigned int>::max() - sizeof(SharedMemoryHeader);
+    if (m_open) {
+        NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
+        return false;
+    }
+    if (size == 0 || size > kLargest) {
+        NORVO_LOG(Error, "Illegal capacity ", size, " for shared memory: ", name);
+        return false;
+    }
+    LocalLock operation(m_operationLock);
+    LocalLock wait(m_waitLock);
+    m_name = name;
+    if (!createSynchronization(mode)) return false;
+    m_writeCondition.notify();
+    if (!CreateOrOpen(name, size, true)) return false;
+    MapSMAreaPointers();
+    m_mode = mode;
+    m_restIsClear = false;
+    m_assembler.drop();
+    if (mode == Mode::Writer) {
+        startWriting();
+    } else {
+        startReading();
+    }
+    m_controller->start();
+    return true;
+}
+
+bool SharedMemoryBase::createSynchronization(Mode mode) {
+    const std::string object = kObjectPrefix + m_name;
+    if (!m_mutex.create(object.c_str())) {
+        NORVO_LOG(Error, "CreateMutex for shared memory start failed, stream: ", m_name);
+        return false;
+    }
+    NORVO_LOG(Info, "CreateMutex for shared memory start ",
+              mode == Mode::Writer ? "succeed" : "Suceded", ", stream: ", m_name);
+    m_mutex.unlock();
+    if (!m_readCondition.create((object + "_read_condition").c_str())) {
+        NORVO_LOG(Error,
+                  "Create condition for reading shared memory start failed, stream: ", m_name);
+        return false;
+    }
+    NORVO_LOG(Info, "Create condition for reading shared memory start succeed, stream: ", m_name);
+    if (!m_writeCondition.create((object + "_write_condition").c_str())) {
+        NORVO_LOG(Error,
+                  "Create condition for writing to  shared memory start failed, stream: ", m_name);
+        return false;
+    }
+    NORVO_LOG(Info, "Create condition for writing shared memory start succeed, stream: ", m_name);
+    return true;
+}
+
+void SharedMemoryBase::mapped(void* address, unsigned int capacity) {
+    m_address = address;
+    m_capacity = capacity;
+    m_open = true;
+}
+
+void SharedMemoryBase::MapSMAreaPointers() {
+    m_header = static_cast<SharedMemoryHeader*>(m_address);
+    m_data = static_cast<char*>(m_address) + sizeof(SharedMemoryHeader);
+}
+
+bool SharedMemoryBase::Close() {
+    if (isOnReadThread()) {
+        logIllegalOperation();
+        return false;
+    }
+    stopReadThread();
+    if (!m_open.exchange(false)) {
+        logIllegalOperation();
+        return false;
+    }
+    m_readCondition.notify();
+    m_writeCondition.notify();
+    LocalLock operation(m_operationLock);
+    LocalLock wait(m_waitLock);
+    dropPartialMessage();
+    leave();
+    m_header = nullptr;
+    m_data = nullptr;
+    return CloseSharedMemory();
+}
+
+std::string SharedMemoryBase::getName() {
+    LocalLock wait(m_waitLock);
+    return m_name;
+}
+
+bool SharedMemoryBase::mayOperate(Mode mode) {
+    if (m_open && m_mode == mode) return true;
+    logIllegalOperation();
+    return false;
+}
+
+void SharedMemoryBase::logIllegalOperation() { NORVO_LOG(Warning, "Illegal operation!", m_name); }
+
+bool SharedMemoryBase::lockNamedMutex() {
+    if (m_mutex.lock()) return true;
+    NORVO_LOG(Error, "Error: Locking named mutex timedout, stream: ", m_name);
+    return false;
+}
+
+void SharedMemoryBase::logLockTaken() {
+    NORVO_LOG(Trace,
+              "Lock on named mutex has happened, someone has read the shared memory, so we can "
+              "write, stream: ",
+              m_name);
+}
+
+void SharedMemoryBase::ResetSynchronizationID() {
+    if (!m_header || !lockNamedMutex()) return;
+    logLockTaken();
+    m_header->newMessageId = 0;
+    m_header->readMessageId = 0;
+    m_mutex.unlock();
+}
+
+bool SharedMemoryBase::SetNewMessageID() {
+    if (!m_header || !lockNamedMutex()) return false;
+    m_header->newMessageId.fetch_add(1);
+    m_mutex.unlock();
+    m_readCondition.notify();
+    return true;
+}
+
+void SharedMemoryBase::SetReadMessageID() {
+    if (!m_header || !lockNamedMutex()) return;
+    logLockTaken();
+    m_header->readMessageId = m_header->newMessageId.load();
+    m_mutex.unlock();
+    m_writeCondition.notify();
+}
+
+bool SharedMemoryBase::NewMessage(bool /*update*/) {
+    if (!m_header || !m_open || !lockNamedMutex()) return false;
+    logLockTaken();
+    const bool unread = isUnread();
+    m_mutex.unlock();
+    return unread;
+}
+
+bool SharedMemoryBase::isUnread() {
+    const long newId = m_header->newMessageId;
+    const long readId = m_header->readMessageId;
+    if (newId < readId) {
+        // Neither readable nor writable: only a misbehaving process leaves this behind.
+        NORVO_LOG(Warning, "Message IDs went backwards, stream: ", m_name);
+        m_header->readMessageId = newId;
+        m_writeCondition.notify();
+    }
+    return newId > readId;
+}
+
+bool SharedMemoryBase::WaitWritable(unsigned int timeout) {
+    LocalLock wait(m_waitLock);
+    return waitFor(m_writeCondition, timeout,
+                   [this] { return m_header->newMessageId == m_header->readMessageId; });
+}
+
+bool SharedMemoryBase::WaitForData(unsigned int timeout) {
+    LocalLock wait(m_waitLock);
+    return waitForChunk(timeout);
+}
+
+bool SharedMemoryBase::waitForChunk(unsigned int timeout) {
+    return waitFor(m_readCondition, timeout, [this] { return isUnread(); });
+}
+
+template <class Test>
+bool SharedMemoryBase::waitFor(NamedCondition& condition, unsigned int timeout, Test test) {
+    if (!m_header || !m_open || !lockNamedMutex()) return false;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout);
+    unsigned int left = timeout;
+    bool met = false;
+    for (bool over = false; !met && !over;) {
+        const bool notified = condition.timed_wait(m_mutex, std::min(left, kWaitSliceMs));
+        if (!m_open || isReadingStopped()) break;
+        met = notified && test();
+        if (met) break;
+        left = millisecondsUntil(deadline);
+        over = left == 0;
+        if (over) met = test();
+    }
+    m_mutex.unlock();
+    return met;
+}

@@ -1,0 +1,81 @@
+#include "SharedMemoryRWController.h"
+
+#include <unistd.h>
+
+#include "LocalMutex.h"
+
+using VDIFrameworkCommon::LocalLock;
+using VDIFrameworkCommon::LocalMutex;
+
+namespace {
+
+constexpr long kCheckEveryMs = 500;
+
+// Ends the checker thread at process exit, before what it uses is torn down.
+struct ShutdownAtExit {
+    ~ShutdownAtExit() { SharedMemoryRWController::getInstance()->shutdown(); }
+};
+
+}  // namespace
+
+std::shared_ptr<SharedMemoryRWController> SharedMemoryRWController::getInstance() {
+    static LocalMutex& mutex = *new LocalMutex;
+    static std::atomic<std::shared_ptr<SharedMemoryRWController>*> instance{nullptr};
+    if (auto* made = instance.load()) return *made;
+    LocalLock lock(mutex);
+    if (!instance.load()) {
+        instance = new std::shared_ptr<SharedMemoryRWController>(new SharedMemoryRWController);
+        static const ShutdownAtExit atExit;
+    }
+    return *instance.load();
+}
+
+SharedMemoryRWController::SharedMemoryRWController() : m_running(false) { start(); }
+
+SharedMemoryRWController::~SharedMemoryRWController() { shutdown(); }
+
+void SharedMemoryRWController::start() {
+    LocalLock lock(m_threadMutex);
+    if (m_running) return;
+    m_running = true;
+    try {
+        m_checker = std::thread(&SharedMemoryRWController::checkActiveVirtualChannelAgent, this);
+    } catch (...) {
+        m_running = false;
+        throw;
+    }
+    m_checkerProcess = getpid();
+}
+
+void SharedMemoryRWController::shutdown() {
+    LocalLock lock(m_threadMutex);
+    m_running = false;
+    m_event.set();
+    if (!m_checker.joinable()) return;
+    if (m_checkerProcess == getpid()) {
+        m_checker.join();
+    } else {
+        m_checker.detach();
+    }
+}
+
+void SharedMemoryRWController::checkActiveVirtualChannelAgent() {
+    while (m_running) {
+        const bool allowed = !hasOtherActiveVirtualChannelAgent();
+        m_canRead = allowed;
+        m_canWrite = allowed;
+        m_event.timedWait(kCheckEveryMs);
+    }
+}
+
+bool SharedMemoryRWController::hasOtherActiveVirtualChannelAgent() {
+    return m_recorder.hasOtherActiveVirtualChannelAgent();
+}
+
+bool SharedMemoryRWController::markCurrentVirtualChannelAgentAsActive() {
+    return m_recorder.markCurrentVirtualChannelAgentAsActive();
+}
+
+void SharedMemoryRWController::clearActiveVirtualChannelAgent() {
+    m_recorder.clearActiveVirtualChannelAgent();
+}
