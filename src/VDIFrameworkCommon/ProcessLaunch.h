@@ -1,0 +1,24 @@
+#pragma once
+
+#include <spawn.h>
+
+#include <string>
+#include <vector>
+
+#include "ApplicationBundle.h"
+
+namespace VDIFrameworkCommon {
+
+// Starts the program at `path` as a stranger to this process: in a session of its own, reaped by
+// the system, with standard streams from and to nowhere, no other descriptor, no blocked and no
+// handled or ignored signal. False when it could not be started.
+bool launchDetached(const std::string& path, const std::vector<std::string>& arguments);
+
+// What the systems do differently.
+bool launchBundle(const ApplicationBundle& bundle, const std::vector<std::string>& arguments);
+bool launchByIdentifier(const std::string& identifier);
+char** environmentOfProcess();
+// Makes the spawned program inherit no descriptor but the standard ones. Adds to `flags`.
+void closeOtherDescriptors(posix_spawn_file_actions_t& actions, short& flags);
+
+}  // namespace VDIFrameworkCommon

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ProcessList.h"
+
+namespace VDIFrameworkCommon {
+
+// Decides which processes a name means, see ProcessUtils. Paths are compared as files, not as
+// texts; what a path means is settled when the matcher is made.
+class ProcessMatcher {
+public:
+    explicit ProcessMatcher(std::string name);
+    bool matches(const RunningProcess& process) const;
+
+private:
+    using FileId = std::pair<dev_t, ino_t>;
+    void add(const std::string& path);
+    bool isOneOfTheFiles(const std::string& path) const;
+
+    std::string m_name;
+    bool m_isPath;
+    std::vector<FileId> m_files;
+};
+
+// The processes of the effective user that `name` means.
+std::vector<RunningProcess> processesNamed(const std::string& name);
+
+}  // namespace VDIFrameworkCommon

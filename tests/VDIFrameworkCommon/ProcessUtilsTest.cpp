@@ -1,0 +1,244 @@
+#include "ProcessUtils.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "ApplicationBundle.h"
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "ProcessLaunch.h"
+#include "ProcessMatcher.h"
+#include "Rounds.h"
+#include "TestApplication.h"
+
+using testing::ElementsAre;
+using testing::SizeIs;
+using testsupport::argumentsOf;
+using testsupport::ChildProcess;
+using testsupport::LogCapture;
+using testsupport::statusOf;
+using testsupport::TempDir;
+using testsupport::TestApplication;
+using VDIFrameworkCommon::launchDetached;
+using VDIFrameworkCommon::ProcessUtils;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kIdentifier[] = "com.norvo.test.Companion";
+
+bool waitUntil(const std::function<bool()>& holds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// Signals 32 and 33 are not the program's to set.
+constexpr unsigned long long kOfTheThreadLibrary = 3ULL << 31;
+
+unsigned long long signalsOf(pid_t pid, const std::string& set) {
+    return std::stoull(statusOf(pid, set), nullptr, 16);
+}
+
+void makeScript(const std::string& path) {
+    fs::remove(path);
+    std::ofstream(path) << "#!/bin/sh\nwhile :; do sleep 0.1; done\n";
+    fs::permissions(path, fs::perms::owner_all);
+}
+
+class ProcessUtilsAcrossProcesses : public testing::Test {
+protected:
+    TestApplication app{"Companion", kIdentifier};
+};
+
+}  // namespace
+
+TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArguments) {
+    ASSERT_TRUE(ProcessUtils::createProcessAtURL(app.path() + '/', {"launchermode", "1 2"}));
+    const auto processes = app.processes();
+    ASSERT_THAT(processes, SizeIs(1)) << "must be there when the call returns";
+    EXPECT_TRUE(waitUntil([&] { return !argumentsOf(processes[0]).empty(); }));
+    EXPECT_THAT(argumentsOf(processes[0]), ElementsAre("launchermode", "1 2"));
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, AStartedProgramInheritsNothingOfItsStarter) {
+    int leaked[2];
+    ASSERT_EQ(pipe(leaked), 0);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    ASSERT_TRUE(ProcessUtils::createProcessAtURL(app.path(), {}));
+    pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+    close(leaked[0]);
+    close(leaked[1]);
+
+    const auto processes = app.processes();
+    ASSERT_THAT(processes, SizeIs(1));
+    const pid_t program = processes[0];
+    EXPECT_NE(statusOf(program, "PPid"), std::to_string(getpid()));
+    EXPECT_EQ(getsid(program), program);
+    for (const char* set : {"SigBlk", "SigIgn"}) {
+        EXPECT_EQ(signalsOf(program, set) & ~kOfTheThreadLibrary, 0U) << set;
+    }
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(program) + "/fd")) {
+        EXPECT_EQ(fs::read_symlink(fd), "/dev/null") << fd;
+    }
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left to reap";
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, AProgramIsFoundByNamePathBundleAndIdentifier) {
+    const std::vector<std::string> names{"Companion", app.program(), app.path(), kIdentifier,
+                                         "/Applications/Companion.app"};
+    for (const auto& name : names) EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
+    ASSERT_TRUE(ProcessUtils::createProcess(app.path()));
+    for (const auto& name : names) EXPECT_TRUE(ProcessUtils::isProcessRunning(name)) << name;
+    for (const char* name : {"", "/", "companion", "Companion.app", "com.norvo.test"}) {
+        EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
+    }
+    kill(app.processes().at(0), SIGKILL);
+    EXPECT_TRUE(waitUntil([] { return !ProcessUtils::isProcessRunning(kIdentifier); }));
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, AProgramWhoseFileWasReplacedIsStillFound) {
+    ASSERT_TRUE(ProcessUtils::createProcess(app.path()));
+    const pid_t program = app.processes().at(0);
+    fs::rename(app.program(), app.program() + ".old");
+    fs::remove(app.program() + ".old");
+    EXPECT_TRUE(ProcessUtils::isProcessRunning(kIdentifier));
+    ProcessUtils::terminateProcess(kIdentifier);
+    const std::string state = statusOf(program, "State");
+    EXPECT_TRUE(state.empty() || state.starts_with('Z')) << state;
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, AnInstalledBundleIsStartedByItsIdentifier) {
+    EXPECT_TRUE(ProcessUtils::createProcess(kIdentifier));
+    EXPECT_THAT(app.processes(), SizeIs(1));
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, WhatCannotBeStartedIsReportedOnce) {
+    fs::create_directories(app.folder() + "/Empty.app/Contents");
+    std::ofstream(app.folder() + "/plain") << "not a program";
+    std::ofstream(app.folder() + "/broken") << "not a program";
+    fs::permissions(app.folder() + "/broken", fs::perms::owner_all);
+    LogCapture log;
+    for (const std::string& path : {app.folder() + "/missing", app.folder() + "/Empty.app",
+                                    app.folder() + "/plain", app.folder() + "/broken", app.folder(),
+                                    std::string("com.norvo.test.Missing"), std::string()}) {
+        log.clear();
+        EXPECT_FALSE(ProcessUtils::createProcess(path)) << path;
+        EXPECT_THAT(log.lines(), ElementsAre("could not start " + path));
+    }
+}
+
+CHILD_ROLE(bundleStarter) {
+    VDIFrameworkCommon::redirectApplications(args[0]);
+    std::puts("ready");
+    std::fflush(stdout);
+    std::getchar();
+    return ProcessUtils::createProcessAtURL("/Applications/Companion.app", {}) ? 0 : 1;
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, SeveralProcessesAtOnceStartABundleOnce) {
+    for (int round = 0; round < testsupport::rounds(5); ++round) {
+        std::vector<ChildProcess> starters;
+        for (int i = 0; i < 4; ++i) {
+            starters.emplace_back("bundleStarter", std::vector<std::string>{app.folder()});
+        }
+        for (auto& starter : starters) ASSERT_EQ(starter.readLine(), "ready");
+        for (auto& starter : starters) starter.closeInput();
+        for (auto& starter : starters) EXPECT_EQ(starter.wait(), 0);
+        EXPECT_THAT(app.processes(), SizeIs(1));
+        ProcessUtils::terminateProcess(kIdentifier);
+        EXPECT_THAT(app.processes(), SizeIs(0));
+    }
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, AScriptIsFoundAsTheProgramOfItsBundle) {
+    makeScript(app.program());
+    const std::string reader = app.folder() + "/reader";
+    fs::copy_file("/usr/bin/tail", reader);
+    ASSERT_TRUE(launchDetached(reader, {"-f", app.program()}));
+    EXPECT_FALSE(ProcessUtils::isProcessRunning(kIdentifier)) << "only reads the script";
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(ProcessUtils::createProcess(kIdentifier));
+    EXPECT_TRUE(ProcessUtils::isProcessRunning(kIdentifier));
+    const auto running = [&] { return VDIFrameworkCommon::processesNamed(app.program()).size(); };
+    EXPECT_EQ(running(), 1U);
+    ProcessUtils::terminateProcess(kIdentifier);
+    EXPECT_EQ(running(), 0U);
+    EXPECT_TRUE(ProcessUtils::isProcessRunning(reader));
+    ProcessUtils::terminateProcess(reader);
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, WhatWillNotEndIsEndedByForce) {
+    ASSERT_TRUE(launchDetached(app.program(), {}));
+    ASSERT_TRUE(launchDetached(app.program(), {"stubborn"}));
+    const auto ignoresTerm = [](pid_t pid) {
+        return (signalsOf(pid, "SigIgn") & 1ULL << (SIGTERM - 1)) != 0;
+    };
+    ASSERT_TRUE(waitUntil([&] {
+        const auto processes = app.processes();
+        return processes.size() == 2 &&
+               std::count_if(processes.begin(), processes.end(), ignoresTerm) == 1;
+    }));
+    const auto start = std::chrono::steady_clock::now();
+    ProcessUtils::terminateProcess(kIdentifier);
+    EXPECT_THAT(app.processes(), SizeIs(0));
+    EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900))
+        << "was not given its second";
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, AZombieDoesNotRun) {
+    std::string path = app.program();
+    char* argv[] = {path.data(), nullptr};
+    pid_t child = 0;
+    ASSERT_EQ(posix_spawn(&child, path.c_str(), nullptr, nullptr, argv, environ), 0);
+    EXPECT_TRUE(ProcessUtils::isProcessRunning(kIdentifier));
+    ProcessUtils::terminateProcess(kIdentifier);
+    EXPECT_FALSE(ProcessUtils::isProcessRunning(kIdentifier));
+    EXPECT_EQ(kill(child, 0), 0) << "must still be there to be a zombie";
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+}
+
+CHILD_ROLE(terminatorOfItsOwnName) {
+    if (args.empty()) {
+        sleep(60);
+        return 0;
+    }
+    ProcessUtils::terminateProcess(fs::read_symlink("/proc/self/exe"));
+    std::ofstream(args[0]) << "done";
+    return 0;
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, TheCallerIsNeverTerminated) {
+    const std::string copy = app.folder() + "/copy";
+    fs::copy_file(fs::read_symlink("/proc/self/exe"), copy);
+    ASSERT_TRUE(launchDetached(copy, {"--child-role", "terminatorOfItsOwnName"}));
+    ASSERT_TRUE(ProcessUtils::isProcessRunning(copy));
+    const std::string mark = app.folder() + "/mark";
+    ASSERT_TRUE(launchDetached(copy, {"--child-role", "terminatorOfItsOwnName", mark}));
+    EXPECT_TRUE(waitUntil([&] { return fs::exists(mark); }));
+    EXPECT_TRUE(waitUntil([&] { return !ProcessUtils::isProcessRunning(copy); }));
+}
+
+TEST(ProcessUtils, SaysWhoRuns) {
+    EXPECT_EQ(ProcessUtils::getCurrentProcessId(), static_cast<unsigned>(getpid()));
+    EXPECT_EQ(ProcessUtils::getParentProcessId(), static_cast<unsigned>(getppid()));
+    EXPECT_TRUE(ProcessUtils::isProcessRunning(fs::read_symlink("/proc/self/exe")));
+}

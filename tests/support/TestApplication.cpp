@@ -1,0 +1,98 @@
+#include "TestApplication.h"
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "ApplicationBundle.h"
+
+namespace testsupport {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string describe(const std::string& name, const std::string& identifier) {
+    return R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+    <key>CFBundleExecutable</key>
+    <string>)" +
+           name + R"(</string>
+    <key>CFBundleIdentifier</key>
+    <string>)" +
+           identifier + R"(</string>
+</dict>
+</plist>
+)";
+}
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+}  // namespace
+
+TestApplication::TestApplication(const std::string& name, const std::string& identifier)
+    : m_canonicalFolder(fs::canonical(m_folder.path())),
+      m_path(m_canonicalFolder + '/' + name + ".app"),
+      m_program(m_path + "/Contents/MacOS/" + name) {
+    fs::create_directories(m_path + "/Contents/MacOS");
+    fs::copy_file(idleProgram(), m_program);
+    std::ofstream(m_path + "/Contents/Info.plist") << describe(name, identifier);
+    VDIFrameworkCommon::redirectApplications(m_canonicalFolder);
+}
+
+TestApplication::~TestApplication() {
+    for (const pid_t pid : processes()) kill(pid, SIGKILL);
+    waitForProcesses(0);
+    VDIFrameworkCommon::redirectApplications("");
+}
+
+std::vector<pid_t> TestApplication::processes() const {
+    std::vector<pid_t> found;
+    for (const auto& process : fs::directory_iterator("/proc")) {
+        std::error_code error;
+        const fs::path executable = fs::read_symlink(process.path() / "exe", error);
+        if (!error && executable == m_program)
+            found.push_back(std::stoi(process.path().filename()));
+    }
+    return found;
+}
+
+std::vector<pid_t> TestApplication::waitForProcesses(std::size_t count) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    auto found = processes();
+    while (found.size() != count && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        found = processes();
+    }
+    return found;
+}
+
+std::string idleProgram() { return NORVO_IDLE_PROGRAM; }
+
+std::vector<std::string> argumentsOf(pid_t pid) {
+    std::vector<std::string> arguments;
+    std::istringstream text(contentOf("/proc/" + std::to_string(pid) + "/cmdline"));
+    for (std::string one; std::getline(text, one, '\0');) arguments.push_back(one);
+    if (!arguments.empty()) arguments.erase(arguments.begin());
+    return arguments;
+}
+
+std::string statusOf(pid_t pid, const std::string& field) {
+    std::istringstream text(contentOf("/proc/" + std::to_string(pid) + "/status"));
+    for (std::string line; std::getline(text, line);) {
+        if (line.starts_with(field + ":\t")) return line.substr(field.size() + 2);
+    }
+    return {};
+}
+
+}  // namespace testsupport
