@@ -1,6 +1,5 @@
 #include "AgentStream.h"
 
-#include <system_error>
 #include <utility>
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
@@ -46,13 +45,7 @@ bool Agent::Stream::start() {
 
 bool Agent::Stream::begin() {
     if (m_type == StreamType::WRITE) return m_writer.start([this] { WriterProcessingThread(); });
-    if (m_type != StreamType::READ || !m_segment) return true;
-    try {
-        m_segment->subscribeObserver(this);
-    } catch (const std::system_error&) {
-        return false;
-    }
-    return true;
+    return m_type != StreamType::READ || !m_segment || subscribe(*m_segment, this);
 }
 
 void Agent::Stream::enqueue(std::string message) {

@@ -5,7 +5,19 @@
 #include <thread>
 #include <utility>
 
+#include "SharedMemoryI.h"
+
 namespace VirtualChannelAgent {
+
+// Subscribes and says whether the segment's read thread could be started.
+inline bool subscribe(SharedMemoryI& segment, SharedMemoryObserverI* observer) {
+    try {
+        segment.subscribeObserver(observer);
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return true;
+}
 
 // A thread with one owner. Not thread-safe: the owner's lock guards it.
 class AgentThread {

@@ -98,11 +98,11 @@ StreamPtr StreamService::findOrMake(const std::string& name, StreamType type, un
 
 bool StreamService::admits(const std::string& name, unsigned int size, Requester requester) {
     if (m_context.stopping) return false;
-    // Who may write into the requests' segment could give orders in a local process's place.
+    // Who could write into the requests' segment would give orders in a local process's place.
+    const bool isInfo = name == m_context.infoInputName || name == m_context.infoOutputName;
     const std::string_view refusal =
-        name == m_context.infoInputName
-            ? "it is the INFO stream of requests"
-            : refusalOfStream(name, size, requester == Requester::FarSide, m_load);
+        isInfo ? "it is an INFO stream"
+               : refusalOfStream(name, size, requester == Requester::FarSide, m_load);
     if (refusal.empty()) return true;
     AGENT_LOG(Warning, "Stream refused, ", refusal, ": ", shown(name), ", size ", size);
     return false;

@@ -7,6 +7,7 @@
 
 #include "AgentConnection.h"
 #include "AgentContext.h"
+#include "AgentThread.h"
 #include "ChannelLink.h"
 #include "ControlProtocol.h"
 #include "InfoNotifier.h"
@@ -75,9 +76,7 @@ Agent::Agent(VirtualChannel* channel, std::string name,
     m_parts->m_service.beginInfoOutput(kInfoSegmentSize);
     m_parts->m_infoReader = m_parts->m_service.CreateInternalSharedMemory(
         m_context.infoInputName, StreamType::READ, kInfoSegmentSize);
-    if (m_parts->m_infoReader) {
-        m_parts->m_infoReader->subscribeObserver(this);
-    } else {
+    if (!m_parts->m_infoReader || !subscribe(*m_parts->m_infoReader, this)) {
         AGENT_LOG(Error, "infoSharedMemory create failed");
     }
     m_parts->m_notifier.notifyCurrentProcessId(false);
