@@ -31,7 +31,7 @@ quietly() {
     "$@" >"$log" 2>&1 </dev/null && return
     local status=$?
     say "failed: $*"
-    tail -n 60 "$log"
+    tail -n 60 "$log" | cut -c 1-300
     say "(all of it: $log)"
     return "$status"
 }
