@@ -13,16 +13,20 @@ using VDIFrameworkCommon::MessageBuilder;
 
 namespace {
 
-// A lost request is repeated after this time.
-constexpr auto kRequestPause = 1s;
-// A roll call (RequestNotifyStream) is answered with one message per stream, each of which takes
-// the agent about 20 ms: ask soon, then ever more rarely.
-constexpr auto kFirstRollCall = 30ms;
+// A stream that has not come up by then is asked for again: the request may have been lost.
+constexpr auto kStreamRequestPause = 3s;
+constexpr auto kProcessIdPause = 500ms;
+// A roll call (RequestNotifyStream) is answered with one message per running stream: ask soon, then
+// ever more rarely.
+constexpr auto kFirstRollCallPause = 20ms;
 constexpr auto kLongestRollCallPause = 1s;
-constexpr auto kHeartbeatUnconnected = 500ms;
-constexpr auto kHeartbeatConnected = 3s;
-// An agent that is asked every 3 s and says nothing for so long has gone.
-constexpr auto kSilenceOfTheGone = 8s;
+constexpr auto kSignOfLifePause = 2s;
+// A living agent takes a request within about 20 ms, unless its process is starved or suspended.
+constexpr auto kPatience = 2s;
+constexpr auto kPatienceWithTheAbsent = 200ms;
+// Longer than this between two looks: this process stood still, and others may have gone on
+// without it.
+constexpr auto kStandstill = 3s;
 
 std::string requestText(const std::string& name, Direction direction, unsigned int capacity) {
     MessageBuilder text;
@@ -36,13 +40,8 @@ std::string requestText(const std::string& name, Direction direction, unsigned i
 bool AgentView::addStream(const std::string& name, Direction direction, unsigned int capacity) {
     LocalLock lock(m_mutex);
     if (m_closed) return false;
-    const auto now = Clock::now();
-    const bool added = m_streams.try_emplace(name, Entry{direction, capacity, false, now}).second;
-    if (added) {
-        m_rollCallPause = kFirstRollCall;
-        m_nextRollCall = now + kFirstRollCall;
-        m_changed.notify_all();
-    }
+    const bool added = m_streams.try_emplace(name, Entry{direction, capacity}).second;
+    if (added) m_changed.notify_all();
     return added;
 }
 
@@ -76,9 +75,8 @@ bool AgentView::isConnected() const {
 
 bool AgentView::waitUntilConnected(Clock::time_point deadline) const {
     LocalLock lock(m_mutex);
-    while (!m_closed && !m_connected && Clock::now() < deadline) {
+    while (!m_closed && !m_connected && Clock::now() < deadline)
         m_changed.wait_until(m_mutex, deadline);
-    }
     return m_connected && !m_closed;
 }
 
@@ -87,102 +85,152 @@ unsigned int AgentView::agentProcessId() const {
     return m_agentPid;
 }
 
-std::optional<bool> AgentView::hear(const Notification& notification, Clock::time_point now) {
+AgentView::Heard AgentView::hear(const Notification& notification, Clock::time_point now) {
     LocalLock lock(m_mutex);
-    m_lastHeard = now;
-    std::optional<bool> change;
+    m_agentThere = true;
+    m_nextSignOfLife = now + kSignOfLifePause;
+    Heard heard{std::nullopt, true};
     if (notification.name == "ChannelUp") {
-        change = setConnected(true);
-        askAgain(now);
+        heard.connectionChange = setConnected(true);
+        askForAllAgain();
     } else if (notification.name == "ChannelDown") {
-        change = setConnected(false);
+        heard.connectionChange = setConnected(false);
     } else if (notification.name == "VCProcessId") {
-        change = hearProcessId(notification, now);
-    } else if (notification.name == "StreamUp" && notification.fields.size() >= 2) {
-        const auto found = m_streams.find(notification.fields[0]);
-        const bool reads = notification.fields[1] == "READ";
-        if (found != m_streams.end() && (found->second.direction == Direction::Read) == reads) {
-            found->second.up = true;
-        }
+        const unsigned int known = m_agentPid;
+        heard.connectionChange = hearProcessId(notification);
+        heard.isNews = known != m_agentPid || heard.connectionChange || m_expectsProcessId;
+        m_expectsProcessId = false;
+    } else if (notification.name == "StreamUp") {
+        hearStreamUp(notification);
     }
     m_changed.notify_all();
-    return change;
+    return heard;
 }
 
-std::optional<bool> AgentView::hearProcessId(const Notification& notification,
-                                             Clock::time_point now) {
+std::optional<bool> AgentView::hearProcessId(const Notification& notification) {
     if (notification.fields.size() < 2) return std::nullopt;
     const unsigned int pid = VDIFrameworkCommon::toUnsignedInt(notification.fields[0]);
     if (pid != m_agentPid) {
         m_agentPid = pid;
-        for (auto& [name, entry] : m_streams) entry.up = false;
-        askAgain(now);
+        askForAllAgain();
     }
     return setConnected(notification.fields[1] == "1");
+}
+
+void AgentView::hearStreamUp(const Notification& notification) {
+    if (notification.fields.size() < 2) return;
+    const auto found = m_streams.find(notification.fields[0]);
+    if (found == m_streams.end()) return;
+    const bool reads = notification.fields[1] == "READ";
+    if ((found->second.direction == Direction::Read) == reads) found->second.up = true;
+}
+
+void AgentView::expectProcessId() {
+    LocalLock lock(m_mutex);
+    m_expectsProcessId = true;
 }
 
 std::optional<bool> AgentView::setConnected(bool connected) {
     if (m_connected == connected) return std::nullopt;
     m_connected = connected;
-    if (!connected) {
-        for (auto& [name, entry] : m_streams) entry.up = false;
-    }
+    askForAllAgain();
     return connected;
 }
 
-void AgentView::askAgain(Clock::time_point now) {
-    for (auto& [name, entry] : m_streams) entry.nextRequest = now;
-    m_rollCallPause = kFirstRollCall;
-    m_nextRollCall = now + kFirstRollCall;
-}
-
-bool AgentView::anyStreamDown() const {
-    return std::any_of(m_streams.begin(), m_streams.end(),
-                       [](const auto& entry) { return !entry.second.up; });
-}
-
-std::vector<std::string> AgentView::takeDue(Clock::time_point now, bool& lost) {
-    LocalLock lock(m_mutex);
-    lost = m_connected && now - m_lastHeard > kSilenceOfTheGone && setConnected(false).has_value();
-    std::vector<std::string> due;
+void AgentView::askForAllAgain() {
     for (auto& [name, entry] : m_streams) {
-        if (entry.up || entry.nextRequest > now) continue;
-        due.push_back(requestText(name, entry.direction, entry.capacity));
-        entry.nextRequest = now + kRequestPause;
+        entry.up = false;
+        entry.nextRequest = {};
     }
-    if (m_connected && anyStreamDown() && m_nextRollCall <= now) {
-        due.emplace_back("RequestNotifyStream");
+    callTheRollSoon();
+}
+
+void AgentView::callTheRollSoon() {
+    m_nextRollCall = {};
+    m_rollCallPause = kFirstRollCallPause;
+}
+
+bool AgentView::wantsRollCall() const {
+    return m_connected && std::any_of(m_streams.begin(), m_streams.end(),
+                                      [](const auto& entry) { return !entry.second.up; });
+}
+
+std::chrono::milliseconds AgentView::patience() const {
+    return m_agentThere ? kPatience : kPatienceWithTheAbsent;
+}
+
+void AgentView::noticeStandstill(Clock::time_point now) {
+    if (m_lastLook != Clock::time_point{} && now - m_lastLook > kStandstill) m_agentPid = 0;
+    m_lastLook = now;
+}
+
+std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
+    LocalLock lock(m_mutex);
+    noticeStandstill(now);
+    if (wantsProcessId() && m_nextProcessId <= now) {
+        m_nextProcessId = now + kProcessIdPause;
+        return Due{"RequestVCProcessId", {}, patience()};
+    }
+    if (!m_agentThere) return std::nullopt;
+    for (const auto& [name, entry] : m_streams) {
+        if (entry.up || entry.nextRequest > now) continue;
+        return Due{requestText(name, entry.direction, entry.capacity), name, patience()};
+    }
+    if (wantsRollCall() && m_nextRollCall <= now) {
         m_nextRollCall = now + m_rollCallPause;
         m_rollCallPause = std::min<Clock::duration>(m_rollCallPause * 2, kLongestRollCallPause);
+        return Due{"RequestNotifyStream", {}, patience()};
     }
-    if (m_nextHeartbeat <= now) {
-        const auto pause =
-            m_connected ? Clock::duration(kHeartbeatConnected) : kHeartbeatUnconnected;
-        if (!m_connected || now - m_lastHeard >= kHeartbeatConnected) {
-            due.emplace_back("RequestVCProcessId");
-        }
-        m_nextHeartbeat = now + pause;
+    if (m_nextSignOfLife <= now) return Due{{}, {}, patience()};
+    return std::nullopt;
+}
+
+std::optional<bool> AgentView::finished(const Due& request, bool taken, Clock::time_point now) {
+    LocalLock lock(m_mutex);
+    if (!taken) return losesAgent(now);
+    m_agentThere = true;
+    m_nextSignOfLife = now + kSignOfLifePause;
+    const auto found = m_streams.find(request.stream);
+    if (found != m_streams.end()) {
+        found->second.nextRequest = now + kStreamRequestPause;
+        callTheRollSoon();
     }
-    return due;
+    return std::nullopt;
+}
+
+std::optional<bool> AgentView::losesAgent(Clock::time_point now) {
+    m_agentThere = false;
+    m_agentPid = 0;
+    m_nextProcessId = now + kProcessIdPause;
+    const auto change = setConnected(false);
+    askForAllAgain();
+    m_changed.notify_all();
+    return change;
+}
+
+void AgentView::suspect() {
+    LocalLock lock(m_mutex);
+    m_nextSignOfLife = {};
+    m_changed.notify_all();
 }
 
 Clock::time_point AgentView::nextDue() const {
-    auto next = m_nextHeartbeat;
+    auto next = wantsProcessId() ? m_nextProcessId : Clock::time_point::max();
+    if (!m_agentThere) return next;
+    next = std::min(next, m_nextSignOfLife);
     for (const auto& [name, entry] : m_streams) {
         if (!entry.up) next = std::min(next, entry.nextRequest);
     }
-    if (m_connected && anyStreamDown()) next = std::min(next, m_nextRollCall);
-    return next;
+    return wantsRollCall() ? std::min(next, m_nextRollCall) : next;
 }
 
-bool AgentView::waitForWork() const {
+bool AgentView::waitForDue(Clock::time_point latest) const {
     LocalLock lock(m_mutex);
-    while (!m_closed) {
-        const auto next = nextDue();
-        if (next <= Clock::now()) return true;
-        m_changed.wait_until(m_mutex, next);
+    for (;;) {
+        const auto until = std::min(nextDue(), latest);
+        if (m_closed || Clock::now() >= until) return !m_closed;
+        m_changed.wait_until(m_mutex, until);
     }
-    return false;
 }
 
 void AgentView::close() {

@@ -4,7 +4,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "LocalMutex.h"
 #include "NorvoStreamClient.h"
@@ -13,10 +12,26 @@ namespace NorvoStreamClient {
 
 using Clock = std::chrono::steady_clock;
 
-// What this process knows of the agent and its streams, from the notifications that it has heard,
-// and what it should ask next. Knows no segment and no thread: both are its users'. Thread-safe.
+// What this process knows of the agent and its streams, from the notifications that it has heard
+// and from which requests the agent took, and what it should ask next. Knows no segment and no
+// thread: both are its users'. Thread-safe.
+//
+// An agent shows that it is there by taking requests. One that leaves a request lie is gone: the
+// connection ends, every stream is down, and a probe is made from time to time until an agent takes
+// it. All that this process wants is then asked for again.
 class AgentView {
 public:
+    // Something to send to the agent now; an empty text is a mere sign of life.
+    struct Due {
+        std::string text;
+        std::string stream;                  // the stream it asks for, if any
+        std::chrono::milliseconds patience;  // for the agent to take it
+    };
+    struct Heard {
+        std::optional<bool> connectionChange;  // the new state
+        bool isNews;                           // worth telling to the program
+    };
+
     // False when the name is taken, or after close().
     bool addStream(const std::string& name, Direction direction, unsigned int capacity);
     void removeStream(const std::string& name);
@@ -27,15 +42,19 @@ public:
     bool waitUntilConnected(Clock::time_point deadline) const;
     unsigned int agentProcessId() const;
 
-    // Takes one notification in. The new state when it changed the connection.
-    std::optional<bool> hear(const Notification& notification, Clock::time_point now);
+    Heard hear(const Notification& notification, Clock::time_point now);
+    // The program asks for the process ID itself: the answer is news even if it is the known one.
+    void expectProcessId();
 
-    // The requests that are due now, as INFO texts, each to be sent once. Decides, too, that an
-    // agent that has not been heard of for long is gone: `lost` is set when that ends a connection.
-    std::vector<std::string> takeDue(Clock::time_point now, bool& lost);
+    // What to send now, if anything. Its fate must be told with finished() before the next call.
+    std::optional<Due> due(Clock::time_point now);
+    // The new state when that changed the connection.
+    std::optional<bool> finished(const Due& request, bool taken, Clock::time_point now);
+    // The agent may be gone: makes a sign of life due at once.
+    void suspect();
 
-    // Sleeps until something is due. False once closed.
-    bool waitForWork() const;
+    // Sleeps until something is due, at most until `latest`. False once closed.
+    bool waitForDue(Clock::time_point latest) const;
 
     // Ends every wait, for good.
     void close();
@@ -45,26 +64,34 @@ private:
         Direction direction;
         unsigned int capacity;
         bool up = false;
-        Clock::time_point nextRequest;  // while not up
+        Clock::time_point nextRequest{};  // while not up; long ago: at once
     };
 
     std::optional<bool> setConnected(bool connected) NORVO_REQUIRES(m_mutex);
-    std::optional<bool> hearProcessId(const Notification& notification, Clock::time_point now)
-        NORVO_REQUIRES(m_mutex);
-    void askAgain(Clock::time_point now) NORVO_REQUIRES(m_mutex);
-    bool anyStreamDown() const NORVO_REQUIRES(m_mutex);
+    std::optional<bool> hearProcessId(const Notification& notification) NORVO_REQUIRES(m_mutex);
+    void hearStreamUp(const Notification& notification) NORVO_REQUIRES(m_mutex);
+    std::optional<bool> losesAgent(Clock::time_point now) NORVO_REQUIRES(m_mutex);
+    void askForAllAgain() NORVO_REQUIRES(m_mutex);
+    void callTheRollSoon() NORVO_REQUIRES(m_mutex);
+    void noticeStandstill(Clock::time_point now) NORVO_REQUIRES(m_mutex);
+    bool wantsRollCall() const NORVO_REQUIRES(m_mutex);
+    bool wantsProcessId() const NORVO_REQUIRES(m_mutex) { return !m_agentThere || !m_agentPid; }
     Clock::time_point nextDue() const NORVO_REQUIRES(m_mutex);
+    std::chrono::milliseconds patience() const NORVO_REQUIRES(m_mutex);
 
     mutable VDIFrameworkCommon::LocalMutex m_mutex;
     mutable VDIFrameworkCommon::LocalCondition m_changed;
     std::map<std::string, Entry> m_streams NORVO_GUARDED_BY(m_mutex);
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
+    bool m_agentThere NORVO_GUARDED_BY(m_mutex) = false;
     bool m_connected NORVO_GUARDED_BY(m_mutex) = false;
     unsigned int m_agentPid NORVO_GUARDED_BY(m_mutex) = 0;
-    Clock::time_point m_lastHeard NORVO_GUARDED_BY(m_mutex);
-    Clock::time_point m_nextHeartbeat NORVO_GUARDED_BY(m_mutex);
-    Clock::time_point m_nextRollCall NORVO_GUARDED_BY(m_mutex);
+    bool m_expectsProcessId NORVO_GUARDED_BY(m_mutex) = false;
+    Clock::time_point m_nextProcessId NORVO_GUARDED_BY(m_mutex){};
+    Clock::time_point m_nextSignOfLife NORVO_GUARDED_BY(m_mutex){};
+    Clock::time_point m_nextRollCall NORVO_GUARDED_BY(m_mutex){};
     Clock::duration m_rollCallPause NORVO_GUARDED_BY(m_mutex){};
+    Clock::time_point m_lastLook NORVO_GUARDED_BY(m_mutex){};
 };
 
 }  // namespace NorvoStreamClient

@@ -1,11 +1,14 @@
 #include <algorithm>
 #include <cctype>
+#include <exception>
+#include <system_error>
 
 #include "ActiveVirtualChannelAgentRecorder.h"
 #include "ClientImpl.h"
 #include "Log.h"
 #include "MessageBuilder.h"
 #include "MessageParser.h"
+#include "ProcessLife.h"
 #include "SharedMemoryFactory.h"
 #include "StreamImpl.h"
 #include "VDIClientInfo.h"
@@ -18,9 +21,13 @@ using VDIFrameworkCommon::LocalLock;
 
 namespace {
 
-constexpr std::size_t kMostWaiting = 1024;
 constexpr std::size_t kLongestName = 64;
 constexpr unsigned int kLargestCapacity = 1u << 30;
+// How often the asker looks at the agent's process even if nothing is due.
+constexpr auto kLongestSleep = std::chrono::milliseconds(500);
+// For a request to an agent whose process has ended; more than none, because the process ID it
+// reports need not be the agent's own.
+constexpr auto kPatienceWithTheDead = std::chrono::milliseconds(300);
 
 bool isPossibleName(const std::string& name) {
     const auto isPossible = [](unsigned char c) {
@@ -30,7 +37,11 @@ bool isPossibleName(const std::string& name) {
            std::all_of(name.begin(), name.end(), isPossible);
 }
 
-// The segments and the agent's gate look at the process, not at the client object.
+bool isInfoSegment(const std::string& name) {
+    return name.ends_with("_Info_VC2STREAM") || name.ends_with("_Info_STREAM2VC");
+}
+
+// The segments' names and the read/write gate look at the process, not at the client object.
 void declareProcess() {
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
     VDIFrameworkCommon::VDIClientInfo::getInstance().setClientType(
@@ -44,16 +55,37 @@ Client::Impl::Impl(Options options)
       m_view(std::make_shared<AgentView>()),
       m_requests(m_options.clientName + "_Info_STREAM2VC") {
     declareProcess();
+    try {
+        joinInfoSegments();
+        startThreads();
+    } catch (const std::system_error& failure) {
+        NORVO_LOG(Error, "cannot start the client's threads: ", failure.what());
+        close();
+    }
+}
+
+void Client::Impl::joinInfoSegments() {
+    const std::string name = m_options.clientName + "_Info_VC2STREAM";
     m_info = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
-    if (m_info->Open(m_options.clientName + "_Info_VC2STREAM", kInfoCapacity)) {
+    m_listens = m_info->Open(name, kInfoCapacity);
+    if (m_listens) {
         m_info->subscribeObserver(this);
     } else {
-        NORVO_LOG(Error, "cannot join the agent's INFO stream of ", m_options.clientName);
+        NORVO_LOG(Error, "cannot listen to the agent, no segment ", name);
     }
+}
+
+void Client::Impl::startThreads() {
     m_asker = std::thread([this] { askLoop(); });
+    if (m_options.onNotification || m_options.onConnectionChange)
+        m_teller = std::thread([this] { tellLoop(); });
 }
 
 void Client::Impl::close() {
+    if (std::this_thread::get_id() == m_teller.get_id()) {
+        NORVO_LOG(Error, "a client cannot be closed from its own callback");
+        return;
+    }
     LocalLock closing(m_closeMutex);
     std::vector<std::weak_ptr<Stream::Impl>> streams;
     {
@@ -61,32 +93,38 @@ void Client::Impl::close() {
         if (m_closed) return;
         m_closed = true;
         streams.swap(m_streams);
-        m_changed.notify_all();
     }
     m_view->close();
     m_requests.cancel();
-    m_asker.join();
-    m_info->unsubscribeAllObservers();
-    m_info->Close();
+    m_toTell.close();
+    m_toCollect.close();
     for (const auto& stream : streams) {
         if (const auto open = stream.lock()) open->close();
     }
+    if (m_asker.joinable()) m_asker.join();
+    m_info->unsubscribeAllObservers();
+    if (m_listens) m_info->Close();
+    if (m_teller.joinable()) m_teller.join();
 }
 
 void Client::Impl::askLoop() {
-    // Without an agent a request cannot be placed; do not hold up the others for it.
-    constexpr auto kLongestSend = std::chrono::milliseconds(500);
-    while (m_view->waitForWork()) {
-        bool lost = false;
-        for (const std::string& text : m_view->takeDue(Clock::now(), lost)) {
-            if (!m_requests.send(text, Clock::now() + kLongestSend)) break;
-        }
-        if (lost) tellConnection(false);
+    while (m_view->waitForDue(Clock::now() + kLongestSleep)) {
+        const unsigned int agent = m_view->agentProcessId();
+        const bool dead = agent != 0 && !isProcessAlive(agent);
+        if (dead) m_view->suspect();
+        const auto due = m_view->due(Clock::now());
+        if (!due) continue;
+        const auto patience =
+            dead ? std::min<std::chrono::milliseconds>(due->patience, kPatienceWithTheDead)
+                 : due->patience;
+        const bool taken = m_requests.send(due->text, Clock::now() + patience);
+        const auto change = m_view->finished(*due, taken, Clock::now());
+        if (change) announce(*change);
     }
 }
 
-void Client::Impl::tellConnection(bool connected) const {
-    if (m_options.onConnectionChange) m_options.onConnectionChange(connected);
+void Client::Impl::announce(bool connected) {
+    if (m_options.onConnectionChange) m_toTell.add(connected);
 }
 
 void Client::Impl::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
@@ -94,30 +132,36 @@ void Client::Impl::onNewMessageReceived(std::string message, SharedMemoryI* /*so
     Notification notification{std::move(fields.front()), {}};
     notification.fields.assign(std::make_move_iterator(fields.begin() + 1),
                                std::make_move_iterator(fields.end()));
-    const auto change = m_view->hear(notification, Clock::now());
-    if (change) tellConnection(*change);
-    if (m_options.onNotification) {
-        m_options.onNotification(notification);
-    } else {
-        queue(std::move(notification));
+    const auto heard = m_view->hear(notification, Clock::now());
+    if (heard.connectionChange) announce(*heard.connectionChange);
+    if (!heard.isNews) return;
+    (m_options.onNotification ? m_toTell : m_toCollect).add(std::move(notification));
+}
+
+void Client::Impl::tellLoop() {
+    for (News news; m_toTell.take(news, Clock::time_point::max());) {
+        try {
+            tell(news);
+        } catch (const std::exception& failure) {
+            NORVO_LOG(Error, "a callback has thrown: ", failure.what());
+        } catch (...) {
+            NORVO_LOG(Error, "a callback has thrown");
+        }
     }
 }
 
-void Client::Impl::queue(Notification notification) {
-    LocalLock lock(m_mutex);
-    if (m_waiting.size() >= kMostWaiting) m_waiting.pop_front();
-    m_waiting.push_back(std::move(notification));
-    m_changed.notify_all();
+void Client::Impl::tell(const News& news) const {
+    if (const auto* connected = std::get_if<bool>(&news)) {
+        m_options.onConnectionChange(*connected);
+    } else {
+        m_options.onNotification(std::get<Notification>(news));
+    }
 }
 
 bool Client::Impl::nextNotification(Notification& notification, Clock::time_point deadline) {
-    LocalLock lock(m_mutex);
-    while (m_waiting.empty() && !m_closed && Clock::now() < deadline) {
-        m_changed.wait_until(m_mutex, deadline);
-    }
-    if (m_waiting.empty()) return false;
-    notification = std::move(m_waiting.front());
-    m_waiting.pop_front();
+    News news;
+    if (!m_toCollect.take(news, deadline)) return false;
+    notification = std::get<Notification>(std::move(news));
     return true;
 }
 
@@ -126,25 +170,28 @@ bool Client::Impl::request(const std::string& operation, const std::vector<std::
     VDIFrameworkCommon::MessageBuilder text;
     text.append(operation);
     for (const std::string& field : fields) text.append(field);
-    return text.msg().size() <= kInfoCapacity && m_requests.send(text.msg(), deadline);
+    if (operation.empty() || text.msg().size() > kInfoCapacity) {
+        NORVO_LOG(Warning, "a request of ", text.msg().size(), " bytes is not possible");
+        return false;
+    }
+    if (operation == "RequestVCProcessId") m_view->expectProcessId();
+    return m_requests.send(text.msg(), deadline);
 }
 
 std::shared_ptr<Stream> Client::Impl::openStream(const std::string& name, Direction direction,
                                                  unsigned int capacity) {
-    if (!isPossibleName(name) || capacity == 0 || capacity > kLargestCapacity) {
+    if (!isPossibleName(name) || isInfoSegment(name) || capacity == 0 ||
+        capacity > kLargestCapacity) {
         NORVO_LOG(Warning, "no stream can have the name '", name, "' and the capacity ", capacity);
         return nullptr;
     }
-    auto segment = std::make_shared<StreamSegment>();
     LocalLock lock(m_mutex);
-    if (m_closed || !m_view->addStream(name, direction, capacity)) return nullptr;
-    const bool ready = direction == Direction::Read ? segment->Open(name, capacity)
-                                                    : segment->Create(name, capacity);
-    if (!ready) {
-        m_view->removeStream(name);
+    if (m_closed || !m_view->addStream(name, direction, capacity)) {
+        NORVO_LOG(Warning, "the stream is open already, or its client is closed: ", name);
         return nullptr;
     }
-    auto impl = std::make_shared<Stream::Impl>(name, direction, std::move(segment), m_view);
+    auto impl = std::make_shared<Stream::Impl>(name, direction, m_view);
+    if (!impl->setUp(capacity)) return nullptr;
     std::erase_if(m_streams, [](const auto& stream) { return stream.expired(); });
     m_streams.push_back(impl);
     return std::shared_ptr<Stream>(new Stream(std::move(impl)));

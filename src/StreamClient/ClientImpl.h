@@ -1,20 +1,22 @@
 #pragma once
 
-#include <deque>
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "AgentView.h"
+#include "NewsQueue.h"
 #include "NorvoStreamClient.h"
 #include "RequestWriter.h"
 #include "SharedMemoryI.h"
 
 namespace NorvoStreamClient {
 
-// Joins the parts: the INFO output segment is heard on its read thread, and one thread asks what
-// the view says is due.
+// Joins the parts. Three threads: the INFO output segment's read thread hears the agent, the asker
+// sends what the view says is due, and the teller calls the program's callbacks, so that a slow
+// callback holds up neither of them, nor the agent and its other clients.
 class Client::Impl : public SharedMemoryObserverI {
 public:
     explicit Impl(Options options);
@@ -33,23 +35,28 @@ public:
     void onNewMessageReceived(std::string message, SharedMemoryI* source) override;
 
 private:
+    void startThreads();
+    void joinInfoSegments();
     void askLoop();
-    void queue(Notification notification);
-    void tellConnection(bool connected) const;
+    void tellLoop();
+    void tell(const News& news) const;
+    void announce(bool connected);
 
     const Options m_options;
     const std::shared_ptr<AgentView> m_view;
     RequestWriter m_requests;
     std::shared_ptr<SharedMemoryI> m_info;
+    bool m_listens = false;
+    NewsQueue m_toTell;     // for the callbacks
+    NewsQueue m_toCollect;  // for nextNotification
 
     VDIFrameworkCommon::LocalMutex m_mutex;
-    VDIFrameworkCommon::LocalCondition m_changed;
-    std::deque<Notification> m_waiting NORVO_GUARDED_BY(m_mutex);
     std::vector<std::weak_ptr<Stream::Impl>> m_streams NORVO_GUARDED_BY(m_mutex);
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
 
     VDIFrameworkCommon::LocalMutex m_closeMutex;  // a second close waits for the first
     std::thread m_asker;
+    std::thread m_teller;
 };
 
 }  // namespace NorvoStreamClient

@@ -36,11 +36,12 @@ struct Notification {
 struct Options {
     // The client name that the agent's process reports; its segments are called after it.
     std::string clientName = "NorvoCrews";
-    // Called for every notification, on a thread of the client; may use the client and its streams,
-    // but not close or destroy them. Empty: the notifications wait for nextNotification().
+    // Called for every notification, on a thread of the client's own; may use the client and its
+    // streams, and take its time (1024 calls may wait, then the oldest is dropped), but not close
+    // or destroy the client. Empty: the notifications wait for nextNotification().
     std::function<void(const Notification&)> onNotification;
-    // Called when the two agents find or lose each other, and when this end's agent goes away; on
-    // the same thread and with the same limits.
+    // Called when the two agents find or lose each other, and within a few seconds when this end's
+    // agent goes away without a word; on the same thread and with the same limits.
     std::function<void(bool connected)> onConnectionChange;
 };
 
@@ -69,18 +70,18 @@ public:
     bool write(const void* data, std::size_t length, std::chrono::milliseconds timeout);
 
     // Waits until the agent has taken everything that was written, so that this process may end.
-    // False when `timeout` passed first. Always true for a Read stream.
+    // False when `timeout` passed first, or the stream was closed. At once true for a Read stream.
     bool flush(std::chrono::milliseconds timeout);
 
     // Takes the next message, waiting for it up to `timeout`. False, with `message` empty, when
-    // none came, the stream was closed, or it is a Write stream. A message that has begun to arrive
-    // is waited for beyond `timeout`.
+    // none came, the stream was closed, or it is a Write stream. What has come of a message that is
+    // not whole yet is kept for the next call.
     bool read(std::string& message, std::chrono::milliseconds timeout);
 
     // Ends waits on other threads; afterwards every call answers false. The agent keeps its end.
     void close();
 
-    class Impl;
+    class __attribute__((visibility("hidden"))) Impl;
 
 private:
     friend class Client;
@@ -113,7 +114,8 @@ public:
     unsigned int agentProcessId() const;
 
     // Sends one request of the INFO protocol. Its answer, if it has one, is a notification. False
-    // when no agent took it within `timeout`, or it does not fit (10240 bytes).
+    // when no agent took it within `timeout` (which may be overrun by 2 s while other processes ask
+    // an agent that has died), or when it does not fit (10240 bytes).
     bool request(const std::string& operation, const std::vector<std::string>& fields,
                  std::chrono::milliseconds timeout);
 
@@ -121,10 +123,11 @@ public:
     // oldest is dropped. Not with Options::onNotification, which takes them all.
     bool nextNotification(Notification& notification, std::chrono::milliseconds timeout);
 
-    // Ends every wait, closes the streams and joins the client's threads. May be called twice.
+    // Ends every wait, closes the streams and joins the client's threads, which may take as long as
+    // a callback that is under way. May be called twice.
     void close();
 
-    class Impl;
+    class __attribute__((visibility("hidden"))) Impl;
 
 private:
     std::shared_ptr<Impl> m_impl;

@@ -58,9 +58,11 @@ NORVO_STREAM_CLIENT_C_API void norvo_stream_close(norvo_stream* stream);
 /* 1 while both agents serve the stream and are connected, else 0. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_is_up(const norvo_stream* stream);
 NORVO_STREAM_CLIENT_C_API int norvo_stream_wait_up(norvo_stream* stream, int timeout_ms);
-/* Writes one message whole. */
+/* Writes one message whole: NORVO_OK once it is in the segment. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_write(norvo_stream* stream, const void* data,
                                                  size_t length, int timeout_ms);
+/* Waits until the agent has taken everything that was written, so that the process may end. */
+NORVO_STREAM_CLIENT_C_API int norvo_stream_flush(norvo_stream* stream, int timeout_ms);
 /* Copies the next message into `buffer`; `*length` is its size, also with NORVO_TOO_SMALL. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_read(norvo_stream* stream, void* buffer, size_t size,
                                                 size_t* length, int timeout_ms);

@@ -2,7 +2,10 @@
 #include <limits>
 #include <thread>
 
+#include "Log.h"
 #include "StreamImpl.h"
+
+NORVO_LOG_SOURCE("src/StreamClient/Stream")
 
 namespace NorvoStreamClient {
 
@@ -13,37 +16,43 @@ Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
     return timeout >= left ? Clock::time_point::max() : now + timeout;
 }
 
+bool Stream::Impl::setUp(unsigned int capacity) {
+    return m_direction == Direction::Read ? m_segment.Open(m_name, capacity)
+                                          : m_segment.Create(m_name, capacity);
+}
+
 bool Stream::Impl::write(const void* data, std::size_t length, Clock::time_point deadline) {
-    if (m_direction != Direction::Write || length > std::numeric_limits<unsigned int>::max()) {
+    if (m_direction != Direction::Write || (!data && length > 0) ||
+        length > std::numeric_limits<unsigned int>::max()) {
+        NORVO_LOG(Warning, "cannot write ", length, " bytes to the stream ", m_name);
         return false;
     }
     if (length == 0) return !m_closed;
-    const auto size = static_cast<unsigned int>(length);
-    do {
-        if (!waitUntilUp(deadline)) return false;
-        if (m_segment->WriteData(data, size)) return true;
-    } while (Clock::now() < deadline);
+    while (waitUntilUp(deadline)) {
+        if (m_segment.write(data, static_cast<unsigned int>(length), deadline)) return true;
+        m_view->suspect();
+        if (Clock::now() >= deadline) return false;
+    }
     return false;
 }
 
-bool Stream::Impl::flush(Clock::time_point deadline) const {
+bool Stream::Impl::flush(Clock::time_point deadline) {
     constexpr auto kPause = std::chrono::milliseconds(1);
-    while (m_direction == Direction::Write && !m_segment->isDrained()) {
+    while (m_direction == Direction::Write && !m_closed && !m_segment.isDrained()) {
         if (Clock::now() >= deadline) return false;
         std::this_thread::sleep_for(kPause);
     }
-    return true;
+    return !m_closed;
 }
 
 bool Stream::Impl::read(std::string& message, Clock::time_point deadline) {
-    // So that a segment that cannot be read at all does not make this a busy loop for its caller.
-    constexpr auto kLongestWait = std::chrono::milliseconds(200);
+    constexpr auto kLongestWait = std::chrono::milliseconds(1000);
     message.clear();
     while (m_direction == Direction::Read && !m_closed) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         const auto wait = std::clamp(left, std::chrono::milliseconds(0), kLongestWait);
         unsigned int length = 0;
-        message = m_segment->ReadData(length, static_cast<unsigned int>(wait.count()));
+        message = m_segment.ReadData(length, static_cast<unsigned int>(wait.count()));
         if (!message.empty()) return true;
         if (Clock::now() >= deadline) return false;
     }
@@ -53,7 +62,7 @@ bool Stream::Impl::read(std::string& message, Clock::time_point deadline) {
 void Stream::Impl::close() {
     if (m_closed.exchange(true)) return;
     m_view->removeStream(m_name);
-    m_segment->Close();
+    m_segment.Close();
 }
 
 Stream::Stream(std::shared_ptr<Impl> impl) : m_impl(std::move(impl)) {}

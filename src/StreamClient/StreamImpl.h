@@ -12,17 +12,14 @@ namespace NorvoStreamClient {
 
 class Stream::Impl {
 public:
-    // `segment` is set up in the direction's way already.
-    Impl(std::string name, Direction direction, std::shared_ptr<StreamSegment> segment,
-         std::shared_ptr<AgentView> view)
-        : m_name(std::move(name)),
-          m_direction(direction),
-          m_segment(std::move(segment)),
-          m_view(std::move(view)) {}
+    // The view knows the stream already, and forgets it when this is closed.
+    Impl(std::string name, Direction direction, std::shared_ptr<AgentView> view)
+        : m_name(std::move(name)), m_direction(direction), m_view(std::move(view)) {}
     ~Impl() { close(); }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
+    bool setUp(unsigned int capacity);
     const std::string& name() const { return m_name; }
     Direction direction() const { return m_direction; }
     bool isUp() const { return !m_closed && m_view->isUp(m_name); }
@@ -30,15 +27,15 @@ public:
         return !m_closed && m_view->waitUntilUp(m_name, deadline);
     }
     bool write(const void* data, std::size_t length, Clock::time_point deadline);
-    bool flush(Clock::time_point deadline) const;
+    bool flush(Clock::time_point deadline);
     bool read(std::string& message, Clock::time_point deadline);
     void close();
 
 private:
     const std::string m_name;
     const Direction m_direction;
-    const std::shared_ptr<StreamSegment> m_segment;
     const std::shared_ptr<AgentView> m_view;
+    StreamSegment m_segment;
     std::atomic<bool> m_closed = false;
 };
 

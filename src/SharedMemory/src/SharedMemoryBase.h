@@ -70,6 +70,8 @@ protected:
     virtual bool NewMessage(bool update);
     // The same with the named mutex held; ends a reader's wait.
     virtual bool isUnread();
+    // How long a chunk waits for the slot to be free, in milliseconds.
+    virtual unsigned int writeWait() const { return 2000; }
     // Takes the message that waits, and the chunks of it that follow within `silence` ms each.
     virtual bool receive(std::string& message, unsigned int silence) NORVO_REQUIRES(m_waitLock);
     // WriteData under the operation lock.

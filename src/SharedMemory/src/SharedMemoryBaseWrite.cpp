@@ -9,12 +9,6 @@ NORVO_LOG_SOURCE("src/SharedMemory/src/SharedMemoryBase")
 
 using VDIFrameworkCommon::LocalLock;
 
-namespace {
-
-constexpr unsigned int kWriteWaitMs = 2000;
-
-}  // namespace
-
 bool SharedMemoryBase::WriteData(const void* data, const unsigned int& length) {
     // The read thread holds the operation lock for its life.
     if (m_mode == Mode::Reader && IsReadRunning()) {
@@ -44,7 +38,7 @@ bool SharedMemoryBase::writeMessage(const void* data, unsigned int length) {
 }
 
 bool SharedMemoryBase::writeChunk(const ChunkHeader& chunk, const char* bytes) {
-    if (!WaitWritable(kWriteWaitMs)) {
+    if (!WaitWritable(writeWait())) {
         NORVO_LOG(Error, "Memory is not writable: ", m_name);
         return false;
     }

@@ -47,12 +47,14 @@ protected:
     void startReading() override;
     void leave() override;
 
+    // Puts a message into the slot, which the caller has locked for writing, and unlocks it.
+    bool publish(const void* data, unsigned int length);
+
 private:
     bool isGranted(unsigned int now);
     // Writing although not every reader has taken the last message; not into a reader's copy,
     // unless that reader has not moved for a while.
     bool isGrantedLate(unsigned int now, bool readerInside);
-    bool publish(const void* data, unsigned int length);
     bool takeSeenMessage(std::string& message);
     bool copyMessage(std::string& message);
     void countAsReady();

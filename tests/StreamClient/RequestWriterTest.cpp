@@ -1,0 +1,120 @@
+#include "RequestWriter.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "FakeAgent.h"
+#include "Rounds.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using NorvoStreamClient::Clock;
+using NorvoStreamClient::RequestWriter;
+
+constexpr char kSegment[] = "RequestTest_Info_STREAM2VC";
+
+// Sends all of them and returns how many were taken.
+int sendNumbered(const std::string& prefix, int count) {
+    useCrewsSegments();
+    RequestWriter writer(kSegment);
+    int taken = 0;
+    for (int i = 0; i < count; ++i)
+        taken += writer.send(prefix + std::to_string(i), Clock::now() + 20s);
+    return taken;
+}
+
+CHILD_ROLE(request_sender) {
+    const int count = std::stoi(args.at(1));
+    return sendNumbered(args.at(0), count) == count ? 0 : 1;
+}
+
+TEST(RequestWriterTest, IsNotTakenByAnyoneWithoutAnAgent) {
+    useCrewsSegments();
+    RequestWriter writer(kSegment);
+    EXPECT_FALSE(writer.send("anybody?", Clock::now() + 50ms));
+    FakeAgent agent("RequestTest");
+    EXPECT_TRUE(writer.send("you there", Clock::now() + 20s));
+    EXPECT_TRUE(agent.waitFor("you there"));
+    EXPECT_EQ(agent.countOf("anybody?"), 0);
+}
+
+TEST(RequestWriterTest, NoticesAnAgentThatHasDiedAndTheNextOne) {
+    useCrewsSegments();
+    RequestWriter writer(kSegment);
+    {
+        FakeAgent agent("RequestTest");
+        EXPECT_TRUE(writer.send("first", Clock::now() + 20s));
+    }
+    EXPECT_FALSE(writer.send("nobody", Clock::now() + 50ms));
+    FakeAgent agent("RequestTest");
+    EXPECT_TRUE(writer.send("second", Clock::now() + 20s));
+    EXPECT_TRUE(agent.waitFor("second"));
+    EXPECT_EQ(agent.countOf("first") + agent.countOf("nobody"), 0);
+}
+
+TEST(RequestWriterTest, AnEmptyRequestIsASignOfLifeThatNobodyHears) {
+    FakeAgent agent("RequestTest");
+    RequestWriter writer(kSegment);
+    EXPECT_TRUE(writer.send("", Clock::now() + 20s));
+    EXPECT_TRUE(writer.send("after", Clock::now() + 20s));
+    EXPECT_TRUE(agent.waitFor("after"));
+    EXPECT_EQ(agent.countOf(""), 0);
+}
+
+TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
+    FakeAgent agent("RequestTest");
+    struct Slot : NorvoStreamClient::RequestSegment {
+        void takeWithoutWriting() { ExcangeWithLocking(&header()->lockWord2, 0); }
+    } slot;
+    ASSERT_TRUE(slot.Create(kSegment, NorvoStreamClient::kInfoCapacity));
+    slot.takeWithoutWriting();
+    RequestWriter writer(kSegment);
+    EXPECT_TRUE(writer.send("after all", Clock::now() + 20s));
+    EXPECT_EQ(agent.countOf("after all"), 1);
+}
+
+TEST(RequestWriterTest, CancellingEndsASendOnAnotherThread) {
+    RequestWriter writer(kSegment);
+    std::thread sender([&] { EXPECT_FALSE(writer.send("x", Clock::now() + 100s)); });
+    std::this_thread::sleep_for(5ms);
+    writer.cancel();
+    sender.join();
+    EXPECT_FALSE(writer.send("y", Clock::now() + 100s));
+}
+
+TEST(RequestWriterAcrossProcesses, EveryRequestOfEveryClientArrivesOnce) {
+    FakeAgent agent("RequestTest");
+    const int count = testsupport::rounds(100);
+    std::vector<testsupport::ChildProcess> senders;
+    for (const char* prefix : {"a", "b", "c"})
+        senders.emplace_back("request_sender",
+                             std::vector<std::string>{prefix, std::to_string(count)});
+    EXPECT_EQ(sendNumbered("own", count), count);
+    for (auto& sender : senders) EXPECT_EQ(sender.wait(), 0);
+    for (const std::string prefix : {"a", "b", "c", "own"}) {
+        for (int i = 0; i < count; ++i)
+            EXPECT_EQ(agent.countOf(prefix + std::to_string(i)), 1) << prefix << i;
+    }
+}
+
+TEST(RequestWriterAcrossProcesses, AClientKilledAtAnyMomentHoldsUpTheOthersForTwoSecondsAtMost) {
+    FakeAgent agent("RequestTest");
+    RequestWriter writer(kSegment);
+    for (int i = 0; i < testsupport::rounds(30); ++i) {
+        testsupport::ChildProcess victim("request_sender", {"victim", "1000000"});
+        ASSERT_TRUE(agent.waitFor("victim0", i + 1));
+        std::this_thread::sleep_for(std::chrono::microseconds(137 * i));
+        victim.kill();
+        victim.wait();
+        EXPECT_TRUE(writer.send("alive" + std::to_string(i), Clock::now() + 10s));
+        EXPECT_TRUE(agent.waitFor("alive" + std::to_string(i)));
+    }
+}
+
+}  // namespace
