@@ -35,6 +35,7 @@ void ObserverSet::deliver(std::string message, SharedMemoryI* source) {
         if (last) {
             observer->onNewMessageReceived(std::move(message), source);
         } else {
+            // NOLINTNEXTLINE(bugprone-use-after-move): the loop ends after the last observer.
             observer->onNewMessageReceived(message, source);
         }
         endCall();
