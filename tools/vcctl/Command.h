@@ -27,6 +27,12 @@ CommandError systemError(const std::string& what, int errorNumber);
 
 // Each adds one subcommand; what it sets in `exitCode` is the exit code when nothing was thrown.
 void addHostCommand(CLI::App& app, int& exitCode);
+void addSendCommand(CLI::App& app, int& exitCode);
+void addRecvCommand(CLI::App& app, int& exitCode);
+void addWatchCommand(CLI::App& app, int& exitCode);
+void addAskCommand(CLI::App& app, int& exitCode);
+void addStreamsCommand(CLI::App& app, int& exitCode);
 void addDecodeCommand(CLI::App& app, int& exitCode);
+void addDemoCommand(CLI::App& app, int& exitCode);
 
 }  // namespace vcctl

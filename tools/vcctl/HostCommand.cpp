@@ -71,7 +71,7 @@ public:
     }
 
     void say(const std::string& text) const {
-        if (!m_quiet) std::cerr << "vcctl host: " << text << std::endl;
+        if (!m_quiet) std::cout << text << std::endl;
     }
 
 private:
@@ -80,8 +80,11 @@ private:
                             {StopSignal::descriptor(), POLLIN, 0},
                             {listener, POLLIN, 0}};
         for (;;) {
+            if (StopSignal::takeHangUp()) link.close("dropped on request");
             if (poll(waited, 3, -1) < 0) continue;
-            if (waited[0].revents || waited[1].revents) return;
+            if (waited[0].revents || StopSignal::requested()) return;
+            if (waited[1].revents) StopSignal::drain();
+            if (!waited[2].revents) continue;
             if (const Descriptor other{accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)}) {
                 say("turned away a second connection: a host is joined already");
             }
@@ -184,6 +187,8 @@ void addHostCommand(CLI::App& app, int& exitCode) {
                       "Accept addresses outside this machine. The link is neither encrypted nor "
                       "authenticated: anyone who reaches it is the other end of the channel");
     command->add_flag("-q,--quiet", options->quiet, "Say nothing about connections");
+    command->footer(
+        "SIGHUP drops the connection and joins again; SIGINT and SIGTERM end the host cleanly.");
     command->callback([=, &exitCode] {
         if (options->listen.empty() == options->connect.empty()) {
             throw CommandError("give --listen ADDR:PORT or --connect ADDR:PORT", kUsage);

@@ -24,8 +24,10 @@ int run(int argc, char** argv) {
         "Exit codes: 0 done, 1 failed, 2 wrong usage, 130 interrupted.\n"
         "`vcctl COMMAND --help` tells more about each command; `man vcctl` has examples.");
     int exitCode = kOk;
-    addHostCommand(app, exitCode);
-    addDecodeCommand(app, exitCode);
+    for (const auto add : {addHostCommand, addSendCommand, addRecvCommand, addWatchCommand,
+                           addAskCommand, addStreamsCommand, addDecodeCommand, addDemoCommand}) {
+        add(app, exitCode);
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

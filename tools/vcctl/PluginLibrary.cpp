@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "Command.h"
-#include "ProgramPath.h"
+#include "OwnPath.h"
 #include "VcctlVersion.h"
 
 namespace vcctl {
@@ -27,7 +27,7 @@ void load(void* handle, const char* name, Function*& function) {
 void PluginLibrary::Closer::operator()(void* handle) const { dlclose(handle); }
 
 std::string PluginLibrary::defaultPath() {
-    const std::filesystem::path program = ownProgramPath();
+    const std::filesystem::path program = support::ownPath();
     const std::vector<std::filesystem::path> places{
         program.parent_path() / VCCTL_LIBRARY_FROM_BUILD,
         program.parent_path() / VCCTL_LIBRARY_FROM_INSTALL};

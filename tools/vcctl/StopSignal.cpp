@@ -13,15 +13,19 @@ namespace vcctl {
 namespace {
 
 std::atomic<int> g_signals{0};
+std::atomic<bool> g_hungUp{false};
 int g_pipe[2] = {-1, -1};
 
 static_assert(std::atomic<int>::is_always_lock_free,
               "the handler may only touch lock-free atomics");
 
-extern "C" void onStopSignal(int) {
+extern "C" void onSignal(int number) {
     const int savedError = errno;
-    const int before = g_signals.fetch_add(1);
-    if (before >= 2) _exit(130);
+    if (number == SIGHUP) {
+        g_hungUp.store(true);
+    } else if (g_signals.fetch_add(1) >= 2) {
+        _exit(130);
+    }
     const char byte = 's';
     [[maybe_unused]] const ssize_t written = write(g_pipe[1], &byte, 1);
     errno = savedError;
@@ -31,18 +35,30 @@ extern "C" void onStopSignal(int) {
 
 void StopSignal::install() {
     if (pipe(g_pipe) != 0) return;
-    for (const int end : g_pipe) fcntl(end, F_SETFD, FD_CLOEXEC);
+    for (const int end : g_pipe) {
+        fcntl(end, F_SETFD, FD_CLOEXEC);
+        fcntl(end, F_SETFL, O_NONBLOCK);
+    }
     struct sigaction action {};
-    action.sa_handler = onStopSignal;
+    action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
 }
 
 bool StopSignal::requested() { return g_signals.load(std::memory_order_relaxed) > 0; }
+
+bool StopSignal::takeHangUp() { return g_hungUp.exchange(false); }
+
+void StopSignal::drain() {
+    char bytes[16];
+    while (read(g_pipe[0], bytes, sizeof bytes) > 0) {
+    }
+}
 
 int StopSignal::descriptor() { return g_pipe[0]; }
 

@@ -2,14 +2,18 @@
 
 namespace vcctl {
 
-// SIGINT and SIGTERM as something to wait for. One per process: install() is called once, by main.
-// A third signal ends the process at once, for a user who has lost patience.
+// SIGINT and SIGTERM (stop) and SIGHUP (drop the connection) as something to wait for. One per
+// process: install() is called once, by main. A third stop signal ends the process at once, for a
+// user who has lost patience.
 class StopSignal {
 public:
     static void install();
     static bool requested();
-    // A descriptor that becomes readable, for good, with the first signal.
+    // Whether SIGHUP came since the last call.
+    static bool takeHangUp();
+    // A descriptor that becomes readable with a signal, until drain().
     static int descriptor();
+    static void drain();
     // Waits up to `milliseconds`; true when the user wants to stop.
     static bool wait(int milliseconds);
 };

@@ -1,0 +1,36 @@
+# Completion of vcctl for bash.
+_vcctl() {
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]} options=
+    local streams="Basic Generic GenericUnReliable LogCollection Media StringCipher upgrade"
+    if [ "$COMP_CWORD" = 1 ]; then
+        mapfile -t COMPREPLY < <(compgen -W "host send recv watch ask streams decode demo --help --version" -- "$word")
+        return
+    fi
+    case $before in
+        --kind) mapfile -t COMPREPLY < <(compgen -W "citrix vmware rdp tcp" -- "$word"); return ;;
+        --library | --capture) mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
+        send | recv) mapfile -t COMPREPLY < <(compgen -W "$streams" -- "$word"); return ;;
+        ask)
+            mapfile -t COMPREPLY < <(compgen -W "CreateStream OpenStream SetHVDClientInfo RequestVCProcessId FlushLog
+                RequestNotifyStream RequestInvalidStreams RequestPeerVersion SetLogPath RequestEnviromentType
+                IsSeamless GetWindowHandle IsMultiSession" -- "$word")
+            return
+            ;;
+    esac
+    case $command in
+        host) options="--kind --listen --connect --library --capture --allow-remote --quiet" ;;
+        send) options="--size --message-size --count --lines --raw --wait" ;;
+        recv) options="--size --count --lines --raw --wait" ;;
+        watch) options="--json --all --count" ;;
+        ask) options="--wait --json" ;;
+        streams) options="--follow --interval" ;;
+        decode) options="--packets --bytes" ;;
+        demo) options="--kind --seconds --library" ;;
+    esac
+    if [[ $word == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$options --help" -- "$word")
+    else
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+    fi
+}
+complete -F _vcctl vcctl

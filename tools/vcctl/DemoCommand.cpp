@@ -1,0 +1,270 @@
+// vcctl demo: a whole session on this machine, end to end.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "Capture.h"
+#include "ChannelKind.h"
+#include "Command.h"
+#include "DemoEnds.h"
+#include "OwnPath.h"
+#include "PluginLibrary.h"
+#include "Progress.h"
+#include "SessionObjects.h"
+#include "StopSignal.h"
+#include "Subprocess.h"
+
+namespace vcctl {
+
+namespace {
+
+using Json = nlohmann::json;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+struct DemoOptions {
+    std::string file;
+    std::string kind = "tcp";
+    std::string library;
+    double seconds = 4;
+};
+
+// Bytes of the generated file: 64 MiB, or what a transport that pauses carries in the time.
+std::size_t generatedSize(const std::string& kind, double duration) {
+    constexpr std::size_t kMost = 64u << 20;
+    const double bytesPerSecond = kind == "citrix"   ? 16.2e6
+                                  : kind == "rdp"    ? 4.8e6
+                                  : kind == "vmware" ? 0.97e6
+                                                     : 1e12;
+    return std::min(kMost, static_cast<std::size_t>(std::max(1.0, duration) * bytesPerSecond / 2));
+}
+
+// A folder of its own for the demo's files and its hosts' logs, and the two session namespaces; all
+// of it is gone when the object is.
+class Workplace {
+public:
+    Workplace() {
+        std::string name = (std::filesystem::temp_directory_path() / "vcctl-demo-XXXXXX").string();
+        if (!mkdtemp(name.data())) throw systemError("cannot make a temporary folder", errno);
+        m_folder = name;
+    }
+    ~Workplace() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_folder, ignored);
+        for (const char* side : {"a", "b"}) {
+            support::removeSessionObjects(sessionNamespace(side));
+        }
+    }
+    Workplace(const Workplace&) = delete;
+    Workplace& operator=(const Workplace&) = delete;
+
+    static std::string sessionNamespace(const std::string& side) {
+        return "demo" + std::to_string(getpid()) + side;
+    }
+    std::vector<std::string> environment(const std::string& side) const {
+        const auto home = m_folder / side;
+        std::filesystem::create_directories(home);
+        return {"NORVO_VDI_NAMESPACE=" + sessionNamespace(side), "HOME=" + home.string()};
+    }
+
+    std::string generateFile(std::size_t size) const {
+        const std::string path = (m_folder / "file").string();
+        const File file(std::fopen(path.c_str(), "wbe"));
+        std::mt19937_64 random(20231107);
+        std::vector<std::uint64_t> block(1u << 13);
+        for (std::size_t done = 0; file && done < size; done += block.size() * sizeof block[0]) {
+            std::generate(block.begin(), block.end(), std::ref(random));
+            const std::size_t part = std::min(size - done, block.size() * sizeof block[0]);
+            if (std::fwrite(block.data(), 1, part, file.get()) != part) break;
+        }
+        if (!file || std::fflush(file.get()) != 0 ||
+            std::ftell(file.get()) != static_cast<long>(size)) {
+            throw systemError("cannot write " + path, errno);
+        }
+        return path;
+    }
+
+private:
+    std::filesystem::path m_folder;
+};
+
+// One line of a child, waited for so that the user can stop the demo meanwhile.
+std::string lineOf(support::Subprocess& child, const std::string& what, milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    while (Clock::now() < deadline) {
+        if (StopSignal::requested()) throw CommandError("interrupted", kInterrupted);
+        std::string line = child.readLine(milliseconds(100));
+        if (!line.empty()) return line;
+        if (const int status = child.wait(milliseconds(0)); status >= 0) {
+            throw CommandError(what + " ended early (exit code " + std::to_string(status) + ")");
+        }
+    }
+    throw CommandError(what + " did not answer in time");
+}
+
+void expectLine(support::Subprocess& child, const std::string& what, const std::string& start,
+                milliseconds timeout) {
+    const std::string line = lineOf(child, what, timeout);
+    if (line.rfind(start, 0) != 0) throw CommandError(what + ": " + line);
+}
+
+class Demo {
+public:
+    explicit Demo(const DemoOptions& options) : m_options(options) {}
+
+    int run() {
+        const std::string file =
+            m_options.file.empty()
+                ? m_place.generateFile(generatedSize(m_options.kind, m_options.seconds))
+                : std::filesystem::absolute(m_options.file).string();
+        startHosts();
+        support::Subprocess far(end({"far"}), m_place.environment("b"));
+        support::Subprocess near(end({"near", file, std::to_string(m_options.seconds)}),
+                                 m_place.environment("a"));
+        expectLine(near, "the near process", "up", seconds(30));
+        say("four streams are up; small messages through Basic and back through StringCipher, then "
+            "the "
+            "file through Media and back through Generic");
+        const auto patience = seconds(600);
+        expectLine(near, "the near process", "half", patience);
+        reconnect();
+        near.writeLine("go");
+        const Json result = Json::parse(lineOf(near, "the near process", patience));
+        far.closeInput();
+        far.wait(seconds(5));
+        near.wait(seconds(5));
+        stopHosts();
+        return report(result);
+    }
+
+private:
+    static void say(const std::string& text) {
+        fmt::print("{}\n", text);
+        std::fflush(stdout);
+    }
+
+    std::vector<std::string> end(std::vector<std::string> args) const {
+        args.insert(args.begin(), {support::ownPath(), "demo-end"});
+        return args;
+    }
+
+    std::unique_ptr<support::Subprocess> startHost(const std::string& side, const std::string& how,
+                                                   const std::string& place) {
+        std::vector<std::string> argv{support::ownPath(), "host", "--kind",
+                                      m_options.kind,     how,    place};
+        if (!m_options.library.empty()) argv.insert(argv.end(), {"--library", m_options.library});
+        return std::make_unique<support::Subprocess>(argv, m_place.environment(side));
+    }
+
+    void startHosts() {
+        const auto begun = Clock::now();
+        m_listener = startHost("a", "--listen", "127.0.0.1:0");
+        const std::string line = lineOf(*m_listener, "the first host", seconds(10));
+        const std::string address = line.substr(line.rfind(' ') + 1);
+        m_connector = startHost("b", "--connect", address);
+        expectLine(*m_connector, "the second host", "joined", seconds(10));
+        const std::chrono::duration<double, std::milli> took = Clock::now() - begun;
+        say(fmt::format("two hosts of kind {} joined over {} after {:.0f} ms", m_options.kind,
+                        address, took.count()));
+    }
+
+    void reconnect() {
+        const auto begun = Clock::now();
+        m_connector->signal(SIGHUP);
+        expectLine(*m_connector, "the second host", "left", seconds(10));
+        expectLine(*m_connector, "the second host", "joined", seconds(10));
+        const std::chrono::duration<double, std::milli> took = Clock::now() - begun;
+        say(fmt::format(
+            "half of the file is back; dropped the connection, joined again after {:.0f} ms",
+            took.count()));
+    }
+
+    void stopHosts() {
+        for (auto* host : {m_connector.get(), m_listener.get()}) {
+            host->signal(SIGTERM);
+            if (const int status = host->wait(seconds(10)); status != 0) {
+                throw CommandError("a host ended with exit code " + std::to_string(status));
+            }
+        }
+    }
+
+    static std::string latencyLine(const std::string& when, const Json& ping) {
+        return fmt::format("  {:<14} {:>7} {:>9.1f} {:>9.1f} {:>9.1f} {:>9.1f} {:>6}", when,
+                           ping["count"].get<std::uint64_t>(), ping["p50"].get<double>(),
+                           ping["p90"].get<double>(), ping["p99"].get<double>(),
+                           ping["max"].get<double>(), ping["lost"].get<std::uint64_t>());
+    }
+
+    static int report(const Json& result) {
+        const double bytes = result["bytes"];
+        const double time = result["seconds"];
+        const bool whole = result["sent_checksum"] == result["returned_checksum"];
+        fmt::print("\nstreams      up {:.0f} ms after the local process started\n",
+                   result["seconds_to_up"].get<double>() * 1000);
+        fmt::print(
+            "file         {} there and back in {:.2f} s: {}/s each way; {} sent again after the "
+            "reconnect\n",
+            formatBytes(bytes), time, formatBytes(bytes / time),
+            formatBytes(result["resent"].get<double>()));
+        fmt::print("checksum     {:016x}, {}\n", result["sent_checksum"].get<std::uint64_t>(),
+                   whole ? "the same on return" : "DIFFERENT on return");
+        fmt::print(
+            "small messages (64 B), one way in µs\n  {:<14} {:>7} {:>9} {:>9} {:>9} {:>9} {:>6}\n",
+            "", "count", "p50", "p90", "p99", "max", "lost");
+        fmt::print("{}\n", latencyLine("session idle", result["idle"]));
+        fmt::print("{}\n", latencyLine("with the file", result["busy"]));
+        std::string announced;
+        std::string last;
+        for (const auto& name : result["announced"]) {
+            if (name == last) continue;
+            last = name;
+            announced += ' ' + last;
+        }
+        fmt::print("announced   {}\n", announced);
+        return whole ? kOk : kFailed;
+    }
+
+    const DemoOptions m_options;
+    const Workplace m_place;
+    std::unique_ptr<support::Subprocess> m_listener;
+    std::unique_ptr<support::Subprocess> m_connector;
+};
+
+}  // namespace
+
+void addDemoCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<DemoOptions>();
+    CLI::App* command = app.add_subcommand(
+        "demo",
+        "Runs a whole session on this machine: two hosts, four streams, a file, a reconnect");
+    command->add_option("file", options->file, "The file to send instead of a generated one")
+        ->check(CLI::ExistingFile);
+    command->add_option("--kind", options->kind, "Transport: citrix, vmware, rdp or tcp")
+        ->check(CLI::IsMember({"citrix", "vmware", "rdp", "tcp"}))
+        ->capture_default_str();
+    command->add_option("--seconds", options->seconds, "About how long it is to take")
+        ->check(CLI::Range(1.0, 600.0))
+        ->capture_default_str();
+    command->add_option("--library", options->library,
+                        "The plug-in to load instead of the usual one");
+    command->callback([=, &exitCode] { exitCode = Demo(*options).run(); });
+
+    auto end = std::make_shared<DemoEndOptions>();
+    CLI::App* child = app.add_subcommand("demo-end", "A local process of the demo")->group("");
+    child->add_option("role", end->role)->required();
+    child->add_option("file", end->file);
+    child->add_option("seconds", end->seconds);
+    child->callback(
+        [=, &exitCode] { exitCode = end->role == "far" ? runFarEnd() : runNearEnd(*end); });
+}
+
+}  // namespace vcctl

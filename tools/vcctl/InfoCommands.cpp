@@ -1,0 +1,193 @@
+// vcctl watch and vcctl ask: the INFO streams for people.
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "Command.h"
+#include "SessionClient.h"
+#include "StopSignal.h"
+
+namespace vcctl {
+
+namespace {
+
+using NorvoStreamClient::Notification;
+
+// Request, its fields, and the notification that answers it (empty: none does).
+struct RequestForm {
+    const char* name;
+    std::vector<const char*> fields;
+    const char* answer;
+    bool mayStaySilent;
+};
+
+const std::vector<RequestForm>& requestForms() {
+    static const std::vector<RequestForm> forms{
+        {"CreateStream", {"NAME", "SIZE"}, "", false},
+        {"OpenStream", {"NAME", "SIZE"}, "", false},
+        {"SetHVDClientInfo", {"NUMBER", "NUMBER"}, "", false},
+        {"RequestVCProcessId", {}, "VCProcessId", false},
+        {"FlushLog", {}, "", false},
+        {"RequestNotifyStream", {}, "StreamUp", true},
+        {"RequestInvalidStreams", {}, "InvalidStreams", true},
+        {"RequestPeerVersion", {}, "ChannelVersion", true},
+        {"SetLogPath", {"DIRECTORY"}, "", false},
+        {"RequestEnviromentType", {}, "EnviromentType", false},
+        {"IsSeamless", {}, "IsSeamless", false},
+        {"GetWindowHandle", {"HANDLE"}, "GetWindowHandle", false},
+        {"IsMultiSession", {}, "IsMultiSession", false}};
+    return forms;
+}
+
+std::string usageOf(const RequestForm& form) {
+    std::string text = form.name;
+    for (const char* field : form.fields) text += std::string(" ") + field;
+    return text;
+}
+
+std::string allUsages() {
+    std::string text = "Requests:\n";
+    for (const auto& form : requestForms()) {
+        text += "  " + usageOf(form) +
+                (*form.answer ? "   (answer: " + std::string(form.answer) + ")" : "") + "\n";
+    }
+    return text;
+}
+
+const RequestForm& formOf(const std::string& request, std::size_t fieldCount) {
+    const auto& forms = requestForms();
+    const auto form = std::find_if(forms.begin(), forms.end(),
+                                   [&](const RequestForm& known) { return request == known.name; });
+    if (form == forms.end()) {
+        throw CommandError("'" + request + "' is no request. " + allUsages(), kUsage);
+    }
+    if (form->fields.size() != fieldCount) {
+        throw CommandError("the request is: " + usageOf(*form), kUsage);
+    }
+    return *form;
+}
+
+void print(const Notification& notification, bool asJson) {
+    const auto now =
+        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+    const auto seconds = std::chrono::system_clock::to_time_t(now);
+    const auto micros = now.time_since_epoch().count() % 1'000'000;
+    const std::string time =
+        fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(seconds), micros);
+    if (asJson) {
+        const nlohmann::json line{
+            {"time", time}, {"name", notification.name}, {"fields", notification.fields}};
+        fmt::print("{}\n", line.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace));
+    } else {
+        std::string text;
+        for (const auto& field : notification.fields) text += ' ' + field;
+        fmt::print("{} {}{}\n", time, notification.name, text);
+    }
+    if (std::fflush(stdout) != 0) throw systemError("cannot write standard output", errno);
+}
+
+struct WatchOptions {
+    bool json = false;
+    bool all = false;
+    std::uint64_t count = UINT64_MAX;
+};
+
+int runWatch(const WatchOptions& options) {
+    SessionClient session;
+    std::vector<std::string> lastProcess;
+    std::uint64_t printed = 0;
+    while (printed < options.count) {
+        Notification notification;
+        if (!session.client().nextNotification(notification, kPollTime)) {
+            if (!SessionClient::goesOn()) return kInterrupted;
+            continue;
+        }
+        // The client library's own questions are answered to all; only a change is news.
+        if (notification.name == "VCProcessId" && !options.all) {
+            if (notification.fields == lastProcess) continue;
+            lastProcess = notification.fields;
+        }
+        print(notification, options.json);
+        ++printed;
+    }
+    return kOk;
+}
+
+struct AskOptions {
+    std::string request;
+    std::vector<std::string> fields;
+    double wait = 5;
+    bool json = false;
+};
+
+// Prints the answers as they come: one, or as many streams as there are, until none came for a
+// while.
+int printAnswers(SessionClient& session, const AskOptions& options, const RequestForm& form) {
+    using Clock = std::chrono::steady_clock;
+    const bool several = std::string(form.answer) == "StreamUp";
+    const auto quiet = std::chrono::milliseconds(500);
+    auto deadline =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                           std::chrono::duration<double>(form.mayStaySilent ? 1.0 : options.wait));
+    bool answered = false;
+    while (Clock::now() < deadline) {
+        Notification notification;
+        if (!SessionClient::goesOn()) return kInterrupted;
+        if (!session.client().nextNotification(notification, std::chrono::milliseconds(20)) ||
+            notification.name != form.answer) {
+            continue;
+        }
+        print(notification, options.json);
+        answered = true;
+        if (!several) return kOk;
+        deadline = Clock::now() + quiet;
+    }
+    if (answered || form.mayStaySilent) return kOk;
+    throw CommandError("the agent did not answer '" + options.request + "'");
+}
+
+int runAsk(const AskOptions& options) {
+    const RequestForm& form = formOf(options.request, options.fields.size());
+    SessionClient session;
+    session.waitForAgent(options.wait);
+    Notification earlier;
+    while (session.client().nextNotification(earlier, std::chrono::milliseconds(0))) {
+    }
+    const auto wait = std::chrono::milliseconds(static_cast<long>(options.wait * 1000));
+    if (!session.client().request(options.request, options.fields, wait)) {
+        throw CommandError("the agent did not take the request '" + options.request + "'");
+    }
+    return *form.answer ? printAnswers(session, options, form) : kOk;
+}
+
+}  // namespace
+
+void addWatchCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<WatchOptions>();
+    CLI::App* command =
+        app.add_subcommand("watch", "Prints the agent's notifications as they come");
+    command->add_flag("--json", options->json, "One JSON object a line");
+    command->add_flag("--all", options->all,
+                      "Also the repeated answers to this program's own questions");
+    command->add_option("--count", options->count, "Stop after so many");
+    command->callback([=, &exitCode] { exitCode = runWatch(*options); });
+}
+
+void addAskCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<AskOptions>();
+    CLI::App* command =
+        app.add_subcommand("ask", "Sends one request to the agent and prints its answer");
+    command->add_option("request", options->request, "The request")->required();
+    command->add_option("fields", options->fields, "Its fields");
+    command->add_option("--wait", options->wait, "Seconds to wait for the agent and for the answer")
+        ->capture_default_str();
+    command->add_flag("--json", options->json, "Print answers as JSON objects");
+    command->footer(allUsages());
+    command->callback([=, &exitCode] { exitCode = runAsk(*options); });
+}
+
+}  // namespace vcctl

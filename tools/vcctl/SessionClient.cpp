@@ -1,0 +1,71 @@
+#include "SessionClient.h"
+
+#include <cstdlib>
+
+#include "Command.h"
+#include "StopSignal.h"
+
+namespace vcctl {
+
+using Clock = std::chrono::steady_clock;
+using NorvoStreamClient::Direction;
+
+namespace {
+
+std::string sessionText() {
+    const char* name = std::getenv("NORVO_VDI_NAMESPACE");
+    return name && *name ? "session namespace '" + std::string(name) + "'"
+                         : "the usual session (NORVO_VDI_NAMESPACE is not set)";
+}
+
+Clock::time_point after(double seconds) {
+    return Clock::now() +
+           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+}  // namespace
+
+bool SessionClient::goesOn() { return !StopSignal::requested(); }
+
+std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string& name,
+                                                               Direction direction,
+                                                               unsigned int capacity) {
+    auto stream = m_client.openStream(name, direction, capacity);
+    if (!stream) {
+        throw CommandError("cannot open a stream '" + name + "' of " + std::to_string(capacity) +
+                               " bytes: a name is 1 to 64 letters, digits, '-', '_' and '.', a "
+                               "capacity 1 byte to 1 GiB",
+                           kUsage);
+    }
+    return stream;
+}
+
+std::string SessionClient::whyNotUp(const std::string& streamName) {
+    if (m_client.agentProcessId() == 0) {
+        return "no agent answers in " + sessionText() + ". Is a host running there? (vcctl host)";
+    }
+    if (!m_client.isConnected()) {
+        return "the host (process " + std::to_string(m_client.agentProcessId()) +
+               ") runs, but its channel is not connected to a far end";
+    }
+    return "the far side has not taken up the stream '" + streamName + "'";
+}
+
+void SessionClient::waitUntilUp(NorvoStreamClient::Stream& stream, double seconds) {
+    const auto deadline = after(seconds);
+    while (!stream.waitUntilUp(kPollTime)) {
+        if (!goesOn()) throw CommandError("interrupted", kInterrupted);
+        if (Clock::now() >= deadline) throw CommandError(whyNotUp(stream.name()));
+    }
+}
+
+void SessionClient::waitForAgent(double seconds) {
+    const auto deadline = after(seconds);
+    while (m_client.agentProcessId() == 0) {
+        if (!goesOn()) throw CommandError("interrupted", kInterrupted);
+        if (Clock::now() >= deadline) throw CommandError(whyNotUp(""));
+        StopSignal::wait(10);
+    }
+}
+
+}  // namespace vcctl

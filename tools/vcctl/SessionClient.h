@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "NorvoStreamClient.h"
+
+namespace vcctl {
+
+// The stream client as the subcommands use it: waits end when the user stops, and failures are
+// CommandErrors that say what to do.
+class SessionClient {
+public:
+    explicit SessionClient(NorvoStreamClient::Options options = {})
+        : m_client(std::move(options)) {}
+
+    NorvoStreamClient::Client& client() { return m_client; }
+
+    std::shared_ptr<NorvoStreamClient::Stream> open(const std::string& name,
+                                                    NorvoStreamClient::Direction direction,
+                                                    unsigned int capacity);
+    // Waits up to `seconds` for both agents to serve the stream.
+    void waitUntilUp(NorvoStreamClient::Stream& stream, double seconds);
+    // Waits up to `seconds` for an agent in this session, connected or not.
+    void waitForAgent(double seconds);
+
+    // Whether an operation that failed should be tried again: false once the user stops.
+    static bool goesOn();
+
+private:
+    std::string whyNotUp(const std::string& streamName);
+
+    NorvoStreamClient::Client m_client;
+};
+
+// Waits end at least this often, to look at the stop signal.
+inline constexpr std::chrono::milliseconds kPollTime{100};
+
+}  // namespace vcctl

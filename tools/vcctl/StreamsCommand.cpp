@@ -1,0 +1,142 @@
+// vcctl streams: the segments of this session, and whether anything moves in them.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "Command.h"
+#include "Endpoint.h"
+#include "PosixSharedMemory.h"
+#include "SegmentList.h"
+#include "SharedMemoryLayout.h"
+#include "StopSignal.h"
+
+namespace vcctl {
+
+std::string segmentObject(const std::string& name) {
+    return std::to_string(geteuid()) + "CWVDI_" + name;
+}
+
+namespace {
+
+struct StreamsOptions {
+    bool follow = false;
+    double interval = 1;
+};
+
+// One look at a segment's header.
+struct Look {
+    std::uint64_t capacity;
+    long newId;
+    long readWord;      // plain: read message ID; broadcast: readers inside a read
+    long readersReady;  // broadcast
+    ChunkHeader chunk;
+};
+
+std::optional<Look> lookAt(const std::string& name) {
+    const Descriptor fd(VDIFrameworkCommon::shm_open_mac(segmentObject(name), O_RDONLY, 0));
+    struct stat status {};
+    if (!fd || fstat(fd.get(), &status) != 0 ||
+        static_cast<std::size_t>(status.st_size) < sizeof(SharedMemoryHeader)) {
+        return std::nullopt;
+    }
+    void* address = mmap(nullptr, sizeof(SharedMemoryHeader), PROT_READ, MAP_SHARED, fd.get(), 0);
+    if (address == MAP_FAILED) return std::nullopt;
+    const auto& header = *static_cast<const SharedMemoryHeader*>(address);
+    const Look look{static_cast<std::uint64_t>(status.st_size) - sizeof header,
+                    header.newMessageId.load(), header.readMessageId.load(),
+                    header.lockWord2.load(), ChunkHeader::load(header)};
+    munmap(address, sizeof(SharedMemoryHeader));
+    return look;
+}
+
+// By the name: only the two INFO segments of an agent are broadcast ones.
+bool isBroadcast(const std::string& name) { return name.find("_Info_") != std::string::npos; }
+
+std::string waitingText(const std::string& name, const Look& look) {
+    if (isBroadcast(name)) return fmt::format("{} ready", look.readersReady);
+    if (look.newId <= look.readWord) return "-";
+    return fmt::format("{}/{}, {} of {} B", look.chunk.index, look.chunk.count, look.chunk.length,
+                       look.chunk.total);
+}
+
+using Looks = std::map<std::string, Look>;
+
+Looks lookAtAll() {
+    Looks looks;
+    for (const std::string& name : sessionSegments()) {
+        if (const auto look = lookAt(name)) looks.emplace(name, *look);
+    }
+    return looks;
+}
+
+std::string table(const Looks& before, const Looks& after) {
+    std::string text =
+        fmt::format("{:<28} {:>10} {:>12} {:>12}  {:<24} {:<7} {:<7} {}\n", "STREAM", "CAPACITY",
+                    "NEW", "READ", "WAITING", "WRITER", "READER", "OBJECT");
+    for (const auto& [name, look] : after) {
+        const auto earlier = before.find(name);
+        const bool known = earlier != before.end();
+        const bool writes = known && earlier->second.newId != look.newId;
+        const bool reads =
+            known && (isBroadcast(name) ? earlier->second.readersReady != look.readersReady
+                                        : earlier->second.readWord != look.readWord);
+        text += fmt::format(
+            "{:<28} {:>10} {:>12} {:>12}  {:<24} {:<7} {:<7} {}\n", name, look.capacity, look.newId,
+            isBroadcast(name) ? "-" : std::to_string(look.readWord), waitingText(name, look),
+            writes ? "moves" : "still", reads ? "moves" : "still",
+            VDIFrameworkCommon::sharedMemoryObjectName(segmentObject(name)));
+    }
+    if (after.empty()) text += "no segments in this session\n";
+    return text;
+}
+
+void show(const std::string& text, int linesAbove) {
+    if (linesAbove > 0 && isatty(STDOUT_FILENO) == 1) fmt::print("\x1b[{}A\x1b[J", linesAbove);
+    fmt::print("{}", text);
+    if (std::fflush(stdout) != 0) throw systemError("cannot write standard output", errno);
+}
+
+int runStreams(const StreamsOptions& options) {
+    constexpr int kFirstLook = 250;
+    const int interval = static_cast<int>(options.interval * 1000);
+    Looks before = lookAtAll();
+    StopSignal::wait(kFirstLook);
+    int lines = 0;
+    for (;;) {
+        Looks after = lookAtAll();
+        const std::string text = table(before, after);
+        show(text, lines);
+        lines = static_cast<int>(std::count(text.begin(), text.end(), '\n'));
+        if (!options.follow) return kOk;
+        if (StopSignal::wait(interval)) return kInterrupted;
+        before = std::move(after);
+    }
+}
+
+}  // namespace
+
+void addStreamsCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<StreamsOptions>();
+    CLI::App* command =
+        app.add_subcommand("streams", "Lists the segments of this session and whether they move");
+    command->add_flag("-f,--follow", options->follow,
+                      "Look again and again, in place on a terminal");
+    command->add_option("--interval", options->interval, "Seconds between two looks")
+        ->check(CLI::Range(0.1, 3600.0))
+        ->capture_default_str();
+    command->footer(
+        "NEW and READ are the IDs of the last chunk written and taken; a plain segment is full "
+        "while\n"
+        "NEW is greater. Of the agent's own two segments, which every reader sees, WAITING tells "
+        "how\n"
+        "many readers are ready for the next message.");
+    command->callback([=, &exitCode] { exitCode = runStreams(*options); });
+}
+
+}  // namespace vcctl
