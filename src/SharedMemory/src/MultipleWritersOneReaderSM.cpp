@@ -31,9 +31,10 @@ bool MultipleWritersOneReaderSM::writeMessage(const void* data, unsigned int len
 bool MultipleWritersOneReaderSM::LockWrite(unsigned int timeout) {
     const unsigned int start = ElapsedMillisecond();
     do {
-        const Try result = tryLockWrite();
+        Try result = Try::Again;
+        while (result == Try::Again) result = tryLockWrite();
         if (result == Try::Locked) return true;
-        if (result == Try::Busy) shared_memory::utilities::sleep(1);
+        shared_memory::utilities::sleep(1);
     } while (isOpen() && ElapsedMillisecond() - start < timeout);
     return false;
 }
@@ -41,12 +42,16 @@ bool MultipleWritersOneReaderSM::LockWrite(unsigned int timeout) {
 MultipleWritersOneReaderSM::Try MultipleWritersOneReaderSM::tryLockWrite() {
     LocalLock wait(m_waitLock);
     if (!header()) return Try::Busy;
-    const long count = IncrementWithLocking(&header()->writerLockCount);
+    long count = IncrementWithLocking(&header()->writerLockCount);
     if (count >= 2) {
         DecrementWithLocking(&header()->writerLockCount);
         return Try::Busy;
     }
-    if (count < 1) return Try::Again;
+    if (count < 1) {
+        // Locks released twice: counted back to 0 by the tries, or at once when it is far away.
+        if (count < 0) header()->writerLockCount.compare_exchange_strong(count, 0);
+        return Try::Again;
+    }
     m_lockedAt = std::max(1L, static_cast<long>(ElapsedMillisecond()));
     ExcangeWithLocking(&header()->lockWord2, m_lockedAt);
     return Try::Locked;

@@ -19,6 +19,11 @@ constexpr char kObjectPrefix[] = "ED992248_";
 // A wait is cut into pieces this long, so that a stop that came just before it is seen soon.
 constexpr unsigned int kWaitSliceMs = 200;
 
+// Wraps: the IDs in a segment may be anything.
+long distance(long from, long to) {
+    return static_cast<long>(static_cast<unsigned long>(to) - static_cast<unsigned long>(from));
+}
+
 unsigned int millisecondsUntil(Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     return static_cast<unsigned int>(std::max<std::chrono::milliseconds::rep>(0, left.count()));
@@ -42,10 +47,6 @@ bool SharedMemoryBase::Open(const std::string& name, unsigned int size) {
     return setUp(name, size, Mode::Reader);
 }
 
-void SharedMemoryBase::startWriting() { ResetSynchronizationID(); }
-
-void SharedMemoryBase::startReading() { SetReadMessageID(); }
-
 bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mode) {
     constexpr auto kLargest = std::numeric_limits<unsigned int>::max() - sizeof(SharedMemoryHeader);
     if (m_open) {
@@ -59,21 +60,38 @@ bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mo
     LocalLock operation(m_operationLock);
     LocalLock wait(m_waitLock);
     m_name = name;
-    if (!createSynchronization(mode)) return false;
+    if (!createSynchronization(mode) || !lockNamedMutex()) return false;
     m_writeCondition.notify();
-    if (!CreateOrOpen(name, size, true)) return false;
+    const bool ready = CreateOrOpen(name, size, true);
+    if (ready) start(mode);
+    m_mutex.unlock();
+    if (!ready) return false;
+    if (mode == Mode::Reader) m_writeCondition.notify();
+    m_controller->start();
+    return true;
+}
+
+void SharedMemoryBase::start(Mode mode) {
     MapSMAreaPointers();
     m_mode = mode;
     m_restIsClear = false;
     m_assembler.drop();
+    logLockTaken();
     if (mode == Mode::Writer) {
         startWriting();
     } else {
         startReading();
     }
-    m_controller->start();
-    return true;
 }
+
+void SharedMemoryBase::ResetSynchronizationID() {
+    m_header->newMessageId = 0;
+    m_header->readMessageId = 0;
+}
+
+void SharedMemoryBase::startWriting() { ResetSynchronizationID(); }
+
+void SharedMemoryBase::startReading() { m_header->readMessageId = m_header->newMessageId.load(); }
 
 bool SharedMemoryBase::createSynchronization(Mode mode) {
     const std::string object = kObjectPrefix + m_name;
@@ -157,14 +175,6 @@ void SharedMemoryBase::logLockTaken() {
               m_name);
 }
 
-void SharedMemoryBase::ResetSynchronizationID() {
-    if (!m_header || !lockNamedMutex()) return;
-    logLockTaken();
-    m_header->newMessageId = 0;
-    m_header->readMessageId = 0;
-    m_mutex.unlock();
-}
-
 bool SharedMemoryBase::SetNewMessageID() {
     if (!m_header || !lockNamedMutex()) return false;
     m_header->newMessageId.fetch_add(1);
@@ -173,12 +183,16 @@ bool SharedMemoryBase::SetNewMessageID() {
     return true;
 }
 
-void SharedMemoryBase::SetReadMessageID() {
-    if (!m_header || !lockNamedMutex()) return;
+// A writer that is set up resets the IDs without waiting for the reader, and may write while the
+// reader still copies: what it wrote is left to be read.
+bool SharedMemoryBase::SetReadMessageID() {
+    if (!m_header || !lockNamedMutex()) return false;
     logLockTaken();
-    m_header->readMessageId = m_header->newMessageId.load();
+    const bool unchanged = m_header->newMessageId == m_unreadId;
+    if (unchanged) m_header->readMessageId = m_unreadId;
     m_mutex.unlock();
     m_writeCondition.notify();
+    return unchanged;
 }
 
 bool SharedMemoryBase::NewMessage(bool /*update*/) {
@@ -191,14 +205,15 @@ bool SharedMemoryBase::NewMessage(bool /*update*/) {
 
 bool SharedMemoryBase::isUnread() {
     const long newId = m_header->newMessageId;
-    const long readId = m_header->readMessageId;
-    if (newId < readId) {
+    const long ahead = distance(m_header->readMessageId, newId);
+    if (ahead < 0) {
         // Neither readable nor writable: only a misbehaving process leaves this behind.
         NORVO_LOG(Warning, "Message IDs went backwards, stream: ", m_name);
         m_header->readMessageId = newId;
         m_writeCondition.notify();
     }
-    return newId > readId;
+    if (ahead > 0) m_unreadId = newId;
+    return ahead > 0;
 }
 
 bool SharedMemoryBase::WaitWritable(unsigned int timeout) {

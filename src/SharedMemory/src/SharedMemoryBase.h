@@ -77,9 +77,9 @@ protected:
     // WriteData under the operation lock.
     virtual bool writeMessage(const void* data, unsigned int length)
         NORVO_REQUIRES(m_operationLock);
-    // The end of Create: sets both IDs to 0.
+    // The last steps of Create and Open: both IDs become 0; what waits is dropped. With the named
+    // mutex held since before the writer is woken, so that it writes nothing that Open would drop.
     virtual void startWriting();
-    // The end of Open: drops what waits.
     virtual void startReading();
     // Called by Close while the segment is still mapped, with both locks held.
     virtual void leave() {}
@@ -122,12 +122,14 @@ private:
     // Set-up
     bool setUp(const std::string& name, unsigned int size, Mode mode);
     bool createSynchronization(Mode mode);
+    void start(Mode mode);
     void MapSMAreaPointers();
 
     // IDs and waits
     void ResetSynchronizationID();
     bool SetNewMessageID();
-    void SetReadMessageID();
+    // False when the slot does not hold any more what isUnread() has seen.
+    bool SetReadMessageID();
     bool WaitWritable(unsigned int timeout);
     bool WaitForData(unsigned int timeout);
     // Waits first and tests then: without a notification, only when the time is over.
@@ -165,6 +167,8 @@ private:
     // What lies behind the last chunk in the data area is zero.
     bool m_restIsClear = false;
 
+    // The new message ID at which a chunk was last found unread.
+    long m_unreadId = 0;
     MessageAssembler m_assembler NORVO_GUARDED_BY(m_waitLock);
     std::atomic<unsigned long> m_chunksTaken{0};
 

@@ -69,14 +69,14 @@ SharedMemoryBase::Taken SharedMemoryBase::takeChunk(std::string& message) {
         return Taken::Nothing;
     }
     m_chunksTaken.fetch_add(1, std::memory_order_relaxed);
-    SetReadMessageID();
-    if (outcome == MessageAssembler::Outcome::Incomplete) return Taken::Part;
-    if (outcome == MessageAssembler::Outcome::Complete) {
-        message = m_assembler.take();
-        return Taken::Message;
+    if (!SetReadMessageID() || outcome == MessageAssembler::Outcome::Stray) {
+        NORVO_LOG(Warning, "Receiving broken message", m_name);
+        m_assembler.drop();
+        return Taken::Nothing;
     }
-    NORVO_LOG(Warning, "Receiving broken message", m_name);
-    return Taken::Nothing;
+    if (outcome == MessageAssembler::Outcome::Incomplete) return Taken::Part;
+    message = m_assembler.take();
+    return Taken::Message;
 }
 
 void SharedMemoryBase::dropPartialMessage() {

@@ -1,7 +1,6 @@
 #include "SharedMemoryBroadcast.h"
 
 #include <cstring>
-#include <limits>
 #include <new>
 
 #include "Log.h"
@@ -20,7 +19,6 @@ constexpr unsigned int kReaderInsideIsGoneAfterMs = 500;
 // Readers that knew an earlier writer's IDs need one poll to put them back in place.
 constexpr unsigned int kReadersSettleMs = 2 * kPollMs;
 constexpr int kCopies = 3;
-constexpr long kNever = std::numeric_limits<long>::min();
 
 // Wraps: the IDs in a segment may be anything.
 long idBefore(long id) { return static_cast<long>(static_cast<unsigned long>(id) - 1); }
@@ -41,13 +39,10 @@ void SharedMemoryBroadcast::startWriting() {
 }
 
 void SharedMemoryBroadcast::startReading() {
-    m_countedAfterId = kNever;
-    if (!lockNamedMutex()) return;
     m_lastSeenId = header()->newMessageId;
     m_countedAfterId = m_lastSeenId;
     header()->chunkIndex.fetch_add(1);
     IncrementWithLocking(&header()->lockWord2);
-    m_mutex.unlock();
 }
 
 void SharedMemoryBroadcast::leave() {

@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <limits>
+#include <memory>
+#include <ostream>
+#include <type_traits>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "MultipleWritersOneReaderSM.h"
+#include "NamedCondition.h"
+#include "Rounds.h"
+#include "SegmentSupport.h"
+#include "SharedMemoryBroadcast.h"
+
+namespace {
+
+using namespace segmenttest;
+using testsupport::ChildProcess;
+
+constexpr unsigned int kCapacity = 64;
+
+// A segment for which time passes fifty times as fast, so that its limits come soon.
+template <class Segment>
+class Hurried : public Segment {
+protected:
+    unsigned int ElapsedMillisecond() override {
+        return static_cast<unsigned int>(50 * Clock::now().time_since_epoch() / milliseconds(1));
+    }
+};
+
+struct Case {
+    std::size_t offset;
+    std::size_t width;
+    std::int64_t value;
+    bool published;  // the new message ID is raised, too, so that a chunk seems to wait
+};
+
+std::ostream& operator<<(std::ostream& out, const Case& garbage) {
+    return out << garbage.value << " at " << garbage.offset
+               << (garbage.published ? ", published" : "");
+}
+
+std::vector<Case> allCases() {
+    const std::int64_t values[] = {0,
+                                   1,
+                                   kCapacity,
+                                   kCapacity + 1,
+                                   1LL << 31,
+                                   0xffffffffLL,
+                                   -1,
+                                   -7,
+                                   std::numeric_limits<std::int64_t>::min(),
+                                   std::numeric_limits<std::int64_t>::max()};
+    std::vector<Case> cases;
+    for (std::size_t offset = 0; offset < 48; offset += offset < 32 ? 8 : 4) {
+        for (const std::int64_t value : values) {
+            for (const bool published : {false, true}) {
+                cases.push_back({offset, offset < 32 ? 8U : 4U, value, published});
+            }
+        }
+    }
+    return cases;
+}
+
+void apply(RawSegment& raw, const Case& garbage) {
+    if (garbage.width == 8) {
+        raw.put<std::int64_t>(garbage.offset, garbage.value);
+    } else {
+        raw.put<std::uint32_t>(garbage.offset, static_cast<std::uint32_t>(garbage.value));
+    }
+    if (garbage.published) {
+        raw.put<std::uint64_t>(16, static_cast<std::uint64_t>(raw.word64(16)) + 1);
+    }
+}
+
+template <class Segment>
+class GarbageTest : public ::testing::Test {};
+using Segments =
+    ::testing::Types<SharedMemoryMacosx, MultipleWritersOneReaderSM, SharedMemoryBroadcast>;
+TYPED_TEST_SUITE(GarbageTest, Segments);
+
+TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
+    const std::string name = uniqueName();
+    Hurried<TypeParam> reader;
+    Hurried<TypeParam> writer;
+    ASSERT_TRUE(reader.Open(name, kCapacity));
+    ASSERT_TRUE(writer.Create(name, kCapacity));
+    Collector collector;
+    reader.subscribeObserver(&collector);
+    RawSegment raw(name);
+    VDIFrameworkCommon::NamedCondition written;
+    ASSERT_TRUE(written.create(("ED992248_" + name + "_read_condition").c_str()));
+    // A broadcast's ID may have been set to just before the last one seen: that the next message
+    // is new then shows only with the one after it.
+    const int attempts = std::is_same_v<TypeParam, SharedMemoryBroadcast> ? 2 : 1;
+    std::uint32_t number = 0;
+    for (const Case& garbage : allCases()) {
+        apply(raw, garbage);
+        written.notify();
+        const std::string message = numberedMessage({1, number++}, 40);
+        bool arrived = false;
+        for (int i = 0; i < attempts && !arrived; ++i) {
+            ASSERT_TRUE(waitUntil([&] { return write(writer, message); })) << garbage;
+            arrived = collector.waitForLast(message, milliseconds(i + 1 < attempts ? 500 : 20000));
+        }
+        ASSERT_TRUE(arrived) << garbage;
+    }
+}
+
+TEST(GarbageAcrossProcesses, AnythingMayChangeWhileItIsRead) {
+    const std::string name = uniqueName();
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    {
+        Collector collector;
+        SharedMemoryMacosx reader;
+        ASSERT_TRUE(reader.Open(name, kCapacity));
+        reader.subscribeObserver(&collector);
+        ChildProcess scribbler("segmentScribbler",
+                               {name, testsupport::kSanitized ? "300" : "1000"});
+        ASSERT_EQ(scribbler.readLine(), "ready");
+        SharedMemoryMacosx disturbed;
+        ASSERT_TRUE(disturbed.Create(name, kCapacity));
+        while (scribbler.wait(milliseconds(0)) == -1)
+            write(disturbed, numberedMessage({1, 1}, 300));
+    }
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 128 * 1024);
+
+    SharedMemoryMacosx reader;
+    SharedMemoryMacosx writer;
+    ASSERT_TRUE(reader.Open(name, kCapacity));
+    ASSERT_TRUE(writer.Create(name, kCapacity));
+    ASSERT_TRUE(write(writer, "well formed"));
+    EXPECT_EQ(read(reader), "well formed");
+}
+
+}  // namespace

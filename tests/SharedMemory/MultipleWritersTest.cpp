@@ -1,0 +1,166 @@
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "MultipleWritersOneReaderSM.h"
+#include "Rounds.h"
+#include "SegmentSupport.h"
+
+namespace {
+
+using namespace segmenttest;
+using testsupport::ChildProcess;
+using testsupport::rounds;
+
+using ClockedSegment = Clocked<MultipleWritersOneReaderSM>;
+
+class MultipleWritersTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(reader.Open(name, 64));
+        ASSERT_TRUE(first.Create(name, 64));
+        ASSERT_TRUE(second.Create(name, 64));
+    }
+    std::string readNow() { return read(reader, 0); }
+
+    const std::string name = uniqueName();
+    ClockedSegment reader;
+    ClockedSegment first;
+    ClockedSegment second;
+};
+
+TEST_F(MultipleWritersTest, OneWriterAtATimeHoldsTheLock) {
+    const RawSegment raw(name);
+    ASSERT_TRUE(first.LockWrite(0));
+    EXPECT_EQ(raw.word64(0), 1);
+    EXPECT_EQ(raw.word64(8), g_testTime);
+    EXPECT_FALSE(second.LockWrite(0));
+    EXPECT_EQ(raw.word64(0), 1);
+    first.UnlockWrite();
+    EXPECT_EQ(raw.word64(0), 0);
+    EXPECT_EQ(raw.word64(8), 0);
+    EXPECT_TRUE(second.LockWrite(0));
+    second.UnlockWrite();
+}
+
+TEST_F(MultipleWritersTest, AnEmptyReadReleasesALockThatIsOldEnough) {
+    const RawSegment raw(name);
+    ASSERT_TRUE(first.LockWrite(0));
+    g_testTime += 2000;
+    EXPECT_EQ(readNow(), "");
+    EXPECT_EQ(raw.word64(0), 1);
+    g_testTime += 1;
+    EXPECT_EQ(readNow(), "");
+    EXPECT_EQ(raw.word64(0), 0);
+    EXPECT_EQ(raw.word64(8), 0);
+
+    // Its owner lives after all, and must not release another's lock.
+    ASSERT_TRUE(second.LockWrite(0));
+    first.UnlockWrite();
+    EXPECT_EQ(raw.word64(0), 1);
+    second.UnlockWrite();
+    EXPECT_EQ(raw.word64(0), 0);
+}
+
+TEST_F(MultipleWritersTest, TheClockMayWrap) {
+    const RawSegment raw(name);
+    g_testTime = 0xfffffff0U;
+    ASSERT_TRUE(first.LockWrite(0));
+    g_testTime += 2000;
+    EXPECT_EQ(readNow(), "");
+    EXPECT_EQ(raw.word64(0), 1);
+    g_testTime += 1;
+    EXPECT_EQ(readNow(), "");
+    EXPECT_EQ(raw.word64(0), 0);
+}
+
+TEST_F(MultipleWritersTest, ACountThatDyingWritersLeftIsClearedInTime) {
+    RawSegment raw(name);
+    raw.put<long>(0, 3);
+    EXPECT_EQ(readNow(), "");
+    g_testTime += 2000;
+    EXPECT_EQ(readNow(), "");
+    EXPECT_FALSE(first.LockWrite(0));
+    g_testTime += 1;
+    EXPECT_EQ(readNow(), "");
+    EXPECT_TRUE(first.LockWrite(0));
+    first.UnlockWrite();
+    raw.put<long>(0, -2);
+    EXPECT_TRUE(first.LockWrite(0));
+    EXPECT_EQ(raw.word64(0), 1);
+}
+
+TEST_F(MultipleWritersTest, ALongMessageThatStillComesInKeepsItsLock) {
+    const RawSegment raw(name);
+    Clocked<SharedMemoryMacosx> slow;
+    ASSERT_TRUE(slow.Create(name, 64));
+    ASSERT_TRUE(first.LockWrite(0));
+    auto written = std::async([&] { return write(slow, numberedMessage({1, 1}, 100)); });
+    g_testTime += 1990;
+    ASSERT_TRUE(waitUntil([&] { return raw.word64(16) > 0; }));
+    EXPECT_EQ(read(reader, 5000).size(), 100U);
+    EXPECT_TRUE(written.get());
+    g_testTime += 1000;
+    EXPECT_EQ(readNow(), "");
+    EXPECT_EQ(raw.word64(0), 1);
+    g_testTime += 1001;
+    EXPECT_EQ(readNow(), "");
+    EXPECT_EQ(raw.word64(0), 0);
+}
+
+// Messages of several writers, each writer's in order.
+class PerSource : public SharedMemoryObserverI {
+public:
+    void onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) override {
+        const auto id = readNumbered(message);
+        if (!id || id->source > 2 || id->number != m_expected[id->source]++) ++wrong;
+        ++count;
+    }
+    std::atomic<int> wrong{0};
+    std::atomic<int> count{0};
+
+private:
+    std::uint32_t m_expected[3] = {};
+};
+
+TEST(MultipleWritersAcrossProcesses, MessagesOfTwoWritersNeverInterleave) {
+    const std::string name = uniqueName();
+    const std::string count = std::to_string(rounds(3000));
+    MultipleWritersOneReaderSM reader;
+    ASSERT_TRUE(reader.Open(name, 64));
+    PerSource messages;
+    reader.subscribeObserver(&messages);
+    ChildProcess one("segmentSource", {"2", name, "64", "1", count});
+    ASSERT_EQ(one.readLine(), "ready");
+    ChildProcess two("segmentSource", {"2", name, "64", "2", count});
+    ASSERT_EQ(two.readLine(), "ready");
+    one.writeLine("go");
+    two.writeLine("go");
+    EXPECT_EQ(one.wait(), 0);
+    EXPECT_EQ(two.wait(), 0);
+    EXPECT_TRUE(waitUntil([&] { return messages.count == 2 * rounds(3000); }));
+    EXPECT_EQ(messages.wrong, 0);
+}
+
+TEST(MultipleWritersAcrossProcesses, WritingResumesAfterAWriterDiedWithTheLock) {
+    const std::string name = uniqueName();
+    MultipleWritersOneReaderSM reader;
+    MultipleWritersOneReaderSM writer;
+    ASSERT_TRUE(reader.Open(name, 64));
+    Collector collector;
+    reader.subscribeObserver(&collector);
+    ASSERT_TRUE(writer.Create(name, 64));
+    ChildProcess holder("segmentLockHolder", {name, "64"});
+    ASSERT_EQ(holder.readLine(), "locked");
+    const auto start = Clock::now();
+    holder.kill();
+    ASSERT_EQ(holder.wait(), 128 + SIGKILL);
+    EXPECT_TRUE(waitUntil([&] { return write(writer, "resumed"); }));
+    EXPECT_GE(since(start), milliseconds(1900));
+    EXPECT_LT(since(start), milliseconds(6000));
+    EXPECT_TRUE(collector.waitForCount(1));
+}
+
+}  // namespace

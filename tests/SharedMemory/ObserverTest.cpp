@@ -1,0 +1,166 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+
+#include "LogCapture.h"
+#include "SegmentSupport.h"
+#include "SharedMemoryFactory.h"
+
+namespace {
+
+using namespace segmenttest;
+
+// Does what it is told with each message.
+class Acting : public SharedMemoryObserverI {
+public:
+    explicit Acting(std::function<void(const std::string&, SharedMemoryI*)> act)
+        : m_act(std::move(act)) {}
+    void onNewMessageReceived(std::string message, SharedMemoryI* source) override {
+        m_act(message, source);
+        ++calls;
+    }
+    std::atomic<int> calls{0};
+
+private:
+    std::function<void(const std::string&, SharedMemoryI*)> m_act;
+};
+
+class ObserverTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(reader->Open(name, 64));
+        ASSERT_TRUE(writer->Create(name, 64));
+    }
+    const std::string name = uniqueName();
+    const std::shared_ptr<SharedMemoryI> reader = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    const std::shared_ptr<SharedMemoryI> writer = getSharedMemoryInstance(ESharedMemoryType::Plain);
+};
+
+TEST_F(ObserverTest, EveryObserverGetsItsOwnCopy) {
+    Collector observers[3];
+    for (auto& observer : observers) reader->subscribeObserver(&observer);
+    reader->subscribeObserver(&observers[0]);
+    ASSERT_TRUE(write(*writer, std::string(200, 'm')));
+    ASSERT_TRUE(write(*writer, "second"));
+    for (auto& observer : observers) {
+        ASSERT_TRUE(observer.waitForCount(2));
+        EXPECT_EQ(observer.messages(), (std::vector<std::string>{std::string(200, 'm'), "second"}));
+    }
+    reader->unsubscribeAllObservers();
+}
+
+TEST_F(ObserverTest, AnObserverMayLeaveFromInsideTheCall) {
+    Acting leaving([&](auto&, SharedMemoryI* source) { source->unsubscribeObserver(&leaving); });
+    reader->subscribeObserver(&leaving);
+    ASSERT_TRUE(write(*writer, "one"));
+    ASSERT_TRUE(waitUntil([&] { return leaving.calls == 1; }));
+
+    Collector next;
+    reader->subscribeObserver(&next);
+    ASSERT_TRUE(write(*writer, "two"));
+    ASSERT_TRUE(next.waitForCount(1));
+    EXPECT_EQ(leaving.calls, 1);
+}
+
+TEST_F(ObserverTest, AnObserverMayHandOverToAnotherFromInsideTheCall) {
+    Collector next;
+    Acting leaving([&](auto&, SharedMemoryI* source) {
+        source->unsubscribeObserver(&leaving);
+        source->subscribeObserver(&next);
+    });
+    reader->subscribeObserver(&leaving);
+    ASSERT_TRUE(write(*writer, "one"));
+    ASSERT_TRUE(waitUntil([&] { return leaving.calls == 1; }));
+    ASSERT_TRUE(write(*writer, "two"));
+    ASSERT_TRUE(next.waitForCount(1));
+    EXPECT_EQ(next.messages().back(), "two");
+}
+
+TEST_F(ObserverTest, UnsubscribingWaitsForTheRunningCall) {
+    std::promise<void> entered;
+    std::atomic<bool> done = false;
+    Acting slow([&](auto&, auto*) {
+        entered.set_value();
+        std::this_thread::sleep_for(milliseconds(50));
+        done = true;
+    });
+    Collector staying;
+    reader->subscribeObserver(&slow);
+    reader->subscribeObserver(&staying);
+    ASSERT_TRUE(write(*writer, "one"));
+    entered.get_future().wait();
+    reader->unsubscribeObserver(&slow);
+    EXPECT_TRUE(done);
+    ASSERT_TRUE(write(*writer, "two"));
+    ASSERT_TRUE(staying.waitForCount(2));
+    EXPECT_EQ(slow.calls, 1);
+}
+
+TEST_F(ObserverTest, ManyThreadsMayComeAndGo) {
+    std::atomic<bool> stop = false;
+    std::thread source([&] {
+        while (!stop) write(*writer, "message");
+    });
+    std::vector<std::thread> users;
+    for (int i = 0; i < 3; ++i) {
+        users.emplace_back([&] {
+            for (int round = 0; round < 20; ++round) {
+                Collector mine;
+                reader->subscribeObserver(&mine);
+                if (round % 4 == 0) {
+                    EXPECT_TRUE(mine.waitForCount(1));
+                }
+                reader->unsubscribeObserver(&mine);
+            }
+        });
+    }
+    for (auto& user : users) user.join();
+    stop = true;
+    reader->Close();
+    writer->Close();
+    source.join();
+}
+
+TEST_F(ObserverTest, MisuseIsRefusedAndDoesNotHang) {
+    testsupport::LogCapture log;
+    Collector collector;
+    Acting closing([&](auto&, SharedMemoryI* source) { EXPECT_FALSE(source->Close()); });
+    reader->subscribeObserver(&collector);
+    reader->subscribeObserver(&closing);
+    ASSERT_TRUE(write(*writer, "one"));
+    ASSERT_TRUE(collector.waitForCount(1));
+    ASSERT_TRUE(waitUntil([&] { return closing.calls == 1; }));
+    EXPECT_EQ(log.count("Illegal operation!" + name), 1);
+
+    EXPECT_FALSE(write(*reader, "a reader does not write, not even while its thread runs"));
+    EXPECT_EQ(log.count("Illegal operation!" + name), 2);
+
+    writer->subscribeObserver(&collector);
+    ASSERT_TRUE(waitUntil([&] { return log.count("Illegal operation!" + name) == 3; }));
+    EXPECT_TRUE(write(*writer, "two"));
+    writer->unsubscribeObserver(&collector);
+    ASSERT_TRUE(collector.waitForCount(2));
+}
+
+TEST_F(ObserverTest, ASegmentMayBeClosedAndOpenedAgainWithItsObservers) {
+    Collector collector;
+    reader->subscribeObserver(&collector);
+    EXPECT_TRUE(reader->Close());
+    EXPECT_FALSE(reader->Close());
+    ASSERT_TRUE(reader->Open(name, 64));
+    reader->subscribeObserver(&collector);
+    ASSERT_TRUE(write(*writer, "again"));
+    ASSERT_TRUE(collector.waitForCount(1));
+}
+
+TEST(ObserverBeforeOpenTest, ASegmentThatIsNeverOpenedMayHaveObservers) {
+    Collector collector;
+    const auto segment = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    segment->subscribeObserver(&collector);
+    segment->unsubscribeObserver(&collector);
+    segment->subscribeObserver(&collector);
+}
+
+}  // namespace

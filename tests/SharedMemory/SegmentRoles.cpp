@@ -1,0 +1,188 @@
+// What the child processes of the segment tests do.
+#include <cstdio>
+#include <iostream>
+
+#include "ActiveVirtualChannelAgentRecorder.h"
+#include "ChildProcess.h"
+#include "MultipleWritersOneReaderSM.h"
+#include "SegmentSupport.h"
+#include "SharedMemoryBroadcast.h"
+#include "SharedMemoryFactory.h"
+
+namespace {
+
+using namespace segmenttest;
+
+std::shared_ptr<SharedMemoryI> segment(ESharedMemoryType type) {
+    return getSharedMemoryInstance(type);
+}
+
+unsigned int number(const std::string& text) { return static_cast<unsigned int>(std::stoul(text)); }
+
+void say(const char* text) {
+    std::puts(text);
+    std::fflush(stdout);
+}
+
+// Waits for a line from the parent, or for its end.
+void await() {
+    std::string line;
+    std::getline(std::cin, line);
+}
+
+// Lengths around the capacity, the same for every number.
+std::size_t lengthOf(std::uint32_t messageNumber, unsigned int capacity) {
+    return messageNumber * 2654435761U % (3 * capacity);
+}
+
+// in, out, capacity: sends back what comes.
+CHILD_ROLE(segmentEcho) {
+    const auto in = segment(ESharedMemoryType::Plain);
+    const auto out = segment(ESharedMemoryType::Plain);
+    if (!in->Open(args[0], number(args[2])) || !out->Create(args[1], number(args[2]))) return 1;
+    say("ready");
+    for (;;) {
+        const std::string message = read(*in, 10000);
+        if (message.empty()) return 2;
+        if (message == "quit") return 0;
+        if (!write(*out, message)) return 3;
+    }
+}
+
+// type, name, capacity, source, count (0: no end): set up, say so, then numbered messages.
+CHILD_ROLE(segmentSource) {
+    const auto out = segment(static_cast<ESharedMemoryType>(number(args[0])));
+    const unsigned int capacity = number(args[2]);
+    const unsigned int count = number(args[4]);
+    if (!out->Create(args[1], capacity)) return 1;
+    say("ready");
+    if (count != 0) await();
+    for (std::uint32_t i = 0; count == 0 || i < count; ++i) {
+        const auto message = numberedMessage({number(args[3]), i}, lengthOf(i, capacity));
+        if (!write(*out, message)) return 2;
+    }
+    return 0;
+}
+
+// name, capacity: says "good" once a whole message came and "bad" when one is damaged.
+CHILD_ROLE(segmentSink) {
+    const auto in = segment(ESharedMemoryType::Plain);
+    if (!in->Open(args[0], number(args[1]))) return 1;
+    say("ready");
+    for (bool first = true;;) {
+        const std::string message = read(*in, 1000);
+        if (message.empty()) continue;
+        if (!readNumbered(message)) {
+            say("bad");
+            return 2;
+        }
+        if (std::exchange(first, false)) say("good");
+    }
+}
+
+// name, capacity: one message once a line comes; says how many milliseconds it took.
+CHILD_ROLE(segmentOneMessage) {
+    const auto out = segment(ESharedMemoryType::Plain);
+    if (!out->Create(args[0], number(args[1]))) return 1;
+    const auto start = Clock::now();
+    if (!write(*out, "late writer")) return 2;
+    say(std::to_string(since(start).count()).c_str());
+    return 0;
+}
+
+// name, capacity: takes the write lock and keeps it.
+CHILD_ROLE(segmentLockHolder) {
+    MultipleWritersOneReaderSM out;
+    if (!out.Create(args[0], number(args[1])) || !out.LockWrite(2000)) return 1;
+    say("locked");
+    await();
+    return 0;
+}
+
+// name, capacity, last, count: reads a broadcast; ends well after message number `last`, or closes
+// after `count` messages. Each message must be the successor of the one before.
+CHILD_ROLE(segmentListener) {
+    const auto in = segment(ESharedMemoryType::Broadcast);
+    if (!in->Open(args[0], number(args[1]))) return 1;
+    say("ready");
+    std::optional<std::uint32_t> previous;
+    const unsigned int last = number(args[2]);
+    for (unsigned int left = number(args[3]); left > 0; --left) {
+        std::string message;
+        const auto start = Clock::now();
+        while (message.empty() && since(start) < std::chrono::seconds(20)) message = read(*in);
+        const auto id = readNumbered(message);
+        if (!id || (previous && id->number != *previous + 1)) {
+            std::printf("after %u came %ld\n", previous.value_or(0), id ? long{id->number} : -1L);
+            return 2;
+        }
+        if (!previous) say(std::to_string(id->number).c_str());
+        previous = id->number;
+        if (id->number == last) break;
+    }
+    in->Close();
+    say(("left after " + std::to_string(*previous)).c_str());
+    return 0;
+}
+
+// Marks itself as the active agent until a line comes, and again until the next.
+CHILD_ROLE(segmentOtherAgent) {
+    VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder recorder;
+    for (int i = 0; i < 2; ++i) {
+        if (!recorder.markCurrentVirtualChannelAgentAsActive()) return 1;
+        say("active");
+        await();
+        recorder.clearActiveVirtualChannelAgent();
+        say("inactive");
+        await();
+    }
+    return 0;
+}
+
+// in, out: a client's echo, which says its controller's opinion of it after each message.
+CHILD_ROLE(segmentClient) {
+    VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
+    const auto in = segment(ESharedMemoryType::Plain);
+    const auto out = segment(ESharedMemoryType::Plain);
+    if (!in->Open(args[0], 64) || !out->Create(args[1], 64)) return 1;
+    say("ready");
+    Collector collector;
+    in->subscribeObserver(&collector);
+    for (std::size_t count = 1; count <= 2; ++count) {
+        if (!collector.waitForCount(count) || !write(*out, collector.messages().back())) return 2;
+        std::this_thread::sleep_for(milliseconds(700));
+    }
+    return 0;
+}
+
+// name, milliseconds: writes anything anywhere into the segment.
+CHILD_ROLE(segmentScribbler) {
+    RawSegment raw(args[0]);
+    std::uint64_t state = 88172645463325252U;
+    const auto start = Clock::now();
+    say("ready");
+    while (since(start) < milliseconds(number(args[1]))) {
+        state ^= state << 13U;
+        state ^= state >> 7U;
+        state ^= state << 17U;
+        const std::size_t offset = 16 + state % 64 / 4 * 4;
+        const auto small = static_cast<std::uint32_t>(state >> 40U) % 70;
+        raw.put<std::uint32_t>(offset,
+                               state & 1U ? small : static_cast<std::uint32_t>(state >> 20U));
+        if (state % 64 == 0) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    return 0;
+}
+
+// type, name: a subscribed reader without traffic, until a line comes.
+CHILD_ROLE(segmentIdleReader) {
+    const auto in = segment(static_cast<ESharedMemoryType>(number(args[0])));
+    if (!in->Open(args[1], 65536)) return 1;
+    Collector collector;
+    in->subscribeObserver(&collector);
+    say("ready");
+    await();
+    return 0;
+}
+
+}  // namespace

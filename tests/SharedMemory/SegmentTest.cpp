@@ -1,0 +1,280 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <future>
+#include <memory>
+
+#include "LogCapture.h"
+#include "NamedCondition.h"
+#include "NamedMutex.h"
+#include "SegmentSupport.h"
+#include "SharedMemoryFactory.h"
+#include "VDIClientInfo.h"
+
+namespace {
+
+using namespace segmenttest;
+using testsupport::LogCapture;
+using VDIFrameworkCommon::VDIClientInfo;
+namespace VDIClientType = VDIFrameworkCommon::VDIClientType;
+
+std::shared_ptr<SharedMemoryI> plain() { return getSharedMemoryInstance(ESharedMemoryType::Plain); }
+
+TEST(SegmentLayoutTest, AWrittenChunkLiesThereByteForByte) {
+    const std::string name = uniqueName();
+    const auto reader = plain();
+    const auto writer = plain();
+    ASSERT_TRUE(reader->Open(name, 100));
+    ASSERT_TRUE(writer->Create(name, 100));
+    const RawSegment raw(name);
+    EXPECT_EQ(raw.size(), 148U);
+    EXPECT_EQ(raw.bytes(0, 148), std::string(148, '\0'));
+
+    ASSERT_TRUE(write(*writer, std::string(90, 'a')));
+    EXPECT_EQ(raw.word64(16), 1);
+    EXPECT_EQ(raw.word64(24), 0);
+    EXPECT_EQ(read(*reader), std::string(90, 'a'));
+    EXPECT_EQ(raw.word64(24), 1);
+
+    ASSERT_TRUE(write(*writer, "xyz"));
+    const std::string expected = std::string(16, '\0') + std::string("\2\0\0\0\0\0\0\0", 8) +
+                                 std::string("\1\0\0\0\0\0\0\0", 8) +
+                                 std::string("\1\0\0\0\1\0\0\0\3\0\0\0\3\0\0\0", 16) + "xyz" +
+                                 std::string(97, '\0');
+    EXPECT_EQ(raw.bytes(0, 148), expected);
+}
+
+TEST(SegmentLayoutTest, ChunksOfALongMessageAreNumberedFromOne) {
+    const std::string name = uniqueName();
+    const auto reader = plain();
+    const auto writer = plain();
+    ASSERT_TRUE(reader->Open(name, 10));
+    ASSERT_TRUE(writer->Create(name, 10));
+    RawSegment raw(name);
+    auto written = std::async([&] { return write(*writer, "0123456789abcdefghijXYZ"); });
+
+    VDIFrameworkCommon::NamedCondition consumed;
+    ASSERT_TRUE(consumed.create(("ED992248_" + name + "_write_condition").c_str()));
+    const std::string chunks[] = {"0123456789", "abcdefghij", std::string("XYZ\0\0\0\0\0\0\0", 10)};
+    for (unsigned int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(waitUntil([&] { return raw.word64(16) == i + 1; }));
+        EXPECT_EQ(raw.word32(32), 3U);
+        EXPECT_EQ(raw.word32(36), i + 1);
+        EXPECT_EQ(raw.word32(40), 23U);
+        EXPECT_EQ(raw.word32(44), i < 2 ? 10U : 3U);
+        EXPECT_EQ(raw.bytes(48, 10), chunks[i]);
+        raw.put<long>(24, i + 1);
+        consumed.notify();
+    }
+    EXPECT_TRUE(written.get());
+}
+
+TEST(SegmentLayoutTest, WhatAnEarlierWriterLeftInTheDataAreaIsCleared) {
+    const std::string name = uniqueName();
+    const auto reader = plain();
+    ASSERT_TRUE(reader->Open(name, 100));
+    RawSegment raw(name);
+    for (std::size_t i = 48; i < 148; ++i) raw.put<char>(i, '!');
+
+    const auto writer = plain();
+    ASSERT_TRUE(writer->Create(name, 100));
+    ASSERT_TRUE(write(*writer, "abc"));
+    EXPECT_EQ(raw.bytes(48, 100), "abc" + std::string(97, '\0'));
+}
+
+TEST(SegmentLayoutTest, TheObjectIsNamedByUserClientTypeAndSegment) {
+    const std::pair<VDIClientType::VDIClientTypeEnum, const char*> types[] = {
+        {VDIClientType::Crews, "CWVDI_"},
+        {VDIClientType::Meetings, "MTVDI_"},
+        {VDIClientType::Unknown, "DEFVDI_"}};
+    for (const auto& [type, prefix] : types) {
+        VDIClientInfo::getInstance().setClientType(type);
+        const std::string name = uniqueName();
+        const auto segment = plain();
+        ASSERT_TRUE(segment->Create(name, 10));
+        EXPECT_NO_THROW(RawSegment raw(std::to_string(geteuid()) + prefix, name)) << prefix;
+    }
+}
+
+TEST(SegmentSetUpTest, StepsAreLoggedInOrderAndFailuresEndThem) {
+    const std::string name = uniqueName();
+    LogCapture log;
+    const auto reader = plain();
+    ASSERT_TRUE(reader->Open(name, 10));
+    const std::vector<std::string> steps = {
+        "CreateMutex for shared memory start Suceded, stream: " + name,
+        "Create condition for reading shared memory start succeed, stream: " + name,
+        "Create condition for writing shared memory start succeed, stream: " + name,
+        "Creating/openning shared memory: " + name};
+    const auto lines = log.lines();
+    ASSERT_GE(lines.size(), steps.size());
+    EXPECT_TRUE(std::equal(steps.begin(), steps.end(), lines.begin()));
+
+    EXPECT_FALSE(reader->Open(name, 10));
+    EXPECT_TRUE(log.contains("Shared Memory already initialized. SM: " + name));
+    EXPECT_EQ(reader->getName(), name);
+    EXPECT_TRUE(reader->Close());
+    EXPECT_TRUE(log.contains("Shared Memory closed."));
+
+    const auto writer = plain();
+    EXPECT_FALSE(writer->Create(name, 0));
+    EXPECT_FALSE(writer->Create(name, 0xffffffffU));
+    EXPECT_EQ(log.count("Illegal capacity"), 2);
+    EXPECT_TRUE(writer->Create(name, 10));
+    EXPECT_TRUE(log.contains("CreateMutex for shared memory start succeed, stream: " + name));
+}
+
+TEST(SegmentSetUpTest, OperationsThatDoNotFitAreRefusedWithALine) {
+    const std::string name = uniqueName();
+    LogCapture log;
+    const auto segment = plain();
+    void* data = nullptr;
+    unsigned int length = 7;
+    EXPECT_FALSE(write(*segment, "x"));
+    EXPECT_FALSE(segment->ReadData(&data, length));
+    EXPECT_EQ(segment->ReadData(length, 0), "");
+    EXPECT_FALSE(segment->Close());
+    EXPECT_EQ(log.count("Illegal operation!"), 3);
+
+    ASSERT_TRUE(segment->Create(name, 10));
+    EXPECT_FALSE(segment->ReadData(&data, length));
+    EXPECT_FALSE(segment->WriteData(nullptr, 3));
+    EXPECT_TRUE(log.contains("Null data pointer!"));
+    EXPECT_TRUE(write(*segment, ""));
+    EXPECT_EQ(log.count("Illegal operation!"), 4);
+}
+
+TEST(SegmentSetUpTest, ASecondOpenerWithASmallerCapacityLeavesTheObjectAsItIs) {
+    const std::string name = uniqueName();
+    const auto writer = plain();
+    const auto reader = plain();
+    ASSERT_TRUE(writer->Create(name, 100000));
+    ASSERT_TRUE(reader->Open(name, 10));
+    EXPECT_EQ(RawSegment(name).size(), 100048U);
+    LogCapture log;
+    ASSERT_TRUE(write(*writer, std::string(100000, 'x')));
+    EXPECT_EQ(read(*reader, 1000), "");
+    EXPECT_TRUE(log.contains("Invalid message length. Dismiss message."));
+    ASSERT_TRUE(write(*writer, "fits"));
+    EXPECT_EQ(read(*reader), "fits");
+}
+
+TEST(SegmentTest, MessagesOfAnyLengthCrossWhole) {
+    const std::string name = uniqueName();
+    const auto reader = plain();
+    const auto writer = plain();
+    ASSERT_TRUE(reader->Open(name, 16));
+    ASSERT_TRUE(writer->Create(name, 16));
+    Collector collector;
+    reader->subscribeObserver(&collector);
+    std::vector<std::string> sent;
+    for (const std::size_t length : {1U, 15U, 16U, 17U, 32U, 33U, 167U}) {
+        sent.push_back(std::string(length - 1, 'a') + 'z');
+        ASSERT_TRUE(write(*writer, ""));
+        ASSERT_TRUE(write(*writer, sent.back()));
+    }
+    ASSERT_TRUE(collector.waitForCount(sent.size()));
+    EXPECT_EQ(collector.messages(), sent);
+}
+
+TEST(SegmentTest, AWholeMessageCanBeTakenAsAnArray) {
+    const std::string name = uniqueName();
+    const auto reader = plain();
+    const auto writer = plain();
+    ASSERT_TRUE(reader->Open(name, 16));
+    ASSERT_TRUE(writer->Create(name, 16));
+    void* data = nullptr;
+    unsigned int length = 0;
+    EXPECT_FALSE(reader->ReadData(&data, length));
+    auto written = std::async([&] { return write(*writer, std::string(40, 'q')); });
+    ASSERT_TRUE(waitUntil([&] { return reader->ReadData(&data, length); }));
+    const std::unique_ptr<char[]> owned(static_cast<char*>(data));
+    EXPECT_EQ(std::string(owned.get(), length), std::string(40, 'q'));
+    EXPECT_TRUE(written.get());
+}
+
+TEST(SegmentTest, AReaderThatOpensDropsWhatWaitsAndFreesTheWriter) {
+    const std::string name = uniqueName();
+    const auto first = plain();
+    const auto second = plain();
+    const auto writer = plain();
+    ASSERT_TRUE(first->Open(name, 16));
+    ASSERT_TRUE(writer->Create(name, 16));
+    ASSERT_TRUE(write(*writer, "old"));
+    auto written = std::async([&] { return write(*writer, "new"); });
+    ASSERT_TRUE(second->Open(name, 16));
+    EXPECT_EQ(read(*second), "new");
+    EXPECT_TRUE(written.get());
+}
+
+TEST(SegmentTest, AWriterThatNobodyEverAnsweredWaitsItsTimeAndThenWrites) {
+    const std::string name = uniqueName();
+    const auto writer = plain();
+    ASSERT_TRUE(writer->Create(name, 16));
+    const auto start = Clock::now();
+    EXPECT_TRUE(write(*writer, "first"));
+    EXPECT_GE(since(start), milliseconds(1990));
+    LogCapture log;
+    EXPECT_FALSE(write(*writer, "second"));
+    EXPECT_TRUE(log.contains("Memory is not writable: " + name));
+}
+
+// Puts the first chunk of a message into the slot that nobody ends.
+void beginMessage(const std::string& name) {
+    RawSegment raw(name);
+    raw.put<std::uint32_t>(32, 2);
+    raw.put<std::uint32_t>(36, 1);
+    raw.put<std::uint32_t>(40, 8);
+    raw.put<std::uint32_t>(44, 4);
+    raw.put<long>(16, raw.word64(16) + 1);
+}
+
+TEST(SegmentTest, AMessageThatItsWriterDoesNotEndIsReplacedByTheNext) {
+    const std::string name = uniqueName();
+    const auto reader = plain();
+    const auto writer = plain();
+    ASSERT_TRUE(reader->Open(name, 4));
+    ASSERT_TRUE(writer->Create(name, 4));
+    beginMessage(name);
+    LogCapture log;
+    EXPECT_EQ(read(*reader, 20), "");
+    auto written = std::async([&] { return write(*writer, "whole!"); });
+    EXPECT_EQ(read(*reader), "whole!");
+    EXPECT_TRUE(written.get());
+    EXPECT_EQ(log.count("Previous message is broken!" + name), 1);
+}
+
+TEST(SegmentTest, ClosingReportsAMessageThatIsNotThereInFull) {
+    const std::string name = uniqueName();
+    const auto reader = plain();
+    ASSERT_TRUE(reader->Open(name, 4));
+    beginMessage(name);
+    EXPECT_EQ(read(*reader, 20), "");
+    LogCapture log;
+    EXPECT_TRUE(reader->Close());
+    EXPECT_EQ(log.count("The message is not received in full." + name), 1);
+}
+
+TEST(SegmentTest, ClosingEndsWaitsOnOtherThreads) {
+    const std::string name = uniqueName();
+    const auto reader = plain();
+    const auto writer = plain();
+    ASSERT_TRUE(reader->Open(name, 4));
+    ASSERT_TRUE(writer->Create(name, 4));
+    const auto start = Clock::now();
+    auto reading = std::async([&] { return read(*reader, 20000); });
+    auto writing = std::async([&] { return write(*writer, std::string(12, 'x')); });
+    std::this_thread::sleep_for(milliseconds(20));
+    EXPECT_TRUE(reader->Close());
+    EXPECT_TRUE(writer->Close());
+    reading.get();
+    writing.get();
+    EXPECT_LT(since(start), milliseconds(1500));
+}
+
+TEST(SegmentFactoryTest, AnUnknownTypeGivesNothing) {
+    EXPECT_EQ(getSharedMemoryInstance(static_cast<ESharedMemoryType>(3)), nullptr);
+    EXPECT_EQ(getSharedMemoryInstance(static_cast<ESharedMemoryType>(-1)), nullptr);
+}
+
+}  // namespace
