@@ -46,8 +46,8 @@ void AgentConnection::announceAgain() {
     for (const auto& stream : m_streams.snapshot()) {
         if (stream->name() == m_context.infoOutputName) continue;
         if (m_context.stopping) return;
-        AGENT_LOG(Info, "Tell the Agent on the other side to reconnect to this stream: ",
-                  stream->name());
+        AGENT_LOG(Info,
+                  "Tell the Agent on the other side to reconnect to this stream: ", stream->name());
         m_outgoing.SendMessageToChannelAboutStream(CTL_S_CREATE, stream->name(), stream->type(),
                                                    stream->size());
         m_context.environment->pause(kAnnouncePause);
@@ -104,8 +104,8 @@ void AgentConnection::sendFlushLogs() {
 }
 
 void AgentConnection::availabilityChanged(bool available) {
-    AGENT_LOG(Notice, "OnVirtualChannelAvailabilityChange: ",
-              available ? "available " : "not available ");
+    AGENT_LOG(Notice,
+              "OnVirtualChannelAvailabilityChange: ", available ? "available " : "not available ");
     if (m_context.stopping) return;
     if (m_context.environment->hasOtherActiveAgent()) {
         AGENT_LOG(Notice,

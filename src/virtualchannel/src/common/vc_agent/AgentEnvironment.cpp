@@ -23,9 +23,8 @@ public:
     }
 
     std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) override {
-        return getSharedMemoryInstance(kind == SegmentKind::Broadcast
-                                           ? ESharedMemoryType::Broadcast
-                                           : ESharedMemoryType::Plain);
+        return getSharedMemoryInstance(kind == SegmentKind::Broadcast ? ESharedMemoryType::Broadcast
+                                                                      : ESharedMemoryType::Plain);
     }
 
     bool hasOtherActiveAgent() override {

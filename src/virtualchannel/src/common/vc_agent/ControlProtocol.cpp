@@ -97,9 +97,9 @@ void ControlProtocol::dispatch(const VCMessage& message) {
         return;
     }
     if (*handler->announcement) {
-        NORVO_LOG_AT(message.rawMessageType() == CTL_S_ROUTE ? KLT::kltlogger::Trace
-                                                             : KLT::kltlogger::Info,
-                     m_context.logPrefix, handler->announcement);
+        NORVO_LOG_AT(
+            message.rawMessageType() == CTL_S_ROUTE ? KLT::kltlogger::Trace : KLT::kltlogger::Info,
+            m_context.logPrefix, handler->announcement);
     }
     Received received{message, {}};
     if (*handler->incomplete) {
@@ -161,7 +161,8 @@ void ControlProtocol::routeData(const Received& received) {
 }
 
 StreamPtr ControlProtocol::recreate(const StreamDetails& wanted) {
-    AGENT_LOG(Info, "Received CTL_S_ROUTE, there was no receiveing stream found, so recreating it.");
+    AGENT_LOG(Info,
+              "Received CTL_S_ROUTE, there was no receiveing stream found, so recreating it.");
     StreamPtr stream;
     if (!m_streams.CreateStream(wanted.name, wanted.size, Requester::FarSide)) {
         AGENT_LOG(Warning, "Stream not found, and could no be recreated!.");
@@ -182,7 +183,8 @@ void ControlProtocol::route(const StreamPtr& stream, const Received& received) {
         return;
     }
     // Not running yet: the data waits in the stream's queue. The log says why.
-    if (!stream->isRunning()) m_streams.IsStreamRoutable(received.stream.name, received.stream.type);
+    if (!stream->isRunning())
+        m_streams.IsStreamRoutable(received.stream.name, received.stream.type);
     m_streams.ProcessRoutableMessage(stream, std::string(data, length));
 }
 
@@ -197,8 +199,8 @@ StreamPtr ControlProtocol::findOpposite(const StreamDetails& stream) {
 void ControlProtocol::sendError(const StreamDetails& stream) {
     // No agent has a stream of such a name, and 1001 of them may wait in the queue.
     if (stream.name.size() > kMaxStreamNameLength) return;
-    m_outgoing.SendMessageToChannelAboutStream(
-        CTL_S_ERROR, stream.name, utils::GetMirroredSType(stream.type), stream.size);
+    m_outgoing.SendMessageToChannelAboutStream(CTL_S_ERROR, stream.name,
+                                               utils::GetMirroredSType(stream.type), stream.size);
 }
 
 }  // namespace VirtualChannelAgent

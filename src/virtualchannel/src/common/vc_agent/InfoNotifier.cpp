@@ -17,11 +17,16 @@ enum ChannelType { kCitrix = 1, kVMware = 2, kRdp = 3, kTcpSocket = 4 };
 
 const char* environmentName(int channelType) {
     switch (channelType) {
-        case kCitrix: return "citrix";
-        case kVMware: return "vmware";
-        case kRdp: return "rdp";
-        case kTcpSocket: return "tcp";
-        default: return "unknown";
+        case kCitrix:
+            return "citrix";
+        case kVMware:
+            return "vmware";
+        case kRdp:
+            return "rdp";
+        case kTcpSocket:
+            return "tcp";
+        default:
+            return "unknown";
     }
 }
 
@@ -70,8 +75,11 @@ void InfoNotifier::notifyChannelBlocked(bool blocked) {
 void InfoNotifier::notifyChannelVersion() {
     const std::string peerVersion = m_peer.channelVersion();
     if (peerVersion.empty()) return;
-    notifyInfoS(
-        MessageBuilder().append("ChannelVersion").append(peerVersion).append(kChannelVersion).msg());
+    notifyInfoS(MessageBuilder()
+                    .append("ChannelVersion")
+                    .append(peerVersion)
+                    .append(kChannelVersion)
+                    .msg());
 }
 
 void InfoNotifier::notifyInvalidStreams() {

@@ -30,7 +30,8 @@ public:
     void notifyChannelBlocked(bool blocked) NORVO_TAKES_STREAMS;
     // The far side's channel version and this side's; nothing while the former is not known.
     void notifyChannelVersion() NORVO_TAKES_STREAMS;
-    // Our stream names that the far side does not serve; only while connected, and if there are any.
+    // Our stream names that the far side does not serve; only while connected, and if there are
+    // any.
     void notifyInvalidStreams() NORVO_TAKES_STREAMS;
     // One message per running stream, its type as a local process sees it; only while connected.
     void notifyRunningStreams() NORVO_TAKES_STREAMS;

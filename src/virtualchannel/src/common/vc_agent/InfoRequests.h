@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "AgentContext.h"
 #include "AgentConnection.h"
+#include "AgentContext.h"
 #include "HvdClientInfoManager.h"
 #include "InfoNotifier.h"
 #include "StreamService.h"

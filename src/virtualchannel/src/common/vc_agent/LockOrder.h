@@ -11,7 +11,7 @@ namespace VirtualChannelAgent::lock_order {
 
 class NORVO_CAPABILITY("rank") Rank {};
 
-inline Rank lifecycle;                                  // stop() and the destructor
+inline Rank lifecycle;                                   // stop() and the destructor
 inline Rank transition NORVO_ACQUIRED_AFTER(lifecycle);  // entering and leaving the connected state
 inline Rank state NORVO_ACQUIRED_AFTER(transition);      // the check thread, for its whole run
 inline Rank creation NORVO_ACQUIRED_AFTER(state);        // making a stream and its segment
@@ -43,6 +43,7 @@ private:
     NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::service) NORVO_TAKES_STREAMS
 #define NORVO_TAKES_CREATION \
     NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::creation) NORVO_TAKES_SERVICE
-#define NORVO_TAKES_STATE NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::state) NORVO_TAKES_CREATION
+#define NORVO_TAKES_STATE \
+    NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::state) NORVO_TAKES_CREATION
 #define NORVO_TAKES_TRANSITION \
     NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::transition) NORVO_TAKES_STATE

@@ -20,8 +20,8 @@ public:
 
     // Any thread. When 1001 messages wait, the oldest is dropped.
     void SendMessageToChannelAboutStream(MessageTypeEnum type, const std::string& streamName,
-                                         StreamType streamType, unsigned int streamSize)
-        NORVO_TAKES_LEAF;
+                                         StreamType streamType,
+                                         unsigned int streamSize) NORVO_TAKES_LEAF;
 
     // Call start() after context.connected has been set, and stop() after it has been cleared: at
     // most one more message leaves then. False when the thread could not be started.

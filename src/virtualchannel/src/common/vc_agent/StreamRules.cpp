@@ -5,8 +5,9 @@
 namespace VirtualChannelAgent {
 
 const std::set<std::string>& supportedStreamNames() {
-    static const std::set<std::string> names{"Basic", "Generic",       "GenericUnReliable", "StringCipher",
-                                             "Media", "LogCollection", "upgrade"};
+    static const std::set<std::string> names{"Basic",        "Generic", "GenericUnReliable",
+                                             "StringCipher", "Media",   "LogCollection",
+                                             "upgrade"};
     return names;
 }
 

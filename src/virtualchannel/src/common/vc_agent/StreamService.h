@@ -41,10 +41,10 @@ public:
     // there is none of that name, and the far side is asked for its end of it. An existing one is
     // kept as it is, whatever its type. False when the stream is refused (StreamRules.h; the INFO
     // streams' names).
-    bool CreateStream(const std::string& name, unsigned int size, Requester requester)
-        NORVO_TAKES_CREATION;
-    bool OpenStream(const std::string& name, unsigned int size, Requester requester)
-        NORVO_TAKES_CREATION;
+    bool CreateStream(const std::string& name, unsigned int size,
+                      Requester requester) NORVO_TAKES_CREATION;
+    bool OpenStream(const std::string& name, unsigned int size,
+                    Requester requester) NORVO_TAKES_CREATION;
 
     // The stream of that name; the type takes no part in the search. Empty when there is none.
     StreamPtr FindInternalStream(const std::string& name, StreamType type) NORVO_TAKES_STREAMS;
@@ -73,8 +73,8 @@ private:
                          Requester requester) NORVO_TAKES_CREATION;
     bool admits(const std::string& name, unsigned int size, Requester requester)
         NORVO_REQUIRES(m_creationMutex);
-    bool add(const StreamPtr& stream, Requester requester) NORVO_REQUIRES(m_creationMutex)
-        NORVO_TAKES_SERVICE;
+    bool add(const StreamPtr& stream, Requester requester)
+        NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void announce(const StreamPtr& stream) NORVO_TAKES_LEAF;
 
     AgentContext& m_context;

@@ -15,7 +15,8 @@ namespace VirtualChannelAgent {
 // stream that it has not confirmed.
 class StreamStateChecker {
 public:
-    StreamStateChecker(AgentContext& context, const StreamTable& streams, OutgoingMessages& outgoing)
+    StreamStateChecker(AgentContext& context, const StreamTable& streams,
+                       OutgoingMessages& outgoing)
         : m_context(context), m_streams(streams), m_outgoing(outgoing) {}
 
     // False when the thread could not be started.
@@ -33,7 +34,8 @@ private:
     OutgoingMessages& m_outgoing;
     std::atomic<bool> m_running{false};
     VDIFrameworkCommon::Event m_wake{true};
-    VDIFrameworkCommon::LocalMutex m_stateMutex;  // the thread holds it: there is never a second one
+    VDIFrameworkCommon::LocalMutex
+        m_stateMutex;  // the thread holds it: there is never a second one
     AgentThread m_thread NORVO_GUARDED_BY(lock_order::transition);
 };
 

@@ -28,14 +28,15 @@ public:
     // One stream between the agent and a local process (AgentStream.h).
     class Stream;
 
-    // Sets up the two INFO segments and attaches itself to `channel` (may be null; not owned), which
-    // may call it back from then on. `name` begins every log line. `environment` is the machine that
-    // the agent runs on; null stands for the real one.
+    // Sets up the two INFO segments and attaches itself to `channel` (may be null; not owned),
+    // which may call it back from then on. `name` begins every log line. `environment` is the
+    // machine that the agent runs on; null stands for the real one.
     Agent(NorvoVirtualChannel::VirtualChannel* channel, std::string name,
           std::shared_ptr<AgentEnvironment> environment = nullptr);
 
     // Ends whatever stop() has not: the threads, the streams, the place in the channel. In contrast
-    // to stop() the far side is not told. Not from inside a call that the agent has made or received.
+    // to stop() the far side is not told. Not from inside a call that the agent has made or
+    // received.
     ~Agent() override;
 
     Agent(const Agent&) = delete;
@@ -51,9 +52,9 @@ public:
     // Made on the first call, let go by stop(). Never null.
     std::shared_ptr<HvdClientInfoManager> getHvdClientInfoManager();
 
-    // Says goodbye to the far side, ends threads and streams, and leaves the channel. The agent does
-    // nothing after it. A second call, also at the same time, waits for the first and does nothing.
-    // Not from inside a call that the agent has made or received.
+    // Says goodbye to the far side, ends threads and streams, and leaves the channel. The agent
+    // does nothing after it. A second call, also at the same time, waits for the first and does
+    // nothing. Not from inside a call that the agent has made or received.
     void stop();
 
     // Wall-clock milliseconds since the epoch.

@@ -1,0 +1,104 @@
+// One agent on a machine and a channel of the test's own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FakeChannel.h"
+#include "FakeMachine.h"
+#include "LogCapture.h"
+#include "VDIClientInfo.h"
+#include "VirtualChannelAgent.h"
+
+namespace testsupport {
+
+inline constexpr unsigned int kRead = 0;
+inline constexpr unsigned int kWrite = 1;
+
+inline std::string infoOutputName() {
+    return VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName() + "_Info_VC2STREAM";
+}
+inline std::string infoInputName() {
+    return VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName() + "_Info_STREAM2VC";
+}
+
+// One side of a channel.
+struct Side {
+    std::shared_ptr<FakeMachine> machine = std::make_shared<FakeMachine>();
+    FakeChannel channel;
+    std::unique_ptr<VirtualChannelAgent::Agent> agent;
+
+    explicit Side(const std::string& name = "side") {
+        agent = std::make_unique<VirtualChannelAgent::Agent>(&channel, name, machine);
+    }
+    ~Side() {
+        if (agent) agent->stop();
+    }
+    Side(const Side&) = delete;
+    Side& operator=(const Side&) = delete;
+
+    void becomesAvailable(bool available = true) {
+        channel.callObserver([=](auto& o) { o.OnVirtualChannelAvailabilityChange(available); });
+    }
+    // The far side finishes a handshake.
+    void connect() {
+        channel.deliver(control(VirtualChannelAgent::CTL_CONNECTED));
+        channel.takeSent();
+    }
+    void request(const std::string& text) { segment(infoInputName())->localProcessWrites(text); }
+    std::shared_ptr<FakeSegment> segment(const std::string& name) { return machine->segment(name); }
+
+    // Stream messages that leave through the send thread, as "type name streamType size".
+    std::vector<std::string> sentTexts(std::size_t count) {
+        std::vector<std::string> texts;
+        EXPECT_TRUE(eventually([&] {
+            for (const auto& sent : channel.takeSent()) texts.push_back(textOf(sent));
+            return texts.size() >= count;
+        }));
+        return texts;
+    }
+    static std::string textOf(const FakeChannel::Sent& sent) {
+        const auto message = sent.message();
+        std::string text = std::to_string(message.rawMessageType());
+        if (!message.hasStreamName()) return text;
+        return text + ' ' + message.getStreamName() + ' ' +
+               std::to_string(message.getStreamType()) + ' ' +
+               std::to_string(message.getStreamSize());
+    }
+
+    // What local processes were told since the last forgetNotifications(), waiting for `count`
+    // messages.
+    std::vector<std::string> notifications(std::size_t count) {
+        const auto info = segment(infoOutputName());
+        EXPECT_TRUE(eventually([&] { return info->written().size() >= count; }));
+        return info->written();
+    }
+    // The same by operation name.
+    std::vector<std::string> operations(std::size_t count) {
+        auto texts = notifications(count);
+        for (auto& text : texts) text = text.substr(0, text.find('|'));
+        return texts;
+    }
+    bool wasTold(const std::string& text) {
+        return eventually([&] {
+            const auto texts = segment(infoOutputName())->written();
+            return std::find(texts.begin(), texts.end(), text) != texts.end();
+        });
+    }
+    // Waits for `count` messages and forgets them.
+    void forgetNotifications(std::size_t count) {
+        notifications(count);
+        segment(infoOutputName())->forget();
+    }
+};
+
+class AgentTest : public ::testing::Test {
+protected:
+    LogCapture m_log;
+    Side m_side;
+};
+
+}  // namespace testsupport

@@ -1,0 +1,204 @@
+// The end of an agent: in every state, from any permitted thread, while others are still calling.
+#include "AgentFixture.h"
+#include "Rounds.h"
+
+using namespace testsupport;
+using namespace VirtualChannelAgent;
+using testing::IsEmpty;
+
+namespace {
+
+using AgentLifecycle = AgentTest;
+
+// Runs `call` and expects it to end well within the 5 s that it may take at most.
+template <class Call>
+void endsSoon(const Call& call) {
+    const auto start = std::chrono::steady_clock::now();
+    call();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+}  // namespace
+
+TEST_F(AgentLifecycle, StopReleasesEverythingInOrder) {
+    m_side.connect();
+    m_side.request("CreateStream|Media|500");
+    m_side.request("OpenStream|Basic|500");
+    m_side.channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
+    m_side.channel.deliver(aboutStream(CTL_S_CREATED, "Basic", kWrite));
+    m_side.sentTexts(2);
+    m_side.agent->stop();
+    EXPECT_EQ(m_side.sentTexts(1), std::vector<std::string>{"5"});
+    EXPECT_FALSE(m_side.agent->IsConnected());
+    EXPECT_FALSE(m_side.channel.isObserved());
+    EXPECT_FALSE(m_side.machine->isMarked);
+    EXPECT_EQ(m_side.machine->watchesEnded, 1);
+    for (const auto& name :
+         {std::string("Media"), std::string("Basic"), infoOutputName(), infoInputName()}) {
+        EXPECT_FALSE(m_side.segment(name)->isOpen()) << name;
+        EXPECT_FALSE(m_side.segment(name)->isObserved()) << name;
+    }
+    EXPECT_EQ(m_log.count("Thread processing 'Media' exiting"), 1);
+    const auto lines = m_log.lines();
+    const auto at = [&](const std::string& text) {
+        return std::find(lines.begin(), lines.end(), "side - " + text) - lines.begin();
+    };
+    EXPECT_LT(at("Destroying Virtual Channel Agent"), at("requestDisconnect()"));
+    EXPECT_LT(at("requestDisconnect()"), at("Signal processing threads to stop"));
+    EXPECT_LT(at("Signal processing threads to stop"), at("m_pChannel->RemoveObserver "));
+    EXPECT_LT(at("m_pChannel->RemoveObserver "), at("Finished releasing resources"));
+    EXPECT_EQ(lines.back(), "side - Finished releasing resources");
+
+    m_side.agent->stop();
+    EXPECT_EQ(m_log.count("Destroying Virtual Channel Agent"), 1);
+}
+
+TEST_F(AgentLifecycle, AnAgentThatNeverConnectedLeavesSilently) {
+    m_side.agent->stop();
+    EXPECT_THAT(m_side.channel.takeSent(), IsEmpty());
+    EXPECT_THAT(m_side.channel.stateChanges(), IsEmpty());
+}
+
+TEST_F(AgentLifecycle, DestroyingAConnectedAgentWithoutStopLeavesNothingBehind) {
+    m_side.connect();
+    m_side.request("CreateStream|Media|500");
+    m_side.channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
+    m_side.sentTexts(1);
+    const auto media = m_side.segment("Media");
+    media->setReader(FakeSegment::Reader::IsStuck);
+    m_side.channel.deliver(routed("Media", "stuck"));
+    endsSoon([&] { m_side.agent.reset(); });
+    EXPECT_FALSE(m_side.channel.isObserved());
+    EXPECT_FALSE(media->isOpen());
+    EXPECT_FALSE(m_side.machine->isMarked);
+    EXPECT_THAT(m_side.channel.takeSent(), IsEmpty());
+    EXPECT_EQ(m_side.machine->watchesEnded, 0);
+    m_side.channel.deliver(control(CTL_CONNECT));
+}
+
+TEST_F(AgentLifecycle, StopEndsInTheMiddleOfAHandshake) {
+    m_side.becomesAvailable();
+    endsSoon([&] { m_side.agent->stop(); });
+    EXPECT_EQ(m_side.channel.takeSent().size(), 1U);
+}
+
+TEST_F(AgentLifecycle, StopEndsWithEveryWriterStuckOnAFullSegment) {
+    m_side.connect();
+    for (int i = 0; i < 20; ++i) {
+        const std::string name = "s" + std::to_string(i);
+        m_side.channel.deliver(routed(name, "one"));
+        m_side.segment(name)->setReader(FakeSegment::Reader::IsStuck);
+        m_side.channel.deliver(aboutStream(CTL_S_CREATED, name, kRead));
+    }
+    m_side.segment(infoOutputName())->setReader(FakeSegment::Reader::IsStuck);
+    m_side.request("RequestVCProcessId");
+    endsSoon([&] { m_side.agent->stop(); });
+}
+
+TEST_F(AgentLifecycle, StopEndsWhileTheChannelIsBusyWithItsRunner) {
+    m_side.connect();
+    m_side.channel.onStateChange = [](bool) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    };
+    endsSoon([&] { m_side.agent->stop(); });
+}
+
+TEST_F(AgentLifecycle, StopEndsWhileTheReceivePathIsBlocked) {
+    std::atomic<bool> blocked{false};
+    m_side.machine->onSegmentSetUp = [&](const std::string& name) {
+        if (name != "Media") return;
+        blocked = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    };
+    std::thread host([&] { m_side.channel.deliver(aboutStream(CTL_S_CREATE, "Media", kRead)); });
+    EXPECT_TRUE(eventually([&] { return blocked.load(); }));
+    endsSoon([&] { m_side.agent->stop(); });
+    host.join();
+    EXPECT_FALSE(m_side.segment("Media")->isOpen());
+}
+
+TEST_F(AgentLifecycle, StopEndsWhileManyStreamsAreAnnouncedAgain) {
+    m_side.connect();
+    for (int i = 0; i < 190; ++i) {
+        m_side.channel.deliver(aboutStream(CTL_S_CREATE, "s" + std::to_string(i), kRead));
+    }
+    std::thread host([&] { m_side.channel.deliver(control(CTL_CONNECTED)); });
+    endsSoon([&] { m_side.agent->stop(); });
+    host.join();
+    EXPECT_FALSE(m_side.agent->IsConnected());
+}
+
+TEST_F(AgentLifecycle, HostCallsFromInsideAQuestionAreTaken) {
+    m_side.connect();
+    m_side.channel.onQuestion = [&] {
+        m_side.becomesAvailable(false);
+        m_side.channel.deliver(control(CTL_CONNECT));
+        m_side.channel.deliver(control(CTL_CONNECTED));
+        m_side.channel.deliver(aboutStream(CTL_S_CREATE, "Media", kRead));
+        m_side.channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
+        m_side.channel.callObserver([](auto& o) {
+            o.OnSessionAvailabilityChange(false);
+            o.OnVirtualChannelShutdown();
+            o.OnThinClientPlatformChange(1);
+        });
+        EXPECT_FALSE(m_side.agent->IsConnected());
+    };
+    m_side.request("IsSeamless");
+    EXPECT_TRUE(m_side.wasTold("IsSeamless|0"));
+}
+
+TEST_F(AgentLifecycle, TheChannelMayUseItselfWhenItIsTold) {
+    std::atomic<int> seen{0};
+    m_side.channel.onStateChange = [&](bool) {
+        seen += m_side.agent->IsConnected() ? 10 : 1;
+        m_side.channel.SendData("x", 1, true);
+    };
+    m_side.connect();
+    m_side.channel.deliver(control(CTL_DISCONNECT));
+    EXPECT_EQ(seen, 11);  // told before it connects, and before it disconnects
+}
+
+// Everybody calls at once: host threads, local processes, and in the end stop() or the destructor.
+TEST_F(AgentLifecycle, AnAgentCanBeEndedAtAnyMoment) {
+    for (int round = 0; round < rounds(60); ++round) {
+        Side side;
+        std::atomic<bool> goOn{true};
+        std::vector<std::thread> callers;
+        callers.emplace_back([&] {
+            for (int i = 0; goOn; ++i) {
+                side.channel.deliver(control(i % 3 ? CTL_CONNECTED : CTL_CONNECT_READY));
+                side.channel.deliver(routed("s" + std::to_string(i % 5), "data"));
+                side.channel.deliver(
+                    aboutStream(CTL_S_CREATED, "s" + std::to_string(i % 5), kRead));
+                if (i % 7 == 0) side.channel.deliver(control(CTL_DISCONNECT));
+                side.channel.takeSent();
+            }
+        });
+        callers.emplace_back([&] {
+            for (int i = 0; goOn; ++i) side.becomesAvailable(i % 2 == 0);
+        });
+        callers.emplace_back([&] {
+            for (int i = 0; goOn; ++i) {
+                side.request("OpenStream|r" + std::to_string(i % 5) + "|10");
+                side.request("RequestNotifyStream");
+                side.request("SetHVDClientInfo|1|2");
+                std::this_thread::yield();
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(round % 8));
+        endsSoon([&] {
+            if (round % 2) side.agent->stop();
+            side.agent.reset();
+        });
+        goOn = false;
+        for (auto& caller : callers) caller.join();
+        EXPECT_FALSE(side.channel.isObserved());
+        EXPECT_FALSE(side.machine->isMarked);
+        for (int i = 0; i < 5; ++i) {
+            for (const auto* kind : {"s", "r"}) {
+                const auto segment = side.segment(kind + std::to_string(i));
+                EXPECT_FALSE(segment && segment->isOpen());
+            }
+        }
+    }
+}

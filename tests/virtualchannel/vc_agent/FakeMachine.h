@@ -1,0 +1,222 @@
+// A machine for agents under test: its clock stands still until the test moves it, its segments are
+// in memory, and the test plays the local processes at their other ends.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AgentEnvironment.h"
+
+namespace testsupport {
+
+// Waits, up to 20 s, for something that another thread brings about.
+template <class Predicate>
+bool eventually(const Predicate& predicate) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+// A segment as the agent set it up, seen from its other end.
+class FakeSegment : public SharedMemoryI {
+public:
+    enum class Reader { Takes, Refuses, IsStuck };
+    enum class Mode { None, Created, Opened };
+    using Kind = VirtualChannelAgent::AgentEnvironment::SegmentKind;
+
+    explicit FakeSegment(Kind kind, std::function<bool(FakeSegment&)> registerSelf)
+        : m_kind(kind), m_registerSelf(std::move(registerSelf)) {}
+
+    // The local process.
+    void setReader(Reader reader) {
+        std::lock_guard lock(m_mutex);
+        m_reader = reader;
+        m_changed.notify_all();
+    }
+    std::vector<std::string> written() const {
+        std::lock_guard lock(m_mutex);
+        return m_written;
+    }
+    void forget() {
+        std::lock_guard lock(m_mutex);
+        m_written.clear();
+    }
+    // As the segment's read thread does it: whoever unsubscribes waits for the call to end.
+    void localProcessWrites(const std::string& message) {
+        std::lock_guard delivering(m_delivery);
+        for (auto* observer : m_observers) observer->onNewMessageReceived(message, this);
+    }
+    Kind kind() const { return m_kind; }
+    Mode mode() const { return m_mode; }
+    unsigned int size() const { return m_size; }
+    bool isOpen() const { return m_open; }
+    bool isObserved() const {
+        std::lock_guard delivering(m_delivery);
+        return !m_observers.empty();
+    }
+    int failedWrites() const { return m_failedWrites; }
+
+    // The agent.
+    bool Create(const std::string& name, unsigned int size) override {
+        return setUp(name, size, Mode::Created);
+    }
+    bool Open(const std::string& name, unsigned int size) override {
+        return setUp(name, size, Mode::Opened);
+    }
+    bool Close() override {
+        std::lock_guard lock(m_mutex);
+        m_open = false;
+        m_changed.notify_all();
+        return true;
+    }
+    std::string getName() override { return m_name; }
+    // A stuck reader holds a writer as long as the real one would: 2000 ms, or until it is closed.
+    bool WriteData(const void* data, const unsigned int& length) override {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait_for(lock, std::chrono::milliseconds(2000),
+                           [&] { return !m_open || m_reader != Reader::IsStuck; });
+        const bool taken = m_open && m_reader == Reader::Takes;
+        if (taken) {
+            m_written.emplace_back(static_cast<const char*>(data), length);
+        } else {
+            m_failedWrites++;
+        }
+        return taken;
+    }
+    std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
+    bool ReadData(void**, unsigned int&) override { return false; }
+    void subscribeObserver(SharedMemoryObserverI* observer) override {
+        std::lock_guard delivering(m_delivery);
+        m_observers.insert(observer);
+    }
+    void unsubscribeObserver(SharedMemoryObserverI* observer) override {
+        std::lock_guard delivering(m_delivery);
+        m_observers.erase(observer);
+    }
+    void unsubscribeAllObservers() override {
+        std::lock_guard delivering(m_delivery);
+        m_observers.clear();
+    }
+
+private:
+    bool setUp(const std::string& name, unsigned int size, Mode mode) {
+        m_name = name;
+        m_size = size;
+        m_mode = mode;
+        return m_open = m_registerSelf(*this);
+    }
+
+    const Kind m_kind;
+    const std::function<bool(FakeSegment&)> m_registerSelf;
+    std::string m_name;
+    std::atomic<unsigned int> m_size{0};
+    std::atomic<Mode> m_mode{Mode::None};
+    std::atomic<bool> m_open{false};
+    std::atomic<int> m_failedWrites{0};
+    mutable std::mutex m_delivery;
+    std::set<SharedMemoryObserverI*> m_observers;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    Reader m_reader = Reader::Takes;
+    std::vector<std::string> m_written;
+};
+
+class FakeMachine : public VirtualChannelAgent::AgentEnvironment {
+public:
+    // What the test sets.
+    std::atomic<bool> otherAgentIsActive{false};
+    std::atomic<bool> segmentsFail{false};
+    std::atomic<std::uint64_t> clock{1'000'000};
+    std::atomic<std::chrono::microseconds> pauseTakes{std::chrono::microseconds(200)};
+    std::function<void(const std::string&)> onSegmentSetUp;  // on the agent's thread
+
+    // What the agent did.
+    std::atomic<bool> isMarked{false};
+    std::atomic<int> watchesEnded{0};
+    std::atomic<int> pauses{0};
+    std::atomic<int> pausedMs{0};
+
+    // The segment that was set up last under that name; null when there is none.
+    std::shared_ptr<FakeSegment> segment(const std::string& name) const {
+        std::lock_guard lock(m_mutex);
+        const auto found = m_byName.find(name);
+        return found == m_byName.end() ? nullptr : found->second;
+    }
+    std::size_t segmentCount() const {
+        std::lock_guard lock(m_mutex);
+        return m_byName.size();
+    }
+
+    // Lets `ms` pass, at the end of which the waiting thread goes on, and waits until it is back
+    // for its next wait. (Setting `clock` alone is somebody setting the wall clock.)
+    bool pass(std::uint64_t ms) {
+        if (!eventually([&] { return m_waiting.load(); })) return false;
+        const int before = m_waits;
+        clock += ms;
+        m_elapsed += ms;
+        return eventually([&] { return m_waits > before && m_waiting; });
+    }
+
+    std::uint64_t nowMs() override { return clock; }
+    void pause(std::chrono::milliseconds duration) override {
+        pauses++;
+        pausedMs += static_cast<int>(duration.count());
+        std::this_thread::sleep_for(pauseTakes.load());
+    }
+    bool wait(VDIFrameworkCommon::Event& event, std::chrono::milliseconds duration) override {
+        const std::uint64_t deadline = m_elapsed + static_cast<std::uint64_t>(duration.count());
+        m_waits++;
+        m_waiting = true;
+        bool set = false;
+        while (!set && m_elapsed < deadline) set = event.timedWait(1);
+        m_waiting = false;
+        return set;
+    }
+    std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) override {
+        auto made = std::make_shared<FakeSegment>(
+            kind, [this](FakeSegment& self) { return registerSegment(self); });
+        std::lock_guard lock(m_mutex);
+        m_made.push_back(made);
+        return made;
+    }
+    bool hasOtherActiveAgent() override { return otherAgentIsActive; }
+    bool markActive() override {
+        isMarked = true;
+        return !otherAgentIsActive;
+    }
+    void clearActive() override { isMarked = false; }
+    void endActivityWatch() override { watchesEnded++; }
+
+private:
+    bool registerSegment(FakeSegment& segment) {
+        const std::string name = segment.getName();
+        if (onSegmentSetUp) onSegmentSetUp(name);
+        if (segmentsFail) return false;
+        std::lock_guard lock(m_mutex);
+        for (const auto& made : m_made) {
+            if (made.get() == &segment) m_byName[name] = made;
+        }
+        return true;
+    }
+
+    mutable std::mutex m_mutex;
+    std::vector<std::shared_ptr<FakeSegment>> m_made;
+    std::map<std::string, std::shared_ptr<FakeSegment>> m_byName;
+    std::atomic<std::uint64_t> m_elapsed{0};
+    std::atomic<bool> m_waiting{false};
+    std::atomic<int> m_waits{0};
+};
+
+}  // namespace testsupport
