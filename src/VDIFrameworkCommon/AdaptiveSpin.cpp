@@ -9,8 +9,8 @@ namespace {
 constexpr int kMost = 16;
 constexpr int kEnough = 4;
 constexpr int kLoss = 4;
-// A wait this short, when parked, was one or two wake-ups and little else.
-constexpr AdaptiveSpin::Duration kShortWait = 2 * AdaptiveSpin::kLongestSpin;
+// A longer wake-up says that the processor was busy, not what a wake-up costs.
+constexpr AdaptiveSpin::Duration kLongestWakeUp = std::chrono::microseconds(50);
 
 std::atomic<bool> g_enabled{true};
 
@@ -23,10 +23,15 @@ AdaptiveSpin::Duration AdaptiveSpin::budget(int peerCpu, int ownCpu) const {
                                                                          : Duration::zero();
 }
 
-void AdaptiveSpin::ended(Duration waited, bool notified) {
+void AdaptiveSpin::timedOut() { judge(false); }
+
+void AdaptiveSpin::notified(Duration waited, Duration wakeUp) {
+    judge(waited <= kLongestSpin + 2 * std::clamp(wakeUp, Duration::zero(), kLongestWakeUp));
+}
+
+void AdaptiveSpin::judge(bool paid) {
     const int credit = m_credit.load(std::memory_order_relaxed);
-    const bool wasShort = notified && waited <= kShortWait;
-    const int next = wasShort ? std::min(credit + 1, kMost) : std::max(credit - kLoss, 0);
+    const int next = paid ? std::min(credit + 1, kMost) : std::max(credit - kLoss, 0);
     if (next != credit) m_credit.store(next, std::memory_order_relaxed);
 }
 

@@ -6,9 +6,9 @@
 namespace VDIFrameworkCommon {
 
 // Decides whether a waiter looks at its word for a moment before it parks. Parking costs a wake-up
-// of about 5 us; spinning saves it when the answer comes within the spin, and is a waste of the
-// processor when it does not. So the waiter spins where nearly all of its last waits were short.
-// Thread-safe.
+// (from 5 us up, by machine and load); spinning saves it when the answer comes within the spin, and
+// wastes the processor when it does not. So the waiter spins where nearly all of its last waits
+// were short, apart from the wake-ups in them. Thread-safe.
 class AdaptiveSpin {
 public:
     using Duration = std::chrono::nanoseconds;
@@ -19,14 +19,18 @@ public:
     // while the waiter spins on the peer's processor. Negative: not known.
     Duration budget(int peerCpu, int ownCpu) const;
 
-    // Tells how a wait ended: how long it took in all, spinning and parking, and whether by a
-    // notification.
-    void ended(Duration waited, bool notified);
+    // A wait has ended without a notification.
+    void timedOut();
+    // A wait has ended by a notification after `waited` in all, of which this waiter's own wake-up
+    // took `wakeUp` (0 when it did not park). The peer may have needed as much to wake first.
+    void notified(Duration waited, Duration wakeUp);
 
     // Switches spinning off (or on again) for this process; on at the start.
     static void setEnabled(bool enabled);
 
 private:
+    void judge(bool paid);
+
     // Grows by 1 with each wait that spinning shortens or would have, falls by kLoss with others.
     std::atomic<int> m_credit{0};
 };

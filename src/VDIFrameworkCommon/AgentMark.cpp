@@ -135,11 +135,11 @@ bool isRefusedByIntruder(int error) {
     return error == ELOOP || error == EACCES || error == EPERM || error == ENXIO;
 }
 
+// For people, and for isMarkFile(). Without it the lock still holds.
 void writeText(int file) {
     const std::string text = textOf(getpid());
-    if (ftruncate(file, 0) != 0 ||
-        pwrite(file, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-        NORVO_LOG(Notice, "Cannot write the active agent's process ID: ", std::strerror(errno));
+    if (ftruncate(file, 0) == 0) {
+        [[maybe_unused]] const auto written = pwrite(file, text.data(), text.size(), 0);
     }
 }
 
@@ -163,12 +163,29 @@ std::string AgentMark::pathOf(uid_t user) {
 
 bool AgentMark::claim() {
     LocalLock lock(m_mutex);
-    return holds() ? renew() : claimLocked();
+    const Outcome outcome = holds() ? renew() : claimLocked();
+    lock.unlock();
+    log(outcome);
+    return outcome.marked;
 }
 
 bool AgentMark::isClaimed() {
     LocalLock lock(m_mutex);
-    return holds() && renew();
+    const Outcome outcome = holds() ? renew() : Outcome{};
+    lock.unlock();
+    log(outcome);
+    return outcome.marked;
+}
+
+void AgentMark::log(const Outcome& outcome) {
+    if (outcome.renewed) {
+        NORVO_LOG(Notice, "The active agent's record had been removed: ",
+                  outcome.marked ? "made anew" : "lost");
+    }
+    if (outcome.error != 0) {
+        NORVO_LOG(Error, "Cannot mark the active agent in ", pathOf(geteuid()), ": ",
+                  std::strerror(outcome.error));
+    }
 }
 
 void AgentMark::release() {
@@ -202,7 +219,7 @@ void AgentMark::forget() {
     m_claimant = 0;
 }
 
-bool AgentMark::claimLocked() {
+AgentMark::Outcome AgentMark::claimLocked() {
     const Descriptor directory(openOrMakeDirectory());
     Attempt result = Attempt::Failed;
     if (directory.get() >= 0) {
@@ -212,11 +229,10 @@ bool AgentMark::claimLocked() {
             result = attempt(directory.get(), name);
         }
     }
-    if (result == Attempt::Failed || result == Attempt::Again) {
-        NORVO_LOG(Error, "Cannot mark the active agent in ", pathOf(geteuid()), ": ",
-                  std::strerror(errno));
-    }
-    return result == Attempt::Claimed;
+    Outcome outcome;
+    outcome.marked = result == Attempt::Claimed;
+    if (result == Attempt::Failed || result == Attempt::Again) outcome.error = errno;
+    return outcome;
 }
 
 AgentMark::Attempt AgentMark::attempt(int directory, const std::string& name) {
@@ -241,20 +257,23 @@ AgentMark::Attempt AgentMark::attempt(int directory, const std::string& name) {
     return Attempt::Claimed;
 }
 
-bool AgentMark::renew() {
+AgentMark::Outcome AgentMark::renew() {
+    Outcome outcome;
+    outcome.marked = true;
     const Descriptor directory(openDirectory());
-    if (directory.get() < 0 && errno != ENOENT) return true;
+    if (directory.get() < 0 && errno != ENOENT) return outcome;
     if (directory.get() < 0 || !isStillNamed(directory.get(), fileNameOf(geteuid()), m_file)) {
-        NORVO_LOG(Notice, "The active agent's record was removed; making it anew");
         const Descriptor old(std::exchange(m_file, -1));
-        return claimLocked();
+        outcome = claimLocked();
+        outcome.renewed = true;
+        return outcome;
     }
     const auto now = std::chrono::steady_clock::now();
     if (now - m_touched > kTouchPeriod) {
         futimens(m_file, nullptr);
         m_touched = now;
     }
-    return true;
+    return outcome;
 }
 
 }  // namespace VDIFrameworkCommon

@@ -43,13 +43,22 @@ public:
 private:
     enum class Attempt { Claimed, HeldByOther, Again, Failed };
 
+    // What happened under the lock and is logged after it.
+    struct Outcome {
+        bool marked = false;
+        bool renewed = false;
+        int error = 0;
+    };
+
     AgentMark();
+    void log(const Outcome& outcome);
     bool holds() NORVO_REQUIRES(m_mutex);
-    bool claimLocked() NORVO_REQUIRES(m_mutex);
+    Outcome claimLocked() NORVO_REQUIRES(m_mutex);
     Attempt attempt(int directory, const std::string& name) NORVO_REQUIRES(m_mutex);
-    bool renew() NORVO_REQUIRES(m_mutex);
+    Outcome renew() NORVO_REQUIRES(m_mutex);
     void forget() NORVO_REQUIRES(m_mutex);
 
+    // Not held while logging: over a fork it is taken after the logger's.
     LocalMutex m_mutex;
     int m_file NORVO_GUARDED_BY(m_mutex) = -1;
     // Who opened m_file: not this process after a fork.

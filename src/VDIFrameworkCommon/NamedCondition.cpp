@@ -48,6 +48,10 @@ void rememberNotifier(NamedObjectWords& words) {
     }
 }
 
+std::int64_t nanosecondsNow() {
+    return std::chrono::nanoseconds(WaitClock::now().time_since_epoch()).count();
+}
+
 void raise(std::atomic<std::uint64_t>& word, std::uint64_t value) {
     std::uint64_t found = word.load();
     while (found < value && !word.compare_exchange_weak(found, value)) {
@@ -106,18 +110,27 @@ bool NamedCondition::timed_wait(NamedMutex& mutex, unsigned int milliseconds) {
 }
 
 bool NamedCondition::waitPast(std::uint64_t seen, unsigned int milliseconds) {
+    const NamedObjectWords& words = m_object->words();
     const auto start = WaitClock::now();
-    const auto deadline = start + std::chrono::milliseconds(milliseconds);
-    const bool notified = spinPast(seen) || parkPast(m_object->words(), seen, deadline);
-    m_spin.ended(WaitClock::now() - start, notified);
-    return notified;
+    if (spinPast(seen, start)) {
+        m_spin.notified(AdaptiveSpin::Duration::zero(), AdaptiveSpin::Duration::zero());
+        return true;
+    }
+    if (!parkPast(m_object->words(), seen, start + std::chrono::milliseconds(milliseconds))) {
+        m_spin.timedOut();
+        return false;
+    }
+    const auto end = WaitClock::now();
+    const auto wokenAt = words.wokenAt.load(std::memory_order_relaxed);
+    m_spin.notified(end - start, end.time_since_epoch() - AdaptiveSpin::Duration(wokenAt));
+    return true;
 }
 
-bool NamedCondition::spinPast(std::uint64_t seen) const {
+bool NamedCondition::spinPast(std::uint64_t seen, WaitClock::time_point start) const {
     const NamedObjectWords& words = m_object->words();
     const auto budget = m_spin.budget(m_peerCpu.load(std::memory_order_relaxed), currentCpu());
     if (budget == AdaptiveSpin::Duration::zero()) return false;
-    const auto end = WaitClock::now() + budget;
+    const auto end = start + budget;
     do {
         for (int i = 0; i < kLooksPerClockRead; ++i) {
             if (words.sequence.load(std::memory_order_acquire) != seen) return true;
@@ -144,7 +157,9 @@ void NamedCondition::notify() {
     // another's.
     m_seen.fetch_add(1, std::memory_order_relaxed);
     const std::uint64_t before = words.sequence.fetch_add(1);
-    if (words.parkedAt.load() >= before) wakeAll(words.sequence);
+    if (words.parkedAt.load() < before) return;
+    words.wokenAt.store(nanosecondsNow(), std::memory_order_relaxed);
+    wakeAll(words.sequence);
 }
 
 }  // namespace VDIFrameworkCommon

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "AdaptiveSpin.h"
+#include "WaitOnAddress.h"
 
 namespace VDIFrameworkCommon {
 
@@ -41,7 +42,7 @@ public:
 
 private:
     bool waitPast(std::uint64_t seen, unsigned int milliseconds);
-    bool spinPast(std::uint64_t seen) const;
+    bool spinPast(std::uint64_t seen, WaitClock::time_point start) const;
     void rememberPeer();
 
     std::shared_ptr<NamedObject> m_object;

@@ -61,6 +61,28 @@ struct NamedObject::Registry {
                        []() NORVO_NO_THREAD_SAFETY_ANALYSIS { get().mutex.unlock(); });
     }
 
+    std::shared_ptr<NamedObject> find(const std::string& objectName, const Place& place) {
+        LocalLock lock(mutex);
+        const auto entry = objects.find(objectName);
+        auto found = entry == objects.end() ? nullptr : entry->second.lock();
+        lock.unlock();
+        // The name may have been removed from the system and made anew since. An object that
+        // differs may have its last reference here: its destructor takes the lock.
+        return found && found->m_place == place ? found : nullptr;
+    }
+
+    // The mapping to use: `object`, or the one that another thread has added meanwhile.
+    std::shared_ptr<NamedObject> add(std::shared_ptr<NamedObject> object) {
+        std::shared_ptr<NamedObject> found;
+        LocalLock lock(mutex);
+        auto& entry = objects[object->m_objectName];
+        found = entry.lock();
+        if (found && found->m_place == object->m_place) return found;
+        entry = object;
+        return object;
+    }
+
+    // Not held while logging: over a fork it is taken after the logger's.
     LocalMutex mutex;
     std::map<std::string, std::weak_ptr<NamedObject>> objects NORVO_GUARDED_BY(mutex);
 };
@@ -114,13 +136,7 @@ std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name
     }
     const Place place{status.st_dev, status.st_ino};
     Registry& registry = Registry::get();
-    std::shared_ptr<NamedObject> known;  // outlives the lock, which its destructor takes
-    LocalLock lock(registry.mutex);
-    if (const auto entry = registry.objects.find(objectName); entry != registry.objects.end()) {
-        known = entry->second.lock();
-    }
-    // The name may have been removed from the system and made anew since.
-    if (known && known->m_place == place) return known;
+    if (auto known = registry.find(objectName, place)) return known;
     void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (memory == MAP_FAILED) {
         NORVO_LOG(Error, "Cannot map named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
@@ -132,9 +148,8 @@ std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name
         munmap(memory, kSize);
         return nullptr;
     }
-    std::shared_ptr<NamedObject> object(new NamedObject(name, objectName, place, memory));
-    registry.objects[objectName] = object;
-    return object;
+    return registry.add(
+        std::shared_ptr<NamedObject>(new NamedObject(name, objectName, place, memory)));
 }
 
 }  // namespace VDIFrameworkCommon

@@ -37,6 +37,9 @@ struct NamedObjectWords {
     std::atomic<ProcessIdentity::Word> earlierNotifier;
     // The processor it notified from, plus 1; 0 when not known.
     std::atomic<std::uint32_t> notifierCpu;
+    // When the last notifier that had somebody to wake began to do so: ns of WaitClock. Only to
+    // learn what a wake-up costs.
+    std::atomic<std::int64_t> wokenAt;
 };
 static_assert(offsetof(NamedObjectWords, ident) == 0);
 static_assert(offsetof(NamedObjectWords, owner) == 64);
@@ -46,6 +49,7 @@ static_assert(offsetof(NamedObjectWords, parkedAt) == 136);
 static_assert(offsetof(NamedObjectWords, notifier) == 144);
 static_assert(offsetof(NamedObjectWords, earlierNotifier) == 152);
 static_assert(offsetof(NamedObjectWords, notifierCpu) == 160);
+static_assert(offsetof(NamedObjectWords, wokenAt) == 168);
 
 // One mapping of such an object; all handles of a process on one name share it, and it is unmapped
 // with the last of them. The object itself stays in the system.

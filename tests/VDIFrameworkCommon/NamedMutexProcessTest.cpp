@@ -1,0 +1,230 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <deque>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "NamedMutex.h"
+#include "ProcessIdentity.h"
+#include "Rounds.h"
+#include "SharedBlock.h"
+
+using namespace std::chrono_literals;
+using testsupport::ChildProcess;
+using testsupport::hear;
+using testsupport::say;
+using testsupport::SharedBlock;
+using VDIFrameworkCommon::NamedMutex;
+using VDIFrameworkCommon::ProcessIdentity;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+class NamedMutexAcrossProcesses : public testsupport::EachBackend {};
+
+constexpr int kNames = 50;
+constexpr auto kTakeOverLimit = testsupport::kSanitized ? 1000ms : 50ms;
+
+struct Counters {
+    // Changed under the lock only.
+    long counts[kNames];
+    // The process that is inside the lock.
+    std::atomic<std::uint64_t> inside;
+    std::atomic<int> violations;
+    std::atomic<int> timeouts;
+    std::atomic<std::int64_t> longestLock;
+    std::atomic<std::int64_t> diedAt;
+};
+
+std::int64_t nanoseconds() { return Clock::now().time_since_epoch().count(); }
+
+void enterAndLeave(NamedMutex& mutex, Counters& shared) {
+    const std::int64_t start = nanoseconds();
+    if (!mutex.lock()) {
+        ++shared.timeouts;
+        return;
+    }
+    const std::int64_t taken = nanoseconds() - start;
+    if (taken > shared.longestLock) shared.longestLock = taken;
+    // One that was killed inside is still written there.
+    const std::uint64_t before = shared.inside.exchange(ProcessIdentity::own());
+    if (before != 0 && !ProcessIdentity::isGone(before)) ++shared.violations;
+    ++shared.counts[0];
+    std::uint64_t me = ProcessIdentity::own();
+    if (!shared.inside.compare_exchange_strong(me, 0)) ++shared.violations;
+    mutex.unlock();
+}
+
+}  // namespace
+
+CHILD_ROLE(mutexCounter) {
+    testsupport::useBackend(args[0]);
+    const int rounds = std::stoi(args[1]);
+    NamedMutex mutex;
+    SharedBlock<Counters> shared("counters");
+    if (!mutex.create("counted")) return 1;
+    say("ready");
+    hear();
+    for (int i = 0; i < rounds; ++i) {
+        if (!mutex.lock()) return 2;
+        ++shared->counts[0];
+        if (!mutex.unlock()) return 3;
+    }
+    return 0;
+}
+
+TEST_P(NamedMutexAcrossProcesses, EightProcessesCountExactly) {
+    SharedBlock<Counters> shared("counters");
+    const int rounds = testsupport::rounds(100000);
+    shared->counts[0] = 0;
+    std::deque<ChildProcess> children;
+    for (int i = 0; i < 8; ++i) {
+        children.emplace_back("mutexCounter",
+                              std::vector<std::string>{backend(), std::to_string(rounds)});
+    }
+    for (auto& child : children) EXPECT_EQ(child.readLine(), "ready");
+    for (auto& child : children) child.writeLine("go");
+    for (auto& child : children) EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(shared->counts[0], 8 * rounds);
+}
+
+CHILD_ROLE(mutexCreator) {
+    SharedBlock<Counters> shared("creations");
+    say("ready");
+    hear();
+    for (int i = 0; i < kNames; ++i) {
+        NamedMutex mutex;
+        if (!mutex.create(("created" + std::to_string(i)).c_str()) || !mutex.lock()) return 1;
+        ++shared->counts[i];
+        if (!mutex.unlock()) return 2;
+    }
+    return 0;
+}
+
+TEST(NamedMutexCreationAcrossProcesses, SixteenThatCreateTheSameNamesAtOnceShareEachOfThem) {
+    SharedBlock<Counters> shared("creations");
+    std::deque<ChildProcess> children;
+    for (int i = 0; i < 16; ++i) children.emplace_back("mutexCreator");
+    for (auto& child : children) EXPECT_EQ(child.readLine(), "ready");
+    for (auto& child : children) child.writeLine("go");
+    for (auto& child : children) EXPECT_EQ(child.wait(), 0);
+    for (const long count : shared->counts) EXPECT_EQ(count, 16);
+}
+
+// Locks, and when told a delay (in microseconds) kills itself after it.
+CHILD_ROLE(mutexHolder) {
+    NamedMutex mutex;
+    SharedBlock<Counters> shared("counters");
+    if (!mutex.create("held") || !mutex.lock()) return 1;
+    say("held");
+    if (args.empty()) {
+        hear();
+        return mutex.unlock() ? 0 : 2;
+    }
+    usleep(static_cast<useconds_t>(std::stoi(args[0])));
+    shared->diedAt = nanoseconds();
+    std::raise(SIGKILL);
+    return 3;
+}
+
+TEST_P(NamedMutexAcrossProcesses, AKilledHolderDelaysAWaiterForLessThan50Milliseconds) {
+    NamedMutex mutex;
+    ASSERT_TRUE(mutex.create("held"));
+    SharedBlock<Counters> shared("counters");
+    std::int64_t longest = 0;
+    for (int i = 0; i < testsupport::rounds(100); ++i) {
+        ChildProcess holder("mutexHolder", {std::to_string(200 + i * 37 % 4000)});
+        ASSERT_EQ(holder.readLine(), "held");
+        ASSERT_TRUE(mutex.lock());
+        longest = std::max(longest, nanoseconds() - shared->diedAt);
+        ASSERT_TRUE(mutex.unlock());
+    }
+    RecordProperty("longestMicroseconds", static_cast<int>(longest / 1000));
+    EXPECT_LT(std::chrono::nanoseconds(longest), kTakeOverLimit);
+}
+
+CHILD_ROLE(mutexWorker) {
+    testsupport::useBackend(args[0]);
+    NamedMutex mutex;
+    SharedBlock<Counters> shared("workers");
+    if (!mutex.create("worked")) return 1;
+    say("ready");
+    for (;;) enterAndLeave(mutex, *shared);
+}
+
+TEST_P(NamedMutexAcrossProcesses, MutualExclusionHoldsWhileWorkersAreKilled) {
+    SharedBlock<Counters> shared("workers");
+    shared->inside = 0;
+    shared->counts[0] = 0;
+    std::deque<ChildProcess> workers;
+    const auto start = [&] {
+        workers.emplace_back("mutexWorker", std::vector<std::string>{backend()});
+        ASSERT_EQ(workers.back().readLine(), "ready");
+    };
+    for (int i = 0; i < 3; ++i) start();
+    for (int kills = 0; kills < testsupport::rounds(100); ++kills) {
+        start();
+        workers.front().kill();
+        workers.pop_front();
+    }
+    NamedMutex mutex;
+    ASSERT_TRUE(mutex.create("worked"));
+    const long before = shared->counts[0];
+    EXPECT_TRUE(mutex.lock());
+    EXPECT_TRUE(mutex.unlock());
+    EXPECT_GT(before, 0);
+    EXPECT_EQ(shared->violations, 0);
+    EXPECT_EQ(shared->timeouts, 0);
+    RecordProperty("longestMicroseconds", static_cast<int>(shared->longestLock / 1000));
+}
+
+TEST_P(NamedMutexAcrossProcesses, UnlockFreesWhatADeadProcessLeftAndNothingOfALivingOne) {
+    NamedMutex mutex;
+    ASSERT_TRUE(mutex.create("held"));
+    ChildProcess holder("mutexHolder");
+    ASSERT_EQ(holder.readLine(), "held");
+    EXPECT_FALSE(mutex.unlock());
+    EXPECT_FALSE(mutex.lockFor(20ms));
+    holder.writeLine("release");
+    EXPECT_EQ(holder.wait(), 0);
+
+    for (const bool reaped : {false, true}) {
+        ChildProcess victim("mutexHolder");
+        ASSERT_EQ(victim.readLine(), "held");
+        victim.kill();
+        if (reaped) {
+            victim.wait();
+        } else {
+            // Its output ends when it has become a zombie.
+            EXPECT_EQ(victim.readLine(), "");
+        }
+        bool freed = false;
+        for (int i = 0; i < 1000 && !freed; ++i) {
+            freed = mutex.unlock();
+            if (!freed) usleep(1000);
+        }
+        EXPECT_TRUE(freed);
+        EXPECT_TRUE(mutex.lockFor(0ms));
+        EXPECT_TRUE(mutex.unlock());
+    }
+}
+
+TEST(NamedMutexLimitAcrossProcesses, LockGivesUpAfterTwoSecondsAgainstALivingHolder) {
+    NamedMutex mutex;
+    ASSERT_TRUE(mutex.create("held"));
+    ChildProcess holder("mutexHolder");
+    ASSERT_EQ(holder.readLine(), "held");
+    const auto start = Clock::now();
+    EXPECT_FALSE(mutex.lock());
+    const auto waited = testsupport::since(start);
+    EXPECT_GE(waited, 2000ms);
+    EXPECT_LT(waited, 4000ms);
+    holder.writeLine("release");
+    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_TRUE(mutex.lock());
+    EXPECT_TRUE(mutex.unlock());
+}
+
+INSTANTIATE_EACH_BACKEND(NamedMutexAcrossProcesses);

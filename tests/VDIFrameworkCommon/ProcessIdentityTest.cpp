@@ -1,0 +1,107 @@
+#include "ProcessIdentity.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "ChildProcess.h"
+#include "SharedBlock.h"
+
+using testsupport::ChildProcess;
+using VDIFrameworkCommon::ProcessIdentity;
+
+namespace {
+
+ProcessIdentity::Word identityFrom(ChildProcess& child) { return std::stoull(child.readLine()); }
+
+void tellIdentity() { testsupport::say(std::to_string(ProcessIdentity::own())); }
+
+// Waits at most 10 s.
+bool comesToBeGone(ProcessIdentity::Word word) {
+    for (int i = 0; i < 10000; ++i) {
+        if (ProcessIdentity::isGone(word)) return true;
+        usleep(1000);
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST(ProcessIdentity, NamesThisProcessAndIgnoresTheUserBit) {
+    const auto own = ProcessIdentity::own();
+    EXPECT_EQ(ProcessIdentity::pid(own), getpid());
+    EXPECT_EQ(own & ProcessIdentity::kUserBit, 0u);
+    EXPECT_FALSE(ProcessIdentity::isGone(own));
+    EXPECT_FALSE(ProcessIdentity::isGone(own | ProcessIdentity::kUserBit));
+    EXPECT_FALSE(ProcessIdentity::hasNoProcess(own));
+}
+
+TEST(ProcessIdentity, AnotherStartTimeIsAnotherProcessAndAnotherNamespaceIsUnknown) {
+    const auto own = ProcessIdentity::own();
+    const auto earlier = own ^ (ProcessIdentity::Word{1} << 24);
+    EXPECT_TRUE(ProcessIdentity::isGone(earlier));
+    EXPECT_FALSE(ProcessIdentity::isGone(earlier ^ (ProcessIdentity::Word{1} << 63)));
+}
+
+CHILD_ROLE(identityTeller) {
+    tellIdentity();
+    testsupport::hear();
+    return 0;
+}
+
+TEST(ProcessIdentityAcrossProcesses, AZombieIsGoneAndSoIsOneThatWasReaped) {
+    ChildProcess child("identityTeller");
+    const auto word = identityFrom(child);
+    EXPECT_FALSE(ProcessIdentity::isGone(word));
+    child.kill();
+    EXPECT_TRUE(comesToBeGone(word));
+    EXPECT_FALSE(ProcessIdentity::hasNoProcess(word));
+    child.wait();
+    EXPECT_TRUE(ProcessIdentity::isGone(word));
+    EXPECT_TRUE(ProcessIdentity::hasNoProcess(word));
+}
+
+CHILD_ROLE(identityLeaver) {
+    tellIdentity();
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr,
+        [](void*) -> void* {
+            testsupport::hear();
+            testsupport::say("still here");
+            testsupport::hear();
+            _exit(0);
+        },
+        nullptr);
+    pthread_detach(thread);
+    pthread_exit(nullptr);
+}
+
+TEST(ProcessIdentityAcrossProcesses, AProcessWhoseFirstThreadHasLeftStillLives) {
+    ChildProcess child("identityLeaver");
+    const auto word = identityFrom(child);
+    child.writeLine("speak");
+    ASSERT_EQ(child.readLine(), "still here");
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_FALSE(ProcessIdentity::isGone(word));
+        usleep(200);
+    }
+    child.writeLine("leave");
+    EXPECT_TRUE(comesToBeGone(word));
+}
+
+TEST(ProcessIdentityAcrossProcesses, AForkedChildIsAnotherProcess) {
+    const auto parent = ProcessIdentity::own();
+    const pid_t child = fork();
+    if (child == 0) {
+        const auto own = ProcessIdentity::own();
+        _exit(own != parent && ProcessIdentity::pid(own) == getpid() &&
+                      !ProcessIdentity::isGone(own) && !ProcessIdentity::isGone(parent)
+                  ? 0
+                  : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}

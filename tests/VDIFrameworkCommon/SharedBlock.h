@@ -1,0 +1,94 @@
+// What the tests of cross-process services share.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+
+#include "PosixSharedMemory.h"
+#include "WaitOnAddress.h"
+
+namespace testsupport {
+
+// A T in memory shared by every process that names it; zero at first.
+template <class T>
+class SharedBlock {
+public:
+    explicit SharedBlock(const std::string& name) {
+        static_assert(std::is_standard_layout_v<T>);
+        const int fd = VDIFrameworkCommon::shm_open_mac(name, O_RDWR | O_CREAT, 0600);
+        if (fd < 0 || VDIFrameworkCommon::ftruncate_mac(fd, sizeof(T)) != 0) {
+            throw std::runtime_error("cannot open the shared block " + name);
+        }
+        m_memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        close(fd);
+        if (m_memory == MAP_FAILED) throw std::runtime_error("cannot map the shared block");
+    }
+    ~SharedBlock() { munmap(m_memory, sizeof(T)); }
+    SharedBlock(const SharedBlock&) = delete;
+    SharedBlock& operator=(const SharedBlock&) = delete;
+
+    T* operator->() { return static_cast<T*>(m_memory); }
+    T& operator*() { return *static_cast<T*>(m_memory); }
+
+private:
+    void* m_memory = nullptr;
+};
+
+// Runs a suite once for each way of waiting.
+class EachBackend : public ::testing::TestWithParam<VDIFrameworkCommon::WaitBackend> {
+protected:
+    EachBackend() : m_before(VDIFrameworkCommon::setWaitBackend(GetParam())) {}
+    ~EachBackend() override { VDIFrameworkCommon::setWaitBackend(m_before); }
+
+    // For children, which pass it to useBackend().
+    static std::string backend() {
+        return GetParam() == VDIFrameworkCommon::WaitBackend::Polling ? "polling" : "system";
+    }
+
+private:
+    const VDIFrameworkCommon::WaitBackend m_before;
+};
+
+inline void useBackend(const std::string& backend) {
+    VDIFrameworkCommon::setWaitBackend(backend == "polling"
+                                           ? VDIFrameworkCommon::WaitBackend::Polling
+                                           : VDIFrameworkCommon::WaitBackend::System);
+}
+
+inline std::string backendName(
+    const ::testing::TestParamInfo<VDIFrameworkCommon::WaitBackend>& info) {
+    return info.param == VDIFrameworkCommon::WaitBackend::Polling ? "Polling" : "System";
+}
+
+inline std::chrono::milliseconds since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
+}
+
+// Prints a line for the parent's readLine().
+inline void say(const std::string& line) {
+    std::puts(line.c_str());
+    std::fflush(stdout);
+}
+
+// Waits for a line or the end of input from the parent.
+inline void hear() {
+    int c = 0;
+    while ((c = std::getchar()) != EOF && c != '\n') {
+    }
+}
+
+}  // namespace testsupport
+
+#define INSTANTIATE_EACH_BACKEND(suite)                                                   \
+    INSTANTIATE_TEST_SUITE_P(, suite,                                                     \
+                             ::testing::Values(VDIFrameworkCommon::WaitBackend::System,   \
+                                               VDIFrameworkCommon::WaitBackend::Polling), \
+                             ::testsupport::backendName)
