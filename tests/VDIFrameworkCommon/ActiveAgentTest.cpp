@@ -125,7 +125,7 @@ CHILD_ROLE(agentContender) {
 }
 
 TEST_F(ActiveAgentAcrossProcesses, RemovingTheFileOnClearingNeverLetsTwoBeMarked) {
-    const std::string rounds = std::to_string(testsupport::rounds(5000));
+    const std::string rounds = std::to_string(testsupport::rounds(1500));
     std::deque<ChildProcess> contenders;
     for (int i = 0; i < 3; ++i) contenders.emplace_back("agentContender", std::vector{rounds});
     for (auto& contender : contenders) EXPECT_EQ(contender.wait(), 0);
