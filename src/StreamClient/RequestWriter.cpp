@@ -21,9 +21,16 @@ constexpr auto kLongestHoldUp = std::chrono::seconds(2);
 
 }  // namespace
 
-bool RequestSegment::isFree() {
+bool RequestSegment::mayPlace() {
     LocalLock lock(m_operationLock);
-    return isOpen() && header()->lockWord2.load() > 0;
+    if (!isOpen()) return false;
+    if (header()->lockWord2.load() > 0) return true;
+    const auto now = Clock::now();
+    if (const long id = header()->newMessageId.load(); id != m_heldUpId) {
+        m_heldUpId = id;
+        m_heldUpSince = now;
+    }
+    return now - m_heldUpSince > kLongestHoldUp;
 }
 
 bool RequestSegment::isTaken() {
@@ -35,14 +42,10 @@ bool RequestSegment::isTaken() {
     return ready - came > 0;
 }
 
-long RequestSegment::messageId() {
-    LocalLock lock(m_operationLock);
-    return isOpen() ? header()->newMessageId.load() : -1;
-}
-
 bool RequestSegment::place(const std::string& text) {
     LocalLock lock(m_operationLock);
     if (!isOpen() || text.size() > capacity()) return false;
+    m_heldUpId = -1;
     // Whatever a writer that died has left there: the turn is this process's.
     ExcangeWithLocking(&header()->writerLockCount, 1);
     return publish(text.data(), static_cast<unsigned int>(text.size()));
@@ -70,25 +73,10 @@ bool RequestWriter::join() {
     return true;
 }
 
-bool RequestWriter::mayPlace(Clock::time_point now) {
-    const long id = m_segment->messageId();
-    if (m_segment->isFree()) {
-        m_heldUpId = -1;
-        return true;
-    }
-    if (m_heldUpId != id) {
-        m_heldUpId = id;
-        m_heldUpSince = now;
-    }
-    return now - m_heldUpSince > kLongestHoldUp;
-}
-
 bool RequestWriter::sendInTurn(const std::string& text, Clock::time_point deadline) {
     RequestSegment& segment = *m_segment;
-    const auto mayPlaceNow = [this]() NORVO_REQUIRES(m_mutex) { return mayPlace(Clock::now()); };
-    if (!waitFor(deadline, mayPlaceNow) || !segment.place(text)) return false;
-    m_heldUpId = -1;
-    return waitFor(deadline, [&segment] { return segment.isTaken(); });
+    return waitFor(deadline, [&segment] { return segment.mayPlace(); }) && segment.place(text) &&
+           waitFor(deadline, [&segment] { return segment.isTaken(); });
 }
 
 bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {

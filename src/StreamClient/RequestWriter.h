@@ -26,16 +26,21 @@ class RequestSegment : public SharedMemoryBroadcast {
 public:
     ~RequestSegment() override = default;
 
-    // Some reader is ready for a message.
-    bool isFree();
+    // Some reader is ready for a message, or the slot has not moved for so long that nobody will be
+    // robbed of one.
+    bool mayPlace();
     // The message in the slot was taken by a reader that was there when it was written.
     bool isTaken();
     // Replaces what is in the slot, taken or not. False when it is not set up.
     bool place(const std::string& text);
-    long messageId();
 
 protected:
     void startWriting() override {}
+
+private:
+    // Since when no reader is ready for anything but the message of this ID.
+    Clock::time_point m_heldUpSince NORVO_GUARDED_BY(m_operationLock){};
+    long m_heldUpId NORVO_GUARDED_BY(m_operationLock) = -1;
 };
 
 // Writes requests, one client of the agent at a time: between the processes a named mutex lets the
@@ -56,7 +61,6 @@ public:
 private:
     bool join() NORVO_REQUIRES(m_mutex);
     bool sendInTurn(const std::string& text, Clock::time_point deadline) NORVO_REQUIRES(m_mutex);
-    bool mayPlace(Clock::time_point now) NORVO_REQUIRES(m_mutex);
     template <class Test>
     bool waitFor(Clock::time_point deadline, Test test);
 
@@ -65,9 +69,6 @@ private:
     VDIFrameworkCommon::LocalMutex m_mutex;
     VDIFrameworkCommon::NamedMutex m_turn NORVO_GUARDED_BY(m_mutex);
     std::unique_ptr<RequestSegment> m_segment NORVO_GUARDED_BY(m_mutex);
-    // Since when no reader is ready for anything but the message of this ID.
-    Clock::time_point m_heldUpSince NORVO_GUARDED_BY(m_mutex){};
-    long m_heldUpId NORVO_GUARDED_BY(m_mutex) = -1;
 };
 
 }  // namespace NorvoStreamClient
