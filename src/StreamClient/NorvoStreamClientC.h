@@ -20,8 +20,8 @@ extern "C" {
 
 #define NORVO_STREAM_CLIENT_C_API __attribute__((visibility("default")))
 
-typedef struct norvo_client norvo_client;
-typedef struct norvo_stream norvo_stream;
+typedef struct norvo_client norvo_client; /* NOLINT(modernize-use-using): this is C */
+typedef struct norvo_stream norvo_stream; /* NOLINT(modernize-use-using) */
 
 enum { NORVO_READ = 0, NORVO_WRITE = 1 };
 
