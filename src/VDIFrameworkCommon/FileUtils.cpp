@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Namespace.h"
+
 namespace VDIFrameworkCommon {
 
 namespace {
@@ -26,5 +28,9 @@ bool FileUtils::createDirectory(const std::string& path) {
 }
 
 std::string FileUtils::FileSeparator() { return "/"; }
+
+std::string FileUtils::markerPath(const std::string& directory, const std::string& name) {
+    return directory + namespacedName(name);
+}
 
 }  // namespace VDIFrameworkCommon

@@ -10,6 +10,9 @@ public:
     // Makes the directory and its missing parents, for the owner only. True when it is there after.
     static bool createDirectory(const std::string& path);
     static std::string FileSeparator();
+    // The path of a marker file that all processes of a session look for: `name` in `directory`
+    // (which ends in a separator), with the session namespace worked into the name.
+    static std::string markerPath(const std::string& directory, const std::string& name);
 };
 
 }  // namespace VDIFrameworkCommon

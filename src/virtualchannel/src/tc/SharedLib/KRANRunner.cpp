@@ -1,0 +1,168 @@
+#include "KRANRunner.h"
+
+#include <atomic>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "Event.h"
+#include "FileUtils.h"
+#include "LocalMutex.h"
+#include "Log.h"
+#include "NamedMutex.h"
+#include "ProcessUtils.h"
+#include "ScopedLock.h"
+#include "VDIClientInfo.h"
+#include "VDIRunnerCounter.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/tc/SharedLib/KRANRunner")
+
+namespace NorvoVirtualChannel::tc {
+
+using VDIFrameworkCommon::FileUtils;
+using VDIFrameworkCommon::LocalLock;
+using VDIFrameworkCommon::ProcessUtils;
+using VDIFrameworkCommon::VDIClientInfo;
+using VDIFrameworkCommon::VDIRunnerCounter;
+namespace VDIClientType = VDIFrameworkCommon::VDIClientType;
+
+namespace {
+
+constexpr long kRoundMilliseconds = 2000;
+
+struct Runner {
+    VDIFrameworkCommon::LocalMutex mutex;
+    std::atomic<bool> running = false;  // written under the mutex
+    std::thread thread NORVO_GUARDED_BY(mutex);
+    VDIFrameworkCommon::Event stop{true};
+};
+
+// Never destroyed: the thread may run until the process is gone.
+Runner& runner() {
+    static auto* const instance = new Runner;
+    return *instance;
+}
+
+const char* launchMutexName() {
+    return VDIClientInfo::getInstance().getClientType() == VDIClientType::Meetings
+               ? kStartMeetingsMutex
+               : kStartCrewsMutex;
+}
+
+// Empty for a client type without a companion.
+std::string applicationIdentifier() {
+    switch (VDIClientInfo::getInstance().getClientType()) {
+        case VDIClientType::Crews:
+            return kLauncherIdentifier;
+        case VDIClientType::Meetings:
+            return kMeetingsIdentifier;
+        default:
+            return {};
+    }
+}
+
+std::string markerPath() { return FileUtils::markerPath(kMarkerDirectory, kStopMarker); }
+
+bool isApplicationRunning() {
+    const std::string identifier = applicationIdentifier();
+    return !identifier.empty() && ProcessUtils::isProcessRunning(identifier);
+}
+
+void launchLauncher() {
+    std::vector<std::string> arguments;
+    const std::string version = VDIClientInfo::getInstance().getPeerClientVersion();
+    if (!version.empty()) arguments = {kLauncherArgument, version};
+    ProcessUtils::createProcessAtURL(kLauncherBundle, arguments);
+}
+
+void launch() {
+    switch (VDIClientInfo::getInstance().getClientType()) {
+        case VDIClientType::Crews:
+            launchLauncher();
+            break;
+        case VDIClientType::Meetings:
+            ProcessUtils::createProcess(kMeetingsIdentifier);
+            break;
+        default:
+            break;
+    }
+}
+
+void relaunchUnlessMarked(VDIFrameworkCommon::NamedMutex& launchMutex) {
+    const std::string marker = markerPath();
+    if (FileUtils::fileExists(marker)) {
+        NORVO_LOG(Trace, "thinclient stopped running, but ", marker,
+                  " file exists, so we won't restart it");
+        return;
+    }
+    const VDIFrameworkCommon::ScopedLock lock(launchMutex);
+    launch();
+}
+
+void stopThinclient() {
+    NORVO_LOG(Trace, "kill thinclient processes");
+    const std::string identifier = applicationIdentifier();
+    if (!identifier.empty()) ProcessUtils::terminateProcess(identifier);
+}
+
+}  // namespace
+
+void runKRANThread() {
+    NORVO_LOG(Trace, "KRAN runner thread start.");
+    VDIFrameworkCommon::NamedMutex launchMutex;
+    launchMutex.create(launchMutexName());
+    launchMutex.unlock();  // what a dead process may have left locked
+    if (!FileUtils::fileExists(markerPath()) && !isApplicationRunning()) {
+        NORVO_LOG(Trace, "run thin client.");
+        launch();
+    }
+    while (runner().running) {
+        runner().stop.timedWait(kRoundMilliseconds);
+        if (runner().running && !isApplicationRunning()) relaunchUnlessMarked(launchMutex);
+    }
+    stopThinclient();
+    NORVO_LOG(Trace, "KRAN runner thread stopped.");
+}
+
+void startKRAN() {
+    NORVO_LOG(Trace, "Requesting KRAN runner thread to start.");
+    Runner& state = runner();
+    LocalLock lock(state.mutex);
+    if (state.running) {
+        NORVO_LOG(Trace, "runKRANThread already running, just return.");
+        return;
+    }
+    state.running = true;
+    try {
+        state.thread = std::thread(runKRANThread);
+    } catch (const std::system_error& error) {
+        state.running = false;
+        NORVO_LOG(Error, "cannot start the runner thread: ", error.what());
+    }
+}
+
+void stopKRAN() {
+    NORVO_LOG(Trace, "Requesting KRAN runner thread to stop.");
+    Runner& state = runner();
+    state.stop.set();
+    LocalLock lock(state.mutex);
+    if (!state.running) {
+        NORVO_LOG(Trace, "No runKRANThread is running");
+        return;
+    }
+    state.running = false;
+    // The thread may have taken the first signal before it could see the flag.
+    state.stop.set();
+    state.thread.join();
+    NORVO_LOG(Trace, "KRAN runner thread stopped.");
+}
+
+void addRunner() { VDIRunnerCounter::getInstance().addRunner(ProcessUtils::getCurrentProcessId()); }
+
+void removeRunner() {
+    VDIRunnerCounter::getInstance().removeRunner(ProcessUtils::getCurrentProcessId());
+}
+
+void cleanupSharedMemory() { static_cast<void>(VDIRunnerCounter::getInstance().hasRunner()); }
+
+}  // namespace NorvoVirtualChannel::tc

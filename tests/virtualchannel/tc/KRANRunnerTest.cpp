@@ -1,0 +1,249 @@
+#include "KRANRunner.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "ApplicationBundle.h"
+#include "ChildProcess.h"
+#include "FileUtils.h"
+#include "LogCapture.h"
+#include "ProcessUtils.h"
+#include "TestApplication.h"
+#include "VDIClientInfo.h"
+#include "VDIRunnerCounter.h"
+
+using namespace NorvoVirtualChannel::tc;
+using testing::ElementsAre;
+using testing::SizeIs;
+using testsupport::ChildProcess;
+using testsupport::LogCapture;
+using testsupport::TestApplication;
+using VDIFrameworkCommon::FileUtils;
+using VDIFrameworkCommon::VDIClientInfo;
+namespace VDIClientType = VDIFrameworkCommon::VDIClientType;
+
+namespace {
+
+bool waitUntil(const std::function<bool()>& holds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// The file that keeps a stopped application stopped.
+class StopMarker {
+public:
+    StopMarker() : m_path(FileUtils::markerPath(kMarkerDirectory, kStopMarker)) {
+        if (mkdir(kMarkerDirectory, 0777) == 0) chmod(kMarkerDirectory, 01777);
+        std::ofstream(m_path) << "";
+        EXPECT_TRUE(FileUtils::fileExists(m_path));
+    }
+    ~StopMarker() { remove(); }
+    StopMarker(const StopMarker&) = delete;
+    StopMarker& operator=(const StopMarker&) = delete;
+
+    void remove() const { unlink(m_path.c_str()); }
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+class KRANRunnerAcrossProcesses : public testing::Test {
+protected:
+    KRANRunnerAcrossProcesses() {
+        VDIClientInfo::getInstance().setClientType(VDIClientType::Crews);
+        VDIClientInfo::getInstance().setPeerClientVersion("9.8.7");
+    }
+    ~KRANRunnerAcrossProcesses() override {
+        stopKRAN();
+        VDIClientInfo::getInstance().setClientType(VDIClientType::Unknown);
+        VDIClientInfo::getInstance().setPeerClientVersion("");
+    }
+};
+
+}  // namespace
+
+TEST_F(KRANRunnerAcrossProcesses, TheApplicationIsKeptRunningUntilTheStop) {
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    startKRAN();
+    const auto first = app.waitForProcesses(1);
+    ASSERT_THAT(first, SizeIs(1));
+    EXPECT_TRUE(waitUntil([&] { return !testsupport::argumentsOf(first[0]).empty(); }));
+    EXPECT_THAT(testsupport::argumentsOf(first[0]), ElementsAre("launchermode", "9.8.7"));
+
+    kill(first[0], SIGKILL);
+    ASSERT_TRUE(waitUntil([&] {
+        const auto now = app.processes();
+        return now.size() == 1 && now[0] != first[0];
+    })) << "was not launched again";
+
+    stopKRAN();
+    EXPECT_THAT(app.processes(), SizeIs(0));
+}
+
+TEST_F(KRANRunnerAcrossProcesses, AMarkerKeepsItStoppedAndItsRemovalLaunchesIt) {
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    StopMarker marker;
+    LogCapture log;
+    startKRAN();
+    const std::string line =
+        "thinclient stopped running, but " + marker.path() + " file exists, so we won't restart it";
+    ASSERT_TRUE(waitUntil([&] { return log.count(line) >= 2; }));
+    EXPECT_THAT(app.processes(), SizeIs(0));
+    EXPECT_FALSE(log.contains("run thin client."));
+
+    const auto removed = std::chrono::steady_clock::now();
+    marker.remove();
+    ASSERT_THAT(app.waitForProcesses(1), SizeIs(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - removed, std::chrono::seconds(10));
+}
+
+TEST_F(KRANRunnerAcrossProcesses, AnApplicationThatRunsAlreadyIsTakenOver) {
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    ASSERT_TRUE(VDIFrameworkCommon::ProcessUtils::createProcessAtURL(app.path(), {"by", "hand"}));
+    LogCapture log;
+    startKRAN();
+    ASSERT_TRUE(waitUntil([&] { return log.contains("KRAN runner thread start."); }));
+    stopKRAN();
+    EXPECT_FALSE(log.contains("run thin client."));
+    EXPECT_THAT(app.processes(), SizeIs(0));
+}
+
+TEST_F(KRANRunnerAcrossProcesses, TheLauncherGetsNoArgumentsWithoutAPeerVersion) {
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    VDIClientInfo::getInstance().setPeerClientVersion("");
+    startKRAN();
+    const auto processes = app.waitForProcesses(1);
+    ASSERT_THAT(processes, SizeIs(1));
+    EXPECT_TRUE(waitUntil([&] { return !testsupport::statusOf(processes[0], "State").empty(); }));
+    EXPECT_THAT(testsupport::argumentsOf(processes[0]), SizeIs(0));
+}
+
+TEST_F(KRANRunnerAcrossProcesses, AMeetingsClientRunsTheMeetingsApplication) {
+    TestApplication app("MeetingsVDI", kMeetingsIdentifier);
+    VDIClientInfo::getInstance().setClientType(VDIClientType::Meetings);
+    startKRAN();
+    EXPECT_THAT(app.waitForProcesses(1), SizeIs(1));
+    stopKRAN();
+    EXPECT_THAT(app.processes(), SizeIs(0));
+}
+
+TEST_F(KRANRunnerAcrossProcesses, AnotherClientTypeRunsNothing) {
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    VDIClientInfo::getInstance().setClientType(VDIClientType::Unknown);
+    LogCapture log;
+    startKRAN();
+    ASSERT_TRUE(waitUntil([&] { return log.contains("run thin client."); }));
+    stopKRAN();
+    EXPECT_TRUE(log.contains("kill thinclient processes"));
+    EXPECT_THAT(app.processes(), SizeIs(0));
+}
+
+TEST_F(KRANRunnerAcrossProcesses, StartAndStopAreTracedInOrder) {
+    VDIClientInfo::getInstance().setClientType(VDIClientType::Unknown);
+    LogCapture log;
+    startKRAN();
+    ASSERT_TRUE(waitUntil([&] { return log.contains("run thin client."); }));
+    startKRAN();
+    stopKRAN();
+    stopKRAN();
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre("Requesting KRAN runner thread to start.", "KRAN runner thread start.",
+                    "run thin client.", "Requesting KRAN runner thread to start.",
+                    "runKRANThread already running, just return.",
+                    "Requesting KRAN runner thread to stop.", "kill thinclient processes",
+                    "KRAN runner thread stopped.", "KRAN runner thread stopped.",
+                    "Requesting KRAN runner thread to stop.", "No runKRANThread is running"));
+}
+
+TEST_F(KRANRunnerAcrossProcesses, AStopDoesNotWaitForTheRoundToEnd) {
+    VDIClientInfo::getInstance().setClientType(VDIClientType::Unknown);
+    constexpr int kRounds = 20;
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kRounds; ++i) {
+        startKRAN();
+        stopKRAN();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(kRounds));
+}
+
+// A plug-in process: connects when told to, and leaves with or without a word.
+CHILD_ROLE(runningPlugin) {
+    VDIFrameworkCommon::redirectApplications(args[0]);
+    VDIClientInfo::getInstance().setClientType(VDIClientType::Crews);
+    std::puts("ready");
+    std::fflush(stdout);
+    std::getchar();
+    startKRAN();
+    const bool found = waitUntil(
+        [] { return VDIFrameworkCommon::ProcessUtils::isProcessRunning(kLauncherIdentifier); });
+    std::puts(found ? "running" : "missing");
+    std::fflush(stdout);
+    std::getchar();
+    if (args[1] == "disconnect") stopKRAN();
+    return 0;
+}
+
+TEST_F(KRANRunnerAcrossProcesses, PluginsThatConnectAtOnceStartItOnce) {
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    std::vector<ChildProcess> plugins;
+    for (int i = 0; i < 3; ++i) {
+        plugins.emplace_back("runningPlugin", std::vector<std::string>{app.folder(), "disconnect"});
+    }
+    for (auto& plugin : plugins) ASSERT_EQ(plugin.readLine(), "ready");
+    for (auto& plugin : plugins) plugin.writeLine("");
+    for (auto& plugin : plugins) EXPECT_EQ(plugin.readLine(), "running");
+    const auto processes = app.processes();
+    ASSERT_THAT(processes, SizeIs(1));
+
+    kill(processes[0], SIGKILL);
+    ASSERT_TRUE(waitUntil([&] {
+        const auto now = app.processes();
+        return !now.empty() && now[0] != processes[0];
+    }));
+    // Long enough for each of them to have had its round.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2200));
+    EXPECT_THAT(app.processes(), SizeIs(1));
+
+    for (auto& plugin : plugins) plugin.writeLine("");
+    for (auto& plugin : plugins) EXPECT_EQ(plugin.wait(), 0);
+    EXPECT_THAT(app.processes(), SizeIs(0));
+}
+
+TEST_F(KRANRunnerAcrossProcesses, AHostMayEndWithoutDisconnecting) {
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    ChildProcess plugin("runningPlugin", {app.folder(), "leave"});
+    ASSERT_EQ(plugin.readLine(), "ready");
+    plugin.writeLine("");
+    EXPECT_EQ(plugin.readLine(), "running");
+    plugin.writeLine("");
+    EXPECT_EQ(plugin.wait(), 0);
+    EXPECT_THAT(app.processes(), SizeIs(1)) << "it ends on disconnection only";
+}
+
+TEST(KRANRunner, CountsThisProcessAndCleansNothingUp) {
+    auto& counter = VDIFrameworkCommon::VDIRunnerCounter::getInstance();
+    const auto own = static_cast<unsigned>(getpid());
+    addRunner();
+    addRunner();
+    cleanupSharedMemory();
+    EXPECT_EQ(counter.count(own), 2U);
+    removeRunner();
+    removeRunner();
+    EXPECT_FALSE(counter.hasRunner());
+    cleanupSharedMemory();
+    EXPECT_FALSE(counter.hasRunner());
+}
