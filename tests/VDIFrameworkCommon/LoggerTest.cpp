@@ -260,7 +260,7 @@ CHILD_ROLE(loggingProcess) {
     } else if (args[1] == "threads") {
         for (int i = 0; i < 4; ++i) {
             std::thread([] {
-                for (;;) NORVO_LOG(Info, "still running");
+                for (;; usleep(100)) NORVO_LOG(Info, "still running");
             }).detach();
         }
     }
