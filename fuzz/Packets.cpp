@@ -1,0 +1,54 @@
+// Packets as a host hands them on. The input is a run of records, each a length byte (times 4) and
+// so many bytes of one packet.
+#include "Packets.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+using NorvoVirtualChannel::Packet;
+using NorvoVirtualChannel::Packetization;
+using NorvoVirtualChannel::PacketizationObserver;
+
+namespace {
+
+// A message that announces more makes the run slow, and no difference.
+constexpr std::uint32_t kLargestMessage = 1 << 20;
+
+struct Receiver : PacketizationObserver {
+    void OnFullPacketReceived(const void* data, unsigned int size) override {
+        if (!data) abort();
+        const auto bytes = static_cast<const unsigned char*>(data);
+        volatile unsigned char sum = 0;
+        for (unsigned int i = 0; i < size; ++i) sum = static_cast<unsigned char>(sum + bytes[i]);
+        delivered += size;
+    }
+    std::size_t delivered = 0;
+};
+
+void checkPacket(const Packet& packet) {
+    if (packet.WireBytes().size() != packet.GetPacketSize()) abort();
+    const std::unique_ptr<Packet> copy(packet.CopyPacket());
+    if (!copy->isPacketValid() || !std::ranges::equal(copy->Payload(), packet.Payload())) abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Receiver receiver;
+    Packetization packetization(&receiver, 1500);
+    while (size > 0) {
+        const auto length = static_cast<unsigned int>(std::min<size_t>(4u * data[0], size - 1));
+        // Of its own, so that reading past its end is seen.
+        const std::vector<uint8_t> raw(data + 1, data + 1 + length);
+        const Packet packet = Packet::Borrow(raw.data(), length);
+        if (packet.isPacketValid()) {
+            checkPacket(packet);
+            if (packet.GetMessageSize() <= kLargestMessage) packetization.EnqueuePacket(&packet);
+        }
+        data += 1 + length;
+        size -= 1 + length;
+    }
+    return 0;
+}
