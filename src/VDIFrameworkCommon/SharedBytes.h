@@ -7,6 +7,8 @@
 #include <new>
 #include <utility>
 
+#include "SpareBlock.h"
+
 namespace VDIFrameworkCommon {
 
 // A handle on one heap block of a size fixed at its allocation; the last handle frees it. Handles
@@ -15,13 +17,13 @@ class SharedBytes {
 public:
     SharedBytes() noexcept = default;
 
-    // `size` bytes of any content, or an empty handle when there is no memory for them. One call of
-    // the allocator.
+    // `size` bytes of any content, or an empty handle when there is no memory for them.
     static SharedBytes allocate(std::size_t size) noexcept {
         SharedBytes bytes;
-        if (size > std::numeric_limits<std::size_t>::max() - sizeof(Control)) return bytes;
-        if (void* memory = ::operator new(sizeof(Control) + size, std::nothrow))
-            bytes.m_control = new (memory) Control;
+        if (size > std::numeric_limits<std::size_t>::max() / 16) return bytes;
+        std::size_t capacity = 0;
+        if (void* const memory = m_memory.allocate(sizeof(Control) + size, capacity))
+            bytes.m_control = ::new (memory) Control(capacity);
         return bytes;
     }
 
@@ -39,7 +41,7 @@ public:
         if (!m_control) return;
         if (m_control->owners.load(std::memory_order_acquire) == 1 ||
             m_control->owners.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            ::operator delete(m_control);
+            m_memory.release(m_control, m_control->capacity);
     }
 
     explicit operator bool() const noexcept { return m_control != nullptr; }
@@ -51,8 +53,12 @@ public:
 
 private:
     struct alignas(std::max_align_t) Control {
+        explicit Control(std::size_t size) : capacity(size) {}
         std::atomic<unsigned int> owners{1};
+        const std::size_t capacity;
     };
+    inline static SpareBlock m_memory;
+
     Control* m_control = nullptr;
 };
 

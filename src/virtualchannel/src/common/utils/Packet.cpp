@@ -1,13 +1,12 @@
 #include <cstring>
 
 #include "Log.h"
+#include "PacketBlock.h"
 #include "Packets.h"
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/utils/Packets")
 
 namespace NorvoVirtualChannel {
-
-using VDIFrameworkCommon::SharedBytes;
 
 namespace {
 
@@ -40,10 +39,18 @@ Packet::Packet(BorrowTag, const void* raw, unsigned int length) {
     if (parse(raw, length)) m_payload = static_cast<const std::byte*>(raw) + kPacketHeaderSize;
 }
 
-Packet::Packet(const Header& header, const std::byte* payload, SharedBytes storage, std::byte* wire)
-    : m_header(header), m_payload(wire + kPacketHeaderSize), m_storage(std::move(storage)) {
-    std::memcpy(wire, &header, kPacketHeaderSize);
-    if (header.payloadSize > 0) std::memcpy(wire + kPacketHeaderSize, payload, header.payloadSize);
+void* Packet::operator new(std::size_t size) { return ::operator new(size); }
+
+void Packet::operator delete(void* memory) { ::operator delete(memory); }
+
+void Packet::operator delete(Packet* packet, std::destroying_delete_t) {
+    PacketBlock* const block = packet->m_block;
+    packet->~Packet();
+    if (block) {
+        block->release();
+    } else {
+        ::operator delete(packet);
+    }
 }
 
 Packet Packet::Borrow(const void* raw, unsigned int length) {
@@ -56,14 +63,16 @@ bool Packet::parse(const void* raw, unsigned int length) {
         NORVO_LOG(Warning, "Broken packet received. Ignoring it!");
         return false;
     }
-    Header received;
-    std::memcpy(&received, raw, kPacketHeaderSize);
-    if (received.protocolVersion != Header::kVersion) {
+    std::uint16_t protocolVersion = 0;
+    std::memcpy(&protocolVersion,
+                static_cast<const std::byte*>(raw) + offsetof(Header, protocolVersion),
+                sizeof protocolVersion);
+    if (protocolVersion != Header::kVersion) {
         NORVO_LOG(Error,
                   "Packet belongs to an incompatible version of the protocol and cannot be used.");
         return false;
     }
-    m_header = received;
+    std::memcpy(&m_header, raw, kPacketHeaderSize);
     NORVO_LOG(Trace, "Retrieving the data from the packet.");
     if (m_header.payloadSize != length - kPacketHeaderSize) {
         NORVO_LOG(Warning, "Broken packet received. Ignoring it!");
@@ -77,12 +86,13 @@ bool Packet::parse(const void* raw, unsigned int length) {
 }
 
 void Packet::store(const void* payload) {
-    m_storage = SharedBytes::allocate(std::size_t{kPacketHeaderSize} + m_header.payloadSize);
-    if (!m_storage) {
+    m_own.reset(new (std::nothrow)
+                    std::byte[std::size_t{kPacketHeaderSize} + m_header.payloadSize]);
+    if (!m_own) {
         NORVO_LOG(Error, "No memory for a packet, payload size: ", m_header.payloadSize);
         return;
     }
-    std::byte* const wire = m_storage.data();
+    std::byte* const wire = m_own.get();
     std::memcpy(wire, &m_header, kPacketHeaderSize);
     if (m_header.payloadSize > 0)
         std::memcpy(wire + kPacketHeaderSize, payload, m_header.payloadSize);

@@ -2,17 +2,15 @@
 #include <limits>
 
 #include "Log.h"
+#include "PacketBlock.h"
 #include "Packets.h"
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/utils/Packets")
 
 namespace NorvoVirtualChannel {
 
-using VDIFrameworkCommon::LocalLock;
-using VDIFrameworkCommon::SharedBytes;
-
 Packetization::Packetization(PacketizationObserver* observer, int maxPacketSize)
-    : m_maxPacketSize(maxPacketSize), m_observer(observer), m_latest(m_table.end()) {}
+    : m_maxPacketSize(maxPacketSize), m_observer(observer) {}
 
 Packetization::~Packetization() = default;
 
@@ -39,23 +37,25 @@ std::uint32_t Packetization::PacketizeData(const void* data, unsigned int length
     NORVO_LOG(Trace, "Packets needed: ", count);
     NORVO_LOG(Trace, "send message id: ", id, ", numPackets: ", count);
     const std::size_t wireSize = length + std::size_t{count} * kPacketHeaderSize;
-    const SharedBytes storage = count > 0 ? SharedBytes::allocate(wireSize) : SharedBytes();
-    if (!storage) {
+    PacketBlock* const block = count > 0 ? PacketBlock::allocate(count, wireSize) : nullptr;
+    if (!block) {
         NORVO_LOG(Error, "Unable to packetize a message, length: ", length);
         return static_cast<std::uint32_t>(out.size());
     }
 
-    Header header{.totalPackets = count, .packetId = id, .messageSize = length + kPacketHeaderSize};
+    const Header common{
+        .totalPackets = count, .packetId = id, .messageSize = length + kPacketHeaderSize};
     auto next = static_cast<const std::byte*>(data);
-    std::byte* wire = storage.data();
+    std::byte* wire = block->wire();
     std::uint32_t remaining = length;
-    for (header.sequence = 1; header.sequence <= count; ++header.sequence) {
-        header.payloadSize = std::min(remaining, GetMaxPayloadSize());
-        out.push_front(new Packet(header, next, storage, wire));
+    for (std::uint32_t index = 0; index < count; ++index) {
+        const std::uint32_t size = std::min(remaining, GetMaxPayloadSize());
+        out.push_front(::new (block->place(index))
+                           Packet(common, index + 1, {next, size}, *block, wire));
         NORVO_LOG(Trace, "Freeing temporary memory.");
-        next += header.payloadSize;
-        wire += kPacketHeaderSize + header.payloadSize;
-        remaining -= header.payloadSize;
+        next += size;
+        wire += kPacketHeaderSize + size;
+        remaining -= size;
     }
     NORVO_LOG(Trace, "Returning the dequeue.");
     return static_cast<std::uint32_t>(out.size());
@@ -67,19 +67,19 @@ void Packetization::EnqueuePacket(const Packet* packet) {
         NORVO_LOG(Warning, "There is no packet to queue.");
         return;
     }
-    LocalLock lock(m_Mutex);
+    const RareContentionGuard guard(m_Mutex);
     if (packet->GetTotalPackets() == 1) {
         deliverUnsplit(*packet);
         return;
     }
     NORVO_LOG(Trace, "Message has multiple packets, will need to queue.");
-    m_latest = findOrAdd(*packet);
-    PendingMessage& message = m_latest->second;
-    message.add(*packet);
+    PendingMessage& message = findOrBegin(*packet);
+    message.add(packet->m_header, packet->m_payload);
     if (message.arrived() == 1 || message.isComplete()) {
         NORVO_LOG(Trace, "receive message id: ", packet->GetPacketID(), "Total: ", message.total(),
                   " Arrived: ", message.arrived());
     }
+    m_latest = &message;
     reassemble();
 }
 
@@ -94,43 +94,32 @@ void Packetization::deliverUnsplit(const Packet& packet) {
     m_observer->OnFullPacketReceived(packet.Payload().data(), packet.GetPayloadSize());
 }
 
-Packetization::Table::iterator Packetization::findOrAdd(const Packet& packet) {
+PendingMessage& Packetization::findOrBegin(const Packet& packet) {
     const auto id = static_cast<std::int32_t>(packet.GetPacketID());
-    const auto found =
-        m_latest != m_table.end() && m_latest->first == id ? m_latest : m_table.find(id);
-    if (found != m_table.end()) {
+    if (PendingMessage* const found = m_pending.find(id)) {
         NORVO_LOG(Trace, "An exisiting packet in this message has already been added.");
-        return found;
+        return *found;
     }
     NORVO_LOG(Trace, "This is the first packet from this message.");
-    Table::iterator added;
-    if (m_spare) {
-        m_spare.key() = id;
-        m_spareHolder = id;
-        added = m_table.insert(std::move(m_spare)).position;
-    } else {
-        added = m_table.try_emplace(id).first;
-    }
-    added->second.start(packet.GetTotalPackets());
-    return added;
+    return m_pending.begin(id, packet.GetTotalPackets());
 }
 
 void Packetization::ReassemblePackets() {
-    LocalLock lock(m_Mutex);
+    const RareContentionGuard guard(m_Mutex);
     reassemble();
 }
 
 void Packetization::reassemble() {
     NORVO_LOG(Trace, "Checking if a packet can be reassembled.");
-    if (m_latest == m_table.end() || !m_latest->second.isComplete()) return;
-    deliver(m_latest->first, m_latest->second);
-    erase(m_latest);
-    m_latest = m_table.end();
+    if (!m_latest || !m_latest->isComplete()) return;
+    deliver(*m_latest);
+    m_pending.finish(*m_latest);
+    m_latest = nullptr;
 }
 
-void Packetization::deliver(std::int32_t id, PendingMessage& message) {
+void Packetization::deliver(PendingMessage& message) {
     NORVO_LOG(Trace, "Entire message found.");
-    NORVO_LOG(Trace, "Message ID is ", id, ".");
+    NORVO_LOG(Trace, "Message ID is ", message.id(), ".");
     NORVO_LOG(Trace, "Unassembled packets size: ", message.packetCount());
     if (message.packetCount() == 0) {
         NORVO_LOG(Warning, "Empty unassebled packets!!!");
@@ -140,13 +129,6 @@ void Packetization::deliver(std::int32_t id, PendingMessage& message) {
     if (!whole) return;
     NORVO_LOG(Trace, "Notifying observer.");
     m_observer->OnFullPacketReceived(whole->data(), static_cast<unsigned int>(whole->size()));
-}
-
-void Packetization::erase(Table::iterator entry) {
-    auto node = m_table.extract(entry);
-    if (m_spareHolder && *m_spareHolder != node.key()) return;
-    m_spareHolder.reset();
-    if (node.mapped().isWorthKeeping()) m_spare = std::move(node);
 }
 
 }  // namespace NorvoVirtualChannel

@@ -1,62 +1,37 @@
 // The packet layer: messages are cut into packets of at most the transport's size, and put together
 // again at the other end.
-//
-// A packet on the wire is a 24-byte header and the payload behind it:
-//
-//     offset  width  field
-//          0      2  secondary version, written as 91, any value accepted
-//          2      2  protocol version, 91
-//          4      4  sequence: 1-based place of the packet within its message
-//          8      4  total packets of the message
-//         12      4  packet ID: the message's ID, the same in all of its packets
-//         16      4  payload size: bytes behind this header
-//         20      4  message size: bytes of the whole message + 24, the same in all of its packets
-//
-// All integers are little-endian and copied as the machine holds them.
+// The bytes of a packet: PacketHeader.h.
 #pragma once
 
-#include <bit>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <map>
-#include <optional>
+#include <memory>
+#include <new>
 #include <span>
 
-#include "LocalMutex.h"
-#include "PendingMessage.h"
-#include "SharedBytes.h"
+#include "PacketHeader.h"
+#include "PendingMessages.h"
+#include "RareContentionLock.h"
 
 namespace NorvoVirtualChannel {
 
-static_assert(std::endian::native == std::endian::little);
-
-struct Header {
-    static constexpr std::uint16_t kVersion = 0x5B;
-
-    std::uint16_t secondaryVersion = kVersion;
-    std::uint16_t protocolVersion = kVersion;
-    std::uint32_t sequence = 0;
-    std::uint32_t totalPackets = 0;
-    std::uint32_t packetId = 0;
-    std::uint32_t payloadSize = 0;
-    std::uint32_t messageSize = 0;
-};
-static_assert(offsetof(Header, protocolVersion) == 2 && offsetof(Header, sequence) == 4 &&
-              offsetof(Header, totalPackets) == 8 && offsetof(Header, packetId) == 12 &&
-              offsetof(Header, payloadSize) == 16 && offsetof(Header, messageSize) == 20 &&
-              sizeof(Header) == 24);
-
-inline constexpr std::uint32_t kPacketHeaderSize = sizeof(Header);
+class PacketBlock;
 
 // One packet. A packet that cannot be built or parsed logs why and is invalid: drop it. Not
 // synchronised: one thread at a time.
 //
 // The bytes of a packet lie together as they go on the wire, so that it can be sent from where it
-// is (`WireBytes`); all packets that one message was cut into may share one heap block, which goes
-// with the last of them.
+// is (`WireBytes`). The packets that one message was cut into lie with their bytes in one heap
+// block, which goes with the last of them: they are deleted like any others, one by one and on any
+// threads.
 class Packet {
 public:
+    static void* operator new(std::size_t size);
+    static void operator delete(void* memory);
+    static void operator delete(Packet* packet, std::destroying_delete_t);
+
     // Builds a packet to send; copies `header.payloadSize` bytes of payload. A payload of 0 bytes
     // is valid, a null payload of more is not.
     Packet(Header header, const void* payload);
@@ -105,17 +80,18 @@ private:
     friend class Packetization;
     struct BorrowTag {};
     Packet(BorrowTag, const void* raw, unsigned int length);
-    // Writes a packet into `storage` at `wire`, where there is room for it. The arguments are the
-    // packetizer's own and not validated.
-    Packet(const Header& header, const std::byte* payload, VDIFrameworkCommon::SharedBytes storage,
-           std::byte* wire);
+    // One packet of a block, whose place for the bytes begins at `wire`. `common` is the header but
+    // for sequence and payload size. The arguments are the packetizer's own and not validated.
+    Packet(const Header& common, std::uint32_t sequence, std::span<const std::byte> payload,
+           PacketBlock& block, std::byte* wire);
     // The checks on received bytes; fills the header as far as it is sound.
     bool parse(const void* raw, unsigned int length);
     void store(const void* payload);
 
     Header m_header;
-    const std::byte* m_payload = nullptr;  // within m_storage or, when borrowed, received bytes
-    VDIFrameworkCommon::SharedBytes m_storage;  // empty when borrowed or invalid
+    const std::byte* m_payload = nullptr;  // within m_own, m_block or the received bytes
+    std::unique_ptr<std::byte[]> m_own;    // what it has copied on its own
+    PacketBlock* m_block = nullptr;        // the block that this packet lies in, if any
 };
 
 // Gets whole messages.
@@ -140,9 +116,7 @@ public:
     explicit UIDGenerator(unsigned int last) : m_last(last) {}
 
 private:
-    static VDIFrameworkCommon::LocalMutex m_Mutex;
-    static UIDGenerator* m_pInstance NORVO_GUARDED_BY(m_Mutex);
-    unsigned int m_last NORVO_GUARDED_BY(m_Mutex);
+    std::atomic<unsigned int> m_last;
 };
 
 // Cuts and joins the messages of one channel.
@@ -181,27 +155,18 @@ public:
     void ReassemblePackets() NORVO_EXCLUDES(m_Mutex);
 
 private:
-    using Table = std::map<std::int32_t, PendingMessage>;
-
     std::uint32_t packetsNeeded(const void* data, unsigned int length) const;
     void deliverUnsplit(const Packet& packet) NORVO_REQUIRES(m_Mutex);
-    Table::iterator findOrAdd(const Packet& packet) NORVO_REQUIRES(m_Mutex);
+    PendingMessage& findOrBegin(const Packet& packet) NORVO_REQUIRES(m_Mutex);
     void reassemble() NORVO_REQUIRES(m_Mutex);
-    void deliver(std::int32_t id, PendingMessage& message) NORVO_REQUIRES(m_Mutex);
-    void erase(Table::iterator entry) NORVO_REQUIRES(m_Mutex);
+    void deliver(PendingMessage& message) NORVO_REQUIRES(m_Mutex);
 
     const int m_maxPacketSize;
-    VDIFrameworkCommon::LocalMutex m_Mutex;
+    RareContentionLock m_Mutex;
     PacketizationObserver* const m_observer NORVO_PT_GUARDED_BY(m_Mutex);
-    Table m_table NORVO_GUARDED_BY(m_Mutex);
-    // The entry of the latest packet, or end(): the next packet is most likely one of the same
-    // message, and no other entry can be complete.
-    Table::iterator m_latest NORVO_GUARDED_BY(m_Mutex);
-    // The memory of a message that is done with, for the next one to begin, and which message that
-    // is. There is no second spare while that message is open: otherwise large messages, each with
-    // the beginning of another one behind it, could pile up blocks that hold next to nothing.
-    Table::node_type m_spare NORVO_GUARDED_BY(m_Mutex);
-    std::optional<std::int32_t> m_spareHolder NORVO_GUARDED_BY(m_Mutex);
+    PendingMessages m_pending NORVO_GUARDED_BY(m_Mutex);
+    // The message that a packet has just been added to, the only one that can be complete.
+    PendingMessage* m_latest NORVO_GUARDED_BY(m_Mutex) = nullptr;
 };
 
 }  // namespace NorvoVirtualChannel

@@ -3,14 +3,21 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
 #include <vector>
 
+#include "PacketHeader.h"
+
 namespace NorvoVirtualChannel {
 
-class Packet;
+// Sequences are compared as signed numbers.
+constexpr bool sequenceBefore(std::uint32_t a, std::uint32_t b) {
+    return static_cast<std::int32_t>(a) < static_cast<std::int32_t>(b);
+}
 
 // The packets of one split message that have arrived so far. Not synchronised.
 //
@@ -23,12 +30,13 @@ class PendingMessage {
 public:
     static constexpr std::size_t kFirstCapacity = 16 * 1024;
 
-    // Makes this an empty message of `total` packets, keeping the memory it has.
-    void start(std::uint32_t total);
-    // Counts the packet and copies its payload. One without a payload, or one that there is no
-    // memory for, leaves a gap.
-    void add(const Packet& packet);
+    // Makes this message `id`, of `total` packets and empty, keeping the memory it has.
+    void start(std::int32_t id, std::uint32_t total);
+    // Counts a packet and copies its payload, of the size that its header says. One without a
+    // payload (null), or one that there is no memory for, leaves a gap.
+    void add(const Header& header, const std::byte* payload);
 
+    std::int32_t id() const { return m_id; }
     std::uint32_t arrived() const { return m_arrived; }
     std::uint32_t total() const { return m_total; }
     bool isComplete() const { return m_arrived == m_total; }
@@ -46,26 +54,35 @@ public:
 private:
     struct Piece {
         std::uint32_t sequence;
-        std::uint32_t messageSize;
         std::uint32_t size;
-        bool stored;
-        std::int64_t position;  // relative to where the first piece begins
+        std::int64_t position;  // relative to where the first piece begins; kMissing without bytes
     };
+    static constexpr std::int64_t kTooMuch = -1;
+    static constexpr std::int64_t kMissing = std::numeric_limits<std::int64_t>::min();
+    // How the sequences have come so far. Rising and falling ones all have their bytes, which so
+    // lie in order.
+    enum class Order { Unknown, Rising, Falling, Mixed };
     struct Free {
         void operator()(std::byte* block) const { std::free(block); }
     };
     using Block = std::unique_ptr<std::byte[], Free>;
 
-    bool makeRoom(std::uint32_t size, bool inFront, std::uint32_t messageSize);
-    std::byte* at(std::int64_t position) const;
+    bool makeRoom(const Header& header, bool inFront);
+    bool grow(const Header& header, bool inFront);
+    std::byte* at(std::int64_t position) const { return m_block.get() + (m_origin + position); }
+    void note(const Piece& piece);
+    void noteSize(const Header& header);
+    // How many bytes have arrived with the message; `kTooMuch` when that exceeds `limit`.
+    std::int64_t measure(std::int64_t limit) const;
     void sortPieces();
-    // How many bytes the pieces hold in all; nothing when that exceeds `limit`.
-    std::optional<std::int64_t> measure(std::int64_t limit) const;
-    bool lieInOrder() const;
     bool gather(std::int64_t carried, std::int64_t size);
 
+    std::int32_t m_id = 0;
     std::uint32_t m_arrived = 0;
     std::uint32_t m_total = 0;
+    std::uint32_t m_lowestSequence = 0;
+    std::uint32_t m_messageSize = 0;  // as the packet with the lowest sequence has it
+    Order m_order = Order::Unknown;
     std::vector<Piece> m_pieces;  // in order of arrival until they are joined
 
     // What is used of the block is [m_begin, m_end), as positions; position 0 is m_origin bytes
@@ -76,5 +93,47 @@ private:
     std::int64_t m_begin = 0;
     std::int64_t m_end = 0;
 };
+
+inline void PendingMessage::add(const Header& header, const std::byte* payload) {
+    ++m_arrived;
+    Piece piece{header.sequence, header.payloadSize, kMissing};
+    // The first packet tells the direction that the others will most likely come from.
+    const bool inFront = m_pieces.empty()
+                             ? sequenceBefore(1, piece.sequence)
+                             : sequenceBefore(piece.sequence, m_pieces.back().sequence);
+    if (payload && makeRoom(header, inFront)) {
+        piece.position = inFront ? m_begin -= piece.size : m_end;
+        if (!inFront) m_end += piece.size;
+        if (piece.size > 0) std::memcpy(at(piece.position), payload, piece.size);
+    }
+    noteSize(header);
+    note(piece);
+}
+
+inline bool PendingMessage::makeRoom(const Header& header, bool inFront) {
+    if (!m_block) return grow(header, inFront);
+    if (m_begin == m_end) m_origin = (inFront ? m_capacity : 0) - m_begin;
+    const std::int64_t room = inFront ? m_origin + m_begin : m_capacity - (m_origin + m_end);
+    return room >= header.payloadSize || grow(header, inFront);
+}
+
+// Of packets with the same sequence the later one counts.
+inline void PendingMessage::noteSize(const Header& header) {
+    if (!m_pieces.empty() && sequenceBefore(m_lowestSequence, header.sequence)) return;
+    m_lowestSequence = header.sequence;
+    m_messageSize = header.messageSize;
+}
+
+inline void PendingMessage::note(const Piece& piece) {
+    if (piece.position == kMissing) {
+        m_order = Order::Mixed;
+    } else if (!m_pieces.empty() && m_order != Order::Mixed) {
+        Order step = Order::Mixed;
+        if (sequenceBefore(m_pieces.back().sequence, piece.sequence)) step = Order::Rising;
+        if (sequenceBefore(piece.sequence, m_pieces.back().sequence)) step = Order::Falling;
+        m_order = m_order == Order::Unknown || m_order == step ? step : Order::Mixed;
+    }
+    m_pieces.push_back(piece);
+}
 
 }  // namespace NorvoVirtualChannel

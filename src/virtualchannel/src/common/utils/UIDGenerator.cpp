@@ -4,20 +4,14 @@
 
 namespace NorvoVirtualChannel {
 
-using VDIFrameworkCommon::LocalLock;
-
-VDIFrameworkCommon::LocalMutex UIDGenerator::m_Mutex;
-UIDGenerator* UIDGenerator::m_pInstance = nullptr;
-
 UIDGenerator* UIDGenerator::GetInstance() {
-    LocalLock lock(m_Mutex);
-    if (!m_pInstance) m_pInstance = new UIDGenerator(static_cast<unsigned int>(time(nullptr)));
-    return m_pInstance;
+    // Never deleted: channels may cut messages while the process ends.
+    static auto* const instance = new UIDGenerator(static_cast<unsigned int>(time(nullptr)));
+    return instance;
 }
 
 unsigned int UIDGenerator::GetNextUID() {
-    LocalLock lock(m_Mutex);
-    return ++m_last;
+    return m_last.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 }  // namespace NorvoVirtualChannel

@@ -28,12 +28,6 @@ MessageBytes& MessageBytes::operator=(const MessageBytes& other) {
     return *this;
 }
 
-void MessageBytes::clear() {
-    m_outside = nullptr;
-    m_heap = SharedBytes();
-    m_size = 0;
-}
-
 bool MessageBytes::assign(const void* bytes, std::uint32_t size) {
     clear();
     std::byte* to = m_inline;
@@ -48,27 +42,14 @@ bool MessageBytes::assign(const void* bytes, std::uint32_t size) {
     return true;
 }
 
-void MessageBytes::borrow(const void* bytes, std::uint32_t size) {
-    clear();
-    m_outside = static_cast<const std::byte*>(bytes);
-    m_size = size;
-}
-
-std::byte* MessageBytes::append(std::uint32_t size) {
+std::byte* MessageBytes::appendInNewPlace(std::uint32_t size) {
     if (size > std::numeric_limits<std::uint32_t>::max() - m_size) return nullptr;
     const std::uint32_t needed = m_size + size;
-    if (!isOwn() || needed > capacity()) {
-        const std::uint32_t spare = std::numeric_limits<std::uint32_t>::max() - needed;
-        const std::uint32_t slack = m_heap ? std::min({m_size, kSlack, spare}) : 0;
-        if (!moveTo(needed + slack)) return nullptr;
-    }
+    const std::uint32_t spare = std::numeric_limits<std::uint32_t>::max() - needed;
+    const std::uint32_t slack = m_heap ? std::min({m_size, kSlack, spare}) : 0;
+    if (!moveTo(needed + slack)) return nullptr;
     m_size = needed;
-    return own() + (needed - size);
-}
-
-std::byte* MessageBytes::own() {
-    if (!isOwn() && !moveTo(m_size)) return nullptr;
-    return m_heap ? m_heap.data() : m_inline;
+    return ownStart() + (needed - size);
 }
 
 bool MessageBytes::moveTo(std::uint32_t capacity) {

@@ -1,6 +1,5 @@
 #include "VCDataBlock.h"
 
-#include <bit>
 #include <cstring>
 #include <limits>
 
@@ -11,32 +10,6 @@ NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VCDataBlock")
 namespace VirtualChannelAgent {
 
 using VDIFrameworkCommon::SharedBytes;
-
-static_assert(std::endian::native == std::endian::little);
-
-namespace {
-
-constexpr std::size_t kTypeOffset = 4;
-constexpr std::size_t kSizeOffset = 5;
-
-}  // namespace
-
-RecordHeader RecordHeader::read(const void* from) {
-    const auto bytes = static_cast<const unsigned char*>(from);
-    RecordHeader header;
-    std::memcpy(&header.flag, bytes, sizeof header.flag);
-    header.type = bytes[kTypeOffset];
-    std::memcpy(&header.size, bytes + kSizeOffset, sizeof header.size);
-    return header;
-}
-
-void RecordHeader::write(void* to) const {
-    const auto bytes = static_cast<unsigned char*>(to);
-    std::memset(bytes, 0, kSize);
-    std::memcpy(bytes, &flag, sizeof flag);
-    bytes[kTypeOffset] = type;
-    std::memcpy(bytes + kSizeOffset, &size, sizeof size);
-}
 
 VCDataBlock::VCDataBlock(unsigned char type, const std::string& text) {
     build(type, text.data(), text.size());

@@ -6,32 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "RecordHeader.h"
 #include "SharedBytes.h"
 
 namespace VirtualChannelAgent {
-
-// The 20 bytes before the value of a block and, with another flag, before the blocks of a message.
-// Little-endian and packed on the wire:
-//
-//     offset  width  field
-//          0      2  flag: 0xCDCD for a block, 0xCBCB for a message
-//          2      2  a message's checksum, always 0 and never checked; 0 in a block
-//          4      1  type: a block's field code, a message's message type
-//          5      4  size of the whole block or message in bytes, these 20 included
-//          9     11  0
-struct RecordHeader {
-    static constexpr std::uint32_t kSize = 20;
-    static constexpr std::uint16_t kBlockFlag = 0xCDCD;
-    static constexpr std::uint16_t kMessageFlag = 0xCBCB;
-
-    std::uint16_t flag = 0;
-    std::uint8_t type = 0;
-    std::uint32_t size = 0;
-
-    // `from` and `to`: at least `kSize` bytes.
-    static RecordHeader read(const void* from);
-    void write(void* to) const;
-};
 
 // One block: its header and value, in one heap buffer of its own. A block that cannot be built or
 // parsed is invalid, and its accessors then return nothing (0, empty or null). Not synchronised.

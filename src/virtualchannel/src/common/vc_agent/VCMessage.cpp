@@ -84,7 +84,8 @@ std::byte* VCMessage::addBlock(std::uint8_t code, std::size_t valueSize) {
         return nullptr;
     }
     RecordHeader{RecordHeader::kBlockFlag, code, blockSize}.write(block);
-    writeHeader();
+    const std::uint32_t total = m_bytes.size();
+    std::memcpy(block + blockSize - total + RecordHeader::kSizeOffset, &total, sizeof total);
     return block + kHeaderSize;
 }
 
@@ -243,21 +244,24 @@ bool VCMessage::parseInPlace(const void* data, unsigned int length) {
 }
 
 bool VCMessage::parse(const void* data, unsigned int length, Keep keep) {
-    reset();
-    if (!verifyData(data, length)) return false;
-    const std::uint8_t type = RecordHeader::read(data).type;
+    if (!verifyData(data, length)) {
+        reset();
+        return false;
+    }
     const std::uint32_t end = endOfGoodBlocks(static_cast<const std::byte*>(data), length);
     const bool whole = end == length;
-    if (whole && keep == Keep::InPlace) {
+    const bool inPlace = whole && keep == Keep::InPlace;
+    m_type = RecordHeader::read(data).type;
+    m_initialized = true;
+    if (inPlace) {
         m_bytes.borrow(data, length);
-    } else if (!m_bytes.assign(data, end)) {
+    } else if (m_bytes.assign(data, end)) {
+        writeHeader();
+    } else {
         NORVO_LOG(Error, "Malloc failed, size: ", end);
         reset();
         return false;
     }
-    m_type = type;
-    m_initialized = true;
-    if (!whole || keep == Keep::Copy) writeHeader();
     if (!whole) NORVO_LOG(Warning, "Parse error.");
     return whole;
 }
