@@ -96,6 +96,7 @@ Subprocess::Subprocess(Subprocess&& other) noexcept
       m_output(std::exchange(other.m_output, -1)),
       m_status(other.m_status),
       m_reaped(other.m_reaped),
+      m_ended(other.m_ended),
       m_pending(std::move(other.m_pending)) {}
 
 Subprocess::~Subprocess() {
@@ -107,6 +108,18 @@ Subprocess::~Subprocess() {
     if (m_output >= 0) close(m_output);
 }
 
+bool Subprocess::readMore(std::chrono::steady_clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd waited{m_output, POLLIN, 0};
+    if (left.count() <= 0 || poll(&waited, 1, static_cast<int>(left.count())) <= 0) return false;
+    char bytes[4096];
+    const ssize_t got = read(m_output, bytes, sizeof bytes);
+    if (got > 0) m_pending.append(bytes, static_cast<size_t>(got));
+    m_ended = got <= 0;
+    return !m_ended;
+}
+
 std::string Subprocess::readLine(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -115,15 +128,15 @@ std::string Subprocess::readLine(std::chrono::milliseconds timeout) {
             m_pending.erase(0, end + 1);
             return line;
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd waited{m_output, POLLIN, 0};
-        if (left.count() <= 0 || poll(&waited, 1, static_cast<int>(left.count())) <= 0) return {};
-        char bytes[4096];
-        const ssize_t got = read(m_output, bytes, sizeof bytes);
-        if (got <= 0) return std::exchange(m_pending, {});
-        m_pending.append(bytes, static_cast<size_t>(got));
+        if (!readMore(deadline)) return m_ended ? std::exchange(m_pending, {}) : std::string();
     }
+}
+
+std::string Subprocess::readAll(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (readMore(deadline)) {
+    }
+    return std::exchange(m_pending, {});
 }
 
 void Subprocess::writeLine(const std::string& line) {

@@ -27,6 +27,8 @@ public:
     // One line of the child's standard output without its end; empty at the end of output or after
     // `timeout`.
     std::string readLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // What is left of the output, up to its end or `timeout`.
+    std::string readAll(std::chrono::milliseconds timeout = std::chrono::seconds(60));
     // Writes `line` and a line end to the child's standard input.
     void writeLine(const std::string& line);
     void closeInput();
@@ -40,11 +42,15 @@ public:
     int wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
 private:
+    // Adds what comes to m_pending. False at the end of the output, or at `deadline`.
+    bool readMore(std::chrono::steady_clock::time_point deadline);
+
     pid_t m_pid = -1;
     int m_input = -1;
     int m_output = -1;
     int m_status = -1;
     bool m_reaped = false;
+    bool m_ended = false;  // the output
     std::string m_pending;
 };
 

@@ -1,0 +1,268 @@
+// vcctl end to end: real hosts with the real library, joined over loopback TCP.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "SessionObjects.h"
+#include "Subprocess.h"
+#include "TempDir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using support::Subprocess;
+using testsupport::TempDir;
+
+struct Outcome {
+    int status;
+    std::string text;  // of standard output and standard error
+};
+
+std::string contentOf(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// One end: a session namespace with a home directory of its own.
+class Side {
+public:
+    explicit Side(std::string name) : m_namespace(std::move(name)) {
+        std::filesystem::create_directories(home());
+    }
+    ~Side() { support::removeSessionObjects(m_namespace); }
+    Side(const Side&) = delete;
+    Side& operator=(const Side&) = delete;
+
+    std::filesystem::path home() const { return std::filesystem::path(m_directory / "home"); }
+    std::filesystem::path file(const std::string& name) const {
+        return std::filesystem::path(m_directory / name);
+    }
+
+    // `arguments` as in a shell, standard error joined to standard output.
+    Subprocess start(const std::string& arguments) const {
+        return Subprocess({"/bin/sh", "-c", "exec " VCCTL_PROGRAM " " + arguments + " 2>&1"},
+                          {"NORVO_VDI_NAMESPACE=" + m_namespace, "HOME=" + home().string()});
+    }
+    Outcome run(const std::string& arguments) const {
+        Subprocess process = start(arguments);
+        std::string text = process.readAll();
+        return {process.wait(20s), std::move(text)};
+    }
+
+private:
+    const std::string m_namespace;
+    const TempDir m_directory;
+};
+
+std::string uniqueName(const std::string& side) {
+    static std::atomic<int> count{0};
+    return "nvt" + std::to_string(getpid()) + "v" + std::to_string(++count) + side;
+}
+
+// Waits for the line that starts so; what came instead when it does not come.
+std::string lineStarting(Subprocess& process, const std::string& start) {
+    std::string seen;
+    for (std::string line; !(line = process.readLine(20s)).empty(); seen += line + '\n') {
+        if (line.rfind(start, 0) == 0) return line;
+    }
+    return seen;
+}
+
+class VcctlAcrossProcesses : public ::testing::Test {
+protected:
+    void joinHosts(const std::string& nearOptions = "") {
+        m_nearHost =
+            std::make_unique<Subprocess>(m_near.start("host --listen 127.0.0.1:0 " + nearOptions));
+        const std::string line = lineStarting(*m_nearHost, "listening on ");
+        m_address = line.substr(line.rfind(' ') + 1);
+        m_farHost = std::make_unique<Subprocess>(m_far.start("host --connect " + m_address));
+        ASSERT_EQ(lineStarting(*m_nearHost, "joined").substr(0, 6), "joined");
+    }
+    // The exit status of both.
+    static int end(Subprocess& host) {
+        host.signal(SIGTERM);
+        return host.wait(10s);
+    }
+
+    Side m_near{uniqueName("a")};
+    Side m_far{uniqueName("b")};
+    std::string m_address;
+    std::unique_ptr<Subprocess> m_nearHost;
+    std::unique_ptr<Subprocess> m_farHost;
+};
+
+TEST_F(VcctlAcrossProcesses, AFileGoesThroughWholeAndTheCaptureTellsTheStory) {
+    joinHosts("--capture " + m_near.file("session.pcapng").string());
+    std::string content(3'000'000, '\0');
+    for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * i >> 7);
+    std::ofstream(m_near.file("original"), std::ios::binary) << content;
+
+    Subprocess receiver = m_far.start("recv Media " + m_far.file("copy").string());
+    const Outcome sent = m_near.run("send Media " + m_near.file("original").string());
+    EXPECT_EQ(sent.status, 0) << sent.text;
+    EXPECT_EQ(receiver.wait(20s), 0);
+    EXPECT_TRUE(contentOf(m_far.file("copy")) == content);
+
+    const Outcome streams = m_near.run("streams");
+    EXPECT_NE(streams.text.find("Media"), std::string::npos) << streams.text;
+    EXPECT_NE(streams.text.find("Info_VC2STREAM"), std::string::npos) << streams.text;
+
+    EXPECT_EQ(end(*m_nearHost), 0);
+    const Outcome decoded = m_near.run("decode " + m_near.file("session.pcapng").string());
+    EXPECT_EQ(decoded.status, 0);
+    for (const char* part : {"-> CTL_CONNECT", "<- CTL_CONNECT", "CTL_S_CREATE stream=\"Media\"",
+                             "-> CTL_S_ROUTE stream=\"Media\"", "channel-version=\"1.0.679.0\""}) {
+        EXPECT_NE(decoded.text.find(part), std::string::npos) << part;
+    }
+    EXPECT_EQ(end(*m_farHost), 0);
+}
+
+TEST_F(VcctlAcrossProcesses, LinesArriveOneByOneAndInBothDirections) {
+    joinHosts();
+    Subprocess receiver = m_near.start("recv Generic --lines --count 2 --raw");
+    Subprocess sender = m_far.start("send Generic --lines --raw");
+    sender.writeLine("first");
+    EXPECT_EQ(receiver.readLine(), "first");
+    sender.writeLine("");
+    sender.writeLine("second");
+    EXPECT_EQ(receiver.readLine(), "second");
+    sender.closeInput();
+    EXPECT_EQ(sender.wait(20s), 0);
+    EXPECT_EQ(receiver.wait(20s), 0);
+}
+
+TEST_F(VcctlAcrossProcesses, QuestionsAreAnsweredAndNewsIsPrinted) {
+    joinHosts();
+    const Outcome kind = m_near.run("ask RequestEnviromentType");
+    EXPECT_EQ(kind.status, 0);
+    EXPECT_NE(kind.text.find("EnviromentType tcp"), std::string::npos) << kind.text;
+    EXPECT_EQ(m_near.run("ask FlushLog").status, 0);
+    const Outcome handle = m_near.run("ask GetWindowHandle --json 4711");
+    EXPECT_NE(handle.text.find("\"fields\":[\"0\"],\"name\":\"GetWindowHandle\""),
+              std::string::npos)
+        << handle.text;
+
+    Subprocess watcher = m_far.start("watch --json");
+    EXPECT_NE(watcher.readLine(), "");  // it hears the agent
+    m_farHost->signal(SIGHUP);
+    EXPECT_NE(lineStarting(*m_farHost, "left").find("dropped on request"), std::string::npos);
+    std::string line;
+    do {
+        line = watcher.readLine();
+    } while (!line.empty() && line.find("\"ChannelDown\"") == std::string::npos);
+    EXPECT_NE(line, "") << "the loss of the channel was not announced";
+    watcher.signal(SIGINT);
+    EXPECT_EQ(watcher.wait(10s), 130);
+}
+
+TEST_F(VcctlAcrossProcesses, AHostThatIsKilledIsReplacedAndTheStreamGoesOn) {
+    joinHosts();
+    m_farHost->kill();
+    m_farHost->wait(10s);
+    EXPECT_EQ(lineStarting(*m_nearHost, "left").substr(0, 4), "left");
+    m_farHost = std::make_unique<Subprocess>(m_far.start("host --connect " + m_address));
+    EXPECT_EQ(lineStarting(*m_nearHost, "joined").substr(0, 6), "joined");
+    Subprocess receiver = m_far.start("recv Basic --lines");
+    const Outcome sent = m_near.run("send Basic --lines /etc/hostname");
+    EXPECT_EQ(sent.status, 0) << sent.text;
+    EXPECT_EQ(receiver.readLine() + '\n', contentOf("/etc/hostname"));
+    EXPECT_EQ(receiver.wait(20s), 0);
+}
+
+TEST_F(VcctlAcrossProcesses, AStrangerEndsItsConnectionAndNotTheHost) {
+    Subprocess host = m_near.start("host --listen 127.0.0.1:0");
+    const std::string line = lineStarting(host, "listening on ");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port =
+        htons(static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1))));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int stranger = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(connect(stranger, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const std::string request = "GET / HTTP/1.1\r\n\r\n";
+    ASSERT_EQ(write(stranger, request.data(), request.size()),
+              static_cast<ssize_t>(request.size()));
+    EXPECT_NE(lineStarting(host, "left").find("not a host of this kind"), std::string::npos);
+    close(stranger);
+
+    const std::string port = line.substr(line.rfind(' ') + 1);
+    const Outcome second = m_far.run("host --listen " + port);
+    EXPECT_EQ(second.status, 1);
+    EXPECT_NE(second.text.find("the port is in use"), std::string::npos) << second.text;
+    EXPECT_EQ(end(host), 0);
+}
+
+struct WrongUse {
+    const char* arguments;
+    int status;
+    const char* text;
+};
+
+TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
+    const WrongUse uses[] = {
+        {"", 2, "subcommand"},
+        {"host", 2, "--listen ADDR:PORT or --connect ADDR:PORT"},
+        {"host --listen 192.0.2.1:7000", 2, "--allow-remote"},
+        {"host --listen nonsense", 2, "ADDR:PORT"},
+        {"host --kind morse --listen 127.0.0.1:0", 2, "--kind"},
+        {"host --listen 127.0.0.1:0 --library /etc/hostname", 1, "cannot load the plug-in library"},
+        {"ask Nonsense", 2, "RequestVCProcessId"},
+        {"ask CreateStream Media", 2, "CreateStream NAME SIZE"},
+        {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
+        {"send Media --wait 0.3 /etc/hostname", 1, "vcctl host"},
+        {"send Media /no/such/file", 1, "No such file"},
+        {"recv a/b", 2, "letters, digits"},
+        {"recv Media --wait 0.3", 1, "no agent answers"},
+        {"recv Media /no/such/folder/file", 1, "cannot write"},
+        {"decode /etc/hostname", 1, "not a pcapng capture"},
+        {"demo /no/such/file", 2, "/no/such/file"},
+    };
+    for (const WrongUse& use : uses) {
+        const Outcome outcome = m_near.run(use.arguments);
+        EXPECT_EQ(outcome.status, use.status) << use.arguments << '\n' << outcome.text;
+        EXPECT_NE(outcome.text.find(use.text), std::string::npos) << use.arguments << '\n'
+                                                                  << outcome.text;
+    }
+}
+
+TEST_F(VcctlAcrossProcesses, AFullDiskIsReportedAndTheSessionGoesOn) {
+    joinHosts("--capture /dev/full");
+    Subprocess receiver = m_far.start("recv Media /dev/full");
+    const Outcome sent = m_near.run("send Media " VCCTL_PROGRAM);
+    EXPECT_EQ(sent.status, 0) << sent.text;
+    EXPECT_NE(receiver.readAll().find("No space left"), std::string::npos);
+    EXPECT_EQ(receiver.wait(20s), 1);
+    EXPECT_EQ(end(*m_nearHost), 0);
+    EXPECT_NE(m_nearHost->readAll().find("the capture to /dev/full stops here"), std::string::npos);
+    EXPECT_EQ(end(*m_farHost), 0);
+}
+
+TEST_F(VcctlAcrossProcesses, TheDemoPassesOnEveryTransportAndLeavesNothing) {
+    std::ofstream(m_near.file("small"), std::ios::binary) << std::string(100'000, 'n');
+    for (const char* kind : {"tcp", "citrix", "vmware", "rdp"}) {
+        Subprocess demo = m_near.start("demo --seconds 1 --kind " + std::string(kind) + " " +
+                                       m_near.file("small").string());
+        const std::string text = demo.readAll();
+        EXPECT_EQ(demo.wait(20s), 0) << text;
+        EXPECT_NE(text.find("the same on return"), std::string::npos) << text;
+        const std::string mark = "demo" + std::to_string(demo.pid());
+        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+            EXPECT_EQ(entry.path().filename().string().find(mark), std::string::npos)
+                << entry.path();
+        }
+    }
+}
+
+}  // namespace
