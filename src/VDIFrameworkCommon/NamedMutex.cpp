@@ -135,7 +135,8 @@ bool NamedMutex::unlock() {
     if (!m_object) return false;
     NamedObjectWords& words = m_object->words();
     const Identity me = ProcessIdentity::own();
-    if (m_holder.load(std::memory_order_relaxed) == me && m_holder.exchange(0) == me) {
+    if (m_holder.load(std::memory_order_relaxed) == me) {
+        m_holder.store(0, std::memory_order_relaxed);
         return release(words, me);
     }
     const Identity owner = words.owner.load();
