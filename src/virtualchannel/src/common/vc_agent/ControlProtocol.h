@@ -67,7 +67,7 @@ private:
     void sendCapabilities(MessageTypeEnum type);
 
     StreamPtr findOpposite(const StreamDetails& stream) NORVO_TAKES_STREAMS;
-    StreamPtr recreate(const StreamDetails& stream) NORVO_TAKES_CREATION;
+    StreamPtr recreate(const StreamDetails& wanted) NORVO_TAKES_CREATION;
     void route(const StreamPtr& stream, const Received& received) NORVO_TAKES_STREAMS;
     void sendError(const StreamDetails& stream) NORVO_TAKES_LEAF;
 

@@ -38,14 +38,14 @@ bool PeerCapabilities::streamsAreKnown() const {
 
 bool PeerCapabilities::supports(const std::string& streamName) const {
     OrderedLock lock(m_mutex, lock_order::leaf);
-    return m_streams.count(streamName) > 0;
+    return m_streams.contains(streamName);
 }
 
 std::string PeerCapabilities::getInvalidStreams() const {
     OrderedLock lock(m_mutex, lock_order::leaf);
     std::string invalid;
     for (const auto& name : supportedStreamNames()) {
-        if (m_streams.count(name) == 0) invalid.append(name).append("-");
+        if (!m_streams.contains(name)) invalid.append(name).append("-");
     }
     return invalid;
 }

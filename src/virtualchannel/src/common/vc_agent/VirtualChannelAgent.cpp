@@ -66,7 +66,7 @@ struct Agent::Parts {
     bool m_ended NORVO_GUARDED_BY(m_lifecycleMutex) = false;
 };
 
-Agent::Agent(VirtualChannel* channel, std::string name,
+Agent::Agent(VirtualChannel* channel, const std::string& name,
              std::shared_ptr<AgentEnvironment> environment)
     : m_parts(std::make_unique<Parts>(name, std::move(environment))) {
     const AgentContext& m_context = m_parts->m_context;

@@ -31,7 +31,7 @@ public:
     // Sets up the two INFO segments and attaches itself to `channel` (may be null; not owned),
     // which may call it back from then on. `name` begins every log line. `environment` is the
     // machine that the agent runs on; null stands for the real one.
-    Agent(NorvoVirtualChannel::VirtualChannel* channel, std::string name,
+    Agent(NorvoVirtualChannel::VirtualChannel* channel, const std::string& name,
           std::shared_ptr<AgentEnvironment> environment = nullptr);
 
     // Ends whatever stop() has not: the threads, the streams, the place in the channel. In contrast
