@@ -112,7 +112,7 @@ TEST(WorkerThreadTest, RunsABatchInOrderAndUnbroken) {
     for (const char* name : {"a", "b", "c"}) batch.push_back(note(journal, name));
     WorkerThread worker;
     worker.Start();
-    worker.AddWork(std::move(batch), true);
+    worker.AddWork(batch, true);
     ASSERT_TRUE(journal.waitFor(3));
     EXPECT_THAT(journal.entries(), ElementsAre("a", "b", "c"));
 }

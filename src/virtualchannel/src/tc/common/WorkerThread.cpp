@@ -3,17 +3,23 @@
 #include <algorithm>
 #include <utility>
 
+#include "CpuRelax.h"
+#include "CurrentCpu.h"
 #include "Log.h"
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/tc/common/WorkerThread")
 
 namespace NorvoVirtualChannel::tc {
 
+using VDIFrameworkCommon::AdaptiveSpin;
+using VDIFrameworkCommon::cpuRelax;
+using VDIFrameworkCommon::currentCpu;
 using VDIFrameworkCommon::LocalLock;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 constexpr unsigned int kHighPriorityPerLow = 3;
+constexpr int kLooksPerClockRead = 16;
 }
 
 WorkerThread::WorkerThread(Pause pause) : m_pause(std::move(pause)) {
@@ -52,10 +58,10 @@ void WorkerThread::AddWork(WorkItem item, bool lowPriority) {
     } else {
         addHighPriorityWork(std::move(item));
     }
-    wakeForWork();
+    traceAndWake();
 }
 
-void WorkerThread::AddWork(std::vector<WorkItem> items, bool lowPriority) {
+void WorkerThread::AddWork(std::span<WorkItem> items, bool lowPriority) {
     NORVO_LOG(Trace, "WorkerThread::AddWork()");
     Queue& queue = lowPriority ? m_lowPriority : m_highPriority;
     {
@@ -67,17 +73,21 @@ void WorkerThread::AddWork(std::vector<WorkItem> items, bool lowPriority) {
         }
         m_queued += items.size();
     }
-    wakeForWork();
+    traceAndWake();
 }
 
-void WorkerThread::wakeForWork() {
+void WorkerThread::traceAndWake() {
     NORVO_LOG(Trace, "Size of work queue after adding an item: ", highPriorityQueueSize());
     NORVO_LOG(Trace, "Signal mutex at AddWork()...");
-    {
-        LocalLock lock(m_workMutex);
-        m_workCondition.notify_all();
-    }
+    if (m_parked) wake();
     NORVO_LOG(Trace, "Unlock mutex at AddWork()...");
+}
+
+void WorkerThread::wake() {
+    m_wokenAt.store(Clock::now(), std::memory_order_relaxed);
+    m_wakerCpu.store(currentCpu(), std::memory_order_relaxed);
+    { LocalLock lock(m_workMutex); }
+    m_workCondition.notify_all();
 }
 
 void WorkerThread::append(Queue& queue, WorkItem item, const char* label) {
@@ -150,10 +160,38 @@ int WorkerThread::DoWork() {
 }
 
 void WorkerThread::waitForWork() {
-    LocalLock lock(m_workMutex);
     NORVO_LOG(Trace, "work Mutex locked at DoWork(), waiting for condition...");
-    while (m_running && QueueSize() == 0) m_workCondition.wait(m_workMutex);
+    const Clock::time_point start = Clock::now();
+    if (spinForWork(start)) {
+        m_spin.notified(AdaptiveSpin::Duration::zero(), AdaptiveSpin::Duration::zero());
+    } else {
+        park(start);
+    }
     NORVO_LOG(Trace, "work Mutex locked at DoWork(), END waiting for condition");
+}
+
+// Items that follow each other closely are met without the price of a wake-up.
+bool WorkerThread::spinForWork(Clock::time_point start) const {
+    const auto budget = m_spin.budget(m_wakerCpu.load(std::memory_order_relaxed), currentCpu());
+    if (budget == AdaptiveSpin::Duration::zero()) return false;
+    do {
+        for (int i = 0; i < kLooksPerClockRead; ++i) {
+            if (QueueSize() != 0) return true;
+            cpuRelax();
+        }
+    } while (m_running && Clock::now() - start < budget);
+    return false;
+}
+
+void WorkerThread::park(Clock::time_point start) {
+    {
+        LocalLock lock(m_workMutex);
+        m_parked = true;
+        while (m_running && m_queued == 0) m_workCondition.wait(m_workMutex);
+        m_parked = false;
+    }
+    const Clock::time_point end = Clock::now();
+    m_spin.notified(end - start, end - m_wokenAt.load(std::memory_order_relaxed));
 }
 
 void WorkerThread::drain() {

@@ -6,9 +6,10 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <span>
 #include <thread>
-#include <vector>
 
+#include "AdaptiveSpin.h"
 #include "LocalMutex.h"
 
 namespace NorvoVirtualChannel::tc {
@@ -51,8 +52,9 @@ public:
 
     // An empty item is queued and skipped.
     void AddWork(WorkItem item, bool lowPriority);
-    // Queues all items in their order, next to each other, with one wake-up.
-    void AddWork(std::vector<WorkItem> items, bool lowPriority);
+    // Takes all items, which are left empty, and queues them in their order, next to each other,
+    // with one wake-up.
+    void AddWork(std::span<WorkItem> items, bool lowPriority);
 
     // The steps of AddWork() without the wake-up.
     void addLowPriorityWork(WorkItem item);
@@ -91,8 +93,11 @@ private:
     void append(Queue& queue, WorkItem item, const char* label);
     WorkItem pop(Queue& queue, const char* label);
     void clear(Queue& queue);
-    void wakeForWork();
+    void traceAndWake();
+    void wake();
     void waitForWork();
+    bool spinForWork(std::chrono::steady_clock::time_point start) const;
+    void park(std::chrono::steady_clock::time_point start);
     void drain();
     void pauseIfDue(int& countdown);
     void sleep(std::chrono::milliseconds time);
@@ -115,14 +120,20 @@ private:
     // How much longer than asked the last pause took; only on the worker's thread.
     std::chrono::steady_clock::duration m_overslept{0};
 
-    // Guards no data of its own: whoever changes the queues or m_running passes through it before
-    // notifying, so that a thread between its test and its wait misses nothing. Taken before a
-    // queue's mutex, never after.
+    // Whoever changes m_queued or m_running and then finds m_parked set passes through the mutex
+    // before notifying; the worker sets m_parked before it looks at the two a last time. So a thread
+    // between its look and its wait misses nothing. Taken before a queue's mutex, never after.
     VDIFrameworkCommon::LocalMutex m_workMutex;
     VDIFrameworkCommon::LocalCondition m_workCondition;
     VDIFrameworkCommon::LocalCondition m_stopCondition;
     VDIFrameworkCommon::LocalCondition m_endCondition;
     bool m_ended NORVO_GUARDED_BY(m_workMutex) = true;
+    std::atomic<bool> m_parked{false};
+
+    VDIFrameworkCommon::AdaptiveSpin m_spin;
+    // When and on which processor the parked worker was last notified.
+    std::atomic<std::chrono::steady_clock::time_point> m_wokenAt{};
+    std::atomic<int> m_wakerCpu{-1};
 
     VDIFrameworkCommon::LocalMutex m_joinMutex;
     std::thread m_thread NORVO_GUARDED_BY(m_joinMutex);

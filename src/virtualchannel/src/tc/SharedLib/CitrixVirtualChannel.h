@@ -1,0 +1,31 @@
+#pragma once
+
+#include <atomic>
+
+#include "LanguageAbstraction.h"
+#include "TransportChannel.h"
+
+namespace NorvoVirtualChannel::tc {
+
+// Kind 1. Shutdown() ends it for good, worker included, once an observer has been attached.
+class CitrixVirtualChannel final : public TransportChannel {
+public:
+    // Made on the first call, from any thread, and never deleted.
+    static CitrixVirtualChannel* GetInstance();
+
+    explicit CitrixVirtualChannel(WorkerThread::Pause pause = {});
+    ~CitrixVirtualChannel() override;
+
+    int SendData(const void* data, unsigned int length, bool lowPriority) override;
+    int ReceiveData(const void* data, unsigned int length) override;
+
+    // The session's window as the host tells it; zeros when it does not.
+    ICAWindowInfo GetICAWindowInfo();
+
+private:
+    void shutdownSteps() override;
+
+    std::atomic<bool> m_shutDown{false};
+};
+
+}  // namespace NorvoVirtualChannel::tc

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <span>
+
+#include "Packets.h"
+#include "WorkerThread.h"
+
+namespace NorvoVirtualChannel::tc {
+
+// One wire packet on its way to the host.
+class DataWorker : public WorkObject {
+public:
+    // Copies the `size` bytes at `data`. `verbose` is the flag that goes with them to the host;
+    // `packetId` is only traced.
+    DataWorker(const void* data, unsigned int size, bool verbose, int packetId);
+    // Takes a valid packet over and sends it from where it lies.
+    DataWorker(std::unique_ptr<Packet> packet, bool verbose);
+    ~DataWorker() override;
+
+    // Hands the bytes to the host's append callback, once, if the outgoing gate is open. Always 0.
+    int DoWork() override;
+
+private:
+    void traceMaking(int packetId) const;
+
+    const std::unique_ptr<Packet> m_packet;
+    const std::unique_ptr<std::byte[]> m_copy;
+    const std::span<const std::byte> m_bytes;
+    const bool m_verbose;
+};
+
+}  // namespace NorvoVirtualChannel::tc

@@ -1,0 +1,78 @@
+#include "HostCallbacks.h"
+
+#include "PluginLog.h"
+#include "ReentryMark.h"
+
+namespace NorvoVirtualChannel::tc {
+
+using VDIFrameworkCommon::LocalLock;
+
+namespace {
+constexpr char kQuestion = 0;  // its address is the mark of a thread that asks the host
+}
+
+HostCallbacks& HostCallbacks::GetInstance() {
+    static HostCallbacks* const only = new HostCallbacks;  // outlives the threads that use it
+    return *only;
+}
+
+void HostCallbacks::setAppendBuffer(AppendBufferFunc append, void* context) {
+    LocalLock lock(m_mutex);
+    m_append = append;
+    m_context = context;
+}
+
+std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, bool flag) {
+    if (flag) logMessage(2, "AppendDataToBuffer()");
+    if (!m_active) {
+        logMessage(1, "channel_Active = false, will NOT appendBuffer");
+        return 0;
+    }
+    AppendBufferFunc append = nullptr;
+    void* context = nullptr;
+    {
+        LocalLock lock(m_mutex);
+        append = m_append;
+        context = m_context;
+    }
+    if (append) {
+        append(data, length, flag ? 1 : 0, context);
+    } else {
+        logMessage(5, "appendBuffer is NULL");
+    }
+    return 0;
+}
+
+int HostCallbacks::isSeamlessMode() const {
+    const IsSeamlessModeFunc function = m_isSeamlessMode;
+    if (!function) {
+        logMessage(5, "_IsSeamlessMode is NULL");
+        return -1;
+    }
+    const ReentryMark mark(&kQuestion);
+    return function();
+}
+
+ICAWindowInfo HostCallbacks::windowInfo() const {
+    const GetWindowInfoFunc function = m_getWindowInfo;
+    if (!function) {
+        logMessage(1, "_GetICAWindowInfo is NULL");
+        return {};
+    }
+    const ReentryMark mark(&kQuestion);
+    return function();
+}
+
+void* HostCallbacks::clientWindow(void* serverWindow) const {
+    const GetClientWindowHandleFromServerWindowHandleFunc function = m_getClientWindow;
+    if (!function) {
+        logMessage(5, "_GetClientWindowHandleFromServerWindowHandle is NULL");
+        return nullptr;
+    }
+    const ReentryMark mark(&kQuestion);
+    return function(serverWindow);
+}
+
+bool HostCallbacks::askedByThisThread() { return ReentryMark::isSet(&kQuestion); }
+
+}  // namespace NorvoVirtualChannel::tc

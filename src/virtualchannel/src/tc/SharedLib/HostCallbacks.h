@@ -1,0 +1,52 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "LanguageAbstraction.h"
+#include "LocalMutex.h"
+
+namespace NorvoVirtualChannel::tc {
+
+// What the host has lent the plug-in, and the gate that outgoing packets pass. One per process.
+// Thread-safe; no lock is held while a callback runs.
+class HostCallbacks {
+public:
+    static HostCallbacks& GetInstance();
+
+    HostCallbacks() = default;
+    HostCallbacks(const HostCallbacks&) = delete;
+    HostCallbacks& operator=(const HostCallbacks&) = delete;
+
+    // Null takes the callback away. A call of the old one may still be under way on return.
+    void setAppendBuffer(AppendBufferFunc append, void* context);
+    void setActive(bool active) { m_active = active; }
+    // Hands the bytes to the host's callback if the gate is open; else drops them with a log line.
+    // Always 0.
+    std::uint32_t appendData(const void* data, std::uint32_t length, bool flag);
+
+    void setIsSeamlessMode(IsSeamlessModeFunc function) { m_isSeamlessMode = function; }
+    void setGetWindowInfo(GetWindowInfoFunc function) { m_getWindowInfo = function; }
+    void setGetClientWindow(GetClientWindowHandleFromServerWindowHandleFunc function) {
+        m_getClientWindow = function;
+    }
+
+    // The callbacks' answers; without a callback -1, zeros and null.
+    int isSeamlessMode() const;
+    ICAWindowInfo windowInfo() const;
+    void* clientWindow(void* serverWindow) const;
+
+    // True on a thread that is inside one of the three questions above.
+    static bool askedByThisThread();
+
+private:
+    VDIFrameworkCommon::LocalMutex m_mutex;
+    AppendBufferFunc m_append NORVO_GUARDED_BY(m_mutex) = nullptr;
+    void* m_context NORVO_GUARDED_BY(m_mutex) = nullptr;
+    std::atomic<bool> m_active{false};
+    std::atomic<IsSeamlessModeFunc> m_isSeamlessMode{nullptr};
+    std::atomic<GetWindowInfoFunc> m_getWindowInfo{nullptr};
+    std::atomic<GetClientWindowHandleFromServerWindowHandleFunc> m_getClientWindow{nullptr};
+};
+
+}  // namespace NorvoVirtualChannel::tc

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+#include "LocalMutex.h"
+#include "ReentryMark.h"
+#include "VirtualChannel.h"
+
+namespace NorvoVirtualChannel::tc {
+
+// Whether an observer is called by one thread at a time.
+enum class ObserverCalls { OneAtATime, Concurrent };
+
+// The place of a channel's one observer, which is not owned. Thread-safe; no lock is held while the
+// observer runs, and it may come back into the slot on its own thread.
+class ObserverSlot {
+public:
+    explicit ObserverSlot(ObserverCalls calls) : m_calls(calls) {}
+
+    // Replaces the observer; null empties the place. With OneAtATime, calls of the old one by other
+    // threads are over on return.
+    void set(Observer* observer);
+
+    // Empties the place and waits until no other thread is inside the observer. False when one
+    // still was after `limit`.
+    bool clearAndWait(std::chrono::milliseconds limit);
+
+    // Calls `call` with the observer, when there is one. Whether there was.
+    template <class Call>
+    bool notify(const Call& call) {
+        Observer* const observer = enter();
+        if (!observer) return false;
+        {
+            const ReentryMark mark(this);
+            call(*observer);
+        }
+        leave();
+        return true;
+    }
+
+    // Whether the calling thread is inside the observer.
+    bool insideOnThisThread() const { return ReentryMark::isSet(this); }
+
+private:
+    Observer* enter();
+    void leave();
+    bool takesTurns() const;
+    void waitForTurn() NORVO_REQUIRES(m_mutex);
+    void passTurnOn() NORVO_REQUIRES(m_mutex);
+
+    const ObserverCalls m_calls;
+    VDIFrameworkCommon::LocalMutex m_mutex;
+    VDIFrameworkCommon::LocalCondition m_left;
+    Observer* m_observer NORVO_GUARDED_BY(m_mutex) = nullptr;
+    // With OneAtATime, threads are served in the order they came.
+    std::uint64_t m_nextTicket NORVO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_turn NORVO_GUARDED_BY(m_mutex) = 0;
+    int m_inside NORVO_GUARDED_BY(m_mutex) = 0;  // calls under way, nested ones counted too
+};
+
+}  // namespace NorvoVirtualChannel::tc

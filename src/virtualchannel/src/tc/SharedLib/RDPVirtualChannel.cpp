@@ -1,0 +1,51 @@
+#include "RDPVirtualChannel.h"
+
+#include <utility>
+
+#include "KRANRunner.h"
+
+namespace NorvoVirtualChannel::tc {
+
+namespace {
+constexpr ChannelProfile kProfile{
+    .type = 3,
+    .maxMsgSize = 1500,
+    .packetsToSendPerBreak = 10,
+    .breakTime = 3,
+    .observerCalls = ObserverCalls::Concurrent,
+    .name = "RDPVirtualChannel",
+    .source = "src/virtualchannel/src/tc/SharedLib/RDPVirtualChannel",
+};
+}
+
+RDPVirtualChannel* RDPVirtualChannel::GetInstance() {
+    static RDPVirtualChannel* const instance = new RDPVirtualChannel;
+    return instance;
+}
+
+RDPVirtualChannel::RDPVirtualChannel(WorkerThread::Pause pause)
+    : TransportChannel(kProfile, std::move(pause)) {}
+
+RDPVirtualChannel::~RDPVirtualChannel() { release(); }
+
+int RDPVirtualChannel::OnChannelInitialize() {
+    addRunner();
+    return TransportChannel::OnChannelInitialize();
+}
+
+int RDPVirtualChannel::SendData(const void* data, unsigned int length, bool lowPriority) {
+    CHANNEL_LOG(Trace, m_profile.name, "::SendData(),lowPriority = ", lowPriority,
+                ", size = ", length);
+    return TransportChannel::SendData(data, length, lowPriority);
+}
+
+void RDPVirtualChannel::shutdownSteps() {
+    CHANNEL_LOG(Trace, "Shutdown received.");
+    removeRunner();
+    cleanupSharedMemory();
+    if (!notifyShutdown()) return;
+    stopAndDeleteAgent();
+    VirtualChannelLogger_flushBufferIfAllowed();
+}
+
+}  // namespace NorvoVirtualChannel::tc

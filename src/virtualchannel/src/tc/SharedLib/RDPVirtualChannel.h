@@ -1,0 +1,25 @@
+#pragma once
+
+#include "TransportChannel.h"
+
+namespace NorvoVirtualChannel::tc {
+
+// Kind 3. Calls its observer from several threads at once, counts a runner with every
+// initialisation, and goes on carrying packets after Shutdown().
+class RDPVirtualChannel final : public TransportChannel {
+public:
+    // Made on the first call, from any thread, and never deleted.
+    static RDPVirtualChannel* GetInstance();
+
+    explicit RDPVirtualChannel(WorkerThread::Pause pause = {});
+    ~RDPVirtualChannel() override;
+
+    int OnChannelInitialize() override;
+    int SendData(const void* data, unsigned int length, bool lowPriority) override;
+
+private:
+    void beforeAvailabilityChange(bool /*available*/) override {}
+    void shutdownSteps() override;
+};
+
+}  // namespace NorvoVirtualChannel::tc

@@ -1,0 +1,46 @@
+#include "TCPSocketVirtualChannel.h"
+
+#include <utility>
+
+#include "KRANRunner.h"
+
+namespace NorvoVirtualChannel::tc {
+
+namespace {
+constexpr ChannelProfile kProfile{
+    .type = 4,
+    .maxMsgSize = 1500,
+    .packetsToSendPerBreak = 0,
+    .breakTime = 0,
+    .observerCalls = ObserverCalls::OneAtATime,
+    .name = "TCPSocketVirtualChannel",
+    .source = "src/virtualchannel/src/tc/SharedLib/TCPSocketVirtualChannel",
+};
+}
+
+TCPSocketVirtualChannel* TCPSocketVirtualChannel::GetInstance() {
+    static TCPSocketVirtualChannel* const instance = new TCPSocketVirtualChannel;
+    return instance;
+}
+
+TCPSocketVirtualChannel::TCPSocketVirtualChannel(WorkerThread::Pause pause)
+    : GatedChannel(kProfile, std::move(pause)) {
+    addRunner();
+}
+
+TCPSocketVirtualChannel::~TCPSocketVirtualChannel() { release(); }
+
+int TCPSocketVirtualChannel::SendData(const void* data, unsigned int length, bool /*lowPriority*/) {
+    return TransportChannel::SendData(data, length, false);
+}
+
+void TCPSocketVirtualChannel::shutdownSteps() {
+    close();
+    CHANNEL_LOG(Trace, "Shutdown received.");
+    notifyShutdown();
+    removeRunner();
+    cleanupSharedMemory();
+    deleteAgent();
+}
+
+}  // namespace NorvoVirtualChannel::tc

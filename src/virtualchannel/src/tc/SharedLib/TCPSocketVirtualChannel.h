@@ -1,0 +1,23 @@
+#pragma once
+
+#include "GatedChannel.h"
+
+namespace NorvoVirtualChannel::tc {
+
+// Kind 4. Sends without pauses, everything at high priority. Shutdown() closes it until the host
+// calls it active again.
+class TCPSocketVirtualChannel final : public GatedChannel {
+public:
+    // Made on the first call, from any thread, and never deleted.
+    static TCPSocketVirtualChannel* GetInstance();
+
+    explicit TCPSocketVirtualChannel(WorkerThread::Pause pause = {});
+    ~TCPSocketVirtualChannel() override;
+
+    int SendData(const void* data, unsigned int length, bool lowPriority) override;
+
+private:
+    void shutdownSteps() override;
+};
+
+}  // namespace NorvoVirtualChannel::tc

@@ -1,0 +1,236 @@
+#include "TransportChannel.h"
+
+#include <chrono>
+#include <utility>
+#include <vector>
+
+#include "Acknowledgement.h"
+#include "DataWorkers.h"
+#include "HostCallbacks.h"
+#include "KRANRunner.h"
+#include "VirtualChannelAgent.h"
+
+namespace NorvoVirtualChannel::tc {
+
+using VDIFrameworkCommon::LocalLock;
+using namespace std::chrono_literals;
+
+namespace {
+constexpr auto kWorkerEndLimit = 2s;
+constexpr auto kObserverEndLimit = 5s;
+constexpr bool kVerbose = true;
+}  // namespace
+
+struct TransportChannel::Parts {
+    Parts(TransportChannel* channel, const ChannelProfile& profile, WorkerThread::Pause pause)
+        : packetizer(channel, profile.maxMsgSize), worker(std::move(pause)) {
+        worker.setPacketsToSendPerBreak(profile.packetsToSendPerBreak);
+        worker.setBreakTime(profile.breakTime);
+        worker.Start();
+    }
+
+    Packetization packetizer;
+    WorkerThread worker;
+};
+
+TransportChannel::TransportChannel(const ChannelProfile& profile, WorkerThread::Pause pause)
+    : m_profile(profile), m_observer(profile.observerCalls) {
+    CHANNEL_LOG(Trace, m_profile.name, "()");
+    m_parts = std::make_shared<Parts>(this, m_profile, std::move(pause));
+}
+
+TransportChannel::~TransportChannel() = default;
+
+void TransportChannel::release() {
+    ResetChannel();
+    Acknowledgement::Shutdown();
+    deleteParts();
+    LocalLock lock(m_lifeMutex);
+    stopAndDeleteAgent();
+}
+
+std::shared_ptr<TransportChannel::Parts> TransportChannel::parts() {
+    LocalLock lock(m_partsMutex);
+    return m_parts;
+}
+
+// ---- Life
+
+// Both operations wait for threads that may be waiting for the callback to return.
+bool TransportChannel::insideCallback(const char* operation) const {
+    if (!HostCallbacks::askedByThisThread() && !m_observer.insideOnThisThread()) return false;
+    CHANNEL_LOG(Warning, operation, " from inside a callback is ignored.");
+    return true;
+}
+
+int TransportChannel::OnChannelInitialize() {
+    if (insideCallback("OnChannelInitialize()")) return 0;
+    LocalLock lock(m_lifeMutex);
+    if (!m_agent) m_agent = std::make_unique<VirtualChannelAgent::Agent>(this, "");
+    return 0;
+}
+
+void TransportChannel::Shutdown() {
+    if (insideCallback("Shutdown()")) return;
+    LocalLock lock(m_lifeMutex);
+    shutdownSteps();
+}
+
+bool TransportChannel::notifyShutdown() {
+    return m_observer.notify([](Observer& observer) { observer.OnVirtualChannelShutdown(); });
+}
+
+void TransportChannel::stopAndDeleteAgent() {
+    if (m_agent) m_agent->stop();
+    deleteAgent();
+}
+
+void TransportChannel::deleteAgent() {
+    if (!m_agent) return;
+    if (m_observer.clearAndWait(kObserverEndLimit)) {
+        m_agent.reset();
+    } else {
+        CHANNEL_LOG(Error, "The agent does not come back from a call, and is left behind.");
+        static_cast<void>(m_agent.release());
+    }
+}
+
+void TransportChannel::deleteParts() {
+    std::shared_ptr<Parts> parts;
+    {
+        LocalLock lock(m_partsMutex);
+        parts.swap(m_parts);
+    }
+    if (!parts || parts->worker.StopWithin(kWorkerEndLimit)) return;
+    CHANNEL_LOG(Warning, "A call of the append callback is under way, and ends by itself.");
+    parts->worker.ResetQueue();
+    LocalLock lock(m_partsMutex);
+    m_leftBehind = std::move(parts);
+}
+
+// ---- Sending
+
+int TransportChannel::SendData(const void* data, unsigned int length, bool lowPriority) {
+    CHANNEL_LOG(Trace, m_profile.name, "::SendData()");
+    if (!isOpen()) {
+        CHANNEL_LOG(Trace, "Channel is not active, will not receive data.");
+        return 0;
+    }
+    const auto parts = this->parts();
+    if (!parts) return 0;
+    CHANNEL_LOG(Trace, "Creating packet queue.");
+    // Kept from one message to the next: they would cost more than the packets.
+    thread_local std::deque<Packet*> packets;
+    thread_local std::vector<WorkItem> work;
+    parts->packetizer.PacketizeData(data, length, packets);
+    CHANNEL_LOG(Trace, "Iterating ", packets.size(), " packet(s).");
+    for (Packet* packet : packets) addWork(std::unique_ptr<Packet>(packet), work);
+    parts->worker.AddWork(work, lowPriority);
+    packets.clear();
+    work.clear();
+    return 0;
+}
+
+void TransportChannel::addWork(std::unique_ptr<Packet> packet, std::vector<WorkItem>& work) const {
+    if (!packet) {
+        CHANNEL_LOG(Trace, "The packet is null, can't send it out.");
+        return;
+    }
+    CHANNEL_LOG(Trace, "Getting payload data from the packet.");
+    work.push_back(std::make_unique<DataWorker>(std::move(packet), kVerbose));
+}
+
+void TransportChannel::ResetChannel() {
+    if (const auto parts = this->parts()) parts->worker.ResetQueue();
+    Acknowledgement::GetInstance()->ClearCurrentAck();
+}
+
+// ---- Receiving
+
+int TransportChannel::ReceiveData(const void* data, unsigned int length) {
+    CHANNEL_LOG(Trace, m_profile.name, "::ReceiveData()");
+    return takePacket(data, length);
+}
+
+int TransportChannel::takePacket(const void* data, unsigned int length) {
+    if (!isOpen()) {
+        CHANNEL_LOG(Trace, "Channel is not active, will not receive data.");
+        return 0;
+    }
+    const auto parts = this->parts();
+    if (!parts) return 0;
+    if (ReentryMark::isSet(&parts->packetizer)) {
+        CHANNEL_LOG(Warning, "A packet from inside a delivery is dropped.");
+        return 0;
+    }
+    const Packet packet = Packet::Borrow(data, length);
+    if (packet.isPacketValid()) {
+        const ReentryMark mark(&parts->packetizer);
+        parts->packetizer.EnqueuePacket(&packet);
+    }
+    return 0;
+}
+
+void TransportChannel::OnFullPacketReceived(const void* data, unsigned int size) {
+    CHANNEL_LOG(Trace, "Complete message received.");
+    m_observer.notify(
+        [&](Observer& observer) { observer.OnVirtualChannelReceiveData(data, size); });
+}
+
+// ---- The observer
+
+void TransportChannel::AddObserver(Observer* observer) {
+    CHANNEL_LOG(Trace, m_profile.name, "::AttachCallback()");
+    setObserver(observer);
+}
+
+void TransportChannel::RemoveObserver(Observer* /*observer*/) {
+    CHANNEL_LOG(Trace, m_profile.name, "::RemoveObserver()");
+    setObserver(nullptr);
+}
+
+void TransportChannel::ChannelActive(int state) {
+    if (state != 0 && state != 1) return;
+    const bool available = state == 1;
+    m_observer.notify([&](Observer& observer) {
+        beforeAvailabilityChange(available);
+        observer.OnVirtualChannelAvailabilityChange(available);
+    });
+}
+
+void TransportChannel::beforeAvailabilityChange(bool available) {
+    if (available) CHANNEL_LOG(Trace, "channelactive");
+}
+
+void TransportChannel::onAgentStateChange(bool connected) {
+    if (connected) {
+        startKRAN();
+    } else {
+        stopKRAN();
+        ResetChannel();
+    }
+}
+
+// ---- Questions
+
+int TransportChannel::GetType() {
+    CHANNEL_LOG(Trace, m_profile.name, "::GetType()");
+    return m_profile.type;
+}
+
+bool TransportChannel::IsSeamlessMode() {
+    return HostCallbacks::GetInstance().isSeamlessMode() == 0;
+}
+
+void* TransportChannel::GetClientWindowHandleFromServerWindowHandle(void* serverWindow) {
+    if (!serverWindow) {
+        CHANNEL_LOG(Trace, "serverWindow is NULL");
+        return nullptr;
+    }
+    void* const clientWindow = HostCallbacks::GetInstance().clientWindow(serverWindow);
+    CHANNEL_LOG(Trace, "Server side window handle:", serverWindow,
+                " Client side window handle:", clientWindow);
+    return clientWindow;
+}
+
+}  // namespace NorvoVirtualChannel::tc

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "GatedChannel.h"
+
+namespace NorvoVirtualChannel::tc {
+
+// Kind 2. Goes on carrying packets after Shutdown() until the host calls it inactive.
+class VMWareVirtualChannel final : public GatedChannel {
+public:
+    // Made on the first call, from any thread, and never deleted.
+    static VMWareVirtualChannel* GetInstance();
+
+    explicit VMWareVirtualChannel(WorkerThread::Pause pause = {});
+    ~VMWareVirtualChannel() override;
+
+    int ReceiveData(const void* data, unsigned int length) override;
+    void AddObserver(Observer* observer) override;
+    void RemoveObserver(Observer* observer) override;
+
+private:
+    void shutdownSteps() override;
+};
+
+}  // namespace NorvoVirtualChannel::tc

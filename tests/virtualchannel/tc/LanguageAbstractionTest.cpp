@@ -1,0 +1,214 @@
+#include "LanguageAbstraction.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "KLTLogger.h"
+#include "LogCapture.h"
+#include "PluginLog.h"
+#include "Rounds.h"
+#include "WorkRecord.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testsupport::ChildProcess;
+using testsupport::LogCapture;
+
+namespace {
+
+// A home folder that goes with the test.
+class Home {
+public:
+    Home() {
+        std::string path = std::filesystem::temp_directory_path() / "norvo-home-XXXXXX";
+        m_path = mkdtemp(path.data());
+    }
+    ~Home() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    Home(const Home&) = delete;
+    Home& operator=(const Home&) = delete;
+
+    std::string variable() const { return "HOME=" + m_path; }
+    std::string log() const {
+        std::ifstream file(m_path + "/Library/Logs/norvouvdi/VirtualChannel.log");
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    bool isEmpty() const { return std::filesystem::is_empty(m_path); }
+
+private:
+    std::string m_path;
+};
+
+int exitStatus() { return testing::Test::HasFailure() ? 1 : 0; }
+
+}  // namespace
+
+// ---- The library as a host meets it
+
+class HostSmokeAcrossProcesses : public testing::TestWithParam<const char*> {};
+
+TEST_P(HostSmokeAcrossProcesses, ACProgramCallsEveryFunction) {
+    const Home home;
+    support::Subprocess host({HOST_SMOKE, PLUGIN_LIBRARY, GetParam()}, {home.variable()});
+    EXPECT_EQ(host.wait(), 0);
+    EXPECT_THAT(home.log(), HasSubstr("an error that the host has met"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, HostSmokeAcrossProcesses, testing::Values("1", "2", "3", "4"));
+
+// ---- The log
+
+CHILD_ROLE(logsFromTheHost) {
+    LogMessage_VDI(0, "dropped");
+    VirtualChannelLogger_flush();
+    std::puts("set up");
+    std::fflush(stdout);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) threads.emplace_back([] { LogMessage_VDI(1, "from a thread"); });
+    for (auto& thread : threads) thread.join();
+    Shutdown();
+    return 0;
+}
+
+TEST(LogFileAcrossProcesses, TheFirstCallMakesTheFileWhateverItsLevel) {
+    const Home home;
+    ChildProcess child("logsFromTheHost", {}, {home.variable()});
+    EXPECT_EQ(child.readLine(), "set up");
+    EXPECT_EQ(child.wait(), 0);
+    const std::string log = home.log();
+    std::size_t lines = 0;
+    for (std::size_t at = 0; (at = log.find("from a thread", at)) != std::string::npos; ++at) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, 4U);
+    EXPECT_THAT(log, Not(HasSubstr("dropped")));
+    EXPECT_THAT(log, HasSubstr("src/virtualchannel/src/tc/SharedLib/LanguageAbstraction"));
+}
+
+TEST(LogFileAcrossProcesses, WithoutAHomeThereIsNoFileAndNoFailure) {
+    ChildProcess child("logsFromTheHost", {}, {"HOME="});
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(LanguageAbstractionTest, MapsTheHostsLevelsToSeverities) {
+    struct Severities : KLT::kltlogger::LogSink {
+        void write(const KLT::kltlogger::LogRecord& record) override {
+            EXPECT_EQ(record.operation, "LogMessage_VDI");
+            seen.push_back(record.severity);
+        }
+        std::vector<int> seen;
+    };
+    LogMessage_VDI(0, "sets the log up");
+    const LogCapture everythingOn;
+    const auto sink = std::make_shared<Severities>();
+    const auto before = KLT::kltlogger::setSink(sink);
+    for (const int level : {-1, 0, 1, 2, 3, 4, 5, 6, 7, 1000}) LogMessage_VDI(level, "line");
+    KLT::kltlogger::setSink(before);
+    EXPECT_THAT(sink->seen, ElementsAre(5, 6, 4, 3, 2, 1));
+}
+
+// ---- Mutexes and threads for the host
+
+TEST(LanguageAbstractionTest, AMutexMadeByManyThreadsAtOnceIsOne) {
+    for (int round = 0; round < testsupport::rounds(200); ++round) {
+        MutexHandle mutex = nullptr;
+        int counter = 0;
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([&] {
+                for (int j = 0; j < 10; ++j) {
+                    MutexLock(&mutex);
+                    ++counter;
+                    MutexUnlock(&mutex);
+                }
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        EXPECT_EQ(counter, 40);
+        MutexDestroy(mutex);
+    }
+}
+
+TEST(LanguageAbstractionTest, AMisusedMutexLeavesALogLine) {
+    LogCapture log;
+    MutexHandle mutex = nullptr;
+    MutexUnlock(&mutex);
+    EXPECT_EQ(log.count("MutexUnlock: the thread does not hold it"), 1);
+    MutexLock(&mutex);
+    MutexLock(&mutex);
+    EXPECT_EQ(log.count("MutexLock: the thread holds it already"), 1);
+    std::thread other([&] {
+        EXPECT_FALSE(MutexTryLock(&mutex));
+        MutexUnlock(&mutex);
+    });
+    other.join();
+    EXPECT_EQ(log.count("MutexUnlock: the thread does not hold it"), 2);
+    MutexUnlock(&mutex);
+    MutexDestroy(mutex);
+    MutexLock(nullptr);
+    EXPECT_EQ(log.count("null mutex"), 1);
+}
+
+TEST(LanguageAbstractionTest, AThreadCannotWaitForItself) {
+    LogCapture log;
+    static testsupport::Door created;
+    PluginThreadCreate([] {
+        created.pass();
+        PluginThreadDestroy();
+    });
+    created.open();
+    PluginThreadDestroy();
+    WatchdogThreadCreate(nullptr);
+    EXPECT_TRUE(log.contains("no function to run on the new thread"));
+}
+
+CHILD_ROLE(createsTwice) {
+    PluginThreadCreate([] {});
+    PluginThreadCreate([] {});
+    return 0;
+}
+
+CHILD_ROLE(leavesAThreadRunning) {
+    WatchdogThreadCreate([] { pause(); });
+    return 0;
+}
+
+CHILD_ROLE(hasNoRoomForAThread) {
+    const rlimit none{1 << 20, 1 << 20};
+    setrlimit(RLIMIT_AS, &none);
+    try {
+        PluginThreadCreate([] {});
+    } catch (const std::system_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("thread constructor failed"));
+        PluginThreadDestroy();
+        return exitStatus();
+    }
+    return 1;
+}
+
+TEST(HostThreadsAcrossProcesses, ASecondThreadInOnePlaceEndsTheProcess) {
+    EXPECT_EQ(ChildProcess("createsTwice").wait(), 128 + SIGABRT);
+}
+
+TEST(HostThreadsAcrossProcesses, AThreadLeftRunningDoesNotDisturbTheEndOfTheProcess) {
+    EXPECT_EQ(ChildProcess("leavesAThreadRunning").wait(), 0);
+}
+
+TEST(HostThreadsAcrossProcesses, AThreadThatCannotBeStartedIsAnError) {
+    if (testsupport::kSanitized) GTEST_SKIP() << "a sanitizer needs the address space";
+    EXPECT_EQ(ChildProcess("hasNoRoomForAThread").wait(), 0);
+}

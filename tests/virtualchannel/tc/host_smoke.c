@@ -1,0 +1,233 @@
+/*
+ * A remote-desktop client in miniature: loads the plug-in library as a host does and calls every
+ * function it exports.
+ *
+ *     host_smoke LIBRARY KIND
+ *
+ * Exits with 0 when every call did what the header says.
+ */
+#include "LanguageAbstraction.h"
+
+#include <dlfcn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static int g_failures;
+
+#define CHECK(condition)                                                      \
+    do {                                                                      \
+        if (!(condition)) {                                                   \
+            fprintf(stderr, "line %d: not true: %s\n", __LINE__, #condition); \
+            ++g_failures;                                                     \
+        }                                                                     \
+    } while (0)
+
+/* The library's functions, under the types of the header. */
+static struct {
+    void (*InitialiseChannel)(AppendBufferFunc, uint32_t, void*);
+    uint32_t (*ReceiveData)(unsigned char*, uint32_t);
+    void (*ChannelActive)(uint32_t);
+    uint32_t (*AppendDataToBuffer)(const void*, uint32_t, int);
+    void (*Shutdown)(void);
+    const char* (*getChannelName)(void);
+    void (*SetIsSeamlessModeFunc)(IsSeamlessModeFunc);
+    void (*SetGetWindowInfoFunc)(GetWindowInfoFunc);
+    void (*SetGetClientWindowHandleFromServerWindowHandleFunc)(
+        GetClientWindowHandleFromServerWindowHandleFunc);
+    int (*IsSeamlessMode_)(void);
+    ICAWindowInfo (*GetICAWindowInfo_)(void);
+    void* (*GetClientWindowHandleFromServerWindowHandle_)(void*);
+    MutexHandle (*MutexCreate)(void);
+    void (*MutexLock)(MutexHandle*);
+    bool (*MutexTryLock)(MutexHandle*);
+    void (*MutexUnlock)(MutexHandle*);
+    void (*MutexDestroy)(MutexHandle);
+    void (*PluginThreadCreate)(void (*)(void));
+    void (*PluginThreadDestroy)(void);
+    void (*WatchdogThreadCreate)(void (*)(void));
+    void (*WatchdogThreadDestroy)(void);
+    void (*LogMessage_VDI)(int, const char*);
+} vc;
+
+static void load_function(void* library, const char* symbol, void* target) {
+    void* const found = dlsym(library, symbol);
+    if (!found) {
+        fprintf(stderr, "%s is not exported\n", symbol);
+        exit(1);
+    }
+    memcpy(target, &found, sizeof found);
+}
+
+static void* load_library(const char* path) {
+    void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    if (!library) {
+        fprintf(stderr, "%s\n", dlerror());
+        exit(1);
+    }
+#define LOAD(name) load_function(library, #name, &vc.name)
+    LOAD(InitialiseChannel);
+    LOAD(ReceiveData);
+    LOAD(ChannelActive);
+    LOAD(AppendDataToBuffer);
+    LOAD(Shutdown);
+    LOAD(getChannelName);
+    LOAD(SetIsSeamlessModeFunc);
+    LOAD(SetGetWindowInfoFunc);
+    LOAD(SetGetClientWindowHandleFromServerWindowHandleFunc);
+    LOAD(IsSeamlessMode_);
+    LOAD(GetICAWindowInfo_);
+    LOAD(GetClientWindowHandleFromServerWindowHandle_);
+    LOAD(MutexCreate);
+    LOAD(MutexLock);
+    LOAD(MutexTryLock);
+    LOAD(MutexUnlock);
+    LOAD(MutexDestroy);
+    LOAD(PluginThreadCreate);
+    LOAD(PluginThreadDestroy);
+    LOAD(LogMessage_VDI);
+#undef LOAD
+    load_function(library, NORVO_SYMBOL_WATCHDOG_THREAD_CREATE, &vc.WatchdogThreadCreate);
+    load_function(library, NORVO_SYMBOL_WATCHDOG_THREAD_DESTROY, &vc.WatchdogThreadDestroy);
+    return library;
+}
+
+/* ---- What the host lends ---- */
+
+static unsigned g_appended;
+static int g_context;
+
+static int append(const void* data, uint32_t length, uintptr_t flag, void* context) {
+    if (!data || length < 24 || flag > 1 || context != &g_context) return -1;
+    __atomic_add_fetch(&g_appended, 1, __ATOMIC_SEQ_CST);
+    return 0;
+}
+
+static int seamless(void) { return 0; }
+
+static ICAWindowInfo window_info(void) {
+    ICAWindowInfo info = {0};
+    info.hwnd = &g_context;
+    info.xWinWidth = 1920;
+    info.yViewOffset = -3;
+    return info;
+}
+
+static void* client_window(void* server) { return (char*)server + 1; }
+
+static int g_threads;
+
+static void thread_main(void) { __atomic_add_fetch(&g_threads, 1, __ATOMIC_SEQ_CST); }
+
+/* ---- The calls ---- */
+
+static void check_questions(void) {
+    CHECK(vc.IsSeamlessMode_() == -1);
+    CHECK(vc.GetICAWindowInfo_().hwnd == NULL);
+    CHECK(vc.GetClientWindowHandleFromServerWindowHandle_(&g_context) == NULL);
+    vc.SetIsSeamlessModeFunc(seamless);
+    vc.SetGetWindowInfoFunc(window_info);
+    vc.SetGetClientWindowHandleFromServerWindowHandleFunc(client_window);
+    CHECK(vc.IsSeamlessMode_() == 0);
+    CHECK(vc.GetICAWindowInfo_().hwnd == &g_context);
+    CHECK(vc.GetICAWindowInfo_().xWinWidth == 1920);
+    CHECK(vc.GetICAWindowInfo_().yViewOffset == -3);
+    CHECK(vc.GetClientWindowHandleFromServerWindowHandle_(&g_context) == (char*)&g_context + 1);
+    vc.SetIsSeamlessModeFunc(NULL);
+    CHECK(vc.IsSeamlessMode_() == -1);
+}
+
+static void check_mutexes(void) {
+    MutexHandle lazy = NULL;
+    vc.MutexLock(&lazy);
+    CHECK(lazy != NULL);
+    CHECK(!vc.MutexTryLock(&lazy));
+    vc.MutexUnlock(&lazy);
+    CHECK(vc.MutexTryLock(&lazy));
+    vc.MutexUnlock(&lazy);
+    vc.MutexDestroy(lazy);
+
+    MutexHandle made = vc.MutexCreate();
+    CHECK(vc.MutexTryLock(&made));
+    vc.MutexUnlock(&made);
+    vc.MutexUnlock(&made);
+    vc.MutexLock(NULL);
+    vc.MutexUnlock(NULL);
+    CHECK(!vc.MutexTryLock(NULL));
+    vc.MutexDestroy(made);
+    vc.MutexDestroy(NULL);
+}
+
+static void check_threads(void) {
+    vc.PluginThreadDestroy();
+    vc.WatchdogThreadDestroy();
+    vc.PluginThreadCreate(NULL);
+    vc.PluginThreadCreate(thread_main);
+    vc.WatchdogThreadCreate(thread_main);
+    vc.PluginThreadDestroy();
+    vc.WatchdogThreadDestroy();
+    CHECK(g_threads == 2);
+    vc.PluginThreadCreate(thread_main);
+    vc.PluginThreadDestroy();
+    CHECK(g_threads == 3);
+}
+
+static void check_before_initialisation(void) {
+    unsigned char byte = 0;
+    CHECK(vc.ReceiveData(&byte, 1) == 0xFFFFFFFFu);
+    vc.ChannelActive(0);
+    vc.Shutdown();
+    CHECK(vc.AppendDataToBuffer(&byte, 1, 1) == 0);
+    CHECK(strcmp(vc.getChannelName(), "NRVOCW") == 0);
+    vc.LogMessage_VDI(0, "dropped");
+    vc.LogMessage_VDI(5, "an error that the host has met");
+    vc.LogMessage_VDI(5, NULL);
+}
+
+/* A packet with the whole message "hi": header of six little-endian numbers, then the text. */
+static unsigned char g_packet[26] = {0x5B, 0, 0x5B, 0, 1, 0, 0, 0,  1, 0, 0, 0,   9,
+                                     0,    0, 0,    2, 0, 0, 0, 26, 0, 0, 0, 'h', 'i'};
+
+static void check_channel(uint32_t kind) {
+    vc.InitialiseChannel(append, 7, &g_context);
+    CHECK(vc.ReceiveData(g_packet, sizeof g_packet) == 6);
+    vc.InitialiseChannel(append, kind, &g_context);
+    vc.ChannelActive(1);
+    vc.ChannelActive(2);
+    CHECK(vc.ReceiveData(g_packet, sizeof g_packet) == 0);
+    CHECK(vc.ReceiveData(g_packet, 5) == 0);
+    CHECK(vc.ReceiveData(NULL, 0) == 0);
+    const unsigned before = __atomic_load_n(&g_appended, __ATOMIC_SEQ_CST);
+    CHECK(vc.AppendDataToBuffer(g_packet, sizeof g_packet, 1) == 0);
+    CHECK(__atomic_load_n(&g_appended, __ATOMIC_SEQ_CST) > before);
+}
+
+static void check_after_shutdown(uint32_t kind) {
+    vc.Shutdown();
+    vc.Shutdown();
+    CHECK(vc.ReceiveData(g_packet, sizeof g_packet) ==
+          (kind == NORVO_CHANNEL_CITRIX ? 0xFFFFFFFFu : 0u));
+    vc.ChannelActive(0);
+    vc.InitialiseChannel(NULL, kind, NULL);
+    vc.ChannelActive(1);
+    CHECK(vc.AppendDataToBuffer(g_packet, sizeof g_packet, 1) == 0);
+    vc.Shutdown();
+}
+
+int main(int argc, char** argv) {
+    if (argc != 3) return 2;
+    const uint32_t kind = (uint32_t)strtoul(argv[2], NULL, 10);
+    void* const library = load_library(argv[1]);
+    check_before_initialisation();
+    check_questions();
+    check_mutexes();
+    check_threads();
+    check_channel(kind);
+    check_after_shutdown(kind);
+    vc.InitialiseChannel(append, kind, &g_context);
+    vc.ChannelActive(1);
+    /* Its threads run on, and keep their code. */
+    CHECK(dlclose(library) == 0);
+    CHECK(strcmp(vc.getChannelName(), "NRVOCW") == 0);
+    return g_failures == 0 ? 0 : 1;
+}
