@@ -2,8 +2,7 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <deque>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -92,7 +91,7 @@ public:
         return seamless;
     }
     void* GetClientWindowHandleFromServerWindowHandle(void* serverWindow) override {
-        return static_cast<char*>(serverWindow) + 1;
+        return reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(serverWindow) + 1);
     }
     void onAgentStateChange(bool connected) override {
         if (onStateChange) onStateChange(connected);

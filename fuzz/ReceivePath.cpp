@@ -1,0 +1,114 @@
+// The whole receive path: packets, reassembly, agent, streams. The input is a run of records: a
+// byte that says what happens, a length byte (times 4), and so many bytes.
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "FakeChannel.h"
+#include "FakeMachine.h"
+#include "Packets.h"
+#include "StreamRules.h"
+#include "VirtualChannelAgent.h"
+
+using NorvoVirtualChannel::Packet;
+using NorvoVirtualChannel::Packetization;
+using testsupport::FakeChannel;
+using testsupport::FakeMachine;
+
+namespace {
+
+// A message that announces more makes the run slow, and no difference.
+constexpr std::uint32_t kLargestMessage = 1 << 20;
+constexpr int kPacketSize = 100;
+
+class FarSide : public NorvoVirtualChannel::PacketizationObserver {
+public:
+    void take(unsigned char what, const std::vector<uint8_t>& bytes) {
+        switch (what % 8) {
+            case 0:
+                packet(bytes);
+                break;
+            case 1:
+            case 2:
+                message(bytes, what % 8 == 2);
+                break;
+            case 3:
+                available(!bytes.empty());
+                break;
+            case 4:
+                sessionChanges(!bytes.empty());
+                break;
+            case 5:
+                localProcessWrites(bytes);
+                break;
+            case 6:
+                m_machine->otherAgentIsActive = !bytes.empty();
+                break;
+            default:
+                m_channel.takeSent();
+        }
+    }
+    void end() {
+        if (m_machine->segmentCount() > VirtualChannelAgent::kMaxStreams + 1) abort();
+        m_agent.stop();
+    }
+    void OnFullPacketReceived(const void* data, unsigned int size) override {
+        m_channel.callObserver([&](auto& o) { o.OnVirtualChannelReceiveData(data, size); });
+    }
+
+private:
+    // As they come from the host.
+    void packet(const std::vector<uint8_t>& bytes) {
+        enqueue(Packet::Borrow(bytes.data(), static_cast<unsigned int>(bytes.size())));
+    }
+    // A whole message, so that what is in it matters more than that its packets fit.
+    void message(const std::vector<uint8_t>& bytes, bool reversed) {
+        std::deque<Packet*> cut;
+        m_packets.PacketizeData(bytes.data(), static_cast<unsigned int>(bytes.size()), cut);
+        if (reversed) std::reverse(cut.begin(), cut.end());
+        for (Packet* each : cut) {
+            const std::unique_ptr<Packet> owned(each);
+            enqueue(*owned);
+        }
+    }
+    void enqueue(const Packet& packet) {
+        if (packet.isPacketValid() && packet.GetMessageSize() <= kLargestMessage) {
+            m_packets.EnqueuePacket(&packet);
+        }
+    }
+    void available(bool is) {
+        m_channel.callObserver([=](auto& o) { o.OnVirtualChannelAvailabilityChange(is); });
+    }
+    void sessionChanges(bool up) {
+        m_channel.callObserver([=](auto& o) { o.OnSessionAvailabilityChange(up); });
+    }
+    void localProcessWrites(const std::vector<uint8_t>& bytes) {
+        if (const auto segment = m_machine->segment("Media")) {
+            segment->localProcessWrites(std::string(bytes.begin(), bytes.end()));
+        }
+    }
+
+    std::shared_ptr<FakeMachine> m_machine = [] {
+        auto machine = std::make_shared<FakeMachine>();
+        machine->pauseTakes = std::chrono::microseconds(0);
+        return machine;
+    }();
+    FakeChannel m_channel;
+    VirtualChannelAgent::Agent m_agent{&m_channel, "fuzz", m_machine};
+    Packetization m_packets{this, kPacketSize};
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    FarSide farSide;
+    while (size > 1) {
+        const size_t length = std::min<size_t>(4u * data[1], size - 2);
+        // Of its own, so that reading past its end is seen.
+        farSide.take(data[0], std::vector<uint8_t>(data + 2, data + 2 + length));
+        data += 2 + length;
+        size -= 2 + length;
+    }
+    farSide.end();
+    return 0;
+}
