@@ -8,6 +8,9 @@ else()
     set(NORVO_PLATFORM linux)
 endif()
 
+# For MACHO_CURRENT_VERSION: the parts of a Mach-O version after the first end at 255.
+set(NORVO_MACHO_VERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+
 add_library(norvo_options INTERFACE)
 target_compile_options(norvo_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Werror

@@ -16,6 +16,6 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 
 quietly "$tree/configure.log" cmake --preset "$preset"
-quietly "$tree/build.log" "${without_randomisation[@]}" cmake --build "$tree" --parallel "$jobs"
+quietly "$tree/build.log" "${without_randomisation[@]}" cmake --build "$tree" --parallel "$jobs" -- -k 0
 "${without_randomisation[@]}" ctest --test-dir "$tree" --parallel "$jobs" --output-on-failure \
     --no-tests=error --output-log "$tree/test.log" "$@"
