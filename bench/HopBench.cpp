@@ -11,7 +11,6 @@ namespace {
 
 using bench::atLeast;
 using bench::atMost;
-using bench::Bounds;
 using bench::Measurement;
 
 constexpr char kOurs[] = "segment";

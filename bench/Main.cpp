@@ -123,34 +123,31 @@ int runSuites(const CommandLine& line) {
     return failed || (line.check && missed) ? 1 : 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN);
-    if (testsupport::isChildRole(argc, argv)) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        return testsupport::runChildRole(argc, argv);
-    }
-    const std::string sessionNamespace = "nvb" + std::to_string(getpid());
-    setenv("NORVO_VDI_NAMESPACE", sessionNamespace.c_str(), 1);
-
-    CommandLine line;
-    CLI::App app("Measures the parts of the virtual-channel library beside simpler ones.");
-    app.footer(
-        "Each group's measurements run in turn, and medians are compared. Times move with the\n"
-        "machine; trust the ratios. Exit status: 0 done, 1 a measurement failed (or, with "
-        "--check,\n"
-        "a goal was missed), 2 wrong use.");
-    addOptions(app, line);
+// 0 when the command line asks for a run, else the exit status plus 1.
+int readCommandLine(CLI::App& app, int argc, char** argv, CommandLine& line) {
     try {
         app.parse(argc, argv);
         if (!line.filter.empty()) line.options.filter.emplace(line.filter);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 2;
+        return app.exit(error) == 0 ? 1 : 3;
     } catch (const std::regex_error&) {
         std::cerr << "norvo_bench: --filter is not a valid regular expression\n";
-        return 2;
+        return 3;
     }
+    return 0;
+}
+
+int run(int argc, char** argv) {
+    const std::string sessionNamespace = "nvb" + std::to_string(getpid());
+    setenv("NORVO_VDI_NAMESPACE", sessionNamespace.c_str(), 1);
+    CommandLine line;
+    CLI::App app("Measures the parts of the virtual-channel library beside simpler ones.");
+    app.footer(
+        "Each group's measurements run in turn, and medians are compared. Times move with the\n"
+        "machine; trust the ratios. Exit status: 0 done, 1 a measurement failed (or, with\n"
+        "--check, a goal was missed), 2 wrong use.");
+    addOptions(app, line);
+    if (const int ended = readCommandLine(app, argc, argv, line); ended != 0) return ended - 1;
     if (line.list) {
         listSuites(line.options);
         return 0;
@@ -161,4 +158,20 @@ int main(int argc, char** argv) {
     const int status = runSuites(line);
     support::removeSessionObjects(sessionNamespace);
     return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        std::signal(SIGPIPE, SIG_IGN);
+        if (testsupport::isChildRole(argc, argv)) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            return testsupport::runChildRole(argc, argv);
+        }
+        return run(argc, argv);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "norvo_bench: %s\n", failure.what());
+        return 2;
+    }
 }

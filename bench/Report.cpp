@@ -49,7 +49,7 @@ void printTable(std::ostream& out, const std::vector<Row>& rows, std::size_t lef
 }
 
 std::string medianAndRange(const Series& series) {
-    const std::string median = withUnit(series.median(), series.unit);
+    std::string median = withUnit(series.median(), series.unit);
     if (series.lowest() == series.highest()) return median;
     return median + " [" + shortNumber(series.lowest()) + " – " + shortNumber(series.highest()) +
            "]";

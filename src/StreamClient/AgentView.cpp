@@ -16,6 +16,7 @@ namespace {
 // A stream that has not come up by then is asked for again: the request may have been lost.
 constexpr auto kStreamRequestPause = 3s;
 constexpr auto kProcessIdPause = 500ms;
+constexpr auto kDoubtPause = 100ms;
 // A roll call (RequestNotifyStream) is answered with one message per running stream: ask soon, then
 // ever more rarely.
 constexpr auto kFirstRollCallPause = 20ms;
@@ -97,7 +98,7 @@ AgentView::Heard AgentView::hear(const Notification& notification, Clock::time_p
         heard.connectionChange = setConnected(false);
     } else if (notification.name == "VCProcessId") {
         const unsigned int known = m_agentPid;
-        heard.connectionChange = hearProcessId(notification);
+        heard.connectionChange = hearProcessId(notification, now);
         heard.isNews = known != m_agentPid || heard.connectionChange || m_expectsProcessId;
         m_expectsProcessId = false;
     } else if (notification.name == "StreamUp") {
@@ -107,14 +108,20 @@ AgentView::Heard AgentView::hear(const Notification& notification, Clock::time_p
     return heard;
 }
 
-std::optional<bool> AgentView::hearProcessId(const Notification& notification) {
+std::optional<bool> AgentView::hearProcessId(const Notification& notification,
+                                             Clock::time_point now) {
     if (notification.fields.size() < 2) return std::nullopt;
     const unsigned int pid = VDIFrameworkCommon::toUnsignedInt(notification.fields[0]);
+    const bool connected = notification.fields[1] == "1";
     if (pid != m_agentPid) {
         m_agentPid = pid;
         askForAllAgain();
+    } else if (connected != m_connected && !m_inDoubt) {
+        m_inDoubt = true;
+        m_nextProcessId = now + kDoubtPause;
+        return std::nullopt;
     }
-    return setConnected(notification.fields[1] == "1");
+    return setConnected(connected);
 }
 
 void AgentView::hearStreamUp(const Notification& notification) {
@@ -131,6 +138,7 @@ void AgentView::expectProcessId() {
 }
 
 std::optional<bool> AgentView::setConnected(bool connected) {
+    m_inDoubt = false;
     if (m_connected == connected) return std::nullopt;
     m_connected = connected;
     askForAllAgain();

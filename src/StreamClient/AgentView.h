@@ -19,6 +19,10 @@ using Clock = std::chrono::steady_clock;
 // An agent shows that it is there by taking requests. One that leaves a request lie is gone: the
 // connection ends, every stream is down, and a probe is made from time to time until an agent takes
 // it. All that this process wants is then asked for again.
+//
+// "VCProcessId" says whether the agents are connected, but may have been composed just before they
+// found or lost each other and arrive just after the news of that: where it contradicts what is
+// known of the same agent, it is believed when a second one says the same.
 class AgentView {
 public:
     // Something to send to the agent now; an empty text is a mere sign of life.
@@ -68,14 +72,17 @@ private:
     };
 
     std::optional<bool> setConnected(bool connected) NORVO_REQUIRES(m_mutex);
-    std::optional<bool> hearProcessId(const Notification& notification) NORVO_REQUIRES(m_mutex);
+    std::optional<bool> hearProcessId(const Notification& notification, Clock::time_point now)
+        NORVO_REQUIRES(m_mutex);
     void hearStreamUp(const Notification& notification) NORVO_REQUIRES(m_mutex);
     std::optional<bool> losesAgent(Clock::time_point now) NORVO_REQUIRES(m_mutex);
     void askForAllAgain() NORVO_REQUIRES(m_mutex);
     void callTheRollSoon() NORVO_REQUIRES(m_mutex);
     void noticeStandstill(Clock::time_point now) NORVO_REQUIRES(m_mutex);
     bool wantsRollCall() const NORVO_REQUIRES(m_mutex);
-    bool wantsProcessId() const NORVO_REQUIRES(m_mutex) { return !m_agentThere || !m_agentPid; }
+    bool wantsProcessId() const NORVO_REQUIRES(m_mutex) {
+        return !m_agentThere || !m_agentPid || m_inDoubt;
+    }
     Clock::time_point nextDue() const NORVO_REQUIRES(m_mutex);
     std::chrono::milliseconds patience() const NORVO_REQUIRES(m_mutex);
 
@@ -85,6 +92,7 @@ private:
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
     bool m_agentThere NORVO_GUARDED_BY(m_mutex) = false;
     bool m_connected NORVO_GUARDED_BY(m_mutex) = false;
+    bool m_inDoubt NORVO_GUARDED_BY(m_mutex) = false;  // of m_connected
     unsigned int m_agentPid NORVO_GUARDED_BY(m_mutex) = 0;
     bool m_expectsProcessId NORVO_GUARDED_BY(m_mutex) = false;
     Clock::time_point m_nextProcessId NORVO_GUARDED_BY(m_mutex){};

@@ -129,8 +129,23 @@ TEST_F(AgentViewTest, AKnownProcessIdIsNewsOnlyToThoseWhoAsk) {
     view.expectProcessId();
     EXPECT_TRUE(hear("VCProcessId", {"77", "1"}).isNews);
     EXPECT_FALSE(hear("VCProcessId", {"77", "1"}).isNews);
-    EXPECT_TRUE(hear("VCProcessId", {"77", "0"}).isNews);
+    EXPECT_TRUE(hear("VCProcessId", {"78", "1"}).isNews);
     EXPECT_TRUE(hear("EnviromentType", {"tcp"}).isNews);
+}
+
+TEST_F(AgentViewTest, AStateThatContradictsWhatIsKnownIsAskedForAgain) {
+    meetAgent();
+    EXPECT_EQ(hear("VCProcessId", {"77", "0"}).connectionChange, std::nullopt);
+    EXPECT_TRUE(view.isConnected());
+    now += 100ms;
+    EXPECT_THAT(sendDue(), ElementsAre("RequestVCProcessId"));
+    EXPECT_EQ(hear("VCProcessId", {"77", "1"}).connectionChange, std::nullopt);
+    EXPECT_THAT(sendDue(), IsEmpty());
+    hear("VCProcessId", {"77", "0"});
+    EXPECT_EQ(hear("VCProcessId", {"77", "0"}).connectionChange, false);
+    EXPECT_EQ(hear("ChannelUp").connectionChange, true);
+    hear("VCProcessId", {"77", "0"});
+    EXPECT_TRUE(view.isConnected()) << "composed before the agents met";
 }
 
 TEST_F(AgentViewTest, AsksAnewAfterTheProcessWasSuspended) {

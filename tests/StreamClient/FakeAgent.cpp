@@ -12,7 +12,7 @@ void useCrewsSegments() {
         VDIFrameworkCommon::VDIClientType::Crews);
 }
 
-FakeAgent::FakeAgent(std::string clientName, unsigned int processId, bool connected)
+FakeAgent::FakeAgent(const std::string& clientName, unsigned int processId, bool connected)
     : m_processId(processId), m_connected(connected) {
     useCrewsSegments();
     m_out->Create(clientName + "_Info_VC2STREAM", kCapacity);

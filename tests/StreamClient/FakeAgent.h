@@ -16,7 +16,8 @@ void useCrewsSegments();
 
 class FakeAgent : public SharedMemoryObserverI {
 public:
-    explicit FakeAgent(std::string clientName, unsigned int processId = 1, bool connected = true);
+    explicit FakeAgent(const std::string& clientName, unsigned int processId = 1,
+                       bool connected = true);
     ~FakeAgent() override;
     FakeAgent(const FakeAgent&) = delete;
     FakeAgent& operator=(const FakeAgent&) = delete;

@@ -1,0 +1,15 @@
+/* Prints the next message of the stream "Basic". */
+#include <NorvoStreamClientC.h>
+#include <stdio.h>
+
+int main(void) {
+    char message[65536];
+    size_t length = 0;
+    norvo_client* client = norvo_client_open(NULL);
+    norvo_stream* basic = norvo_stream_open(client, "Basic", NORVO_READ, 0);
+    int status = norvo_stream_read(basic, message, sizeof message, &length, 30000);
+    if (status == NORVO_OK) printf("%.*s\n", (int)length, message);
+    norvo_stream_close(basic);
+    norvo_client_close(client);
+    return status;
+}
