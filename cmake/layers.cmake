@@ -6,7 +6,7 @@ layer(framework         FILES "^src/VDIFrameworkCommon/")
 layer(sharedmemory      FILES "^src/SharedMemory/" USES framework)
 layer(packets           FILES "^src/virtualchannel/src/common/utils/" USES framework)
 layer(channel-interface FILES "^src/virtualchannel/src/common/[^/]+$")
-layer(messages          FILES "^src/virtualchannel/src/common/vc_agent/(VCMessage|VCDataBlock|StreamType|MessageBytes)"
+layer(messages          FILES "^src/virtualchannel/src/common/vc_agent/(VCMessage|VCDataBlock|StreamType|MessageBytes|RecordHeader)"
                         USES framework)
 layer(agent             FILES "^src/virtualchannel/src/common/vc_agent/"
                         USES messages channel-interface sharedmemory framework)

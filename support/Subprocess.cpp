@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <map>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -65,6 +66,19 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     return pointers;
 }
 
+// Each name once: programs do not agree on which of two counts.
+std::vector<std::string> ownEnvironmentWith(const std::vector<std::string>& changes) {
+    std::map<std::string, std::string> entries;
+    const auto add = [&](const std::string& entry) {
+        entries[entry.substr(0, entry.find('='))] = entry;
+    };
+    for (char** entry = environ; *entry; ++entry) add(*entry);
+    for (const std::string& entry : changes) add(entry);
+    std::vector<std::string> texts;
+    for (auto& [name, entry] : entries) texts.push_back(std::move(entry));
+    return texts;
+}
+
 // Both ends are closed by exec: a child must not keep another child's pipe open.
 bool openPipe(int (&ends)[2]) {
     if (pipe(ends) != 0) return false;
@@ -78,9 +92,7 @@ Subprocess::Subprocess(std::vector<std::string> argv, const std::vector<std::str
     int in[2];
     int out[2];
     if (!openPipe(in) || !openPipe(out)) throw std::runtime_error("pipe failed");
-    std::vector<std::string> env;
-    for (char** entry = environ; *entry; ++entry) env.emplace_back(*entry);
-    env.insert(env.begin(), environment.begin(), environment.end());
+    std::vector<std::string> env = ownEnvironmentWith(environment);
 
     const int failed = spawn(&m_pid, in[0], out[1], pointersTo(argv), pointersTo(env));
     close(in[0]);
