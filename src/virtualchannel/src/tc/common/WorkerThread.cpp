@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 constexpr unsigned int kHighPriorityPerLow = 3;
 constexpr int kLooksPerClockRead = 16;
-}
+}  // namespace
 
 WorkerThread::WorkerThread(Pause pause) : m_pause(std::move(pause)) {
     NORVO_LOG(Trace, "WorkerThread()");

@@ -121,8 +121,9 @@ private:
     std::chrono::steady_clock::duration m_overslept{0};
 
     // Whoever changes m_queued or m_running and then finds m_parked set passes through the mutex
-    // before notifying; the worker sets m_parked before it looks at the two a last time. So a thread
-    // between its look and its wait misses nothing. Taken before a queue's mutex, never after.
+    // before notifying; the worker sets m_parked before it looks at the two a last time. So a
+    // thread between its look and its wait misses nothing. Taken before a queue's mutex, never
+    // after.
     VDIFrameworkCommon::LocalMutex m_workMutex;
     VDIFrameworkCommon::LocalCondition m_workCondition;
     VDIFrameworkCommon::LocalCondition m_stopCondition;
