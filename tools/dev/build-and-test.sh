@@ -15,6 +15,7 @@ export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:strict_strin
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 
+note "building $preset in ${tree##*/} ..."
 quietly "$tree/configure.log" cmake --preset "$preset"
 quietly "$tree/build.log" "${without_randomisation[@]}" cmake --build "$tree" --parallel "$jobs" -- -k 0
 "${without_randomisation[@]}" ctest --test-dir "$tree" --parallel "$jobs" --output-on-failure \

@@ -18,6 +18,8 @@ fi
 
 # One line for each argument.
 say() { printf '%s\n' "$@"; }
+# For someone who waits at a terminal.
+note() { [ ! -t 2 ] || say "$@" >&2; }
 fail() {
     printf '%s\n' "$*" >&2
     exit 1

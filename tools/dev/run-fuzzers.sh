@@ -5,7 +5,7 @@ source "$(dirname "$0")/common.sh"
 
 seconds=${1:-15}
 tree=$root/build-fuzz
-"$root/tools/dev/build.sh" fuzz
+"$root/tools/dev/build.sh" fuzz --target norvo_fuzzers
 mapfile -t targets < <(find "$tree/fuzz" -maxdepth 1 -type f -executable -name 'fuzz_*' | sort)
 [ ${#targets[@]} -gt 0 ] || fail "no fuzz target was built"
 

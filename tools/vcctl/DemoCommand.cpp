@@ -77,7 +77,7 @@ public:
     }
 
     std::string generateFile(std::size_t size) const {
-        const std::string path = (m_folder / "file").string();
+        std::string path = (m_folder / "file").string();
         const File file(std::fopen(path.c_str(), "wbe"));
         std::mt19937_64 random(20231107);
         std::vector<std::uint64_t> block(1u << 13);
@@ -119,7 +119,7 @@ void expectLine(support::Subprocess& child, const std::string& what, const std::
 
 class Demo {
 public:
-    explicit Demo(const DemoOptions& options) : m_options(options) {}
+    explicit Demo(DemoOptions options) : m_options(std::move(options)) {}
 
     int run() {
         const std::string file =

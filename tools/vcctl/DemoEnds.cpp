@@ -26,7 +26,6 @@ namespace vcctl {
 
 namespace {
 
-using NorvoStreamClient::Client;
 using NorvoStreamClient::Direction;
 using NorvoStreamClient::Stream;
 using Clock = std::chrono::steady_clock;

@@ -19,6 +19,6 @@ int runFarEnd();
 // The near end: measures pings on an idle session, sends the file and takes it back while it pings
 // on, and prints what it found as one line of JSON. Its lines: "up" when all streams are, "half"
 // when half of the file is back (it then waits for a line), and the result.
-int runNearEnd(const DemoEndOptions& options);
+int runNearEnd(const DemoEndOptions& end);
 
 }  // namespace vcctl

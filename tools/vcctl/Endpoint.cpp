@@ -1,6 +1,7 @@
 #include "Endpoint.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <unistd.h>
@@ -38,13 +39,21 @@ bool isLoopback(const sockaddr_storage& address) {
     return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr);
 }
 
+// Not inherited by what the library starts. (macOS has no flag for it at creation.)
+Descriptor closedByExec(int fd) {
+    if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
+    return Descriptor(fd);
+}
+
 Descriptor openSocket(int family) {
-    Descriptor fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Descriptor fd = closedByExec(socket(family, SOCK_STREAM, 0));
     if (!fd) throw systemError("cannot make a socket", errno);
     return fd;
 }
 
 }  // namespace
+
+Descriptor acceptFrom(int listener) { return closedByExec(accept(listener, nullptr, nullptr)); }
 
 Endpoint Endpoint::parse(const std::string& text, bool allowRemote) {
     const auto colon = text.rfind(':');

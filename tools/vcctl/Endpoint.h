@@ -24,6 +24,9 @@ private:
     int m_fd = -1;
 };
 
+// The next connection to `listener`; empty, with errno set, when there is none.
+Descriptor acceptFrom(int listener);
+
 // A TCP address from the command line, "ADDR:PORT" or "[ADDR]:PORT".
 class Endpoint {
 public:

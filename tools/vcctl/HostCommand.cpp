@@ -85,7 +85,7 @@ private:
             if (waited[0].revents || StopSignal::requested()) return;
             if (waited[1].revents) StopSignal::drain();
             if (!waited[2].revents) continue;
-            if (const Descriptor other{accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)}) {
+            if (const Descriptor other = acceptFrom(listener)) {
                 say("turned away a second connection: a host is joined already");
             }
         }
@@ -129,7 +129,7 @@ void serveListener(Host& host, const Endpoint& endpoint) {
     while (!StopSignal::requested()) {
         pollfd waited[2] = {{listener.get(), POLLIN, 0}, {StopSignal::descriptor(), POLLIN, 0}};
         if (poll(waited, 2, -1) < 0 || !(waited[0].revents & POLLIN)) continue;
-        Descriptor peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        Descriptor peer = acceptFrom(listener.get());
         if (peer)
             host.serve(std::move(peer), "the host that connected to " + place, listener.get());
     }

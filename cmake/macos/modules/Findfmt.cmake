@@ -1,3 +1,3 @@
 include(HeadersOnly)
-norvo_headers_only(fmt::fmt-header-only fmt FMT_HEADER_ONLY=1)
+norvo_headers_only(fmt::fmt-header-only fmt DEFINE FMT_HEADER_ONLY=1)
 set(fmt_FOUND TRUE)

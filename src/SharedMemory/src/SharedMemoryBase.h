@@ -122,7 +122,7 @@ private:
     // Set-up
     bool setUp(const std::string& name, unsigned int size, Mode mode);
     bool createSynchronization(Mode mode);
-    void start(Mode mode);
+    void start(Mode mode) NORVO_REQUIRES(m_operationLock, m_waitLock);
     void MapSMAreaPointers();
 
     // IDs and waits

@@ -12,6 +12,8 @@ target_link_libraries(NorvoCrewsVirtualChannel
 set_target_properties(NorvoCrewsVirtualChannel PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
+    MACHO_CURRENT_VERSION ${NORVO_MACHO_VERSION}
+    MACHO_COMPATIBILITY_VERSION ${NORVO_MACHO_VERSION}
     MACOSX_RPATH ON
     INSTALL_NAME_DIR "@rpath"
     BUILD_WITH_INSTALL_NAME_DIR ON)
@@ -33,7 +35,7 @@ else()
         "LINKER:--version-script,${list}" "LINKER:--no-undefined-version"
         "LINKER:-Bsymbolic-functions" "LINKER:-z,nodelete")
     # A sanitizer's runtime is in the program.
-    if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    if(NOT NORVO_SANITIZE)
         target_link_options(NorvoCrewsVirtualChannel PRIVATE "LINKER:--no-undefined")
     endif()
 endif()

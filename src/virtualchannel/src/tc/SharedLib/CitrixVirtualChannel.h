@@ -23,7 +23,7 @@ public:
     ICAWindowInfo GetICAWindowInfo();
 
 private:
-    void shutdownSteps() override;
+    void shutdownSteps() override NORVO_REQUIRES(m_lifeMutex);
 
     std::atomic<bool> m_shutDown{false};
 };

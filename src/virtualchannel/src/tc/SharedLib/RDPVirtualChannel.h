@@ -19,7 +19,7 @@ public:
 
 private:
     void beforeAvailabilityChange(bool /*available*/) override {}
-    void shutdownSteps() override;
+    void shutdownSteps() override NORVO_REQUIRES(m_lifeMutex);
 };
 
 }  // namespace NorvoVirtualChannel::tc

@@ -17,7 +17,7 @@ public:
     int SendData(const void* data, unsigned int length, bool lowPriority) override;
 
 private:
-    void shutdownSteps() override;
+    void shutdownSteps() override NORVO_REQUIRES(m_lifeMutex);
 };
 
 }  // namespace NorvoVirtualChannel::tc

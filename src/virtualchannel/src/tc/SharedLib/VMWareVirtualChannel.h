@@ -18,7 +18,7 @@ public:
     void RemoveObserver(Observer* observer) override;
 
 private:
-    void shutdownSteps() override;
+    void shutdownSteps() override NORVO_REQUIRES(m_lifeMutex);
 };
 
 }  // namespace NorvoVirtualChannel::tc
