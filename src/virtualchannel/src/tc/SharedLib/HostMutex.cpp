@@ -4,25 +4,32 @@
 
 using NorvoVirtualChannel::tc::logMessage;
 
-NorvoMutex::NorvoMutex() {
-    pthread_mutexattr_t attributes;
-    pthread_mutexattr_init(&attributes);
-    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
-    pthread_mutex_init(&m_mutex, &attributes);
-    pthread_mutexattr_destroy(&attributes);
+NorvoMutex::~NorvoMutex() {
+    if (isHeldByThisThread()) unlock();
 }
-
-NorvoMutex::~NorvoMutex() { pthread_mutex_destroy(&m_mutex); }
 
 void NorvoMutex::lock() {
-    if (pthread_mutex_lock(&m_mutex) != 0) logMessage(4, "MutexLock: the thread holds it already");
+    if (isHeldByThisThread()) {
+        logMessage(4, "MutexLock: the thread holds it already");
+        return;
+    }
+    m_mutex.lock();
+    m_owner = std::this_thread::get_id();
 }
 
-bool NorvoMutex::tryLock() { return pthread_mutex_trylock(&m_mutex) == 0; }
+bool NorvoMutex::tryLock() {
+    if (isHeldByThisThread() || !m_mutex.try_lock()) return false;
+    m_owner = std::this_thread::get_id();
+    return true;
+}
 
 void NorvoMutex::unlock() {
-    if (pthread_mutex_unlock(&m_mutex) != 0)
+    if (!isHeldByThisThread()) {
         logMessage(4, "MutexUnlock: the thread does not hold it");
+        return;
+    }
+    m_owner = std::thread::id();
+    m_mutex.unlock();
 }
 
 namespace NorvoVirtualChannel::tc {

@@ -1,11 +1,14 @@
 #pragma once
 
-#include <pthread.h>
+#include <atomic>
+#include <mutex>
+#include <thread>
 
 // The mutex lent to the host: not recursive, and checked, since the host may misuse it.
 struct NorvoMutex {
 public:
-    NorvoMutex();
+    NorvoMutex() = default;
+    // Unlocks what the calling thread still holds.
     ~NorvoMutex();
     NorvoMutex(const NorvoMutex&) = delete;
     NorvoMutex& operator=(const NorvoMutex&) = delete;
@@ -17,7 +20,10 @@ public:
     void unlock();
 
 private:
-    pthread_mutex_t m_mutex;
+    bool isHeldByThisThread() const { return m_owner.load() == std::this_thread::get_id(); }
+
+    std::mutex m_mutex;
+    std::atomic<std::thread::id> m_owner{};
 };
 
 namespace NorvoVirtualChannel::tc {
