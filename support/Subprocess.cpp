@@ -61,6 +61,7 @@ pid_t reap(pid_t pid, int* status) {
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (auto& text : texts) pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;
@@ -75,6 +76,7 @@ std::vector<std::string> ownEnvironmentWith(const std::vector<std::string>& chan
     for (char** entry = environ; *entry; ++entry) add(*entry);
     for (const std::string& entry : changes) add(entry);
     std::vector<std::string> texts;
+    texts.reserve(entries.size());
     for (auto& [name, entry] : entries) texts.push_back(std::move(entry));
     return texts;
 }

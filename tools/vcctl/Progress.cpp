@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <exception>
 #include <iterator>
 
 namespace vcctl {
@@ -26,8 +28,12 @@ Progress::Progress(std::string what, std::optional<std::uint64_t> totalBytes)
 
 Progress::~Progress() {
     if (!m_visible) return;
-    draw(std::chrono::steady_clock::now());
-    fmt::print(stderr, "\n");
+    try {
+        draw(std::chrono::steady_clock::now());
+    } catch (const std::exception&) {
+        m_drawn = {};  // a progress line that cannot be drawn is no reason to fail
+    }
+    std::fputc('\n', stderr);
 }
 
 void Progress::add(std::uint64_t bytes) {
