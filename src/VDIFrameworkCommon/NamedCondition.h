@@ -27,7 +27,8 @@ public:
     NamedCondition(const NamedCondition&) = delete;
     NamedCondition& operator=(const NamedCondition&) = delete;
 
-    // Opens the condition called `name`, making it when there is none; fails as NamedMutex::create.
+    // Opens the condition called `name`, making it when there is none; before any other use. Fails
+    // as NamedMutex::create.
     bool create(const char* name);
 
     // Called with `mutex` locked by the caller: releases it, waits until another handle has

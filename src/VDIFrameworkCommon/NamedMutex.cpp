@@ -22,7 +22,7 @@ constexpr int kSpins = 40;
 // How long a waiter sleeps before it looks whether the owner still lives: short at first, for an
 // owner that has just died, then longer, for one that is only slow.
 constexpr milliseconds kFirstSlice{2};
-constexpr milliseconds kLongestSlice{10};
+constexpr milliseconds kLongestSlice{5};
 
 bool replaceOwner(NamedObjectWords& words, Identity from, Identity to) {
     return words.owner.compare_exchange_strong(from, to, std::memory_order_acquire,

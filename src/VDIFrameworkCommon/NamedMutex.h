@@ -25,8 +25,9 @@ public:
     NamedMutex(const NamedMutex&) = delete;
     NamedMutex& operator=(const NamedMutex&) = delete;
 
-    // Opens the mutex called `name`, making it when there is none. False, after one log line, when
-    // the system refuses, or when an object of that name is not one of ours.
+    // Opens the mutex called `name`, making it when there is none; before any other use. False,
+    // after one log line, when the system refuses, or when an object of that name is not one of
+    // ours.
     bool create(const char* name);
 
     // Waits for at most 2000 ms. False when a living owner kept the lock that long, or when the

@@ -30,13 +30,11 @@ const char* textOf(NamedObject::Kind kind) {
 
 bool isPrivate(const struct stat& status) { return (status.st_mode & (S_IRWXG | S_IRWXO)) == 0; }
 
-// An object of any other size than none or enough was not made here, and stays as it is.
-bool ensureSize(int fd, struct stat& status) {
-    if (status.st_size == 0) {
-        if (ftruncate_mac(fd, NamedObject::kSize) != 0 || fstat(fd, &status) != 0) return false;
-    }
-    errno = EINVAL;
-    return status.st_size >= static_cast<off_t>(NamedObject::kSize);
+// Gives a size to a new object only; any other was not made here and stays as it is.
+bool sizeNewObject(int fd, struct stat& status) {
+    if (fstat(fd, &status) != 0) return false;
+    if (status.st_size != 0) return true;
+    return ftruncate_mac(fd, NamedObject::kSize) == 0 && fstat(fd, &status) == 0;
 }
 
 bool claimIdent(NamedObjectWords& words, std::uint64_t ident) {
@@ -129,7 +127,11 @@ std::shared_ptr<NamedObject> NamedObject::open(Kind kind, const char* name) {
 std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name,
                                               const std::string& objectName, int fd) {
     struct stat status;
-    if (fstat(fd, &status) != 0 || !isPrivate(status) || !ensureSize(fd, status)) {
+    if (!sizeNewObject(fd, status)) {
+        NORVO_LOG(Error, "Cannot size named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
+        return nullptr;
+    }
+    if (!isPrivate(status) || status.st_size < static_cast<off_t>(NamedObject::kSize)) {
         NORVO_LOG(Warning, "Refused named ", textOf(kind), ' ', name,
                   ": its object is open to other users or has the wrong size");
         return nullptr;

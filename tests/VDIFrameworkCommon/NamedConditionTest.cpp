@@ -99,13 +99,12 @@ TEST_P(NamedConditionTest, EveryWaitingThreadWakesAlsoOfTheNotifyingHandle) {
         });
     }
     // A thread that has counted itself gives the mutex back only inside its wait.
-    for (;;) {
-        ASSERT_TRUE(m_mutex.lock());
+    EXPECT_TRUE(testsupport::comesTrue([&] {
+        EXPECT_TRUE(m_mutex.lock());
         const bool allWait = woken == 4;
-        ASSERT_TRUE(m_mutex.unlock());
-        if (allWait) break;
-        std::this_thread::yield();
-    }
+        EXPECT_TRUE(m_mutex.unlock());
+        return allWait;
+    }));
     m_second.notify();
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(woken, 8);
@@ -161,7 +160,7 @@ TEST(NamedConditionLimit, AMutexThatIsNotFreeAgainIsReported) {
         EXPECT_TRUE(other.create("stolen") && notifier.create("stolen") && other.lockFor(20s));
         notifier.notify();
         // Held until the waiter has given up.
-        while (!log.contains("Mutex not free again")) std::this_thread::sleep_for(1ms);
+        EXPECT_TRUE(testsupport::comesTrue([&] { return log.contains("Mutex not free again"); }));
         EXPECT_TRUE(other.unlock());
     });
     EXPECT_FALSE(condition.timed_wait(mutex, kLong));

@@ -82,7 +82,8 @@ TEST_P(NamedMutexTest, AWaiterGetsTheLockWhenItIsReleasedNotWhenItsTimeIsOver) {
         EXPECT_TRUE(mutex.unlock());
     });
     // The waiter leaves its mark on the word when it is about to sleep.
-    while (!(m_object->words().owner & ProcessIdentity::kUserBit)) std::this_thread::yield();
+    EXPECT_TRUE(testsupport::comesTrue(
+        [&] { return (m_object->words().owner & ProcessIdentity::kUserBit) != 0; }));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(m_mutex.unlock());
     waiter.join();

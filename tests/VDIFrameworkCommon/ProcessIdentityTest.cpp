@@ -17,13 +17,8 @@ ProcessIdentity::Word identityFrom(ChildProcess& child) { return std::stoull(chi
 
 void tellIdentity() { testsupport::say(std::to_string(ProcessIdentity::own())); }
 
-// Waits at most 10 s.
 bool comesToBeGone(ProcessIdentity::Word word) {
-    for (int i = 0; i < 10000; ++i) {
-        if (ProcessIdentity::isGone(word)) return true;
-        usleep(1000);
-    }
-    return false;
+    return testsupport::comesTrue([&] { return ProcessIdentity::isGone(word); });
 }
 
 }  // namespace

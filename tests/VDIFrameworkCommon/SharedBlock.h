@@ -72,6 +72,17 @@ inline std::chrono::milliseconds since(std::chrono::steady_clock::time_point sta
                                                                  start);
 }
 
+// Waits for something that takes no more than a moment; false when it has not come after 20 s.
+template <class Condition>
+bool comesTrue(Condition condition) {
+    const auto start = std::chrono::steady_clock::now();
+    while (!condition()) {
+        if (since(start) > std::chrono::seconds(20)) return false;
+        usleep(200);
+    }
+    return true;
+}
+
 // Prints a line for the parent's readLine().
 inline void say(const std::string& line) {
     std::puts(line.c_str());
