@@ -12,6 +12,9 @@ using namespace segmenttest;
 using testsupport::ChildProcess;
 using testsupport::LogCapture;
 
+// A check every 500 ms, and room for a loaded machine.
+constexpr milliseconds kSoon{2500};
+
 class RWControllerAcrossProcesses : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -36,16 +39,15 @@ TEST_F(RWControllerAcrossProcesses, AnotherActiveAgentStopsReadingAndWritingWith
     ChildProcess other("segmentOtherAgent");
     for (int round = 1; round <= 2; ++round) {
         ASSERT_EQ(other.readLine(), "active");
-        EXPECT_TRUE(waitUntil([&] { return !writes(); }, milliseconds(1000)));
-        EXPECT_TRUE(waitUntil([&] { return log.contains("Canread flag turns to false: " + name); },
-                              milliseconds(1000)));
+        EXPECT_TRUE(waitUntil([&] { return !writes(); }, kSoon));
+        EXPECT_TRUE(
+            waitUntil([&] { return log.contains("Canread flag turns to false: " + name); }, kSoon));
         for (int i = 0; i < 3; ++i) EXPECT_FALSE(writes());
         other.writeLine("go away");
         ASSERT_EQ(other.readLine(), "inactive");
-        EXPECT_TRUE(waitUntil([&] { return writes(); }, milliseconds(1000)));
-        EXPECT_TRUE(
-            waitUntil([&] { return log.count("Canread flag turns to true: " + name) == round; },
-                      milliseconds(1000)));
+        EXPECT_TRUE(waitUntil([&] { return writes(); }, kSoon));
+        EXPECT_TRUE(waitUntil(
+            [&] { return log.count("Canread flag turns to true: " + name) == round; }, kSoon));
         other.writeLine("again");
     }
     EXPECT_EQ(log.count("Canwrite flag turns to false: " + name), 2);
@@ -57,10 +59,10 @@ TEST_F(RWControllerAcrossProcesses, AnotherActiveAgentStopsReadingAndWritingWith
 TEST_F(RWControllerAcrossProcesses, AnAgentThatIsKilledIsGone) {
     ChildProcess other("segmentOtherAgent");
     ASSERT_EQ(other.readLine(), "active");
-    EXPECT_TRUE(waitUntil([&] { return !writes(); }, milliseconds(1000)));
+    EXPECT_TRUE(waitUntil([&] { return !writes(); }, kSoon));
     other.kill();
     other.wait();
-    EXPECT_TRUE(waitUntil([&] { return writes(); }, milliseconds(1000)));
+    EXPECT_TRUE(waitUntil([&] { return writes(); }, kSoon));
 }
 
 TEST_F(RWControllerAcrossProcesses, AClientIsNotStoppedByTheAgentItServes) {
@@ -95,8 +97,8 @@ TEST_F(RWControllerAcrossProcesses, AfterAShutdownTheNextSegmentStartsTheChecksA
 
     const auto next = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
     ASSERT_TRUE(next->Create(uniqueName(), 64));
-    EXPECT_TRUE(waitUntil([&] { return !controller->canRead() && !controller->canWrite(); },
-                          milliseconds(1000)));
+    EXPECT_TRUE(
+        waitUntil([&] { return !controller->canRead() && !controller->canWrite(); }, kSoon));
     EXPECT_FALSE(write(*next, "x"));
 }
 

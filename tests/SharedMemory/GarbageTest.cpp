@@ -24,6 +24,11 @@ constexpr unsigned int kCapacity = 64;
 // A segment for which time passes fifty times as fast, so that its limits come soon.
 template <class Segment>
 class Hurried : public Segment {
+public:
+    ~Hurried() override {
+        if (this->isOpen()) this->Close();
+    }
+
 protected:
     unsigned int ElapsedMillisecond() override {
         return static_cast<unsigned int>(50 * Clock::now().time_since_epoch() / milliseconds(1));

@@ -143,6 +143,11 @@ inline std::atomic<unsigned int> g_testTime{100000};
 
 template <class Segment>
 class Clocked : public Segment {
+public:
+    ~Clocked() override {
+        if (this->isOpen()) this->Close();
+    }
+
 protected:
     unsigned int ElapsedMillisecond() override { return g_testTime; }
 };

@@ -39,10 +39,8 @@ unsigned int SharedMemoryMacosx::ElapsedMillisecond() {
     return static_cast<unsigned int>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
 }
 
-long SharedMemoryMacosx::IncrementWithLocking(SharedWord* word) {
-    // Wraps like the word itself: another process may have left anything there.
-    return static_cast<long>(static_cast<unsigned long>(word->fetch_add(1)) + 1);
-}
+// Wraps like the word itself: another process may have left anything there.
+long SharedMemoryMacosx::IncrementWithLocking(SharedWord* word) { return ++*word; }
 
 void SharedMemoryMacosx::DecrementWithLocking(SharedWord* word) { word->fetch_sub(1); }
 
