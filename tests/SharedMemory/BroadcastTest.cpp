@@ -312,4 +312,27 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
     EXPECT_EQ(staying.wait(), 0);
 }
 
+TEST(BroadcastAcrossProcesses, ReadersGoOnAfterEachWriterThatIsKilled) {
+    const std::string name = uniqueName();
+    SharedMemoryBroadcast readers[2];
+    Checker checkers[2];
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(readers[i].Open(name, 200));
+        readers[i].subscribeObserver(&checkers[i]);
+    }
+    std::mt19937 random(3);
+    for (std::uint32_t generation = 1; generation <= static_cast<std::uint32_t>(rounds(50));
+         ++generation) {
+        ChildProcess writer("segmentSource", {"1", name, "200", std::to_string(generation), "0"});
+        ASSERT_EQ(writer.readLine(), "ready");
+        for (auto& checker : checkers) {
+            ASSERT_TRUE(waitUntil([&] { return checker.source() == generation; })) << generation;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
+        writer.kill();
+        ASSERT_EQ(writer.wait(), 128 + SIGKILL);
+    }
+    for (auto& checker : checkers) EXPECT_EQ(checker.wrong(), 0);
+}
+
 }  // namespace

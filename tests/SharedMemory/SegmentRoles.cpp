@@ -30,9 +30,9 @@ void await() {
     std::getline(std::cin, line);
 }
 
-// Lengths around the capacity, the same for every number.
-std::size_t lengthOf(std::uint32_t messageNumber, unsigned int capacity) {
-    return messageNumber * 2654435761U % (3 * capacity);
+// Lengths of all kinds, the same for every number.
+std::size_t lengthOf(std::uint32_t messageNumber, std::size_t longest) {
+    return messageNumber * 2654435761U % longest;
 }
 
 // in, out, capacity: sends back what comes.
@@ -58,7 +58,8 @@ CHILD_ROLE(segmentSource) {
     say("ready");
     if (count != 0) await();
     for (std::uint32_t i = 0; count == 0 || i < count; ++i) {
-        const auto message = numberedMessage({number(args[3]), i}, lengthOf(i, capacity));
+        const std::size_t longest = args[0] == "1" ? capacity : 3 * capacity;
+        const auto message = numberedMessage({number(args[3]), i}, lengthOf(i, longest));
         if (!write(*out, message)) return 2;
     }
     return 0;

@@ -29,27 +29,23 @@ void ObserverSet::eraseAll() {
 }
 
 void ObserverSet::deliver(std::string message, SharedMemoryI* source) {
-    bool last = false;
-    SharedMemoryObserverI* observer = nullptr;
-    while (!last && (observer = beginCall(observer, last))) {
-        if (last) {
-            observer->onNewMessageReceived(std::move(message), source);
-        } else {
-            // NOLINTNEXTLINE(bugprone-use-after-move): the loop ends after the last observer.
-            observer->onNewMessageReceived(message, source);
-        }
+    Call call = beginCallAfter(nullptr);
+    for (; call.observer && !call.isLast; call = beginCallAfter(call.observer)) {
+        call.observer->onNewMessageReceived(message, source);
         endCall();
     }
+    if (!call.observer) return;
+    call.observer->onNewMessageReceived(std::move(message), source);
+    endCall();
 }
 
-SharedMemoryObserverI* ObserverSet::beginCall(SharedMemoryObserverI* previous, bool& last) {
+ObserverSet::Call ObserverSet::beginCallAfter(SharedMemoryObserverI* previous) {
     LocalLock lock(m_mutex);
     const auto next = previous ? m_observers.upper_bound(previous) : m_observers.begin();
-    if (next == m_observers.end()) return nullptr;
-    last = std::next(next) == m_observers.end();
+    if (next == m_observers.end()) return {};
     m_called = *next;
     m_caller = std::this_thread::get_id();
-    return m_called;
+    return {m_called, std::next(next) == m_observers.end()};
 }
 
 void ObserverSet::endCall() {

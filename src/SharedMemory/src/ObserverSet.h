@@ -22,8 +22,12 @@ public:
     void deliver(std::string message, SharedMemoryI* source);
 
 private:
-    // The observer after `previous` (the first after null); null at the end.
-    SharedMemoryObserverI* beginCall(SharedMemoryObserverI* previous, bool& last);
+    struct Call {
+        SharedMemoryObserverI* observer = nullptr;
+        bool isLast = false;
+    };
+    // The call of the observer after `previous` (the first after null); of none at the end.
+    Call beginCallAfter(SharedMemoryObserverI* previous);
     void endCall();
 
     VDIFrameworkCommon::LocalMutex m_mutex;

@@ -143,6 +143,8 @@ private:
     void clearBehind(unsigned int length);
 
     // Reading
+    // Takes the chunk that waits and those that follow it within `silence` ms each.
+    bool takeMessage(std::string& message, unsigned int silence) NORVO_REQUIRES(m_waitLock);
     Taken takeChunk(std::string& message) NORVO_REQUIRES(m_waitLock);
     void dropPartialMessage() NORVO_REQUIRES(m_waitLock);
 

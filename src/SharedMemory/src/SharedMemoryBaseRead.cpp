@@ -21,7 +21,7 @@ std::string SharedMemoryBase::ReadData(unsigned int& length, unsigned int timeou
     std::string message;
     LocalLock wait(m_waitLock);
     if (!waitForChunk(timeout) || !mayOperate(Mode::Reader)) return message;
-    receive(message, timeout);
+    takeMessage(message, timeout);
     length = static_cast<unsigned int>(message.size());
     return message;
 }
@@ -45,15 +45,15 @@ bool SharedMemoryBase::ReadData(void** data, unsigned int& length) {
 
 bool SharedMemoryBase::receive(std::string& message, unsigned int silence) {
     if (isReadingStopped()) return false;
-    bool waiting = NewMessage(false);
-    if (!waiting && m_assembler.inProgress()) waiting = waitForChunk(silence);
-    while (waiting) {
-        const Taken taken = takeChunk(message);
-        if (taken != Taken::Part) return taken == Taken::Message;
-        waiting = waitForChunk(silence);
-    }
+    const bool waiting = NewMessage(false) || (m_assembler.inProgress() && waitForChunk(silence));
+    return waiting && takeMessage(message, silence);
+}
+
+bool SharedMemoryBase::takeMessage(std::string& message, unsigned int silence) {
+    Taken taken = takeChunk(message);
+    while (taken == Taken::Part && waitForChunk(silence)) taken = takeChunk(message);
     if (!m_open) dropPartialMessage();
-    return false;
+    return taken == Taken::Message;
 }
 
 SharedMemoryBase::Taken SharedMemoryBase::takeChunk(std::string& message) {

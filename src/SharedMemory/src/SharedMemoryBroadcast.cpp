@@ -155,18 +155,20 @@ bool SharedMemoryBroadcast::writeMessage(const void* data, unsigned int length) 
 }
 
 // Count, index and ID change in one section, so that a reader that opens is either counted and sees
-// the message, or neither.
+// the message, or neither. The ID goes first: a writer that dies between the two then leaves a
+// message that the readers answer, and not a count of 0 that keeps the next writer out.
 bool SharedMemoryBroadcast::publish(const void* data, unsigned int length) {
     std::memcpy(dataArea(), data, length);
-    if (!lockNamedMutex()) {
-        UnlockWrite();
-        return false;
+    const bool locked = lockNamedMutex();
+    if (locked) {
+        ChunkHeader{1, 1, length, length}.store(*header());
+        IncrementWithLocking(&header()->newMessageId);
+        m_readersAtLastWrite =
+            static_cast<unsigned int>(ExcangeWithLocking(&header()->lockWord2, 0));
+        m_lastWriteTime = ElapsedMillisecond();
     }
-    ChunkHeader{1, 1, length, length}.store(*header());
-    m_readersAtLastWrite = static_cast<unsigned int>(ExcangeWithLocking(&header()->lockWord2, 0));
-    m_lastWriteTime = ElapsedMillisecond();
     UnlockWrite();
-    IncrementWithLocking(&header()->newMessageId);
+    if (!locked) return false;
     m_mutex.unlock();
     m_readCondition.notify();
     return true;
