@@ -182,6 +182,18 @@ TEST_F(BroadcastTest, SeveralReadersInsideHoldTheWriterUpForAsLongAsStated) {
     EXPECT_EQ(raw.word64(24), 0);
 }
 
+TEST_F(BroadcastTest, ACountOfReadyReadersThatIsLostIsRaisedAgain) {
+    ClockedBroadcast reader;
+    ASSERT_TRUE(reader.Open(name, 64));
+    RawSegment raw(name);
+    raw.put<long>(8, 0);
+    EXPECT_FALSE(canWriteNow());
+    EXPECT_EQ(read(reader), "");
+    EXPECT_EQ(read(reader), "");
+    EXPECT_TRUE(send("one"));
+    EXPECT_EQ(read(reader), "one");
+}
+
 TEST_F(BroadcastTest, OpeningLeavesTheCountOfReadersInsideAlone) {
     RawSegment raw(name);
     raw.put<long>(16, 40);
@@ -282,9 +294,9 @@ private:
 TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndGo) {
     const auto count = static_cast<std::uint32_t>(rounds(5000));
     const std::string name = uniqueName();
+    Checker checker;
     SharedMemoryBroadcast reader;
     SharedMemoryBroadcast writer;
-    Checker checker;
     ASSERT_TRUE(reader.Open(name, 64));
     ASSERT_TRUE(writer.Create(name, 64));
     reader.subscribeObserver(&checker);
@@ -314,8 +326,8 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
 
 TEST(BroadcastAcrossProcesses, ReadersGoOnAfterEachWriterThatIsKilled) {
     const std::string name = uniqueName();
-    SharedMemoryBroadcast readers[2];
     Checker checkers[2];
+    SharedMemoryBroadcast readers[2];
     for (int i = 0; i < 2; ++i) {
         ASSERT_TRUE(readers[i].Open(name, 200));
         readers[i].subscribeObserver(&checkers[i]);
@@ -332,7 +344,7 @@ TEST(BroadcastAcrossProcesses, ReadersGoOnAfterEachWriterThatIsKilled) {
         writer.kill();
         ASSERT_EQ(writer.wait(), 128 + SIGKILL);
     }
-    for (auto& checker : checkers) EXPECT_EQ(checker.wrong(), 0);
+    for (auto& checker : checkers) EXPECT_EQ(checker.wrong(), 0) << checker.firstWrong();
 }
 
 }  // namespace

@@ -88,11 +88,11 @@ TYPED_TEST_SUITE(GarbageTest, Segments);
 
 TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
     const std::string name = uniqueName();
+    Collector collector;
     Hurried<TypeParam> reader;
     Hurried<TypeParam> writer;
     ASSERT_TRUE(reader.Open(name, kCapacity));
     ASSERT_TRUE(writer.Create(name, kCapacity));
-    Collector collector;
     reader.subscribeObserver(&collector);
     RawSegment raw(name);
     VDIFrameworkCommon::NamedCondition written;

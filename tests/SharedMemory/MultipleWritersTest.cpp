@@ -128,9 +128,9 @@ private:
 TEST(MultipleWritersAcrossProcesses, MessagesOfTwoWritersNeverInterleave) {
     const std::string name = uniqueName();
     const std::string count = std::to_string(rounds(3000));
+    PerSource messages;
     MultipleWritersOneReaderSM reader;
     ASSERT_TRUE(reader.Open(name, 64));
-    PerSource messages;
     reader.subscribeObserver(&messages);
     ChildProcess one("segmentSource", {"2", name, "64", "1", count});
     ASSERT_EQ(one.readLine(), "ready");
@@ -146,10 +146,10 @@ TEST(MultipleWritersAcrossProcesses, MessagesOfTwoWritersNeverInterleave) {
 
 TEST(MultipleWritersAcrossProcesses, WritingResumesAfterAWriterDiedWithTheLock) {
     const std::string name = uniqueName();
+    Collector collector;
     MultipleWritersOneReaderSM reader;
     MultipleWritersOneReaderSM writer;
     ASSERT_TRUE(reader.Open(name, 64));
-    Collector collector;
     reader.subscribeObserver(&collector);
     ASSERT_TRUE(writer.Create(name, 64));
     ChildProcess holder("segmentLockHolder", {name, "64"});

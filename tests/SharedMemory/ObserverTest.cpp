@@ -27,6 +27,18 @@ private:
     std::function<void(const std::string&, SharedMemoryI*)> m_act;
 };
 
+// Stands behind the observers of a test, so that none is called after its end.
+class Unsubscribing {
+public:
+    explicit Unsubscribing(SharedMemoryI& segment) : m_segment(segment) {}
+    ~Unsubscribing() { m_segment.unsubscribeAllObservers(); }
+    Unsubscribing(const Unsubscribing&) = delete;
+    Unsubscribing& operator=(const Unsubscribing&) = delete;
+
+private:
+    SharedMemoryI& m_segment;
+};
+
 class ObserverTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -40,6 +52,7 @@ protected:
 
 TEST_F(ObserverTest, EveryObserverGetsItsOwnCopy) {
     Collector observers[3];
+    const Unsubscribing atEnd(*reader);
     for (auto& observer : observers) reader->subscribeObserver(&observer);
     reader->subscribeObserver(&observers[0]);
     ASSERT_TRUE(write(*writer, std::string(200, 'm')));
@@ -48,7 +61,6 @@ TEST_F(ObserverTest, EveryObserverGetsItsOwnCopy) {
         ASSERT_TRUE(observer.waitForCount(2));
         EXPECT_EQ(observer.messages(), (std::vector<std::string>{std::string(200, 'm'), "second"}));
     }
-    reader->unsubscribeAllObservers();
 }
 
 TEST_F(ObserverTest, AnObserverMayLeaveFromInsideTheCall) {
@@ -58,6 +70,7 @@ TEST_F(ObserverTest, AnObserverMayLeaveFromInsideTheCall) {
     ASSERT_TRUE(waitUntil([&] { return leaving.calls == 1; }));
 
     Collector next;
+    const Unsubscribing atEnd(*reader);
     reader->subscribeObserver(&next);
     ASSERT_TRUE(write(*writer, "two"));
     ASSERT_TRUE(next.waitForCount(1));
@@ -70,6 +83,7 @@ TEST_F(ObserverTest, AnObserverMayHandOverToAnotherFromInsideTheCall) {
         source->unsubscribeObserver(&leaving);
         source->subscribeObserver(&next);
     });
+    const Unsubscribing atEnd(*reader);
     reader->subscribeObserver(&leaving);
     ASSERT_TRUE(write(*writer, "one"));
     ASSERT_TRUE(waitUntil([&] { return leaving.calls == 1; }));
@@ -87,6 +101,7 @@ TEST_F(ObserverTest, UnsubscribingWaitsForTheRunningCall) {
         done = true;
     });
     Collector staying;
+    const Unsubscribing atEnd(*reader);
     reader->subscribeObserver(&slow);
     reader->subscribeObserver(&staying);
     ASSERT_TRUE(write(*writer, "one"));
@@ -127,6 +142,7 @@ TEST_F(ObserverTest, MisuseIsRefusedAndDoesNotHang) {
     testsupport::LogCapture log;
     Collector collector;
     Acting closing([&](auto&, SharedMemoryI* source) { EXPECT_FALSE(source->Close()); });
+    const Unsubscribing atEnd(*reader);
     reader->subscribeObserver(&collector);
     reader->subscribeObserver(&closing);
     ASSERT_TRUE(write(*writer, "one"));
@@ -146,6 +162,7 @@ TEST_F(ObserverTest, MisuseIsRefusedAndDoesNotHang) {
 
 TEST_F(ObserverTest, ASegmentMayBeClosedAndOpenedAgainWithItsObservers) {
     Collector collector;
+    const Unsubscribing atEnd(*reader);
     reader->subscribeObserver(&collector);
     EXPECT_TRUE(reader->Close());
     EXPECT_FALSE(reader->Close());

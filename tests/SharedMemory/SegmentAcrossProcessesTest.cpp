@@ -42,14 +42,14 @@ TEST(SegmentAcrossProcesses, MessagesOfEveryLengthCrossBothWays) {
 TEST(SegmentAcrossProcesses, ManyMessagesKeepContentAndOrder) {
     const auto count = static_cast<std::uint32_t>(rounds(100000));
     const std::string name = uniqueName();
+    Checker checker;
     const auto reader = plain();
     ASSERT_TRUE(reader->Open(name, 64));
-    Checker checker;
     reader->subscribeObserver(&checker);
     ChildProcess source("segmentSource", {"0", name, "64", "1", std::to_string(count)});
     source.writeLine("go");
     EXPECT_TRUE(waitUntil([&] { return checker.count() == count; }, std::chrono::seconds(60)));
-    EXPECT_EQ(checker.wrong(), 0);
+    EXPECT_EQ(checker.wrong(), 0) << checker.firstWrong();
     EXPECT_EQ(source.wait(), 0);
 }
 
@@ -98,9 +98,9 @@ TEST(SegmentAcrossProcesses, IsolatedWritesNeverRunIntoATimeOut) {
 
 TEST(SegmentAcrossProcesses, AReaderGoesOnAfterEachWriterThatIsKilled) {
     const std::string name = uniqueName();
+    Checker checker;
     const auto reader = plain();
     ASSERT_TRUE(reader->Open(name, 64));
-    Checker checker;
     reader->subscribeObserver(&checker);
     std::mt19937 random(1);
     for (int generation = 1; generation <= rounds(250); ++generation) {
@@ -114,7 +114,7 @@ TEST(SegmentAcrossProcesses, AReaderGoesOnAfterEachWriterThatIsKilled) {
         writer.kill();
         ASSERT_EQ(writer.wait(), 128 + SIGKILL);
     }
-    EXPECT_EQ(checker.wrong(), 0);
+    EXPECT_EQ(checker.wrong(), 0) << checker.firstWrong();
 }
 
 TEST(SegmentAcrossProcesses, AWriterGoesOnAfterEachReaderThatIsKilled) {

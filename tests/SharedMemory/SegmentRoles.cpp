@@ -142,12 +142,12 @@ CHILD_ROLE(segmentOtherAgent) {
 
 // in, out: a client's echo, which says its controller's opinion of it after each message.
 CHILD_ROLE(segmentClient) {
+    Collector collector;
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
     const auto in = segment(ESharedMemoryType::Plain);
     const auto out = segment(ESharedMemoryType::Plain);
     if (!in->Open(args[0], 64) || !out->Create(args[1], 64)) return 1;
     say("ready");
-    Collector collector;
     in->subscribeObserver(&collector);
     for (std::size_t count = 1; count <= 2; ++count) {
         if (!collector.waitForCount(count) || !write(*out, collector.messages().back())) return 2;
@@ -177,9 +177,9 @@ CHILD_ROLE(segmentScribbler) {
 
 // type, name: a subscribed reader without traffic, until a line comes.
 CHILD_ROLE(segmentIdleReader) {
+    Collector collector;
     const auto in = segment(static_cast<ESharedMemoryType>(number(args[0])));
     if (!in->Open(args[1], 65536)) return 1;
-    Collector collector;
     in->subscribeObserver(&collector);
     say("ready");
     await();

@@ -59,13 +59,17 @@ class Checker : public SharedMemoryObserverI {
 public:
     void onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) override {
         const auto id = readNumbered(message);
-        if (!id || !follows(*id)) ++m_wrong;
+        if ((!id || !follows(*id)) && m_wrong++ == 0) note(id);
         if (!id) return;
         m_expected = id->number + 1;
         m_source = id->source;
         ++m_count;
     }
     int wrong() const { return m_wrong; }
+    std::string firstWrong() const {
+        std::lock_guard lock(m_mutex);
+        return m_firstWrong;
+    }
     std::uint32_t count() const { return m_count; }
     std::uint32_t source() const { return m_source; }
 
@@ -74,6 +78,16 @@ private:
         return id.source == m_source ? id.number == m_expected
                                      : id.source > m_source && id.number == 0;
     }
+    void note(const std::optional<Numbered>& id) {
+        const auto text = [](std::uint32_t source, std::uint32_t number) {
+            return std::to_string(source) + "/" + std::to_string(number);
+        };
+        std::lock_guard lock(m_mutex);
+        m_firstWrong = "instead of " + text(m_source, m_expected) + " came " +
+                       (id ? text(id->source, id->number) : "a damaged message");
+    }
+    mutable std::mutex m_mutex;
+    std::string m_firstWrong;
     std::atomic<int> m_wrong{0};
     std::atomic<std::uint32_t> m_count{0};
     std::atomic<std::uint32_t> m_source{0};

@@ -161,11 +161,11 @@ TEST(SegmentSetUpTest, ASecondOpenerWithASmallerCapacityLeavesTheObjectAsItIs) {
 
 TEST(SegmentTest, MessagesOfAnyLengthCrossWhole) {
     const std::string name = uniqueName();
+    Collector collector;
     const auto reader = plain();
     const auto writer = plain();
     ASSERT_TRUE(reader->Open(name, 16));
     ASSERT_TRUE(writer->Create(name, 16));
-    Collector collector;
     reader->subscribeObserver(&collector);
     std::vector<std::string> sent;
     for (const std::size_t length : {1U, 15U, 16U, 17U, 32U, 33U, 167U}) {

@@ -17,7 +17,7 @@ constexpr unsigned int kWriteWaitMs = 3000;
 constexpr unsigned int kReaderIsGoneAfterMs = 2000;
 constexpr unsigned int kReaderInsideIsGoneAfterMs = 500;
 // Readers that knew an earlier writer's IDs need one poll to put them back in place.
-constexpr unsigned int kReadersSettleMs = 2 * kPollMs;
+constexpr unsigned int kReadersSettleMs = 5 * kPollMs;
 constexpr int kCopies = 3;
 
 // Wraps: the IDs in a segment may be anything.
@@ -30,6 +30,7 @@ SharedMemoryBroadcast::~SharedMemoryBroadcast() {
 }
 
 void SharedMemoryBroadcast::startWriting() {
+    m_settleMs = header()->newMessageId == 0 ? 0 : kReadersSettleMs;
     SharedMemoryMacosx::startWriting();
     ExcangeWithLocking(&header()->writerLockCount, 0);
     m_createdAt = ElapsedMillisecond();
@@ -40,9 +41,14 @@ void SharedMemoryBroadcast::startWriting() {
 
 void SharedMemoryBroadcast::startReading() {
     m_lastSeenId = header()->newMessageId;
-    m_countedAfterId = m_lastSeenId;
+    countAsOneThatCame();
+}
+
+void SharedMemoryBroadcast::countAsOneThatCame() {
     header()->chunkIndex.fetch_add(1);
     IncrementWithLocking(&header()->lockWord2);
+    m_countedAfterId = m_lastSeenId;
+    m_isCountLost = false;
 }
 
 void SharedMemoryBroadcast::leave() {
@@ -63,11 +69,11 @@ bool SharedMemoryBroadcast::NewMessage(bool update) {
         if (update) m_lastSeenId = current;
         return true;
     }
-    // The writer was set up anew. While the ID is 0 it has not written: the slot holds an old
-    // message.
-    const bool isWritten = current != 0;
+    // The writer was set up anew. While the ID is 0 it has not written, and the one before the last
+    // was put there by a reader that has yet to take the last: the slot holds an old message.
+    const bool isOld = current == 0 || (current > 1 && current == m_lastSeenId - 1);
     header()->newMessageId.compare_exchange_strong(current, m_lastSeenId);
-    return isWritten;
+    return !isOld;
 }
 
 bool SharedMemoryBroadcast::LockRead() {
@@ -105,9 +111,10 @@ bool SharedMemoryBroadcast::isGranted(unsigned int now) {
         return true;
     }
     // In this order: the index is never ahead of the count for a reader that opens or closes.
-    const auto ready = static_cast<unsigned int>(header()->lockWord2.load());
+    const long count = header()->lockWord2;
     const unsigned int came = header()->chunkIndex.load() - 1;
-    if (ready == 0 && m_readersAtLastWrite == 0) return false;
+    if (count == 0 && m_readersAtLastWrite == 0) return false;
+    const auto ready = static_cast<unsigned int>(count);
     return ready - came == m_readersAtLastWrite || isGrantedLate(now, inside == 1);
 }
 
@@ -128,7 +135,7 @@ bool SharedMemoryBroadcast::WaitLockWrite(unsigned int timeout) {
         const unsigned int now = ElapsedMillisecond();
         if (!HasObservers()) {
             if (!isOpen()) return false;
-            if (now - m_createdAt >= kReadersSettleMs && LockWrite()) return true;
+            if (now - m_createdAt >= m_settleMs && LockWrite()) return true;
             if (now - start >= timeout) return false;
         } else if (!IsReadRunning()) {
             return false;
@@ -179,7 +186,11 @@ std::string SharedMemoryBroadcast::ReadData(unsigned int& length, unsigned int /
     std::string message;
     if (!mayOperate(Mode::Reader)) return message;
     LocalLock wait(m_waitLock);
-    if (waitForChunk(kPollMs)) takeSeenMessage(message);
+    if (waitForChunk(kPollMs)) {
+        takeSeenMessage(message);
+    } else {
+        stayCounted();
+    }
     length = static_cast<unsigned int>(message.size());
     return message;
 }
@@ -225,9 +236,26 @@ bool SharedMemoryBroadcast::copyMessage(std::string& message) {
 void SharedMemoryBroadcast::countAsReady() {
     if (!lockNamedMutex()) return;
     if (header()->newMessageId == m_lastSeenId) {
-        if (m_countedAfterId != idBefore(m_lastSeenId)) header()->chunkIndex.fetch_add(1);
-        IncrementWithLocking(&header()->lockWord2);
-        m_countedAfterId = m_lastSeenId;
+        if (m_countedAfterId == idBefore(m_lastSeenId)) {
+            IncrementWithLocking(&header()->lockWord2);
+            m_countedAfterId = m_lastSeenId;
+        } else {
+            countAsOneThatCame();
+        }
+    }
+    m_mutex.unlock();
+}
+
+// A count of 0 without a message to take would keep every writer out for good. Looked at twice,
+// because an end that is not ours may zero it a moment before it raises the ID.
+void SharedMemoryBroadcast::stayCounted() {
+    if (!header() || header()->lockWord2 != 0 || !lockNamedMutex()) return;
+    if (header()->lockWord2 == 0 && header()->newMessageId == m_lastSeenId) {
+        if (m_isCountLost) {
+            countAsOneThatCame();
+        } else {
+            m_isCountLost = true;
+        }
     }
     m_mutex.unlock();
 }

@@ -57,16 +57,21 @@ private:
     bool isGrantedLate(unsigned int now, bool readerInside);
     bool takeSeenMessage(std::string& message);
     bool copyMessage(std::string& message);
+    void countAsOneThatCame();
     void countAsReady();
+    void stayCounted();
 
     // Reader: the last message ID seen, and the one after which it was counted at offset 8.
     long m_lastSeenId = 0;
     long m_countedAfterId = 0;
+    // The count was found to be 0 although this reader is counted.
+    bool m_isCountLost = false;
 
     // Writer
     unsigned int m_lastWriteTime = 0;
     unsigned int m_readersAtLastWrite = 0;
     unsigned int m_createdAt = 0;
+    unsigned int m_settleMs = 0;
     // Since when a late write has been kept waiting by a reader inside a read.
     bool m_isHeldUp = false;
     unsigned int m_heldUpSince = 0;
