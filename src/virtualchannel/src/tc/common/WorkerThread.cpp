@@ -46,6 +46,7 @@ void WorkerThread::run() {
     DoWork();
     // What was queued before a Stop() that came ahead of the thread's first step, or of its last.
     drain();
+    m_threadId = std::thread::id();
     LocalLock lock(m_workMutex);
     m_ended = true;
     m_endCondition.notify_all();
@@ -241,27 +242,37 @@ void WorkerThread::requestStop() {
 
 bool WorkerThread::onOwnThread() const { return m_threadId.load() == std::this_thread::get_id(); }
 
+bool WorkerThread::endsUntil(Clock::time_point deadline) {
+    LocalLock lock(m_workMutex);
+    while (!m_ended) {
+        if (!m_endCondition.wait_until(m_workMutex, deadline) && !m_ended) return false;
+    }
+    return true;
+}
+
 void WorkerThread::join() {
     LocalLock lock(m_joinMutex);
     if (m_thread.joinable()) m_thread.join();
-    m_threadId = std::thread::id();
     NORVO_LOG(Trace, "Worker thread stopped.");
+}
+
+void WorkerThread::letGo() {
+    LocalLock lock(m_joinMutex);
+    if (m_thread.joinable()) m_thread.detach();
 }
 
 void WorkerThread::Stop() {
     requestStop();
-    if (!onOwnThread()) join();
+    if (onOwnThread()) return;
+    while (!endsUntil(Clock::now() + std::chrono::hours(1))) continue;
+    join();
 }
 
 bool WorkerThread::StopWithin(std::chrono::milliseconds limit) {
     requestStop();
-    if (onOwnThread()) return false;
-    const auto deadline = Clock::now() + limit;
-    {
-        LocalLock lock(m_workMutex);
-        while (!m_ended) {
-            if (!m_endCondition.wait_until(m_workMutex, deadline) && !m_ended) return false;
-        }
+    if (onOwnThread() || !endsUntil(Clock::now() + limit)) {
+        letGo();
+        return false;
     }
     join();
     return true;

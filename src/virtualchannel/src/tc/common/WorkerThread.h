@@ -76,8 +76,9 @@ public:
     // Lets the thread run what is queued, and joins it. Called on the worker's own thread, it only
     // asks the thread to end. Items added later stay queued.
     void Stop();
-    // The same, but gives up waiting after `limit`: false when the thread has not ended by then. It
-    // ends by itself as soon as the running item returns and the queues are empty.
+    // The same, but gives up waiting after `limit`, or at once on the worker's own thread: false
+    // when the thread has not ended by then. It ends by itself as soon as the running item returns
+    // and the queues are empty, and the destructor waits for that.
     bool StopWithin(std::chrono::milliseconds limit);
 
     // Drops everything queued, unrun.
@@ -103,7 +104,9 @@ private:
     void sleep(std::chrono::milliseconds time);
     void requestStop();
     bool onOwnThread() const;
+    bool endsUntil(std::chrono::steady_clock::time_point deadline);
     void join();
+    void letGo();
 
     Queue m_highPriority;
     Queue m_lowPriority;
