@@ -100,7 +100,7 @@ BENCH_SUITE(messages, "encoding and decoding a routed message, beside protobuf")
         const auto copy = std::make_shared<std::string>(one.length, 'c');
         suite.timed("memcpy", [data, copy] {
             std::memcpy(copy->data(), data->data(), data->size());
-            bench::doNotOptimize(copy->data()[0]);
+            bench::doNotOptimize((*copy)[0]);
         });
         const auto floor = suite.timed("protobuf", [data] { throughProtobuf(*data); });
         const auto ours = suite.timed("VCMessage", [data] { throughMessage(*data); });

@@ -157,7 +157,7 @@ void declare(bench::Suite& suite, const Case& one, Order order) {
 
     suite.timed("memcpy", [message, copy] {
         std::memcpy(copy->data(), message->data(), message->size());
-        bench::doNotOptimize(copy->data()[0]);
+        bench::doNotOptimize((*copy)[0]);
     });
     const auto floor =
         suite.timed("one std::vector per packet", [=] { vectors->cutAndJoin(*message, order); });

@@ -20,7 +20,7 @@ public:
     void* allocate(std::size_t size, std::size_t& capacity) noexcept {
         if (size >= kSmallest && size <= kLargest)
             if (void* const spare = take(size, capacity)) return spare;
-        capacity = size < sizeof(Free) ? sizeof(Free) : size;
+        capacity = size;
         return ::operator new(capacity, std::nothrow);
     }
 

@@ -158,7 +158,13 @@ TEST_F(Reassembly, FillsWhatNoPacketCarriesWithZeros) {
         receivePart(5, 2, 2, 200, dirty);
         receivePart(6, 2, 2, 20, "bb");
         receivePart(6, 1, 2, 20, "aa");
-        EXPECT_THAT(receiver.messages, ElementsAre(dirty + dirty, "aabb" + std::string(16, '\0')));
+        receivePart(5, 1, 2, 200, dirty);
+        receivePart(5, 2, 2, 200, dirty);
+        receivePart(7, 1, 2, 20, "aa");
+        receivePart(7, 2, 2, 20, "bb");
+        const std::string zeros(16, '\0');
+        EXPECT_THAT(receiver.messages,
+                    ElementsAre(dirty + dirty, "aabb" + zeros, dirty + dirty, "aabb" + zeros));
     }
 }
 

@@ -86,7 +86,7 @@ std::int64_t PendingMessage::measure(std::int64_t limit) const {
             }
         }
     }
-    return limit >= 0 && carried <= limit ? carried : kTooMuch;
+    return carried <= limit ? carried : kTooMuch;
 }
 
 bool PendingMessage::gather(std::int64_t carried, std::int64_t size) {

@@ -94,9 +94,8 @@ void VCMessage::addText(std::uint8_t code, const std::string& text) {
     if (value && !text.empty()) std::memcpy(value, text.data(), text.size());
 }
 
-void VCMessage::addNumber(std::uint8_t code, unsigned int number) {
-    if (std::byte* const value = addBlock(code, sizeof number))
-        std::memcpy(value, &number, sizeof number);
+void VCMessage::addNumber(std::uint8_t code, unsigned int value) {
+    if (std::byte* const to = addBlock(code, sizeof value)) std::memcpy(to, &value, sizeof value);
 }
 
 void VCMessage::addDataBlock(const std::shared_ptr<VCDataBlock>& block) {
