@@ -175,7 +175,6 @@ Idle idleOf(const ChildProcess& child, std::chrono::seconds period) {
 
 TEST(SegmentAcrossProcesses, AnIdleReaderHardlyWakes) {
     if (!std::filesystem::exists("/proc/self/task")) GTEST_SKIP() << "no /proc";
-    if (testsupport::kSanitized) GTEST_SKIP() << "a sanitizer has threads of its own";
     // Beside the read thread, the controller's checker wakes twice a second.
     // A sanitizer's own thread wakes, too.
     const double others = testsupport::kSanitized ? 20 : 2.5;
@@ -186,7 +185,7 @@ TEST(SegmentAcrossProcesses, AnIdleReaderHardlyWakes) {
         const Idle idle = idleOf(reader, std::chrono::seconds(2));
         EXPECT_LE(idle.wakes, wakes) << type;
         EXPECT_GE(idle.wakes, 1) << type;
-        EXPECT_LT(idle.processorShare, 0.005) << type;
+        EXPECT_LT(idle.processorShare, testsupport::kSanitized ? 0.05 : 0.005) << type;
     }
 }
 
