@@ -202,3 +202,21 @@ TEST_F(AgentLifecycle, AnAgentCanBeEndedAtAnyMoment) {
         }
     }
 }
+
+// The real machine: nobody reads the notifications, and nobody takes what 20 streams carry.
+TEST(AgentOnRealSegments, StopEndsAlthoughNobodyReads) {
+    FakeChannel channel;
+    Agent agent(&channel, "real");
+    channel.deliver(control(CTL_CONNECTED));
+    for (int i = 0; i < 20; ++i) {
+        const std::string name = "s" + std::to_string(i);
+        channel.deliver(routed(name, std::string(5000, 'x')));
+        channel.deliver(routed(name, std::string(5000, 'y')));
+        channel.deliver(aboutStream(CTL_S_CREATED, name, kRead));
+        channel.deliver(aboutStream(CTL_S_CREATE, "r" + std::to_string(i), kWrite));
+        channel.deliver(aboutStream(CTL_S_CREATED, "r" + std::to_string(i), kWrite));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // writers are in their waits
+    endsSoon([&] { agent.stop(); });
+    EXPECT_FALSE(channel.isObserved());
+}

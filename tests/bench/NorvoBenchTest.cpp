@@ -1,0 +1,106 @@
+// norvo_bench as its user meets it; what it measures is not looked at.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Subprocess.h"
+#include "TempDir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+support::Subprocess bench(const std::vector<std::string>& arguments) {
+    std::vector<std::string> argv{NORVO_BENCH};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return support::Subprocess(argv);
+}
+
+std::vector<std::string> linesOf(support::Subprocess& program) {
+    std::vector<std::string> lines;
+    while (program.wait(0ms) == -1 && lines.size() < 10000) {
+        auto line = program.readLine(100ms);
+        if (!line.empty()) lines.push_back(std::move(line));
+    }
+    for (auto line = program.readLine(1ms); !line.empty(); line = program.readLine(1ms))
+        lines.push_back(line);
+    return lines;
+}
+
+int sharedObjectsOf(pid_t process) {
+    int count = 0;
+    const std::string session = "nvb" + std::to_string(process) + '.';
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm"))
+        count += entry.path().filename().string().find(session) != std::string::npos;
+    return count;
+}
+
+bool waitForObjects(pid_t process) {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (sharedObjectsOf(process) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+TEST(NorvoBenchAcrossProcesses, ListsWhatItMeasures) {
+    auto program = bench({"--list"});
+    EXPECT_THAT(linesOf(program), AllOf(Contains(StartsWith("event: ")),
+                                        Contains(HasSubstr("hop/64 B/Boost mailbox"))));
+    EXPECT_EQ(program.wait(), 0);
+}
+
+TEST(NorvoBenchAcrossProcesses, RefusesWrongUseWithStatusTwo) {
+    for (const char* wrong : {"--repeat=0", "--filter=[", "--filter=nothing-is-called-so",
+                              "--csv=/nonexistent/x.csv", "--no-such-option"}) {
+        EXPECT_EQ(bench({wrong}).wait(), 2) << wrong;
+    }
+}
+
+TEST(NorvoBenchAcrossProcesses, WritesFiguresAndVerdicts) {
+    const testsupport::TempDir folder;
+    const std::string csv = folder.path() + "/figures.csv";
+    auto program = bench({"--quick", "--repeat=2", "--filter=^event/", "--csv=" + csv});
+    EXPECT_THAT(linesOf(program), Contains(HasSubstr("verdict")));
+    EXPECT_EQ(program.wait(), 0);
+    std::ifstream file(csv);
+    std::vector<std::string> rows;
+    for (std::string row; std::getline(file, row);) rows.push_back(row);
+    ASSERT_FALSE(rows.empty());
+    const auto columns = [](const std::string& row) {
+        return std::count(row.begin(), row.end(), ',');
+    };
+    for (const auto& row : rows) EXPECT_EQ(columns(row), columns(rows.front())) << row;
+    EXPECT_THAT(rows, AllOf(Contains(StartsWith("measured,event,,mutex + condition,time,ns,")),
+                            Contains(StartsWith("goal,event,"))));
+}
+
+TEST(NorvoBenchAcrossProcesses, ClearsUpWhenItIsStoppedOrKilled) {
+    auto stopped = bench({"--filter=^hop/"});
+    ASSERT_TRUE(waitForObjects(stopped.pid()));
+    stopped.signal(SIGINT);
+    EXPECT_EQ(stopped.wait(), 130);
+    EXPECT_EQ(sharedObjectsOf(stopped.pid()), 0);
+
+    auto killed = bench({"--filter=^hop/"});
+    ASSERT_TRUE(waitForObjects(killed.pid()));
+    killed.kill();
+    killed.wait();
+    EXPECT_EQ(bench({"--quick", "--repeat=1", "--filter=^event/"}).wait(), 0);
+    EXPECT_EQ(sharedObjectsOf(killed.pid()), 0) << "the next run clears up after a killed one";
+}
+
+}  // namespace

@@ -1,0 +1,256 @@
+// Two remote-desktop clients in two namespaces, each with the plug-in library, joined back to back,
+// and local processes at both ends. NORVO_BACK_TO_BACK_MESSAGES and NORVO_BACK_TO_BACK_ROUNDS set
+// how much is sent and how often the channel goes down; the build target `full_runs` does so.
+#include <gtest/gtest.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "FakeMachine.h"
+#include "Rounds.h"
+#include "SessionObjects.h"
+#include "TempDir.h"
+
+using namespace std::chrono_literals;
+using testsupport::ChildProcess;
+using testsupport::eventually;
+
+namespace {
+
+constexpr std::uint32_t kStreamsEachWay = 10;
+
+int numberFrom(const char* variable, int otherwise) {
+    const char* const text = std::getenv(variable);
+    return text ? std::atoi(text) : otherwise;
+}
+
+class BackToBackAcrossProcesses : public testing::Test {
+protected:
+    BackToBackAcrossProcesses()
+        : m_left(host("left", "listen")), m_right(host("right", "connect")) {
+        setActive(true);
+    }
+    ~BackToBackAcrossProcesses() override {
+        for (auto* each : {&m_left, &m_right}) each->closeInput();
+        EXPECT_EQ(m_left.wait(), 0);
+        EXPECT_EQ(m_right.wait(), 0);
+        for (const auto* side : {"left", "right"}) support::removeSessionObjects(spaceOf(side));
+    }
+
+    static std::string spaceOf(const std::string& side) {
+        return "nvt" + std::to_string(getpid()) + side;
+    }
+    ChildProcess host(const std::string& side, const std::string& part) {
+        return ChildProcess("pluginHost", {PLUGIN_LIBRARY, "4", part, m_dir / "wire"},
+                            {"NORVO_VDI_NAMESPACE=" + spaceOf(side)});
+    }
+    static std::unique_ptr<ChildProcess> localProcess(const std::string& side,
+                                                      const std::string& role,
+                                                      std::vector<std::string> args) {
+        return std::make_unique<ChildProcess>(
+            role, args, std::vector<std::string>{"NORVO_VDI_NAMESPACE=" + spaceOf(side)});
+    }
+    void setActive(bool active) {
+        for (auto* each : {&m_left, &m_right}) {
+            each->writeLine(active ? "active 1" : "active 0");
+            EXPECT_EQ(each->readLine(), "done");
+        }
+    }
+
+    testsupport::TempDir m_dir;
+    ChildProcess m_left;
+    ChildProcess m_right;
+};
+
+// What the readers say, by stream: what was read last, and when it had been sent.
+class Progress {
+public:
+    // One line of a reader: "at|got|bad", stream, number, time. Numbers must rise.
+    void take(const std::string& line) {
+        std::istringstream fields(line);
+        std::string word;
+        std::uint32_t stream = 0;
+        std::uint64_t number = 0;
+        std::uint64_t sentAt = 0;
+        fields >> word >> stream >> number >> sentAt;
+        std::lock_guard lock(m_mutex);
+        auto& last = m_last[stream];
+        if (word == "bad" || number <= last.first) m_complaints.push_back(line);
+        last = {number, sentAt};
+    }
+    bool allSentAfter(std::uint64_t time) const {
+        std::lock_guard lock(m_mutex);
+        std::size_t fresh = 0;
+        for (const auto& [stream, last] : m_last) fresh += last.second > time ? 1 : 0;
+        return fresh == 2 * kStreamsEachWay;
+    }
+    bool allAreAt(std::uint64_t number) const {
+        std::lock_guard lock(m_mutex);
+        std::size_t there = 0;
+        for (const auto& [stream, last] : m_last) there += last.first == number ? 1 : 0;
+        return there == 2 * kStreamsEachWay;
+    }
+    std::vector<std::string> complaints() const {
+        std::lock_guard lock(m_mutex);
+        return m_complaints;
+    }
+    std::string text() const {
+        std::lock_guard lock(m_mutex);
+        std::string text;
+        for (const auto& [stream, last] : m_last) {
+            text += std::to_string(stream) + ": " + std::to_string(last.first) + ", ";
+        }
+        return text;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::map<std::uint32_t, std::pair<std::uint64_t, std::uint64_t>> m_last;
+    std::vector<std::string> m_complaints;
+};
+
+template <class Each>
+std::thread onEachLine(ChildProcess& reader, Each each) {
+    return std::thread([&reader, each] {
+        for (std::string line; !(line = reader.readLine(180s)).empty();) each(line);
+    });
+}
+
+std::uint64_t monotonicNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
+           static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+// One way: processes on two sides that can be killed and begun again.
+class RestlessWay {
+public:
+    RestlessWay(std::uint32_t firstStream, std::string from, std::string to, Progress& progress)
+        : m_first(std::to_string(firstStream)),
+          m_from(std::move(from)),
+          m_to(std::move(to)),
+          m_progress(progress) {
+        beginWriter();
+        beginReader();
+    }
+    ~RestlessWay() {
+        m_writer->kill();
+        endReader();
+    }
+    void replaceWriter() {
+        m_writer->kill();
+        m_writer->wait();
+        beginWriter();
+    }
+    void replaceReader() {
+        endReader();
+        beginReader();
+    }
+
+private:
+    std::unique_ptr<ChildProcess> begin(const std::string& side, const std::string& role,
+                                        std::vector<std::string> args) const {
+        return std::make_unique<ChildProcess>(
+            role, args,
+            std::vector<std::string>{"NORVO_VDI_NAMESPACE=nvt" + std::to_string(getpid()) + side});
+    }
+    void beginWriter() {
+        m_writer = begin(m_from, "writeTrafficOn",
+                         {m_first, std::to_string(kStreamsEachWay), std::to_string(m_next)});
+        m_next += 1'000'000;
+    }
+    void beginReader() {
+        m_reader = begin(m_to, "readTrafficOn", {m_first, std::to_string(kStreamsEachWay)});
+        m_listener =
+            onEachLine(*m_reader, [this](const std::string& line) { m_progress.take(line); });
+    }
+    void endReader() {
+        m_reader->kill();
+        m_listener.join();
+        m_reader->wait();
+    }
+
+    const std::string m_first;
+    const std::string m_from;
+    const std::string m_to;
+    Progress& m_progress;
+    std::uint64_t m_next = 1;
+    std::unique_ptr<ChildProcess> m_writer;
+    std::unique_ptr<ChildProcess> m_reader;
+    std::thread m_listener;
+};
+
+}  // namespace
+
+TEST_F(BackToBackAcrossProcesses, EveryMessageOfTwentyStreamsArrivesWholeAndInOrder) {
+    const auto each = static_cast<std::uint64_t>(
+        numberFrom("NORVO_BACK_TO_BACK_MESSAGES", testsupport::rounds(1000)) / 20);
+    const std::string ways[][3] = {{"0", "left", "right"}, {"10", "right", "left"}};
+    Progress progress;
+    std::vector<std::unique_ptr<ChildProcess>> writers;
+    std::vector<std::unique_ptr<ChildProcess>> readers;
+    std::vector<std::thread> listeners;
+    for (const auto& [first, from, to] : ways) {
+        writers.push_back(localProcess(
+            from, "writeTraffic", {first, std::to_string(kStreamsEachWay), std::to_string(each)}));
+        readers.push_back(
+            localProcess(to, "readTraffic", {first, std::to_string(kStreamsEachWay)}));
+        auto& writer = *writers.back();
+        listeners.push_back(onEachLine(*readers.back(), [&](const std::string& line) {
+            progress.take(line);
+            writer.writeLine(line.substr(line.find(' ') + 1));
+        }));
+    }
+    const auto patience = std::chrono::steady_clock::now() + 60s + each * 100ms;
+    while (!progress.allAreAt(each) && progress.complaints().empty() &&
+           std::chrono::steady_clock::now() < patience) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_TRUE(progress.allAreAt(each)) << progress.text();
+    for (auto& writer : writers) {
+        writer->closeInput();
+        EXPECT_EQ(writer->wait(), 0);
+    }
+    for (auto& reader : readers) reader->closeInput();
+    for (auto& listener : listeners) listener.join();
+    EXPECT_EQ(progress.complaints(), std::vector<std::string>{});
+}
+
+TEST_F(BackToBackAcrossProcesses, StreamsOutliveLostChannelsAndDyingLocalProcesses) {
+    Progress progress;
+    RestlessWay ways[] = {{0, "left", "right", progress}, {10, "right", "left", progress}};
+    std::mt19937 random(7);
+    const int rounds = numberFrom("NORVO_BACK_TO_BACK_ROUNDS", testsupport::rounds(6) + 1);
+    for (int round = 0; round < rounds; ++round) {
+        SCOPED_TRACE(round);
+        const auto backAgain = monotonicNs();
+        ASSERT_TRUE(eventually([&] { return progress.allSentAfter(backAgain); }))
+            << progress.text();
+        auto& way = ways[random() % 2];
+        switch (random() % 3) {
+            case 0:
+                way.replaceWriter();
+                break;
+            case 1:
+                way.replaceReader();
+                break;
+            default:
+                break;
+        }
+        setActive(false);
+        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));
+        setActive(true);
+    }
+    const auto backAgain = monotonicNs();
+    EXPECT_TRUE(eventually([&] { return progress.allSentAfter(backAgain); })) << progress.text();
+    EXPECT_EQ(progress.complaints(), std::vector<std::string>{});
+}
