@@ -189,7 +189,7 @@ TEST_F(VcctlAcrossProcesses, AStrangerEndsItsConnectionAndNotTheHost) {
     address.sin_port =
         htons(static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1))));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int stranger = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int stranger = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(connect(stranger, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     const std::string request = "GET / HTTP/1.1\r\n\r\n";
     ASSERT_EQ(write(stranger, request.data(), request.size()),

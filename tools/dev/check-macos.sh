@@ -24,8 +24,8 @@ check_image() { # FILE ARCHITECTURE
     expect "$name ($2): architecture" "$(llvm-lipo-19 -archs "$1" | xargs)" "$2"
     expect "$name ($2): minimum system" \
         "$(llvm-objdump-19 --macho --private-headers "$1" | awk '$1 == "minos" { print $2 }')" $minimum
-    # The first line is the file's name; a library lists itself.
-    loaded=$(llvm-otool-19 -L "$1" | awk 'NR > 1 { print $1 }' | grep -v "/$library")
+    # The first line is the file's name; a library lists itself. Our own are found beside the program.
+    loaded=$(llvm-otool-19 -L "$1" | awk 'NR > 1 && $1 !~ "^@rpath/libNorvo" { print $1 }')
     expect "$name ($2): libraries it loads" "$loaded" /usr/lib/libSystem.B.dylib
     "$dev/check-macho-signature.py" "$1" || failures=$((failures + 1))
 }
@@ -43,13 +43,16 @@ check_library() { # FILE, one architecture or both
 }
 
 find_library() { find "$root/build-macos-$1" -type f -name "$library*.dylib" | head -1; }
+find_images() { # TREE: programs and libraries
+    find "$1" -type f -not -path '*/CMakeFiles/*' \( -name '*.dylib' -o -perm -u+x -not -name '*.*' \)
+}
 
 "$root/cmake/macos/install-compiler.sh" >/dev/null
 for architecture in "${architectures[@]}"; do
     tree=$root/build-macos-$architecture
     "$dev/build.sh" "macos-$architecture"
-    mapfile -t programs < <(find "$tree" -type f -perm -u+x ! -name '*.*' ! -path '*/CMakeFiles/*')
-    for image in "${programs[@]}" $(find_library "$architecture"); do
+    mapfile -t images < <(find_images "$tree")
+    for image in "${images[@]}"; do
         check_image "$image" "$architecture"
     done
 done
@@ -59,7 +62,8 @@ if [ -n "$(find_library arm64)" ] && [ -n "$exports" ]; then
     mkdir -p "$root/build-macos"
     merged=$root/build-macos/$library.dylib
     llvm-lipo-19 -create "$(find_library arm64)" "$(find_library x86_64)" -output "$merged"
-    expect "merged library" "$(llvm-lipo-19 -archs "$merged" | xargs)" "arm64 x86_64"
+    expect "merged library" "$(llvm-lipo-19 -archs "$merged" | xargs -n 1 | sort | xargs)" \
+        "arm64 x86_64"
     check_library "$merged"
     "$dev/check-macho-signature.py" "$merged" || failures=$((failures + 1))
 fi

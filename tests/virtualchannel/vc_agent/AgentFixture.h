@@ -1,6 +1,7 @@
 // One agent on a machine and a channel of the test's own.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>

@@ -1,6 +1,7 @@
 // The wire between two test hosts: a Unix-domain socket on which each packet follows its length.
 #pragma once
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -25,7 +26,7 @@ public:
             listen(listener.m_fd, 1) != 0 || !listener.readable(std::chrono::seconds(20))) {
             throw std::runtime_error("nobody connects");
         }
-        return WireSocket(accept4(listener.m_fd, nullptr, nullptr, SOCK_CLOEXEC));
+        return WireSocket(accept(listener.m_fd, nullptr, nullptr));
     }
     static WireSocket connectTo(const std::string& path) {
         WireSocket made(newSocket());
@@ -63,8 +64,9 @@ public:
 private:
     explicit WireSocket(int fd) : m_fd(fd) {
         if (fd < 0) throw std::runtime_error("no socket");
+        fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
-    static int newSocket() { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); }
+    static int newSocket() { return socket(AF_UNIX, SOCK_STREAM, 0); }
     static sockaddr_un addressOf(const std::string& path) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
