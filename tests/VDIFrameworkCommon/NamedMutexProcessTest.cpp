@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <deque>
+#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -27,8 +28,6 @@ class NamedMutexAcrossProcesses : public testsupport::EachBackend {};
 
 constexpr int kNames = 50;
 constexpr auto kTakeOverLimit = testsupport::kSanitized ? 1000ms : 50ms;
-// A dying process must run to its end first, which takes its time on a machine with much to do.
-constexpr auto kOnABusyMachine = 1500ms;
 
 struct Counters {
     // Changed under the lock only.
@@ -38,7 +37,6 @@ struct Counters {
     std::atomic<int> violations;
     std::atomic<int> timeouts;
     std::atomic<std::int64_t> longestLock;
-    std::atomic<std::int64_t> diedAt;
 };
 
 std::int64_t nanoseconds() { return Clock::now().time_since_epoch().count(); }
@@ -119,7 +117,6 @@ TEST(NamedMutexCreationAcrossProcesses, SixteenThatCreateTheSameNamesAtOnceShare
 // Locks, and when told a delay (in microseconds) kills itself after it.
 CHILD_ROLE(mutexHolder) {
     NamedMutex mutex;
-    SharedBlock<Counters> shared("counters");
     if (!mutex.create("held") || !mutex.lock()) return 1;
     say("held");
     if (args.empty()) {
@@ -127,27 +124,32 @@ CHILD_ROLE(mutexHolder) {
         return mutex.unlock() ? 0 : 2;
     }
     usleep(static_cast<useconds_t>(std::stoi(args[0])));
-    shared->diedAt = nanoseconds();
     std::raise(SIGKILL);
     return 3;
 }
 
+// A dying process must run to its end first, which takes its time on a machine with much to do. Its
+// output ends just before it does.
 TEST_P(NamedMutexAcrossProcesses, AKilledHolderDelaysAWaiterForLessThan50Milliseconds) {
     NamedMutex mutex;
     ASSERT_TRUE(mutex.create("held"));
-    SharedBlock<Counters> shared("counters");
-    std::vector<std::chrono::nanoseconds> delays;
-    for (int i = 0; i < testsupport::rounds(100); ++i) {
+    std::chrono::nanoseconds longest{0};
+    for (int i = 0; i < testsupport::rounds(200); ++i) {
         ChildProcess holder("mutexHolder", {std::to_string(200 + i * 37 % 4000)});
         ASSERT_EQ(holder.readLine(), "held");
-        ASSERT_TRUE(mutex.lock());
-        delays.emplace_back(nanoseconds() - shared->diedAt);
-        ASSERT_TRUE(mutex.unlock());
+        std::int64_t ended = 0;
+        std::thread watcher([&] {
+            EXPECT_EQ(holder.readLine(), "");
+            ended = nanoseconds();
+        });
+        const bool locked = mutex.lock();
+        const std::int64_t taken = nanoseconds();
+        watcher.join();
+        ASSERT_TRUE(locked && mutex.unlock());
+        longest = std::max(longest, std::chrono::nanoseconds(taken - ended));
     }
-    std::sort(delays.begin(), delays.end());
-    RecordProperty("longestMicroseconds", static_cast<int>(delays.back().count() / 1000));
-    EXPECT_LT(delays[delays.size() * 9 / 10], kTakeOverLimit);
-    EXPECT_LT(delays.back(), kOnABusyMachine);
+    RecordProperty("longestMicroseconds", static_cast<int>(longest.count() / 1000));
+    EXPECT_LT(longest, kTakeOverLimit);
 }
 
 CHILD_ROLE(mutexWorker) {
@@ -169,7 +171,7 @@ TEST_P(NamedMutexAcrossProcesses, MutualExclusionHoldsWhileWorkersAreKilled) {
         ASSERT_EQ(workers.back().readLine(), "ready");
     };
     for (int i = 0; i < 3; ++i) start();
-    for (int kills = 0; kills < testsupport::rounds(100); ++kills) {
+    for (int kills = 0; kills < testsupport::rounds(200); ++kills) {
         start();
         workers.front().kill();
         workers.pop_front();
