@@ -27,7 +27,11 @@ Word fold(std::uint64_t value) {
     return folded ? folded : 1;
 }
 
-Word startOf(Word word) { return (word >> kStartShift) & kFieldMask; }
+bool startedAt(Word word, std::uint64_t startTime) {
+    const Word start = (word >> kStartShift) & kFieldMask;
+    return start == 0 || start == fold(startTime);
+}
+
 Word tagOf(Word word) { return word >> kTagShift; }
 
 Word lookAtSelf() {
@@ -51,7 +55,8 @@ Word ProcessIdentity::own() {
 }
 
 Word ProcessIdentity::compose(std::uint64_t namespaceTag, std::uint64_t startTime, pid_t pid) {
-    return fold(namespaceTag) << kTagShift | fold(startTime) << kStartShift |
+    const Word start = startTime == 0 ? 0 : fold(startTime);
+    return fold(namespaceTag) << kTagShift | start << kStartShift |
            (static_cast<Word>(pid) & (kUserBit - 1));
 }
 
@@ -65,7 +70,7 @@ bool ProcessIdentity::isGone(Word word) {
     if (!isComparable(word)) return false;
     if (hasNoProcess(word)) return true;
     const auto state = system_specific::look(pid(word));
-    return state.known && (state.ended || fold(state.startTime) != startOf(word));
+    return state.known && (state.ended || !startedAt(word, state.startTime));
 }
 
 }  // namespace VDIFrameworkCommon

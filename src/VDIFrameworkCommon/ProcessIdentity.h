@@ -10,8 +10,9 @@ namespace VDIFrameworkCommon {
 
 class ProcessIdentity {
 public:
-    // Bits 63..44 tag of the process-ID and time namespaces, 43..24 hash of the start time, 23 free
-    // for the user of the word (the functions below ignore it), 22..0 process ID. 0 is nobody.
+    // Bits 63..44 tag of the process-ID and time namespaces, 43..24 hash of the start time (0 when
+    // the process could not find it out: any start time is its own then), 23 free for the user of
+    // the word (the functions below ignore it), 22..0 process ID. 0 is nobody.
     using Word = std::uint64_t;
     static constexpr Word kUserBit = Word{1} << 23;
 
@@ -28,7 +29,8 @@ public:
     // A cheaper look, under 1 us, that takes a zombie and a reused ID for the process itself.
     static bool hasNoProcess(Word word);
 
-    // The word of a process with these properties (the low bits of each count).
+    // The word of a process with these properties (the low bits of each count; start time 0: not
+    // known).
     static Word compose(std::uint64_t namespaceTag, std::uint64_t startTime, pid_t pid);
 };
 

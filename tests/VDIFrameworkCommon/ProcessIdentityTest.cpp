@@ -1,7 +1,9 @@
 #include "ProcessIdentity.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +57,25 @@ TEST(ProcessIdentityAcrossProcesses, AZombieIsGoneAndSoIsOneThatWasReaped) {
     child.wait();
     EXPECT_TRUE(ProcessIdentity::isGone(word));
     EXPECT_TRUE(ProcessIdentity::hasNoProcess(word));
+}
+
+// Cannot look at its own start time.
+CHILD_ROLE(identityTellerWithoutDescriptors) {
+    const rlimit few{64, 64};
+    setrlimit(RLIMIT_NOFILE, &few);
+    while (open("/dev/null", O_RDONLY) >= 0) {
+    }
+    tellIdentity();
+    testsupport::hear();
+    return 0;
+}
+
+TEST(ProcessIdentityAcrossProcesses, AProcessThatHadNoDescriptorLeftIsNotTakenForDead) {
+    ChildProcess child("identityTellerWithoutDescriptors");
+    const auto word = identityFrom(child);
+    EXPECT_FALSE(ProcessIdentity::isGone(word));
+    child.kill();
+    EXPECT_TRUE(comesToBeGone(word));
 }
 
 CHILD_ROLE(identityLeaver) {
