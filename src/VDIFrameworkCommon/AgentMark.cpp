@@ -78,20 +78,28 @@ bool isStillNamed(int directory, const std::string& name, int file) {
            fstat(file, &opened) == 0 && sameFile(named, opened);
 }
 
+struct flock wholeFile(short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
+
 // The holder of a write lock, which needs write permission. Asking on behalf of a read lock leaves
 // out read locks, which any user can have.
 std::optional<pid_t> writerOf(int file) {
-    struct flock lock {};
-    lock.l_type = F_RDLCK;
-    lock.l_whence = SEEK_SET;
+    struct flock lock = wholeFile(F_RDLCK);
     if (fcntl(file, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return std::nullopt;
     return lock.l_pid > 0 ? lock.l_pid : 0;
 }
 
+bool isReadLocked(int file) {
+    struct flock lock = wholeFile(F_WRLCK);
+    return fcntl(file, F_GETLK, &lock) == 0 && lock.l_type == F_RDLCK;
+}
+
 bool lockForWriting(int file) {
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
+    struct flock lock = wholeFile(F_WRLCK);
     return fcntl(file, F_SETLK, &lock) == 0;
 }
 
@@ -241,20 +249,28 @@ AgentMark::Attempt AgentMark::attempt(int directory, const std::string& name) {
     if (file.get() < 0 && !isRefusedByIntruder(errno)) return Attempt::Failed;
     const Found found = inspect(file.get());
     if (found == Found::Removed) return Attempt::Again;
-    if (found == Found::Intruder) {
-        // Two who clear it away at once may take each other's new file: renew() notices.
-        const bool cleared = unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT;
-        return cleared ? Attempt::Again : Attempt::Failed;
-    }
-    if (!lockForWriting(file.get())) {
-        return holderOfFile(file.get(), geteuid()) ? Attempt::HeldByOther : Attempt::Failed;
-    }
+    if (found == Found::Intruder) return clearAway(directory, name);
+    if (!lockForWriting(file.get())) return whyNotLocked(directory, name, file.get());
     if (!isStillNamed(directory, name, file.get())) return Attempt::Again;
     writeText(file.get());
     m_file = file.release();
     m_claimant = getpid();
     m_touched = std::chrono::steady_clock::now();
     return Attempt::Claimed;
+}
+
+// Two who clear it away at once may take each other's new file: renew() notices.
+AgentMark::Attempt AgentMark::clearAway(int directory, const std::string& name) {
+    const bool cleared = unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT;
+    return cleared ? Attempt::Again : Attempt::Failed;
+}
+
+// A file that somebody locks for reading, which no process of this user does, gives way to another.
+AgentMark::Attempt AgentMark::whyNotLocked(int directory, const std::string& name, int file) {
+    if (errno != EAGAIN && errno != EACCES) return Attempt::Failed;
+    if (holderOfFile(file, geteuid())) return Attempt::HeldByOther;
+    const bool inTheWay = isReadLocked(file) && isStillNamed(directory, name, file);
+    return inTheWay ? clearAway(directory, name) : Attempt::Again;
 }
 
 AgentMark::Outcome AgentMark::renew() {

@@ -20,7 +20,8 @@ namespace VDIFrameworkCommon {
 // AgentMark, one descriptor while it is marked, and answers from memory meanwhile.
 //
 // Other users may read the file and so lock it for reading, plant something under its name before
-// its owner comes, or link it elsewhere. None of that makes a process appear marked that is not.
+// its owner comes, or link it elsewhere. None of that makes a process appear marked that is not, or
+// keeps one from being marked.
 // Thread-safe and safe over fork: a child is not marked.
 class AgentMark {
 public:
@@ -55,6 +56,8 @@ private:
     bool holds() NORVO_REQUIRES(m_mutex);
     Outcome claimLocked() NORVO_REQUIRES(m_mutex);
     Attempt attempt(int directory, const std::string& name) NORVO_REQUIRES(m_mutex);
+    static Attempt clearAway(int directory, const std::string& name);
+    static Attempt whyNotLocked(int directory, const std::string& name, int file);
     Outcome renew() NORVO_REQUIRES(m_mutex);
     void forget() NORVO_REQUIRES(m_mutex);
 

@@ -250,7 +250,7 @@ CHILD_ROLE(agentStranger) {
     return 0;
 }
 
-TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkAndCannotForgeIt) {
+TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkAndCanNeitherForgeNorPreventIt) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
     const std::vector<std::string> user{std::to_string(geteuid())};
     {
@@ -267,4 +267,5 @@ TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkAndCannotForgeIt) {
     EXPECT_EQ(stranger.readLine(), "nobody");
     EXPECT_EQ(stranger.readLine(), "read lock, stopped");
     EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
+    EXPECT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
 }
