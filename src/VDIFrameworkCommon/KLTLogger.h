@@ -75,7 +75,7 @@ std::shared_ptr<KLT::kltlogger::VirtualChannelLog> VirtualChannelLogger_getInsta
 
 // Sets the log file, making its directory (owner only) when it is missing; a second call moves the
 // log to the new path. An empty path means no file. A file that cannot be opened is not a failure:
-// records still go to the sink, and the file is tried again at each roll-over or init.
+// records still go to the sink. One that is lost later is tried again with every write.
 void VirtualChannelLogger_init(const std::string& path);
 void VirtualChannelLogger_setAppenderType(KLT::kltlogger::LogAppenderType type);
 

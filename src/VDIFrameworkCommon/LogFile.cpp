@@ -16,11 +16,7 @@ using VDIFrameworkCommon::FileUtils;
 LogFile::~LogFile() { close(); }
 
 bool LogFile::open(const std::string& path) {
-    close();
     m_path = path;
-    if (path.empty()) return false;
-    if (const auto end = path.rfind('/'); end != std::string::npos && end > 0)
-        FileUtils::createDirectory(path.substr(0, end));
     return openPath();
 }
 
@@ -32,6 +28,9 @@ void LogFile::close() {
 // Not blocking, and regular files only: a pipe under the log's name must not stop the host.
 bool LogFile::openPath() {
     close();
+    if (m_path.empty()) return false;
+    if (const auto end = m_path.rfind('/'); end != std::string::npos && end > 0)
+        FileUtils::createDirectory(m_path.substr(0, end));
     m_fd = ::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
     struct stat status {};
     if (m_fd >= 0 && (fstat(m_fd, &status) != 0 || !S_ISREG(status.st_mode))) close();
@@ -53,13 +52,12 @@ void LogFile::write(std::string_view lines) {
     }
 }
 
-// Another process may have rolled the file, or someone removed it.
+// Another process may have rolled the file, or someone removed it, perhaps with its directory.
 void LogFile::followPath() {
     struct stat ours {};
     struct stat named {};
-    if (m_fd < 0 || fstat(m_fd, &ours) != 0) return;
-    const bool same = stat(m_path.c_str(), &named) == 0 && ours.st_dev == named.st_dev &&
-                      ours.st_ino == named.st_ino;
+    const bool same = m_fd >= 0 && fstat(m_fd, &ours) == 0 && stat(m_path.c_str(), &named) == 0 &&
+                      ours.st_dev == named.st_dev && ours.st_ino == named.st_ino;
     if (!same) openPath();
 }
 

@@ -22,9 +22,9 @@ public:
     LogFile& operator=(const LogFile&) = delete;
 
     // Closes the present file and opens `path` for appending, readable by the owner only, making
-    // its directory when it is missing. False when that fails, and then there is no file.
+    // its directory when it is missing. False when that fails, and then there is no file; each
+    // write tries again. An empty path means no file.
     bool open(const std::string& path);
-    void close();
     bool isOpen() const { return m_fd >= 0; }
 
     // Appends whole lines. What the system refuses (a full disk) is dropped.
@@ -32,6 +32,7 @@ public:
 
 private:
     bool openPath();
+    void close();
     void followPath();
     void roll();
 

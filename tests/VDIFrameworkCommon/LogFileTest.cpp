@@ -86,6 +86,18 @@ TEST(LogFile, FollowsItsPathWhenAnotherRolledOrRemovedTheFile) {
     EXPECT_EQ(contentOf(dir / "x.log"), "third\n");
 }
 
+TEST(LogFile, ComesBackWhenItsPlaceDoes) {
+    TempDir dir;
+    LogFile file;
+    ASSERT_TRUE(file.open(dir / "a/x.log"));
+    std::filesystem::remove_all(dir / "a");
+    std::ofstream(dir / "a") << "in the way";
+    file.write("lost\n");
+    std::filesystem::remove(dir / "a");
+    file.write("written\n");
+    EXPECT_EQ(contentOf(dir / "a/x.log"), "written\n");
+}
+
 TEST(LogFile, WhatCannotBeAFileIsNoFileAndNoFailure) {
     TempDir dir;
     std::ofstream(dir / "plain") << "";
