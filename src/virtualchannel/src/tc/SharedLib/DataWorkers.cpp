@@ -13,7 +13,7 @@ namespace NorvoVirtualChannel::tc {
 namespace {
 
 std::unique_ptr<std::byte[]> copyOf(const void* data, unsigned int size) {
-    auto copy = std::make_unique<std::byte[]>(size);
+    auto copy = std::make_unique_for_overwrite<std::byte[]>(size);
     if (size) std::memcpy(copy.get(), data, size);
     return copy;
 }
