@@ -312,7 +312,7 @@ BENCH_SUITE(channels, "a channel: the worker, sending and receiving, with pauses
     const auto floor =
         suite.measure("mutex + condition queue",
                       [items = suite.scaled(200000)](Sample& sample) { handOver(items, sample); });
-    for (const std::size_t batch : {1, 14, 45}) {
+    for (const std::size_t batch : {std::size_t{1}, std::size_t{14}, std::size_t{45}}) {
         const std::string name = "worker, " + std::to_string(batch) + " items at a time";
         const auto ours =
             suite.measure(name, [batch, items = suite.scaled(200000)](Sample& sample) {

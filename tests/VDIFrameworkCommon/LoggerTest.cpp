@@ -284,7 +284,9 @@ TEST(LoggerAcrossProcesses, AProcessEndsWhileItsThreadsLog) {
 
 TEST(LoggerAcrossProcesses, AForkedChildRepeatsNothingAndEnds) {
     TempDir dir;
-    EXPECT_EQ(ChildProcess("loggingProcess", {dir / "x.log", "fork"}).wait(), 0);
+    // A leak check in a forked child may wait forever for a lock that a thread of the parent held.
+    ChildProcess child("loggingProcess", {dir / "x.log", "fork"}, {"ASAN_OPTIONS=detect_leaks=0"});
+    EXPECT_EQ(child.wait(), 0);
     const auto lines = linesOf(dir / "x.log");
     ASSERT_THAT(lines, testing::UnorderedElementsAre(HasSubstr("buffered"), HasSubstr("parent"),
                                                      HasSubstr("child")));
