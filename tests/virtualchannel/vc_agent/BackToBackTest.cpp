@@ -216,12 +216,12 @@ TEST_F(BackToBackAcrossProcesses, EveryMessageOfTwentyStreamsArrivesWholeAndInOr
         std::this_thread::sleep_for(10ms);
     }
     EXPECT_TRUE(progress.allAreAt(each)) << progress.text();
+    for (auto& reader : readers) reader->closeInput();
+    for (auto& listener : listeners) listener.join();
     for (auto& writer : writers) {
         writer->closeInput();
         EXPECT_EQ(writer->wait(), 0);
     }
-    for (auto& reader : readers) reader->closeInput();
-    for (auto& listener : listeners) listener.join();
     EXPECT_EQ(progress.complaints(), std::vector<std::string>{});
 }
 
