@@ -5,12 +5,14 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "AgentEnvironment.h"
 #include "AllocationCounter.h"
+#include "CopyCounter.h"
 #include "CpuTime.h"
 #include "Harness.h"
 #include "HostCallbacks.h"
@@ -36,12 +38,18 @@ constexpr unsigned int kCapacity = 65536;
 // More than 1001 in a queue would be dropped.
 constexpr std::uint64_t kUnderWay = 500;
 
+constexpr std::chrono::seconds kPatience{30};
+
 // Counts up on one thread until another one has seen enough.
 class Arrivals {
 public:
     void add() { m_count.fetch_add(1, std::memory_order_release); }
     void waitFor(std::uint64_t count) const {
-        while (m_count.load(std::memory_order_acquire) < count) std::this_thread::yield();
+        const auto deadline = Clock::now() + kPatience;
+        while (m_count.load(std::memory_order_acquire) < count) {
+            if (Clock::now() > deadline) throw std::runtime_error("messages were lost");
+            std::this_thread::yield();
+        }
     }
 
 private:
@@ -174,7 +182,9 @@ public:
     // The local process writes a message into the stream "out".
     void write(const std::string& data) {
         if (m_localWriter) {
+            const auto deadline = Clock::now() + kPatience;
             while (!m_localWriter->WriteData(data.data(), static_cast<unsigned int>(data.size()))) {
+                if (Clock::now() > deadline) throw std::runtime_error("nobody reads");
             }
         } else {
             m_outSegment->hand(data);
@@ -241,7 +251,7 @@ void run(std::uint64_t count, const Arrivals& arrivals, std::uint64_t arrivedBef
     arrivals.waitFor(arrivedBefore + count);
 }
 
-// Time and, in a pass of its own, allocations per message of `size` bytes.
+// Time and, in a pass of its own, allocations and copied bytes per message of `size` bytes.
 void measure(std::size_t size, std::uint64_t count, const Arrivals& arrivals,
              const std::function<void()>& one, Sample& sample) {
     const auto messages = static_cast<double>(count);
@@ -251,12 +261,16 @@ void measure(std::size_t size, std::uint64_t count, const Arrivals& arrivals,
     sample.set("time", seconds * 1e9 / messages, "ns");
     sample.set("messages", messages / seconds, "1/s");
     sample.set("bandwidth", messages * static_cast<double>(size) / seconds / 1e6, "MB/s");
-    const bench::AllocationCounter counter;
+    const bench::AllocationCounter allocations;
+    const bench::CopyCounter copies;
     run(count, arrivals, count, one);
-    const auto used = counter.read();
+    const double bytes = messages * static_cast<double>(size);
+    const auto used = allocations.read();
+    const auto copied = static_cast<double>(copies.read());
     sample.set("allocations", static_cast<double>(used.count) / messages, "");
-    sample.set("allocated", static_cast<double>(used.bytes) / messages / static_cast<double>(size),
-               "x");
+    sample.set("allocated", static_cast<double>(used.bytes) / bytes, "x");
+    sample.set("copied", copied / messages, "B");
+    sample.set("copies", copied / bytes, "x");
 }
 
 void measureOut(bool instant, std::size_t size, std::uint64_t count, Sample& sample) {
@@ -290,6 +304,7 @@ void measureIdle(std::chrono::milliseconds period, Sample& sample) {
             deliver(aboutStream(type, streams[i], i % 2 ? StreamType::READ : StreamType::WRITE));
         }
     }
+    if (!agent.IsConnected()) throw std::runtime_error("the agent is not connected");
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const std::uint64_t before = bench::ownCpuNanoseconds();
     const auto start = Clock::now();

@@ -1,11 +1,15 @@
-// A far side that sends whatever it likes. The build target `full_runs` sends a million messages.
+// A far side that sends whatever it likes, whole or in packets. The build target `full_runs` sends
+// a million messages.
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <random>
 
 #include "AgentFixture.h"
+#include "Packets.h"
 #include "Rounds.h"
 #include "StreamRules.h"
 
@@ -104,6 +108,45 @@ std::string anyBytesOfAFarSide(Random& random) {
     return bytes;
 }
 
+// Hands the agent what arrives in packets.
+class Wire : public NorvoVirtualChannel::PacketizationObserver {
+public:
+    explicit Wire(FakeChannel& channel) : m_channel(channel) {}
+
+    // Some packets come damaged, in another order, twice, or not at all.
+    void send(Random& random, const std::string& message) {
+        std::deque<NorvoVirtualChannel::Packet*> cut;
+        m_packets.PacketizeData(message.data(), static_cast<unsigned int>(message.size()), cut);
+        if (below(random, 4) == 0) std::shuffle(cut.begin(), cut.end(), random);
+        for (auto* each : cut) {
+            const std::unique_ptr<NorvoVirtualChannel::Packet> owned(each);
+            const auto wire = owned->WireBytes();
+            std::string bytes(reinterpret_cast<const char*>(wire.data()), wire.size());
+            if (below(random, 8) == 0) mutate(random, bytes);
+            receive(bytes);
+            if (below(random, 32) == 0) receive(bytes);
+        }
+    }
+    void OnFullPacketReceived(const void* data, unsigned int size) override {
+        delivered++;
+        m_channel.callObserver([&](auto& o) { o.OnVirtualChannelReceiveData(data, size); });
+    }
+    int delivered = 0;
+
+private:
+    void receive(const std::string& bytes) {
+        const auto packet = NorvoVirtualChannel::Packet::Borrow(
+            bytes.data(), static_cast<unsigned int>(bytes.size()));
+        // A message that announces more makes the run slow, and no difference.
+        if (packet.isPacketValid() && packet.GetMessageSize() <= 1 << 20) {
+            m_packets.EnqueuePacket(&packet);
+        }
+    }
+
+    FakeChannel& m_channel;
+    NorvoVirtualChannel::Packetization m_packets{this, 100};
+};
+
 // The most memory that this process has had so far.
 long peakKilobytes() {
     rusage usage{};
@@ -115,10 +158,16 @@ long peakKilobytes() {
 void bombard(unsigned int seed, int count) {
     Random random(seed);
     Side side;
+    Wire wire(side.channel);
     side.machine->pauseTakes = std::chrono::microseconds(0);
     const auto segmentsBefore = side.machine->segmentCount();
     for (int i = 0; i < count; ++i) {
-        side.channel.deliver(anyBytesOfAFarSide(random));
+        const std::string bytes = anyBytesOfAFarSide(random);
+        if (i % 2) {
+            wire.send(random, bytes);
+        } else {
+            side.channel.deliver(bytes);
+        }
         if (i % 64 == 0) side.channel.takeSent();
         if (i % 1000 == 0) {
             for (int k = 0; k < 20; ++k) {
@@ -126,6 +175,7 @@ void bombard(unsigned int seed, int count) {
             }
         }
     }
+    EXPECT_GT(wire.delivered, count / 8);
     EXPECT_LE(side.machine->segmentCount() - segmentsBefore, kMaxPeerStreams);
     // Still of use.
     side.channel.deliver(control(CTL_DISCONNECT));

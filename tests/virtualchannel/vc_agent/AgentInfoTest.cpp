@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <new>
 
 #include "AgentFixture.h"
 #include "TempDir.h"
@@ -108,6 +109,15 @@ TEST_F(AgentInfo, TheLogMovesToAnotherDirectory) {
     VirtualChannelLogger_init("");
 }
 
+TEST_F(AgentInfo, ARequestThatThereIsNoMemoryForIsDropped) {
+    m_side.machine->onSegmentSetUp = [](const std::string&) { throw std::bad_alloc(); };
+    m_side.request("CreateStream|Media|10");
+    EXPECT_TRUE(m_log.contains("Message dropped: "));
+    m_side.machine->onSegmentSetUp = nullptr;
+    m_side.request("CreateStream|Media|10");
+    EXPECT_TRUE(m_side.segment("Media"));
+}
+
 TEST_F(AgentInfo, AnythingElseIsAWrongMessage) {
     const std::string wrong[] = {"",
                                  "createstream|a|1",
@@ -116,7 +126,8 @@ TEST_F(AgentInfo, AnythingElseIsAWrongMessage) {
                                  "SetLogPath",
                                  "StreamUp|a|READ",
                                  "|",
-                                 std::string(5000, 'x')};
+                                 std::string(5000, 'x'),
+                                 "RequestEnviromentType|" + std::string(64 * 1024, '|')};
     for (const auto& text : wrong) {
         m_log.clear();
         m_side.request(text);

@@ -82,6 +82,15 @@ TEST_F(AgentLifecycle, StopEndsInTheMiddleOfAHandshake) {
     EXPECT_EQ(m_side.channel.takeSent().size(), 1U);
 }
 
+TEST_F(AgentLifecycle, AnEndingAgentTakesNoPartInAHandshake) {
+    m_side.connect();
+    m_side.channel.onStateChange = [&](bool) {
+        std::thread([&] { m_side.channel.deliver(control(CTL_CONNECT)); }).join();
+    };
+    endsSoon([&] { m_side.agent->stop(); });
+    EXPECT_EQ(m_side.sentTexts(1), std::vector<std::string>{"5"});
+}
+
 TEST_F(AgentLifecycle, StopEndsWithEveryWriterStuckOnAFullSegment) {
     m_side.connect();
     for (int i = 0; i < 20; ++i) {
@@ -129,7 +138,6 @@ TEST_F(AgentLifecycle, StopEndsWhileManyStreamsAreAnnouncedAgain) {
 }
 
 TEST_F(AgentLifecycle, HostCallsFromInsideAQuestionAreTaken) {
-    m_side.connect();
     m_side.channel.onQuestion = [&] {
         m_side.becomesAvailable(false);
         m_side.channel.deliver(control(CTL_CONNECT));
@@ -143,8 +151,13 @@ TEST_F(AgentLifecycle, HostCallsFromInsideAQuestionAreTaken) {
         });
         EXPECT_FALSE(m_side.agent->IsConnected());
     };
-    m_side.request("IsSeamless");
-    EXPECT_TRUE(m_side.wasTold("IsSeamless|0"));
+    for (const auto& [question, answer] : {std::pair{"IsSeamless", "IsSeamless|0"},
+                                           {"IsMultiSession", "IsMultiSession|0"},
+                                           {"GetWindowHandle|1", "GetWindowHandle|2"}}) {
+        m_side.connect();
+        m_side.request(question);
+        EXPECT_TRUE(m_side.wasTold(answer)) << question;
+    }
 }
 
 TEST_F(AgentLifecycle, TheChannelMayUseItselfWhenItIsTold) {

@@ -311,11 +311,25 @@ TEST_F(AgentStream, ManyStreamsLeaveRoomForThoseOfLocalProcesses) {
     EXPECT_EQ(m_side.machine->segmentCount() - own, kMaxStreams - 1);  // the INFO stream is one too
 }
 
+TEST_F(AgentStream, LargeStreamsLeaveRoomForThoseOfLocalProcesses) {
+    for (int i = 0; i < 20; ++i) {
+        m_side.channel.deliver(
+            aboutStream(CTL_S_CREATE, "s" + std::to_string(i), kWrite, kMaxStreamSize));
+    }
+    EXPECT_TRUE(m_log.contains("the far side's streams together are too large"));
+    m_side.request("CreateStream|local|" + std::to_string(kMaxStreamSize));
+    EXPECT_TRUE(m_side.segment("local"));
+}
+
 TEST(StreamRules, AllStreamsTogetherHaveALimit) {
     StreamLoad load;
     load.totalSize = kMaxTotalStreamSize - 10;
     EXPECT_EQ(refusalOfStream("x", 10, false, load), "");
     EXPECT_NE(refusalOfStream("x", 11, false, load), "");
+    StreamLoad ofPeer;
+    ofPeer.totalSize = ofPeer.peerTotalSize = kMaxPeerTotalSize;
+    EXPECT_NE(refusalOfStream("x", 1, true, ofPeer), "");
+    EXPECT_EQ(refusalOfStream("x", kMaxStreamSize, false, ofPeer), "");
     EXPECT_EQ(refusalOfStream("..", 1, true, {}), "");
 }
 

@@ -90,7 +90,12 @@ public:
         if (onQuestion) onQuestion();
         return seamless;
     }
+    bool IsMultiSession() override {
+        if (onQuestion) onQuestion();
+        return false;
+    }
     void* GetClientWindowHandleFromServerWindowHandle(void* serverWindow) override {
+        if (onQuestion) onQuestion();
         return reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(serverWindow) + 1);
     }
     void onAgentStateChange(bool connected) override {

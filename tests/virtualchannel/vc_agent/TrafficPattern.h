@@ -16,6 +16,10 @@ struct TrafficHeader {
     std::uint64_t sentAtNs;  // monotonic clock of the machine
 };
 
+// A writer that begins, or whose last message may not have come through, goes on at the next
+// multiple of this: only from there on the numbers have no gap.
+inline constexpr std::uint64_t kBeginnings = 10'000;
+
 inline std::uint64_t scramble(std::uint64_t value) {
     value += 0x9E3779B97F4A7C15;
     value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;

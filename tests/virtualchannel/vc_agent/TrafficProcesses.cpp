@@ -19,6 +19,7 @@ using namespace std::chrono_literals;
 using NorvoStreamClient::Client;
 using NorvoStreamClient::Direction;
 using NorvoStreamClient::Stream;
+using testsupport::kBeginnings;
 using testsupport::TrafficHeader;
 using testsupport::trafficMessage;
 using testsupport::trafficSize;
@@ -69,12 +70,14 @@ void writeAll(Stream& stream, std::uint32_t id, std::uint64_t count, Window& win
     stream.flush(120s);
 }
 
-// Messages from `first` on, one after the other, whatever happens to them.
+// Messages from `first`, a beginning, on, one after the other, whatever happens to them.
 void writeOn(Stream& stream, std::uint32_t id, std::uint64_t first) {
     for (std::uint64_t number = first;; ++number) {
         const auto size = trafficSize(id, number, sizeof(TrafficHeader), 1 << 14);
         const auto text = trafficMessage({id, size, number, monotonicNs()});
-        stream.write(text.data(), text.size(), 2s);
+        if (!stream.write(text.data(), text.size(), 2s)) {
+            number += kBeginnings - number % kBeginnings - 1;
+        }
         std::this_thread::sleep_for(5ms);
     }
 }
@@ -91,22 +94,28 @@ void readAll(Stream& stream, std::uint32_t id, const std::atomic<bool>& ends) {
     }
 }
 
-// Expects whole messages with rising numbers, and says from time to time how far they are.
+// Expects whole messages with rising numbers, and says from time to time how far they are, and
+// after each gap when the last message before it was sent.
 void readOn(Stream& stream, std::uint32_t id, const std::atomic<bool>& ends) {
     std::string text;
-    std::uint64_t last = 0;
+    TrafficHeader last{};
     auto nextWord = std::chrono::steady_clock::now();
     while (!ends) {
         if (!stream.read(text, 200ms)) continue;
         TrafficHeader header{};
         std::memcpy(&header, text.data(), std::min(text.size(), sizeof header));
         const bool good =
-            header.stream == id && header.number > last && text == trafficMessage(header);
-        last = header.number;
+            header.stream == id && header.number > last.number && text == trafficMessage(header);
+        if (last.number > 0 && header.number != last.number + 1 &&
+            header.number % kBeginnings != 0) {
+            say("gap " + std::to_string(id) + ' ' + std::to_string(last.number) + ' ' +
+                std::to_string(last.sentAtNs));
+        }
+        last = header;
         if (good && std::chrono::steady_clock::now() < nextWord) continue;
         nextWord = std::chrono::steady_clock::now() + 20ms;
-        say((good ? "at " : "bad ") + std::to_string(id) + ' ' + std::to_string(last) + ' ' +
-            std::to_string(header.sentAtNs));
+        say((good ? "at " : "bad ") + std::to_string(id) + ' ' + std::to_string(header.number) +
+            ' ' + std::to_string(header.sentAtNs));
     }
 }
 

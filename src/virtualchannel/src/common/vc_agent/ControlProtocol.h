@@ -60,6 +60,7 @@ private:
     void routeData(const Received& received) NORVO_TAKES_CREATION;
     void streamError(const Received& received);
 
+    // Another agent is active; or this one is ending, and must not seem to be there.
     bool ignoresHandshake(const char* messageName);
     void takeHandshake(const VCMessage& message) NORVO_TAKES_TRANSITION;
     void takeVersions(const VCMessage& message) NORVO_TAKES_LEAF;

@@ -11,6 +11,7 @@ namespace VirtualChannelAgent {
 using VDIFrameworkCommon::VDIClientInfo;
 
 bool ControlProtocol::ignoresHandshake(const char* messageName) {
+    if (m_context.stopping) return true;
     if (!m_context.environment->hasOtherActiveAgent()) return false;
     AGENT_LOG(Notice, "Another virtual channel agent is connected, so ignore ", messageName, ".");
     return true;
@@ -23,6 +24,7 @@ void ControlProtocol::connect(const Received& /*received*/) {
 void ControlProtocol::connectReady(const Received& received) {
     if (ignoresHandshake("CTL_CONNECT_READY")) return;
     takeHandshake(received.message);
+    if (m_context.stopping) return;  // the goodbye must be the last that the far side hears
     AGENT_LOG(Info, "reply with CTL_CONNECTED and supported streams list");
     sendCapabilities(CTL_CONNECTED);
 }

@@ -47,8 +47,8 @@ void InfoNotifier::notifyEvent(const char* operation) {
 }
 
 void InfoNotifier::notifyCurrentProcessId(bool connected) {
-    const auto* channel = m_link.channel();
-    const bool runsInChild = channel && m_link.channel()->GetType() == kVMware;
+    auto* const channel = m_link.channel();
+    const bool runsInChild = channel && channel->GetType() == kVMware;
     const std::string id = std::to_string(runsInChild ? ProcessUtils::getParentProcessId()
                                                       : ProcessUtils::getCurrentProcessId());
     AGENT_LOG(Info, "Current process id:", id);

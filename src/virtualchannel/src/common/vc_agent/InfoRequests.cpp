@@ -14,6 +14,13 @@ namespace VirtualChannelAgent {
 using VDIFrameworkCommon::FileUtils;
 using VDIFrameworkCommon::toUnsignedInt;
 
+namespace {
+
+// In bytes. A request taken apart may need more than 32 times its memory.
+constexpr std::size_t kLongestRequest = 64 * 1024;
+
+}  // namespace
+
 // One request: its name, how many fields follow at least, and what it does.
 struct InfoRequests::Operation {
     const char* name;
@@ -55,7 +62,9 @@ const InfoRequests::Operation* InfoRequests::find(const Fields& fields) {
 
 void InfoRequests::handle(const std::string& message) {
     printMessage("onNewMessageReceived: ", message);
-    const Fields fields = VDIFrameworkCommon::MessageParser(message).parseMsg();
+    const Fields fields = message.size() > kLongestRequest
+                              ? Fields()
+                              : VDIFrameworkCommon::MessageParser(message).parseMsg();
     const Operation* const operation = fields.empty() ? nullptr : find(fields);
     if (operation) {
         operation->run(*this, fields);

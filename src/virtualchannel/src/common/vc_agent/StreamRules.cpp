@@ -35,6 +35,9 @@ std::string_view refusalOfStream(std::string_view name, unsigned int size, bool 
     if (forPeer && load.peerStreams >= kMaxPeerStreams) {
         return "the far side has asked for too many streams";
     }
+    if (forPeer && load.peerTotalSize + size > kMaxPeerTotalSize) {
+        return "the far side's streams together are too large";
+    }
     if (load.totalSize + size > kMaxTotalStreamSize) return "all streams together are too large";
     return {};
 }

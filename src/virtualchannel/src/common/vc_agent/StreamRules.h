@@ -18,8 +18,9 @@ inline constexpr std::size_t kMaxStreamNameLength = 255;          // bytes
 inline constexpr unsigned int kMaxStreamSize = 64U << 20;         // bytes
 inline constexpr std::uint64_t kMaxTotalStreamSize = 512U << 20;  // bytes, all streams together
 inline constexpr std::size_t kMaxStreams = 256;
-// As many of them may be made because the far side asked: local processes always find room.
+// As much of that may be used because the far side asked: local processes always find room.
 inline constexpr std::size_t kMaxPeerStreams = 192;
+inline constexpr std::uint64_t kMaxPeerTotalSize = 384U << 20;  // bytes
 
 // A name that can be part of the names of system objects: not empty, not too long, without '/' and
 // control characters.
@@ -29,7 +30,8 @@ bool isUsableStreamName(std::string_view name);
 struct StreamLoad {
     std::size_t streams = 0;
     std::size_t peerStreams = 0;
-    std::uint64_t totalSize = 0;
+    std::uint64_t totalSize = 0;      // bytes
+    std::uint64_t peerTotalSize = 0;  // of it, for the far side
 };
 
 // Why one more stream of `size` bytes cannot be made, as text for the log; empty when it can.

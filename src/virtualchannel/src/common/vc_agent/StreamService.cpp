@@ -111,8 +111,11 @@ bool StreamService::admits(const std::string& name, unsigned int size, Requester
 bool StreamService::add(const StreamPtr& stream, Requester requester) {
     if (!m_streams.insert(stream)) return false;
     m_load.streams++;
-    m_load.peerStreams += requester == Requester::FarSide ? 1 : 0;
     m_load.totalSize += stream->size();
+    if (requester == Requester::FarSide) {
+        m_load.peerStreams++;
+        m_load.peerTotalSize += stream->size();
+    }
     return true;
 }
 

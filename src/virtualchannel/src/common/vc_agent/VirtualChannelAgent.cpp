@@ -25,8 +25,20 @@ using lock_order::OrderedLock;
 using NorvoVirtualChannel::VirtualChannel;
 
 namespace {
+
 constexpr unsigned int kInfoSegmentSize = 10240;
+
+// What a message makes grow may not fit any more; the thread that brought it cannot be thrown at.
+template <class Handle>
+void dropIfItDoesNotFit(const AgentContext& m_context, const Handle& handle) {
+    try {
+        handle();
+    } catch (const std::exception& failure) {
+        AGENT_LOG(Error, "Message dropped: ", failure.what());
+    }
 }
+
+}  // namespace
 
 // An agent in pieces, each after those it uses.
 struct Agent::Parts {
@@ -138,13 +150,7 @@ std::uint64_t Agent::getCurrentMS() {
 }
 
 void Agent::OnVirtualChannelReceiveData(const void* data, unsigned int length) {
-    // What a message makes grow may not fit any more; the host cannot be thrown at.
-    try {
-        m_parts->m_protocol.receive(data, length);
-    } catch (const std::exception& failure) {
-        const AgentContext& m_context = m_parts->m_context;
-        AGENT_LOG(Error, "Message dropped: ", failure.what());
-    }
+    dropIfItDoesNotFit(m_parts->m_context, [&] { m_parts->m_protocol.receive(data, length); });
 }
 
 void Agent::OnVirtualChannelAvailabilityChange(bool available) {
@@ -169,7 +175,7 @@ void Agent::OnChannelBlockedByPolicySetting(bool blocked) {
 }
 
 void Agent::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
-    m_parts->m_requests.handle(message);
+    dropIfItDoesNotFit(m_parts->m_context, [&] { m_parts->m_requests.handle(message); });
 }
 
 }  // namespace VirtualChannelAgent

@@ -20,9 +20,9 @@ class AgentEnvironment;
 // the agent has two threads of its own, and one per stream that it writes; nothing of it runs any
 // more once stop() or the destructor has returned.
 //
-// What the agent calls: the window questions and GetType of its channel may call any Observer
-// operation of the agent back, from inside. SendData and onAgentStateChange may not, on the calling
-// thread; they may use the channel itself and IsConnected(). Nothing is ever thrown.
+// What the agent calls: the window questions of its channel may call any Observer operation of the
+// agent back, from inside. GetType, SendData and onAgentStateChange may not, on the calling thread;
+// they may use the channel itself and IsConnected(). Nothing is ever thrown.
 class Agent : public NorvoVirtualChannel::Observer, public SharedMemoryObserverI {
 public:
     // One stream between the agent and a local process (AgentStream.h).
