@@ -287,9 +287,31 @@ void measureIn(bool instant, std::size_t size, std::uint64_t count, Sample& samp
         size, count, session.in(), [&] { session.receive(packets); }, sample);
 }
 
+// A local process that listens to the agent until it hears that the channel is up.
+class Listener : public SharedMemoryObserverI {
+public:
+    explicit Listener(const std::string& segmentName) {
+        m_segment->Open(segmentName, 10240);
+        m_segment->subscribeObserver(this);
+    }
+    ~Listener() override { m_segment->Close(); }
+    void onNewMessageReceived(std::string message, SharedMemoryI*) override {
+        if (message == "ChannelUp") m_heard.add();
+    }
+    void waitForChannelUp() const { m_heard.waitFor(1); }
+
+private:
+    Arrivals m_heard;
+    std::shared_ptr<SharedMemoryI> m_segment =
+        getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+};
+
+// While nobody takes its news, an agent looks out for a listener every millisecond, for 3 s per
+// message: it is idle when they have been taken.
 void measureIdle(std::chrono::milliseconds period, Sample& sample) {
     NorvoVirtualChannel::tc::TCPSocketVirtualChannel channel;
     Agent agent(&channel, "bench");
+    auto listener = std::make_unique<Listener>("NorvoCrews_Info_VC2STREAM");
     channel.ChannelActive(1);
     const auto deliver = [&](const VCMessage& message) {
         const auto bytes = message.wireBytes();
@@ -305,6 +327,8 @@ void measureIdle(std::chrono::milliseconds period, Sample& sample) {
         }
     }
     if (!agent.IsConnected()) throw std::runtime_error("the agent is not connected");
+    listener->waitForChannelUp();
+    listener.reset();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const std::uint64_t before = bench::ownCpuNanoseconds();
     const auto start = Clock::now();
