@@ -192,6 +192,13 @@ TEST_F(BroadcastTest, ACountOfReadyReadersThatIsLostIsRaisedAgain) {
     EXPECT_EQ(read(reader), "");
     EXPECT_TRUE(send("one"));
     EXPECT_EQ(read(reader), "one");
+
+    // Not when it was 0 for a moment only, however often.
+    for (const long count : {0L, 1L, 0L}) {
+        raw.put<long>(8, count);
+        EXPECT_EQ(read(reader), "");
+        EXPECT_EQ(raw.word64(8), count);
+    }
 }
 
 TEST_F(BroadcastTest, OpeningLeavesTheCountOfReadersInsideAlone) {

@@ -140,7 +140,7 @@ CHILD_ROLE(segmentOtherAgent) {
     return 0;
 }
 
-// in, out: a client's echo, which says its controller's opinion of it after each message.
+// in, out: a client that sends two messages back, and lets its controller look in between.
 CHILD_ROLE(segmentClient) {
     Collector collector;
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();

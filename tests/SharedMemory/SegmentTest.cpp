@@ -255,7 +255,7 @@ TEST(SegmentTest, ClosingReportsAMessageThatIsNotThereInFull) {
     EXPECT_EQ(log.count("The message is not received in full." + name), 1);
 }
 
-TEST(SegmentTest, ClosingEndsWaitsOnOtherThreads) {
+TEST(SegmentTest, WaitsOnOtherThreadsHoldNobodyUpAndEndByClosing) {
     const std::string name = uniqueName();
     const auto reader = plain();
     const auto writer = plain();
@@ -265,6 +265,7 @@ TEST(SegmentTest, ClosingEndsWaitsOnOtherThreads) {
     auto reading = std::async([&] { return read(*reader, 20000); });
     auto writing = std::async([&] { return write(*writer, std::string(12, 'x')); });
     std::this_thread::sleep_for(milliseconds(20));
+    EXPECT_EQ(reader->getName(), name);
     EXPECT_TRUE(reader->Close());
     EXPECT_TRUE(writer->Close());
     reading.get();

@@ -59,7 +59,10 @@ bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mo
     }
     LocalLock operation(m_operationLock);
     LocalLock wait(m_waitLock);
-    m_name = name;
+    {
+        LocalLock naming(m_nameLock);
+        m_name = name;
+    }
     if (!createSynchronization(mode) || !lockNamedMutex()) return false;
     m_writeCondition.notify();
     const bool ready = CreateOrOpen(name, size, true);
@@ -150,7 +153,7 @@ bool SharedMemoryBase::Close() {
 }
 
 std::string SharedMemoryBase::getName() {
-    LocalLock wait(m_waitLock);
+    LocalLock naming(m_nameLock);
     return m_name;
 }
 

@@ -114,6 +114,7 @@ protected:
     VDIFrameworkCommon::NamedMutex m_mutex;
     VDIFrameworkCommon::NamedCondition m_readCondition;
     VDIFrameworkCommon::NamedCondition m_writeCondition;
+    // Written under both locks.
     std::string m_name;
 
 private:
@@ -160,6 +161,8 @@ private:
     void endReadThread() NORVO_REQUIRES(m_threadLock);
     void stopReadThread();
 
+    // For getName(), which must not wait as long as a reader does.
+    VDIFrameworkCommon::LocalMutex m_nameLock;
     std::atomic<Mode> m_mode{Mode::NotSetUp};
     std::atomic<bool> m_open{false};
     void* m_address = nullptr;

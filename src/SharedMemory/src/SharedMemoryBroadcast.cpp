@@ -110,12 +110,22 @@ bool SharedMemoryBroadcast::isGranted(unsigned int now) {
         ExcangeWithLocking(&header()->readMessageId, 0);
         return true;
     }
-    // In this order: the index is never ahead of the count for a reader that opens or closes.
-    const long count = header()->lockWord2;
-    const unsigned int came = header()->chunkIndex.load() - 1;
-    if (count == 0 && m_readersAtLastWrite == 0) return false;
-    const auto ready = static_cast<unsigned int>(count);
-    return ready - came == m_readersAtLastWrite || isGrantedLate(now, inside == 1);
+    if (header()->lockWord2 == 0 && m_readersAtLastWrite == 0) return false;
+    return isTakenByAll() || isGrantedLate(now, inside == 1);
+}
+
+// A reader that opens or closes changes the count and the index one after the other: that they fit
+// is believed only under the mutex that it holds meanwhile.
+bool SharedMemoryBroadcast::isTakenByAll() {
+    const auto fits = [this] {
+        const auto ready = static_cast<unsigned int>(header()->lockWord2.load());
+        const unsigned int came = header()->chunkIndex.load() - 1;
+        return ready - came == m_readersAtLastWrite;
+    };
+    if (!fits() || !lockNamedMutex()) return false;
+    const bool isTaken = fits();
+    m_mutex.unlock();
+    return isTaken;
 }
 
 bool SharedMemoryBroadcast::isGrantedLate(unsigned int now, bool readerInside) {
@@ -173,6 +183,7 @@ bool SharedMemoryBroadcast::publish(const void* data, unsigned int length) {
         m_readersAtLastWrite =
             static_cast<unsigned int>(ExcangeWithLocking(&header()->lockWord2, 0));
         m_lastWriteTime = ElapsedMillisecond();
+        m_isHeldUp = false;
     }
     UnlockWrite();
     if (!locked) return false;
@@ -204,6 +215,7 @@ bool SharedMemoryBroadcast::takeSeenMessage(std::string& message) {
         NORVO_LOG(Warning, "Failed to lock for reading!", m_name);
         return false;
     }
+    m_isCountLost = false;
     const bool isValid = copyMessage(message);
     countAsReady();
     UnlockRead();
@@ -212,7 +224,7 @@ bool SharedMemoryBroadcast::takeSeenMessage(std::string& message) {
 }
 
 // A writer that has given this reader up may be writing the next message already: what it touched
-// is copied again.
+// is copied again. Its lock is looked at by a write of its own, which the copy cannot fall behind.
 bool SharedMemoryBroadcast::copyMessage(std::string& message) {
     for (int copy = 0; copy < kCopies; ++copy) {
         const long id = header()->newMessageId;
@@ -223,7 +235,7 @@ bool SharedMemoryBroadcast::copyMessage(std::string& message) {
         } catch (const std::bad_alloc&) {
             return false;
         }
-        if (header()->writerLockCount < 1 && header()->newMessageId == id) {
+        if (header()->writerLockCount.fetch_add(0) < 1 && header()->newMessageId == id) {
             m_lastSeenId = id;
             break;
         }
@@ -249,7 +261,12 @@ void SharedMemoryBroadcast::countAsReady() {
 // A count of 0 without a message to take would keep every writer out for good. Looked at twice,
 // because an end that is not ours may zero it a moment before it raises the ID.
 void SharedMemoryBroadcast::stayCounted() {
-    if (!header() || header()->lockWord2 != 0 || !lockNamedMutex()) return;
+    if (!header()) return;
+    if (header()->lockWord2 != 0) {
+        m_isCountLost = false;
+        return;
+    }
+    if (!lockNamedMutex()) return;
     if (header()->lockWord2 == 0 && header()->newMessageId == m_lastSeenId) {
         if (m_isCountLost) {
             countAsOneThatCame();

@@ -52,6 +52,7 @@ protected:
 
 private:
     bool isGranted(unsigned int now);
+    bool isTakenByAll();
     // Writing although not every reader has taken the last message; not into a reader's copy,
     // unless that reader has not moved for a while.
     bool isGrantedLate(unsigned int now, bool readerInside);
@@ -64,7 +65,7 @@ private:
     // Reader: the last message ID seen, and the one after which it was counted at offset 8.
     long m_lastSeenId = 0;
     long m_countedAfterId = 0;
-    // The count was found to be 0 although this reader is counted.
+    // The last look found the count to be 0 although this reader is counted.
     bool m_isCountLost = false;
 
     // Writer
