@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,8 +11,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
+#include <thread>
+#include <vector>
 
 #include "SessionObjects.h"
 #include "Subprocess.h"
@@ -52,8 +56,12 @@ public:
 
     // `arguments` as in a shell, standard error joined to standard output.
     Subprocess start(const std::string& arguments) const {
-        return Subprocess({"/bin/sh", "-c", "exec " VCCTL_PROGRAM " " + arguments + " 2>&1"},
-                          {"NORVO_VDI_NAMESPACE=" + m_namespace, "HOME=" + home().string()});
+        return startShell("exec " VCCTL_PROGRAM " " + arguments + " 2>&1");
+    }
+    Subprocess startShell(const std::string& command) const {
+        return Subprocess({"/bin/sh", "-c", command},
+                          {"NORVO_VDI_NAMESPACE=" + m_namespace, "HOME=" + home().string(),
+                           "TMPDIR=" + m_directory.path()});
     }
     Outcome run(const std::string& arguments) const {
         Subprocess process = start(arguments);
@@ -213,16 +221,20 @@ struct WrongUse {
 TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
     const WrongUse uses[] = {
         {"", 2, "subcommand"},
+        {"nonsense", 2, "'nonsense' is no command"},
         {"host", 2, "--listen ADDR:PORT or --connect ADDR:PORT"},
         {"host --listen 192.0.2.1:7000", 2, "--allow-remote"},
         {"host --listen nonsense", 2, "ADDR:PORT"},
+        {"host --listen 127.0.0.1:70000", 2, "ADDR:PORT"},
         {"host --kind morse --listen 127.0.0.1:0", 2, "--kind"},
         {"host --listen 127.0.0.1:0 --library /etc/hostname", 1, "cannot load the plug-in library"},
         {"ask Nonsense", 2, "RequestVCProcessId"},
         {"ask CreateStream Media", 2, "CreateStream NAME SIZE"},
+        {"ask CreateStream Media -1", 2, "'-1' cannot be the request's SIZE"},
         {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
         {"send Media --wait 0.3 /etc/hostname", 1, "vcctl host"},
         {"send Media /no/such/file", 1, "No such file"},
+        {"send Media --message-size 0 /etc/hostname", 2, "--message-size"},
         {"recv a/b", 2, "letters, digits"},
         {"recv Media --wait 0.3", 1, "no agent answers"},
         {"recv Media /no/such/folder/file", 1, "cannot write"},
@@ -235,6 +247,33 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         EXPECT_NE(outcome.text.find(use.text), std::string::npos) << use.arguments << '\n'
                                                                   << outcome.text;
     }
+}
+
+TEST_F(VcctlAcrossProcesses, ASendThatWaitsForInputEndsWhenItIsInterrupted) {
+    joinHosts();
+    Subprocess receiver = m_far.start("recv Basic --lines --raw");
+    Subprocess sender = m_near.start("send Basic --lines");
+    sender.writeLine("arrives");
+    EXPECT_EQ(receiver.readLine(), "arrives");
+    sender.signal(SIGINT);
+    EXPECT_EQ(sender.wait(10s), 130);
+}
+
+TEST_F(VcctlAcrossProcesses, TheExampleOfAHostJoinsTwoSessions) {
+    const auto startHost = [](const Side& side, const std::string& in, const std::string& out) {
+        return side.startShell("export LD_LIBRARY_PATH=" NORVO_PLUGIN_FOLDER "; exec 3<>" + in +
+                               " 4<>" + out + "; exec " NORVO_EXAMPLE_HOST " <&3 >&4");
+    };
+    const std::string there = m_near.file("there");
+    const std::string back = m_near.file("back");
+    ASSERT_EQ(mkfifo(there.c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(back.c_str(), 0600), 0);
+    const Subprocess nearHost = startHost(m_near, back, there);
+    const Subprocess farHost = startHost(m_far, there, back);
+    Subprocess receiver = m_far.start("recv Basic --lines");
+    const Outcome sent = m_near.run("send Basic --lines /etc/hostname");
+    EXPECT_EQ(sent.status, 0) << sent.text;
+    EXPECT_EQ(receiver.readLine() + '\n', contentOf("/etc/hostname"));
 }
 
 TEST_F(VcctlAcrossProcesses, AFullDiskIsReportedAndTheSessionGoesOn) {
@@ -262,6 +301,33 @@ TEST_F(VcctlAcrossProcesses, TheDemoPassesOnEveryTransportAndLeavesNothing) {
             EXPECT_EQ(entry.path().filename().string().find(mark), std::string::npos)
                 << entry.path();
         }
+    }
+}
+
+// Processes that have not ended, by what the system tells of them.
+std::vector<std::string> childrenOf(pid_t process) {
+    const std::string list = "/proc/" + std::to_string(process);
+    std::istringstream numbers(contentOf(list + "/task/" + std::to_string(process) + "/children"));
+    return {std::istream_iterator<std::string>(numbers), {}};
+}
+bool isAlive(const std::string& process) {
+    const std::string state = contentOf("/proc/" + process + "/stat");
+    return !state.empty() && state.find(") Z ") == std::string::npos;
+}
+
+TEST_F(VcctlAcrossProcesses, ADemoThatIsKilledTakesItsProcessesWithIt) {
+    Subprocess demo = m_near.start("demo --seconds 60");
+    ASSERT_NE(lineStarting(demo, "four streams are up").find("streams are up"), std::string::npos);
+    const std::vector<std::string> children = childrenOf(demo.pid());
+    ASSERT_EQ(children.size(), 4U);
+    demo.kill();
+    demo.wait(10s);
+    for (const std::string& child : children) {
+        for (int i = 0; i < 2000 && isAlive(child); ++i) std::this_thread::sleep_for(10ms);
+        EXPECT_FALSE(isAlive(child));
+    }
+    for (const char* end : {"a", "b"}) {
+        support::removeSessionObjects("demo" + std::to_string(demo.pid()) + end);
     }
 }
 

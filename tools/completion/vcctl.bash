@@ -6,17 +6,6 @@ _vcctl() {
         mapfile -t COMPREPLY < <(compgen -W "host send recv watch ask streams decode demo --help --version" -- "$word")
         return
     fi
-    case $before in
-        --kind) mapfile -t COMPREPLY < <(compgen -W "citrix vmware rdp tcp" -- "$word"); return ;;
-        --library | --capture) mapfile -t COMPREPLY < <(compgen -f -- "$word"); return ;;
-        send | recv) mapfile -t COMPREPLY < <(compgen -W "$streams" -- "$word"); return ;;
-        ask)
-            mapfile -t COMPREPLY < <(compgen -W "CreateStream OpenStream SetHVDClientInfo RequestVCProcessId FlushLog
-                RequestNotifyStream RequestInvalidStreams RequestPeerVersion SetLogPath RequestEnviromentType
-                IsSeamless GetWindowHandle IsMultiSession" -- "$word")
-            return
-            ;;
-    esac
     case $command in
         host) options="--kind --listen --connect --library --capture --allow-remote --quiet" ;;
         send) options="--size --message-size --count --lines --raw --wait" ;;
@@ -29,8 +18,18 @@ _vcctl() {
     esac
     if [[ $word == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options --help" -- "$word")
-    else
-        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        return
     fi
+    case $before in
+        --kind) mapfile -t COMPREPLY < <(compgen -W "citrix vmware rdp tcp" -- "$word") ;;
+        send | recv) mapfile -t COMPREPLY < <(compgen -W "$streams" -- "$word") ;;
+        ask)
+            mapfile -t COMPREPLY < <(compgen -W "CreateStream OpenStream SetHVDClientInfo RequestVCProcessId FlushLog
+                RequestNotifyStream RequestInvalidStreams RequestPeerVersion SetLogPath RequestEnviromentType
+                IsSeamless GetWindowHandle IsMultiSession" -- "$word")
+            ;;
+        --listen | --connect | --size | --message-size | --count | --wait | --interval | --bytes | --seconds) ;;
+        *) mapfile -t COMPREPLY < <(compgen -f -- "$word") ;;
+    esac
 }
 complete -F _vcctl vcctl

@@ -8,7 +8,7 @@ packages_of() {
         build)
             say g++ cmake ninja-build ccache libgtest-dev libgmock-dev libbenchmark-dev \
                 libcli11-dev libfmt-dev nlohmann-json3-dev libxxhash-dev libboost-dev libprotobuf-dev protobuf-compiler libzmq3-dev \
-                pkg-config socat procps util-linux
+                pkg-config socat procps util-linux dpkg-dev file
             ;;
         checks)
             say clang libclang-rt-14-dev clang-format clang-tidy llvm shellcheck git python3 \

@@ -73,7 +73,6 @@ CaptureWriter::CaptureWriter(const std::string& path, const std::string& interfa
     putOption(interface, kTimeResolution, std::string_view("\x09", 1));
     put(interface, std::uint32_t{kEnd});
     writeBlock(kInterface, interface);
-    std::fflush(m_file.get());
 }
 
 CaptureWriter::~CaptureWriter() = default;
@@ -108,7 +107,8 @@ void CaptureWriter::writeBlock(std::uint32_t type, const std::string& body) {
     put(head, total);
     const bool done = std::fwrite(head.data(), 1, head.size(), m_file.get()) == head.size() &&
                       std::fwrite(body.data(), 1, body.size(), m_file.get()) == body.size() &&
-                      std::fwrite(&total, 1, sizeof total, m_file.get()) == sizeof total;
+                      std::fwrite(&total, 1, sizeof total, m_file.get()) == sizeof total &&
+                      std::fflush(m_file.get()) == 0;
     if (!done) {
         m_failed = true;
         std::fprintf(stderr, "vcctl: the capture to %s stops here: %s\n", m_path.c_str(),
@@ -133,17 +133,17 @@ bool CaptureReader::readBlock(std::uint32_t& type, std::vector<unsigned char>& b
     std::uint32_t head[2];
     const std::size_t got = std::fread(head, 1, sizeof head, m_file);
     if (got == 0) return false;
-    const bool plausible =
-        got == sizeof head && head[1] >= 12 && head[1] <= kMostBlock && head[1] % 4 == 0;
-    if (plausible) {
-        type = head[0];
-        body.resize(head[1] - sizeof head);
-        if (std::fread(body.data(), 1, body.size(), m_file) == body.size()) {
-            body.resize(body.size() - 4);
-            return true;
-        }
+    const CommandError cutShort(m_path +
+                                " ends within a block: its host is still writing, or was killed");
+    if (got != sizeof head) throw cutShort;
+    if (head[1] < 12 || head[1] > kMostBlock || head[1] % 4 != 0) {
+        throw CommandError(m_path + " is damaged, or not a pcapng capture");
     }
-    throw CommandError(m_path + " is damaged or not a pcapng capture: a block is cut short");
+    type = head[0];
+    body.resize(head[1] - sizeof head);
+    if (std::fread(body.data(), 1, body.size(), m_file) != body.size()) throw cutShort;
+    body.resize(body.size() - 4);
+    return true;
 }
 
 std::optional<CapturedPacket> CaptureReader::next() {

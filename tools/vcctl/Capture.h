@@ -26,8 +26,9 @@ struct FileCloser {
 };
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
-// Thread-safe. A write that fails (disk full) stops the capture, says so once on standard error,
-// and does not disturb the session.
+// Thread-safe. What was written is in the file at once, so that a capture can be read while it
+// grows and outlives its host. A write that fails (disk full) stops the capture, says so once on
+// standard error, and does not disturb the session.
 class CaptureWriter {
 public:
     // Throws CommandError when the file cannot be made. `interfaceName` goes into the file.

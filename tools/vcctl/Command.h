@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace vcctl {
 
@@ -24,6 +25,17 @@ private:
 
 // A CommandError that ends with the text of `errorNumber`.
 CommandError systemError(const std::string& what, int errorNumber);
+
+// What a failed write to `where` throws, by errno. Nobody is told that a pipe's reader has left
+// (as `head` does): the text is empty then.
+CommandError outputError(const std::string& where);
+
+// Standard output: what is printed arrives at the latest with flushOut(). Both throw CommandError.
+void print(std::string_view text);
+void flushOut();
+
+// What an option for seconds to wait takes: at most a day.
+inline const CLI::Range kWaitRange{0.0, 86400.0};
 
 // Each adds one subcommand; what it sets in `exitCode` is the exit code when nothing was thrown.
 void addHostCommand(CLI::App& app, int& exitCode);

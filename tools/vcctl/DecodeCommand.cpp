@@ -112,8 +112,8 @@ public:
 private:
     void line(const std::string& text) const {
         const auto seconds = static_cast<std::time_t>(m_time / 1'000'000'000);
-        fmt::print("{:%H:%M:%S}.{:06} {} {}\n", fmt::gmtime(seconds), m_time / 1000 % 1'000'000,
-                   m_arrow, text);
+        print(fmt::format("{:%H:%M:%S}.{:06} {} {}\n", fmt::gmtime(seconds),
+                          m_time / 1000 % 1'000'000, m_arrow, text));
     }
 
     const char* m_arrow;
@@ -123,15 +123,14 @@ private:
 };
 
 int runDecode(const DecodeOptions& options) {
+    StopSignal::release();
     CaptureReader reader(options.file);
     Decoder inbound("<-", options);
     Decoder outbound("->", options);
     while (auto packet = reader.next()) {
-        if (StopSignal::requested()) return kInterrupted;
         (packet->direction == Direction::Outbound ? outbound : inbound).packet(*packet);
-        if (std::ferror(stdout)) throw systemError("cannot write the output", errno);
     }
-    if (std::fflush(stdout) != 0) throw systemError("cannot write the output", errno);
+    flushOut();
     return kOk;
 }
 

@@ -148,8 +148,8 @@ public:
 
 private:
     static void say(const std::string& text) {
-        fmt::print("{}\n", text);
-        std::fflush(stdout);
+        print(text + '\n');
+        flushOut();
     }
 
     std::vector<std::string> end(std::vector<std::string> args) const {
@@ -159,8 +159,8 @@ private:
 
     std::unique_ptr<support::Subprocess> startHost(const std::string& side, const std::string& how,
                                                    const std::string& place) {
-        std::vector<std::string> argv{support::ownPath(), "host", "--kind",
-                                      m_options.kind,     how,    place};
+        std::vector<std::string> argv{
+            support::ownPath(), "host", "--kind", m_options.kind, how, place, "--end-with-input"};
         if (!m_options.library.empty()) argv.insert(argv.end(), {"--library", m_options.library});
         return std::make_unique<support::Subprocess>(argv, m_place.environment(side));
     }
@@ -198,38 +198,46 @@ private:
     }
 
     static std::string latencyLine(const std::string& when, const Json& ping) {
-        return fmt::format("  {:<14} {:>7} {:>9.1f} {:>9.1f} {:>9.1f} {:>9.1f} {:>6}", when,
+        return fmt::format("  {:<14} {:>7} {:>9.1f} {:>9.1f} {:>9.1f} {:>9.1f} {:>6}\n", when,
                            ping["count"].get<std::uint64_t>(), ping["p50"].get<double>(),
                            ping["p90"].get<double>(), ping["p99"].get<double>(),
                            ping["max"].get<double>(), ping["lost"].get<std::uint64_t>());
+    }
+
+    // Each once where the same follows itself.
+    static std::string announcedText(const Json& names) {
+        std::string text;
+        std::string last;
+        for (const auto& name : names) {
+            if (name == last) continue;
+            last = name;
+            text += ' ' + last;
+        }
+        return text;
     }
 
     static int report(const Json& result) {
         const double bytes = result["bytes"];
         const double time = result["seconds"];
         const bool whole = result["sent_checksum"] == result["returned_checksum"];
-        fmt::print("\nstreams      up {:.0f} ms after the local process started\n",
-                   result["seconds_to_up"].get<double>() * 1000);
-        fmt::print(
+        print(fmt::format("\nstreams      up {:.0f} ms after the local process started\n",
+                          result["seconds_to_up"].get<double>() * 1000));
+        print(fmt::format(
             "file         {} there and back in {:.2f} s: {}/s each way; {} sent again after the "
             "reconnect\n",
             formatBytes(bytes), time, formatBytes(bytes / time),
-            formatBytes(result["resent"].get<double>()));
-        fmt::print("checksum     {:016x}, {}\n", result["sent_checksum"].get<std::uint64_t>(),
-                   whole ? "the same on return" : "DIFFERENT on return");
-        fmt::print(
-            "small messages (64 B), one way in µs\n  {:<14} {:>7} {:>9} {:>9} {:>9} {:>9} {:>6}\n",
-            "", "count", "p50", "p90", "p99", "max", "lost");
-        fmt::print("{}\n", latencyLine("session idle", result["idle"]));
-        fmt::print("{}\n", latencyLine("with the file", result["busy"]));
-        std::string announced;
-        std::string last;
-        for (const auto& name : result["announced"]) {
-            if (name == last) continue;
-            last = name;
-            announced += ' ' + last;
-        }
-        fmt::print("announced   {}\n", announced);
+            formatBytes(result["resent"].get<double>())));
+        print(fmt::format("checksum     {:016x}, {}\n",
+                          result["sent_checksum"].get<std::uint64_t>(),
+                          whole ? "the same on return" : "DIFFERENT on return"));
+        print(
+            fmt::format("small messages (64 B), one way in µs\n"
+                        "  {:<14} {:>7} {:>9} {:>9} {:>9} {:>9} {:>6}\n",
+                        "", "count", "p50", "p90", "p99", "max", "lost"));
+        print(latencyLine("session idle", result["idle"]));
+        print(latencyLine("with the file", result["busy"]));
+        print("announced   " + announcedText(result["announced"]) + '\n');
+        flushOut();
         return whole ? kOk : kFailed;
     }
 
@@ -254,8 +262,9 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
     command->add_option("--seconds", options->seconds, "About how long it is to take")
         ->check(CLI::Range(1.0, 600.0))
         ->capture_default_str();
-    command->add_option("--library", options->library,
-                        "The plug-in to load instead of the usual one");
+    command
+        ->add_option("--library", options->library, "The plug-in to load instead of the usual one")
+        ->type_name("PATH");
     command->callback([=, &exitCode] { exitCode = Demo(*options).run(); });
 
     auto end = std::make_shared<DemoEndOptions>();

@@ -238,6 +238,7 @@ int runFarEnd() {
 }
 
 int runNearEnd(const DemoEndOptions& end) {
+    const StopWithInput stopWithInput;
     const MappedFile file(end.file);
     std::mutex mutex;
     Json announced = Json::array();

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <utility>
 
@@ -39,6 +40,13 @@ bool isLoopback(const sockaddr_storage& address) {
     return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr);
 }
 
+bool isPort(const std::string& text) {
+    unsigned int port = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, port);
+    return error == std::errc() && stop == end && port <= 65535;
+}
+
 // Not inherited by what the library starts. (macOS has no flag for it at creation.)
 Descriptor closedByExec(int fd) {
     if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -57,7 +65,7 @@ Descriptor acceptFrom(int listener) { return closedByExec(accept(listener, nullp
 
 Endpoint Endpoint::parse(const std::string& text, bool allowRemote) {
     const auto colon = text.rfind(':');
-    if (colon == std::string::npos || colon + 1 == text.size()) {
+    if (colon == std::string::npos || !isPort(text.substr(colon + 1))) {
         throw CommandError("'" + text + "' is not ADDR:PORT, for example 127.0.0.1:7000", kUsage);
     }
     std::string host = text.substr(0, colon);

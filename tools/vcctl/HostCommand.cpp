@@ -10,6 +10,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "Capture.h"
 #include "ChannelKind.h"
@@ -38,6 +39,7 @@ struct HostOptions {
     std::string capture;
     bool allowRemote = false;
     bool quiet = false;
+    bool endWithInput = false;
 };
 
 // The host's side of the plug-in's one callback.
@@ -159,6 +161,8 @@ int runHost(const HostOptions& options) {
     const bool listens = !options.listen.empty();
     const Endpoint endpoint =
         Endpoint::parse(listens ? options.listen : options.connect, options.allowRemote);
+    std::optional<StopWithInput> stopWithInput;
+    if (options.endWithInput) stopWithInput.emplace();
     Host host(options);
     listens ? serveListener(host, endpoint) : serveConnector(host, endpoint);
     return kOk;
@@ -174,19 +178,27 @@ void addHostCommand(CLI::App& app, int& exitCode) {
     command->add_option("--kind", options->kind, "Transport: citrix, vmware, rdp or tcp")
         ->check(CLI::IsMember({"citrix", "vmware", "rdp", "tcp"}))
         ->capture_default_str();
-    auto* listen = command->add_option(
-        "--listen", options->listen, "Wait for the other host on ADDR:PORT (port 0: any free one)");
-    auto* connect = command->add_option("--connect", options->connect,
-                                        "Connect to the other host on ADDR:PORT, again and again");
+    auto* listen = command
+                       ->add_option("--listen", options->listen,
+                                    "Wait for the other host there (port 0: any free one)")
+                       ->type_name("ADDR:PORT");
+    auto* connect = command
+                        ->add_option("--connect", options->connect,
+                                     "Connect to the other host there, again and again")
+                        ->type_name("ADDR:PORT");
     listen->excludes(connect);
-    command->add_option("--library", options->library,
-                        "The plug-in to load instead of the usual one");
-    command->add_option("--capture", options->capture,
-                        "Write every packet to this pcapng file (vcctl decode, Wireshark)");
+    command
+        ->add_option("--library", options->library, "The plug-in to load instead of the usual one")
+        ->type_name("PATH");
+    command
+        ->add_option("--capture", options->capture,
+                     "Write every packet to this pcapng file (vcctl decode, Wireshark)")
+        ->type_name("FILE");
     command->add_flag("--allow-remote", options->allowRemote,
                       "Accept addresses outside this machine. The link is neither encrypted nor "
                       "authenticated: anyone who reaches it is the other end of the channel");
     command->add_flag("-q,--quiet", options->quiet, "Say nothing about connections");
+    command->add_flag("--end-with-input", options->endWithInput)->group("");
     command->footer(
         "SIGHUP drops the connection and joins again; SIGINT and SIGTERM end the host cleanly.");
     command->callback([=, &exitCode] {

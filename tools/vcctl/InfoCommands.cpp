@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -17,29 +19,30 @@ namespace {
 
 using NorvoStreamClient::Notification;
 
-// Request, its fields, and the notification that answers it (empty: none does).
+// Request, its fields, the notification that answers it (empty: none does), and what it means when
+// none comes (empty: that something is wrong).
 struct RequestForm {
     const char* name;
     std::vector<const char*> fields;
-    const char* answer;
-    bool mayStaySilent;
+    const char* answer = "";
+    const char* silence = "";
 };
 
 const std::vector<RequestForm>& requestForms() {
     static const std::vector<RequestForm> forms{
-        {"CreateStream", {"NAME", "SIZE"}, "", false},
-        {"OpenStream", {"NAME", "SIZE"}, "", false},
-        {"SetHVDClientInfo", {"NUMBER", "NUMBER"}, "", false},
-        {"RequestVCProcessId", {}, "VCProcessId", false},
-        {"FlushLog", {}, "", false},
-        {"RequestNotifyStream", {}, "StreamUp", true},
-        {"RequestInvalidStreams", {}, "InvalidStreams", true},
-        {"RequestPeerVersion", {}, "ChannelVersion", true},
-        {"SetLogPath", {"DIRECTORY"}, "", false},
-        {"RequestEnviromentType", {}, "EnviromentType", false},
-        {"IsSeamless", {}, "IsSeamless", false},
-        {"GetWindowHandle", {"HANDLE"}, "GetWindowHandle", false},
-        {"IsMultiSession", {}, "IsMultiSession", false}};
+        {"CreateStream", {"NAME", "SIZE"}},
+        {"OpenStream", {"NAME", "SIZE"}},
+        {"SetHVDClientInfo", {"NUMBER", "NUMBER"}},
+        {"RequestVCProcessId", {}, "VCProcessId"},
+        {"FlushLog", {}},
+        {"RequestNotifyStream", {}, "StreamUp", "no stream runs, or the agents are not connected"},
+        {"RequestInvalidStreams", {}, "InvalidStreams", "there are none"},
+        {"RequestPeerVersion", {}, "ChannelVersion", "the far side has not been heard of yet"},
+        {"SetLogPath", {"DIRECTORY"}},
+        {"RequestEnviromentType", {}, "EnviromentType"},
+        {"IsSeamless", {}, "IsSeamless"},
+        {"GetWindowHandle", {"HANDLE"}, "GetWindowHandle"},
+        {"IsMultiSession", {}, "IsMultiSession"}};
     return forms;
 }
 
@@ -58,20 +61,32 @@ std::string allUsages() {
     return text;
 }
 
-const RequestForm& formOf(const std::string& request, std::size_t fieldCount) {
+void checkField(const std::string& name, const std::string& value) {
+    if (name == "NAME" || name == "DIRECTORY") return;
+    std::int64_t number = 0;
+    const char* end = value.data() + value.size();
+    const auto [stop, error] = std::from_chars(value.data(), end, number);
+    const bool fits = name == "HANDLE" || (number >= 0 && number <= UINT32_MAX);
+    if (error != std::errc() || stop != end || !fits) {
+        throw CommandError("'" + value + "' cannot be the request's " + name, kUsage);
+    }
+}
+
+const RequestForm& formOf(const std::string& request, const std::vector<std::string>& fields) {
     const auto& forms = requestForms();
     const auto form = std::find_if(forms.begin(), forms.end(),
                                    [&](const RequestForm& known) { return request == known.name; });
     if (form == forms.end()) {
         throw CommandError("'" + request + "' is no request. " + allUsages(), kUsage);
     }
-    if (form->fields.size() != fieldCount) {
+    if (form->fields.size() != fields.size()) {
         throw CommandError("the request is: " + usageOf(*form), kUsage);
     }
+    for (std::size_t i = 0; i < fields.size(); ++i) checkField(form->fields[i], fields[i]);
     return *form;
 }
 
-void print(const Notification& notification, bool asJson) {
+void show(const Notification& notification, bool asJson) {
     const auto now =
         std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
     const auto seconds = std::chrono::system_clock::to_time_t(now);
@@ -81,13 +96,13 @@ void print(const Notification& notification, bool asJson) {
     if (asJson) {
         const nlohmann::json line{
             {"time", time}, {"name", notification.name}, {"fields", notification.fields}};
-        fmt::print("{}\n", line.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace));
+        print(line.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) + '\n');
     } else {
         std::string text;
         for (const auto& field : notification.fields) text += ' ' + field;
-        fmt::print("{} {}{}\n", time, notification.name, text);
+        print(fmt::format("{} {}{}\n", time, notification.name, text));
     }
-    if (std::fflush(stdout) != 0) throw systemError("cannot write standard output", errno);
+    flushOut();
 }
 
 struct WatchOptions {
@@ -104,6 +119,7 @@ int runWatch(const WatchOptions& options) {
         Notification notification;
         if (!session.client().nextNotification(notification, kPollTime)) {
             if (!SessionClient::goesOn()) return kInterrupted;
+            session.noteSilence();
             continue;
         }
         // The client library's own questions are answered to all; only a change is news.
@@ -111,7 +127,7 @@ int runWatch(const WatchOptions& options) {
             if (notification.fields == lastProcess) continue;
             lastProcess = notification.fields;
         }
-        print(notification, options.json);
+        show(notification, options.json);
         ++printed;
     }
     return kOk;
@@ -132,7 +148,7 @@ int printAnswers(SessionClient& session, const AskOptions& options, const Reques
     const auto quiet = std::chrono::milliseconds(500);
     auto deadline =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                           std::chrono::duration<double>(form.mayStaySilent ? 1.0 : options.wait));
+                           std::chrono::duration<double>(*form.silence ? 1.0 : options.wait));
     bool answered = false;
     while (Clock::now() < deadline) {
         Notification notification;
@@ -141,17 +157,21 @@ int printAnswers(SessionClient& session, const AskOptions& options, const Reques
             notification.name != form.answer) {
             continue;
         }
-        print(notification, options.json);
+        show(notification, options.json);
         answered = true;
         if (!several) return kOk;
         deadline = Clock::now() + quiet;
     }
-    if (answered || form.mayStaySilent) return kOk;
+    if (answered) return kOk;
+    if (*form.silence) {
+        std::fprintf(stderr, "vcctl: no answer: %s\n", form.silence);
+        return kOk;
+    }
     throw CommandError("the agent did not answer '" + options.request + "'");
 }
 
 int runAsk(const AskOptions& options) {
-    const RequestForm& form = formOf(options.request, options.fields.size());
+    const RequestForm& form = formOf(options.request, options.fields);
     SessionClient session;
     session.waitForAgent(options.wait);
     Notification earlier;
@@ -173,7 +193,7 @@ void addWatchCommand(CLI::App& app, int& exitCode) {
     command->add_flag("--json", options->json, "One JSON object a line");
     command->add_flag("--all", options->all,
                       "Also the repeated answers to this program's own questions");
-    command->add_option("--count", options->count, "Stop after so many");
+    command->add_option("--count", options->count, "Stop after so many")->type_name("N");
     command->callback([=, &exitCode] { exitCode = runWatch(*options); });
 }
 
@@ -184,6 +204,8 @@ void addAskCommand(CLI::App& app, int& exitCode) {
     command->add_option("request", options->request, "The request")->required();
     command->add_option("fields", options->fields, "Its fields");
     command->add_option("--wait", options->wait, "Seconds to wait for the agent and for the answer")
+        ->type_name("SECONDS")
+        ->check(kWaitRange)
         ->capture_default_str();
     command->add_flag("--json", options->json, "Print answers as JSON objects");
     command->footer(allUsages());

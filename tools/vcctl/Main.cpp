@@ -1,15 +1,10 @@
 #include <cstdio>
-#include <cstring>
 
 #include "Command.h"
 #include "StopSignal.h"
 #include "VcctlVersion.h"
 
 namespace vcctl {
-
-CommandError systemError(const std::string& what, int errorNumber) {
-    return CommandError(what + ": " + std::strerror(errorNumber));
-}
 
 namespace {
 
@@ -31,6 +26,10 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        if (argc > 1 && *argv[1] != '-' && app.get_subcommands().empty()) {
+            throw CommandError("'" + std::string(argv[1]) + "' is no command: see vcctl --help",
+                               kUsage);
+        }
         return app.exit(error) == 0 ? kOk : kUsage;
     }
     return exitCode;
@@ -45,7 +44,7 @@ int main(int argc, char** argv) {
     try {
         return vcctl::run(argc, argv);
     } catch (const vcctl::CommandError& error) {
-        std::fprintf(stderr, "vcctl: %s\n", error.what());
+        if (*error.what()) std::fprintf(stderr, "vcctl: %s\n", error.what());
         return error.exitCode();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vcctl: internal error: %s\n", error.what());

@@ -44,9 +44,7 @@ public:
 private:
     void check(bool done) const {
         if (!done) {
-            throw systemError(
-                "cannot write " + (m_options.file == "-" ? "standard output" : m_options.file),
-                errno);
+            throw outputError(m_options.file == "-" ? "standard output" : m_options.file);
         }
     }
 
@@ -56,12 +54,13 @@ private:
 };
 
 // The next message; false when the wait for the first one is over.
-bool readNext(NorvoStreamClient::Stream& stream, Output& output, std::string& message,
-              std::chrono::steady_clock::time_point giveUp) {
+bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, Output& output,
+              std::string& message, std::chrono::steady_clock::time_point giveUp) {
     bool flushed = false;
     while (!stream.read(message, kPollTime)) {
         if (!SessionClient::goesOn()) throw CommandError("interrupted", kInterrupted);
         if (std::chrono::steady_clock::now() >= giveUp) return false;
+        session.noteSilence(&stream);
         if (!flushed) output.flush();
         flushed = true;
     }
@@ -83,7 +82,7 @@ int runRecv(const RecvOptions& options) {
     std::string message;
     while (tally.messages() < options.count) {
         const auto until = tally.messages() == 0 ? giveUp : Clock::time_point::max();
-        if (!readNext(*stream, output, message, until)) {
+        if (!readNext(session, *stream, output, message, until)) {
             session.waitUntilUp(*stream, 0);
             throw CommandError("nothing came through the stream '" + options.stream + "'");
         }
@@ -111,15 +110,18 @@ void addRecvCommand(CLI::App& app, int& exitCode) {
     command->add_option("stream", options->stream, "The stream, for example Media")->required();
     command->add_option("file", options->file, "Where to write; - is standard output")
         ->capture_default_str();
-    command->add_option("--size", options->size, "Capacity of the stream's segment in bytes")
+    command->add_option("--size", options->size, "Capacity of the stream's segment")
+        ->type_name("BYTES")
         ->capture_default_str();
-    command->add_option("--count", options->count, "Stop after so many messages");
+    command->add_option("--count", options->count, "Stop after so many messages")->type_name("N");
     command->add_flag("--lines", options->lines, "End each message with a line end");
     command->add_flag("--raw", options->raw,
                       "Know no end mark: write every message, until --count or an interruption");
     command
         ->add_option("--wait", options->wait,
-                     "Seconds to wait for the first message (0: without limit)")
+                     "How long to wait for the first message (0: without limit)")
+        ->type_name("SECONDS")
+        ->check(kWaitRange)
         ->capture_default_str();
     command->callback([=, &exitCode] { exitCode = runRecv(*options); });
 }

@@ -1,20 +1,28 @@
 // vcctl send: a file or standard input into a stream.
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <memory>
 #include <optional>
+#include <string_view>
 
-#include "Capture.h"
 #include "Command.h"
 #include "EndMark.h"
+#include "Endpoint.h"
 #include "Progress.h"
 #include "SessionClient.h"
+#include "StopSignal.h"
 
 namespace vcctl {
 
 namespace {
+
+constexpr std::size_t kLongestMessage = 64u << 20;
 
 struct SendOptions {
     std::string stream;
@@ -32,40 +40,75 @@ class Input {
 public:
     explicit Input(const SendOptions& options)
         : m_options(options),
-          m_owned(options.file == "-" ? nullptr : std::fopen(options.file.c_str(), "rbe")),
-          m_file(options.file == "-" ? stdin : m_owned.get()) {
-        if (!m_file) throw systemError("cannot read " + options.file, errno);
+          m_owned(options.file == "-" ? -1 : open(options.file.c_str(), O_RDONLY | O_CLOEXEC)),
+          m_fd(options.file == "-" ? STDIN_FILENO : m_owned.get()) {
+        if (m_fd < 0) throw systemError("cannot read " + options.file, errno);
     }
 
     std::optional<std::uint64_t> size() const {
         struct stat status {};
-        const bool isFile = fstat(fileno(m_file), &status) == 0 && S_ISREG(status.st_mode);
+        const bool isFile = fstat(m_fd, &status) == 0 && S_ISREG(status.st_mode);
         return isFile ? std::optional<std::uint64_t>(status.st_size) : std::nullopt;
     }
 
+    // The next message; false at the end of the input.
     bool next(std::string& message) {
-        const bool got = m_options.lines ? nextLine(message) : nextBlock(message);
-        if (!got && std::ferror(m_file)) throw systemError("cannot read " + m_options.file, errno);
-        return got;
+        return m_options.lines ? nextLine(message) : nextBlock(message);
     }
 
 private:
     bool nextBlock(std::string& message) {
         message.resize(m_options.messageSize);
-        message.resize(std::fread(message.data(), 1, message.size(), m_file));
-        return !message.empty();
+        std::size_t filled = 0;
+        while (filled < message.size()) {
+            const std::size_t got = readSome(message.data() + filled, message.size() - filled);
+            if (got == 0) break;
+            filled += got;
+        }
+        message.resize(filled);
+        return filled > 0;
     }
+
     bool nextLine(std::string& message) {
         message.clear();
-        int c = std::getc(m_file);
-        if (c == EOF) return false;
-        for (; c != EOF && c != '\n'; c = std::getc(m_file)) message += static_cast<char>(c);
-        return true;
+        for (bool any = false;; any = true) {
+            if (m_ahead.empty() && !readAhead()) return any;
+            const std::size_t end = m_ahead.find('\n');
+            message += m_ahead.substr(0, end);
+            m_ahead.remove_prefix(std::min(end, m_ahead.size() - 1) + 1);
+            if (end != std::string_view::npos) return true;
+            if (message.size() > kLongestMessage) {
+                throw CommandError("a line of " + m_options.file + " is longer than 64 MiB");
+            }
+        }
+    }
+
+    bool readAhead() {
+        m_ahead = {m_buffer.data(), readSome(m_buffer.data(), m_buffer.size())};
+        return !m_ahead.empty();
+    }
+
+    // 0 at the end. Waits where a signal that stops the program is seen, which a read would sleep
+    // on.
+    std::size_t readSome(char* to, std::size_t size) const {
+        pollfd waited[2] = {{m_fd, POLLIN, 0}, {StopSignal::descriptor(), POLLIN, 0}};
+        for (;;) {
+            if (StopSignal::requested()) throw CommandError("interrupted", kInterrupted);
+            if (poll(waited, 2, -1) < 0) continue;
+            if (waited[1].revents) StopSignal::drain();
+            if (!waited[0].revents) continue;
+            const ssize_t got = read(m_fd, to, size);
+            if (got >= 0) return static_cast<std::size_t>(got);
+            if (errno != EINTR && errno != EAGAIN)
+                throw systemError("cannot read " + m_options.file, errno);
+        }
     }
 
     const SendOptions& m_options;
-    File m_owned;
-    std::FILE* m_file;
+    const Descriptor m_owned;
+    const int m_fd;
+    std::array<char, 1u << 16> m_buffer{};
+    std::string_view m_ahead;
 };
 
 void write(NorvoStreamClient::Stream& stream, SessionClient& session, const std::string& message,
@@ -109,12 +152,14 @@ void addSendCommand(CLI::App& app, int& exitCode) {
     command->add_option("stream", options->stream, "The stream, for example Media")->required();
     command->add_option("file", options->file, "What to send; - is standard input")
         ->capture_default_str();
-    command->add_option("--size", options->size, "Capacity of the stream's segment in bytes")
+    command->add_option("--size", options->size, "Capacity of the stream's segment")
+        ->type_name("BYTES")
         ->capture_default_str();
-    command->add_option("--message-size", options->messageSize, "Bytes of one message")
-        ->check(CLI::Range(1u, 64u << 20))
+    command->add_option("--message-size", options->messageSize, "Length of one message")
+        ->type_name("BYTES")
+        ->check(CLI::Range(std::size_t{1}, kLongestMessage))
         ->capture_default_str();
-    command->add_option("--count", options->count, "Stop after so many messages");
+    command->add_option("--count", options->count, "Stop after so many messages")->type_name("N");
     command->add_flag("--lines", options->lines, "Make each line of the input a message");
     command->add_flag(
         "--raw", options->raw,
@@ -122,7 +167,9 @@ void addSendCommand(CLI::App& app, int& exitCode) {
         "and checks that everything arrived");
     command
         ->add_option("--wait", options->wait,
-                     "Seconds to wait for the host, the far side and the stream's reader")
+                     "How long to wait for the host, the far side and the stream's reader")
+        ->type_name("SECONDS")
+        ->check(kWaitRange)
         ->capture_default_str();
     command->callback([=, &exitCode] { exitCode = runSend(*options); });
 }

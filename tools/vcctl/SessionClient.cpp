@@ -1,5 +1,8 @@
 #include "SessionClient.h"
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 
 #include "Command.h"
@@ -66,6 +69,14 @@ void SessionClient::waitForAgent(double seconds) {
         if (Clock::now() >= deadline) throw CommandError(whyNotUp(""));
         StopSignal::wait(10);
     }
+}
+
+void SessionClient::noteSilence(const NorvoStreamClient::Stream* stream) {
+    if (m_noted || Clock::now() - m_start < std::chrono::seconds(1)) return;
+    m_noted = true;
+    const bool present = stream ? stream->isUp() : m_client.agentProcessId() != 0;
+    if (present || isatty(STDERR_FILENO) != 1) return;
+    std::fprintf(stderr, "vcctl: waiting: %s\n", whyNotUp(stream ? stream->name() : "").c_str());
 }
 
 }  // namespace vcctl

@@ -24,6 +24,10 @@ public:
     // Waits up to `seconds` for an agent in this session, connected or not.
     void waitForAgent(double seconds);
 
+    // Says once, on a terminal, why nothing has come for a second if `stream` (when given, else the
+    // agent) is not there: a wait without end should not be a silent one.
+    void noteSilence(const NorvoStreamClient::Stream* stream = nullptr);
+
     // Whether an operation that failed should be tried again: false once the user stops.
     static bool goesOn();
 
@@ -31,6 +35,8 @@ private:
     std::string whyNotUp(const std::string& streamName);
 
     NorvoStreamClient::Client m_client;
+    const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
+    bool m_noted = false;
 };
 
 // Waits end at least this often, to look at the stop signal.

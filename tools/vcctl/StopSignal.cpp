@@ -50,6 +50,10 @@ void StopSignal::install() {
     sigaction(SIGPIPE, &action, nullptr);
 }
 
+void StopSignal::release() {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) std::signal(number, SIG_DFL);
+}
+
 bool StopSignal::requested() { return g_signals.load(std::memory_order_relaxed) > 0; }
 
 bool StopSignal::takeHangUp() { return g_hungUp.exchange(false); }
@@ -66,6 +70,24 @@ bool StopSignal::wait(int milliseconds) {
     pollfd waited{g_pipe[0], POLLIN, 0};
     poll(&waited, 1, milliseconds);
     return requested();
+}
+
+StopWithInput::StopWithInput() {
+    if (pipe(m_end) != 0) return;
+    for (const int end : m_end) fcntl(end, F_SETFD, FD_CLOEXEC);
+    m_watch = std::thread([this] {
+        pollfd waited[2] = {{STDIN_FILENO, 0, 0}, {m_end[0], 0, 0}};
+        while (poll(waited, 2, -1) < 0 && errno == EINTR) {
+        }
+        if (waited[0].revents != 0 && waited[1].revents == 0) kill(getpid(), SIGTERM);
+    });
+}
+
+StopWithInput::~StopWithInput() {
+    if (!m_watch.joinable()) return;
+    close(m_end[1]);
+    m_watch.join();
+    close(m_end[0]);
 }
 
 }  // namespace vcctl

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <thread>
+
 namespace vcctl {
 
 // SIGINT and SIGTERM (stop) and SIGHUP (drop the connection) as something to wait for. One per
@@ -8,6 +10,8 @@ namespace vcctl {
 class StopSignal {
 public:
     static void install();
+    // Gives the signals back to the system: for a command that leaves nothing behind.
+    static void release();
     static bool requested();
     // Whether SIGHUP came since the last call.
     static bool takeHangUp();
@@ -16,6 +20,20 @@ public:
     static void drain();
     // Waits up to `milliseconds`; true when the user wants to stop.
     static bool wait(int milliseconds);
+};
+
+// Stops the process, as SIGTERM does, once its standard input has no writer any more: for a child
+// that must not outlive the program that started it. Reads nothing.
+class StopWithInput {
+public:
+    StopWithInput();
+    ~StopWithInput();
+    StopWithInput(const StopWithInput&) = delete;
+    StopWithInput& operator=(const StopWithInput&) = delete;
+
+private:
+    int m_end[2] = {-1, -1};
+    std::thread m_watch;
 };
 
 }  // namespace vcctl

@@ -1,10 +1,12 @@
 // vcctl streams: the segments of this session, and whether anything moves in them.
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -96,10 +98,23 @@ std::string table(const Looks& before, const Looks& after) {
     return text;
 }
 
-void show(const std::string& text, int linesAbove) {
-    if (linesAbove > 0 && isatty(STDOUT_FILENO) == 1) fmt::print("\x1b[{}A\x1b[J", linesAbove);
-    fmt::print("{}", text);
-    if (std::fflush(stdout) != 0) throw systemError("cannot write standard output", errno);
+// How many rows of the terminal `text` takes, long lines being broken; 0 where there is no
+// terminal.
+std::size_t rowsOf(const std::string& text) {
+    winsize window{};
+    if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0) return 0;
+    const std::size_t width = window.ws_col > 0 ? window.ws_col : text.size();
+    std::size_t rows = 0;
+    for (std::size_t start = 0, end = 0; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        rows += std::max<std::size_t>(1, (end - start + width - 1) / width);
+    }
+    return rows;
+}
+
+void show(const std::string& text, std::size_t rowsAbove) {
+    print(rowsAbove > 0 ? fmt::format("\x1b[{}A\x1b[J{}", rowsAbove, text) : text);
+    flushOut();
 }
 
 int runStreams(const StreamsOptions& options) {
@@ -107,12 +122,12 @@ int runStreams(const StreamsOptions& options) {
     const int interval = static_cast<int>(options.interval * 1000);
     Looks before = lookAtAll();
     StopSignal::wait(kFirstLook);
-    int lines = 0;
+    std::size_t rows = 0;
     for (;;) {
         Looks after = lookAtAll();
         const std::string text = table(before, after);
-        show(text, lines);
-        lines = static_cast<int>(std::count(text.begin(), text.end(), '\n'));
+        show(text, rows);
+        rows = rowsOf(text);
         if (!options.follow) return kOk;
         if (StopSignal::wait(interval)) return kInterrupted;
         before = std::move(after);
@@ -127,7 +142,8 @@ void addStreamsCommand(CLI::App& app, int& exitCode) {
         app.add_subcommand("streams", "Lists the segments of this session and whether they move");
     command->add_flag("-f,--follow", options->follow,
                       "Look again and again, in place on a terminal");
-    command->add_option("--interval", options->interval, "Seconds between two looks")
+    command->add_option("--interval", options->interval, "Time between two looks")
+        ->type_name("SECONDS")
         ->check(CLI::Range(0.1, 3600.0))
         ->capture_default_str();
     command->footer(

@@ -18,7 +18,7 @@ set_target_properties(NorvoCrewsVirtualChannel PROPERTIES
     INSTALL_NAME_DIR "@rpath"
     BUILD_WITH_INSTALL_NAME_DIR ON)
 target_include_directories(NorvoCrewsVirtualChannel
-    INTERFACE $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/SharedLib> $<INSTALL_INTERFACE:include>)
+    INTERFACE $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/SharedLib>)
 
 if(APPLE)
     set(list ${CMAKE_CURRENT_BINARY_DIR}/exports.list)
