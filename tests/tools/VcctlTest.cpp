@@ -90,9 +90,10 @@ std::string lineStarting(Subprocess& process, const std::string& start) {
 
 class VcctlAcrossProcesses : public ::testing::Test {
 protected:
-    void joinHosts(const std::string& nearOptions = "") {
-        m_nearHost =
-            std::make_unique<Subprocess>(m_near.start("host --listen 127.0.0.1:0 " + nearOptions));
+    // `before`: shell commands that the near host is started after.
+    void joinHosts(const std::string& nearOptions = "", const std::string& before = "") {
+        m_nearHost = std::make_unique<Subprocess>(m_near.startShell(
+            before + "exec " VCCTL_PROGRAM " host --listen 127.0.0.1:0 " + nearOptions + " 2>&1"));
         const std::string line = lineStarting(*m_nearHost, "listening on ");
         m_address = line.substr(line.rfind(' ') + 1);
         m_farHost = std::make_unique<Subprocess>(m_far.start("host --connect " + m_address));
@@ -228,6 +229,7 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         {"host --listen 127.0.0.1:70000", 2, "ADDR:PORT"},
         {"host --kind morse --listen 127.0.0.1:0", 2, "--kind"},
         {"host --listen 127.0.0.1:0 --library /etc/hostname", 1, "cannot load the plug-in library"},
+        {"host --listen 127.0.0.1:0 --capture /dev/full", 1, "No space left"},
         {"ask Nonsense", 2, "RequestVCProcessId"},
         {"ask CreateStream Media", 2, "CreateStream NAME SIZE"},
         {"ask CreateStream Media -1", 2, "'-1' cannot be the request's SIZE"},
@@ -277,14 +279,16 @@ TEST_F(VcctlAcrossProcesses, TheExampleOfAHostJoinsTwoSessions) {
 }
 
 TEST_F(VcctlAcrossProcesses, AFullDiskIsReportedAndTheSessionGoesOn) {
-    joinHosts("--capture /dev/full");
+    const std::string capture = m_near.file("session.pcapng").string();
+    joinHosts("--capture " + capture, "trap '' XFSZ; ulimit -f 2048; ");  // of 512 bytes
     Subprocess receiver = m_far.start("recv Media /dev/full");
     const Outcome sent = m_near.run("send Media " VCCTL_PROGRAM);
     EXPECT_EQ(sent.status, 0) << sent.text;
     EXPECT_NE(receiver.readAll().find("No space left"), std::string::npos);
     EXPECT_EQ(receiver.wait(20s), 1);
     EXPECT_EQ(end(*m_nearHost), 0);
-    EXPECT_NE(m_nearHost->readAll().find("the capture to /dev/full stops here"), std::string::npos);
+    EXPECT_NE(m_nearHost->readAll().find("the capture to " + capture + " stops here"),
+              std::string::npos);
     EXPECT_EQ(end(*m_farHost), 0);
 }
 

@@ -63,7 +63,6 @@ CaptureWriter::CaptureWriter(const std::string& path, const std::string& interfa
     put(section, std::uint16_t{1});
     put(section, std::uint16_t{0});
     put(section, std::int64_t{-1});
-    writeBlock(kSectionHeader, section);
 
     std::string interface;
     put(interface, kLinkTypeUser0);
@@ -72,7 +71,9 @@ CaptureWriter::CaptureWriter(const std::string& path, const std::string& interfa
     putOption(interface, kInterfaceName, interfaceName);
     putOption(interface, kTimeResolution, std::string_view("\x09", 1));
     put(interface, std::uint32_t{kEnd});
-    writeBlock(kInterface, interface);
+    if (!writeBlock(kSectionHeader, section) || !writeBlock(kInterface, interface)) {
+        throw systemError("cannot write the capture file " + path, errno);
+    }
 }
 
 CaptureWriter::~CaptureWriter() = default;
@@ -96,24 +97,21 @@ void CaptureWriter::write(Direction direction, const void* packet, std::uint32_t
     put(body, std::uint32_t{kEnd});
 
     std::lock_guard lock(m_mutex);
-    writeBlock(kEnhancedPacket, body);
+    if (m_failed || writeBlock(kEnhancedPacket, body)) return;
+    m_failed = true;
+    std::fprintf(stderr, "vcctl: the capture to %s stops here: %s\n", m_path.c_str(),
+                 std::strerror(errno));
 }
 
-void CaptureWriter::writeBlock(std::uint32_t type, const std::string& body) {
-    if (m_failed) return;
+bool CaptureWriter::writeBlock(std::uint32_t type, const std::string& body) {
     std::string head;
     const auto total = static_cast<std::uint32_t>(body.size() + 12);
     put(head, type);
     put(head, total);
-    const bool done = std::fwrite(head.data(), 1, head.size(), m_file.get()) == head.size() &&
-                      std::fwrite(body.data(), 1, body.size(), m_file.get()) == body.size() &&
-                      std::fwrite(&total, 1, sizeof total, m_file.get()) == sizeof total &&
-                      std::fflush(m_file.get()) == 0;
-    if (!done) {
-        m_failed = true;
-        std::fprintf(stderr, "vcctl: the capture to %s stops here: %s\n", m_path.c_str(),
-                     std::strerror(errno));
-    }
+    return std::fwrite(head.data(), 1, head.size(), m_file.get()) == head.size() &&
+           std::fwrite(body.data(), 1, body.size(), m_file.get()) == body.size() &&
+           std::fwrite(&total, 1, sizeof total, m_file.get()) == sizeof total &&
+           std::fflush(m_file.get()) == 0;
 }
 
 CaptureReader::CaptureReader(const std::string& path)
@@ -123,9 +121,15 @@ CaptureReader::CaptureReader(const std::string& path)
     if (!m_file) throw systemError("cannot read " + path, errno);
     std::uint32_t type = 0;
     std::vector<unsigned char> body;
+    const auto notOurs = [this] {
+        return CommandError(m_path + " is not a pcapng capture made by `vcctl host --capture`");
+    };
+    const int first = std::getc(m_file);
+    if (first != static_cast<int>(kSectionHeader % 256)) throw notOurs();
+    std::ungetc(first, m_file);
     if (!readBlock(type, body) || type != kSectionHeader ||
         numberAt<std::uint32_t>(body, 0) != kByteOrderMagic) {
-        throw CommandError(m_path + " is not a pcapng capture made by `vcctl host --capture`");
+        throw notOurs();
     }
 }
 
@@ -133,15 +137,17 @@ bool CaptureReader::readBlock(std::uint32_t& type, std::vector<unsigned char>& b
     std::uint32_t head[2];
     const std::size_t got = std::fread(head, 1, sizeof head, m_file);
     if (got == 0) return false;
-    const CommandError cutShort(m_path +
-                                " ends within a block: its host is still writing, or was killed");
-    if (got != sizeof head) throw cutShort;
+    const auto cutShort = [this] {
+        return CommandError(m_path +
+                            " ends within a block: its host is still writing, or was killed");
+    };
+    if (got != sizeof head) throw cutShort();
     if (head[1] < 12 || head[1] > kMostBlock || head[1] % 4 != 0) {
         throw CommandError(m_path + " is damaged, or not a pcapng capture");
     }
     type = head[0];
     body.resize(head[1] - sizeof head);
-    if (std::fread(body.data(), 1, body.size(), m_file) != body.size()) throw cutShort;
+    if (std::fread(body.data(), 1, body.size(), m_file) != body.size()) throw cutShort();
     body.resize(body.size() - 4);
     return true;
 }

@@ -38,7 +38,7 @@ public:
     void write(Direction direction, const void* packet, std::uint32_t length);
 
 private:
-    void writeBlock(std::uint32_t type, const std::string& body);
+    bool writeBlock(std::uint32_t type, const std::string& body);
 
     const std::string m_path;
     std::mutex m_mutex;
