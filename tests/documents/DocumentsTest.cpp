@@ -116,7 +116,8 @@ TEST(Documents, LinksLeadToFilesThatAreThere) {
     pages.insert(pages.end(), {kRoot / "README.md", kRoot / "CONTRIBUTING.md"});
     std::size_t links = 0;
     for (const auto& page : pages) {
-        for (const std::string& link : matchesOf(contentOf(page), "\\]\\(([^)#:]+)\\)")) {
+        for (const std::string& link :
+             matchesOf(contentOf(page), "\\]\\(([^)#:]+)(?:#[^)]*)?\\)")) {
             ++links;
             EXPECT_TRUE(std::filesystem::exists(page.parent_path() / link)) << page << link;
         }
