@@ -54,6 +54,12 @@ void Sample::set(std::string metric, double value, std::string unit) {
     m_entries.push_back({std::move(metric), value, std::move(unit)});
 }
 
+double Sample::value(const std::string& metric) const {
+    const auto place = std::find_if(m_entries.begin(), m_entries.end(),
+                                    [&](const Entry& entry) { return entry.metric == metric; });
+    return place == m_entries.end() ? 0 : place->value;
+}
+
 std::uint64_t Suite::scaled(std::uint64_t full) const {
     return m_quick ? std::max<std::uint64_t>(1, full / 10) : full;
 }

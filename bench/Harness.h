@@ -41,6 +41,8 @@ public:
     // Each metric at most once; the same metrics, in the same units, in every repetition.
     void set(std::string metric, double value, std::string unit);
     const std::vector<Entry>& entries() const { return m_entries; }
+    // Of a metric that has been set.
+    double value(const std::string& metric) const;
 
 private:
     std::vector<Entry> m_entries;
@@ -103,11 +105,15 @@ public:
     // "allocations" and "allocated" (bytes) per call.
     Measurement timed(std::string name, std::function<void()> body);
 
+    // Something that the reader of the report should know, such as what could not be measured here.
+    void note(std::string text) { m_notes.push_back(std::move(text)); }
+
     void goal(std::string what, ValueRef value, ValueRef floor, Bounds bounds);
     void goal(std::string what, ValueRef value, Bounds bounds);
 
     const std::vector<MeasurementSpec>& measurements() const { return m_measurements; }
     const std::vector<GoalSpec>& goals() const { return m_goals; }
+    const std::vector<std::string>& notes() const { return m_notes; }
 
 private:
     std::string m_name;
@@ -115,6 +121,7 @@ private:
     std::string m_group;
     std::vector<MeasurementSpec> m_measurements;
     std::vector<GoalSpec> m_goals;
+    std::vector<std::string> m_notes;
 };
 
 struct SuiteEntry {

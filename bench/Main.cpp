@@ -1,24 +1,19 @@
 // norvo_bench: runs the registered suites.
-#include <pthread.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "PeerProcess.h"
 #include "Report.h"
 #include "Runner.h"
-#include "SessionObjects.h"
+#include "Supervisor.h"
 
 namespace {
 
@@ -29,39 +24,6 @@ struct CommandLine {
     bool list = false;
     bool check = false;
 };
-
-// Ends the peers, clears what the session left in shared memory, and exits, when the user ends the
-// run. A thread of its own waits for that, so that no measurement is interrupted by a handler.
-void exitCleanlyOnSignals(const std::string& sessionNamespace) {
-    sigset_t ending;
-    sigemptyset(&ending);
-    sigaddset(&ending, SIGINT);
-    sigaddset(&ending, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-    std::thread([ending, sessionNamespace] {
-        int number = 0;
-        sigwait(&ending, &number);
-        bench::PeerProcess::endAll();
-        support::removeSessionObjects(sessionNamespace);
-        if (isatty(STDERR_FILENO)) std::fputs("\r\033[K", stderr);
-        std::fputs("norvo_bench: stopped\n", stderr);
-        _exit(128 + number);
-    }).detach();
-}
-
-// What runs that were killed have left.
-void removeObjectsOfDeadRuns() {
-    static const std::regex session("(nvb([0-9]+))\\..*");
-    std::error_code ignored;
-    std::vector<std::string> dead;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
-        const std::string name = entry.path().filename();
-        std::smatch match;
-        if (!std::regex_search(name, match, session)) continue;
-        if (kill(std::stoi(match[2]), 0) != 0 && errno == ESRCH) dead.push_back(match[1]);
-    }
-    for (const auto& sessionNamespace : dead) support::removeSessionObjects(sessionNamespace);
-}
 
 void addOptions(CLI::App& app, CommandLine& line) {
     app.add_option("--filter", line.filter,
@@ -153,11 +115,7 @@ int run(int argc, char** argv) {
         return 0;
     }
     line.options.progress = isatty(STDERR_FILENO);
-    removeObjectsOfDeadRuns();
-    exitCleanlyOnSignals(sessionNamespace);
-    const int status = runSuites(line);
-    support::removeSessionObjects(sessionNamespace);
-    return status;
+    return bench::superviseRun([&line] { return runSuites(line); });
 }
 
 }  // namespace
@@ -166,7 +124,7 @@ int main(int argc, char** argv) {
     try {
         std::signal(SIGPIPE, SIG_IGN);
         if (testsupport::isChildRole(argc, argv)) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (!bench::endWithTheRun()) return 1;
             return testsupport::runChildRole(argc, argv);
         }
         return run(argc, argv);

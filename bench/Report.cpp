@@ -166,6 +166,8 @@ void writeJudgement(std::ostream& out, const std::string& suite, const Judgement
 void printReport(std::ostream& out, const SuiteReport& report) {
     out << report.name << ": median [lowest – highest]\n\n";
     printOutcomes(out, report.outcomes);
+    for (const std::string& note : report.notes) out << "  note: " << note << '\n';
+    if (!report.notes.empty()) out << '\n';
     if (!report.judgements.empty()) {
         std::vector<Row> rows{{"group", "goal", "compared with", "value", "floor", "ratio", "must",
                                "ambition", "verdict"}};

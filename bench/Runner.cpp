@@ -155,7 +155,7 @@ SuiteReport runSuite(const SuiteEntry& entry, const Options& options) {
     std::size_t wanted = 0;
     for (const auto& members : groups) wanted += members.size();
 
-    SuiteReport report{suite.name(), {}, {}};
+    SuiteReport report{suite.name(), {}, {}, suite.notes()};
     report.outcomes.reserve(wanted);
     OutcomeTable table(suite.measurements().size(), nullptr);
     for (const auto& members : groups) {

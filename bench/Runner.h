@@ -54,6 +54,7 @@ struct SuiteReport {
     std::string name;
     std::vector<Outcome> outcomes;
     std::vector<Judgement> judgements;
+    std::vector<std::string> notes;
     bool failed() const;  // a measurement failed
     bool missed() const;  // a "must" was missed
 };

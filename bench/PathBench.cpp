@@ -1,0 +1,173 @@
+// The whole path between two local processes, ours beside the same hops from the simplest parts and
+// beside relays that someone might use instead.
+#include <array>
+#include <cmath>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "Harness.h"
+#include "PathMeasurement.h"
+#include "StreamType.h"
+#include "VCMessage.h"
+#include "path/HostPath.h"
+#include "path/Path.h"
+
+namespace {
+
+using bench::atLeast;
+using bench::atMost;
+using bench::Measurement;
+using bench::PathRun;
+using bench::Sample;
+
+constexpr char kOurs[] = "vcctl host";
+constexpr char kParts[] = "simplest parts";
+constexpr char kZeroMq[] = "ZeroMQ proxies";
+constexpr char kSocat[] = "socat";
+constexpr const char* kKinds[] = {kOurs, kParts, kZeroMq, kSocat, "direct TCP"};
+
+struct Limits {
+    double must;  // 0: not judged
+    double ambition;
+};
+
+struct SizeRow {
+    const char* label;
+    std::size_t size;
+    std::size_t window;  // messages under way; more than 1001 in a queue would be dropped
+    Limits zeroMqP50;
+    Limits zeroMqRate;
+};
+
+constexpr std::array<SizeRow, 4> kSizes{{
+    {"64 B", 64, 400, {0.75, 0.55}, {}},
+    {"1 KiB", 1024, 400, {}, {}},
+    {"16 KiB", 16 * 1024, 64, {0.80, 0.60}, {1.5, 2.0}},
+    {"64 KiB", 64 * 1024, 32, {0.95, 0.80}, {1.4, 1.9}},
+}};
+
+struct PacedChannel {
+    const char* name;
+    std::size_t maxPacket;  // bytes, with its header of 24
+    double pause;           // seconds, after every 10 packets
+};
+
+constexpr std::array<PacedChannel, 3> kPaced{{
+    {"citrix", 4992, 0.003},
+    {"rdp", 1500, 0.003},
+    {"vmware", 1000, 0.010},
+}};
+
+constexpr std::size_t kAnswerSize = 64;
+
+double secondsOf(const bench::Suite& suite, double full) { return suite.quick() ? full / 5 : full; }
+
+Measurement declareLatency(bench::Suite& suite, const PathRun& run, double full) {
+    return suite.measure(run.kind, [run, seconds = secondsOf(suite, full)](Sample& sample) {
+        measurePathLatency(run, seconds, sample);
+    });
+}
+
+Measurement declareStream(bench::Suite& suite, const PathRun& run, std::size_t window) {
+    return suite.measure(run.kind, [run, window, seconds = secondsOf(suite, 0.5)](Sample& sample) {
+        measurePathStream(run, window, seconds, sample);
+    });
+}
+
+// Of those that can run here.
+using Measurements = std::map<std::string, Measurement>;
+
+template <class Declare>
+Measurements declareAll(const Declare& declare) {
+    Measurements result;
+    for (const char* kind : kKinds) {
+        if (bench::reasonToLeaveOut(kind).empty()) result.emplace(kind, declare(kind));
+    }
+    return result;
+}
+
+// `metric` of ours against that of `floor`, where both can run here.
+void declareGoal(bench::Suite& suite, const Measurements& all, const char* floor,
+                 const std::string& metric, bench::Bounds bounds) {
+    if (all.count(kOurs) == 0 || all.count(floor) == 0 || bounds.must == 0) return;
+    suite.goal(metric, all.at(kOurs)[metric], all.at(floor)[metric], bounds);
+}
+
+void declareSize(bench::Suite& suite, const SizeRow& row) {
+    suite.group(std::string(row.label) + " there and back");
+    const auto latency = declareAll([&](const char* kind) {
+        return declareLatency(suite, {kind, "tcp", row.size, row.size}, 0.4);
+    });
+    declareGoal(suite, latency, kParts, "p50", atMost(1.5, 1.2));
+    declareGoal(suite, latency, kZeroMq, "p50", atMost(row.zeroMqP50.must, row.zeroMqP50.ambition));
+    const bool large = row.size == 64 * 1024;
+    if (large) declareGoal(suite, latency, kSocat, "p50", atMost(1.1, 0.9));
+
+    suite.group(std::string(row.label) + " one way");
+    const auto streaming = declareAll([&](const char* kind) {
+        return declareStream(suite, {kind, "tcp", row.size, kAnswerSize}, row.window);
+    });
+    declareGoal(suite, streaming, kZeroMq, "MB/s",
+                atLeast(row.zeroMqRate.must, row.zeroMqRate.ambition));
+    if (large) declareGoal(suite, streaming, kSocat, "MB/s", atLeast(1.1, 1.4));
+}
+
+// What the pauses let through, for messages of `size` bytes; the last packet of each may be short.
+double messagesPerSecond(const PacedChannel& channel, std::size_t size) {
+    VirtualChannelAgent::VCMessage message;
+    message.setMessageType(VirtualChannelAgent::CTL_S_ROUTE);
+    message.setStreamName("Media");
+    message.setStreamType(0);
+    message.setStreamSize(65536);
+    message.setRouteData(std::string(size, 'x').data(), static_cast<unsigned int>(size));
+    const auto bytes = static_cast<double>(message.wireBytes().size());
+    const double packets = std::ceil(bytes / static_cast<double>(channel.maxPacket - 24));
+    return 10 / packets / channel.pause;
+}
+
+void declarePaced(bench::Suite& suite, const PacedChannel& channel) {
+    for (const std::size_t size : {std::size_t{64}, std::size_t{64 * 1024}}) {
+        const std::string label = size == 64 ? "64 B" : "64 KiB";
+        suite.group(channel.name + (", " + label) + " there and back");
+        declareLatency(suite, {kOurs, channel.name, size, size}, 1);
+    }
+    suite.group(channel.name + std::string(", 64 KiB one way"));
+    const PathRun run{kOurs, channel.name, 64 * 1024, kAnswerSize};
+    const double most = messagesPerSecond(channel, run.size);
+    const auto ours =
+        suite.measure(kOurs, [run, most, seconds = secondsOf(suite, 2)](Sample& sample) {
+            constexpr std::size_t kWindow = 16;
+            measurePathStream(run, kWindow, seconds, sample);
+            sample.set("of the ceiling", sample.value("rate") / most, "");
+        });
+    suite.goal("of what the pauses allow", ours["of the ceiling"], atLeast(0.95, 0.98));
+}
+
+void declareSession(bench::Suite& suite) {
+    suite.group("a session that carries nothing");
+    const auto idle = suite.measure(kOurs, [](Sample& sample) {
+        constexpr double kSeconds = 3;
+        measureIdlePath({kOurs, "tcp", 64, 64}, kSeconds, sample);
+    });
+    suite.goal("cpu of both hosts", idle["cpu"], atMost(2, 1));
+
+    suite.group("start to first message");
+    const auto first = suite.measure(kOurs, [](Sample& sample) {
+        sample.set("time", bench::millisecondsToFirstMessage("tcp"), "ms");
+    });
+    suite.goal("through a new stream", first["time"], atMost(300, 200));
+}
+
+}  // namespace
+
+BENCH_SUITE(path, "the whole path between two local processes: latency, streaming, idle, start") {
+    for (const char* kind : kKinds) {
+        const std::string reason = bench::reasonToLeaveOut(kind);
+        if (!reason.empty()) suite.note(std::string(kind) + " is left out: " + reason);
+    }
+    for (const SizeRow& row : kSizes) declareSize(suite, row);
+    if (!bench::reasonToLeaveOut(kOurs).empty()) return;
+    for (const PacedChannel& channel : kPaced) declarePaced(suite, channel);
+    declareSession(suite);
+}

@@ -1,0 +1,21 @@
+// What is measured of a whole path between two processes, the same for every kind.
+#pragma once
+
+#include "Harness.h"
+#include "path/Path.h"
+
+namespace bench {
+
+// Ping-pong for `seconds`. Metrics: "p50" and "p99" of the one-way latency in µs (half of a round
+// trip), "cpu" of what lies between the ends per message in µs.
+void measurePathLatency(const PathRun& run, double seconds, Sample& sample);
+
+// One way for `seconds`, with at most `window` messages (a multiple of 4) under way. Metrics:
+// "rate" in messages/s, "MB/s", "cpu" as above.
+void measurePathStream(const PathRun& run, std::size_t window, double seconds, Sample& sample);
+
+// A path that carries nothing for `seconds`, after one round trip. Metric: "cpu" of what lies
+// between the ends, in % of a core.
+void measureIdlePath(const PathRun& run, double seconds, Sample& sample);
+
+}  // namespace bench

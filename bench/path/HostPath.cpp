@@ -1,0 +1,150 @@
+#include "HostPath.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+#include "LatencyRecorder.h"
+#include "NorvoStreamClient.h"
+#include "SessionObjects.h"
+
+namespace bench {
+
+namespace {
+
+using NorvoStreamClient::Client;
+using NorvoStreamClient::Direction;
+using NorvoStreamClient::Stream;
+
+constexpr char kThere[] = "Media";
+constexpr char kBack[] = "Generic";
+constexpr auto kUpPatience = std::chrono::seconds(20);
+constexpr auto kPatience = std::chrono::milliseconds(kHopPatienceMs);
+
+std::shared_ptr<Stream> openStream(Client& client, const char* name, Direction direction) {
+    auto stream = client.openStream(name, direction);
+    if (!stream) throw std::runtime_error(std::string("cannot open the stream ") + name);
+    return stream;
+}
+
+class StreamEnd : public Hop {
+public:
+    explicit StreamEnd(PathEnd end)
+        : m_out(openStream(m_client, end == PathEnd::Near ? kThere : kBack, Direction::Write)),
+          m_in(openStream(m_client, end == PathEnd::Near ? kBack : kThere, Direction::Read)) {}
+
+    void waitUntilUp() {
+        if (!m_out->waitUntilUp(kUpPatience) || !m_in->waitUntilUp(kUpPatience))
+            throw std::runtime_error("the streams do not come up");
+    }
+    void send(const void* data, std::size_t length) override {
+        if (!m_out->write(data, length, kPatience)) throw std::runtime_error("nobody takes it");
+    }
+    void receive(std::string& message) override {
+        const std::size_t expected = message.size();
+        if (!m_in->read(message, kPatience)) throw std::runtime_error("the peer is silent");
+        if (message.size() != expected) throw std::runtime_error("a message of the wrong length");
+    }
+
+private:
+    Client m_client;
+    std::shared_ptr<Stream> m_out;
+    std::shared_ptr<Stream> m_in;
+};
+
+std::unique_ptr<PathRelays> start(const PathRun& run) {
+    auto relays = std::make_unique<HostRelays>(run.channel);
+    relays->waitUntilJoined();
+    return relays;
+}
+
+// The far end's streams come up when the near end asks for its own.
+std::unique_ptr<Hop> join(PathEnd end, const std::string&, const PathRun&) {
+    auto joined = std::make_unique<StreamEnd>(end);
+    if (end == PathEnd::Near) joined->waitUntilUp();
+    return joined;
+}
+
+std::string missingHosts() {
+    for (const char* needed : {NORVO_BENCH_VCCTL, NORVO_BENCH_LIBRARY}) {
+        if (access(needed, R_OK) != 0) return std::string(needed) + " is not there";
+    }
+    return {};
+}
+
+const PathKindRegistrar entry({"vcctl host", missingHosts, start, join});
+
+// The end of the line that a host prints, once it has said `what`.
+std::string answerOf(PeerProcess& host, const std::string& what) {
+    const std::string line = host.readLine(std::chrono::seconds(10));
+    if (line.rfind(what, 0) != 0) throw std::runtime_error("a host did not start: " + line);
+    return line.substr(line.rfind(' ') + 1);
+}
+
+}  // namespace
+
+HostRelays::HostRelays(const std::string& channel)
+    : m_name(uniquePathName()),
+      m_home("/tmp/" + m_name),
+      m_far(startHost(PathEnd::Far, channel, "--listen", "127.0.0.1:0")),
+      m_near(startHost(PathEnd::Near, channel, "--connect", answerOf(m_far, "listening on"))) {}
+
+HostRelays::~HostRelays() {
+    for (PeerProcess* host : {&m_near, &m_far}) host->signal(SIGTERM);
+    for (PeerProcess* host : {&m_near, &m_far}) {
+        if (host->wait(std::chrono::seconds(5)) < 0) host->kill();
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all(m_home, ignored);
+    for (const PathEnd end : {PathEnd::Near, PathEnd::Far})
+        support::removeSessionObjects(sessionNamespace(end));
+}
+
+void HostRelays::waitUntilJoined() {
+    answerOf(m_far, "joined");
+    answerOf(m_near, "joined");
+}
+
+std::string HostRelays::sessionNamespace(PathEnd end) const {
+    return m_name + (end == PathEnd::Near ? "a" : "b");
+}
+
+std::vector<std::string> HostRelays::environment(PathEnd end) const {
+    return {"NORVO_VDI_NAMESPACE=" + sessionNamespace(end), "HOME=" + m_home.string()};
+}
+
+PeerProcess HostRelays::startHost(PathEnd end, const std::string& channel, const std::string& how,
+                                  const std::string& place) const {
+    const auto home = m_home / (end == PathEnd::Near ? "a" : "b");
+    std::filesystem::create_directories(home);
+    return PeerProcess(kProgramRole,
+                       {NORVO_BENCH_VCCTL, "host", "--kind", channel, how, place, "--library",
+                        NORVO_BENCH_LIBRARY},
+                       {environment(end).front(), "HOME=" + home.string()});
+}
+
+double millisecondsToFirstMessage(const std::string& channel) {
+    const auto begun = nowNanoseconds();
+    const HostRelays hosts(channel);
+    PeerProcess far("first_message", {"get"}, hosts.environment(PathEnd::Far));
+    const PeerProcess near("first_message", {"put"}, hosts.environment(PathEnd::Near));
+    const std::string line = far.readLine();
+    if (line.empty()) throw std::runtime_error("no message came");
+    return static_cast<double>(std::stoull(line) - begun) / 1e6;
+}
+
+BENCH_ROLE(first_message) {
+    const bool gets = args.at(0) == "get";
+    Client client;
+    const auto stream = openStream(client, kThere, gets ? Direction::Read : Direction::Write);
+    if (!gets) return stream->write("hello", 5, kUpPatience) && stream->flush(kUpPatience) ? 0 : 1;
+    std::string message;
+    if (!stream->read(message, kUpPatience)) return 1;
+    std::printf("%llu\n", static_cast<unsigned long long>(nowNanoseconds()));
+    return 0;
+}
+
+}  // namespace bench

@@ -1,0 +1,42 @@
+// Our own path: two real hosts with the real library, each in a session namespace of its own,
+// joined over loopback TCP; at each end a local process with the client library.
+#pragma once
+
+#include <filesystem>
+
+#include "Path.h"
+#include "PeerProcess.h"
+
+namespace bench {
+
+class HostRelays : public PathRelays {
+public:
+    // Starts both hosts; they have found each other when waitUntilJoined() returns.
+    explicit HostRelays(const std::string& channel);
+    // Ends them as a user would.
+    ~HostRelays() override;
+    HostRelays(const HostRelays&) = delete;
+    HostRelays& operator=(const HostRelays&) = delete;
+
+    void waitUntilJoined();
+
+    std::string address(PathEnd) const override { return ""; }
+    std::vector<std::string> environment(PathEnd end) const override;
+    std::vector<pid_t> processes() const override { return {m_far.pid(), m_near.pid()}; }
+
+private:
+    std::string sessionNamespace(PathEnd end) const;
+    PeerProcess startHost(PathEnd end, const std::string& channel, const std::string& how,
+                          const std::string& place) const;
+
+    const std::string m_name;
+    const std::filesystem::path m_home;
+    PeerProcess m_far;
+    PeerProcess m_near;
+};
+
+// Milliseconds from the start of two hosts and two local processes to the first message that one
+// of these has got from the other through a new stream.
+double millisecondsToFirstMessage(const std::string& channel);
+
+}  // namespace bench
