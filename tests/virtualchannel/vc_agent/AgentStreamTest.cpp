@@ -1,6 +1,7 @@
 // Streams: who asks for them, when they run, and the data that passes through them.
 #include "AgentFixture.h"
 #include "BoundedQueue.h"
+#include "SpareStrings.h"
 #include "StreamRules.h"
 
 using namespace testsupport;
@@ -331,6 +332,20 @@ TEST(StreamRules, AllStreamsTogetherHaveALimit) {
     EXPECT_NE(refusalOfStream("x", 1, true, ofPeer), "");
     EXPECT_EQ(refusalOfStream("x", kMaxStreamSize, false, ofPeer), "");
     EXPECT_EQ(refusalOfStream("..", 1, true, {}), "");
+}
+
+TEST(SpareStrings, LendMemoryThatWasGivenBackAndKeepNoMoreThanTheyMay) {
+    constexpr std::size_t kMoreThanHalf = SpareStrings::kMostBytes / 2 + 1;
+    const std::string message(SpareStrings::kSmallest, 'x');
+    SpareStrings spares;
+    for (const std::size_t capacity : {kMoreThanHalf, kMoreThanHalf, 2 * SpareStrings::kMostBytes})
+        spares.giveBack(std::string(capacity, 'y'));
+
+    EXPECT_LT(spares.copyOf("small", 5).capacity(), kMoreThanHalf);
+    const std::string first = spares.copyOf(message.data(), message.size());
+    EXPECT_EQ(first, message);
+    EXPECT_GE(first.capacity(), kMoreThanHalf);
+    EXPECT_LT(spares.copyOf(message.data(), message.size()).capacity(), kMoreThanHalf);
 }
 
 TEST(BoundedQueue, WakesAConsumerThatWaitsForTheEnd) {

@@ -48,6 +48,10 @@ bool Agent::Stream::begin() {
     return m_type != StreamType::READ || !m_segment || subscribe(*m_segment, this);
 }
 
+void Agent::Stream::enqueue(const char* data, std::size_t length) {
+    enqueue(m_spares.copyOf(data, length));
+}
+
 void Agent::Stream::enqueue(std::string message) {
     if (!m_queue.push(std::move(message))) {
         AGENT_LOG(Notice,
@@ -86,7 +90,10 @@ void Agent::Stream::WriterProcessingThread() {
     AGENT_LOG(Info, "ProcessingThread( ", m_name, " )");
     const auto running = [this] { return m_running.load(); };
     while (running()) {
-        if (const auto message = m_queue.pop(running)) deliver(*message);
+        auto message = m_queue.pop(running);
+        if (!message) continue;
+        deliver(*message);
+        m_spares.giveBack(std::move(*message));
     }
     AGENT_LOG(Info, "Thread processing '", m_name, "' exiting");
 }

@@ -11,6 +11,7 @@
 #include "ChannelLink.h"
 #include "LockOrder.h"
 #include "SharedMemoryI.h"
+#include "SpareStrings.h"
 #include "StreamType.h"
 #include "VirtualChannelAgent.h"
 
@@ -39,7 +40,9 @@ public:
     // closed, or could not be started.
     bool start() NORVO_TAKES_SERVICE;
 
-    // Queues one message for the local process. When 1001 wait, the oldest is dropped.
+    // Queues one message, or a copy of it, for the local process. When 1001 wait, the oldest is
+    // dropped.
+    void enqueue(const char* data, std::size_t length) NORVO_TAKES_LEAF;
     void enqueue(std::string message) NORVO_TAKES_LEAF;
 
     // Makes the stream stop soon, for good, without waiting for it.
@@ -68,6 +71,7 @@ private:
     const bool m_lowPriority;
     const std::shared_ptr<SharedMemoryI> m_segment;
     BoundedQueue<std::string> m_queue;
+    SpareStrings m_spares;
     std::atomic<bool> m_running{false};
 
     VDIFrameworkCommon::LocalMutex m_serviceMutex;

@@ -185,7 +185,7 @@ void ControlProtocol::route(const StreamPtr& stream, const Received& received) {
     // Not running yet: the data waits in the stream's queue. The log says why.
     if (!stream->isRunning())
         m_streams.IsStreamRoutable(received.stream.name, received.stream.type);
-    m_streams.ProcessRoutableMessage(stream, std::string(data, length));
+    m_streams.ProcessRoutableMessage(stream, data, length);
 }
 
 void ControlProtocol::streamError(const Received& received) {

@@ -164,7 +164,8 @@ void StreamService::StartStreamProcessor(const StreamPtr& stream, bool checkPeer
     }
 }
 
-void StreamService::ProcessRoutableMessage(const StreamPtr& stream, std::string data) {
+void StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* data,
+                                           std::size_t length) {
     AGENT_LOG(Trace, "Received message -> CTL_S_ROUTE -> ProcessRoutableMessage( ",
               stream ? stream->name() : std::string(), " )");
     if (!stream) return;
@@ -172,7 +173,7 @@ void StreamService::ProcessRoutableMessage(const StreamPtr& stream, std::string 
         AGENT_LOG(Warning, "Stream takes no data of the far side: ", stream->name());
         return;
     }
-    stream->enqueue(std::move(data));
+    stream->enqueue(data, length);
 }
 
 void StreamService::closeAll() {

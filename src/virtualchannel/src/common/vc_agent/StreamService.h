@@ -59,7 +59,8 @@ public:
 
     // Queues the far side's data for the local process. The INFO stream and streams that the agent
     // reads take none.
-    void ProcessRoutableMessage(const StreamPtr& stream, std::string data) NORVO_TAKES_LEAF;
+    void ProcessRoutableMessage(const StreamPtr& stream, const char* data,
+                                std::size_t length) NORVO_TAKES_LEAF;
 
     // Ends every stream; none can be made any more.
     void closeAll() NORVO_TAKES_CREATION;
