@@ -2,11 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <future>
 #include <thread>
 
 #include "CitrixVirtualChannel.h"
 #include "FakeHost.h"
+#include "KRANRunner.h"
 #include "LogCapture.h"
 #include "ProcessUtils.h"
 #include "RDPVirtualChannel.h"
@@ -314,12 +316,17 @@ TYPED_TEST(ChannelTest, ShutdownTellsTheObserverAndTakesBackTheRunner) {
     forgetRunners();
     TypeParam channel;
     EXPECT_EQ(runners(), this->m_traits.runners);
+    addRunner();
+    unsigned int whenTold = 99;
+    this->m_observer.onCall = [&](const std::string&) { whenTold = runners(); };
     channel.AddObserver(&this->m_observer);
     channel.Shutdown();
-    EXPECT_EQ(runners(), 0U);
+    EXPECT_EQ(whenTold, this->m_traits.type == 3 ? 0U : 2U);  // RDP takes its runner back first
+    EXPECT_EQ(runners(), this->m_traits.runners);
     channel.RemoveObserver(nullptr);
     channel.Shutdown();
     EXPECT_THAT(this->m_observer.calls(), ElementsAre("shutdown"));
+    forgetRunners();
 }
 
 TYPED_TEST(ChannelTest, AsksTheHostAboutWindows) {
@@ -339,7 +346,7 @@ TYPED_TEST(ChannelTest, AsksTheHostAboutWindows) {
     host.setGetClientWindow(nullptr);
 }
 
-TYPED_TEST(ChannelTest, TracesInItsOwnName) {
+TYPED_TEST(ChannelTest, TracesInItsOwnNameAndInOrder) {
     LogCapture log;
     const std::string& name = this->m_traits.name;
     TypeParam channel;
@@ -352,15 +359,21 @@ TYPED_TEST(ChannelTest, TracesInItsOwnName) {
     receive(channel, packet);
     channel.RemoveObserver(&observer);
     const bool vmware = name == "VMWareVirtualChannel";
-    for (const std::string& line :
-         {name + "()", name + "::GetType()", name + "::SendData()",
-          name + (vmware ? "::ReceiveData(0x" : "::ReceiveData()"),
-          name + (vmware ? "::AddObserver(0x" : "::AttachCallback()"),
-          name + (vmware ? "::RemoveObserver( 0x" : "::RemoveObserver()"),
+    const auto lines = log.lines();
+    auto from = lines.begin();
+    for (const std::string& text :
+         {name + "()", name + "::GetType()",
+          name + (vmware ? "::AddObserver(0x" : "::AttachCallback()"), name + "::SendData()",
           std::string("Creating packet queue."), std::string("Iterating 1 packet(s)."),
           std::string("Getting payload data from the packet."),
-          std::string("Complete message received.")}) {
-        EXPECT_TRUE(log.contains(line)) << line;
+          name + (vmware ? "::ReceiveData(0x" : "::ReceiveData()"),
+          std::string("Complete message received."),
+          name + (vmware ? "::RemoveObserver( 0x" : "::RemoveObserver()")}) {
+        from = std::find_if(from, lines.end(), [&](const std::string& line) {
+            return line.find(text) != std::string::npos;
+        });
+        ASSERT_NE(from, lines.end()) << text;
+        ++from;
     }
 }
 

@@ -1,19 +1,28 @@
 #include "PacketBlock.h"
 
+#include "CellPool.h"
 #include "SpareBlock.h"
 
 namespace NorvoVirtualChannel {
 
 namespace {
 
+// Most messages fit in a cell; larger ones follow each other less closely.
+constinit VDIFrameworkCommon::CellPool<256, 1024> g_cells;
 VDIFrameworkCommon::SpareBlock g_memory;
+
+void* allocateMemory(std::size_t size, std::size_t& capacity) {
+    if (size > g_cells.kCellSize) return g_memory.allocate(size, capacity);
+    capacity = g_cells.kCellSize;
+    return g_cells.allocate();
+}
 
 }  // namespace
 
 PacketBlock* PacketBlock::allocate(std::uint32_t packets, std::size_t wireSize) {
     std::size_t capacity = 0;
     void* const memory =
-        g_memory.allocate(sizeof(PacketBlock) + packets * sizeof(Packet) + wireSize, capacity);
+        allocateMemory(sizeof(PacketBlock) + packets * sizeof(Packet) + wireSize, capacity);
     if (!memory) return nullptr;
     auto* const block = ::new (memory) PacketBlock(capacity);
     block->m_alive.store(packets, std::memory_order_relaxed);
@@ -21,6 +30,12 @@ PacketBlock* PacketBlock::allocate(std::uint32_t packets, std::size_t wireSize) 
     return block;
 }
 
-void PacketBlock::free() { g_memory.release(this, m_capacity); }
+void PacketBlock::free() {
+    if (m_capacity == g_cells.kCellSize) {
+        g_cells.release(this);
+    } else {
+        g_memory.release(this, m_capacity);
+    }
+}
 
 }  // namespace NorvoVirtualChannel

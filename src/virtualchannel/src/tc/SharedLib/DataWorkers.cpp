@@ -1,8 +1,10 @@
 #include "DataWorkers.h"
 
 #include <cstring>
+#include <new>
 #include <utility>
 
+#include "CellPool.h"
 #include "HostCallbacks.h"
 #include "Log.h"
 
@@ -18,7 +20,18 @@ std::unique_ptr<std::byte[]> copyOf(const void* data, unsigned int size) {
     return copy;
 }
 
+constinit VDIFrameworkCommon::CellPool<64, 1024> g_cells;
+
 }  // namespace
+
+void* DataWorker::operator new(std::size_t) {
+    static_assert(sizeof(DataWorker) <= g_cells.kCellSize);
+    void* const memory = g_cells.allocate();
+    if (!memory) throw std::bad_alloc();
+    return memory;
+}
+
+void DataWorker::operator delete(void* memory) { g_cells.release(memory); }
 
 DataWorker::DataWorker(const void* data, unsigned int size, bool verbose, int packetId)
     : m_copy(copyOf(data, size)), m_bytes(m_copy.get(), size), m_verbose(verbose) {

@@ -10,7 +10,7 @@
 namespace NorvoVirtualChannel::tc {
 
 // One wire packet on its way to the host.
-class DataWorker : public WorkObject {
+class DataWorker final : public WorkObject {
 public:
     // Copies the `size` bytes at `data`. `verbose` is the flag that goes with them to the host;
     // `packetId` is only traced.
@@ -18,6 +18,9 @@ public:
     // Takes a valid packet over and sends it from where it lies.
     DataWorker(std::unique_ptr<Packet> packet, bool verbose);
     ~DataWorker() override;
+    // Made by senders, destroyed by the worker.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* memory);
 
     // Hands the bytes to the host's append callback, once, if the outgoing gate is open. Always 0.
     int DoWork() override;

@@ -65,7 +65,12 @@ void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
     logMessage(1, VDIClientInfo::getInstance().getClientName().c_str());
     host().setAppendBuffer(append, context);
     g_kind = kind;
-    if (TransportChannel* const channel = currentChannel()) channel->OnChannelInitialize();
+    try {
+        if (TransportChannel* const channel = currentChannel()) channel->OnChannelInitialize();
+    } catch (...) {
+        g_kind = 0;  // or the next call would try again, and throw where none is expected
+        throw;
+    }
 }
 
 uint32_t ReceiveData(unsigned char* data, uint32_t length) {

@@ -15,12 +15,14 @@
  * InitialiseChannel and after Shutdown; what a function does then is said with it. Calls that can
  * wait for others say so. No function throws, with one exception: where a thread has to be started
  * and the system has none to give, a C++ exception (std::system_error) leaves InitialiseChannel,
- * PluginThreadCreate or WatchdogThreadCreate.
+ * PluginThreadCreate or WatchdogThreadCreate. After an InitialiseChannel that threw, the plug-in
+ * is as before the first one.
  *
  * Callbacks are called with no lock of the plug-in held that another exported function would wait
  * for, so they may take the host's own locks and call exported functions. Shutdown and
- * InitialiseChannel are ignored inside a window or seamless-mode callback. A window or
- * seamless-mode callback must not wait for a lock that the host holds while it calls Shutdown.
+ * InitialiseChannel are ignored inside a window or seamless-mode callback, and so is ReceiveData
+ * when the callback itself comes out of a call of ReceiveData. A window or seamless-mode callback
+ * must not wait for a lock that the host holds while it calls Shutdown.
  *
  * Unloading. The library stays in memory once loaded: dlclose() is allowed and does nothing.
  *
