@@ -22,7 +22,13 @@ protected:
         ASSERT_TRUE(writer->Create(name, 64));
         reader->subscribeObserver(&collector);
     }
-    void TearDown() override { reader->Close(); }
+    // What runs next in this process may write at once.
+    void TearDown() override {
+        const auto controller = SharedMemoryRWController::getInstance();
+        EXPECT_TRUE(
+            waitUntil([&] { return controller->canRead() && controller->canWrite(); }, kSoon));
+        reader->Close();
+    }
 
     // Whether a write is let through; false only for one that is refused at once.
     bool writes() { return write(*writer, "message"); }
