@@ -80,7 +80,7 @@ ApplicationBundle findInstalledBundle(const std::string& identifier) {
     for (int seen = 0; !error && entry != std::filesystem::directory_iterator() && seen < kMost;
          ++seen, entry.increment(error)) {
         if (entry->path().extension() != ".app") continue;
-        const ApplicationBundle bundle = readBundle(entry->path());
+        ApplicationBundle bundle = readBundle(entry->path());
         if (!identifier.empty() && bundle.identifier == identifier) return bundle;
     }
     return {};

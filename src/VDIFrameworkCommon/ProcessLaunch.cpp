@@ -78,6 +78,7 @@ bool launchDetached(const std::string& path, const std::vector<std::string>& arg
     std::vector<std::string> texts{path};
     texts.insert(texts.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
+    argv.reserve(texts.size() + 1);
     for (auto& text : texts) argv.push_back(text.data());
     argv.push_back(nullptr);
     const SpawnSettings settings;

@@ -132,7 +132,7 @@ private:
     void writeHeader();
     std::byte* addBlock(std::uint8_t code, std::size_t valueSize);
     void addText(std::uint8_t code, const std::string& text);
-    void addNumber(std::uint8_t code, unsigned int number);
+    void addNumber(std::uint8_t code, unsigned int value);
     // The first block of that code, or an empty view.
     std::span<const std::byte> find(std::uint8_t code) const;
     std::string text(std::uint8_t code, std::string_view failure) const;
