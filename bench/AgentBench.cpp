@@ -208,6 +208,7 @@ private:
         std::deque<Packet*> packets;
         m_packets.PacketizeData(bytes.data(), static_cast<unsigned int>(bytes.size()), packets);
         std::vector<std::unique_ptr<Packet>> owned;
+        owned.reserve(packets.size());
         for (Packet* each : packets) owned.emplace_back(each);
         return owned;
     }

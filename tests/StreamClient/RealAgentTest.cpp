@@ -212,13 +212,15 @@ TEST(RealAgentAcrossProcesses, TwoClientsShareAnAgent) {
 
 TEST(RealAgentAcrossProcesses, TheExamplesWorkAsTheyStand) {
     EchoAgent agent;
-    const std::string folder = NORVO_EXAMPLES;
+    const auto example = [](const std::string& name) {
+        return NORVO_EXAMPLES "/norvo_example_" + name;
+    };
     for (const std::string suffix : {"", "_c"}) {
-        support::Subprocess receiver({folder + "/norvo_example_receive" + suffix});
+        support::Subprocess receiver({example("receive" + suffix)});
         auto line = std::async(std::launch::async, [&] { return receiver.readLine(20s); });
         // Until the receiver listens, what comes back has nobody to go to.
         while (line.wait_for(0s) != std::future_status::ready) {
-            support::Subprocess sender({folder + "/norvo_example_send" + suffix});
+            support::Subprocess sender({example("send" + suffix)});
             ASSERT_EQ(sender.wait(), 0) << suffix;
         }
         EXPECT_EQ(line.get(), "hello");

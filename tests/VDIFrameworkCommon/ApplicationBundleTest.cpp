@@ -19,7 +19,7 @@ std::string listOf(const std::string& entries) {
 }
 
 std::string bundleWith(const TempDir& dir, const std::string& description) {
-    const std::string path = dir / "X.app";
+    std::string path = dir / "X.app";
     std::filesystem::create_directories(path + "/Contents");
     std::ofstream(path + "/Contents/Info.plist") << description;
     return path;

@@ -29,7 +29,6 @@ using testsupport::argumentsOf;
 using testsupport::ChildProcess;
 using testsupport::LogCapture;
 using testsupport::statusOf;
-using testsupport::TempDir;
 using testsupport::TestApplication;
 using VDIFrameworkCommon::launchDetached;
 using VDIFrameworkCommon::ProcessUtils;

@@ -21,7 +21,6 @@
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testsupport::ChildProcess;
 using testsupport::LogCapture;

@@ -56,7 +56,7 @@ protected:
     }
     static std::unique_ptr<ChildProcess> localProcess(const std::string& side,
                                                       const std::string& role,
-                                                      std::vector<std::string> args) {
+                                                      const std::vector<std::string>& args) {
         return std::make_unique<ChildProcess>(
             role, args, std::vector<std::string>{"NORVO_VDI_NAMESPACE=" + spaceOf(side)});
     }
@@ -172,7 +172,7 @@ public:
 
 private:
     std::unique_ptr<ChildProcess> begin(const std::string& side, const std::string& role,
-                                        std::vector<std::string> args) const {
+                                        const std::vector<std::string>& args) const {
         return std::make_unique<ChildProcess>(
             role, args,
             std::vector<std::string>{"NORVO_VDI_NAMESPACE=nvt" + std::to_string(getpid()) + side});

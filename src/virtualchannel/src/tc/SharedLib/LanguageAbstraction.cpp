@@ -131,7 +131,7 @@ void MutexUnlock(MutexHandle* mutex) {
 
 void MutexDestroy(MutexHandle mutex) { delete mutex; }
 
-void PluginThreadCreate(void (*entry)(void)) { pluginThread().create(entry); }
+void PluginThreadCreate(void (*entry)()) { pluginThread().create(entry); }
 
 void PluginThreadDestroy(void) { pluginThread().destroy(); }
 

@@ -41,6 +41,8 @@
 extern "C" {
 #endif
 
+/* NOLINTBEGIN(modernize-*): this is C */
+
 /* The kinds of channel, for InitialiseChannel. */
 #define NORVO_CHANNEL_CITRIX 1u /* packets of up to 4992 bytes */
 #define NORVO_CHANNEL_VMWARE 2u /* packets of up to 1000 bytes */
@@ -176,6 +178,7 @@ NORVO_EXPORT void PluginThreadDestroy(void);
  * them are written depends on NORVO_VDI_LOG_LEVEL (README).
  */
 NORVO_EXPORT void LogMessage_VDI(int level, const char* message);
+/* NOLINTEND(modernize-*) */
 
 #ifdef __cplusplus
 } /* extern "C" */
