@@ -28,6 +28,7 @@ if(NORVO_SANITIZE)
     # g++ 12 inlines differently around the instrumentation and then reports, falsely, mismatched
     # operator new and delete and accesses out of bounds. Warnings are errors in every other build.
     target_compile_options(norvo_options INTERFACE -Wno-error)
-    add_compile_options(-O1 -fsanitize=${NORVO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    # -g1: a report needs lines, and no types.
+    add_compile_options(-O1 -g1 -fsanitize=${NORVO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${NORVO_SANITIZE})
 endif()
