@@ -90,7 +90,7 @@ Measurements declareAll(const Declare& declare) {
 // `metric` of ours against that of `floor`, where both can run here.
 void declareGoal(bench::Suite& suite, const Measurements& all, const char* floor,
                  const std::string& metric, bench::Bounds bounds) {
-    if (all.count(kOurs) == 0 || all.count(floor) == 0 || bounds.must == 0) return;
+    if (!all.contains(kOurs) || !all.contains(floor) || bounds.must == 0) return;
     suite.goal(metric, all.at(kOurs)[metric], all.at(floor)[metric], bounds);
 }
 

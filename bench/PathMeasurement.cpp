@@ -125,7 +125,8 @@ void pingPong(OwnEnd& end, double seconds) {
     const auto warm = begun + static_cast<std::uint64_t>(seconds * 1e8);
     const auto over = begun + static_cast<std::uint64_t>(seconds * 1e9);
     double rounds = 1;
-    for (auto start = begun; start < over || roundTrips.count() == 0; ++rounds) {
+    for (auto start = begun; start < over || roundTrips.count() == 0;) {
+        ++rounds;
         end.send();
         end.receiveAnswer();
         const auto finish = nowNanoseconds();

@@ -47,6 +47,7 @@ std::string uniquePathName() {
 BENCH_ROLE(path_program) {
     std::vector<std::string> texts = args;
     std::vector<char*> argv;
+    argv.reserve(texts.size() + 1);
     for (auto& text : texts) argv.push_back(text.data());
     argv.push_back(nullptr);
     execv(argv.at(0), argv.data());

@@ -73,10 +73,11 @@ std::unique_ptr<Hop> joinTcp(PathEnd end, const std::string& address, const Path
 }
 
 std::string socatPath() {
-    std::istringstream folders(std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin");
+    const char* const path = std::getenv("PATH");
+    std::istringstream folders(path ? path : "/usr/bin:/bin");
     for (std::string folder; std::getline(folders, folder, ':');) {
-        std::string path = folder + "/socat";
-        if (access(path.c_str(), X_OK) == 0) return path;
+        std::string program = folder + "/socat";
+        if (access(program.c_str(), X_OK) == 0) return program;
     }
     return {};
 }

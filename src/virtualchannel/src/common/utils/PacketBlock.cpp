@@ -8,12 +8,13 @@ namespace NorvoVirtualChannel {
 namespace {
 
 // Most messages fit in a cell; larger ones follow each other less closely.
-constinit VDIFrameworkCommon::CellPool<256, 1024> g_cells;
+using Cells = VDIFrameworkCommon::CellPool<256, 1024>;
+constinit Cells g_cells;
 VDIFrameworkCommon::SpareBlock g_memory;
 
 void* allocateMemory(std::size_t size, std::size_t& capacity) {
-    if (size > g_cells.kCellSize) return g_memory.allocate(size, capacity);
-    capacity = g_cells.kCellSize;
+    if (size > Cells::kCellSize) return g_memory.allocate(size, capacity);
+    capacity = Cells::kCellSize;
     return g_cells.allocate();
 }
 
@@ -31,7 +32,7 @@ PacketBlock* PacketBlock::allocate(std::uint32_t packets, std::size_t wireSize) 
 }
 
 void PacketBlock::free() {
-    if (m_capacity == g_cells.kCellSize) {
+    if (m_capacity == Cells::kCellSize) {
         g_cells.release(this);
     } else {
         g_memory.release(this, m_capacity);

@@ -20,12 +20,13 @@ std::unique_ptr<std::byte[]> copyOf(const void* data, unsigned int size) {
     return copy;
 }
 
-constinit VDIFrameworkCommon::CellPool<64, 1024> g_cells;
+using Cells = VDIFrameworkCommon::CellPool<64, 1024>;
+constinit Cells g_cells;
 
 }  // namespace
 
 void* DataWorker::operator new(std::size_t) {
-    static_assert(sizeof(DataWorker) <= g_cells.kCellSize);
+    static_assert(sizeof(DataWorker) <= Cells::kCellSize);
     void* const memory = g_cells.allocate();
     if (!memory) throw std::bad_alloc();
     return memory;
