@@ -29,10 +29,12 @@ constexpr auto kPatienceWithTheAbsent = 200ms;
 // without it.
 constexpr auto kStandstill = 3s;
 
-std::string requestText(const std::string& name, Direction direction, unsigned int capacity) {
+template <class NamedEntry>
+std::string requestText(const NamedEntry& stream) {
+    const auto& [name, entry] = stream;
     MessageBuilder text;
-    text.append(direction == Direction::Read ? "CreateStream" : "OpenStream");
-    text.append(name).append(capacity);
+    text.append(entry.direction == Direction::Read ? "CreateStream" : "OpenStream");
+    text.append(name).append(entry.capacity);
     return text.msg();
 }
 
@@ -180,9 +182,9 @@ std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
         return Due{"RequestVCProcessId", {}, patience()};
     }
     if (!m_agentThere) return std::nullopt;
-    for (const auto& [name, entry] : m_streams) {
-        if (entry.up || entry.nextRequest > now) continue;
-        return Due{requestText(name, entry.direction, entry.capacity), name, patience()};
+    for (const auto& stream : m_streams) {
+        if (stream.second.up || stream.second.nextRequest > now) continue;
+        return Due{requestText(stream), stream.first, patience()};
     }
     if (wantsRollCall() && m_nextRollCall <= now) {
         m_nextRollCall = now + m_rollCallPause;
@@ -199,7 +201,8 @@ std::optional<bool> AgentView::finished(const Due& request, bool taken, Clock::t
     m_agentThere = true;
     m_nextSignOfLife = now + kSignOfLifePause;
     const auto found = m_streams.find(request.stream);
-    if (found != m_streams.end()) {
+    // A stream that was closed meanwhile may have been opened anew, as another one.
+    if (found != m_streams.end() && requestText(*found) == request.text) {
         found->second.nextRequest = now + kStreamRequestPause;
         callTheRollSoon();
     }

@@ -82,7 +82,7 @@ void Client::Impl::startThreads() {
 }
 
 void Client::Impl::close() {
-    if (std::this_thread::get_id() == m_teller.get_id()) {
+    if (std::this_thread::get_id() == m_tellerId.load()) {
         NORVO_LOG(Error, "a client cannot be closed from its own callback");
         return;
     }
@@ -102,7 +102,7 @@ void Client::Impl::close() {
         if (const auto open = stream.lock()) open->close();
     }
     if (m_asker.joinable()) m_asker.join();
-    m_info->unsubscribeAllObservers();
+    if (m_info) m_info->unsubscribeAllObservers();
     if (m_listens) m_info->Close();
     if (m_teller.joinable()) m_teller.join();
 }
@@ -139,6 +139,7 @@ void Client::Impl::onNewMessageReceived(std::string message, SharedMemoryI* /*so
 }
 
 void Client::Impl::tellLoop() {
+    m_tellerId = std::this_thread::get_id();
     for (News news; m_toTell.take(news, Clock::time_point::max());) {
         try {
             tell(news);
@@ -148,6 +149,7 @@ void Client::Impl::tellLoop() {
             NORVO_LOG(Error, "a callback has thrown");
         }
     }
+    m_tellerId = std::thread::id();
 }
 
 void Client::Impl::tell(const News& news) const {

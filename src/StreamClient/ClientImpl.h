@@ -57,6 +57,8 @@ private:
     VDIFrameworkCommon::LocalMutex m_closeMutex;  // a second close waits for the first
     std::thread m_asker;
     std::thread m_teller;
+    // Set while the teller runs: to look at m_teller would race with its join.
+    std::atomic<std::thread::id> m_tellerId;
 };
 
 }  // namespace NorvoStreamClient

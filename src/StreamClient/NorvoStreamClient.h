@@ -38,7 +38,8 @@ struct Options {
     std::string clientName = "NorvoCrews";
     // Called for every notification, on a thread of the client's own; may use the client and its
     // streams, and take its time (1024 calls may wait, then the oldest is dropped), but not close
-    // or destroy the client. Empty: the notifications wait for nextNotification().
+    // or destroy the client. The first call may come before the constructor has returned. Empty:
+    // the notifications wait for nextNotification().
     std::function<void(const Notification&)> onNotification;
     // Called when the two agents find or lose each other, and within a few seconds when this end's
     // agent goes away without a word; on the same thread and with the same limits.
@@ -48,7 +49,8 @@ struct Options {
 inline constexpr unsigned int kDefaultCapacity = 65536;  // bytes
 
 // One direction of one named stream. Obtained from Client::openStream; may outlive its client, and
-// is then closed.
+// is then closed. Reads on several threads take turns, and so do writes: what is said of a timeout
+// holds from the call's turn on.
 class NORVO_STREAM_CLIENT_API Stream {
 public:
     ~Stream();
@@ -124,7 +126,7 @@ public:
     bool nextNotification(Notification& notification, std::chrono::milliseconds timeout);
 
     // Ends every wait, closes the streams and joins the client's threads, which may take as long as
-    // a callback that is under way. May be called twice.
+    // the callbacks that are under way and still to come. May be called twice.
     void close();
 
     class __attribute__((visibility("hidden"))) Impl;

@@ -1,5 +1,6 @@
 #include "NorvoStreamClientC.h"
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <limits>
@@ -29,6 +30,12 @@ Result guarded(Result otherwise, Function function) noexcept {
     } catch (...) {
         return otherwise;
     }
+}
+
+// For a call that either does what it is for or runs out of time.
+template <class Function>
+int timed(Function function) noexcept {
+    return guarded<int>(NORVO_INVALID, [&] { return function() ? NORVO_OK : NORVO_TIMEOUT; });
 }
 
 // Texts that were taken from the client and did not fit the caller's buffer wait here.
@@ -110,17 +117,17 @@ int norvo_client_is_connected(const norvo_client* client) {
 int norvo_client_wait_connected(norvo_client* client, int timeout_ms) {
     if (!client) return NORVO_INVALID;
     const auto state = client->state;
-    return state->client.waitUntilConnected(timeoutOf(timeout_ms)) ? NORVO_OK : NORVO_TIMEOUT;
+    return timed([&] { return state->client.waitUntilConnected(timeoutOf(timeout_ms)); });
 }
 
 int norvo_client_request(norvo_client* client, const char* operation, const char* const* fields,
                          size_t count, int timeout_ms) {
-    if (!client || !operation || (count > 0 && !fields)) return NORVO_INVALID;
-    return guarded<int>(NORVO_INVALID, [&] {
+    if (!client || !operation || !*operation || (count > 0 && !fields)) return NORVO_INVALID;
+    if (std::find(fields, fields + count, nullptr) != fields + count) return NORVO_INVALID;
+    return timed([&] {
         const std::vector<std::string> texts(fields, fields + count);
         const auto state = client->state;
-        return state->client.request(operation, texts, timeoutOf(timeout_ms)) ? NORVO_OK
-                                                                              : NORVO_TIMEOUT;
+        return state->client.request(operation, texts, timeoutOf(timeout_ms));
     });
 }
 
@@ -164,7 +171,7 @@ int norvo_stream_is_up(const norvo_stream* stream) {
 int norvo_stream_wait_up(norvo_stream* stream, int timeout_ms) {
     if (!stream) return NORVO_INVALID;
     const auto state = stream->state;
-    return state->stream->waitUntilUp(timeoutOf(timeout_ms)) ? NORVO_OK : NORVO_TIMEOUT;
+    return timed([&] { return state->stream->waitUntilUp(timeoutOf(timeout_ms)); });
 }
 
 int norvo_stream_write(norvo_stream* stream, const void* data, size_t length, int timeout_ms) {
@@ -172,20 +179,22 @@ int norvo_stream_write(norvo_stream* stream, const void* data, size_t length, in
         return NORVO_INVALID;
     }
     const auto state = stream->state;
-    return state->stream->write(data, length, timeoutOf(timeout_ms)) ? NORVO_OK : NORVO_TIMEOUT;
+    if (state->stream->direction() != Direction::Write) return NORVO_INVALID;
+    return timed([&] { return state->stream->write(data, length, timeoutOf(timeout_ms)); });
 }
 
 int norvo_stream_flush(norvo_stream* stream, int timeout_ms) {
     if (!stream) return NORVO_INVALID;
     const auto state = stream->state;
-    return state->stream->flush(timeoutOf(timeout_ms)) ? NORVO_OK : NORVO_TIMEOUT;
+    return timed([&] { return state->stream->flush(timeoutOf(timeout_ms)); });
 }
 
 int norvo_stream_read(norvo_stream* stream, void* buffer, size_t size, size_t* length,
                       int timeout_ms) {
     if (!stream || !length || (size > 0 && !buffer)) return NORVO_INVALID;
+    const auto state = stream->state;
+    if (state->stream->direction() != Direction::Read) return NORVO_INVALID;
     return guarded<int>(NORVO_INVALID, [&] {
-        const auto state = stream->state;
         return state->messages.copy(buffer, size, length, [&](std::string& message) {
             return state->stream->read(message, timeoutOf(timeout_ms));
         });

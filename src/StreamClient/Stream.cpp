@@ -13,7 +13,8 @@ Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
     const auto now = Clock::now();
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
-    return timeout >= left ? Clock::time_point::max() : now + timeout;
+    if (timeout >= left) return Clock::time_point::max();
+    return now + std::max(timeout, std::chrono::milliseconds(0));
 }
 
 bool Stream::Impl::setUp(unsigned int capacity) {

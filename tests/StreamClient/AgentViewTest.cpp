@@ -68,6 +68,17 @@ TEST_F(AgentViewTest, RepeatsARequestUntilTheStreamIsUp) {
     EXPECT_THAT(sendDue(), testing::Not(testing::Contains("OpenStream|Media|100")));
 }
 
+TEST_F(AgentViewTest, AStreamThatIsOpenedAnewWhileItsOldRequestIsUnderWayIsAskedForAtOnce) {
+    meetAgent();
+    view.addStream("Media", Direction::Write, 100);
+    const auto old = view.due(now);
+    ASSERT_TRUE(old);
+    view.removeStream("Media");
+    view.addStream("Media", Direction::Read, 100);
+    view.finished(*old, true, now);
+    EXPECT_THAT(sendDue(), testing::Contains("CreateStream|Media|100"));
+}
+
 TEST_F(AgentViewTest, CallsTheRollEverMoreRarelyWhileAStreamIsDown) {
     meetAgent();
     view.addStream("Media", Direction::Write, 100);

@@ -93,6 +93,14 @@ TEST_F(ClientCTest, AnswersImpossibleArguments) {
     EXPECT_EQ(norvo_stream_write(nullptr, "x", 1, 0), NORVO_INVALID);
     EXPECT_EQ(norvo_client_request(client, nullptr, nullptr, 0, 0), NORVO_INVALID);
     EXPECT_EQ(norvo_client_request(client, "x", nullptr, 1, 0), NORVO_INVALID);
+    const char* fields[] = {"1", nullptr};
+    EXPECT_EQ(norvo_client_request(client, "x", fields, 2, 0), NORVO_INVALID);
+    norvo_stream* in = norvo_stream_open(client, "CCIn", NORVO_READ, 10);
+    norvo_stream* out = norvo_stream_open(client, "CCOut", NORVO_WRITE, 10);
+    EXPECT_EQ(norvo_stream_write(in, "x", 1, 0), NORVO_INVALID);
+    EXPECT_EQ(norvo_stream_read(out, buffer, 4, &length, 0), NORVO_INVALID);
+    norvo_stream_close(in);
+    norvo_stream_close(out);
     EXPECT_EQ(norvo_client_next_notification(client, buffer, 4, nullptr, 0), NORVO_INVALID);
     EXPECT_EQ(norvo_client_is_connected(nullptr), 0);
     EXPECT_EQ(norvo_stream_is_up(nullptr), 0);

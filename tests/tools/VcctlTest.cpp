@@ -261,6 +261,56 @@ TEST_F(VcctlAcrossProcesses, ASendThatWaitsForInputEndsWhenItIsInterrupted) {
     EXPECT_EQ(sender.wait(10s), 130);
 }
 
+TEST_F(VcctlAcrossProcesses, AReceiverIsInterruptedWhileMessagesKeepComing) {
+    joinHosts();
+    std::string lines;
+    while (lines.size() < 6'000'000) lines += "y\n";
+    std::ofstream(m_far.file("lines"), std::ios::binary) << lines;
+    const std::filesystem::path copy = m_near.file("copy");
+    Subprocess receiver = m_near.start("recv Basic " + copy.string());
+    const Subprocess sender = m_far.start("send Basic --lines " + m_far.file("lines").string());
+    for (int i = 0; i < 2000 && contentOf(copy).empty(); ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_FALSE(contentOf(copy).empty());
+    receiver.signal(SIGINT);
+    EXPECT_EQ(receiver.wait(10s), 130);
+}
+
+// Clock ticks of the processor that it has used.
+long ticksOf(const Subprocess& process) {
+    const std::string stat = contentOf("/proc/" + std::to_string(process.pid()) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+    std::string skipped;
+    for (int i = 0; i < 11; ++i) fields >> skipped;
+    long user = 0;
+    long system = 0;
+    fields >> user >> system;
+    return user + system;
+}
+
+TEST_F(VcctlAcrossProcesses, AHangUpEndsACommandAndMeansNothingToAHostThatWaits) {
+    struct sigaction hangUp {};
+    sigaction(SIGHUP, nullptr, &hangUp);
+    if (hangUp.sa_handler != SIG_IGN) {
+        Subprocess follower = m_near.start("streams --follow");
+        EXPECT_NE(lineStarting(follower, "STREAM").find("CAPACITY"), std::string::npos);
+        follower.signal(SIGHUP);
+        EXPECT_EQ(follower.wait(10s), 130);
+    }
+    Subprocess host = m_near.start("host --listen 127.0.0.1:0");
+    const std::string line = lineStarting(host, "listening on ");
+    const long before = ticksOf(host);
+    host.signal(SIGHUP);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_LT(ticksOf(host) - before, sysconf(_SC_CLK_TCK) / 6) << "it does not wait any more";
+
+    Subprocess other = m_far.start("host --connect " + line.substr(line.rfind(' ') + 1));
+    EXPECT_EQ(lineStarting(host, "joined").substr(0, 6), "joined");
+    EXPECT_EQ(m_near.run("ask RequestEnviromentType").status, 0);
+    EXPECT_EQ(end(host), 0);
+    EXPECT_EQ(host.readAll().find("dropped on request"), std::string::npos);
+    EXPECT_EQ(end(other), 0);
+}
+
 TEST_F(VcctlAcrossProcesses, TheExampleOfAHostJoinsTwoSessions) {
     const auto startHost = [](const Side& side, const std::string& in, const std::string& out) {
         return side.startShell("export LD_LIBRARY_PATH=" NORVO_PLUGIN_FOLDER "; exec 3<>" + in +

@@ -1,5 +1,7 @@
 #include "Command.h"
 
+#include <fmt/format.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -28,6 +30,19 @@ void print(std::string_view text) {
 
 void flushOut() {
     if (std::fflush(stdout) != 0) throw outputError(kStandardOutput);
+}
+
+std::string readable(std::string_view bytes, std::size_t most) {
+    std::string text;
+    for (const char each : bytes.substr(0, most)) {
+        const auto byte = static_cast<unsigned char>(each);
+        if (byte >= 0x20 && byte < 0x7f && byte != '\\') {
+            text += each;
+        } else {
+            text += fmt::format("\\x{:02x}", byte);
+        }
+    }
+    return bytes.size() > most ? text + "..." : text;
 }
 
 }  // namespace vcctl

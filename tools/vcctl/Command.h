@@ -34,6 +34,10 @@ CommandError outputError(const std::string& where);
 void print(std::string_view text);
 void flushOut();
 
+// Printable ASCII as it is, other bytes as \xHH, so that nothing from elsewhere steers the terminal
+// or breaks a line; "..." where there is more than `most` bytes.
+std::string readable(std::string_view bytes, std::size_t most = std::string_view::npos);
+
 // What an option for seconds to wait takes: at most a day.
 inline const CLI::Range kWaitRange{0.0, 86400.0};
 

@@ -32,28 +32,12 @@ const char* messageName(unsigned int type) {
     return type < std::size(names) ? names[type] : "unsupported type";
 }
 
-// Printable bytes as they are, the others as \xHH.
-std::string readable(const char* bytes, std::size_t size, std::size_t most) {
-    std::string text;
-    for (std::size_t i = 0; i < std::min(size, most); ++i) {
-        const auto byte = static_cast<unsigned char>(bytes[i]);
-        if (byte >= 0x20 && byte < 0x7f && byte != '\\') {
-            text += static_cast<char>(byte);
-        } else {
-            text += fmt::format("\\x{:02x}", byte);
-        }
-    }
-    return size > most ? text + "..." : text;
-}
-
 std::string fieldsOf(VirtualChannelAgent::VCMessage& message, unsigned int mostBytes) {
     std::string text;
     const auto add = [&](const char* name, const std::string& value) {
         text += fmt::format(" {}={}", name, value);
     };
-    const auto quoted = [&](const std::string& value) {
-        return '"' + readable(value.data(), value.size(), 200) + '"';
-    };
+    const auto quoted = [&](const std::string& value) { return '"' + readable(value, 200) + '"'; };
     if (message.hasUnsupportedMessageType()) {
         add("unsupported", std::to_string(message.getUnsupportedMessageType()));
     }
@@ -70,7 +54,7 @@ std::string fieldsOf(VirtualChannelAgent::VCMessage& message, unsigned int mostB
     if (message.hasRouteData()) {
         char* data = nullptr;
         const unsigned int length = message.getRouteData(&data);
-        add("data", fmt::format("{} bytes \"{}\"", length, readable(data, length, mostBytes)));
+        add("data", fmt::format("{} bytes \"{}\"", length, readable({data, length}, mostBytes)));
     }
     return text;
 }
@@ -101,9 +85,8 @@ public:
         VirtualChannelAgent::VCMessage message;
         const auto* bytes = static_cast<const unsigned char*>(data);
         if (!message.parseFromArray(data, size)) {
-            line(
-                fmt::format("message of {} bytes that cannot be read: \"{}\"", size,
-                            readable(reinterpret_cast<const char*>(bytes), size, m_options.bytes)));
+            line(fmt::format("message of {} bytes that cannot be read: \"{}\"", size,
+                             readable({static_cast<const char*>(data), size}, m_options.bytes)));
             return;
         }
         line(fmt::format("{}{}", messageName(bytes[4]), fieldsOf(message, m_options.bytes)));

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <utility>
 
 #include "Command.h"
+#include "StopSignal.h"
 
 namespace vcctl {
 
@@ -57,6 +59,30 @@ Descriptor openSocket(int family) {
     Descriptor fd = closedByExec(socket(family, SOCK_STREAM, 0));
     if (!fd) throw systemError("cannot make a socket", errno);
     return fd;
+}
+
+// What became of a connect under way, as errno.
+int outcomeOfConnect(int fd) {
+    pollfd waited[2] = {{fd, POLLOUT, 0}, {StopSignal::descriptor(), POLLIN, 0}};
+    while (poll(waited, 2, -1) < 0 || !waited[0].revents) {
+        if (waited[1].revents) StopSignal::drain();
+        if (StopSignal::requested()) return EINTR;
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
+}
+
+// A connect to a port of this machine where nobody listens may be given that very port, and then
+// meets itself.
+bool isConnectedToItself(int fd) {
+    sockaddr_storage own{};
+    sockaddr_storage peer{};
+    socklen_t ownLength = sizeof own;
+    socklen_t peerLength = sizeof peer;
+    return getsockname(fd, reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
+           getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
+           ownLength == peerLength && std::memcmp(&own, &peer, ownLength) == 0;
 }
 
 }  // namespace
@@ -114,8 +140,16 @@ Descriptor Endpoint::listen() const {
 
 Descriptor Endpoint::connect() const {
     Descriptor fd = openSocket(m_address.ss_family);
-    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&m_address), m_length) != 0)
-        return {};
+    const int flags = fcntl(fd.get(), F_GETFL);
+    fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
+    const auto* address = reinterpret_cast<const sockaddr*>(&m_address);
+    int error = ::connect(fd.get(), address, m_length) == 0 ? 0 : errno;
+    if (error == EINPROGRESS) error = outcomeOfConnect(fd.get());
+    if (error == 0 && isConnectedToItself(fd.get())) error = ECONNREFUSED;
+    fcntl(fd.get(), F_SETFL, flags);
+    if (error == 0) return fd;
+    fd = {};
+    errno = error;
     return fd;
 }
 

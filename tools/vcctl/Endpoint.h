@@ -36,7 +36,8 @@ public:
 
     // A listening socket. Throws CommandError (address in use, not allowed ...).
     Descriptor listen() const;
-    // A connected socket; empty, with errno set, when the other end is not there (yet).
+    // A connected socket; empty, with errno set, when the other end is not there (yet), or the user
+    // wants to stop.
     Descriptor connect() const;
 
     const std::string& text() const { return m_text; }

@@ -59,6 +59,7 @@ public:
     // Joins the channel to `socket` until one side ends it or the user stops. Whoever connects to
     // `listener` (if there is one) meanwhile is turned away: a channel has two ends.
     void serve(Descriptor socket, const std::string& peer, int listener = -1) {
+        StopSignal::takeHangUp();  // one that came while there was nothing to drop
         auto link = std::make_shared<PacketLink>(
             std::move(socket), PacketLink::Limits{kMinPacket, m_kind.maxPacket},
             [this](unsigned char* packet, std::uint32_t length) { receive(packet, length); });
@@ -84,8 +85,8 @@ private:
         for (;;) {
             if (StopSignal::takeHangUp()) link.close("dropped on request");
             if (poll(waited, 3, -1) < 0) continue;
-            if (waited[0].revents || StopSignal::requested()) return;
             if (waited[1].revents) StopSignal::drain();
+            if (waited[0].revents || StopSignal::requested()) return;
             if (!waited[2].revents) continue;
             if (const Descriptor other = acceptFrom(listener)) {
                 say("turned away a second connection: a host is joined already");
@@ -130,7 +131,9 @@ void serveListener(Host& host, const Endpoint& endpoint) {
     host.say("listening on " + place);
     while (!StopSignal::requested()) {
         pollfd waited[2] = {{listener.get(), POLLIN, 0}, {StopSignal::descriptor(), POLLIN, 0}};
-        if (poll(waited, 2, -1) < 0 || !(waited[0].revents & POLLIN)) continue;
+        if (poll(waited, 2, -1) < 0) continue;
+        if (waited[1].revents) StopSignal::drain();
+        if (!(waited[0].revents & POLLIN)) continue;
         Descriptor peer = acceptFrom(listener.get());
         if (peer)
             host.serve(std::move(peer), "the host that connected to " + place, listener.get());
@@ -138,16 +141,20 @@ void serveListener(Host& host, const Endpoint& endpoint) {
 }
 
 void serveConnector(Host& host, const Endpoint& endpoint) {
-    constexpr int kFirstPause = 50;
+    constexpr int kFirstPause = 50;  // milliseconds, as below
     constexpr int kLongestPause = 2000;
+    using Clock = std::chrono::steady_clock;
     int pause = kFirstPause;
     bool told = false;
     while (!StopSignal::requested()) {
         if (Descriptor peer = endpoint.connect()) {
+            const auto begun = Clock::now();
             host.serve(std::move(peer), endpoint.text());
-            pause = kFirstPause;
+            // Whoever is turned away each time does not knock ever so often.
+            if (Clock::now() - begun > std::chrono::milliseconds(kLongestPause))
+                pause = kFirstPause;
             told = false;
-        } else if (!told) {
+        } else if (!told && !StopSignal::requested()) {
             host.say("nothing answers on " + endpoint.text() + " (" + std::strerror(errno) +
                      "); trying again until it does");
             told = true;
@@ -161,6 +168,7 @@ int runHost(const HostOptions& options) {
     const bool listens = !options.listen.empty();
     const Endpoint endpoint =
         Endpoint::parse(listens ? options.listen : options.connect, options.allowRemote);
+    StopSignal::keepOnHangUp();
     std::optional<StopWithInput> stopWithInput;
     if (options.endWithInput) stopWithInput.emplace();
     Host host(options);

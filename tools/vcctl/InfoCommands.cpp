@@ -98,9 +98,9 @@ void show(const Notification& notification, bool asJson) {
             {"time", time}, {"name", notification.name}, {"fields", notification.fields}};
         print(line.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) + '\n');
     } else {
-        std::string text;
-        for (const auto& field : notification.fields) text += ' ' + field;
-        print(fmt::format("{} {}{}\n", time, notification.name, text));
+        std::string text = readable(notification.name);
+        for (const auto& field : notification.fields) text += ' ' + readable(field);
+        print(fmt::format("{} {}\n", time, text));
     }
     flushOut();
 }
@@ -117,8 +117,8 @@ int runWatch(const WatchOptions& options) {
     std::uint64_t printed = 0;
     while (printed < options.count) {
         Notification notification;
+        if (!SessionClient::goesOn()) return kInterrupted;
         if (!session.client().nextNotification(notification, kPollTime)) {
-            if (!SessionClient::goesOn()) return kInterrupted;
             session.noteSilence();
             continue;
         }

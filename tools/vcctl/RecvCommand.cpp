@@ -57,14 +57,14 @@ private:
 bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, Output& output,
               std::string& message, std::chrono::steady_clock::time_point giveUp) {
     bool flushed = false;
-    while (!stream.read(message, kPollTime)) {
+    for (;;) {
         if (!SessionClient::goesOn()) throw CommandError("interrupted", kInterrupted);
+        if (stream.read(message, kPollTime)) return true;
         if (std::chrono::steady_clock::now() >= giveUp) return false;
         session.noteSilence(&stream);
         if (!flushed) output.flush();
         flushed = true;
     }
-    return true;
 }
 
 int runRecv(const RecvOptions& options) {

@@ -23,6 +23,7 @@ namespace vcctl {
 namespace {
 
 constexpr std::size_t kLongestMessage = 64u << 20;
+constexpr double kShortestFlush = 2;  // seconds
 
 struct SendOptions {
     std::string stream;
@@ -111,15 +112,22 @@ private:
     std::string_view m_ahead;
 };
 
-void write(NorvoStreamClient::Stream& stream, SessionClient& session, const std::string& message,
-           double wait) {
+// Tries `step` again and again, until it is done or for `wait` seconds.
+template <class Step>
+void insist(NorvoStreamClient::Stream& stream, SessionClient& session, double wait, Step step) {
     const auto give_up = std::chrono::steady_clock::now() + std::chrono::duration<double>(wait);
-    while (!stream.write(message.data(), message.size(), kPollTime)) {
+    while (!step()) {
         if (!SessionClient::goesOn()) throw CommandError("interrupted", kInterrupted);
         if (std::chrono::steady_clock::now() < give_up) continue;
         session.waitUntilUp(stream, 0);
         throw CommandError("the host takes nothing from the stream '" + stream.name() + "'");
     }
+}
+
+void write(NorvoStreamClient::Stream& stream, SessionClient& session, const std::string& message,
+           double wait) {
+    insist(stream, session, wait,
+           [&] { return stream.write(message.data(), message.size(), kPollTime); });
 }
 
 int runSend(const SendOptions& options) {
@@ -139,7 +147,8 @@ int runSend(const SendOptions& options) {
         progress.add(message.size());
     }
     if (!options.raw) write(*stream, session, tally.endMark(), options.wait);
-    stream->flush(std::chrono::seconds(2));
+    insist(*stream, session, std::max(options.wait, kShortestFlush),
+           [&] { return stream->flush(kPollTime); });
     return kOk;
 }
 

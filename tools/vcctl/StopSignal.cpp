@@ -13,6 +13,7 @@ namespace vcctl {
 namespace {
 
 std::atomic<int> g_signals{0};
+std::atomic<bool> g_hangUpStops{true};
 std::atomic<bool> g_hungUp{false};
 int g_pipe[2] = {-1, -1};
 
@@ -21,7 +22,7 @@ static_assert(std::atomic<int>::is_always_lock_free,
 
 extern "C" void onSignal(int number) {
     const int savedError = errno;
-    if (number == SIGHUP) {
+    if (number == SIGHUP && !g_hangUpStops.load()) {
         g_hungUp.store(true);
     } else if (g_signals.fetch_add(1) >= 2) {
         _exit(130);
@@ -45,7 +46,9 @@ void StopSignal::install() {
     action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGHUP, &action, nullptr);
+    struct sigaction before {};
+    sigaction(SIGHUP, &action, &before);
+    if (before.sa_handler == SIG_IGN) keepOnHangUp();  // as nohup wants it
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
 }
@@ -55,6 +58,8 @@ void StopSignal::release() {
 }
 
 bool StopSignal::requested() { return g_signals.load(std::memory_order_relaxed) > 0; }
+
+void StopSignal::keepOnHangUp() { g_hangUpStops.store(false); }
 
 bool StopSignal::takeHangUp() { return g_hungUp.exchange(false); }
 
@@ -68,7 +73,7 @@ int StopSignal::descriptor() { return g_pipe[0]; }
 
 bool StopSignal::wait(int milliseconds) {
     pollfd waited{g_pipe[0], POLLIN, 0};
-    poll(&waited, 1, milliseconds);
+    if (poll(&waited, 1, milliseconds) > 0) drain();
     return requested();
 }
 
