@@ -235,6 +235,7 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         {"ask CreateStream Media -1", 2, "'-1' cannot be the request's SIZE"},
         {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
         {"send Media --wait 0.3 /etc/hostname", 1, "vcctl host"},
+        {"send Nonsense --wait 0.3 /etc/hostname", 1, "'Nonsense' is none of the usual streams"},
         {"send Media /no/such/file", 1, "No such file"},
         {"send Media --message-size 0 /etc/hostname", 2, "--message-size"},
         {"recv a/b", 2, "letters, digits"},

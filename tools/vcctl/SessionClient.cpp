@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <string_view>
 
 #include "Command.h"
 #include "StopSignal.h"
@@ -19,6 +22,21 @@ std::string sessionText() {
     const char* name = std::getenv("NORVO_VDI_NAMESPACE");
     return name && *name ? "session namespace '" + std::string(name) + "'"
                          : "the usual session (NORVO_VDI_NAMESPACE is not set)";
+}
+
+// Any other name is possible, too, but more likely a slip.
+void noteUnusualName(const std::string& name) {
+    static constexpr std::string_view usual[] = {"Basic",         "Generic", "GenericUnReliable",
+                                                 "LogCollection", "Media",   "StringCipher",
+                                                 "upgrade"};
+    if (std::find(std::begin(usual), std::end(usual), name) != std::end(usual)) return;
+    std::string list;
+    for (const std::string_view each : usual) list.append(list.empty() ? "" : ", ").append(each);
+    std::fprintf(
+        stderr,
+        "vcctl: note: '%s' is none of the usual streams (%s); it leads to whoever opens it "
+        "by this name at the far end\n",
+        name.c_str(), list.c_str());
 }
 
 Clock::time_point after(double seconds) {
@@ -40,6 +58,7 @@ std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string
                                "capacity 1 byte to 1 GiB",
                            kUsage);
     }
+    noteUnusualName(name);
     return stream;
 }
 

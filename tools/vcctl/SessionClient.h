@@ -16,6 +16,7 @@ public:
 
     NorvoStreamClient::Client& client() { return m_client; }
 
+    // Says on standard error when the name is none of the channel's own.
     std::shared_ptr<NorvoStreamClient::Stream> open(const std::string& name,
                                                     NorvoStreamClient::Direction direction,
                                                     unsigned int capacity);
