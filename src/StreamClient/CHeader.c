@@ -1,4 +1,4 @@
-// Compiled so that the header stays C.
+// Nothing but proof that the header is C.
 #include "NorvoStreamClientC.h"
 
 typedef int a_translation_unit_is_not_empty;

@@ -5,6 +5,7 @@
 
 #include "ActiveVirtualChannelAgentRecorder.h"
 #include "ClientImpl.h"
+#include "InfoSegments.h"
 #include "Log.h"
 #include "MessageBuilder.h"
 #include "MessageParser.h"
@@ -17,6 +18,7 @@ NORVO_LOG_SOURCE("src/StreamClient/Client")
 
 namespace NorvoStreamClient {
 
+using VDIFrameworkCommon::kInfoSegmentSize;
 using VDIFrameworkCommon::LocalLock;
 
 namespace {
@@ -37,10 +39,6 @@ bool isPossibleName(const std::string& name) {
            std::all_of(name.begin(), name.end(), isPossible);
 }
 
-bool isInfoSegment(const std::string& name) {
-    return name.ends_with("_Info_VC2STREAM") || name.ends_with("_Info_STREAM2VC");
-}
-
 // The segments' names and the read/write gate look at the process, not at the client object.
 void declareProcess() {
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
@@ -53,7 +51,7 @@ void declareProcess() {
 Client::Impl::Impl(Options options)
     : m_options(std::move(options)),
       m_view(std::make_shared<AgentView>()),
-      m_requests(m_options.clientName + "_Info_STREAM2VC") {
+      m_requests(VDIFrameworkCommon::infoRequestsName(m_options.clientName)) {
     declareProcess();
     try {
         joinInfoSegments();
@@ -65,9 +63,9 @@ Client::Impl::Impl(Options options)
 }
 
 void Client::Impl::joinInfoSegments() {
-    const std::string name = m_options.clientName + "_Info_VC2STREAM";
+    const std::string name = VDIFrameworkCommon::infoNotificationsName(m_options.clientName);
     m_info = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
-    m_listens = m_info->Open(name, kInfoCapacity);
+    m_listens = m_info->Open(name, kInfoSegmentSize);
     if (m_listens) {
         m_info->subscribeObserver(this);
     } else {
@@ -172,7 +170,7 @@ bool Client::Impl::request(const std::string& operation, const std::vector<std::
     VDIFrameworkCommon::MessageBuilder text;
     text.append(operation);
     for (const std::string& field : fields) text.append(field);
-    if (operation.empty() || text.msg().size() > kInfoCapacity) {
+    if (operation.empty() || text.msg().size() > kInfoSegmentSize) {
         NORVO_LOG(Warning, "a request of ", text.msg().size(), " bytes is not possible");
         return false;
     }
@@ -182,7 +180,7 @@ bool Client::Impl::request(const std::string& operation, const std::vector<std::
 
 std::shared_ptr<Stream> Client::Impl::openStream(const std::string& name, Direction direction,
                                                  unsigned int capacity) {
-    if (!isPossibleName(name) || isInfoSegment(name) || capacity == 0 ||
+    if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) || capacity == 0 ||
         capacity > kLargestCapacity) {
         NORVO_LOG(Warning, "no stream can have the name '", name, "' and the capacity ", capacity);
         return nullptr;

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <thread>
 
+#include "InfoSegments.h"
 #include "Log.h"
 
 NORVO_LOG_SOURCE("src/StreamClient/RequestWriter")
 
 namespace NorvoStreamClient {
 
+using VDIFrameworkCommon::kInfoSegmentSize;
 using VDIFrameworkCommon::LocalLock;
 
 namespace {
@@ -67,8 +69,8 @@ bool RequestWriter::waitFor(Clock::time_point deadline, Test test) {
 bool RequestWriter::join() {
     if (m_segment) return true;
     auto segment = std::make_unique<RequestSegment>();
-    const std::string turn = "ED992248_" + m_name + "_writers";
-    if (!m_turn.create(turn.c_str()) || !segment->Create(m_name, kInfoCapacity)) return false;
+    const std::string turn = kSegmentObjectPrefix + m_name + "_writers";
+    if (!m_turn.create(turn.c_str()) || !segment->Create(m_name, kInfoSegmentSize)) return false;
     m_segment = std::move(segment);
     return true;
 }

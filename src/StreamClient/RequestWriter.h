@@ -12,8 +12,6 @@
 
 namespace NorvoStreamClient {
 
-inline constexpr unsigned int kInfoCapacity = 10240;  // bytes, of both INFO segments
-
 // The INFO input segment as one of the agent's clients writes it.
 //
 // A broadcast segment is made for one writer: each one resets the message IDs at its start, and

@@ -9,6 +9,7 @@
 
 #include "ChildProcess.h"
 #include "FakeAgent.h"
+#include "InfoSegments.h"
 #include "Rounds.h"
 
 namespace {
@@ -72,7 +73,7 @@ TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     struct Slot : NorvoStreamClient::RequestSegment {
         void takeWithoutWriting() { ExcangeWithLocking(&header()->lockWord2, 0); }
     } slot;
-    ASSERT_TRUE(slot.Create(kSegment, NorvoStreamClient::kInfoCapacity));
+    ASSERT_TRUE(slot.Create(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
     slot.takeWithoutWriting();
     RequestWriter writer(kSegment);
     EXPECT_TRUE(writer.send("after all", Clock::now() + 20s));

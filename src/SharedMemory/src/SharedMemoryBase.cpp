@@ -15,7 +15,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char kObjectPrefix[] = "ED992248_";
 // A wait is cut into pieces this long, so that a stop that came just before it is seen soon.
 constexpr unsigned int kWaitSliceMs = 200;
 
@@ -97,7 +96,7 @@ void SharedMemoryBase::startWriting() { ResetSynchronizationID(); }
 void SharedMemoryBase::startReading() { m_header->readMessageId = m_header->newMessageId.load(); }
 
 bool SharedMemoryBase::createSynchronization(Mode mode) {
-    const std::string object = kObjectPrefix + m_name;
+    const std::string object = kSegmentObjectPrefix + m_name;
     if (!m_mutex.create(object.c_str())) {
         NORVO_LOG(Error, "CreateMutex for shared memory start failed, stream: ", m_name);
         return false;

@@ -23,6 +23,9 @@
 #include <cstdint>
 #include <type_traits>
 
+// With the segment's name behind it, what the names of its mutex and its conditions begin with.
+inline constexpr char kSegmentObjectPrefix[] = "ED992248_";
+
 using SharedWord = std::atomic<long>;
 using SharedCount = std::atomic<std::uint32_t>;
 

@@ -30,7 +30,7 @@ std::shared_ptr<SharedMemoryRWController> SharedMemoryRWController::getInstance(
     return *instance.load();
 }
 
-SharedMemoryRWController::SharedMemoryRWController() : m_running(false) { start(); }
+SharedMemoryRWController::SharedMemoryRWController() { start(); }
 
 SharedMemoryRWController::~SharedMemoryRWController() { shutdown(); }
 

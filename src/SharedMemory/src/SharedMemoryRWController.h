@@ -40,7 +40,7 @@ private:
     void checkActiveVirtualChannelAgent();
 
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder m_recorder;
-    std::atomic<bool> m_running{true};
+    std::atomic<bool> m_running{false};
     std::atomic<bool> m_canRead{true};
     std::atomic<bool> m_canWrite{true};
     VDIFrameworkCommon::Event m_event{true};

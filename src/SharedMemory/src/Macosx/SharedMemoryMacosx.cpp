@@ -78,6 +78,7 @@ void* SharedMemoryMacosx::mapObject(const std::string& name, unsigned int totalS
         NORVO_LOG(Error,
                   "ftruncate function failure, failed to set size for shared memory,: ", name);
         shm_unlink_mac(m_objectName);
+        // Once more: another process may have made one of that name again in between.
         if (bTryToCreate) shm_unlink_mac(m_objectName);
         return nullptr;
     }

@@ -17,6 +17,9 @@ public:
     virtual ~Observer() = default;
 };
 
+// The kinds of transport, by the numbers that hosts know them by (LanguageAbstraction.h).
+enum ChannelType : int { kCitrix = 1, kVMware = 2, kRdp = 3, kTcpSocket = 4 };
+
 // One transport.
 class VirtualChannel {
 public:
@@ -29,7 +32,7 @@ public:
     virtual void AddObserver(Observer* observer) = 0;
     // Empties the observer's place, whatever `observer` is.
     virtual void RemoveObserver(Observer* observer) = 0;
-    // 1 Citrix, 2 VMware, 3 RDP, 4 TCP socket.
+    // A ChannelType.
     virtual int GetType() = 0;
     // Drops what is queued and not sent yet.
     virtual void ResetChannel() = 0;

@@ -140,8 +140,7 @@ std::span<const std::byte> Packet::WireBytes() const {
 }
 
 bool Packet::PacketSort(const Packet* a, const Packet* b) {
-    return static_cast<std::int32_t>(a->GetPacketSequence()) <
-           static_cast<std::int32_t>(b->GetPacketSequence());
+    return sequenceBefore(a->GetPacketSequence(), b->GetPacketSequence());
 }
 
 }  // namespace NorvoVirtualChannel

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "AgentEnvironment.h"
+#include "InfoSegments.h"
 #include "Log.h"
 #include "VDIClientInfo.h"
 
@@ -20,10 +21,8 @@ struct AgentContext {
     AgentContext(const std::string& name, std::shared_ptr<AgentEnvironment> machine)
         : logPrefix(name + " - "),
           environment(machine ? std::move(machine) : AgentEnvironment::system()),
-          infoOutputName(VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName() +
-                         "_Info_VC2STREAM"),
-          infoInputName(VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName() +
-                        "_Info_STREAM2VC") {}
+          infoOutputName(VDIFrameworkCommon::infoNotificationsName(clientName())),
+          infoInputName(VDIFrameworkCommon::infoRequestsName(clientName())) {}
 
     const std::string logPrefix;
     const std::shared_ptr<AgentEnvironment> environment;
@@ -34,6 +33,11 @@ struct AgentContext {
     std::atomic<bool> stopping{false};
     // The handshake is done. Written by AgentConnection only.
     std::atomic<bool> connected{false};
+
+private:
+    static std::string clientName() {
+        return VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName();
+    }
 };
 
 // A text from outside as far as a log line shows it.
@@ -41,5 +45,5 @@ inline std::string_view shown(std::string_view text) { return text.substr(0, 300
 
 }  // namespace VirtualChannelAgent
 
-// A log line of an agent's part: it needs a member m_context in reach.
+// A log line of an agent's part: it needs something called m_context in reach.
 #define AGENT_LOG(severity, ...) NORVO_LOG(severity, m_context.logPrefix, __VA_ARGS__)

@@ -13,17 +13,15 @@ using VDIFrameworkCommon::ProcessUtils;
 
 namespace {
 
-enum ChannelType { kCitrix = 1, kVMware = 2, kRdp = 3, kTcpSocket = 4 };
-
 const char* environmentName(int channelType) {
     switch (channelType) {
-        case kCitrix:
+        case NorvoVirtualChannel::kCitrix:
             return "citrix";
-        case kVMware:
+        case NorvoVirtualChannel::kVMware:
             return "vmware";
-        case kRdp:
+        case NorvoVirtualChannel::kRdp:
             return "rdp";
-        case kTcpSocket:
+        case NorvoVirtualChannel::kTcpSocket:
             return "tcp";
         default:
             return "unknown";
@@ -48,7 +46,7 @@ void InfoNotifier::notifyEvent(const char* operation) {
 
 void InfoNotifier::notifyCurrentProcessId(bool connected) {
     auto* const channel = m_link.channel();
-    const bool runsInChild = channel && channel->GetType() == kVMware;
+    const bool runsInChild = channel && channel->GetType() == NorvoVirtualChannel::kVMware;
     const std::string id = std::to_string(runsInChild ? ProcessUtils::getParentProcessId()
                                                       : ProcessUtils::getCurrentProcessId());
     AGENT_LOG(Info, "Current process id:", id);

@@ -34,8 +34,8 @@ private:
     OutgoingMessages& m_outgoing;
     std::atomic<bool> m_running{false};
     VDIFrameworkCommon::Event m_wake{true};
-    VDIFrameworkCommon::LocalMutex
-        m_stateMutex;  // the thread holds it: there is never a second one
+    // Held by the thread for its whole run: there is never a second one.
+    VDIFrameworkCommon::LocalMutex m_stateMutex;
     AgentThread m_thread NORVO_GUARDED_BY(lock_order::transition);
 };
 

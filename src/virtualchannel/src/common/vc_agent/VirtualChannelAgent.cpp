@@ -12,6 +12,7 @@
 #include "ControlProtocol.h"
 #include "InfoNotifier.h"
 #include "InfoRequests.h"
+#include "InfoSegments.h"
 #include "OutgoingMessages.h"
 #include "PeerCapabilities.h"
 #include "StreamService.h"
@@ -23,10 +24,9 @@ namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
 using NorvoVirtualChannel::VirtualChannel;
+using VDIFrameworkCommon::kInfoSegmentSize;
 
 namespace {
-
-constexpr unsigned int kInfoSegmentSize = 10240;
 
 // What a message makes grow may not fit any more; the thread that brought it cannot be thrown at.
 template <class Handle>

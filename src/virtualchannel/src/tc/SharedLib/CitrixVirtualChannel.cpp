@@ -10,7 +10,7 @@ namespace NorvoVirtualChannel::tc {
 
 namespace {
 constexpr ChannelProfile kProfile{
-    .type = 1,
+    .type = kCitrix,
     .maxMsgSize = 4992,
     .packetsToSendPerBreak = 10,
     .breakTime = 3,

@@ -23,9 +23,9 @@ void HostCallbacks::setAppendBuffer(AppendBufferFunc append, void* context) {
 }
 
 std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, bool flag) {
-    if (flag) logMessage(2, "AppendDataToBuffer()");
+    if (flag) logMessage(host_level::kTrace, "AppendDataToBuffer()");
     if (!m_active) {
-        logMessage(1, "channel_Active = false, will NOT appendBuffer");
+        logMessage(host_level::kEvent, "channel_Active = false, will NOT appendBuffer");
         return 0;
     }
     AppendBufferFunc append = nullptr;
@@ -38,7 +38,7 @@ std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, 
     if (append) {
         append(data, length, flag ? 1 : 0, context);
     } else {
-        logMessage(5, "appendBuffer is NULL");
+        logMessage(host_level::kError, "appendBuffer is NULL");
     }
     return 0;
 }
@@ -46,7 +46,7 @@ std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, 
 int HostCallbacks::isSeamlessMode() const {
     const IsSeamlessModeFunc function = m_isSeamlessMode;
     if (!function) {
-        logMessage(5, "_IsSeamlessMode is NULL");
+        logMessage(host_level::kError, "_IsSeamlessMode is NULL");
         return -1;
     }
     const ReentryMark mark(&kQuestion);
@@ -56,7 +56,7 @@ int HostCallbacks::isSeamlessMode() const {
 ICAWindowInfo HostCallbacks::windowInfo() const {
     const GetWindowInfoFunc function = m_getWindowInfo;
     if (!function) {
-        logMessage(1, "_GetICAWindowInfo is NULL");
+        logMessage(host_level::kEvent, "_GetICAWindowInfo is NULL");
         return {};
     }
     const ReentryMark mark(&kQuestion);
@@ -66,7 +66,7 @@ ICAWindowInfo HostCallbacks::windowInfo() const {
 void* HostCallbacks::clientWindow(void* serverWindow) const {
     const GetClientWindowHandleFromServerWindowHandleFunc function = m_getClientWindow;
     if (!function) {
-        logMessage(5, "_GetClientWindowHandleFromServerWindowHandle is NULL");
+        logMessage(host_level::kError, "_GetClientWindowHandleFromServerWindowHandle is NULL");
         return nullptr;
     }
     const ReentryMark mark(&kQuestion);

@@ -3,6 +3,7 @@
 #include "PluginLog.h"
 
 using NorvoVirtualChannel::tc::logMessage;
+namespace host_level = NorvoVirtualChannel::tc::host_level;
 
 NorvoMutex::~NorvoMutex() {
     if (isHeldByThisThread()) unlock();
@@ -10,7 +11,7 @@ NorvoMutex::~NorvoMutex() {
 
 void NorvoMutex::lock() {
     if (isHeldByThisThread()) {
-        logMessage(4, "MutexLock: the thread holds it already");
+        logMessage(host_level::kWarning, "MutexLock: the thread holds it already");
         return;
     }
     m_mutex.lock();
@@ -25,7 +26,7 @@ bool NorvoMutex::tryLock() {
 
 void NorvoMutex::unlock() {
     if (!isHeldByThisThread()) {
-        logMessage(4, "MutexUnlock: the thread does not hold it");
+        logMessage(host_level::kWarning, "MutexUnlock: the thread does not hold it");
         return;
     }
     m_owner = std::thread::id();
@@ -36,7 +37,7 @@ namespace NorvoVirtualChannel::tc {
 
 NorvoMutex* mutexIn(NorvoMutex** slot) {
     if (!slot) {
-        logMessage(4, "null mutex");
+        logMessage(host_level::kWarning, "null mutex");
         return nullptr;
     }
     NorvoMutex* mutex = __atomic_load_n(slot, __ATOMIC_ACQUIRE);

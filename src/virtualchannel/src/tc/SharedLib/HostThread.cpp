@@ -11,7 +11,7 @@ using VDIFrameworkCommon::LocalLock;
 
 void HostThread::create(void (*entry)()) {
     if (!entry) {
-        logMessage(4, "no function to run on the new thread");
+        logMessage(host_level::kWarning, "no function to run on the new thread");
         return;
     }
     LocalLock lock(m_mutex);
@@ -27,7 +27,7 @@ void HostThread::destroy() {
     {
         LocalLock lock(m_mutex);
         if (m_thread.get_id() == std::this_thread::get_id()) {
-            logMessage(4, "a thread cannot wait for its own end");
+            logMessage(host_level::kWarning, "a thread cannot wait for its own end");
             return;
         }
         thread.swap(m_thread);

@@ -26,6 +26,11 @@ static_assert(offsetof(ICAWindowInfo, hwnd) == 0 && offsetof(ICAWindowInfo, rese
               offsetof(ICAWindowInfo, yViewOffset) == 32 &&
               offsetof(ICAWindowInfo, padding) == 36 && sizeof(ICAWindowInfo) == 40);
 
+static_assert(NORVO_CHANNEL_CITRIX == NorvoVirtualChannel::kCitrix &&
+              NORVO_CHANNEL_VMWARE == NorvoVirtualChannel::kVMware &&
+              NORVO_CHANNEL_RDP == NorvoVirtualChannel::kRdp &&
+              NORVO_CHANNEL_TCP == NorvoVirtualChannel::kTcpSocket);
+
 namespace {
 
 std::atomic<std::uint32_t> g_kind{0};
@@ -61,8 +66,8 @@ HostThread& watchdogThread() {
 void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
     pinLibrary();
     VDIClientInfo::getInstance().setClientType(VDIFrameworkCommon::VDIClientType::Crews);
-    logMessage(1, "InitialiseChannel()");
-    logMessage(1, VDIClientInfo::getInstance().getClientName().c_str());
+    logMessage(host_level::kEvent, "InitialiseChannel()");
+    logMessage(host_level::kEvent, VDIClientInfo::getInstance().getClientName().c_str());
     host().setAppendBuffer(append, context);
     g_kind = kind;
     try {
@@ -74,7 +79,7 @@ void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
 }
 
 uint32_t ReceiveData(unsigned char* data, uint32_t length) {
-    logMessage(2, "ReceiveData()");
+    logMessage(host_level::kTrace, "ReceiveData()");
     TransportChannel* const channel = currentChannel();
     return channel ? static_cast<uint32_t>(channel->ReceiveData(data, length)) : g_kind - 1;
 }

@@ -15,7 +15,7 @@ namespace {
 std::string logFilePath() {
     const char* home = std::getenv("HOME");
     if (!home || !*home) return {};
-    return std::string(home) + "/Library/Logs/norvouvdi/" + "VirtualChannel.log";
+    return std::string(home) + "/Library/Logs/norvouvdi/VirtualChannel.log";
 }
 
 void initialiseOnce() {
@@ -29,13 +29,13 @@ void initialiseOnce() {
 }  // namespace
 
 void logMessage(int level, const char* message) {
-    constexpr int kSeverities[] = {5, 6, 4, 3, 2, 1};
+    using namespace KLT::kltlogger;
+    constexpr Severity kSeverities[] = {Info, Trace, Notice, Warning, Error, Fatal};
     initialiseOnce();
-    if (level < 1 || level > 6) return;
-    const int severity = kSeverities[level - 1];
-    if (!KLT::kltlogger::isEnabled(severity)) return;
-    KLT::kltlogger::write(severity, kNorvoLogSource, __LINE__, "LogMessage_VDI",
-                          message ? message : "(null)");
+    if (level < host_level::kEvent || level > host_level::kFatal) return;
+    const Severity severity = kSeverities[level - host_level::kEvent];
+    if (!isEnabled(severity)) return;
+    write(severity, kNorvoLogSource, __LINE__, "LogMessage_VDI", message ? message : "(null)");
 }
 
 }  // namespace NorvoVirtualChannel::tc

@@ -2,9 +2,19 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// Writes one line under the host's level numbers: 1 to 6 stand for the severities 5, 6, 4, 3, 2
-// and 1; other levels are dropped. The first call, whatever its level, sets up the log file: HOME +
-// "/Library/Logs/norvouvdi/VirtualChannel.log", or no file without a HOME. Thread-safe.
+// The host's levels, which are not the log's severities (LanguageAbstraction.h, LogMessage_VDI).
+namespace host_level {
+inline constexpr int kEvent = 1;
+inline constexpr int kTrace = 2;
+inline constexpr int kNotable = 3;
+inline constexpr int kWarning = 4;
+inline constexpr int kError = 5;
+inline constexpr int kFatal = 6;
+}  // namespace host_level
+
+// Writes one line at one of the host's levels; others are dropped. The first call, whatever its
+// level, sets up the log file: HOME + "/Library/Logs/norvouvdi/VirtualChannel.log", or no file
+// without a HOME. Thread-safe.
 void logMessage(int level, const char* message);
 
 }  // namespace NorvoVirtualChannel::tc

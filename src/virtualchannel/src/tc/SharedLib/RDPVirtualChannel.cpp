@@ -8,7 +8,7 @@ namespace NorvoVirtualChannel::tc {
 
 namespace {
 constexpr ChannelProfile kProfile{
-    .type = 3,
+    .type = kRdp,
     .maxMsgSize = 1500,
     .packetsToSendPerBreak = 10,
     .breakTime = 3,

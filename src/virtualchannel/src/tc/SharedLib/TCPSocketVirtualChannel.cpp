@@ -8,7 +8,7 @@ namespace NorvoVirtualChannel::tc {
 
 namespace {
 constexpr ChannelProfile kProfile{
-    .type = 4,
+    .type = kTcpSocket,
     .maxMsgSize = 1500,
     .packetsToSendPerBreak = 0,
     .breakTime = 0,

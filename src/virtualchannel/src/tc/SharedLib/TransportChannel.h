@@ -22,7 +22,7 @@ namespace NorvoVirtualChannel::tc {
 
 // What makes a kind.
 struct ChannelProfile {
-    int type;        // 1 Citrix, 2 VMware, 3 RDP, 4 TCP socket
+    ChannelType type;
     int maxMsgSize;  // largest packet in bytes, header included
     int packetsToSendPerBreak;
     int breakTime;  // ms; 0: never pauses
@@ -118,7 +118,7 @@ private:
 
 }  // namespace NorvoVirtualChannel::tc
 
-// A trace line in the name of the channel's own class.
+// A log line in the name of the channel's own class.
 #define CHANNEL_LOG(severity, ...)                                                          \
     do {                                                                                    \
         if (::KLT::kltlogger::isEnabled(::KLT::kltlogger::severity)) {                      \

@@ -8,7 +8,7 @@ namespace NorvoVirtualChannel::tc {
 
 namespace {
 constexpr ChannelProfile kProfile{
-    .type = 2,
+    .type = kVMware,
     .maxMsgSize = 1000,
     .packetsToSendPerBreak = 10,
     .breakTime = 10,
