@@ -1,4 +1,5 @@
-// Removes what the processes of a session namespace left in shared memory.
+// Removes what the processes of a session namespace left in shared memory. Does nothing where the
+// system does not list its shared-memory objects (macOS).
 #pragma once
 
 #include <sys/mman.h>

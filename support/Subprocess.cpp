@@ -81,33 +81,35 @@ std::vector<std::string> ownEnvironmentWith(const std::vector<std::string>& chan
     return texts;
 }
 
+struct Pipe {
+    Descriptor out;  // to read from
+    Descriptor in;
+};
+
 // Both ends are closed by exec: a child must not keep another child's pipe open.
-bool openPipe(int (&ends)[2]) {
-    if (pipe(ends) != 0) return false;
+Pipe openPipe() {
+    int ends[2];
+    if (pipe(ends) != 0) throw std::runtime_error("pipe failed");
     for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
-    return true;
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
 }  // namespace
 
 Subprocess::Subprocess(std::vector<std::string> argv, const std::vector<std::string>& environment) {
-    int in[2];
-    int out[2];
-    if (!openPipe(in) || !openPipe(out)) throw std::runtime_error("pipe failed");
+    Pipe input = openPipe();
+    Pipe output = openPipe();
     std::vector<std::string> env = ownEnvironmentWith(environment);
-
-    const int failed = spawn(&m_pid, in[0], out[1], pointersTo(argv), pointersTo(env));
-    close(in[0]);
-    close(out[1]);
-    m_input = in[1];
-    m_output = out[0];
-    if (failed) throw std::runtime_error("cannot start " + argv[0]);
+    if (spawn(&m_pid, input.out.get(), output.in.get(), pointersTo(argv), pointersTo(env)) != 0)
+        throw std::runtime_error("cannot start " + argv[0]);
+    m_input = std::move(input.in);
+    m_output = std::move(output.out);
 }
 
 Subprocess::Subprocess(Subprocess&& other) noexcept
     : m_pid(std::exchange(other.m_pid, -1)),
-      m_input(std::exchange(other.m_input, -1)),
-      m_output(std::exchange(other.m_output, -1)),
+      m_input(std::move(other.m_input)),
+      m_output(std::move(other.m_output)),
       m_status(other.m_status),
       m_reaped(other.m_reaped),
       m_ended(other.m_ended),
@@ -118,17 +120,15 @@ Subprocess::~Subprocess() {
         kill();
         wait();
     }
-    closeInput();
-    if (m_output >= 0) close(m_output);
 }
 
 bool Subprocess::readMore(std::chrono::steady_clock::time_point deadline) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
-    pollfd waited{m_output, POLLIN, 0};
+    pollfd waited{m_output.get(), POLLIN, 0};
     if (left.count() <= 0 || poll(&waited, 1, static_cast<int>(left.count())) <= 0) return false;
     char bytes[4096];
-    const ssize_t got = read(m_output, bytes, sizeof bytes);
+    const ssize_t got = read(m_output.get(), bytes, sizeof bytes);
     if (got > 0) m_pending.append(bytes, static_cast<size_t>(got));
     m_ended = got <= 0;
     return !m_ended;
@@ -155,14 +155,12 @@ std::string Subprocess::readAll(std::chrono::milliseconds timeout) {
 
 void Subprocess::writeLine(const std::string& line) {
     const std::string text = line + '\n';
-    if (write(m_input, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    if (write(m_input.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         throw std::runtime_error("cannot write to the child");
     }
 }
 
-void Subprocess::closeInput() {
-    if (m_input >= 0) close(std::exchange(m_input, -1));
-}
+void Subprocess::closeInput() { m_input.reset(); }
 
 void Subprocess::signal(int number) const {
     if (m_pid > 0 && !m_reaped) ::kill(m_pid, number);

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Descriptor.h"
+
 namespace support {
 
 class Subprocess {
@@ -46,8 +48,8 @@ private:
     bool readMore(std::chrono::steady_clock::time_point deadline);
 
     pid_t m_pid = -1;
-    int m_input = -1;
-    int m_output = -1;
+    Descriptor m_input;
+    Descriptor m_output;
     int m_status = -1;
     bool m_reaped = false;
     bool m_ended = false;  // the output

@@ -7,7 +7,8 @@ packages_of() {
     case $1 in
         build)
             say g++ cmake ninja-build ccache libgtest-dev libgmock-dev libbenchmark-dev \
-                libcli11-dev libfmt-dev nlohmann-json3-dev libxxhash-dev libboost-dev libprotobuf-dev protobuf-compiler libzmq3-dev \
+                libcli11-dev libfmt-dev nlohmann-json3-dev libxxhash-dev \
+                libboost-dev libprotobuf-dev protobuf-compiler libzmq3-dev \
                 pkg-config socat procps util-linux dpkg-dev file
             ;;
         checks)

@@ -5,11 +5,12 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "File.h"
 
 namespace vcctl {
 
@@ -20,11 +21,6 @@ struct CapturedPacket {
     std::uint64_t nanoseconds;  // since the Unix epoch
     std::vector<unsigned char> bytes;
 };
-
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
 
 // Thread-safe. What was written is in the file at once, so that a capture can be read while it
 // grows and outlives its host. A write that fails (disk full) stops the capture, says so once on

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "PacketHeader.h"
+
 namespace vcctl {
 
 struct ChannelKind {
@@ -14,8 +16,8 @@ struct ChannelKind {
 inline constexpr ChannelKind kChannelKinds[] = {
     {"citrix", 1, 4992}, {"vmware", 2, 1000}, {"rdp", 3, 1500}, {"tcp", 4, 1500}};
 
-// The header of a packet alone.
-inline constexpr std::uint32_t kMinPacket = 24;
+// A packet without payload.
+inline constexpr std::uint32_t kMinPacket = NorvoVirtualChannel::kPacketHeaderSize;
 
 // The kind of that name; throws CommandError for another text.
 const ChannelKind& channelKind(const std::string& name);

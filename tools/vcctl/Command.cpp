@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <vector>
+
+#include "ChannelKind.h"
 
 namespace vcctl {
 
@@ -43,6 +46,28 @@ std::string readable(std::string_view bytes, std::size_t most) {
         }
     }
     return bytes.size() > most ? text + "..." : text;
+}
+
+void addKindOption(CLI::App& command, std::string& kind) {
+    std::vector<std::string> names;
+    for (const ChannelKind& each : kChannelKinds) names.emplace_back(each.name);
+    command.add_option("--kind", kind, "Transport: citrix, vmware, rdp or tcp")
+        ->check(CLI::IsMember(names))
+        ->capture_default_str();
+}
+
+void addLibraryOption(CLI::App& command, std::string& library) {
+    command.add_option("--library", library, "The plug-in to load instead of the usual one")
+        ->type_name("PATH");
+}
+
+void addStreamOptions(CLI::App& command, std::string& stream, unsigned int& capacity,
+                      std::uint64_t& count) {
+    command.add_option("stream", stream, "The stream, for example Media")->required();
+    command.add_option("--size", capacity, "Capacity of the stream's segment")
+        ->type_name("BYTES")
+        ->capture_default_str();
+    command.add_option("--count", count, "Stop after so many messages")->type_name("N");
 }
 
 }  // namespace vcctl

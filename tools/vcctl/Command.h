@@ -1,8 +1,9 @@
 // What every subcommand of vcctl shares: how it is added to the command line, how it fails, and how
-// it learns that the user wants it to end.
+// it prints.
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -40,6 +41,13 @@ std::string readable(std::string_view bytes, std::size_t most = std::string_view
 
 // What an option for seconds to wait takes: at most a day.
 inline const CLI::Range kWaitRange{0.0, 86400.0};
+
+// Options that several subcommands have.
+void addKindOption(CLI::App& command, std::string& kind);
+void addLibraryOption(CLI::App& command, std::string& library);
+// The stream's name, the first argument; capacity of its segment, and how many messages to pass.
+void addStreamOptions(CLI::App& command, std::string& stream, unsigned int& capacity,
+                      std::uint64_t& count);
 
 // Each adds one subcommand; what it sets in `exitCode` is the exit code when nothing was thrown.
 void addHostCommand(CLI::App& app, int& exitCode);

@@ -32,7 +32,7 @@ const char* messageName(unsigned int type) {
     return type < std::size(names) ? names[type] : "unsupported type";
 }
 
-std::string fieldsOf(VirtualChannelAgent::VCMessage& message, unsigned int mostBytes) {
+std::string fieldsOf(const VirtualChannelAgent::VCMessage& message, unsigned int mostBytes) {
     std::string text;
     const auto add = [&](const char* name, const std::string& value) {
         text += fmt::format(" {}={}", name, value);
@@ -76,20 +76,21 @@ public:
         if (m_options.packets) {
             line(fmt::format("packet {} {}/{} payload {} of message {}", packet.GetPacketID(),
                              packet.GetPacketSequence(), packet.GetTotalPackets(),
-                             packet.GetPayloadSize(), packet.GetMessageSize() - 24));
+                             packet.GetPayloadSize(),
+                             packet.GetMessageSize() - NorvoVirtualChannel::kPacketHeaderSize));
         }
         m_packets.EnqueuePacket(&packet);
     }
 
     void OnFullPacketReceived(const void* data, unsigned int size) override {
         VirtualChannelAgent::VCMessage message;
-        const auto* bytes = static_cast<const unsigned char*>(data);
         if (!message.parseFromArray(data, size)) {
             line(fmt::format("message of {} bytes that cannot be read: \"{}\"", size,
                              readable({static_cast<const char*>(data), size}, m_options.bytes)));
             return;
         }
-        line(fmt::format("{}{}", messageName(bytes[4]), fieldsOf(message, m_options.bytes)));
+        line(fmt::format("{}{}", messageName(message.rawMessageType()),
+                         fieldsOf(message, m_options.bytes)));
     }
 
 private:

@@ -11,10 +11,9 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
-#include "Capture.h"
-#include "ChannelKind.h"
 #include "Command.h"
 #include "DemoEnds.h"
+#include "File.h"
 #include "OwnPath.h"
 #include "PluginLibrary.h"
 #include "Progress.h"
@@ -101,7 +100,7 @@ private:
 std::string lineOf(support::Subprocess& child, const std::string& what, milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     while (Clock::now() < deadline) {
-        if (StopSignal::requested()) throw CommandError("interrupted", kInterrupted);
+        StopSignal::throwIfRequested();
         std::string line = child.readLine(milliseconds(100));
         if (!line.empty()) return line;
         if (const int status = child.wait(milliseconds(0)); status >= 0) {
@@ -131,9 +130,8 @@ public:
         support::Subprocess near(end({"near", file, std::to_string(m_options.seconds)}),
                                  m_place.environment("a"));
         expectLine(near, "the near process", "up", seconds(30));
-        say("four streams are up; small messages through Basic and back through StringCipher, then "
-            "the "
-            "file through Media and back through Generic");
+        say("four streams are up; small messages through Basic and back through StringCipher, "
+            "then the file through Media and back through Generic");
         const auto patience = seconds(600);
         expectLine(near, "the near process", "half", patience);
         reconnect();
@@ -256,15 +254,11 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
         "Runs a whole session on this machine: two hosts, four streams, a file, a reconnect");
     command->add_option("file", options->file, "The file to send instead of a generated one")
         ->check(CLI::ExistingFile);
-    command->add_option("--kind", options->kind, "Transport: citrix, vmware, rdp or tcp")
-        ->check(CLI::IsMember({"citrix", "vmware", "rdp", "tcp"}))
-        ->capture_default_str();
+    addKindOption(*command, options->kind);
     command->add_option("--seconds", options->seconds, "About how long it is to take")
         ->check(CLI::Range(1.0, 600.0))
         ->capture_default_str();
-    command
-        ->add_option("--library", options->library, "The plug-in to load instead of the usual one")
-        ->type_name("PATH");
+    addLibraryOption(*command, options->library);
     command->callback([=, &exitCode] { exitCode = Demo(*options).run(); });
 
     auto end = std::make_shared<DemoEndOptions>();

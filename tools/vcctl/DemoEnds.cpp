@@ -13,14 +13,15 @@
 #include <iostream>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "Command.h"
-#include "EndMark.h"
-#include "Endpoint.h"
+#include "Descriptor.h"
 #include "SessionClient.h"
 #include "StopSignal.h"
+#include "TransferTally.h"
 
 namespace vcctl {
 
@@ -28,9 +29,12 @@ namespace {
 
 using NorvoStreamClient::Direction;
 using NorvoStreamClient::Stream;
+using support::Descriptor;
 using Clock = std::chrono::steady_clock;
 using Json = nlohmann::json;
 
+constexpr unsigned int kFileCapacity = 64u << 10;
+constexpr unsigned int kPingCapacity = 4u << 10;
 constexpr std::size_t kPartSize = 64u << 10;  // of the file, with its offset before it
 constexpr std::size_t kPartHead = sizeof(std::uint64_t);
 constexpr std::size_t kWindow = 48;  // parts under way: the agents drop what is beyond 1001
@@ -83,8 +87,7 @@ public:
     Json run(const std::atomic<bool>& stopped, double seconds) {
         std::vector<double> times;
         std::uint64_t lost = 0;
-        const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                            std::chrono::duration<double>(seconds));
+        const auto end = after(seconds);
         while (!stopped && !StopSignal::requested() && Clock::now() < end) {
             Ping ping{++m_number, now(), 0, {}};
             if (!m_out.write(&ping, sizeof ping, kPollTime)) continue;
@@ -218,79 +221,108 @@ private:
 
 void tell(const std::string& line) { std::cout << line << std::endl; }
 
+// The names of the notifications that came; noted on a thread of the client's.
+class Announcements {
+public:
+    NorvoStreamClient::Options clientOptions() {
+        NorvoStreamClient::Options options;
+        options.onNotification = [this](const NorvoStreamClient::Notification& notification) {
+            std::lock_guard lock(m_mutex);
+            m_names.push_back(notification.name);
+        };
+        return options;
+    }
+    Json names() const {
+        std::lock_guard lock(m_mutex);
+        return m_names;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    Json m_names = Json::array();
+};
+
+// The four streams from the near end, up.
+struct NearStreams {
+    explicit NearStreams(SessionClient& session)
+        : file(session.open("Media", Direction::Write, kFileCapacity)),
+          fileBack(session.open("Generic", Direction::Read, kFileCapacity)),
+          pings(session.open("Basic", Direction::Write, kPingCapacity)),
+          pingsBack(session.open("StringCipher", Direction::Read, kPingCapacity)) {
+        for (Stream* stream : {file.get(), fileBack.get(), pings.get(), pingsBack.get()}) {
+            session.waitUntilUp(*stream, kUpSeconds);
+        }
+    }
+
+    const std::shared_ptr<Stream> file;
+    const std::shared_ptr<Stream> fileBack;
+    const std::shared_ptr<Stream> pings;
+    const std::shared_ptr<Stream> pingsBack;
+};
+
+// Two halves of `size` bytes; between them it waits for the demo's word. The seconds that both
+// took; nothing when interrupted.
+std::optional<double> runInHalves(RoundTrip& trip, std::size_t size) {
+    const auto begun = Clock::now();
+    if (!trip.run(size / 2)) return std::nullopt;
+    std::chrono::duration<double> time = Clock::now() - begun;
+    tell("half");
+    std::string line;
+    std::getline(std::cin, line);
+    const auto resumed = Clock::now();
+    if (!trip.run(size)) return std::nullopt;
+    time += Clock::now() - resumed;
+    return time.count();
+}
+
 }  // namespace
 
 int runFarEnd() {
     SessionClient session;
-    const auto media = session.open("Media", Direction::Read, 1u << 16);
-    const auto generic = session.open("Generic", Direction::Write, 1u << 16);
-    const auto basic = session.open("Basic", Direction::Read, 1u << 12);
-    const auto cipher = session.open("StringCipher", Direction::Write, 1u << 12);
+    const auto file = session.open("Media", Direction::Read, kFileCapacity);
+    const auto fileBack = session.open("Generic", Direction::Write, kFileCapacity);
+    const auto pings = session.open("Basic", Direction::Read, kPingCapacity);
+    const auto pingsBack = session.open("StringCipher", Direction::Write, kPingCapacity);
     std::atomic<bool> stopped{false};
-    std::thread parts([&] { echo(*media, *generic, false, stopped); });
-    std::thread pings([&] { echo(*basic, *cipher, true, stopped); });
+    std::thread fileEcho([&] { echo(*file, *fileBack, false, stopped); });
+    std::thread pingEcho([&] { echo(*pings, *pingsBack, true, stopped); });
     while (!StopSignal::requested() && !inputEnded(200)) {
     }
     stopped = true;
-    parts.join();
-    pings.join();
+    fileEcho.join();
+    pingEcho.join();
     return kOk;
 }
 
 int runNearEnd(const DemoEndOptions& end) {
     const StopWithInput stopWithInput;
     const MappedFile file(end.file);
-    std::mutex mutex;
-    Json announced = Json::array();
-    NorvoStreamClient::Options options;
-    options.onNotification = [&](const NorvoStreamClient::Notification& notification) {
-        std::lock_guard lock(mutex);
-        announced.push_back(notification.name);
-    };
-    SessionClient session(std::move(options));
+    Announcements announced;
+    SessionClient session(announced.clientOptions());
     const auto started = Clock::now();
-    const auto media = session.open("Media", Direction::Write, 1u << 16);
-    const auto generic = session.open("Generic", Direction::Read, 1u << 16);
-    const auto basic = session.open("Basic", Direction::Write, 1u << 12);
-    const auto cipher = session.open("StringCipher", Direction::Read, 1u << 12);
-    for (Stream* stream : {media.get(), generic.get(), basic.get(), cipher.get()}) {
-        session.waitUntilUp(*stream, kUpSeconds);
-    }
-    const std::chrono::duration<double> upTime = Clock::now() - started;
+    const NearStreams streams(session);
+    Json result;
+    result["seconds_to_up"] = std::chrono::duration<double>(Clock::now() - started).count();
     tell("up");
 
     std::atomic<bool> stopped{false};
-    Pinger pinger(*basic, *cipher);
-    Json result;
-    result["seconds_to_up"] = upTime.count();
+    Pinger pinger(*streams.pings, *streams.pingsBack);
     result["idle"] = pinger.run(stopped, end.seconds / 2);
-
     std::thread busyPings([&] { result["busy"] = pinger.run(stopped, 3600); });
-    RoundTrip trip(file, *media, *generic);
-    const auto begun = Clock::now();
-    bool whole = trip.run(file.size() / 2);
-    const std::chrono::duration<double> firstHalf = Clock::now() - begun;
-    std::string line;
-    if (whole) {
-        tell("half");
-        std::getline(std::cin, line);
-    }
-    const auto resumed = Clock::now();
-    whole = whole && trip.run(file.size());
-    const std::chrono::duration<double> secondHalf = Clock::now() - resumed;
+    RoundTrip trip(file, *streams.file, *streams.fileBack);
+    const std::optional<double> seconds = runInHalves(trip, file.size());
     stopped = true;
     busyPings.join();
-    if (!whole) return kInterrupted;
+    if (!seconds) return kInterrupted;
 
     TransferTally sent;
     sent.add(file.data(), file.size());
-    std::lock_guard lock(mutex);
     result["bytes"] = file.size();
-    result["seconds"] = firstHalf.count() + secondHalf.count();
+    result["seconds"] = *seconds;
     result["resent"] = trip.resent();
     result["sent_checksum"] = sent.checksum();
     result["returned_checksum"] = trip.returned().checksum();
-    result["announced"] = announced;
+    result["announced"] = announced.names();
     tell(result.dump());
     return kOk;
 }

@@ -5,31 +5,17 @@
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <utility>
 
 #include "Command.h"
 #include "StopSignal.h"
 
 namespace vcctl {
 
-Descriptor::~Descriptor() {
-    if (m_fd >= 0) close(m_fd);
-}
-
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        if (m_fd >= 0) close(m_fd);
-        m_fd = other.release();
-    }
-    return *this;
-}
-
-int Descriptor::release() { return std::exchange(m_fd, -1); }
+using support::Descriptor;
 
 namespace {
 
@@ -148,7 +134,7 @@ Descriptor Endpoint::connect() const {
     if (error == 0 && isConnectedToItself(fd.get())) error = ECONNREFUSED;
     fcntl(fd.get(), F_SETFL, flags);
     if (error == 0) return fd;
-    fd = {};
+    fd.reset();
     errno = error;
     return fd;
 }

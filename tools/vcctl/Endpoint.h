@@ -5,27 +5,12 @@
 
 #include <string>
 
+#include "Descriptor.h"
+
 namespace vcctl {
 
-// Owns one descriptor.
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor();
-    Descriptor(Descriptor&& other) noexcept : m_fd(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept;
-
-    int get() const { return m_fd; }
-    explicit operator bool() const { return m_fd >= 0; }
-    int release();
-
-private:
-    int m_fd = -1;
-};
-
 // The next connection to `listener`; empty, with errno set, when there is none.
-Descriptor acceptFrom(int listener);
+support::Descriptor acceptFrom(int listener);
 
 // A TCP address from the command line, "ADDR:PORT" or "[ADDR]:PORT".
 class Endpoint {
@@ -35,10 +20,10 @@ public:
     static Endpoint parse(const std::string& text, bool allowRemote);
 
     // A listening socket. Throws CommandError (address in use, not allowed ...).
-    Descriptor listen() const;
+    support::Descriptor listen() const;
     // A connected socket; empty, with errno set, when the other end is not there (yet), or the user
     // wants to stop.
-    Descriptor connect() const;
+    support::Descriptor connect() const;
 
     const std::string& text() const { return m_text; }
 

@@ -1,11 +1,9 @@
 // vcctl host: a stand-in for the remote-desktop client. It loads the plug-in, and joins its channel
 // to that of another host over TCP.
 #include <poll.h>
-#include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -22,14 +20,9 @@
 
 namespace vcctl {
 
-const ChannelKind& channelKind(const std::string& name) {
-    for (const ChannelKind& kind : kChannelKinds) {
-        if (name == kind.name) return kind;
-    }
-    throw CommandError("'" + name + "' is no channel kind: citrix, vmware, rdp or tcp", kUsage);
-}
-
 namespace {
+
+using support::Descriptor;
 
 struct HostOptions {
     std::string kind = "tcp";
@@ -94,12 +87,13 @@ private:
         }
     }
 
-    static void append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
+    static int append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
         auto* host = static_cast<Host*>(context);
         if (const auto link = host->link()) {
             if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
             link->send(data, length);
         }
+        return 0;
     }
 
     void receive(unsigned char* packet, std::uint32_t length) {
@@ -183,9 +177,7 @@ void addHostCommand(CLI::App& app, int& exitCode) {
     CLI::App* command = app.add_subcommand(
         "host",
         "Stands in for a remote-desktop client: loads the plug-in and joins it to another host");
-    command->add_option("--kind", options->kind, "Transport: citrix, vmware, rdp or tcp")
-        ->check(CLI::IsMember({"citrix", "vmware", "rdp", "tcp"}))
-        ->capture_default_str();
+    addKindOption(*command, options->kind);
     auto* listen = command
                        ->add_option("--listen", options->listen,
                                     "Wait for the other host there (port 0: any free one)")
@@ -195,9 +187,7 @@ void addHostCommand(CLI::App& app, int& exitCode) {
                                      "Connect to the other host there, again and again")
                         ->type_name("ADDR:PORT");
     listen->excludes(connect);
-    command
-        ->add_option("--library", options->library, "The plug-in to load instead of the usual one")
-        ->type_name("PATH");
+    addLibraryOption(*command, options->library);
     command
         ->add_option("--capture", options->capture,
                      "Write every packet to this pcapng file (vcctl decode, Wireshark)")

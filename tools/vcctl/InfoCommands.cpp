@@ -117,7 +117,7 @@ int runWatch(const WatchOptions& options) {
     std::uint64_t printed = 0;
     while (printed < options.count) {
         Notification notification;
-        if (!SessionClient::goesOn()) return kInterrupted;
+        if (StopSignal::requested()) return kInterrupted;
         if (!session.client().nextNotification(notification, kPollTime)) {
             session.noteSilence();
             continue;
@@ -146,13 +146,11 @@ int printAnswers(SessionClient& session, const AskOptions& options, const Reques
     using Clock = std::chrono::steady_clock;
     const bool several = std::string(form.answer) == "StreamUp";
     const auto quiet = std::chrono::milliseconds(500);
-    auto deadline =
-        Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                           std::chrono::duration<double>(*form.silence ? 1.0 : options.wait));
+    auto deadline = after(*form.silence ? 1.0 : options.wait);
     bool answered = false;
     while (Clock::now() < deadline) {
         Notification notification;
-        if (!SessionClient::goesOn()) return kInterrupted;
+        if (StopSignal::requested()) return kInterrupted;
         if (!session.client().nextNotification(notification, std::chrono::milliseconds(20)) ||
             notification.name != form.answer) {
             continue;

@@ -1,6 +1,7 @@
 #include "PacketLink.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +12,8 @@
 #include "Command.h"
 
 namespace vcctl {
+
+using support::Descriptor;
 
 namespace {
 

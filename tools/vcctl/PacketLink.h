@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "Endpoint.h"
+#include "Descriptor.h"
 
 namespace vcctl {
 
@@ -30,7 +30,7 @@ public:
 
     // Takes the connected socket over. `receive` runs on the reader thread; the bytes are its own
     // to change during the call.
-    PacketLink(Descriptor socket, Limits limits, Receiver receive);
+    PacketLink(support::Descriptor socket, Limits limits, Receiver receive);
     ~PacketLink();
     PacketLink(const PacketLink&) = delete;
     PacketLink& operator=(const PacketLink&) = delete;
@@ -54,8 +54,8 @@ private:
     bool sendAll(const unsigned char* bytes, std::size_t size);
 
     const Limits m_limits;
-    Descriptor m_socket;
-    Descriptor m_closedPipe[2];
+    support::Descriptor m_socket;
+    support::Descriptor m_closedPipe[2];
 
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;

@@ -52,7 +52,6 @@ PluginLibrary::PluginLibrary(const std::string& path) {
     load(m_handle.get(), "ChannelActive", ChannelActive);
     load(m_handle.get(), "Shutdown", Shutdown);
     load(m_handle.get(), "getChannelName", getChannelName);
-    load(m_handle.get(), "LogMessage_VDI", LogMessage_VDI);
 }
 
 }  // namespace vcctl

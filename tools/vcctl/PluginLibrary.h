@@ -9,8 +9,8 @@ namespace vcctl {
 // The plug-in as a remote-desktop client sees it: a shared library and its exported functions.
 class PluginLibrary {
 public:
-    using AppendCallback = void (*)(const void* data, std::uint32_t length, std::uintptr_t flag,
-                                    void* context);
+    using AppendCallback = int (*)(const void* data, std::uint32_t length, std::uintptr_t flag,
+                                   void* context);
 
     // Loads `path`, or when it is empty the library that belongs to this program (beside it in a
     // build, in the library directory of an installation). Throws CommandError.
@@ -24,7 +24,6 @@ public:
     void (*ChannelActive)(std::uint32_t state);
     void (*Shutdown)();
     const char* (*getChannelName)();
-    void (*LogMessage_VDI)(int level, const char* message);
 
 private:
     struct Closer {

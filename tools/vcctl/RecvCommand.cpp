@@ -3,11 +3,12 @@
 #include <cstdio>
 #include <memory>
 
-#include "Capture.h"
 #include "Command.h"
-#include "EndMark.h"
+#include "File.h"
 #include "Progress.h"
 #include "SessionClient.h"
+#include "StopSignal.h"
+#include "TransferTally.h"
 
 namespace vcctl {
 
@@ -58,7 +59,7 @@ bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, Output&
               std::string& message, std::chrono::steady_clock::time_point giveUp) {
     bool flushed = false;
     for (;;) {
-        if (!SessionClient::goesOn()) throw CommandError("interrupted", kInterrupted);
+        StopSignal::throwIfRequested();
         if (stream.read(message, kPollTime)) return true;
         if (std::chrono::steady_clock::now() >= giveUp) return false;
         session.noteSilence(&stream);
@@ -73,10 +74,7 @@ int runRecv(const RecvOptions& options) {
     SessionClient session;
     const auto stream =
         session.open(options.stream, NorvoStreamClient::Direction::Read, options.size);
-    const auto giveUp = options.wait > 0
-                            ? Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                                 std::chrono::duration<double>(options.wait))
-                            : Clock::time_point::max();
+    const auto giveUp = options.wait > 0 ? after(options.wait) : Clock::time_point::max();
     TransferTally tally;
     Progress progress("recv " + options.stream, std::nullopt);
     std::string message;
@@ -107,13 +105,9 @@ void addRecvCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<RecvOptions>();
     CLI::App* command = app.add_subcommand(
         "recv", "Writes what comes through a stream to a file or standard output");
-    command->add_option("stream", options->stream, "The stream, for example Media")->required();
+    addStreamOptions(*command, options->stream, options->size, options->count);
     command->add_option("file", options->file, "Where to write; - is standard output")
         ->capture_default_str();
-    command->add_option("--size", options->size, "Capacity of the stream's segment")
-        ->type_name("BYTES")
-        ->capture_default_str();
-    command->add_option("--count", options->count, "Stop after so many messages")->type_name("N");
     command->add_flag("--lines", options->lines, "End each message with a line end");
     command->add_flag("--raw", options->raw,
                       "Know no end mark: write every message, until --count or an interruption");

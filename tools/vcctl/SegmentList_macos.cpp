@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "InfoSegments.h"
 #include "PosixSharedMemory.h"
 #include "SegmentList.h"
 #include "VDIClientInfo.h"
@@ -12,8 +13,10 @@ std::vector<std::string> sessionSegments() {
     std::vector<std::string> names;
     for (const std::string& name :
          {std::string("Basic"), std::string("Generic"), std::string("GenericUnReliable"),
-          std::string("LogCollection"), std::string("Media"), client + "_Info_STREAM2VC",
-          client + "_Info_VC2STREAM", std::string("StringCipher"), std::string("upgrade")}) {
+          std::string("LogCollection"), std::string("Media"),
+          VDIFrameworkCommon::infoRequestsName(client),
+          VDIFrameworkCommon::infoNotificationsName(client), std::string("StringCipher"),
+          std::string("upgrade")}) {
         const int fd = VDIFrameworkCommon::shm_open_mac(segmentObject(name), O_RDONLY, 0);
         if (fd < 0) continue;
         close(fd);

@@ -12,15 +12,17 @@
 #include <string_view>
 
 #include "Command.h"
-#include "EndMark.h"
-#include "Endpoint.h"
+#include "Descriptor.h"
 #include "Progress.h"
 #include "SessionClient.h"
 #include "StopSignal.h"
+#include "TransferTally.h"
 
 namespace vcctl {
 
 namespace {
+
+using support::Descriptor;
 
 constexpr std::size_t kLongestMessage = 64u << 20;
 constexpr double kShortestFlush = 2;  // seconds
@@ -94,7 +96,7 @@ private:
     std::size_t readSome(char* to, std::size_t size) const {
         pollfd waited[2] = {{m_fd, POLLIN, 0}, {StopSignal::descriptor(), POLLIN, 0}};
         for (;;) {
-            if (StopSignal::requested()) throw CommandError("interrupted", kInterrupted);
+            StopSignal::throwIfRequested();
             if (poll(waited, 2, -1) < 0) continue;
             if (waited[1].revents) StopSignal::drain();
             if (!waited[0].revents) continue;
@@ -115,10 +117,10 @@ private:
 // Tries `step` again and again, until it is done or for `wait` seconds.
 template <class Step>
 void insist(NorvoStreamClient::Stream& stream, SessionClient& session, double wait, Step step) {
-    const auto give_up = std::chrono::steady_clock::now() + std::chrono::duration<double>(wait);
+    const auto giveUp = after(wait);
     while (!step()) {
-        if (!SessionClient::goesOn()) throw CommandError("interrupted", kInterrupted);
-        if (std::chrono::steady_clock::now() < give_up) continue;
+        StopSignal::throwIfRequested();
+        if (std::chrono::steady_clock::now() < giveUp) continue;
         session.waitUntilUp(stream, 0);
         throw CommandError("the host takes nothing from the stream '" + stream.name() + "'");
     }
@@ -158,17 +160,13 @@ void addSendCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<SendOptions>();
     CLI::App* command =
         app.add_subcommand("send", "Sends a file or standard input through a stream");
-    command->add_option("stream", options->stream, "The stream, for example Media")->required();
+    addStreamOptions(*command, options->stream, options->size, options->count);
     command->add_option("file", options->file, "What to send; - is standard input")
-        ->capture_default_str();
-    command->add_option("--size", options->size, "Capacity of the stream's segment")
-        ->type_name("BYTES")
         ->capture_default_str();
     command->add_option("--message-size", options->messageSize, "Length of one message")
         ->type_name("BYTES")
         ->check(CLI::Range(std::size_t{1}, kLongestMessage))
         ->capture_default_str();
-    command->add_option("--count", options->count, "Stop after so many messages")->type_name("N");
     command->add_flag("--lines", options->lines, "Make each line of the input a message");
     command->add_flag(
         "--raw", options->raw,

@@ -39,14 +39,12 @@ void noteUnusualName(const std::string& name) {
         name.c_str(), list.c_str());
 }
 
+}  // namespace
+
 Clock::time_point after(double seconds) {
     return Clock::now() +
            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
-
-}  // namespace
-
-bool SessionClient::goesOn() { return !StopSignal::requested(); }
 
 std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string& name,
                                                                Direction direction,
@@ -76,7 +74,7 @@ std::string SessionClient::whyNotUp(const std::string& streamName) {
 void SessionClient::waitUntilUp(NorvoStreamClient::Stream& stream, double seconds) {
     const auto deadline = after(seconds);
     while (!stream.waitUntilUp(kPollTime)) {
-        if (!goesOn()) throw CommandError("interrupted", kInterrupted);
+        StopSignal::throwIfRequested();
         if (Clock::now() >= deadline) throw CommandError(whyNotUp(stream.name()));
     }
 }
@@ -84,7 +82,7 @@ void SessionClient::waitUntilUp(NorvoStreamClient::Stream& stream, double second
 void SessionClient::waitForAgent(double seconds) {
     const auto deadline = after(seconds);
     while (m_client.agentProcessId() == 0) {
-        if (!goesOn()) throw CommandError("interrupted", kInterrupted);
+        StopSignal::throwIfRequested();
         if (Clock::now() >= deadline) throw CommandError(whyNotUp(""));
         StopSignal::wait(10);
     }

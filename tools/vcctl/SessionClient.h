@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -29,9 +30,6 @@ public:
     // agent) is not there: a wait without end should not be a silent one.
     void noteSilence(const NorvoStreamClient::Stream* stream = nullptr);
 
-    // Whether an operation that failed should be tried again: false once the user stops.
-    static bool goesOn();
-
 private:
     std::string whyNotUp(const std::string& streamName);
 
@@ -39,6 +37,9 @@ private:
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
     bool m_noted = false;
 };
+
+// The point in time `seconds` from now.
+std::chrono::steady_clock::time_point after(double seconds);
 
 // Waits end at least this often, to look at the stop signal.
 inline constexpr std::chrono::milliseconds kPollTime{100};

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "Command.h"
+
 namespace vcctl {
 
 namespace {
@@ -60,6 +62,10 @@ void StopSignal::release() {
 bool StopSignal::requested() { return g_signals.load(std::memory_order_relaxed) > 0; }
 
 void StopSignal::keepOnHangUp() { g_hangUpStops.store(false); }
+
+void StopSignal::throwIfRequested() {
+    if (requested()) throw CommandError("interrupted", kInterrupted);
+}
 
 bool StopSignal::takeHangUp() { return g_hungUp.exchange(false); }
 

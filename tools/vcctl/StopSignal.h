@@ -13,6 +13,8 @@ public:
     // Gives the signals back to the system: for a command that leaves nothing behind.
     static void release();
     static bool requested();
+    // Throws the CommandError of an interruption when it is.
+    static void throwIfRequested();
     // From here on SIGHUP does not stop the process, but asks it to drop its connection.
     static void keepOnHangUp();
     // Whether a SIGHUP that does not stop the process came since the last call.

@@ -12,7 +12,8 @@
 #include <optional>
 
 #include "Command.h"
-#include "Endpoint.h"
+#include "Descriptor.h"
+#include "InfoSegments.h"
 #include "PosixSharedMemory.h"
 #include "SegmentList.h"
 #include "SharedMemoryLayout.h"
@@ -20,11 +21,9 @@
 
 namespace vcctl {
 
-std::string segmentObject(const std::string& name) {
-    return std::to_string(geteuid()) + "CWVDI_" + name;
-}
-
 namespace {
+
+using support::Descriptor;
 
 struct StreamsOptions {
     bool follow = false;
@@ -58,7 +57,7 @@ std::optional<Look> lookAt(const std::string& name) {
 }
 
 // By the name: only the two INFO segments of an agent are broadcast ones.
-bool isBroadcast(const std::string& name) { return name.find("_Info_") != std::string::npos; }
+bool isBroadcast(const std::string& name) { return VDIFrameworkCommon::isInfoSegment(name); }
 
 std::string waitingText(const std::string& name, const Look& look) {
     if (isBroadcast(name)) return fmt::format("{} ready", look.readersReady);
@@ -147,11 +146,9 @@ void addStreamsCommand(CLI::App& app, int& exitCode) {
         ->check(CLI::Range(0.1, 3600.0))
         ->capture_default_str();
     command->footer(
-        "NEW and READ are the IDs of the last chunk written and taken; a plain segment is full "
-        "while\n"
-        "NEW is greater. Of the agent's own two segments, which every reader sees, WAITING tells "
-        "how\n"
-        "many readers are ready for the next message.");
+        "NEW and READ are the IDs of the last chunk written and taken; a plain segment is\n"
+        "full while NEW is greater. Of the agent's own two segments, which every reader\n"
+        "sees, WAITING tells how many readers are ready for the next message.");
     command->callback([=, &exitCode] { exitCode = runStreams(*options); });
 }
 

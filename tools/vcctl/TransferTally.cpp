@@ -1,4 +1,4 @@
-#include "EndMark.h"
+#include "TransferTally.h"
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
