@@ -1,6 +1,9 @@
 // Requests of local processes. The input is a run of texts, each behind its length in one byte.
 #include <algorithm>
+#include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <string>
 
 #include "FakeChannel.h"
 #include "FakeMachine.h"

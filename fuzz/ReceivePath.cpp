@@ -1,6 +1,9 @@
 // The whole receive path: packets, reassembly, agent, streams. The input is a run of records: a
 // byte that says what happens, a length byte (times 4), and so many bytes.
 #include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
 #include <memory>
 #include <vector>
 

@@ -324,7 +324,7 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
     }
     stop = true;
     EXPECT_TRUE(sender.get()) << "failed after " << sent;
-    EXPECT_TRUE(waitUntil([&] { return checker.count() == sent; }));
+    EXPECT_TRUE(eventually([&] { return checker.count() == sent; }));
     EXPECT_EQ(checker.wrong(), 0);
     EXPECT_EQ(staying.readLine(), "0");
     EXPECT_EQ(staying.readLine(), "left after " + std::to_string(count - 1));
@@ -345,7 +345,7 @@ TEST(BroadcastAcrossProcesses, ReadersGoOnAfterEachWriterThatIsKilled) {
         ChildProcess writer("segmentSource", {"1", name, "200", std::to_string(generation), "0"});
         ASSERT_EQ(writer.readLine(), "ready");
         for (auto& checker : checkers) {
-            ASSERT_TRUE(waitUntil([&] { return checker.source() == generation; })) << generation;
+            ASSERT_TRUE(eventually([&] { return checker.source() == generation; })) << generation;
         }
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
         writer.kill();

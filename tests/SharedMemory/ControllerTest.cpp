@@ -26,7 +26,7 @@ protected:
     void TearDown() override {
         const auto controller = SharedMemoryRWController::getInstance();
         EXPECT_TRUE(
-            waitUntil([&] { return controller->canRead() && controller->canWrite(); }, kSoon));
+            eventually([&] { return controller->canRead() && controller->canWrite(); }, kSoon));
         reader->Close();
     }
 
@@ -45,14 +45,14 @@ TEST_F(RWControllerAcrossProcesses, AnotherActiveAgentStopsReadingAndWritingWith
     ChildProcess other("segmentOtherAgent");
     for (int round = 1; round <= 2; ++round) {
         ASSERT_EQ(other.readLine(), "active");
-        EXPECT_TRUE(waitUntil([&] { return !writes(); }, kSoon));
-        EXPECT_TRUE(
-            waitUntil([&] { return log.contains("Canread flag turns to false: " + name); }, kSoon));
+        EXPECT_TRUE(eventually([&] { return !writes(); }, kSoon));
+        EXPECT_TRUE(eventually([&] { return log.contains("Canread flag turns to false: " + name); },
+                               kSoon));
         for (int i = 0; i < 3; ++i) EXPECT_FALSE(writes());
         other.writeLine("go away");
         ASSERT_EQ(other.readLine(), "inactive");
-        EXPECT_TRUE(waitUntil([&] { return writes(); }, kSoon));
-        EXPECT_TRUE(waitUntil(
+        EXPECT_TRUE(eventually([&] { return writes(); }, kSoon));
+        EXPECT_TRUE(eventually(
             [&] { return log.count("Canread flag turns to true: " + name) == round; }, kSoon));
         other.writeLine("again");
     }
@@ -65,10 +65,10 @@ TEST_F(RWControllerAcrossProcesses, AnotherActiveAgentStopsReadingAndWritingWith
 TEST_F(RWControllerAcrossProcesses, AnAgentThatIsKilledIsGone) {
     ChildProcess other("segmentOtherAgent");
     ASSERT_EQ(other.readLine(), "active");
-    EXPECT_TRUE(waitUntil([&] { return !writes(); }, kSoon));
+    EXPECT_TRUE(eventually([&] { return !writes(); }, kSoon));
     other.kill();
     other.wait();
-    EXPECT_TRUE(waitUntil([&] { return writes(); }, kSoon));
+    EXPECT_TRUE(eventually([&] { return writes(); }, kSoon));
 }
 
 TEST_F(RWControllerAcrossProcesses, AClientIsNotStoppedByTheAgentItServes) {
@@ -104,7 +104,7 @@ TEST_F(RWControllerAcrossProcesses, AfterAShutdownTheNextSegmentStartsTheChecksA
     const auto next = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
     ASSERT_TRUE(next->Create(uniqueName(), 64));
     EXPECT_TRUE(
-        waitUntil([&] { return !controller->canRead() && !controller->canWrite(); }, kSoon));
+        eventually([&] { return !controller->canRead() && !controller->canWrite(); }, kSoon));
     EXPECT_FALSE(write(*next, "x"));
 }
 

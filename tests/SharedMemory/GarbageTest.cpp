@@ -111,7 +111,7 @@ TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
         const std::string message = numberedMessage({1, number++}, 40);
         bool arrived = false;
         for (auto wait = waits.begin(); wait != waits.end() && !arrived; ++wait) {
-            ASSERT_TRUE(waitUntil([&] { return write(writer, message); })) << garbage;
+            ASSERT_TRUE(eventually([&] { return write(writer, message); })) << garbage;
             arrived = collector.waitForLast(message, *wait);
         }
         ASSERT_TRUE(arrived) << garbage;

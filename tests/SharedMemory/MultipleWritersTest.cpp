@@ -3,7 +3,6 @@
 #include <future>
 
 #include "ChildProcess.h"
-#include "LogCapture.h"
 #include "MultipleWritersOneReaderSM.h"
 #include "Rounds.h"
 #include "SegmentSupport.h"
@@ -99,7 +98,7 @@ TEST_F(MultipleWritersTest, ALongMessageThatStillComesInKeepsItsLock) {
     ASSERT_TRUE(first.LockWrite(0));
     auto written = std::async([&] { return write(slow, numberedMessage({1, 1}, 100)); });
     g_testTime += 1990;
-    ASSERT_TRUE(waitUntil([&] { return raw.word64(16) > 0; }));
+    ASSERT_TRUE(eventually([&] { return raw.word64(16) > 0; }));
     EXPECT_EQ(read(reader, 5000).size(), 100U);
     EXPECT_TRUE(written.get());
     g_testTime += 1000;
@@ -140,7 +139,7 @@ TEST(MultipleWritersAcrossProcesses, MessagesOfTwoWritersNeverInterleave) {
     two.writeLine("go");
     EXPECT_EQ(one.wait(), 0);
     EXPECT_EQ(two.wait(), 0);
-    EXPECT_TRUE(waitUntil([&] { return messages.count == 2 * rounds(3000); }));
+    EXPECT_TRUE(eventually([&] { return messages.count == 2 * rounds(3000); }));
     EXPECT_EQ(messages.wrong, 0);
 }
 
@@ -157,7 +156,7 @@ TEST(MultipleWritersAcrossProcesses, WritingResumesAfterAWriterDiedWithTheLock) 
     const auto start = Clock::now();
     holder.kill();
     ASSERT_EQ(holder.wait(), 128 + SIGKILL);
-    EXPECT_TRUE(waitUntil([&] { return write(writer, "resumed"); }));
+    EXPECT_TRUE(eventually([&] { return write(writer, "resumed"); }));
     EXPECT_GE(since(start), milliseconds(1900));
     EXPECT_LT(since(start), milliseconds(6000));
     EXPECT_TRUE(collector.waitForCount(1));

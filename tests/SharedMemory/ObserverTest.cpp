@@ -67,7 +67,7 @@ TEST_F(ObserverTest, AnObserverMayLeaveFromInsideTheCall) {
     Acting leaving([&](auto&, SharedMemoryI* source) { source->unsubscribeObserver(&leaving); });
     reader->subscribeObserver(&leaving);
     ASSERT_TRUE(write(*writer, "one"));
-    ASSERT_TRUE(waitUntil([&] { return leaving.calls == 1; }));
+    ASSERT_TRUE(eventually([&] { return leaving.calls == 1; }));
 
     Collector next;
     const Unsubscribing atEnd(*reader);
@@ -86,7 +86,7 @@ TEST_F(ObserverTest, AnObserverMayHandOverToAnotherFromInsideTheCall) {
     const Unsubscribing atEnd(*reader);
     reader->subscribeObserver(&leaving);
     ASSERT_TRUE(write(*writer, "one"));
-    ASSERT_TRUE(waitUntil([&] { return leaving.calls == 1; }));
+    ASSERT_TRUE(eventually([&] { return leaving.calls == 1; }));
     ASSERT_TRUE(write(*writer, "two"));
     ASSERT_TRUE(next.waitForCount(1));
     EXPECT_EQ(next.messages().back(), "two");
@@ -147,14 +147,14 @@ TEST_F(ObserverTest, MisuseIsRefusedAndDoesNotHang) {
     reader->subscribeObserver(&closing);
     ASSERT_TRUE(write(*writer, "one"));
     ASSERT_TRUE(collector.waitForCount(1));
-    ASSERT_TRUE(waitUntil([&] { return closing.calls == 1; }));
+    ASSERT_TRUE(eventually([&] { return closing.calls == 1; }));
     EXPECT_EQ(log.count("Illegal operation!" + name), 1);
 
     EXPECT_FALSE(write(*reader, "a reader does not write, not even while its thread runs"));
     EXPECT_EQ(log.count("Illegal operation!" + name), 2);
 
     writer->subscribeObserver(&collector);
-    ASSERT_TRUE(waitUntil([&] { return log.count("Illegal operation!" + name) == 3; }));
+    ASSERT_TRUE(eventually([&] { return log.count("Illegal operation!" + name) == 3; }));
     EXPECT_TRUE(write(*writer, "two"));
     writer->unsubscribeObserver(&collector);
     ASSERT_TRUE(collector.waitForCount(2));

@@ -48,7 +48,7 @@ TEST(SegmentAcrossProcesses, ManyMessagesKeepContentAndOrder) {
     reader->subscribeObserver(&checker);
     ChildProcess source("segmentSource", {"0", name, "64", "1", std::to_string(count)});
     source.writeLine("go");
-    EXPECT_TRUE(waitUntil([&] { return checker.count() == count; }, std::chrono::seconds(60)));
+    EXPECT_TRUE(eventually([&] { return checker.count() == count; }, std::chrono::seconds(60)));
     EXPECT_EQ(checker.wrong(), 0) << checker.firstWrong();
     EXPECT_EQ(source.wait(), 0);
 }
@@ -108,7 +108,7 @@ TEST(SegmentAcrossProcesses, AReaderGoesOnAfterEachWriterThatIsKilled) {
         ASSERT_EQ(writer.readLine(), "ready");
         const auto start = Clock::now();
         ASSERT_TRUE(
-            waitUntil([&] { return checker.source() == static_cast<std::uint32_t>(generation); }));
+            eventually([&] { return checker.source() == static_cast<std::uint32_t>(generation); }));
         ASSERT_LT(since(start), milliseconds(1500)) << "generation " << generation;
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
         writer.kill();

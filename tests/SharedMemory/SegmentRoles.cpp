@@ -1,6 +1,6 @@
 // What the child processes of the segment tests do.
 #include <cstdio>
-#include <iostream>
+#include <utility>
 
 #include "ActiveVirtualChannelAgentRecorder.h"
 #include "ChildProcess.h"
@@ -12,23 +12,14 @@
 namespace {
 
 using namespace segmenttest;
+using testsupport::hear;
+using testsupport::say;
 
 std::shared_ptr<SharedMemoryI> segment(ESharedMemoryType type) {
     return getSharedMemoryInstance(type);
 }
 
 unsigned int number(const std::string& text) { return static_cast<unsigned int>(std::stoul(text)); }
-
-void say(const char* text) {
-    std::puts(text);
-    std::fflush(stdout);
-}
-
-// Waits for a line from the parent, or for its end.
-void await() {
-    std::string line;
-    std::getline(std::cin, line);
-}
 
 // Lengths of all kinds, the same for every number.
 std::size_t lengthOf(std::uint32_t messageNumber, std::size_t longest) {
@@ -56,7 +47,7 @@ CHILD_ROLE(segmentSource) {
     const unsigned int count = number(args[4]);
     if (!out->Create(args[1], capacity)) return 1;
     say("ready");
-    if (count != 0) await();
+    if (count != 0) hear();
     for (std::uint32_t i = 0; count == 0 || i < count; ++i) {
         const std::size_t longest = args[0] == "1" ? capacity : 3 * capacity;
         const auto message = numberedMessage({number(args[3]), i}, lengthOf(i, longest));
@@ -87,7 +78,7 @@ CHILD_ROLE(segmentOneMessage) {
     if (!out->Create(args[0], number(args[1]))) return 1;
     const auto start = Clock::now();
     if (!write(*out, "late writer")) return 2;
-    say(std::to_string(since(start).count()).c_str());
+    say(std::to_string(since(start).count()));
     return 0;
 }
 
@@ -96,7 +87,7 @@ CHILD_ROLE(segmentLockHolder) {
     MultipleWritersOneReaderSM out;
     if (!out.Create(args[0], number(args[1])) || !out.LockWrite(2000)) return 1;
     say("locked");
-    await();
+    hear();
     return 0;
 }
 
@@ -117,12 +108,12 @@ CHILD_ROLE(segmentListener) {
             std::printf("after %u came %ld\n", previous.value_or(0), id ? long{id->number} : -1L);
             return 2;
         }
-        if (!previous) say(std::to_string(id->number).c_str());
+        if (!previous) say(std::to_string(id->number));
         previous = id->number;
         if (id->number == last) break;
     }
     in->Close();
-    say(("left after " + std::to_string(*previous)).c_str());
+    say("left after " + std::to_string(*previous));
     return 0;
 }
 
@@ -132,10 +123,10 @@ CHILD_ROLE(segmentOtherAgent) {
     for (int i = 0; i < 2; ++i) {
         if (!recorder.markCurrentVirtualChannelAgentAsActive()) return 1;
         say("active");
-        await();
+        hear();
         recorder.clearActiveVirtualChannelAgent();
         say("inactive");
-        await();
+        hear();
     }
     return 0;
 }
@@ -182,7 +173,7 @@ CHILD_ROLE(segmentIdleReader) {
     if (!in->Open(args[1], 65536)) return 1;
     in->subscribeObserver(&collector);
     say("ready");
-    await();
+    hear();
     return 0;
 }
 

@@ -48,15 +48,6 @@ std::optional<Numbered> readNumbered(const std::string& message) {
     return id;
 }
 
-bool waitUntil(const std::function<bool()>& condition, milliseconds limit) {
-    const auto deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(milliseconds(1));
-    }
-    return true;
-}
-
 RawSegment::RawSegment(const std::string& name)
     : RawSegment(std::to_string(geteuid()) + "DEFVDI_", name) {}
 

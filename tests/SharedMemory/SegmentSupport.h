@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "Eventually.h"
 #include "SharedMemoryI.h"
 #include "SharedMemoryMacosx.h"
 
@@ -22,6 +23,7 @@ namespace segmenttest {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+using testsupport::eventually;
 
 // A segment name that no other test of this run has.
 std::string uniqueName();
@@ -45,9 +47,6 @@ inline std::string read(SharedMemoryI& segment, unsigned int timeout = 5000) {
     EXPECT_EQ(length, message.size());
     return message;
 }
-
-bool waitUntil(const std::function<bool()>& condition,
-               milliseconds limit = std::chrono::seconds(20));
 
 inline milliseconds since(Clock::time_point start) {
     return std::chrono::duration_cast<milliseconds>(Clock::now() - start);

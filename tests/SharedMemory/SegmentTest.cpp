@@ -57,7 +57,7 @@ TEST(SegmentLayoutTest, ChunksOfALongMessageAreNumberedFromOne) {
     ASSERT_TRUE(consumed.create(("ED992248_" + name + "_write_condition").c_str()));
     const std::string chunks[] = {"0123456789", "abcdefghij", std::string("XYZ\0\0\0\0\0\0\0", 10)};
     for (unsigned int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(waitUntil([&] { return raw.word64(16) == i + 1; }));
+        ASSERT_TRUE(eventually([&] { return raw.word64(16) == i + 1; }));
         EXPECT_EQ(raw.word32(32), 3U);
         EXPECT_EQ(raw.word32(36), i + 1);
         EXPECT_EQ(raw.word32(40), 23U);
@@ -187,7 +187,7 @@ TEST(SegmentTest, AWholeMessageCanBeTakenAsAnArray) {
     unsigned int length = 0;
     EXPECT_FALSE(reader->ReadData(&data, length));
     auto written = std::async([&] { return write(*writer, std::string(40, 'q')); });
-    ASSERT_TRUE(waitUntil([&] { return reader->ReadData(&data, length); }));
+    ASSERT_TRUE(eventually([&] { return reader->ReadData(&data, length); }));
     const std::unique_ptr<char[]> owned(static_cast<char*>(data));
     EXPECT_EQ(std::string(owned.get(), length), std::string(40, 'q'));
     EXPECT_TRUE(written.get());

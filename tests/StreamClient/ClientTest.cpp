@@ -206,9 +206,11 @@ TEST(ClientTest, ClosingEndsEveryWaitAndTheStreamsStayHarmless) {
 }
 
 TEST(ClientTest, MayComeAndGoQuicklyWithAndWithoutAnAgent) {
-    for (int i = 0; i < 5; ++i) Client(plainOptions()).openStream("CTQuick", Direction::Write, 10);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(Client(plainOptions()).openStream("CTQuick", Direction::Write, 10));
     FakeAgent agent(kName);
-    for (int i = 0; i < 5; ++i) Client(plainOptions()).openStream("CTQuick", Direction::Read, 10);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(Client(plainOptions()).openStream("CTQuick", Direction::Read, 10));
 }
 
 }  // namespace

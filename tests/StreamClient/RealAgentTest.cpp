@@ -2,12 +2,12 @@
 // itself: what comes on "Media" goes back on "Basic".
 #include <gmock/gmock.h>
 
-#include <cstdio>
 #include <future>
 #include <string>
 #include <thread>
 
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "FakeAgent.h"
 #include "NorvoStreamClient.h"
 #include "Rounds.h"
@@ -105,9 +105,8 @@ CHILD_ROLE(echo_agent) {
     EchoChannel channel;
     VirtualChannelAgent::Agent agent(&channel, "echo");
     agent.OnVirtualChannelAvailabilityChange(true);
-    std::puts("ready");
-    std::fflush(stdout);
-    std::getchar();
+    testsupport::say("ready");
+    testsupport::hear();
     agent.stop();
     return 0;
 }
@@ -187,10 +186,7 @@ TEST(RealAgentAcrossProcesses, StreamsComeBackAfterTheAgentWasKilledOrEnded) {
         } else {
             agent.kill();
         }
-        const auto deadline = std::chrono::steady_clock::now() + kLong;
-        while (client.isConnected() && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(1ms);
-        ASSERT_FALSE(client.isConnected()) << i;
+        ASSERT_TRUE(testsupport::eventually([&] { return !client.isConnected(); }, kLong)) << i;
         EXPECT_FALSE(streams.in->isUp());
     }
     client.close();

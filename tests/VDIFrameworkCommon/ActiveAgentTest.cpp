@@ -12,7 +12,6 @@
 #include "ActiveVirtualChannelAgentRecorder.h"
 #include "AgentMark.h"
 #include "ChildProcess.h"
-#include "LogCapture.h"
 #include "Rounds.h"
 #include "SharedBlock.h"
 

@@ -5,23 +5,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
+#include "FileContent.h"
 #include "TempDir.h"
 
 using KLT::kltlogger::LogFile;
+using testsupport::contentOf;
 using testsupport::TempDir;
-
-namespace {
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-}  // namespace
 
 TEST(LogFile, MakesItsDirectoryForTheOwnerOnly) {
     TempDir dir;

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "NamedMutex.h"
 #include "SharedBlock.h"
@@ -99,7 +100,7 @@ TEST_P(NamedConditionTest, EveryWaitingThreadWakesAlsoOfTheNotifyingHandle) {
         });
     }
     // A thread that has counted itself gives the mutex back only inside its wait.
-    EXPECT_TRUE(testsupport::comesTrue([&] {
+    EXPECT_TRUE(testsupport::eventually([&] {
         EXPECT_TRUE(m_mutex.lock());
         const bool allWait = woken == 4;
         EXPECT_TRUE(m_mutex.unlock());
@@ -160,7 +161,7 @@ TEST(NamedConditionLimit, AMutexThatIsNotFreeAgainIsReported) {
         EXPECT_TRUE(other.create("stolen") && notifier.create("stolen") && other.lockFor(20s));
         notifier.notify();
         // Held until the waiter has given up.
-        EXPECT_TRUE(testsupport::comesTrue([&] { return log.contains("Mutex not free again"); }));
+        EXPECT_TRUE(testsupport::eventually([&] { return log.contains("Mutex not free again"); }));
         EXPECT_TRUE(other.unlock());
     });
     EXPECT_FALSE(condition.timed_wait(mutex, kLong));

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "LogCapture.h"
+#include "Eventually.h"
 #include "NamedMutex.h"
 #include "ProcessIdentity.h"
 #include "Rounds.h"
@@ -218,7 +218,7 @@ TEST_P(NamedMutexAcrossProcesses, UnlockFreesWhatADeadProcessLeftAndNothingOfALi
             // Its output ends when it has become a zombie.
             EXPECT_EQ(victim.readLine(), "");
         }
-        EXPECT_TRUE(testsupport::comesTrue([&] { return mutex.unlock(); }));
+        EXPECT_TRUE(testsupport::eventually([&] { return mutex.unlock(); }));
         EXPECT_TRUE(mutex.lockFor(0ms));
         EXPECT_TRUE(mutex.unlock());
     }

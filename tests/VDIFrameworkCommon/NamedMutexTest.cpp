@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "NamedObject.h"
 #include "Rounds.h"
@@ -82,7 +83,7 @@ TEST_P(NamedMutexTest, AWaiterGetsTheLockWhenItIsReleasedNotWhenItsTimeIsOver) {
         EXPECT_TRUE(mutex.unlock());
     });
     // The waiter leaves its mark on the word when it is about to sleep.
-    EXPECT_TRUE(testsupport::comesTrue(
+    EXPECT_TRUE(testsupport::eventually(
         [&] { return (m_object->words().owner & ProcessIdentity::kUserBit) != 0; }));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(m_mutex.unlock());

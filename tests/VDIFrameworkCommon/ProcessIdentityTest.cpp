@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "ChildProcess.h"
-#include "SharedBlock.h"
+#include "Eventually.h"
 
 using testsupport::ChildProcess;
 using VDIFrameworkCommon::ProcessIdentity;
@@ -20,7 +20,7 @@ ProcessIdentity::Word identityFrom(ChildProcess& child) { return std::stoull(chi
 void tellIdentity() { testsupport::say(std::to_string(ProcessIdentity::own())); }
 
 bool comesToBeGone(ProcessIdentity::Word word) {
-    return testsupport::comesTrue([&] { return ProcessIdentity::isGone(word); });
+    return testsupport::eventually([&] { return ProcessIdentity::isGone(word); });
 }
 
 }  // namespace

@@ -12,11 +12,10 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <thread>
 
 #include "ApplicationBundle.h"
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "LogCapture.h"
 #include "ProcessLaunch.h"
 #include "ProcessMatcher.h"
@@ -27,6 +26,7 @@ using testing::ElementsAre;
 using testing::SizeIs;
 using testsupport::argumentsOf;
 using testsupport::ChildProcess;
+using testsupport::eventually;
 using testsupport::LogCapture;
 using testsupport::statusOf;
 using testsupport::TestApplication;
@@ -38,15 +38,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char kIdentifier[] = "com.norvo.test.Companion";
-
-bool waitUntil(const std::function<bool()>& holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 // Signals 32 and 33 are not the program's to set.
 constexpr unsigned long long kOfTheThreadLibrary = 3ULL << 31;
@@ -72,7 +63,7 @@ TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArguments) {
     ASSERT_TRUE(ProcessUtils::createProcessAtURL(app.path() + '/', {"launchermode", "1 2"}));
     const auto processes = app.processes();
     ASSERT_THAT(processes, SizeIs(1)) << "must be there when the call returns";
-    EXPECT_TRUE(waitUntil([&] { return !argumentsOf(processes[0]).empty(); }));
+    EXPECT_TRUE(eventually([&] { return !argumentsOf(processes[0]).empty(); }));
     EXPECT_THAT(argumentsOf(processes[0]), ElementsAre("launchermode", "1 2"));
 }
 
@@ -114,7 +105,7 @@ TEST_F(ProcessUtilsAcrossProcesses, AProgramIsFoundByNamePathBundleAndIdentifier
         EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
     }
     kill(app.processes().at(0), SIGKILL);
-    EXPECT_TRUE(waitUntil([] { return !ProcessUtils::isProcessRunning(kIdentifier); }));
+    EXPECT_TRUE(eventually([] { return !ProcessUtils::isProcessRunning(kIdentifier); }));
 }
 
 TEST_F(ProcessUtilsAcrossProcesses, AProgramWhoseFileWasReplacedIsStillFound) {
@@ -150,9 +141,8 @@ TEST_F(ProcessUtilsAcrossProcesses, WhatCannotBeStartedIsReportedOnce) {
 
 CHILD_ROLE(bundleStarter) {
     VDIFrameworkCommon::redirectApplications(args[0]);
-    std::puts("ready");
-    std::fflush(stdout);
-    std::getchar();
+    testsupport::say("ready");
+    testsupport::hear();
     return ProcessUtils::createProcessAtURL("/Applications/Companion.app", {}) ? 0 : 1;
 }
 
@@ -181,7 +171,7 @@ TEST_F(ProcessUtilsAcrossProcesses, AScriptIsFoundAsTheProgramOfItsBundle) {
     EXPECT_TRUE(ProcessUtils::isProcessRunning(kIdentifier));
     const auto running = [&] { return VDIFrameworkCommon::processesNamed(app.program()).size(); };
     // Between fork and exec, what the shell starts looks like the shell.
-    EXPECT_TRUE(waitUntil([&] { return running() == 1; }));
+    EXPECT_TRUE(eventually([&] { return running() == 1; }));
     ProcessUtils::terminateProcess(kIdentifier);
     EXPECT_EQ(running(), 0U);
     EXPECT_TRUE(ProcessUtils::isProcessRunning(reader));
@@ -194,7 +184,7 @@ TEST_F(ProcessUtilsAcrossProcesses, WhatWillNotEndIsEndedByForce) {
     const auto ignoresTerm = [](pid_t pid) {
         return (signalsOf(pid, "SigIgn") & 1ULL << (SIGTERM - 1)) != 0;
     };
-    ASSERT_TRUE(waitUntil([&] {
+    ASSERT_TRUE(eventually([&] {
         const auto processes = app.processes();
         return processes.size() == 2 &&
                std::count_if(processes.begin(), processes.end(), ignoresTerm) == 1;
@@ -235,8 +225,8 @@ TEST_F(ProcessUtilsAcrossProcesses, TheCallerIsNeverTerminated) {
     ASSERT_TRUE(ProcessUtils::isProcessRunning(copy));
     const std::string mark = app.folder() + "/mark";
     ASSERT_TRUE(launchDetached(copy, {"--child-role", "terminatorOfItsOwnName", mark}));
-    EXPECT_TRUE(waitUntil([&] { return fs::exists(mark); }));
-    EXPECT_TRUE(waitUntil([&] { return !ProcessUtils::isProcessRunning(copy); }));
+    EXPECT_TRUE(eventually([&] { return fs::exists(mark); }));
+    EXPECT_TRUE(eventually([&] { return !ProcessUtils::isProcessRunning(copy); }));
 }
 
 TEST(ProcessUtils, SaysWhoRuns) {

@@ -72,30 +72,6 @@ inline std::chrono::milliseconds since(std::chrono::steady_clock::time_point sta
                                                                  start);
 }
 
-// Waits for something that takes no more than a moment; false when it has not come after 20 s.
-template <class Condition>
-bool comesTrue(Condition condition) {
-    const auto start = std::chrono::steady_clock::now();
-    while (!condition()) {
-        if (since(start) > std::chrono::seconds(20)) return false;
-        usleep(200);
-    }
-    return true;
-}
-
-// Prints a line for the parent's readLine().
-inline void say(const std::string& line) {
-    std::puts(line.c_str());
-    std::fflush(stdout);
-}
-
-// Waits for a line or the end of input from the parent.
-inline void hear() {
-    int c = 0;
-    while ((c = std::getchar()) != EOF && c != '\n') {
-    }
-}
-
 }  // namespace testsupport
 
 #define INSTANTIATE_EACH_BACKEND(suite)                                                   \

@@ -3,16 +3,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "Eventually.h"
 #include "Subprocess.h"
 #include "TempDir.h"
 
@@ -67,21 +66,11 @@ int livingPeersOf(pid_t process) {
 }
 
 bool waitForNoPeers(pid_t process) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (livingPeersOf(process) != 0) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
+    return testsupport::eventually([=] { return livingPeersOf(process) == 0; });
 }
 
 bool waitForObjects(pid_t process) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (sharedObjectsOf(process) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
+    return testsupport::eventually([=] { return sharedObjectsOf(process) != 0; });
 }
 
 TEST(NorvoBenchAcrossProcesses, ListsWhatItMeasures) {

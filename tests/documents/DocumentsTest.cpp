@@ -2,26 +2,20 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <set>
 #include <sstream>
 
+#include "FileContent.h"
 #include "Subprocess.h"
 
 namespace {
 
+using testsupport::contentOf;
 using Words = std::set<std::string>;
 
 const std::filesystem::path kRoot = NORVO_ROOT;
-
-std::string contentOf(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 std::string outputOf(const std::vector<std::string>& command) {
     support::Subprocess process(command);

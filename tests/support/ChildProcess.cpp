@@ -1,5 +1,6 @@
 #include "ChildProcess.h"
 
+#include <cstdio>
 #include <cstring>
 #include <map>
 
@@ -36,6 +37,17 @@ int runChildRole(int argc, char** argv) {
     const auto role = roles().find(argv[2]);
     if (role == roles().end()) return 127;
     return role->second(std::vector<std::string>(argv + 3, argv + argc));
+}
+
+void say(const std::string& line) {
+    std::puts(line.c_str());
+    std::fflush(stdout);
+}
+
+void hear() {
+    int c = 0;
+    while ((c = std::getchar()) != EOF && c != '\n') {
+    }
 }
 
 ChildProcess::ChildProcess(const std::string& role, const std::vector<std::string>& args,

@@ -1,7 +1,7 @@
 // Real child processes for tests: the test program starts itself again in a named role.
 //
 //     CHILD_ROLE(writer) {                       // runs in the child; args are the strings given
-//         ...; std::puts("ready"); std::fflush(stdout); return 0;
+//         ...; say("ready"); return 0;
 //     }
 //     ChildProcess child("writer", {"100"});
 //     EXPECT_EQ(child.readLine(), "ready");
@@ -23,7 +23,7 @@ namespace testsupport {
 
 class ChildProcess : public support::Subprocess {
 public:
-    // Starts the role. `environment` adds to ("NAME=value") this process's environment.
+    // Starts the role. `environment` as for Subprocess.
     explicit ChildProcess(const std::string& role, const std::vector<std::string>& args = {},
                           const std::vector<std::string>& environment = {});
 };
@@ -33,6 +33,11 @@ using ChildMain = int (*)(const std::vector<std::string>& args);
 struct ChildRole {
     ChildRole(const char* name, ChildMain main);
 };
+
+// For roles: print a line for the parent's readLine(), and wait for a line of the parent or the end
+// of its input.
+void say(const std::string& line);
+void hear();
 
 // For main(): whether the command line names a role, and running it (-1 when it names none).
 bool isChildRole(int argc, char** argv);

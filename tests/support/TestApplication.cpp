@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "ApplicationBundle.h"
+#include "FileContent.h"
 
 namespace testsupport {
 
@@ -29,13 +30,6 @@ std::string describe(const std::string& name, const std::string& identifier) {
 </dict>
 </plist>
 )";
-}
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 }  // namespace

@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "Eventually.h"
+#include "FileContent.h"
 #include "SessionObjects.h"
 #include "Subprocess.h"
 #include "TempDir.h"
@@ -25,19 +27,13 @@ namespace {
 
 using namespace std::chrono_literals;
 using support::Subprocess;
+using testsupport::contentOf;
 using testsupport::TempDir;
 
 struct Outcome {
     int status;
     std::string text;  // of standard output and standard error
 };
-
-std::string contentOf(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 // One end: a session namespace with a home directory of its own.
 class Side {
@@ -378,8 +374,7 @@ TEST_F(VcctlAcrossProcesses, ADemoThatIsKilledTakesItsProcessesWithIt) {
     demo.kill();
     demo.wait(10s);
     for (const std::string& child : children) {
-        for (int i = 0; i < 2000 && isAlive(child); ++i) std::this_thread::sleep_for(10ms);
-        EXPECT_FALSE(isAlive(child));
+        EXPECT_TRUE(testsupport::eventually([&] { return !isAlive(child); }));
     }
     for (const char* end : {"a", "b"}) {
         support::removeSessionObjects("demo" + std::to_string(demo.pid()) + end);

@@ -1,4 +1,4 @@
-// What all channels have in common runs on each of them; what a kind has of its own is at the end.
+// What all channels have in common; what a kind has of its own is in ChannelKindTest.cpp.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -6,23 +6,16 @@
 #include <future>
 #include <thread>
 
-#include "CitrixVirtualChannel.h"
+#include "ChannelSupport.h"
 #include "FakeHost.h"
 #include "KRANRunner.h"
 #include "LogCapture.h"
-#include "ProcessUtils.h"
-#include "RDPVirtualChannel.h"
-#include "TCPSocketVirtualChannel.h"
-#include "VDIRunnerCounter.h"
-#include "VMWareVirtualChannel.h"
 #include "WorkRecord.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using VDIFrameworkCommon::ProcessUtils;
-using VDIFrameworkCommon::VDIRunnerCounter;
 
 namespace {
 
@@ -53,24 +46,6 @@ Traits traitsOf<RDPVirtualChannel>() {
 template <>
 Traits traitsOf<TCPSocketVirtualChannel>() {
     return {4, 1500, 0, true, false, 1, "TCPSocketVirtualChannel"};
-}
-
-unsigned int runners() {
-    return VDIRunnerCounter::getInstance().count(ProcessUtils::getCurrentProcessId());
-}
-
-void forgetRunners() {
-    while (runners() != 0) {
-        VDIRunnerCounter::getInstance().removeRunner(ProcessUtils::getCurrentProcessId());
-    }
-}
-
-int send(TransportChannel& channel, const std::string& message, bool lowPriority = false) {
-    return channel.SendData(message.data(), static_cast<unsigned int>(message.size()), lowPriority);
-}
-
-int receive(TransportChannel& channel, const Bytes& packet) {
-    return channel.ReceiveData(packet.data(), static_cast<unsigned int>(packet.size()));
 }
 
 }  // namespace
@@ -104,9 +79,6 @@ protected:
         m_pauses.push_back(m_host.packets().size());
     }};
 };
-
-using Kinds = testing::Types<CitrixVirtualChannel, VMWareVirtualChannel, RDPVirtualChannel,
-                             TCPSocketVirtualChannel>;
 TYPED_TEST_SUITE(ChannelTest, Kinds);
 
 TYPED_TEST(ChannelTest, SaysWhatItIs) {
@@ -157,10 +129,7 @@ TYPED_TEST(ChannelTest, MixesInALowPriorityMessageAfterThreeOthers) {
     this->open();
     Door door;
     Journal entered;
-    this->m_host.onPacket = [&] {
-        entered.add("packet");
-        door.pass();
-    };
+    holdUp(this->m_host, entered, door);
     send(this->m_channel, "first");
     ASSERT_TRUE(entered.waitFor(1));
     for (const char* message : {"l1", "l2"}) send(this->m_channel, message, true);
@@ -195,10 +164,7 @@ TYPED_TEST(ChannelTest, LosingThePeerDropsWhatIsNotSentYet) {
     this->open();
     Door door;
     Journal entered;
-    this->m_host.onPacket = [&] {
-        entered.add("packet");
-        door.pass();
-    };
+    holdUp(this->m_host, entered, door);
     send(this->m_channel, "under way");
     ASSERT_TRUE(entered.waitFor(1));
     send(this->m_channel, "dropped");
@@ -390,130 +356,4 @@ TYPED_TEST(ChannelTest, NeedsAnActiveChannelWhereTheKindSaysSo) {
     this->m_channel.ChannelActive(1);
     this->receiveAll("heard");
     EXPECT_EQ(this->m_observer.calls().back(), "heard");
-}
-
-// ---- What each kind has of its own
-
-TEST(CitrixVirtualChannelTest, RefusesEverythingAfterShutdown) {
-    LogCapture log;
-    FakeHost host;
-    FakeObserver observer;
-    CitrixVirtualChannel channel;
-    channel.AddObserver(&observer);
-    channel.Shutdown();
-    EXPECT_EQ(send(channel, "m"), -1);
-    EXPECT_EQ(channel.ReceiveData(nullptr, 0), -1);
-    EXPECT_EQ(log.count("virtual channel is shutdown return."), 2);
-    channel.ResetChannel();
-    channel.onAgentStateChange(false);
-    channel.ChannelActive(1);
-    channel.Shutdown();
-    EXPECT_THAT(observer.calls(), ElementsAre("shutdown", "up", "shutdown"));
-    EXPECT_THAT(host.packets(), IsEmpty());
-}
-
-TEST(CitrixVirtualChannelTest, ShutdownWithoutAnObserverOnlyRefuses) {
-    CitrixVirtualChannel channel;
-    const unsigned int before = runners();
-    channel.Shutdown();
-    EXPECT_EQ(runners(), before);
-    EXPECT_EQ(send(channel, "m"), -1);
-}
-
-TEST(CitrixVirtualChannelTest, ShutdownLeavesACallbackBehindThatDoesNotReturn) {
-    LogCapture log;
-    FakeHost host;
-    FakeObserver observer;
-    CitrixVirtualChannel channel;
-    channel.AddObserver(&observer);
-    Door door;
-    Journal entered;
-    host.onPacket = [&] {
-        entered.add("packet");
-        door.pass();
-    };
-    send(channel, "stuck");
-    ASSERT_TRUE(entered.waitFor(1));
-    send(channel, "never sent");
-    channel.Shutdown();
-    EXPECT_TRUE(log.contains("A call of the append callback is under way"));
-    door.open();
-    ASSERT_TRUE(host.waitFor(1));
-    EXPECT_THAT(host.messages(), ElementsAre("stuck"));
-}
-
-TEST(CitrixVirtualChannelTest, TellsTheSessionsWindow) {
-    LogCapture log;
-    CitrixVirtualChannel channel;
-    EXPECT_EQ(channel.GetICAWindowInfo().xWinWidth, 0U);
-    FakeHost::host().setGetWindowInfo(
-        [] { return ICAWindowInfo{nullptr, 7, 100, 200, 300, 400, -5, -6, 9}; });
-    const ICAWindowInfo info = channel.GetICAWindowInfo();
-    FakeHost::host().setGetWindowInfo(nullptr);
-    EXPECT_EQ(info.reserved, 7U);
-    EXPECT_EQ(info.yViewOffset, -6);
-    EXPECT_TRUE(
-        log.contains("hwnd:0x0 xWinWidth:100 yWinHeight:200 xViewWidth:300 "
-                     "yViewHeight:400 xViewOffset:-5 yViewOffset:-6"));
-}
-
-TEST(RDPVirtualChannelTest, GoesOnAfterShutdown) {
-    FakeHost host;
-    FakeObserver observer;
-    RDPVirtualChannel channel;
-    channel.AddObserver(&observer);
-    channel.Shutdown();
-    EXPECT_EQ(send(channel, "still sent"), 0);
-    ASSERT_TRUE(host.waitFor(1));
-    receive(channel, packetsOf("still heard", 1500).front());
-    EXPECT_THAT(observer.calls(), ElementsAre("shutdown", "still heard"));
-}
-
-TEST(RDPVirtualChannelTest, CountsARunnerWithEveryInitialisation) {
-    forgetRunners();
-    RDPVirtualChannel channel;
-    channel.OnChannelInitialize();
-    channel.OnChannelInitialize();
-    EXPECT_EQ(runners(), 2U);
-    channel.Shutdown();
-    EXPECT_EQ(runners(), 1U);
-}
-
-TEST(RDPVirtualChannelTest, TracesEverySendWithItsPriorityAndSize) {
-    LogCapture log;
-    RDPVirtualChannel channel;
-    send(channel, "12345", true);
-    EXPECT_TRUE(log.contains("RDPVirtualChannel::SendData(),lowPriority = 1, size = 5"));
-}
-
-TEST(TCPSocketVirtualChannelTest, ShutdownClosesItUntilItIsActiveAgain) {
-    FakeHost host;
-    FakeObserver observer;
-    TCPSocketVirtualChannel channel;
-    channel.AddObserver(&observer);
-    channel.ChannelActive(1);
-    channel.Shutdown();
-    EXPECT_EQ(send(channel, "dropped"), 0);
-    EXPECT_EQ(receive(channel, packetsOf("unheard", 1500).front()), 0);
-    channel.ChannelActive(1);
-    send(channel, "sent");
-    ASSERT_TRUE(host.waitFor(1));
-    EXPECT_THAT(host.messages(), ElementsAre("sent"));
-    EXPECT_THAT(observer.calls(), ElementsAre("up", "shutdown", "up"));
-}
-
-TEST(VMWareVirtualChannelTest, GoesOnAfterShutdownUntilItIsInactive) {
-    FakeHost host;
-    FakeObserver observer;
-    VMWareVirtualChannel channel;
-    channel.AddObserver(&observer);
-    channel.ChannelActive(1);
-    channel.Shutdown();
-    send(channel, "sent");
-    channel.ChannelActive(0);
-    send(channel, "dropped");
-    receive(channel, packetsOf("unheard", 1000).front());
-    ASSERT_TRUE(host.waitFor(1));
-    EXPECT_THAT(host.messages(), ElementsAre("sent"));
-    EXPECT_THAT(observer.calls(), ElementsAre("up", "shutdown", "down"));
 }

@@ -9,15 +9,12 @@
 #include <mutex>
 #include <thread>
 
+#include "ChannelSupport.h"
 #include "ChildProcess.h"
-#include "CitrixVirtualChannel.h"
 #include "FakeHost.h"
 #include "LanguageAbstraction.h"
 #include "LogCapture.h"
-#include "RDPVirtualChannel.h"
 #include "Rounds.h"
-#include "TCPSocketVirtualChannel.h"
-#include "VMWareVirtualChannel.h"
 #include "WorkRecord.h"
 
 using namespace NorvoVirtualChannel::tc;
@@ -292,9 +289,6 @@ INSTANTIATE_TEST_SUITE_P(All, HostMisuseAcrossProcesses,
 
 template <class Channel>
 class ShutdownRaceTest : public testing::Test {};
-
-using Kinds = testing::Types<CitrixVirtualChannel, VMWareVirtualChannel, RDPVirtualChannel,
-                             TCPSocketVirtualChannel>;
 TYPED_TEST_SUITE(ShutdownRaceTest, Kinds);
 
 TYPED_TEST(ShutdownRaceTest, ReceivesSendsAndAvailabilityRaceShutdown) {

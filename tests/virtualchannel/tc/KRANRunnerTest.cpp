@@ -8,11 +8,11 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
-#include <functional>
 #include <thread>
 
 #include "ApplicationBundle.h"
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "FileUtils.h"
 #include "LogCapture.h"
 #include "ProcessUtils.h"
@@ -24,6 +24,7 @@ using namespace NorvoVirtualChannel::tc;
 using testing::ElementsAre;
 using testing::SizeIs;
 using testsupport::ChildProcess;
+using testsupport::eventually;
 using testsupport::LogCapture;
 using testsupport::TestApplication;
 using VDIFrameworkCommon::FileUtils;
@@ -31,15 +32,6 @@ using VDIFrameworkCommon::VDIClientInfo;
 namespace VDIClientType = VDIFrameworkCommon::VDIClientType;
 
 namespace {
-
-bool waitUntil(const std::function<bool()>& holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 // The file that keeps a stopped application stopped.
 class StopMarker {
@@ -80,11 +72,11 @@ TEST_F(KRANRunnerAcrossProcesses, TheApplicationIsKeptRunningUntilTheStop) {
     startKRAN();
     const auto first = app.waitForProcesses(1);
     ASSERT_THAT(first, SizeIs(1));
-    EXPECT_TRUE(waitUntil([&] { return !testsupport::argumentsOf(first[0]).empty(); }));
+    EXPECT_TRUE(eventually([&] { return !testsupport::argumentsOf(first[0]).empty(); }));
     EXPECT_THAT(testsupport::argumentsOf(first[0]), ElementsAre("launchermode", "9.8.7"));
 
     kill(first[0], SIGKILL);
-    ASSERT_TRUE(waitUntil([&] {
+    ASSERT_TRUE(eventually([&] {
         const auto now = app.processes();
         return now.size() == 1 && now[0] != first[0];
     })) << "was not launched again";
@@ -100,7 +92,7 @@ TEST_F(KRANRunnerAcrossProcesses, AMarkerKeepsItStoppedAndItsRemovalLaunchesIt) 
     startKRAN();
     const std::string line =
         "thinclient stopped running, but " + marker.path() + " file exists, so we won't restart it";
-    ASSERT_TRUE(waitUntil([&] { return log.count(line) >= 2; }));
+    ASSERT_TRUE(eventually([&] { return log.count(line) >= 2; }));
     EXPECT_THAT(app.processes(), SizeIs(0));
     EXPECT_FALSE(log.contains("run thin client."));
 
@@ -115,7 +107,7 @@ TEST_F(KRANRunnerAcrossProcesses, AnApplicationThatRunsAlreadyIsTakenOver) {
     ASSERT_TRUE(VDIFrameworkCommon::ProcessUtils::createProcessAtURL(app.path(), {"by", "hand"}));
     LogCapture log;
     startKRAN();
-    ASSERT_TRUE(waitUntil([&] { return log.contains("KRAN runner thread start."); }));
+    ASSERT_TRUE(eventually([&] { return log.contains("KRAN runner thread start."); }));
     stopKRAN();
     EXPECT_FALSE(log.contains("run thin client."));
     EXPECT_THAT(app.processes(), SizeIs(0));
@@ -127,7 +119,7 @@ TEST_F(KRANRunnerAcrossProcesses, TheLauncherGetsNoArgumentsWithoutAPeerVersion)
     startKRAN();
     const auto processes = app.waitForProcesses(1);
     ASSERT_THAT(processes, SizeIs(1));
-    EXPECT_TRUE(waitUntil([&] { return !testsupport::statusOf(processes[0], "State").empty(); }));
+    EXPECT_TRUE(eventually([&] { return !testsupport::statusOf(processes[0], "State").empty(); }));
     EXPECT_THAT(testsupport::argumentsOf(processes[0]), SizeIs(0));
 }
 
@@ -145,7 +137,7 @@ TEST_F(KRANRunnerAcrossProcesses, AnotherClientTypeRunsNothing) {
     VDIClientInfo::getInstance().setClientType(VDIClientType::Unknown);
     LogCapture log;
     startKRAN();
-    ASSERT_TRUE(waitUntil([&] { return log.contains("run thin client."); }));
+    ASSERT_TRUE(eventually([&] { return log.contains("run thin client."); }));
     stopKRAN();
     EXPECT_TRUE(log.contains("kill thinclient processes"));
     EXPECT_THAT(app.processes(), SizeIs(0));
@@ -155,7 +147,7 @@ TEST_F(KRANRunnerAcrossProcesses, StartAndStopAreTracedInOrder) {
     VDIClientInfo::getInstance().setClientType(VDIClientType::Unknown);
     LogCapture log;
     startKRAN();
-    ASSERT_TRUE(waitUntil([&] { return log.contains("run thin client."); }));
+    ASSERT_TRUE(eventually([&] { return log.contains("run thin client."); }));
     startKRAN();
     stopKRAN();
     stopKRAN();
@@ -184,15 +176,13 @@ TEST_F(KRANRunnerAcrossProcesses, AStopDoesNotWaitForTheRoundToEnd) {
 CHILD_ROLE(runningPlugin) {
     VDIFrameworkCommon::redirectApplications(args[0]);
     VDIClientInfo::getInstance().setClientType(VDIClientType::Crews);
-    std::puts("ready");
-    std::fflush(stdout);
-    std::getchar();
+    testsupport::say("ready");
+    testsupport::hear();
     startKRAN();
-    const bool found = waitUntil(
+    const bool found = eventually(
         [] { return VDIFrameworkCommon::ProcessUtils::isProcessRunning(kLauncherIdentifier); });
-    std::puts(found ? "running" : "missing");
-    std::fflush(stdout);
-    std::getchar();
+    testsupport::say(found ? "running" : "missing");
+    testsupport::hear();
     if (args[1] == "disconnect") stopKRAN();
     return 0;
 }
@@ -210,14 +200,14 @@ TEST_F(KRANRunnerAcrossProcesses, PluginsThatConnectAtOnceStartItOnce) {
     ASSERT_THAT(processes, SizeIs(1));
 
     kill(processes[0], SIGKILL);
-    ASSERT_TRUE(waitUntil([&] {
+    ASSERT_TRUE(eventually([&] {
         const auto now = app.processes();
         return !now.empty() && now[0] != processes[0];
     }));
     // Long enough for each of them to have had its round.
     std::this_thread::sleep_for(std::chrono::milliseconds(2200));
     EXPECT_LE(app.processes().size(), 1u);
-    EXPECT_TRUE(waitUntil([&] { return app.processes().size() == 1; }));
+    EXPECT_TRUE(eventually([&] { return app.processes().size() == 1; }));
 
     for (auto& plugin : plugins) plugin.writeLine("");
     for (auto& plugin : plugins) EXPECT_EQ(plugin.wait(), 0);

@@ -5,18 +5,17 @@
 #include <sys/resource.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 #include <thread>
 
 #include "ChildProcess.h"
+#include "FileContent.h"
 #include "KLTLogger.h"
 #include "LogCapture.h"
 #include "PluginLog.h"
 #include "Rounds.h"
+#include "TempDir.h"
 #include "WorkRecord.h"
 
 using testing::ElementsAre;
@@ -30,26 +29,14 @@ namespace {
 // A home folder that goes with the test.
 class Home {
 public:
-    Home() {
-        std::string path = std::filesystem::temp_directory_path() / "norvo-home-XXXXXX";
-        m_path = mkdtemp(path.data());
-    }
-    ~Home() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    Home(const Home&) = delete;
-    Home& operator=(const Home&) = delete;
-
-    std::string variable() const { return "HOME=" + m_path; }
+    std::string variable() const { return "HOME=" + m_folder.path(); }
     std::string log() const {
-        std::ifstream file(m_path + "/Library/Logs/norvouvdi/VirtualChannel.log");
-        return {std::istreambuf_iterator<char>(file), {}};
+        return testsupport::contentOf(m_folder / "Library/Logs/norvouvdi/VirtualChannel.log");
     }
-    bool isEmpty() const { return std::filesystem::is_empty(m_path); }
+    bool isEmpty() const { return std::filesystem::is_empty(m_folder.path()); }
 
 private:
-    std::string m_path;
+    testsupport::TempDir m_folder;
 };
 
 int exitStatus() { return testing::Test::HasFailure() ? 1 : 0; }
@@ -74,8 +61,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, HostSmokeAcrossProcesses, testing::Values("1", "
 CHILD_ROLE(logsFromTheHost) {
     LogMessage_VDI(0, "dropped");
     VirtualChannelLogger_flush();
-    std::puts("set up");
-    std::fflush(stdout);
+    testsupport::say("set up");
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) threads.emplace_back([] { LogMessage_VDI(1, "from a thread"); });
     for (auto& thread : threads) thread.join();

@@ -2,7 +2,6 @@
 // and local processes at both ends. NORVO_BACK_TO_BACK_MESSAGES and NORVO_BACK_TO_BACK_ROUNDS set
 // how much is sent and how often the channel goes down; the build target `full_runs` does so.
 #include <gtest/gtest.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,7 +14,7 @@
 #include <thread>
 
 #include "ChildProcess.h"
-#include "FakeMachine.h"
+#include "Eventually.h"
 #include "Rounds.h"
 #include "SessionObjects.h"
 #include "TempDir.h"
@@ -24,6 +23,7 @@
 using namespace std::chrono_literals;
 using testsupport::ChildProcess;
 using testsupport::eventually;
+using testsupport::monotonicNs;
 
 namespace {
 
@@ -136,13 +136,6 @@ std::thread onEachLine(ChildProcess& reader, Each each) {
     return std::thread([&reader, each] {
         for (std::string line; !(line = reader.readLine(180s)).empty();) each(line);
     });
-}
-
-std::uint64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
-           static_cast<std::uint64_t>(now.tv_nsec);
 }
 
 // One way: processes on two sides that can be killed and begun again.

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "FakeMachine.h"
+#include "Eventually.h"
 #include "VCMessage.h"
 #include "VirtualChannel.h"
 

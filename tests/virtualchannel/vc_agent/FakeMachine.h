@@ -15,19 +15,9 @@
 #include <vector>
 
 #include "AgentEnvironment.h"
+#include "Eventually.h"
 
 namespace testsupport {
-
-// Waits, up to 20 s, for something that another thread brings about.
-template <class Predicate>
-bool eventually(const Predicate& predicate) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
 
 // A segment as the agent set it up, seen from its other end.
 class FakeSegment : public SharedMemoryI {

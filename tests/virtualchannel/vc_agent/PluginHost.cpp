@@ -5,7 +5,6 @@
 //     standard input: "active 0", "active 1"; each is answered with "done". Its end ends the host.
 #include <dlfcn.h>
 
-#include <cstdio>
 #include <iostream>
 #include <mutex>
 #include <thread>
@@ -51,8 +50,7 @@ CHILD_ROLE(pluginHost) {
                          plugin.get<decltype(ReceiveData)>("ReceiveData"));
     for (std::string line; std::getline(std::cin, line);) {
         plugin.get<decltype(ChannelActive)>("ChannelActive")(line == "active 1" ? 1 : 0);
-        std::puts("done");
-        std::fflush(stdout);
+        testsupport::say("done");
     }
     plugin.get<decltype(ChannelActive)>("ChannelActive")(0);
     plugin.get<decltype(Shutdown)>("Shutdown")();

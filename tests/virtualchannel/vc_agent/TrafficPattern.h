@@ -1,6 +1,8 @@
 // Messages that say where they come from and can be checked byte by byte.
 #pragma once
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -8,12 +10,20 @@
 
 namespace testsupport {
 
+// The machine's monotonic clock, which all processes share.
+inline std::uint64_t monotonicNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
+           static_cast<std::uint64_t>(now.tv_nsec);
+}
+
 // The beginning of every message.
 struct TrafficHeader {
     std::uint32_t stream;
     std::uint32_t size;      // of the whole message
     std::uint64_t number;    // rises along a stream
-    std::uint64_t sentAtNs;  // monotonic clock of the machine
+    std::uint64_t sentAtNs;  // monotonicNs()
 };
 
 // A writer that begins, or whose last message may not have come through, goes on at the next

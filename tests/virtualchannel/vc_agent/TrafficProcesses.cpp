@@ -1,9 +1,7 @@
 // Local processes that fill and empty streams, each in a process of its own.
-#include <time.h>
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -20,25 +18,18 @@ using NorvoStreamClient::Client;
 using NorvoStreamClient::Direction;
 using NorvoStreamClient::Stream;
 using testsupport::kBeginnings;
+using testsupport::monotonicNs;
 using testsupport::TrafficHeader;
 using testsupport::trafficMessage;
 using testsupport::trafficSize;
 
 namespace {
 
-std::uint64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
-           static_cast<std::uint64_t>(now.tv_nsec);
-}
-
 // A line at a time, from several threads.
 void say(const std::string& line) {
     static std::mutex mutex;
     std::lock_guard lock(mutex);
-    std::puts(line.c_str());
-    std::fflush(stdout);
+    testsupport::say(line);
 }
 
 // How far the readers have come.

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace testsupport {
+
+// Waits, up to `limit`, for something that another thread or process brings about. False when it
+// has not come.
+template <class Predicate>
+bool eventually(const Predicate& predicate,
+                std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+}  // namespace testsupport
