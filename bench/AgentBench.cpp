@@ -1,6 +1,5 @@
 // One routed message through agent, channel and packets in one process: down from a local process's
 // segment to the host's callback, and up from the host's packets into a segment.
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <functional>
@@ -12,12 +11,16 @@
 
 #include "AgentEnvironment.h"
 #include "AllocationCounter.h"
+#include "Arrivals.h"
 #include "CopyCounter.h"
 #include "CpuTime.h"
 #include "Harness.h"
 #include "HostCallbacks.h"
+#include "InfoSegments.h"
+#include "LatencyRecorder.h"
 #include "Packets.h"
 #include "SharedMemoryFactory.h"
+#include "StreamRules.h"
 #include "StreamType.h"
 #include "TCPSocketVirtualChannel.h"
 #include "VCMessage.h"
@@ -26,7 +29,9 @@
 namespace {
 
 using namespace VirtualChannelAgent;
+using bench::Arrivals;
 using bench::Sample;
+using bench::secondsSince;
 using bench::Suite;
 using NorvoVirtualChannel::Packet;
 using NorvoVirtualChannel::Packetization;
@@ -37,24 +42,7 @@ using Clock = std::chrono::steady_clock;
 constexpr unsigned int kCapacity = 65536;
 // More than 1001 in a queue would be dropped.
 constexpr std::uint64_t kUnderWay = 500;
-
 constexpr std::chrono::seconds kPatience{30};
-
-// Counts up on one thread until another one has seen enough.
-class Arrivals {
-public:
-    void add() { m_count.fetch_add(1, std::memory_order_release); }
-    void waitFor(std::uint64_t count) const {
-        const auto deadline = Clock::now() + kPatience;
-        while (m_count.load(std::memory_order_acquire) < count) {
-            if (Clock::now() > deadline) throw std::runtime_error("messages were lost");
-            std::this_thread::yield();
-        }
-    }
-
-private:
-    std::atomic<std::uint64_t> m_count{0};
-};
 
 // A segment whose other end takes everything at once: copied into the slot, and counted.
 class InstantSegment : public SharedMemoryI {
@@ -238,10 +226,6 @@ private:
     std::shared_ptr<SharedMemoryI> m_localWriter;
 };
 
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 // Runs `one` `count` times, at most kUnderWay ahead of what has arrived.
 void run(std::uint64_t count, const Arrivals& arrivals, std::uint64_t arrivedBefore,
          const std::function<void()>& one) {
@@ -292,7 +276,7 @@ void measureIn(bool instant, std::size_t size, std::uint64_t count, Sample& samp
 class Listener : public SharedMemoryObserverI {
 public:
     explicit Listener(const std::string& segmentName) {
-        m_segment->Open(segmentName, 10240);
+        m_segment->Open(segmentName, VDIFrameworkCommon::kInfoSegmentSize);
         m_segment->subscribeObserver(this);
     }
     ~Listener() override { m_segment->Close(); }
@@ -310,22 +294,22 @@ private:
 // While nobody takes its news, an agent looks out for a listener every millisecond, for 3 s per
 // message: it is idle when they have been taken.
 void measureIdle(std::chrono::milliseconds period, Sample& sample) {
-    NorvoVirtualChannel::tc::TCPSocketVirtualChannel channel;
+    TCPSocketVirtualChannel channel;
     Agent agent(&channel, "bench");
-    auto listener = std::make_unique<Listener>("NorvoCrews_Info_VC2STREAM");
+    auto listener =
+        std::make_unique<Listener>(VDIFrameworkCommon::infoNotificationsName("NorvoCrews"));
     channel.ChannelActive(1);
     const auto deliver = [&](const VCMessage& message) {
         const auto bytes = message.wireBytes();
         agent.OnVirtualChannelReceiveData(bytes.data(), static_cast<unsigned int>(bytes.size()));
     };
     deliver(aboutStream(CTL_CONNECTED, nullptr, StreamType::READ));
-    const char* const streams[] = {"Basic",        "Generic", "GenericUnReliable",
-                                   "StringCipher", "Media",   "LogCollection",
-                                   "upgrade"};
-    for (std::size_t i = 0; i < std::size(streams); ++i) {
+    bool reads = false;
+    for (const std::string& name : supportedStreamNames()) {
         for (const auto type : {CTL_S_CREATE, CTL_S_CREATED}) {
-            deliver(aboutStream(type, streams[i], i % 2 ? StreamType::READ : StreamType::WRITE));
+            deliver(aboutStream(type, name.c_str(), reads ? StreamType::READ : StreamType::WRITE));
         }
+        reads = !reads;
     }
     if (!agent.IsConnected()) throw std::runtime_error("the agent is not connected");
     listener->waitForChannelUp();

@@ -14,7 +14,6 @@
 namespace {
 
 constexpr unsigned int kCapacity = 10240;
-constexpr double kNanosecondsPerMicrosecond = 1000;
 
 std::string uniqueName() {
     static std::atomic<int> next{0};
@@ -27,7 +26,7 @@ std::vector<std::unique_ptr<bench::PeerProcess>> startReaders(const std::string&
     for (int i = 0; i < count; ++i) {
         readers.push_back(std::make_unique<bench::PeerProcess>(
             "broadcast_reader", std::vector<std::string>{name, std::to_string(messages)}));
-        if (readers.back()->readLine() != "ready") throw std::runtime_error("no reader");
+        bench::waitUntilReady(*readers.back());
     }
     return readers;
 }
@@ -46,15 +45,15 @@ void measureBroadcast(int readerCount, std::uint64_t messages, bench::Sample& sa
     const auto taken = static_cast<double>(bench::nowNanoseconds() - start);
     bench::LatencyRecorder ages(readers.size());
     for (const auto& reader : readers) ages.add(std::stoull(reader->readLine()));
-    sample.set("time", taken / kNanosecondsPerMicrosecond / static_cast<double>(messages), "µs");
-    sample.set("p50", ages.percentile(0.5) / kNanosecondsPerMicrosecond, "µs");
+    sample.set("time", taken / bench::kNanosecondsPerMicrosecond / static_cast<double>(messages),
+               "µs");
+    sample.set("p50", ages.percentile(0.5) / bench::kNanosecondsPerMicrosecond, "µs");
 }
 
 BENCH_ROLE(broadcast_reader) {
     const auto reader = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
     if (!reader->Open(args.at(0), kCapacity)) return 1;
-    std::puts("ready");
-    std::fflush(stdout);
+    bench::say("ready");
     const std::uint64_t messages = std::stoull(args.at(1));
     bench::LatencyRecorder ages(messages);
     const auto patience = bench::nowNanoseconds() + 60'000'000'000U;

@@ -1,5 +1,4 @@
 // The way of a message through a channel: down to the host's callback, and up to the observer.
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -11,10 +10,12 @@
 #include <vector>
 
 #include "AllocationCounter.h"
+#include "Arrivals.h"
 #include "CitrixVirtualChannel.h"
 #include "CopyCounter.h"
 #include "Harness.h"
 #include "HostCallbacks.h"
+#include "LatencyRecorder.h"
 #include "RDPVirtualChannel.h"
 #include "TCPSocketVirtualChannel.h"
 #include "VMWareVirtualChannel.h"
@@ -22,31 +23,17 @@
 namespace {
 
 using namespace NorvoVirtualChannel::tc;
+using bench::Arrivals;
 using bench::atLeast;
 using bench::atMost;
 using bench::Measurement;
 using bench::Sample;
+using bench::secondsSince;
 using bench::Suite;
 using Clock = std::chrono::steady_clock;
 
-// As many packets are under way at most: where a sender would be told to wait.
+// Packets under way at most, so that no queue grows without end.
 constexpr std::uint64_t kUnderWay = 1000;
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Counts up on one thread until another one has seen enough.
-class Arrivals {
-public:
-    void add(std::uint64_t count = 1) { m_count.fetch_add(count, std::memory_order_release); }
-    void waitFor(std::uint64_t count) const {
-        while (m_count.load(std::memory_order_acquire) < count) std::this_thread::yield();
-    }
-
-private:
-    std::atomic<std::uint64_t> m_count{0};
-};
 
 // ---- The floor: a queue handed over under one mutex and one condition
 

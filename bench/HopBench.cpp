@@ -108,12 +108,10 @@ void declareQuietHop(bench::Suite& suite) {
 }  // namespace
 
 BENCH_SUITE(hop, "one hop between two processes: latency, streaming, processor time") {
-    const bool withOurs = bench::findHopKind(kOurs) && bench::findHopKind(kOursNoSpin);
     for (const SizeRow& row : kSizes) {
         const auto all = declareSize(suite, row);
-        if (!withOurs) continue;
         declareGoals(suite, row, all);
         if (row.size == 64) declareLargeSlot(suite, row, all.at(kOurs));
     }
-    if (withOurs) declareQuietHop(suite);
+    declareQuietHop(suite);
 }

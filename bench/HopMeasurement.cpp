@@ -39,7 +39,7 @@ public:
           m_hops(openPair(run.kind, m_name, run.capacity, true)),
           m_peer("hop_peer", {task, run.kind, m_name, std::to_string(run.capacity),
                               std::to_string(run.size), std::to_string(count)}) {
-        if (m_peer.readLine() != "ready") throw std::runtime_error("the peer did not start");
+        waitUntilReady(m_peer);
         m_hops.there->peerHasJoined();
         m_hops.back->peerHasJoined();
     }
@@ -65,8 +65,6 @@ private:
     HopPair m_hops;
     PeerProcess m_peer;
 };
-
-constexpr double kNanosecondsPerMicrosecond = 1000;
 
 void measurePingPong(const HopRun& run, Sample& sample) {
     const std::size_t warmUp = run.rounds / 10 + 1;
@@ -166,9 +164,8 @@ void measureIdle(const HopRun& run, double seconds, Sample& sample) {
 BENCH_ROLE(hop_peer) {
     try {
         HopPair hops = openPair(args.at(1), args.at(2), std::stoul(args.at(3)), false);
-        std::puts("ready");
-        std::fflush(stdout);
-        std::getchar();
+        say("ready");
+        hear();
         playPeer(args.at(0), hops, std::stoul(args.at(4)), std::stoul(args.at(5)));
         return 0;
     } catch (const std::exception& failure) {

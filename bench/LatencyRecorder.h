@@ -1,4 +1,4 @@
-// Durations of single events and their percentiles.
+// Reading the clock; durations of single events and their percentiles.
 #pragma once
 
 #include <algorithm>
@@ -13,6 +13,12 @@ inline std::uint64_t nowNanoseconds() {
                                           std::chrono::steady_clock::now().time_since_epoch())
                                           .count());
 }
+
+inline double secondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+inline constexpr double kNanosecondsPerMicrosecond = 1000;
 
 class LatencyRecorder {
 public:

@@ -1,42 +1,24 @@
-#include <stdlib.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
-#include <filesystem>
 #include <stdexcept>
 #include <string>
 
 #include "Harness.h"
 #include "LatencyRecorder.h"
 #include "Log.h"
+#include "support/TempDir.h"
 
 NORVO_LOG_SOURCE("bench/LoggerBench")
 
 namespace {
 
+using testsupport::TempDir;
+
 std::atomic<int> g_floorThreshold = 5;
-
-class TempFolder {
-public:
-    TempFolder() {
-        std::string pattern = std::filesystem::temp_directory_path() / "norvo-bench-XXXXXX";
-        if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a directory");
-        m_path = pattern;
-    }
-    ~TempFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    std::string operator/(const char* name) const { return m_path + '/' + name; }
-
-private:
-    std::string m_path;
-};
 
 // The log goes to a file for the time of a measurement, and nowhere before and after.
 class FileLog {
@@ -47,7 +29,7 @@ public:
     FileLog& operator=(const FileLog&) = delete;
 
 private:
-    TempFolder m_folder;
+    TempDir m_folder;
 };
 
 template <class Body>
@@ -93,7 +75,7 @@ BENCH_SUITE(logger, "log lines that are off and on") {
 
     suite.group("on");
     const auto plain = suite.measure("fprintf to a file", [lines](bench::Sample& sample) {
-        const TempFolder folder;
+        const TempDir folder;
         FILE* file = fopen((folder / "plain.log").c_str(), "we");
         if (!file) throw std::runtime_error("cannot open a file");
         timeEach(sample, lines, [file](std::uint64_t i) { plainLine(file, i); });

@@ -157,7 +157,7 @@ void measurePingPong(const std::string& kind, std::uint64_t rounds, bench::Sampl
     const auto back = openSignal(kind, name, wordsOf(area), 1);
     const std::uint64_t warmUp = rounds / 10 + 1;
     bench::PeerProcess peer("sync_returner", {kind, name, std::to_string(rounds + warmUp)});
-    if (peer.readLine() != "ready") throw std::runtime_error("the peer did not start");
+    bench::waitUntilReady(peer);
     const auto play = [&](std::uint64_t count) {
         for (std::uint64_t i = 0; i < count; ++i) {
             there->send();
@@ -172,8 +172,8 @@ void measurePingPong(const std::string& kind, std::uint64_t rounds, bench::Sampl
     const std::uint64_t start = bench::nowNanoseconds();
     play(rounds);
     const auto perRound = static_cast<double>(rounds) * 1000;
-    sample.set("round trip", static_cast<double>(bench::nowNanoseconds() - start) / perRound, "us");
-    sample.set("cpu", static_cast<double>(cpu() - cpuBefore) / perRound, "us");
+    sample.set("round trip", static_cast<double>(bench::nowNanoseconds() - start) / perRound, "µs");
+    sample.set("cpu", static_cast<double>(cpu() - cpuBefore) / perRound, "µs");
     peer.writeLine("leave");
     AdaptiveSpin::setEnabled(true);
     if (peer.wait() != 0) throw std::runtime_error("the peer failed");
@@ -223,7 +223,7 @@ void measureContended(const std::string& kind, std::uint64_t rounds, bench::Samp
     const std::string name = uniqueName("contended");
     Contended mutex(kind, name, true);
     bench::PeerProcess peer("sync_contender", {kind, name, std::to_string(rounds)});
-    if (peer.readLine() != "ready") throw std::runtime_error("the peer did not start");
+    bench::waitUntilReady(peer);
     peer.writeLine("go");
     const std::uint64_t start = bench::nowNanoseconds();
     mutex.lockAndUnlock(rounds);
@@ -232,34 +232,7 @@ void measureContended(const std::string& kind, std::uint64_t rounds, bench::Samp
     sample.set("time", taken / static_cast<double>(2 * rounds), "ns");
 }
 
-}  // namespace
-
-BENCH_ROLE(sync_returner) {
-    bindToProcessor(1);
-    const bench::SharedArea area(areaName(args[1]), kAreaSize, false);
-    const auto there = openSignal(args[0], args[1], wordsOf(area), 0);
-    const auto back = openSignal(args[0], args[1], wordsOf(area), 1);
-    std::puts("ready");
-    std::fflush(stdout);
-    for (auto rounds = std::stoull(args[2]); rounds > 0; --rounds) {
-        if (!there->await()) return 1;
-        back->send();
-    }
-    std::getchar();
-    return 0;
-}
-
-BENCH_ROLE(sync_contender) {
-    bindToProcessor(1);
-    Contended mutex(args[0], args[1], false);
-    std::puts("ready");
-    std::fflush(stdout);
-    std::getchar();
-    mutex.lockAndUnlock(std::stoull(args[2]));
-    return 0;
-}
-
-BENCH_SUITE(namedsync, "named mutex and condition, beside what the system offers") {
+void declareUncontended(bench::Suite& suite) {
     suite.group("mutex, nobody else");
     const auto standard = suite.timed("std::mutex", [] {
         static std::mutex mutex;
@@ -274,7 +247,9 @@ BENCH_SUITE(namedsync, "named mutex and condition, beside what the system offers
     });
     suite.goal("named lock + unlock, ns", named["time"], bench::atMost(60, 40));
     suite.goal("named lock + unlock", named["time"], standard["time"], bench::reported());
+}
 
+void declareContended(bench::Suite& suite) {
     suite.group("mutex, two processes");
     const std::uint64_t locks = suite.scaled(1000000);
     const auto robust = suite.measure("pthread robust, shared", [locks](bench::Sample& sample) {
@@ -283,7 +258,9 @@ BENCH_SUITE(namedsync, "named mutex and condition, beside what the system offers
     const auto contended = suite.measure(
         "NamedMutex", [locks](bench::Sample& sample) { measureContended("named", locks, sample); });
     suite.goal("contended lock + unlock", contended["time"], robust["time"], bench::reported());
+}
 
+void declarePingPong(bench::Suite& suite) {
     suite.group("condition, ping-pong of two processes");
     const auto declare = [&](const char* name, const char* kind, std::uint64_t rounds) {
         return suite.measure(name, [kind, count = suite.scaled(rounds)](bench::Sample& sample) {
@@ -298,4 +275,35 @@ BENCH_SUITE(namedsync, "named mutex and condition, beside what the system offers
     suite.goal("round trip, adaptive spin", spins["round trip"], bare["round trip"],
                bench::atMost(0.3, 0.15));
     suite.goal("processor time, adaptive spin", spins["cpu"], bare["cpu"], bench::atMost(0.5, 0.3));
+}
+
+}  // namespace
+
+BENCH_ROLE(sync_returner) {
+    bindToProcessor(1);
+    const bench::SharedArea area(areaName(args[1]), kAreaSize, false);
+    const auto there = openSignal(args[0], args[1], wordsOf(area), 0);
+    const auto back = openSignal(args[0], args[1], wordsOf(area), 1);
+    bench::say("ready");
+    for (auto rounds = std::stoull(args[2]); rounds > 0; --rounds) {
+        if (!there->await()) return 1;
+        back->send();
+    }
+    bench::hear();
+    return 0;
+}
+
+BENCH_ROLE(sync_contender) {
+    bindToProcessor(1);
+    Contended mutex(args[0], args[1], false);
+    bench::say("ready");
+    bench::hear();
+    mutex.lockAndUnlock(std::stoull(args[2]));
+    return 0;
+}
+
+BENCH_SUITE(namedsync, "named mutex and condition, beside what the system offers") {
+    declareUncontended(suite);
+    declareContended(suite);
+    declarePingPong(suite);
 }

@@ -16,7 +16,6 @@ namespace bench {
 
 namespace {
 
-constexpr double kNanosecondsPerMicrosecond = 1000;
 constexpr std::size_t kExpectedRounds = 200000;
 // A sender that streams gets an answer for every part of its window.
 constexpr std::size_t kAnswersUnderWay = 4;
@@ -41,8 +40,7 @@ public:
         : m_relays(kindOf(run).start(run)),
           m_far(startEnd(PathEnd::Far, run, task)),
           m_near(startEnd(PathEnd::Near, run, task)) {
-        if (m_near.readLine(std::chrono::seconds(30)) != "ready")
-            throw std::runtime_error("the near end did not join");
+        waitUntilReady(m_near);
     }
     // The far end first: it complains when the near one is gone.
     ~PathSession() { m_far.kill(); }
@@ -72,8 +70,7 @@ private:
             {run.kind, m_relays->address(end), std::to_string(run.size), std::to_string(run.answer),
              std::to_string(task.answerEvery), task.name, std::to_string(task.seconds)},
             m_relays->environment(end));
-        if (end == PathEnd::Far && process.readLine() != "ready")
-            throw std::runtime_error("the far end did not join");
+        if (end == PathEnd::Far) waitUntilReady(process);
         return process;
     }
 
@@ -90,8 +87,7 @@ struct OwnEnd {
           message(run.size, 'x'),
           answer(run.answer, 'y'),
           answerEvery(std::stoul(args.at(4))) {
-        std::puts("ready");
-        std::fflush(stdout);
+        say("ready");
     }
     void send() { hop->send(message.data(), run.size); }
     void sendAnswer() { hop->send(answer.data(), run.answer); }

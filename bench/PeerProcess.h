@@ -1,17 +1,29 @@
 // The second process of a measurement: the program starts itself again in a role.
 //
-//     BENCH_ROLE(echo) { ...; return 0; }          // runs in the peer; `args` are the strings
-//     given bench::PeerProcess peer("echo", {"64"});     // ended and reaped when it leaves scope
+//     BENCH_ROLE(echo) { ...; return 0; }      // runs in the peer; `args` has the strings given
+//     bench::PeerProcess peer("echo", {"64"}); // ended and reaped when it leaves scope
 //
-// readLine() and writeLine() serve as the agreed start and end; they are not for what is measured.
+// Lines serve as the agreed start and end (say() and hear() in the peer); they are not for what is
+// measured.
 // A peer inherits the session namespace and dies with the program.
 #pragma once
+
+#include <chrono>
+#include <stdexcept>
 
 #include "support/ChildProcess.h"
 
 namespace bench {
 
 using PeerProcess = testsupport::ChildProcess;
+using testsupport::hear;
+using testsupport::say;
+
+// Waits for a peer that says "ready" when it is. Throws std::runtime_error when it does not.
+inline void waitUntilReady(PeerProcess& peer) {
+    if (peer.readLine(std::chrono::seconds(30)) != "ready")
+        throw std::runtime_error("the peer did not start");
+}
 
 }  // namespace bench
 

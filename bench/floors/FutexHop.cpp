@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "CpuRelax.h"
 #include "SlotHop.h"
 
 namespace bench {
@@ -49,7 +50,7 @@ private:
         do {
             for (int i = 0; i < 32; ++i) {
                 if (is(full)) return true;
-                __builtin_ia32_pause();
+                VDIFrameworkCommon::cpuRelax();
             }
         } while (std::chrono::steady_clock::now() < end);
         return false;

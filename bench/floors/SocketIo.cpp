@@ -75,11 +75,6 @@ Descriptor connectTo(const Address& address) {
 
 }  // namespace
 
-void Descriptor::reset(int fd) {
-    if (m_fd >= 0) close(m_fd);
-    m_fd = fd;
-}
-
 void writeAll(int fd, const void* data, std::size_t length) {
     const char* from = static_cast<const char*>(data);
     while (length > 0) {

@@ -1,27 +1,14 @@
-// Descriptors, and whole blocks of bytes through them. Failures throw std::runtime_error.
+// Sockets, and whole blocks of bytes through descriptors. Failures throw std::runtime_error.
 #pragma once
 
 #include <cstddef>
 #include <string>
-#include <utility>
+
+#include "Descriptor.h"
 
 namespace bench {
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : m_fd(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        reset(std::exchange(other.m_fd, -1));
-        return *this;
-    }
-    int get() const { return m_fd; }
-    void reset(int fd = -1);
-
-private:
-    int m_fd;
-};
+using support::Descriptor;
 
 void writeAll(int fd, const void* data, std::size_t length);
 // Fills `message`.

@@ -9,7 +9,6 @@
 #include <array>
 #include <condition_variable>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -229,11 +228,6 @@ std::unique_ptr<Hop> join(PathEnd, const std::string& address, const PathRun&) {
 }
 
 const PathKindRegistrar entry({"simplest parts", nullptr, start, join});
-
-void say(const std::string& line) {
-    std::puts(line.c_str());
-    std::fflush(stdout);
-}
 
 }  // namespace
 

@@ -19,7 +19,7 @@
 namespace bench {
 
 struct PathRun {
-    std::string kind;     // of pathKinds()
+    std::string kind;     // of a registered PathKind
     std::string channel;  // the kind of channel between hosts; for other paths without meaning
     std::size_t size;     // of the near end's messages, in bytes
     std::size_t answer;   // of the far end's

@@ -1,7 +1,6 @@
 // A pair of ZeroMQ proxies: ipc, proxy, tcp, proxy, ipc.
 #include <zmq.h>
 
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
@@ -116,8 +115,7 @@ BENCH_ROLE(zeromq_relay) {
     ZeroMqSocket wire(context.get());
     if (args.at(0) == "far") {
         wire.bind("tcp://127.0.0.1:*");
-        std::puts(wire.boundTo().c_str());
-        std::fflush(stdout);
+        say(wire.boundTo());
         local.connect(args.at(1));
     } else {
         wire.connect(args.at(2));
