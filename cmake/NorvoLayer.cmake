@@ -1,6 +1,6 @@
 # norvo_layer(<target> SOURCES <file>... [USES <lower layer>...])
 #
-# One static library per layer of the design. A layer's folder is its include directory, and it sees
+# One static library per layer. A layer's folder is its include directory, and it sees
 # only its own folder and those of the layers it names in USES.
 function(norvo_layer target)
     cmake_parse_arguments(LAYER "" "" "SOURCES;USES" ${ARGN})
