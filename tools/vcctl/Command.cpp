@@ -56,8 +56,8 @@ void addKindOption(CLI::App& command, std::string& kind) {
         ->capture_default_str();
 }
 
-void addLibraryOption(CLI::App& command, std::string& library) {
-    command.add_option("--library", library, "The plug-in to load instead of the usual one")
+void addLibraryOption(CLI::App& command, std::string& pluginPath) {
+    command.add_option("--library", pluginPath, "The plug-in to load instead of the usual one")
         ->type_name("PATH");
 }
 

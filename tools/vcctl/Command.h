@@ -44,7 +44,7 @@ inline const CLI::Range kWaitRange{0.0, 86400.0};
 
 // Options that several subcommands have.
 void addKindOption(CLI::App& command, std::string& kind);
-void addLibraryOption(CLI::App& command, std::string& library);
+void addLibraryOption(CLI::App& command, std::string& pluginPath);
 // The stream's name, the first argument; capacity of its segment, and how many messages to pass.
 void addStreamOptions(CLI::App& command, std::string& stream, unsigned int& capacity,
                       std::uint64_t& count);

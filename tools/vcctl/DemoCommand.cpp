@@ -33,7 +33,7 @@ using std::chrono::seconds;
 struct DemoOptions {
     std::string file;
     std::string kind = "tcp";
-    std::string library;
+    std::string pluginPath;
     double seconds = 4;
 };
 
@@ -159,7 +159,8 @@ private:
                                                    const std::string& place) {
         std::vector<std::string> argv{
             support::ownPath(), "host", "--kind", m_options.kind, how, place, "--end-with-input"};
-        if (!m_options.library.empty()) argv.insert(argv.end(), {"--library", m_options.library});
+        if (!m_options.pluginPath.empty())
+            argv.insert(argv.end(), {"--library", m_options.pluginPath});
         return std::make_unique<support::Subprocess>(argv, m_place.environment(side));
     }
 
@@ -258,7 +259,7 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
     command->add_option("--seconds", options->seconds, "About how long it is to take")
         ->check(CLI::Range(1.0, 600.0))
         ->capture_default_str();
-    addLibraryOption(*command, options->library);
+    addLibraryOption(*command, options->pluginPath);
     command->callback([=, &exitCode] { exitCode = Demo(*options).run(); });
 
     auto end = std::make_shared<DemoEndOptions>();

@@ -28,7 +28,7 @@ struct HostOptions {
     std::string kind = "tcp";
     std::string listen;
     std::string connect;
-    std::string library;
+    std::string pluginPath;
     std::string capture;
     bool allowRemote = false;
     bool quiet = false;
@@ -39,7 +39,7 @@ struct HostOptions {
 class Host {
 public:
     explicit Host(const HostOptions& options)
-        : m_kind(channelKind(options.kind)), m_quiet(options.quiet), m_plugin(options.library) {
+        : m_kind(channelKind(options.kind)), m_quiet(options.quiet), m_plugin(options.pluginPath) {
         if (!options.capture.empty()) {
             m_capture = std::make_unique<CaptureWriter>(
                 options.capture, std::string(m_plugin.getChannelName()) + " " + m_kind.name);
@@ -187,7 +187,7 @@ void addHostCommand(CLI::App& app, int& exitCode) {
                                      "Connect to the other host there, again and again")
                         ->type_name("ADDR:PORT");
     listen->excludes(connect);
-    addLibraryOption(*command, options->library);
+    addLibraryOption(*command, options->pluginPath);
     command
         ->add_option("--capture", options->capture,
                      "Write every packet to this pcapng file (vcctl decode, Wireshark)")
