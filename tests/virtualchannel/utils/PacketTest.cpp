@@ -1,4 +1,4 @@
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <functional>
 
@@ -6,10 +6,11 @@
 #include "PacketBytes.h"
 
 using namespace packettest;
-using testing::ElementsAre;
 using testsupport::LogCapture;
 
 namespace {
+
+using Lines = std::vector<std::string>;
 
 constexpr char kBroken[] = "Broken packet received. Ignoring it!";
 constexpr char kBadSize[] = "The packet size information is incorrect.";
@@ -41,21 +42,23 @@ TEST(Packet, HasTheBytesOfTheFormat) {
 
 TEST(Packet, ReadsEveryFieldOfAReceivedPacket) {
     const std::string wire = wireOf(part(77, 2, 3, 50), "twelve bytes");
-    for (const bool borrowed : {false, true}) {
-        const auto length = static_cast<unsigned int>(wire.size());
-        const Packet copy(wire.data(), length);
-        const Packet view = Packet::Borrow(wire.data(), length);
-        const Packet& packet = borrowed ? view : copy;
-        ASSERT_TRUE(packet.isPacketValid());
-        EXPECT_EQ(packet.GetPacketID(), 77u);
-        EXPECT_EQ(packet.GetPacketSequence(), 2u);
-        EXPECT_EQ(packet.GetTotalPackets(), 3u);
-        EXPECT_EQ(packet.GetPayloadSize(), 12u);
-        EXPECT_EQ(packet.GetPacketSize(), 36u);
-        EXPECT_EQ(packet.GetMessageSize(), 74u);
-        EXPECT_EQ(textOf(packet.Payload()), "twelve bytes");
-        EXPECT_EQ(textOf(packet.WireBytes()), wire);
-        EXPECT_EQ(packet.WireBytes().data() == static_cast<const void*>(wire.data()), borrowed);
+    const auto length = static_cast<unsigned int>(wire.size());
+    auto original = std::make_unique<Packet>(wire.data(), length);
+    const std::unique_ptr<const Packet> copy(original->CopyPacket());
+    original.reset();
+    const Packet view = Packet::Borrow(wire.data(), length);
+    for (const Packet* packet : {copy.get(), &view}) {
+        ASSERT_TRUE(packet->isPacketValid());
+        EXPECT_EQ(packet->GetPacketID(), 77u);
+        EXPECT_EQ(packet->GetPacketSequence(), 2u);
+        EXPECT_EQ(packet->GetTotalPackets(), 3u);
+        EXPECT_EQ(packet->GetPayloadSize(), 12u);
+        EXPECT_EQ(packet->GetPacketSize(), 36u);
+        EXPECT_EQ(packet->GetMessageSize(), 74u);
+        EXPECT_EQ(textOf(packet->Payload()), "twelve bytes");
+        EXPECT_EQ(textOf(packet->WireBytes()), wire);
+        const bool borrowed = packet->WireBytes().data() == static_cast<const void*>(wire.data());
+        EXPECT_EQ(borrowed, packet == &view);
     }
 }
 
@@ -88,36 +91,23 @@ TEST(Packet, ReportsWhatIsWrongWithAReceivedPacket) {
         LogCapture log(KLT::kltlogger::Warning);
         const Packet packet(wire.data(), static_cast<unsigned int>(wire.size()));
         EXPECT_FALSE(packet.isPacketValid());
-        EXPECT_THAT(log.lines(), ElementsAre(line));
+        EXPECT_EQ(log.lines(), Lines{line});
         EXPECT_TRUE(packet.WireBytes().empty());
-        EXPECT_EQ(packet.GetPayloadData(nullptr), 0u);
         EXPECT_FALSE(
             Packet::Borrow(wire.data(), static_cast<unsigned int>(wire.size())).isPacketValid());
     }
 }
 
-TEST(Packet, OfNullBytesIsBroken) {
-    LogCapture log;
-    EXPECT_FALSE(Packet(nullptr, 34u).isPacketValid());
-    EXPECT_THAT(log.lines(), ElementsAre("Retreiving the header from the packet.", kBroken));
-}
-
-TEST(Packet, TakesAnySecondaryVersionAndAnyCounters) {
+TEST(Packet, TakesAnySecondaryVersionAnyCountersAndNoPayload) {
     std::string wire = goodPacket();
     setWord(wire, 0, 0x005BFFFF);
     setWord(wire, 4, 0xFFFFFFFF);
     setWord(wire, 8, 0);
     LogCapture log;
     EXPECT_TRUE(Packet(wire.data(), 34u).isPacketValid());
-    EXPECT_THAT(log.lines(), ElementsAre("Retreiving the header from the packet.",
-                                         "Retrieving the data from the packet."));
-}
-
-TEST(Packet, WithoutPayloadIsValid) {
-    const std::string wire = wireOf(part(1, 1, 1, 0), "");
-    const Packet received(wire.data(), 24u);
-    EXPECT_TRUE(received.isPacketValid());
-    EXPECT_EQ(received.WireBytes().size(), 24u);
+    EXPECT_EQ(log.lines(), (Lines{"Retreiving the header from the packet.",
+                                  "Retrieving the data from the packet."}));
+    EXPECT_TRUE(Packet(wireOf(part(1, 1, 1, 0), "").data(), 24u).isPacketValid());
     EXPECT_TRUE(Packet(part(1, 1, 1, 0), nullptr).isPacketValid());
 }
 
@@ -128,12 +118,12 @@ TEST(Packet, BuiltFromAWrongHeaderSaysSo) {
     header.protocolVersion = 92;
     EXPECT_FALSE(Packet(header, "four").isPacketValid());
     header.protocolVersion = 91;
-    header.payloadSize = 5;
-    EXPECT_FALSE(Packet(header, "five.").isPacketValid());
-    header.payloadSize = 0xFFFFFFE8;
-    EXPECT_FALSE(Packet(header, "wraps").isPacketValid());
-    EXPECT_THAT(log.lines(), ElementsAre("Invalid version of the protocol specified in header (92)",
-                                         kBadSize, kBadSize));
+    for (const std::uint32_t tooMuch : {5u, 0xFFFFFFE8u}) {
+        header.payloadSize = tooMuch;
+        EXPECT_FALSE(Packet(header, "five.").isPacketValid());
+    }
+    EXPECT_EQ(log.lines(), (Lines{"Invalid version of the protocol specified in header (92)",
+                                  kBadSize, kBadSize}));
 }
 
 TEST(Packet, OfASplitMessageReturnsTheMessageSizeWhenCopied) {
@@ -141,51 +131,38 @@ TEST(Packet, OfASplitMessageReturnsTheMessageSizeWhenCopied) {
     const Packet packet(wire.data(), static_cast<unsigned int>(wire.size()));
     LogCapture log;
     EXPECT_EQ(packet.GetPacketData(nullptr), 124u);
-    EXPECT_THAT(log.lines(), ElementsAre());
+    EXPECT_EQ(log.lines(), Lines{});
     std::string copied(packet.GetPacketSize(), '\0');
     EXPECT_EQ(packet.GetPacketData(copied.data()), 124u);
     EXPECT_EQ(copied, wire);
-    EXPECT_THAT(log.lines(), ElementsAre("Copying the header into the new data structure.",
-                                         "Copying the payload into the new data structure."));
+    EXPECT_EQ(log.lines(), (Lines{"Copying the header into the new data structure.",
+                                  "Copying the payload into the new data structure."}));
 }
 
 TEST(Packet, ThatIsInvalidSaysSoWhenItIsRead) {
-    const Packet packet(nullptr, 0u);
     LogCapture log;
+    const Packet packet(nullptr, 34u);
+    EXPECT_FALSE(packet.isPacketValid());
     char out[24];
-    EXPECT_EQ(packet.GetPayloadData(out), 0u);
-    EXPECT_EQ(packet.GetPacketData(out), 0u);
-    EXPECT_THAT(log.lines(), ElementsAre("The payload is NULL.", "The payload is NULL."));
+    EXPECT_EQ(packet.GetPayloadData(out) + packet.GetPacketData(out), 0u);
+    EXPECT_EQ(log.lines(), (Lines{"Retreiving the header from the packet.", kBroken,
+                                  "The payload is NULL.", "The payload is NULL."}));
     EXPECT_FALSE(std::unique_ptr<Packet>(packet.CopyPacket())->isPacketValid());
 }
 
-TEST(Packet, CopyOutlivesItsOriginal) {
-    std::string wire = goodPacket();
-    auto original = std::make_unique<Packet>(wire.data(), 34u);
-    const std::unique_ptr<Packet> copy(original->CopyPacket());
-    original.reset();
-    EXPECT_EQ(textOf(copy->WireBytes()), wire);
-}
-
 TEST(Packet, InitialiseClearsAllCountersButTheMessageSize) {
-    const std::string wire = goodPacket();
-    Packet packet(wire.data(), 34u);
+    Packet packet(goodPacket().data(), 34u);
     packet.Initialise();
     EXPECT_EQ(packet.GetPacketID() + packet.GetPacketSequence() + packet.GetTotalPackets() +
                   packet.GetPayloadSize(),
               0u);
     EXPECT_EQ(packet.GetMessageSize(), 34u);
-    std::string header(24, '\0');
-    packet.GetPacketData(header.data());
-    EXPECT_EQ(header.substr(0, 4), std::string("\x5B\x00\x5B\x00", 4));
 }
 
 TEST(Packet, SortsBySequenceAsSignedNumbers) {
     const Packet one(part(1, 1, 2, 0), "");
-    const Packet two(part(1, 2, 2, 0), "");
     const Packet negative(part(1, 0xFFFFFFFF, 2, 0), "");
-    EXPECT_TRUE(Packet::PacketSort(&one, &two));
-    EXPECT_FALSE(Packet::PacketSort(&two, &one));
-    EXPECT_FALSE(Packet::PacketSort(&one, &one));
     EXPECT_TRUE(Packet::PacketSort(&negative, &one));
+    EXPECT_FALSE(Packet::PacketSort(&one, &negative));
+    EXPECT_FALSE(Packet::PacketSort(&one, &one));
 }

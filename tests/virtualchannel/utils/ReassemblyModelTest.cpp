@@ -129,6 +129,7 @@ struct Traffic {
         if (below(20) == 0) header.sequence = kOdd[below(5)];
         if (below(20) == 0) header.totalPackets = kOdd[below(5)];
         if (below(20) == 0) header.packetId = kOdd[below(5)];
+        if (below(50) == 0) header.messageSize = below(2) ? 0x80000018 : 0xFFFFFFFF;
         return {header, payload};
     }
     std::mt19937 random;
