@@ -1,23 +1,30 @@
 // What each kind of channel has of its own; what all have in common is in ChannelTest.cpp.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "ChannelSupport.h"
-#include "FakeHost.h"
 #include "LogCapture.h"
-#include "WorkRecord.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;
-using testing::ElementsAre;
-using testing::IsEmpty;
+
+namespace {
+
+using Calls = std::vector<std::string>;
+
+template <class Channel>
+struct Watched {
+    Watched() { channel.AddObserver(&observer); }
+    FakeHost host;
+    FakeObserver observer;
+    Channel channel;
+};
+
+}  // namespace
 
 TEST(CitrixVirtualChannelTest, RefusesEverythingAfterShutdown) {
     LogCapture log;
-    FakeHost host;
-    FakeObserver observer;
-    CitrixVirtualChannel channel;
-    channel.AddObserver(&observer);
+    Watched<CitrixVirtualChannel> watched;
+    auto& channel = watched.channel;
     channel.Shutdown();
     EXPECT_EQ(send(channel, "m"), -1);
     EXPECT_EQ(channel.ReceiveData(nullptr, 0), -1);
@@ -26,35 +33,30 @@ TEST(CitrixVirtualChannelTest, RefusesEverythingAfterShutdown) {
     channel.onAgentStateChange(false);
     channel.ChannelActive(1);
     channel.Shutdown();
-    EXPECT_THAT(observer.calls(), ElementsAre("shutdown", "up", "shutdown"));
-    EXPECT_THAT(host.packets(), IsEmpty());
-}
+    EXPECT_EQ(watched.observer.calls(), (Calls{"shutdown", "up", "shutdown"}));
+    EXPECT_EQ(watched.host.packets(), Calls{});
 
-TEST(CitrixVirtualChannelTest, ShutdownWithoutAnObserverOnlyRefuses) {
-    CitrixVirtualChannel channel;
+    CitrixVirtualChannel unobserved;
     const unsigned int before = runners();
-    channel.Shutdown();
+    unobserved.Shutdown();
     EXPECT_EQ(runners(), before);
-    EXPECT_EQ(send(channel, "m"), -1);
+    EXPECT_EQ(send(unobserved, "m"), -1);
 }
 
 TEST(CitrixVirtualChannelTest, ShutdownLeavesACallbackBehindThatDoesNotReturn) {
     LogCapture log;
-    FakeHost host;
-    FakeObserver observer;
-    CitrixVirtualChannel channel;
-    channel.AddObserver(&observer);
     Door door;
     Journal entered;
-    holdUp(host, entered, door);
-    send(channel, "stuck");
+    Watched<CitrixVirtualChannel> watched;
+    holdUp(watched.host, entered, door);
+    send(watched.channel, "stuck");
     ASSERT_TRUE(entered.waitFor(1));
-    send(channel, "never sent");
-    channel.Shutdown();
+    send(watched.channel, "never sent");
+    watched.channel.Shutdown();
     EXPECT_TRUE(log.contains("A call of the append callback is under way"));
     door.open();
-    ASSERT_TRUE(host.waitFor(1));
-    EXPECT_THAT(host.messages(), ElementsAre("stuck"));
+    ASSERT_TRUE(watched.host.waitFor(1));
+    EXPECT_EQ(watched.host.messages(), Calls{"stuck"});
 }
 
 TEST(CitrixVirtualChannelTest, TellsTheSessionsWindow) {
@@ -72,63 +74,50 @@ TEST(CitrixVirtualChannelTest, TellsTheSessionsWindow) {
                      "yViewHeight:400 xViewOffset:-5 yViewOffset:-6"));
 }
 
-TEST(RDPVirtualChannelTest, GoesOnAfterShutdown) {
-    FakeHost host;
-    FakeObserver observer;
-    RDPVirtualChannel channel;
-    channel.AddObserver(&observer);
-    channel.Shutdown();
-    EXPECT_EQ(send(channel, "still sent"), 0);
-    ASSERT_TRUE(host.waitFor(1));
-    receive(channel, packetsOf("still heard", 1500).front());
-    EXPECT_THAT(observer.calls(), ElementsAre("shutdown", "still heard"));
-}
-
-TEST(RDPVirtualChannelTest, CountsARunnerWithEveryInitialisation) {
+TEST(RDPVirtualChannelTest, GoesOnAfterShutdownAndCountsARunnerWithEveryInitialisation) {
     forgetRunners();
-    RDPVirtualChannel channel;
+    LogCapture log;
+    Watched<RDPVirtualChannel> watched;
+    auto& channel = watched.channel;
     channel.OnChannelInitialize();
     channel.OnChannelInitialize();
     EXPECT_EQ(runners(), 2U);
+    channel.AddObserver(&watched.observer);
     channel.Shutdown();
     EXPECT_EQ(runners(), 1U);
-}
-
-TEST(RDPVirtualChannelTest, TracesEverySendWithItsPriorityAndSize) {
-    LogCapture log;
-    RDPVirtualChannel channel;
-    send(channel, "12345", true);
-    EXPECT_TRUE(log.contains("RDPVirtualChannel::SendData(),lowPriority = 1, size = 5"));
+    channel.AddObserver(&watched.observer);
+    EXPECT_EQ(send(channel, "still sent", true), 0);
+    EXPECT_TRUE(log.contains("RDPVirtualChannel::SendData(),lowPriority = 1, size = 10"));
+    ASSERT_TRUE(watched.host.waitFor(1));
+    receive(channel, packetsOf("still heard", 1500).front());
+    EXPECT_EQ(watched.observer.calls(), (Calls{"shutdown", "still heard"}));
+    forgetRunners();
 }
 
 TEST(TCPSocketVirtualChannelTest, ShutdownClosesItUntilItIsActiveAgain) {
-    FakeHost host;
-    FakeObserver observer;
-    TCPSocketVirtualChannel channel;
-    channel.AddObserver(&observer);
+    Watched<TCPSocketVirtualChannel> watched;
+    auto& channel = watched.channel;
     channel.ChannelActive(1);
     channel.Shutdown();
     EXPECT_EQ(send(channel, "dropped"), 0);
     EXPECT_EQ(receive(channel, packetsOf("unheard", 1500).front()), 0);
     channel.ChannelActive(1);
     send(channel, "sent");
-    ASSERT_TRUE(host.waitFor(1));
-    EXPECT_THAT(host.messages(), ElementsAre("sent"));
-    EXPECT_THAT(observer.calls(), ElementsAre("up", "shutdown", "up"));
+    ASSERT_TRUE(watched.host.waitFor(1));
+    EXPECT_EQ(watched.host.messages(), Calls{"sent"});
+    EXPECT_EQ(watched.observer.calls(), (Calls{"up", "shutdown", "up"}));
 }
 
 TEST(VMWareVirtualChannelTest, GoesOnAfterShutdownUntilItIsInactive) {
-    FakeHost host;
-    FakeObserver observer;
-    VMWareVirtualChannel channel;
-    channel.AddObserver(&observer);
+    Watched<VMWareVirtualChannel> watched;
+    auto& channel = watched.channel;
     channel.ChannelActive(1);
     channel.Shutdown();
     send(channel, "sent");
     channel.ChannelActive(0);
     send(channel, "dropped");
     receive(channel, packetsOf("unheard", 1000).front());
-    ASSERT_TRUE(host.waitFor(1));
-    EXPECT_THAT(host.messages(), ElementsAre("sent"));
-    EXPECT_THAT(observer.calls(), ElementsAre("up", "shutdown", "down"));
+    ASSERT_TRUE(watched.host.waitFor(1));
+    EXPECT_EQ(watched.host.messages(), Calls{"sent"});
+    EXPECT_EQ(watched.observer.calls(), (Calls{"up", "shutdown", "down"}));
 }

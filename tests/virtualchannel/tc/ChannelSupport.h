@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <ostream>
 #include <string>
 
 #include "CitrixVirtualChannel.h"
@@ -17,9 +19,34 @@
 
 namespace testsupport {
 
-using Kinds = testing::Types<
-    NorvoVirtualChannel::tc::CitrixVirtualChannel, NorvoVirtualChannel::tc::VMWareVirtualChannel,
-    NorvoVirtualChannel::tc::RDPVirtualChannel, NorvoVirtualChannel::tc::TCPSocketVirtualChannel>;
+using NorvoVirtualChannel::tc::TransportChannel;
+using NorvoVirtualChannel::tc::WorkerThread;
+
+struct Kind {
+    const char* name;
+    int type;
+    int maxMsgSize;
+    int breakTime;
+    bool needsToBeActive;
+    bool lowPriority;      // knows a low priority
+    unsigned int runners;  // counted by the constructor
+    std::unique_ptr<TransportChannel> (*make)(WorkerThread::Pause pause);
+};
+inline void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
+
+template <class Channel>
+std::unique_ptr<TransportChannel> makeChannel(WorkerThread::Pause pause) {
+    return std::make_unique<Channel>(std::move(pause));
+}
+
+namespace kinds {
+using namespace NorvoVirtualChannel::tc;
+inline const Kind all[] = {
+    {"Citrix", 1, 4992, 3, false, true, 1, makeChannel<CitrixVirtualChannel>},
+    {"VMWare", 2, 1000, 10, true, true, 1, makeChannel<VMWareVirtualChannel>},
+    {"RDP", 3, 1500, 3, false, true, 0, makeChannel<RDPVirtualChannel>},
+    {"TCPSocket", 4, 1500, 0, true, false, 1, makeChannel<TCPSocketVirtualChannel>}};
+}  // namespace kinds
 
 // How many runners this process is counted with.
 inline unsigned int runners() {
@@ -34,12 +61,11 @@ inline void forgetRunners() {
     }
 }
 
-inline int send(NorvoVirtualChannel::tc::TransportChannel& channel, const std::string& message,
-                bool lowPriority = false) {
+inline int send(TransportChannel& channel, const std::string& message, bool lowPriority = false) {
     return channel.SendData(message.data(), static_cast<unsigned int>(message.size()), lowPriority);
 }
 
-inline int receive(NorvoVirtualChannel::tc::TransportChannel& channel, const Bytes& packet) {
+inline int receive(TransportChannel& channel, const std::string& packet) {
     return channel.ReceiveData(packet.data(), static_cast<unsigned int>(packet.size()));
 }
 

@@ -1,330 +1,253 @@
 // What all channels have in common; what a kind has of its own is in ChannelKindTest.cpp.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <future>
 #include <thread>
 
 #include "ChannelSupport.h"
-#include "FakeHost.h"
+#include "Eventually.h"
 #include "KRANRunner.h"
 #include "LogCapture.h"
-#include "WorkRecord.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using packettest::pattern;
 
 namespace {
 
-struct Traits {
-    int type;
-    int maxMsgSize;
-    int breakTime;
-    bool needsToBeActive;
-    bool lowPriority;      // knows a low priority
-    unsigned int runners;  // counted by the constructor
-    std::string name;
-};
+using Calls = std::vector<std::string>;
 
-template <class Channel>
-Traits traitsOf();
-template <>
-Traits traitsOf<CitrixVirtualChannel>() {
-    return {1, 4992, 3, false, true, 1, "CitrixVirtualChannel"};
-}
-template <>
-Traits traitsOf<VMWareVirtualChannel>() {
-    return {2, 1000, 10, true, true, 1, "VMWareVirtualChannel"};
-}
-template <>
-Traits traitsOf<RDPVirtualChannel>() {
-    return {3, 1500, 3, false, true, 0, "RDPVirtualChannel"};
-}
-template <>
-Traits traitsOf<TCPSocketVirtualChannel>() {
-    return {4, 1500, 0, true, false, 1, "TCPSocketVirtualChannel"};
-}
-
-}  // namespace
-
-template <class Channel>
-class ChannelTest : public testing::Test {
+class ChannelTest : public testing::TestWithParam<Kind> {
 protected:
     ChannelTest() { m_channel.AddObserver(&m_observer); }
 
     // Makes a channel of every kind carry packets; the observer has seen nothing.
     void open() {
-        m_channel.RemoveObserver(nullptr);
         FakeObserver starter;
         m_channel.AddObserver(&starter);
         m_channel.ChannelActive(1);
         m_channel.AddObserver(&m_observer);
     }
     void receiveAll(const std::string& message) {
-        for (const Bytes& packet : packetsOf(message, m_traits.maxMsgSize)) {
+        for (const auto& packet : packetsOf(message, m_kind.maxMsgSize)) {
             ASSERT_EQ(receive(m_channel, packet), 0);
         }
     }
+    // Sends a message whose packet the host does not take until the door is opened.
+    void sendUpToTheDoor(const std::string& message) {
+        holdUp(m_host, m_entered, m_door);
+        send(m_channel, message);
+        ASSERT_TRUE(m_entered.waitFor(1));
+    }
 
-    const Traits m_traits = traitsOf<Channel>();
+    const Kind& m_kind = GetParam();
+    Door m_door;
+    Journal m_entered;
     FakeHost m_host;
     FakeObserver m_observer;
     // Where the worker was told to pause, as the number of packets the host had by then.
     std::vector<std::size_t> m_pauses;
-    Channel m_channel{[this](std::chrono::milliseconds time) {
-        EXPECT_EQ(time.count(), m_traits.breakTime);
+    std::unique_ptr<TransportChannel> m_made = m_kind.make([this](std::chrono::milliseconds time) {
+        EXPECT_EQ(time.count(), m_kind.breakTime);
         m_pauses.push_back(m_host.packets().size());
-    }};
+    });
+    TransportChannel& m_channel = *m_made;
 };
-TYPED_TEST_SUITE(ChannelTest, Kinds);
 
-TYPED_TEST(ChannelTest, SaysWhatItIs) {
-    EXPECT_EQ(this->m_channel.GetType(), this->m_traits.type);
-    EXPECT_EQ(this->m_channel.GetMaxMsgSize(), this->m_traits.maxMsgSize);
-    EXPECT_FALSE(this->m_channel.IsMultiSession());
+INSTANTIATE_TEST_SUITE_P(Kinds, ChannelTest, testing::ValuesIn(kinds::all),
+                         testing::PrintToStringParamName());
+
+}  // namespace
+
+TEST_P(ChannelTest, SendsAMessageAsPacketsOfItsSizeLastOneFirst) {
+    open();
+    const auto payload = static_cast<std::size_t>(m_kind.maxMsgSize) - 24;
+    const std::string message = pattern(2 * payload + 77);
+    const std::string onePacket = pattern(payload);
+    for (const auto& each : {message, onePacket, std::string()}) {
+        EXPECT_EQ(send(m_channel, each), 0);
+    }
+    ASSERT_TRUE(m_host.waitFor(5));
+    std::vector<std::size_t> sizes;
+    for (const auto& packet : m_host.packets()) sizes.push_back(packet.size());
+    EXPECT_EQ(sizes,
+              (std::vector<std::size_t>{77 + 24, payload + 24, payload + 24, payload + 24, 24}));
+    EXPECT_EQ(m_host.messages(), (Calls{message, onePacket, ""}));
+    EXPECT_TRUE(m_host.everyFlagWasOne());
 }
 
-TYPED_TEST(ChannelTest, SendsAMessageAsPacketsOfItsSizeLastOneFirst) {
-    this->open();
-    const std::string message = patternOf(2500 + 2 * 4992);
-    EXPECT_EQ(send(this->m_channel, message), 0);
-    const std::size_t payload = static_cast<std::size_t>(this->m_traits.maxMsgSize) - 24;
-    const std::size_t count = (message.size() + payload - 1) / payload;
-    ASSERT_TRUE(this->m_host.waitFor(count));
-    const auto packets = this->m_host.packets();
-    ASSERT_EQ(packets.size(), count);
-    EXPECT_EQ(packets.front().size(), message.size() % payload + 24);
-    EXPECT_EQ(packets.back().size(), static_cast<std::size_t>(this->m_traits.maxMsgSize));
-    EXPECT_EQ(this->m_host.messages(), std::vector<std::string>{message});
-    EXPECT_TRUE(this->m_host.everyFlagWasOne());
-}
-
-TYPED_TEST(ChannelTest, AMessageThatFitsIsOnePacket) {
-    this->open();
-    const std::string message = patternOf(static_cast<std::size_t>(this->m_traits.maxMsgSize) - 24);
-    send(this->m_channel, message);
-    send(this->m_channel, "");
-    ASSERT_TRUE(this->m_host.waitFor(2));
-    EXPECT_THAT(this->m_host.messages(), ElementsAre(message, ""));
-}
-
-TYPED_TEST(ChannelTest, WithTheGateClosedTakesMessagesAndDropsThem) {
+TEST_P(ChannelTest, WithTheGateClosedTakesMessagesAndDropsThem) {
     LogCapture log;
-    this->open();
+    open();
     FakeHost::host().setActive(false);
-    EXPECT_EQ(send(this->m_channel, "lost"), 0);
-    for (int i = 0; i < 20000 && !log.contains("will NOT appendBuffer"); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    EXPECT_EQ(send(m_channel, "lost"), 0);
+    EXPECT_TRUE(eventually([&] { return log.contains("will NOT appendBuffer"); }));
     FakeHost::host().setActive(true);
-    send(this->m_channel, "kept");
-    ASSERT_TRUE(this->m_host.waitFor(1));
-    EXPECT_THAT(this->m_host.messages(), ElementsAre("kept"));
+    send(m_channel, "kept");
+    ASSERT_TRUE(m_host.waitFor(1));
+    EXPECT_EQ(m_host.messages(), Calls{"kept"});
 }
 
-TYPED_TEST(ChannelTest, MixesInALowPriorityMessageAfterThreeOthers) {
-    this->open();
-    Door door;
-    Journal entered;
-    holdUp(this->m_host, entered, door);
-    send(this->m_channel, "first");
-    ASSERT_TRUE(entered.waitFor(1));
-    for (const char* message : {"l1", "l2"}) send(this->m_channel, message, true);
-    for (const char* message : {"h1", "h2", "h3", "h4"}) send(this->m_channel, message);
-    door.open();
-    ASSERT_TRUE(this->m_host.waitFor(7));
-    if (this->m_traits.lowPriority) {
-        EXPECT_THAT(this->m_host.messages(),
-                    ElementsAre("first", "h1", "h2", "l1", "h3", "h4", "l2"));
-    } else {
-        EXPECT_THAT(this->m_host.messages(),
-                    ElementsAre("first", "l1", "l2", "h1", "h2", "h3", "h4"));
-    }
+TEST_P(ChannelTest, MixesInALowPriorityMessageAfterThreeOthers) {
+    open();
+    sendUpToTheDoor("first");
+    for (const char* message : {"l1", "l2"}) send(m_channel, message, true);
+    for (const char* message : {"h1", "h2", "h3", "h4"}) send(m_channel, message);
+    m_door.open();
+    ASSERT_TRUE(m_host.waitFor(7));
+    EXPECT_EQ(m_host.messages(), m_kind.lowPriority
+                                     ? (Calls{"first", "h1", "h2", "l1", "h3", "h4", "l2"})
+                                     : (Calls{"first", "l1", "l2", "h1", "h2", "h3", "h4"}));
 }
 
-TYPED_TEST(ChannelTest, PausesAfterElevenPacketsAndThenAfterEveryTen) {
-    this->open();
-    Door door;
-    this->m_host.onPacket = [&] { door.pass(); };
-    for (int i = 0; i < 35; ++i) send(this->m_channel, "x");
-    door.open();
-    ASSERT_TRUE(this->m_host.waitFor(35));
-    this->m_channel.Shutdown();  // of the worker, where the kind does that
-    if (this->m_traits.breakTime == 0) {
-        EXPECT_THAT(this->m_pauses, IsEmpty());
-    } else {
-        EXPECT_THAT(this->m_pauses, ElementsAre(11, 21, 31));
-    }
+TEST_P(ChannelTest, PausesAfterElevenPacketsAndThenAfterEveryTen) {
+    open();
+    m_host.onPacket = [&] { m_door.pass(); };
+    for (int i = 0; i < 35; ++i) send(m_channel, "x");
+    m_door.open();
+    ASSERT_TRUE(m_host.waitFor(35));
+    m_channel.Shutdown();  // of the worker, where the kind does that
+    using Pauses = std::vector<std::size_t>;
+    EXPECT_EQ(m_pauses, m_kind.breakTime == 0 ? Pauses{} : (Pauses{11, 21, 31}));
 }
 
-TYPED_TEST(ChannelTest, LosingThePeerDropsWhatIsNotSentYet) {
-    this->open();
-    Door door;
-    Journal entered;
-    holdUp(this->m_host, entered, door);
-    send(this->m_channel, "under way");
-    ASSERT_TRUE(entered.waitFor(1));
-    send(this->m_channel, "dropped");
-    send(this->m_channel, "dropped", true);
-    this->m_channel.onAgentStateChange(false);
-    send(this->m_channel, "new");
-    door.open();
-    ASSERT_TRUE(this->m_host.waitFor(2));
-    EXPECT_THAT(this->m_host.messages(), ElementsAre("under way", "new"));
+TEST_P(ChannelTest, LosingThePeerDropsWhatIsNotSentYet) {
+    open();
+    sendUpToTheDoor("under way");
+    send(m_channel, "dropped");
+    send(m_channel, "dropped", true);
+    m_channel.onAgentStateChange(false);
+    send(m_channel, "new");
+    m_door.open();
+    ASSERT_TRUE(m_host.waitFor(2));
+    EXPECT_EQ(m_host.messages(), (Calls{"under way", "new"}));
 }
 
-TYPED_TEST(ChannelTest, DeliversWhatArrivesWholeAndInAnyOrder) {
-    this->open();
-    const std::string large = patternOf(3 * 4992);
-    auto packets = packetsOf(large, this->m_traits.maxMsgSize);
+TEST_P(ChannelTest, DeliversWhatArrivesWholeAndInAnyOrder) {
+    open();
+    const std::string large = pattern(3 * 4992);
+    auto packets = packetsOf(large, m_kind.maxMsgSize);
     std::swap(packets.front(), packets.back());
-    const Bytes last = packets.back();
+    const std::string last = packets.back();
     packets.pop_back();
-    for (const Bytes& packet : packets) receive(this->m_channel, packet);
-    this->receiveAll("small");
-    EXPECT_THAT(this->m_observer.calls(), ElementsAre("small"));
-    receive(this->m_channel, last);
-    EXPECT_THAT(this->m_observer.calls(), ElementsAre("small", large));
+    for (const auto& packet : packets) receive(m_channel, packet);
+    receiveAll("small");
+    EXPECT_EQ(m_observer.calls(), Calls{"small"});
+    receive(m_channel, last);
+    EXPECT_EQ(m_observer.calls(), (Calls{"small", large}));
 }
 
-TYPED_TEST(ChannelTest, DropsWhatIsNoPacket) {
-    this->open();
-    Bytes packet = packetsOf("message", 1000).front();
-    EXPECT_EQ(this->m_channel.ReceiveData(nullptr, 0), 0);
-    EXPECT_EQ(this->m_channel.ReceiveData(nullptr, 24), 0);
+TEST_P(ChannelTest, DropsWhatIsNoPacket) {
+    open();
+    std::string packet = packetsOf("message", 1000).front();
+    EXPECT_EQ(m_channel.ReceiveData(nullptr, 0), 0);
+    EXPECT_EQ(m_channel.ReceiveData(nullptr, 24), 0);
     for (unsigned int length = 0; length < packet.size(); ++length) {
-        const Bytes exact(packet.begin(), packet.begin() + length);
-        EXPECT_EQ(receive(this->m_channel, exact), 0);
+        const std::vector<char> exact(packet.begin(), packet.begin() + length);
+        EXPECT_EQ(m_channel.ReceiveData(exact.data(), length), 0);
     }
     packet[2] = 0;
-    EXPECT_EQ(receive(this->m_channel, packet), 0);
-    EXPECT_THAT(this->m_observer.calls(), IsEmpty());
+    EXPECT_EQ(receive(m_channel, packet), 0);
+    EXPECT_EQ(m_observer.calls(), Calls{});
 }
 
-TYPED_TEST(ChannelTest, PassesAvailabilityOnAndNothingElse) {
-    for (const int state : {1, 0, 2, -1, 5, 1}) this->m_channel.ChannelActive(state);
-    EXPECT_THAT(this->m_observer.calls(), ElementsAre("up", "down", "up"));
-}
-
-TYPED_TEST(ChannelTest, TheLastObserverCountsAndAnyRemovalEmptiesThePlace) {
+TEST_P(ChannelTest, PassesAvailabilityOnToItsOneObserver) {
+    for (const int state : {1, 0, 2, -1, 5, 1}) m_channel.ChannelActive(state);
     FakeObserver other;
-    this->m_channel.AddObserver(&other);
-    this->m_channel.ChannelActive(1);
-    this->m_channel.RemoveObserver(&this->m_observer);
-    this->m_channel.ChannelActive(0);
-    this->receiveAll("unheard");
-    EXPECT_THAT(this->m_observer.calls(), IsEmpty());
-    EXPECT_THAT(other.calls(), ElementsAre("up"));
+    m_channel.AddObserver(&other);
+    m_channel.ChannelActive(1);
+    m_channel.RemoveObserver(&m_observer);  // whoever is named
+    m_channel.ChannelActive(0);
+    receiveAll("unheard");
+    EXPECT_EQ(m_observer.calls(), (Calls{"up", "down", "up"}));
+    EXPECT_EQ(other.calls(), Calls{"up"});
 }
 
-TYPED_TEST(ChannelTest, AnObserverMayComeBackIn) {
-    this->open();
+TEST_P(ChannelTest, AnObserverMayComeBackIn) {
+    open();
     FakeObserver next;
-    this->m_observer.onCall = [&](const std::string& call) {
+    m_observer.onCall = [&](const std::string& call) {
+        if (call == "up") m_channel.Shutdown();
         if (call != "message") return;
-        send(this->m_channel, "answer");
-        this->m_channel.ChannelActive(1);
-        this->m_channel.RemoveObserver(nullptr);
-        this->m_channel.AddObserver(&next);
+        send(m_channel, "answer");
+        receiveAll("inner");
+        m_channel.ChannelActive(1);
+        m_channel.RemoveObserver(nullptr);
+        m_channel.AddObserver(&next);
     };
     LogCapture log;
-    this->receiveAll("message");
-    EXPECT_THAT(this->m_observer.calls(), ElementsAre("up", "message"));
-    ASSERT_TRUE(this->m_host.waitFor(1));
-    this->receiveAll("later");
-    EXPECT_THAT(next.calls(), ElementsAre("later"));
-}
-
-TYPED_TEST(ChannelTest, APacketFromInsideADeliveryIsDropped) {
-    this->open();
-    LogCapture log;
-    this->m_observer.onCall = [&](const std::string& call) {
-        if (call == "outer") this->receiveAll("inner");
-    };
-    this->receiveAll("outer");
-    EXPECT_THAT(this->m_observer.calls(), ElementsAre("outer"));
+    receiveAll("message");
+    EXPECT_EQ(m_observer.calls(), (Calls{"up", "message"}));
     EXPECT_TRUE(log.contains("A packet from inside a delivery is dropped."));
-}
-
-TYPED_TEST(ChannelTest, ShutdownInsideACallbackIsIgnored) {
-    LogCapture log;
-    this->m_observer.onCall = [&](const std::string& call) {
-        if (call == "up") this->m_channel.Shutdown();
-    };
-    this->m_channel.ChannelActive(1);
-    EXPECT_THAT(this->m_observer.calls(), ElementsAre("up"));
     EXPECT_TRUE(log.contains("Shutdown() from inside a callback is ignored."));
+    ASSERT_TRUE(m_host.waitFor(1));
+    receiveAll("later");
+    EXPECT_EQ(next.calls(), Calls{"later"});
 }
 
-TYPED_TEST(ChannelTest, RDPCallsItsObserverAtOnceAndTheOthersOneByOne) {
-    const bool concurrent = this->m_traits.type == 3;
-    this->open();
+TEST_P(ChannelTest, RDPCallsItsObserverAtOnceAndTheOthersOneByOne) {
+    const bool concurrent = m_kind.type == 3;
+    open();
     std::atomic<int> inside{0};
     std::atomic<bool> met{false};
-    this->m_observer.onCall = [&](const std::string&) {
+    m_observer.onCall = [&](const std::string&) {
         if (++inside == 2) met = true;
-        for (int waits = concurrent ? 20000 : 20; !met && waits > 0; --waits) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        eventually([&] { return met.load(); }, std::chrono::milliseconds(concurrent ? 20000 : 20));
         --inside;
     };
-    std::thread other([&] { this->m_channel.ChannelActive(1); });
-    this->receiveAll("message");
+    std::thread other([&] { m_channel.ChannelActive(1); });
+    receiveAll("message");
     other.join();
     EXPECT_EQ(met, concurrent);
-    EXPECT_EQ(this->m_observer.calls().size(), 2U);
+    EXPECT_EQ(m_observer.calls().size(), 2U);
 }
 
-TYPED_TEST(ChannelTest, ShutdownTellsTheObserverAndTakesBackTheRunner) {
+TEST_P(ChannelTest, ShutdownTellsTheObserverAndTakesBackTheRunner) {
     forgetRunners();
-    TypeParam channel;
-    EXPECT_EQ(runners(), this->m_traits.runners);
+    const auto channel = m_kind.make({});
+    EXPECT_EQ(runners(), m_kind.runners);
     addRunner();
     unsigned int whenTold = 99;
-    this->m_observer.onCall = [&](const std::string&) { whenTold = runners(); };
-    channel.AddObserver(&this->m_observer);
-    channel.Shutdown();
-    EXPECT_EQ(whenTold, this->m_traits.type == 3 ? 0U : 2U);  // RDP takes its runner back first
-    EXPECT_EQ(runners(), this->m_traits.runners);
-    channel.RemoveObserver(nullptr);
-    channel.Shutdown();
-    EXPECT_THAT(this->m_observer.calls(), ElementsAre("shutdown"));
+    m_observer.onCall = [&](const std::string&) { whenTold = runners(); };
+    channel->AddObserver(&m_observer);
+    channel->Shutdown();
+    EXPECT_EQ(whenTold, m_kind.type == 3 ? 0U : 2U);  // RDP takes its runner back first
+    EXPECT_EQ(runners(), m_kind.runners);
+    channel->RemoveObserver(nullptr);
+    channel->Shutdown();
+    EXPECT_EQ(m_observer.calls(), Calls{"shutdown"});
     forgetRunners();
 }
 
-TYPED_TEST(ChannelTest, AsksTheHostAboutWindows) {
+TEST_P(ChannelTest, AsksTheHostAboutWindows) {
     auto& host = FakeHost::host();
     int window = 0;
-    EXPECT_FALSE(this->m_channel.IsSeamlessMode());
-    EXPECT_EQ(this->m_channel.GetClientWindowHandleFromServerWindowHandle(&window), nullptr);
+    EXPECT_FALSE(m_channel.IsMultiSession());
+    EXPECT_FALSE(m_channel.IsSeamlessMode());
+    EXPECT_EQ(m_channel.GetClientWindowHandleFromServerWindowHandle(&window), nullptr);
     host.setIsSeamlessMode([] { return 0; });
     host.setGetClientWindow([](void* server) -> void* { return static_cast<char*>(server) + 1; });
-    EXPECT_TRUE(this->m_channel.IsSeamlessMode());
-    EXPECT_EQ(this->m_channel.GetClientWindowHandleFromServerWindowHandle(&window),
+    EXPECT_TRUE(m_channel.IsSeamlessMode());
+    EXPECT_EQ(m_channel.GetClientWindowHandleFromServerWindowHandle(&window),
               reinterpret_cast<char*>(&window) + 1);
-    EXPECT_EQ(this->m_channel.GetClientWindowHandleFromServerWindowHandle(nullptr), nullptr);
+    EXPECT_EQ(m_channel.GetClientWindowHandleFromServerWindowHandle(nullptr), nullptr);
     host.setIsSeamlessMode([] { return 1; });
-    EXPECT_FALSE(this->m_channel.IsSeamlessMode());
+    EXPECT_FALSE(m_channel.IsSeamlessMode());
     host.setIsSeamlessMode(nullptr);
     host.setGetClientWindow(nullptr);
 }
 
-TYPED_TEST(ChannelTest, TracesInItsOwnNameAndInOrder) {
+TEST_P(ChannelTest, TracesInItsOwnNameAndInOrder) {
     LogCapture log;
-    const std::string& name = this->m_traits.name;
-    TypeParam channel;
-    channel.GetType();
-    FakeObserver observer;
-    channel.AddObserver(&observer);
-    channel.ChannelActive(1);
-    send(channel, "m");
-    const Bytes packet = packetsOf("m", 1000).front();
-    receive(channel, packet);
-    channel.RemoveObserver(&observer);
-    const bool vmware = name == "VMWareVirtualChannel";
+    const auto channel = m_kind.make({});
+    EXPECT_EQ(channel->GetType(), m_kind.type);
+    channel->AddObserver(&m_observer);
+    channel->ChannelActive(1);
+    send(*channel, "m");
+    receive(*channel, packetsOf("m", 1000).front());
+    channel->RemoveObserver(&m_observer);
+    const std::string name = std::string(m_kind.name) + "VirtualChannel";
+    const bool vmware = m_kind.type == 2;
     const auto lines = log.lines();
     auto from = lines.begin();
     for (const std::string& text :
@@ -338,22 +261,21 @@ TYPED_TEST(ChannelTest, TracesInItsOwnNameAndInOrder) {
         from = std::find_if(from, lines.end(), [&](const std::string& line) {
             return line.find(text) != std::string::npos;
         });
-        ASSERT_NE(from, lines.end()) << text;
-        ++from;
+        ASSERT_NE(from++, lines.end()) << text;
     }
 }
 
-TYPED_TEST(ChannelTest, NeedsAnActiveChannelWhereTheKindSaysSo) {
+TEST_P(ChannelTest, NeedsAnActiveChannelWhereTheKindSaysSo) {
     LogCapture log;
-    this->m_channel.RemoveObserver(nullptr);
-    this->m_channel.ChannelActive(1);  // nobody is there to take note
-    this->m_channel.AddObserver(&this->m_observer);
-    EXPECT_EQ(send(this->m_channel, "m"), 0);
-    this->receiveAll("in");
-    const int refusals = log.count("Channel is not active, will not receive data.");
-    EXPECT_EQ(refusals, this->m_traits.needsToBeActive ? 2 : 0);
-    EXPECT_EQ(this->m_observer.calls().size(), this->m_traits.needsToBeActive ? 0U : 1U);
-    this->m_channel.ChannelActive(1);
-    this->receiveAll("heard");
-    EXPECT_EQ(this->m_observer.calls().back(), "heard");
+    m_channel.RemoveObserver(nullptr);
+    m_channel.ChannelActive(1);  // nobody is there to take note
+    m_channel.AddObserver(&m_observer);
+    EXPECT_EQ(send(m_channel, "m"), 0);
+    receiveAll("in");
+    EXPECT_EQ(log.count("Channel is not active, will not receive data."),
+              m_kind.needsToBeActive ? 2 : 0);
+    m_channel.ChannelActive(1);
+    receiveAll("heard");
+    EXPECT_EQ(m_observer.calls(),
+              m_kind.needsToBeActive ? (Calls{"up", "heard"}) : (Calls{"in", "up", "heard"}));
 }

@@ -4,59 +4,23 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "HostCallbacks.h"
-#include "Packets.h"
+#include "PacketBytes.h"
 #include "VirtualChannel.h"
 
 namespace testsupport {
 
-using Bytes = std::vector<unsigned char>;
-
-inline Bytes bytesOf(const std::string& text) { return {text.begin(), text.end()}; }
-
-inline std::string patternOf(std::size_t length) {
-    std::string text(length, '\0');
-    for (std::size_t i = 0; i < length; ++i) text[i] = static_cast<char>(i * 31 + i / 251);
-    return text;
-}
-
-// Joins packets back into messages.
-class Joiner : public NorvoVirtualChannel::PacketizationObserver {
-public:
-    void OnFullPacketReceived(const void* data, unsigned int size) override {
-        messages.emplace_back(static_cast<const char*>(data), size);
-    }
-    void add(const Bytes& wire) {
-        const auto packet = NorvoVirtualChannel::Packet::Borrow(
-            wire.data(), static_cast<unsigned int>(wire.size()));
-        if (packet.isPacketValid()) m_packetizer.EnqueuePacket(&packet);
-    }
-    std::vector<std::string> messages;
-
-private:
-    NorvoVirtualChannel::Packetization m_packetizer{this, 1500};
-};
-
 // The packets of one message as they go on the wire, in the order they are sent.
-inline std::vector<Bytes> packetsOf(const std::string& message, int maxPacketSize) {
-    Joiner unused;
-    NorvoVirtualChannel::Packetization packetizer(&unused, maxPacketSize);
-    std::deque<NorvoVirtualChannel::Packet*> packets;
-    packetizer.PacketizeData(message.data(), static_cast<unsigned int>(message.size()), packets);
-    std::vector<Bytes> wire;
-    for (auto* entry : packets) {
-        const std::unique_ptr<NorvoVirtualChannel::Packet> packet(entry);
-        const auto bytes = packet->WireBytes();
-        const auto* first = reinterpret_cast<const unsigned char*>(bytes.data());
-        wire.emplace_back(first, first + bytes.size());
+inline std::vector<std::string> packetsOf(const std::string& message, int maxPacketSize) {
+    NorvoVirtualChannel::Packetization packetizer(nullptr, maxPacketSize);
+    std::vector<std::string> wire;
+    for (const auto& packet : packettest::cut(packetizer, message)) {
+        wire.push_back(packettest::textOf(packet->WireBytes()));
     }
     return wire;
 }
@@ -83,15 +47,16 @@ public:
     // Runs on the worker's thread before a packet is noted.
     std::function<void()> onPacket;
 
-    std::vector<Bytes> packets() const {
+    std::vector<std::string> packets() const {
         std::lock_guard lock(m_mutex);
         return m_packets;
     }
     // The messages in the packets so far.
     std::vector<std::string> messages() const {
-        Joiner joiner;
-        for (const Bytes& packet : packets()) joiner.add(packet);
-        return joiner.messages;
+        packettest::Receiver receiver;
+        NorvoVirtualChannel::Packetization joiner(&receiver, 1500);
+        for (const auto& packet : packets()) packettest::receive(joiner, packet);
+        return receiver.messages;
     }
     // Whether `count` packets have come within 20 s.
     bool waitFor(std::size_t count) const {
@@ -108,9 +73,8 @@ private:
     static int append(const void* data, std::uint32_t length, std::uintptr_t flag, void* context) {
         auto& self = *static_cast<FakeHost*>(context);
         if (self.onPacket) self.onPacket();
-        const auto* first = static_cast<const unsigned char*>(data);
         std::lock_guard lock(self.m_mutex);
-        self.m_packets.emplace_back(first, first + length);
+        self.m_packets.emplace_back(static_cast<const char*>(data), length);
         self.m_flagsAreOne = self.m_flagsAreOne && flag == 1;
         self.m_changed.notify_all();
         return 7;
@@ -118,7 +82,7 @@ private:
 
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
-    std::vector<Bytes> m_packets;
+    std::vector<std::string> m_packets;
     bool m_flagsAreOne = true;
 };
 

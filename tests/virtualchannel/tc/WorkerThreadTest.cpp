@@ -1,6 +1,5 @@
 #include "WorkerThread.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,13 +12,16 @@
 using namespace std::chrono_literals;
 using NorvoVirtualChannel::tc::WorkerThread;
 using NorvoVirtualChannel::tc::WorkItem;
-using testing::ElementsAre;
 using testsupport::Door;
 using testsupport::Journal;
+using testsupport::LogCapture;
 using testsupport::note;
 using testsupport::work;
 
 namespace {
+
+using Entries = std::vector<std::string>;
+using Numbers = std::vector<int>;
 
 // Queues `items` while the worker cannot run, runs them all, and returns once they are done. The
 // worker runs them as one burst.
@@ -32,8 +34,8 @@ void runAsOneBurst(WorkerThread& worker, int items, Journal& journal) {
 }
 
 // The numbers of the items after which a worker with these settings pauses.
-std::vector<int> pausesOf(int packetsPerBreak, int breakTime, int items) {
-    std::vector<int> pauses;
+Numbers pausesOf(int packetsPerBreak, int breakTime, int items) {
+    Numbers pauses;
     Journal journal;
     WorkerThread worker([&](std::chrono::milliseconds time) {
         EXPECT_EQ(time.count(), breakTime);
@@ -49,22 +51,16 @@ std::vector<int> pausesOf(int packetsPerBreak, int breakTime, int items) {
 }  // namespace
 
 TEST(WorkerThreadTest, PausesAfterTheEleventhItemAndThenAfterEveryTenth) {
-    EXPECT_THAT(pausesOf(10, 3, 45), ElementsAre(11, 21, 31, 41));
-    EXPECT_THAT(pausesOf(10, 10, 10), ElementsAre());
-    EXPECT_THAT(pausesOf(1, 3, 4), ElementsAre(2, 3, 4));
-}
-
-TEST(WorkerThreadTest, WithoutPacketsPerBreakPausesOnceABurst) {
-    EXPECT_THAT(pausesOf(0, 3, 30), ElementsAre(1));
-}
-
-TEST(WorkerThreadTest, WithoutABreakTimeNeverPauses) {
-    EXPECT_THAT(pausesOf(10, 0, 45), ElementsAre());
-    EXPECT_THAT(pausesOf(0, 0, 45), ElementsAre());
+    EXPECT_EQ(pausesOf(10, 3, 45), (Numbers{11, 21, 31, 41}));
+    EXPECT_EQ(pausesOf(10, 10, 10), Numbers{});
+    EXPECT_EQ(pausesOf(1, 3, 4), (Numbers{2, 3, 4}));
+    EXPECT_EQ(pausesOf(0, 3, 30), Numbers{1});  // once a burst
+    EXPECT_EQ(pausesOf(10, 0, 45), Numbers{});
+    EXPECT_EQ(pausesOf(0, 0, 45), Numbers{});
 }
 
 TEST(WorkerThreadTest, EveryBurstCountsAnew) {
-    testsupport::LogCapture log;
+    LogCapture log;
     std::atomic<int> pauses{0};
     Journal journal;
     WorkerThread worker([&](std::chrono::milliseconds) { ++pauses; });
@@ -83,27 +79,18 @@ TEST(WorkerThreadTest, EveryBurstCountsAnew) {
 TEST(WorkerThreadTest, TakesEveryFourthItemFromTheLowPriorityQueue) {
     Journal journal;
     WorkerThread worker;
-    for (const char* name : {"l1", "l2"}) worker.addLowPriorityWork(note(journal, name));
+    EXPECT_EQ(worker.popWork(), nullptr);
+    for (const char* name : {"l1", "l2", "l3"}) worker.addLowPriorityWork(note(journal, name));
     for (const char* name : {"h1", "h2", "h3", "h4"}) {
         worker.addHighPriorityWork(note(journal, name));
     }
-    EXPECT_EQ(worker.QueueSize(), 6U);
-    EXPECT_EQ(worker.highPriorityQueueSize(), 4U);
-    EXPECT_EQ(worker.lowPriorityQueueSize(), 2U);
+    worker.addHighPriorityWork(nullptr);  // is skipped
+    EXPECT_EQ(worker.QueueSize(), 8U);
+    EXPECT_EQ(worker.highPriorityQueueSize(), 5U);
+    EXPECT_EQ(worker.lowPriorityQueueSize(), 3U);
     worker.Start();
     worker.Stop();
-    EXPECT_THAT(journal.entries(), ElementsAre("h1", "h2", "h3", "l1", "h4", "l2"));
-}
-
-TEST(WorkerThreadTest, TakesWhatThereIsWhenOneQueueIsEmpty) {
-    Journal journal;
-    WorkerThread worker;
-    EXPECT_EQ(worker.popWork(), nullptr);
-    for (int i = 0; i < 5; ++i) worker.addHighPriorityWork(note(journal, "h"));
-    for (int i = 0; i < 5; ++i) EXPECT_NE(worker.popWork(), nullptr);
-    for (int i = 0; i < 5; ++i) worker.addLowPriorityWork(note(journal, "l"));
-    for (int i = 0; i < 5; ++i) EXPECT_NE(worker.popWork(), nullptr);
-    EXPECT_EQ(worker.QueueSize(), 0U);
+    EXPECT_EQ(journal.entries(), (Entries{"h1", "h2", "h3", "l1", "h4", "l2", "l3"}));
 }
 
 TEST(WorkerThreadTest, RunsABatchInOrderAndUnbroken) {
@@ -114,18 +101,7 @@ TEST(WorkerThreadTest, RunsABatchInOrderAndUnbroken) {
     worker.Start();
     worker.AddWork(batch, true);
     ASSERT_TRUE(journal.waitFor(3));
-    EXPECT_THAT(journal.entries(), ElementsAre("a", "b", "c"));
-}
-
-TEST(WorkerThreadTest, SkipsAnEmptyItem) {
-    Journal journal;
-    WorkerThread worker;
-    worker.addHighPriorityWork(nullptr);
-    worker.addHighPriorityWork(note(journal, "after"));
-    worker.Start();
-    worker.Stop();
-    EXPECT_THAT(journal.entries(), ElementsAre("after"));
-    EXPECT_EQ(worker.QueueSize(), 0U);
+    EXPECT_EQ(journal.entries(), (Entries{"a", "b", "c"}));
 }
 
 TEST(WorkerThreadTest, StopRunsWhatIsQueuedEvenWhenTheThreadHasNotBegun) {
@@ -155,7 +131,7 @@ TEST(WorkerThreadTest, ResetDropsUnsentItemsAndTheWorkerGoesOn) {
     busy.open();
     worker.AddWork(note(journal, "kept"), true);
     ASSERT_TRUE(journal.waitFor(1));
-    EXPECT_THAT(journal.entries(), ElementsAre("kept"));
+    EXPECT_EQ(journal.entries(), Entries{"kept"});
 }
 
 TEST(WorkerThreadTest, ResetWhileRunningLosesNothingElse) {
@@ -188,20 +164,7 @@ TEST(WorkerThreadTest, WakesForEverySingleItem) {
     }
 }
 
-TEST(WorkerThreadTest, StopCutsAPauseShortWhenNothingIsLeft) {
-    Journal journal;
-    WorkerThread worker;
-    worker.setPacketsToSendPerBreak(0);
-    worker.setBreakTime(60000);
-    worker.Start();
-    worker.AddWork(note(journal, "item"), false);
-    ASSERT_TRUE(journal.waitFor(1));
-    const auto start = std::chrono::steady_clock::now();
-    worker.Stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
-}
-
-TEST(WorkerThreadTest, RealPausesSetTheRateTheyName) {
+TEST(WorkerThreadTest, RealPausesSetTheRateTheyNameAndStopCutsThemShort) {
     constexpr int kPauses = 30;
     Journal journal;
     WorkerThread worker;
@@ -210,41 +173,39 @@ TEST(WorkerThreadTest, RealPausesSetTheRateTheyName) {
     const auto start = std::chrono::steady_clock::now();
     runAsOneBurst(worker, kPauses + 1, journal);
     EXPECT_GE(std::chrono::steady_clock::now() - start, (kPauses - 1) * 3ms);
+
+    WorkerThread pausing;
+    pausing.setPacketsToSendPerBreak(0);
+    pausing.setBreakTime(60000);
+    pausing.Start();
+    pausing.AddWork(note(journal, "item"), false);
+    ASSERT_TRUE(journal.waitFor(kPauses + 2));
+    const auto stopping = std::chrono::steady_clock::now();
+    pausing.Stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopping, 30s);
 }
 
-TEST(WorkerThreadTest, StopGivesUpOnAnItemThatDoesNotReturn) {
+TEST(WorkerThreadTest, StopGivesUpOnAnItemThatDoesNotReturnAndOnItsOwnThread) {
     Door busy;
     Journal journal;
     WorkerThread worker;
     worker.Start();
-    worker.AddWork(work([&] {
-                       journal.add("in");
-                       busy.pass();
-                   }),
-                   false);
+    const auto item = [&] {
+        worker.Stop();
+        journal.add(worker.StopWithin(20s) ? "joined" : "asked");
+        busy.pass();
+    };
+    worker.AddWork(work(item), false);
     ASSERT_TRUE(journal.waitFor(1));
+    EXPECT_EQ(journal.entries(), Entries{"asked"});
     EXPECT_FALSE(worker.StopWithin(10ms));
     busy.open();
     EXPECT_TRUE(worker.StopWithin(20s));
     EXPECT_TRUE(worker.StopWithin(20s));
 }
 
-TEST(WorkerThreadTest, StopOnTheWorkersOwnThreadEndsItWithoutWaiting) {
-    Journal journal;
-    WorkerThread worker;
-    worker.Start();
-    worker.AddWork(work([&] {
-                       worker.Stop();
-                       journal.add(worker.StopWithin(20s) ? "joined" : "asked");
-                   }),
-                   false);
-    ASSERT_TRUE(journal.waitFor(1));
-    EXPECT_THAT(journal.entries(), ElementsAre("asked"));
-    EXPECT_TRUE(worker.StopWithin(20s));
-}
-
 TEST(WorkerThreadTest, TracesTheLifeOfAnItem) {
-    testsupport::LogCapture log;
+    LogCapture log;
     Journal journal;
     WorkerThread worker;
     worker.AddWork(note(journal, "item"), true);

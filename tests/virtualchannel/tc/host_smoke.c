@@ -24,30 +24,34 @@ static int g_failures;
     } while (0)
 
 /* The library's functions, under the types of the header. */
+#define EACH_FUNCTION(X)                                  \
+    X(InitialiseChannel)                                  \
+    X(ReceiveData)                                        \
+    X(ChannelActive)                                      \
+    X(AppendDataToBuffer)                                 \
+    X(Shutdown)                                           \
+    X(getChannelName)                                     \
+    X(SetIsSeamlessModeFunc)                              \
+    X(SetGetWindowInfoFunc)                               \
+    X(SetGetClientWindowHandleFromServerWindowHandleFunc) \
+    X(IsSeamlessMode_)                                    \
+    X(GetICAWindowInfo_)                                  \
+    X(GetClientWindowHandleFromServerWindowHandle_)       \
+    X(MutexCreate)                                        \
+    X(MutexLock)                                          \
+    X(MutexTryLock)                                       \
+    X(MutexUnlock)                                        \
+    X(MutexDestroy)                                       \
+    X(PluginThreadCreate)                                 \
+    X(PluginThreadDestroy)                                \
+    X(LogMessage_VDI)
+
 static struct {
-    void (*InitialiseChannel)(AppendBufferFunc, uint32_t, void*);
-    uint32_t (*ReceiveData)(unsigned char*, uint32_t);
-    void (*ChannelActive)(uint32_t);
-    uint32_t (*AppendDataToBuffer)(const void*, uint32_t, int);
-    void (*Shutdown)(void);
-    const char* (*getChannelName)(void);
-    void (*SetIsSeamlessModeFunc)(IsSeamlessModeFunc);
-    void (*SetGetWindowInfoFunc)(GetWindowInfoFunc);
-    void (*SetGetClientWindowHandleFromServerWindowHandleFunc)(
-        GetClientWindowHandleFromServerWindowHandleFunc);
-    int (*IsSeamlessMode_)(void);
-    ICAWindowInfo (*GetICAWindowInfo_)(void);
-    void* (*GetClientWindowHandleFromServerWindowHandle_)(void*);
-    MutexHandle (*MutexCreate)(void);
-    void (*MutexLock)(MutexHandle*);
-    bool (*MutexTryLock)(MutexHandle*);
-    void (*MutexUnlock)(MutexHandle*);
-    void (*MutexDestroy)(MutexHandle);
-    void (*PluginThreadCreate)(void (*)(void));
-    void (*PluginThreadDestroy)(void);
-    void (*WatchdogThreadCreate)(void (*)(void));
-    void (*WatchdogThreadDestroy)(void);
-    void (*LogMessage_VDI)(int, const char*);
+#define DECLARE(name) __typeof__(&name) name;
+    EACH_FUNCTION(DECLARE)
+#undef DECLARE
+    __typeof__(&PluginThreadCreate) WatchdogThreadCreate;
+    __typeof__(&PluginThreadDestroy) WatchdogThreadDestroy;
 } vc;
 
 static void load_function(void* library, const char* symbol, void* target) {
@@ -65,27 +69,8 @@ static void* load_library(const char* path) {
         fprintf(stderr, "%s\n", dlerror());
         exit(1);
     }
-#define LOAD(name) load_function(library, #name, &vc.name)
-    LOAD(InitialiseChannel);
-    LOAD(ReceiveData);
-    LOAD(ChannelActive);
-    LOAD(AppendDataToBuffer);
-    LOAD(Shutdown);
-    LOAD(getChannelName);
-    LOAD(SetIsSeamlessModeFunc);
-    LOAD(SetGetWindowInfoFunc);
-    LOAD(SetGetClientWindowHandleFromServerWindowHandleFunc);
-    LOAD(IsSeamlessMode_);
-    LOAD(GetICAWindowInfo_);
-    LOAD(GetClientWindowHandleFromServerWindowHandle_);
-    LOAD(MutexCreate);
-    LOAD(MutexLock);
-    LOAD(MutexTryLock);
-    LOAD(MutexUnlock);
-    LOAD(MutexDestroy);
-    LOAD(PluginThreadCreate);
-    LOAD(PluginThreadDestroy);
-    LOAD(LogMessage_VDI);
+#define LOAD(name) load_function(library, #name, &vc.name);
+    EACH_FUNCTION(LOAD)
 #undef LOAD
     load_function(library, NORVO_SYMBOL_WATCHDOG_THREAD_CREATE, &vc.WatchdogThreadCreate);
     load_function(library, NORVO_SYMBOL_WATCHDOG_THREAD_DESTROY, &vc.WatchdogThreadDestroy);

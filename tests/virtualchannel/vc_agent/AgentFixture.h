@@ -1,9 +1,9 @@
 // One agent on a machine and a channel of the test's own.
 #pragma once
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +15,8 @@
 #include "VirtualChannelAgent.h"
 
 namespace testsupport {
+
+using Texts = std::vector<std::string>;
 
 inline constexpr unsigned int kRead = 0;
 inline constexpr unsigned int kWrite = 1;
@@ -53,8 +55,8 @@ struct Side {
     std::shared_ptr<FakeSegment> segment(const std::string& name) { return machine->segment(name); }
 
     // Stream messages that leave through the send thread, as "type name streamType size".
-    std::vector<std::string> sentTexts(std::size_t count) {
-        std::vector<std::string> texts;
+    Texts sentTexts(std::size_t count) {
+        Texts texts;
         EXPECT_TRUE(eventually([&] {
             for (const auto& sent : channel.takeSent()) texts.push_back(textOf(sent));
             return texts.size() >= count;
@@ -72,13 +74,13 @@ struct Side {
 
     // What local processes were told since the last forgetNotifications(), waiting for `count`
     // messages.
-    std::vector<std::string> notifications(std::size_t count) {
+    Texts notifications(std::size_t count) {
         const auto info = segment(infoOutputName());
         EXPECT_TRUE(eventually([&] { return info->written().size() >= count; }));
         return info->written();
     }
     // The same by operation name.
-    std::vector<std::string> operations(std::size_t count) {
+    Texts operations(std::size_t count) {
         auto texts = notifications(count);
         for (auto& text : texts) text = text.substr(0, text.find('|'));
         return texts;
@@ -98,8 +100,16 @@ struct Side {
 
 class AgentTest : public ::testing::Test {
 protected:
+    // The one message that was sent since the last look.
+    FakeChannel::Sent takeOne() {
+        auto sent = m_channel.takeSent();
+        EXPECT_EQ(sent.size(), 1U);
+        sent.resize(1);
+        return sent[0];
+    }
     LogCapture m_log;
     Side m_side;
+    FakeChannel& m_channel = m_side.channel;
 };
 
 }  // namespace testsupport

@@ -4,11 +4,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
+#include <deque>
 #include <limits>
 #include <map>
-#include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -34,12 +35,17 @@ int numberFrom(const char* variable, int otherwise) {
     return text ? std::atoi(text) : otherwise;
 }
 
+std::string spaceOf(const std::string& side) { return "nvt" + std::to_string(getpid()) + side; }
+
+// A process of that side of the channel.
+ChildProcess on(const std::string& side, const std::string& role,
+                const std::vector<std::string>& args) {
+    return ChildProcess(role, args, {"NORVO_VDI_NAMESPACE=" + spaceOf(side)});
+}
+
 class BackToBackAcrossProcesses : public testing::Test {
 protected:
-    BackToBackAcrossProcesses()
-        : m_left(host("left", "listen")), m_right(host("right", "connect")) {
-        setActive(true);
-    }
+    BackToBackAcrossProcesses() { setActive(true); }
     ~BackToBackAcrossProcesses() override {
         for (auto* each : {&m_left, &m_right}) each->closeInput();
         EXPECT_EQ(m_left.wait(), 0);
@@ -47,19 +53,6 @@ protected:
         for (const auto* side : {"left", "right"}) support::removeSessionObjects(spaceOf(side));
     }
 
-    static std::string spaceOf(const std::string& side) {
-        return "nvt" + std::to_string(getpid()) + side;
-    }
-    ChildProcess host(const std::string& side, const std::string& part) {
-        return ChildProcess("pluginHost", {PLUGIN_LIBRARY, "4", part, m_dir / "wire"},
-                            {"NORVO_VDI_NAMESPACE=" + spaceOf(side)});
-    }
-    static std::unique_ptr<ChildProcess> localProcess(const std::string& side,
-                                                      const std::string& role,
-                                                      const std::vector<std::string>& args) {
-        return std::make_unique<ChildProcess>(
-            role, args, std::vector<std::string>{"NORVO_VDI_NAMESPACE=" + spaceOf(side)});
-    }
     void setActive(bool active) {
         for (auto* each : {&m_left, &m_right}) {
             each->writeLine(active ? "active 1" : "active 0");
@@ -68,8 +61,9 @@ protected:
     }
 
     testsupport::TempDir m_dir;
-    ChildProcess m_left;
-    ChildProcess m_right;
+    ChildProcess m_left = on("left", "pluginHost", {PLUGIN_LIBRARY, "4", "listen", m_dir / "wire"});
+    ChildProcess m_right =
+        on("right", "pluginHost", {PLUGIN_LIBRARY, "4", "connect", m_dir / "wire"});
 };
 
 // What the readers say, by stream: what was read last, and when it had been sent.
@@ -100,16 +94,10 @@ public:
     }
     void endQuietTime() { beginQuietTime(std::numeric_limits<std::uint64_t>::max()); }
     bool allSentAfter(std::uint64_t time) const {
-        std::lock_guard lock(m_mutex);
-        std::size_t fresh = 0;
-        for (const auto& [stream, last] : m_last) fresh += last.second > time ? 1 : 0;
-        return fresh == 2 * kStreamsEachWay;
+        return areAll([&](const auto& last) { return last.second > time; });
     }
     bool allAreAt(std::uint64_t number) const {
-        std::lock_guard lock(m_mutex);
-        std::size_t there = 0;
-        for (const auto& [stream, last] : m_last) there += last.first == number ? 1 : 0;
-        return there == 2 * kStreamsEachWay;
+        return areAll([&](const auto& last) { return last.first == number; });
     }
     std::vector<std::string> complaints() const {
         std::lock_guard lock(m_mutex);
@@ -125,6 +113,14 @@ public:
     }
 
 private:
+    template <class Predicate>
+    bool areAll(const Predicate& predicate) const {
+        std::lock_guard lock(m_mutex);
+        return m_last.size() == 2 * kStreamsEachWay &&
+               std::all_of(m_last.begin(), m_last.end(),
+                           [&](const auto& entry) { return predicate(entry.second); });
+    }
+
     mutable std::mutex m_mutex;
     std::map<std::uint32_t, std::pair<std::uint64_t, std::uint64_t>> m_last;
     std::vector<std::string> m_complaints;
@@ -164,19 +160,13 @@ public:
     }
 
 private:
-    std::unique_ptr<ChildProcess> begin(const std::string& side, const std::string& role,
-                                        const std::vector<std::string>& args) const {
-        return std::make_unique<ChildProcess>(
-            role, args,
-            std::vector<std::string>{"NORVO_VDI_NAMESPACE=nvt" + std::to_string(getpid()) + side});
-    }
     void beginWriter() {
-        m_writer = begin(m_from, "writeTrafficOn",
-                         {m_first, std::to_string(kStreamsEachWay), std::to_string(m_next)});
+        m_writer.emplace(on(m_from, "writeTrafficOn",
+                            {m_first, std::to_string(kStreamsEachWay), std::to_string(m_next)}));
         m_next += 100 * testsupport::kBeginnings;
     }
     void beginReader() {
-        m_reader = begin(m_to, "readTrafficOn", {m_first, std::to_string(kStreamsEachWay)});
+        m_reader.emplace(on(m_to, "readTraffic", {m_first, std::to_string(kStreamsEachWay), "on"}));
         m_listener =
             onEachLine(*m_reader, [this](const std::string& line) { m_progress.take(line); });
     }
@@ -191,8 +181,8 @@ private:
     const std::string m_to;
     Progress& m_progress;
     std::uint64_t m_next = testsupport::kBeginnings;
-    std::unique_ptr<ChildProcess> m_writer;
-    std::unique_ptr<ChildProcess> m_reader;
+    std::optional<ChildProcess> m_writer;
+    std::optional<ChildProcess> m_reader;
     std::thread m_listener;
 };
 
@@ -203,31 +193,27 @@ TEST_F(BackToBackAcrossProcesses, EveryMessageOfTwentyStreamsArrivesWholeAndInOr
         numberFrom("NORVO_BACK_TO_BACK_MESSAGES", testsupport::rounds(1000)) / 20);
     const std::string ways[][3] = {{"0", "left", "right"}, {"10", "right", "left"}};
     Progress progress;
-    std::vector<std::unique_ptr<ChildProcess>> writers;
-    std::vector<std::unique_ptr<ChildProcess>> readers;
+    std::deque<ChildProcess> writers;
+    std::deque<ChildProcess> readers;
     std::vector<std::thread> listeners;
     for (const auto& [first, from, to] : ways) {
-        writers.push_back(localProcess(
+        auto& writer = writers.emplace_back(on(
             from, "writeTraffic", {first, std::to_string(kStreamsEachWay), std::to_string(each)}));
-        readers.push_back(
-            localProcess(to, "readTraffic", {first, std::to_string(kStreamsEachWay)}));
-        auto& writer = *writers.back();
-        listeners.push_back(onEachLine(*readers.back(), [&](const std::string& line) {
+        auto& reader = readers.emplace_back(
+            on(to, "readTraffic", {first, std::to_string(kStreamsEachWay), "all"}));
+        listeners.push_back(onEachLine(reader, [&](const std::string& line) {
             progress.take(line);
             writer.writeLine(line.substr(line.find(' ') + 1));
         }));
     }
-    const auto patience = std::chrono::steady_clock::now() + 60s + each * 100ms;
-    while (!progress.allAreAt(each) && progress.complaints().empty() &&
-           std::chrono::steady_clock::now() < patience) {
-        std::this_thread::sleep_for(10ms);
-    }
+    eventually([&] { return progress.allAreAt(each) || !progress.complaints().empty(); },
+               60s + each * 100ms);
     EXPECT_TRUE(progress.allAreAt(each)) << progress.text();
-    for (auto& reader : readers) reader->closeInput();
+    for (auto& reader : readers) reader.closeInput();
     for (auto& listener : listeners) listener.join();
     for (auto& writer : writers) {
-        writer->closeInput();
-        EXPECT_EQ(writer->wait(), 0);
+        writer.closeInput();
+        EXPECT_EQ(writer.wait(), 0);
     }
     EXPECT_EQ(progress.complaints(), std::vector<std::string>{});
 }
@@ -248,16 +234,9 @@ TEST_F(BackToBackAcrossProcesses, StreamsOutliveLostChannelsAndDyingLocalProcess
         ASSERT_TRUE(flowsFor(100'000'000)) << progress.text();
         progress.endQuietTime();
         auto& way = ways[random() % 2];
-        switch (random() % 3) {
-            case 0:
-                way.replaceWriter();
-                break;
-            case 1:
-                way.replaceReader();
-                break;
-            default:
-                break;
-        }
+        const auto victim = random() % 3;
+        if (victim == 0) way.replaceWriter();
+        if (victim == 1) way.replaceReader();
         setActive(false);
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));
         setActive(true);

@@ -23,7 +23,6 @@ namespace testsupport {
 class FakeSegment : public SharedMemoryI {
 public:
     enum class Reader { Takes, Refuses, IsStuck };
-    enum class Mode { None, Created, Opened };
     using Kind = VirtualChannelAgent::AgentEnvironment::SegmentKind;
 
     explicit FakeSegment(Kind kind, std::function<bool(FakeSegment&)> registerSelf)
@@ -48,9 +47,11 @@ public:
         std::lock_guard delivering(m_delivery);
         for (auto* observer : m_observers) observer->onNewMessageReceived(message, this);
     }
-    Kind kind() const { return m_kind; }
-    Mode mode() const { return m_mode; }
-    unsigned int size() const { return m_size; }
+    // How the agent set it up: "opened plain 1000".
+    std::string text() const {
+        return std::string(m_created ? "created " : "opened ") +
+               (m_kind == Kind::Broadcast ? "broadcast " : "plain ") + std::to_string(m_size);
+    }
     bool isOpen() const { return m_open; }
     bool isObserved() const {
         std::lock_guard delivering(m_delivery);
@@ -60,10 +61,10 @@ public:
 
     // The agent.
     bool Create(const std::string& name, unsigned int size) override {
-        return setUp(name, size, Mode::Created);
+        return setUp(name, size, true);
     }
     bool Open(const std::string& name, unsigned int size) override {
-        return setUp(name, size, Mode::Opened);
+        return setUp(name, size, false);
     }
     bool Close() override {
         std::lock_guard lock(m_mutex);
@@ -101,10 +102,10 @@ public:
     }
 
 private:
-    bool setUp(const std::string& name, unsigned int size, Mode mode) {
+    bool setUp(const std::string& name, unsigned int size, bool created) {
         m_name = name;
         m_size = size;
-        m_mode = mode;
+        m_created = created;
         return m_open = m_registerSelf(*this);
     }
 
@@ -112,7 +113,7 @@ private:
     const std::function<bool(FakeSegment&)> m_registerSelf;
     std::string m_name;
     std::atomic<unsigned int> m_size{0};
-    std::atomic<Mode> m_mode{Mode::None};
+    std::atomic<bool> m_created{false};
     std::atomic<bool> m_open{false};
     std::atomic<int> m_failedWrites{0};
     mutable std::mutex m_delivery;

@@ -1,5 +1,4 @@
 // The plug-in library as a black box: wire packets at one end, a local process at the other.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +9,7 @@
 #include "FakeChannel.h"
 #include "LanguageAbstraction.h"
 #include "NorvoStreamClient.h"
-#include "Packets.h"
+#include "PacketBytes.h"
 #include "TempDir.h"
 #include "VCMessage.h"
 #include "WireSocket.h"
@@ -38,12 +37,8 @@ public:
           m_packets(this, static_cast<int>(packetSize)) {}
 
     void send(const VCMessage& message) {
-        const std::string bytes = wireOf(message);
-        std::deque<Packet*> cut;
-        m_packets.PacketizeData(bytes.data(), static_cast<unsigned int>(bytes.size()), cut);
-        for (Packet* each : cut) {
-            const std::unique_ptr<Packet> owned(each);
-            const auto wire = owned->WireBytes();
+        for (const auto& packet : packettest::cut(m_packets, wireOf(message))) {
+            const auto wire = packet->WireBytes();
             m_socket.send(wire.data(), static_cast<std::uint32_t>(wire.size()));
         }
     }
@@ -87,12 +82,6 @@ private:
     Packetization m_packets;
     std::deque<VCMessage> m_messages;
 };
-
-std::string patternOf(std::size_t size) {
-    std::string text(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i * 31 + i / 251);
-    return text;
-}
 
 std::string dataOf(const VCMessage& message) {
     char* data = nullptr;
@@ -152,7 +141,7 @@ TEST_P(PluginAcrossProcesses, CarriesDataBothWaysAndAgainAfterALoss) {
         ASSERT_TRUE(out->waitUntilUp(30s) && in->waitUntilUp(30s));
         for (const std::size_t size : {1U, 976U, 977U, 100'000U}) {
             SCOPED_TRACE(size);
-            const std::string text = patternOf(size);
+            const std::string text = packettest::pattern(size);
             ASSERT_TRUE(out->write(text.data(), size, 30s));
             const auto routed = m_farEnd.await(CTL_S_ROUTE);
             EXPECT_EQ(routed.getStreamName(), "Media");

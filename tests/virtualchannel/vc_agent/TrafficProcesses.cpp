@@ -5,7 +5,6 @@
 #include <iostream>
 #include <map>
 #include <mutex>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -126,11 +125,6 @@ std::vector<std::thread> onStreams(Client& client, Direction direction,
     return threads;
 }
 
-void waitForEndOfInput() {
-    for (std::string line; std::getline(std::cin, line);) {
-    }
-}
-
 }  // namespace
 
 // first stream, streams, messages; standard input: "stream number" for each message that was read
@@ -141,11 +135,8 @@ CHILD_ROLE(writeTraffic) {
     auto threads = onStreams(client, Direction::Write, args, [&](Stream& stream, std::uint32_t id) {
         writeAll(stream, id, count, window);
     });
-    for (std::string line; std::getline(std::cin, line);) {
-        std::istringstream fields(line);
-        std::uint32_t stream = 0;
-        std::uint64_t number = 0;
-        fields >> stream >> number;
+    std::uint32_t stream = 0;
+    for (std::uint64_t number = 0; std::cin >> stream >> number;) {
         window.acknowledge(stream, number);
     }
     for (auto& thread : threads) thread.join();
@@ -162,24 +153,14 @@ CHILD_ROLE(writeTrafficOn) {
     return 0;
 }
 
-// first stream, streams
+// first stream, streams, "all" or "on"; until the end of its input
 CHILD_ROLE(readTraffic) {
     Client client;
     std::atomic<bool> ends{false};
+    const auto read = args.at(2) == "all" ? readAll : readOn;
     auto threads = onStreams(client, Direction::Read, args,
-                             [&](Stream& stream, std::uint32_t id) { readAll(stream, id, ends); });
-    waitForEndOfInput();
-    ends = true;
-    for (auto& thread : threads) thread.join();
-    return 0;
-}
-
-CHILD_ROLE(readTrafficOn) {
-    Client client;
-    std::atomic<bool> ends{false};
-    auto threads = onStreams(client, Direction::Read, args,
-                             [&](Stream& stream, std::uint32_t id) { readOn(stream, id, ends); });
-    waitForEndOfInput();
+                             [&](Stream& stream, std::uint32_t id) { read(stream, id, ends); });
+    testsupport::hear();
     ends = true;
     for (auto& thread : threads) thread.join();
     return 0;
