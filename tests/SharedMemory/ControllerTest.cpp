@@ -3,7 +3,6 @@
 #include "ChildProcess.h"
 #include "LogCapture.h"
 #include "SegmentSupport.h"
-#include "SharedMemoryFactory.h"
 #include "SharedMemoryRWController.h"
 
 namespace {
@@ -17,68 +16,60 @@ constexpr milliseconds kSoon{2500};
 
 class RWControllerAcrossProcesses : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(reader->Open(name, 64));
-        ASSERT_TRUE(writer->Create(name, 64));
-        reader->subscribeObserver(&collector);
-    }
+    RWControllerAcrossProcesses() { pair.reader->subscribeObserver(&collector); }
     // What runs next in this process may write at once.
-    void TearDown() override {
-        const auto controller = SharedMemoryRWController::getInstance();
+    ~RWControllerAcrossProcesses() override {
         EXPECT_TRUE(
             eventually([&] { return controller->canRead() && controller->canWrite(); }, kSoon));
-        reader->Close();
+        pair.reader->Close();
     }
 
     // Whether a write is let through; false only for one that is refused at once.
-    bool writes() { return write(*writer, "message"); }
+    bool writes() { return write(*pair.writer, "message"); }
+    bool comesToWrite(bool allowed) {
+        return eventually([&] { return writes() == allowed; }, kSoon);
+    }
 
-    const std::string name = uniqueName();
+    const std::shared_ptr<SharedMemoryRWController> controller =
+        SharedMemoryRWController::getInstance();
     Collector collector;
-    const std::shared_ptr<SharedMemoryI> reader = getSharedMemoryInstance(ESharedMemoryType::Plain);
-    const std::shared_ptr<SharedMemoryI> writer = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    const PlainPair pair{64};
 };
 
 TEST_F(RWControllerAcrossProcesses, AnotherActiveAgentStopsReadingAndWritingWithinASecond) {
     ASSERT_TRUE(writes());
     LogCapture log;
+    const auto comesToSay = [&](const std::string& flag, int times) {
+        return eventually([&] { return log.count(flag + pair.name) == times; }, kSoon);
+    };
     ChildProcess other("segmentOtherAgent");
     for (int round = 1; round <= 2; ++round) {
         ASSERT_EQ(other.readLine(), "active");
-        EXPECT_TRUE(eventually([&] { return !writes(); }, kSoon));
-        EXPECT_TRUE(eventually([&] { return log.contains("Canread flag turns to false: " + name); },
-                               kSoon));
+        EXPECT_TRUE(comesToWrite(false));
+        EXPECT_TRUE(comesToSay("Canread flag turns to false: ", round));
         for (int i = 0; i < 3; ++i) EXPECT_FALSE(writes());
-        other.writeLine("go away");
-        ASSERT_EQ(other.readLine(), "inactive");
-        EXPECT_TRUE(eventually([&] { return writes(); }, kSoon));
-        EXPECT_TRUE(eventually(
-            [&] { return log.count("Canread flag turns to true: " + name) == round; }, kSoon));
-        other.writeLine("again");
+        if (round == 1) {
+            other.writeLine("go away");
+            ASSERT_EQ(other.readLine(), "inactive");
+        } else {
+            other.kill();
+        }
+        EXPECT_TRUE(comesToWrite(true));
+        EXPECT_TRUE(comesToSay("Canread flag turns to true: ", round));
+        if (round == 1) other.writeLine("again");
     }
-    EXPECT_EQ(log.count("Canwrite flag turns to false: " + name), 2);
-    EXPECT_EQ(log.count("Canwrite flag turns to true: " + name), 2);
-    EXPECT_EQ(log.count("Canread flag turns to false: " + name), 2);
-    EXPECT_EQ(log.count("Canread flag turns to true: " + name), 2);
-}
-
-TEST_F(RWControllerAcrossProcesses, AnAgentThatIsKilledIsGone) {
-    ChildProcess other("segmentOtherAgent");
-    ASSERT_EQ(other.readLine(), "active");
-    EXPECT_TRUE(eventually([&] { return !writes(); }, kSoon));
-    other.kill();
-    other.wait();
-    EXPECT_TRUE(eventually([&] { return writes(); }, kSoon));
+    EXPECT_EQ(log.count("Canwrite flag turns to false: " + pair.name), 2);
+    EXPECT_EQ(log.count("Canwrite flag turns to true: " + pair.name), 2);
+    EXPECT_EQ(log.count("Canread flag turns to "), 4);
 }
 
 TEST_F(RWControllerAcrossProcesses, AClientIsNotStoppedByTheAgentItServes) {
     const std::string there = uniqueName();
     const std::string back = uniqueName();
-    const auto controller = SharedMemoryRWController::getInstance();
     ASSERT_TRUE(controller->markCurrentVirtualChannelAgentAsActive());
     EXPECT_FALSE(controller->hasOtherActiveVirtualChannelAgent());
-    const auto out = getSharedMemoryInstance(ESharedMemoryType::Plain);
-    const auto in = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    const auto out = plain();
+    const auto in = plain();
     ASSERT_TRUE(in->Open(back, 64));
     ChildProcess client("segmentClient", {there, back});
     ASSERT_EQ(client.readLine(), "ready");
@@ -92,7 +83,6 @@ TEST_F(RWControllerAcrossProcesses, AClientIsNotStoppedByTheAgentItServes) {
 }
 
 TEST_F(RWControllerAcrossProcesses, AfterAShutdownTheNextSegmentStartsTheChecksAgain) {
-    const auto controller = SharedMemoryRWController::getInstance();
     controller->shutdown();
     controller->shutdown();
     ChildProcess other("segmentOtherAgent");

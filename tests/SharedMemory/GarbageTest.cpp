@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <limits>
 #include <memory>
@@ -38,7 +37,6 @@ protected:
 
 struct Case {
     std::size_t offset;
-    std::size_t width;
     std::int64_t value;
     bool published;  // the new message ID is raised, too, so that a chunk seems to wait
 };
@@ -49,29 +47,21 @@ std::ostream& operator<<(std::ostream& out, const Case& garbage) {
 }
 
 std::vector<Case> allCases() {
-    const std::int64_t values[] = {0,
-                                   1,
-                                   kCapacity,
-                                   kCapacity + 1,
-                                   1LL << 31,
-                                   0xffffffffLL,
-                                   -1,
-                                   -7,
-                                   std::numeric_limits<std::int64_t>::min(),
-                                   std::numeric_limits<std::int64_t>::max()};
+    using Limits = std::numeric_limits<std::int64_t>;
     std::vector<Case> cases;
     for (std::size_t offset = 0; offset < 48; offset += offset < 32 ? 8 : 4) {
-        for (const std::int64_t value : values) {
-            for (const bool published : {false, true}) {
-                cases.push_back({offset, offset < 32 ? 8U : 4U, value, published});
-            }
+        for (const std::int64_t value :
+             {std::int64_t{0}, std::int64_t{1}, std::int64_t{kCapacity},
+              kCapacity + std::int64_t{1}, std::int64_t{1} << 31, std::int64_t{0xffffffff},
+              std::int64_t{-1}, std::int64_t{-7}, Limits::min(), Limits::max()}) {
+            for (const bool published : {false, true}) cases.push_back({offset, value, published});
         }
     }
     return cases;
 }
 
 void apply(RawSegment& raw, const Case& garbage) {
-    if (garbage.width == 8) {
+    if (garbage.offset < 32) {
         raw.put<std::int64_t>(garbage.offset, garbage.value);
     } else {
         raw.put<std::uint32_t>(garbage.offset, static_cast<std::uint32_t>(garbage.value));
@@ -120,8 +110,7 @@ TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
 
 TEST(GarbageAcrossProcesses, AnythingMayChangeWhileItIsRead) {
     const std::string name = uniqueName();
-    rusage before{};
-    getrusage(RUSAGE_SELF, &before);
+    const PeakMemory memory;
     {
         Collector collector;
         SharedMemoryMacosx reader;
@@ -135,16 +124,11 @@ TEST(GarbageAcrossProcesses, AnythingMayChangeWhileItIsRead) {
         while (scribbler.wait(milliseconds(0)) == -1)
             write(disturbed, numberedMessage({1, 1}, 300));
     }
-    rusage after{};
-    getrusage(RUSAGE_SELF, &after);
-    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 128 * 1024);
+    EXPECT_LT(memory.growth(), 128 * 1024);
 
-    SharedMemoryMacosx reader;
-    SharedMemoryMacosx writer;
-    ASSERT_TRUE(reader.Open(name, kCapacity));
-    ASSERT_TRUE(writer.Create(name, kCapacity));
-    ASSERT_TRUE(write(writer, "well formed"));
-    EXPECT_EQ(read(reader), "well formed");
+    const PlainPair pair(kCapacity);
+    ASSERT_TRUE(write(*pair.writer, "well formed"));
+    EXPECT_EQ(read(*pair.reader), "well formed");
 }
 
 }  // namespace

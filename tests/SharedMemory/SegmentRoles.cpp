@@ -6,18 +6,12 @@
 #include "ChildProcess.h"
 #include "MultipleWritersOneReaderSM.h"
 #include "SegmentSupport.h"
-#include "SharedMemoryBroadcast.h"
-#include "SharedMemoryFactory.h"
 
 namespace {
 
 using namespace segmenttest;
 using testsupport::hear;
 using testsupport::say;
-
-std::shared_ptr<SharedMemoryI> segment(ESharedMemoryType type) {
-    return getSharedMemoryInstance(type);
-}
 
 unsigned int number(const std::string& text) { return static_cast<unsigned int>(std::stoul(text)); }
 
@@ -28,8 +22,8 @@ std::size_t lengthOf(std::uint32_t messageNumber, std::size_t longest) {
 
 // in, out, capacity: sends back what comes.
 CHILD_ROLE(segmentEcho) {
-    const auto in = segment(ESharedMemoryType::Plain);
-    const auto out = segment(ESharedMemoryType::Plain);
+    const auto in = plain();
+    const auto out = plain();
     if (!in->Open(args[0], number(args[2])) || !out->Create(args[1], number(args[2]))) return 1;
     say("ready");
     for (;;) {
@@ -42,7 +36,7 @@ CHILD_ROLE(segmentEcho) {
 
 // type, name, capacity, source, count (0: no end): set up, say so, then numbered messages.
 CHILD_ROLE(segmentSource) {
-    const auto out = segment(static_cast<ESharedMemoryType>(number(args[0])));
+    const auto out = getSharedMemoryInstance(static_cast<ESharedMemoryType>(number(args[0])));
     const unsigned int capacity = number(args[2]);
     const unsigned int count = number(args[4]);
     if (!out->Create(args[1], capacity)) return 1;
@@ -58,7 +52,7 @@ CHILD_ROLE(segmentSource) {
 
 // name, capacity: says "good" once a whole message came and "bad" when one is damaged.
 CHILD_ROLE(segmentSink) {
-    const auto in = segment(ESharedMemoryType::Plain);
+    const auto in = plain();
     if (!in->Open(args[0], number(args[1]))) return 1;
     say("ready");
     for (bool first = true;;) {
@@ -74,7 +68,7 @@ CHILD_ROLE(segmentSink) {
 
 // name, capacity: one message once a line comes; says how many milliseconds it took.
 CHILD_ROLE(segmentOneMessage) {
-    const auto out = segment(ESharedMemoryType::Plain);
+    const auto out = plain();
     if (!out->Create(args[0], number(args[1]))) return 1;
     const auto start = Clock::now();
     if (!write(*out, "late writer")) return 2;
@@ -94,7 +88,7 @@ CHILD_ROLE(segmentLockHolder) {
 // name, capacity, last, count: reads a broadcast; ends well after message number `last`, or closes
 // after `count` messages. Each message must be the successor of the one before.
 CHILD_ROLE(segmentListener) {
-    const auto in = segment(ESharedMemoryType::Broadcast);
+    const auto in = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
     if (!in->Open(args[0], number(args[1]))) return 1;
     say("ready");
     std::optional<std::uint32_t> previous;
@@ -135,8 +129,8 @@ CHILD_ROLE(segmentOtherAgent) {
 CHILD_ROLE(segmentClient) {
     Collector collector;
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
-    const auto in = segment(ESharedMemoryType::Plain);
-    const auto out = segment(ESharedMemoryType::Plain);
+    const auto in = plain();
+    const auto out = plain();
     if (!in->Open(args[0], 64) || !out->Create(args[1], 64)) return 1;
     say("ready");
     in->subscribeObserver(&collector);
@@ -169,7 +163,7 @@ CHILD_ROLE(segmentScribbler) {
 // type, name: a subscribed reader without traffic, until a line comes.
 CHILD_ROLE(segmentIdleReader) {
     Collector collector;
-    const auto in = segment(static_cast<ESharedMemoryType>(number(args[0])));
+    const auto in = getSharedMemoryInstance(static_cast<ESharedMemoryType>(number(args[0])));
     if (!in->Open(args[1], 65536)) return 1;
     in->subscribeObserver(&collector);
     say("ready");

@@ -2,13 +2,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,7 +18,7 @@
 #include <vector>
 
 #include "Eventually.h"
-#include "SharedMemoryI.h"
+#include "SharedMemoryFactory.h"
 #include "SharedMemoryMacosx.h"
 
 namespace segmenttest {
@@ -24,6 +26,7 @@ namespace segmenttest {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using testsupport::eventually;
+using testsupport::since;
 
 // A segment name that no other test of this run has.
 std::string uniqueName();
@@ -48,49 +51,67 @@ inline std::string read(SharedMemoryI& segment, unsigned int timeout = 5000) {
     return message;
 }
 
-inline milliseconds since(Clock::time_point start) {
-    return std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+inline std::shared_ptr<SharedMemoryI> plain() {
+    return getSharedMemoryInstance(ESharedMemoryType::Plain);
 }
 
-// Checks numbered messages as they come: each undamaged, none twice, none missing within a source,
-// sources in rising order.
+// A plain segment with both its ends in this process.
+struct PlainPair {
+    explicit PlainPair(unsigned int capacity) {
+        EXPECT_TRUE(reader->Open(name, capacity));
+        EXPECT_TRUE(writer->Create(name, capacity));
+    }
+    const std::string name = uniqueName();
+    const std::shared_ptr<SharedMemoryI> reader = plain();
+    const std::shared_ptr<SharedMemoryI> writer = plain();
+};
+
+// By how many KiB the most memory that this process has used grows from now on.
+class PeakMemory {
+public:
+    long growth() const { return now() - m_before; }
+
+private:
+    static long now() {
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        return usage.ru_maxrss;
+    }
+    const long m_before = now();
+};
+
+// Checks numbered messages as they come: each undamaged, none twice, none missing within a source.
 class Checker : public SharedMemoryObserverI {
 public:
     void onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) override {
         const auto id = readNumbered(message);
-        if ((!id || !follows(*id)) && m_wrong++ == 0) note(id);
+        if (!id || id->number != m_expected[id->source]) note(id);
         if (!id) return;
-        m_expected = id->number + 1;
+        m_expected[id->source] = id->number + 1;
         m_source = id->source;
         ++m_count;
     }
-    int wrong() const { return m_wrong; }
-    std::string firstWrong() const {
+    // The first that was wrong; empty when none was.
+    std::string wrong() const {
         std::lock_guard lock(m_mutex);
-        return m_firstWrong;
+        return m_wrong;
     }
     std::uint32_t count() const { return m_count; }
+    // Of the newest message.
     std::uint32_t source() const { return m_source; }
 
 private:
-    bool follows(Numbered id) const {
-        return id.source == m_source ? id.number == m_expected
-                                     : id.source > m_source && id.number == 0;
-    }
     void note(const std::optional<Numbered>& id) {
-        const auto text = [](std::uint32_t source, std::uint32_t number) {
-            return std::to_string(source) + "/" + std::to_string(number);
-        };
         std::lock_guard lock(m_mutex);
-        m_firstWrong = "instead of " + text(m_source, m_expected) + " came " +
-                       (id ? text(id->source, id->number) : "a damaged message");
+        if (!m_wrong.empty()) return;
+        m_wrong = "after " + std::to_string(m_count) + " came ";
+        m_wrong += id ? std::to_string(id->source) + "/" + std::to_string(id->number) : "damage";
     }
     mutable std::mutex m_mutex;
-    std::string m_firstWrong;
-    std::atomic<int> m_wrong{0};
+    std::string m_wrong;
     std::atomic<std::uint32_t> m_count{0};
     std::atomic<std::uint32_t> m_source{0};
-    std::uint32_t m_expected = 0;
+    std::map<std::uint32_t, std::uint32_t> m_expected;
 };
 
 // Keeps what it observes.

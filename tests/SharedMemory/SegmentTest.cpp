@@ -1,35 +1,34 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <future>
 #include <memory>
 
 #include "LogCapture.h"
 #include "NamedCondition.h"
-#include "NamedMutex.h"
 #include "SegmentSupport.h"
-#include "SharedMemoryFactory.h"
 #include "VDIClientInfo.h"
 
 namespace {
 
 using namespace segmenttest;
 using testsupport::LogCapture;
-using VDIFrameworkCommon::VDIClientInfo;
-namespace VDIClientType = VDIFrameworkCommon::VDIClientType;
 
-std::shared_ptr<SharedMemoryI> plain() { return getSharedMemoryInstance(ESharedMemoryType::Plain); }
-
-TEST(SegmentLayoutTest, AWrittenChunkLiesThereByteForByte) {
+class SegmentTest : public testing::Test {
+protected:
     const std::string name = uniqueName();
-    const auto reader = plain();
-    const auto writer = plain();
+    const std::shared_ptr<SharedMemoryI> reader = plain();
+    const std::shared_ptr<SharedMemoryI> writer = plain();
+};
+
+TEST_F(SegmentTest, AWrittenChunkLiesThereByteForByteAndNothingOfAnEarlierWriter) {
     ASSERT_TRUE(reader->Open(name, 100));
-    ASSERT_TRUE(writer->Create(name, 100));
-    const RawSegment raw(name);
+    RawSegment raw(name);
     EXPECT_EQ(raw.size(), 148U);
     EXPECT_EQ(raw.bytes(0, 148), std::string(148, '\0'));
-
+    for (std::size_t i = 48; i < 148; ++i) raw.put<char>(i, '!');
+    ASSERT_TRUE(writer->Create(name, 100));
     ASSERT_TRUE(write(*writer, std::string(90, 'a')));
     EXPECT_EQ(raw.word64(16), 1);
     EXPECT_EQ(raw.word64(24), 0);
@@ -44,24 +43,17 @@ TEST(SegmentLayoutTest, AWrittenChunkLiesThereByteForByte) {
     EXPECT_EQ(raw.bytes(0, 148), expected);
 }
 
-TEST(SegmentLayoutTest, ChunksOfALongMessageAreNumberedFromOne) {
-    const std::string name = uniqueName();
-    const auto reader = plain();
-    const auto writer = plain();
-    ASSERT_TRUE(reader->Open(name, 10));
-    ASSERT_TRUE(writer->Create(name, 10));
+TEST_F(SegmentTest, ChunksOfALongMessageAreNumberedFromOne) {
+    ASSERT_TRUE(reader->Open(name, 10) && writer->Create(name, 10));
     RawSegment raw(name);
     auto written = std::async([&] { return write(*writer, "0123456789abcdefghijXYZ"); });
-
     VDIFrameworkCommon::NamedCondition consumed;
     ASSERT_TRUE(consumed.create(("ED992248_" + name + "_write_condition").c_str()));
     const std::string chunks[] = {"0123456789", "abcdefghij", std::string("XYZ\0\0\0\0\0\0\0", 10)};
     for (unsigned int i = 0; i < 3; ++i) {
         ASSERT_TRUE(eventually([&] { return raw.word64(16) == i + 1; }));
-        EXPECT_EQ(raw.word32(32), 3U);
-        EXPECT_EQ(raw.word32(36), i + 1);
-        EXPECT_EQ(raw.word32(40), 23U);
-        EXPECT_EQ(raw.word32(44), i < 2 ? 10U : 3U);
+        EXPECT_EQ((std::array{raw.word32(32), raw.word32(36), raw.word32(40), raw.word32(44)}),
+                  (std::array{3U, i + 1, 23U, i < 2 ? 10U : 3U}));
         EXPECT_EQ(raw.bytes(48, 10), chunks[i]);
         raw.put<long>(24, i + 1);
         consumed.notify();
@@ -69,54 +61,35 @@ TEST(SegmentLayoutTest, ChunksOfALongMessageAreNumberedFromOne) {
     EXPECT_TRUE(written.get());
 }
 
-TEST(SegmentLayoutTest, WhatAnEarlierWriterLeftInTheDataAreaIsCleared) {
-    const std::string name = uniqueName();
-    const auto reader = plain();
-    ASSERT_TRUE(reader->Open(name, 100));
-    RawSegment raw(name);
-    for (std::size_t i = 48; i < 148; ++i) raw.put<char>(i, '!');
-
-    const auto writer = plain();
-    ASSERT_TRUE(writer->Create(name, 100));
-    ASSERT_TRUE(write(*writer, "abc"));
-    EXPECT_EQ(raw.bytes(48, 100), "abc" + std::string(97, '\0'));
-}
-
-TEST(SegmentLayoutTest, TheObjectIsNamedByUserClientTypeAndSegment) {
+TEST_F(SegmentTest, TheObjectIsNamedByUserClientTypeAndSegment) {
+    namespace VDIClientType = VDIFrameworkCommon::VDIClientType;
     const std::pair<VDIClientType::VDIClientTypeEnum, const char*> types[] = {
         {VDIClientType::Crews, "CWVDI_"},
         {VDIClientType::Meetings, "MTVDI_"},
         {VDIClientType::Unknown, "DEFVDI_"}};
     for (const auto& [type, prefix] : types) {
-        VDIClientInfo::getInstance().setClientType(type);
-        const std::string name = uniqueName();
+        VDIFrameworkCommon::VDIClientInfo::getInstance().setClientType(type);
         const auto segment = plain();
         ASSERT_TRUE(segment->Create(name, 10));
         EXPECT_NO_THROW(RawSegment raw(std::to_string(geteuid()) + prefix, name)) << prefix;
     }
 }
 
-TEST(SegmentSetUpTest, StepsAreLoggedInOrderAndFailuresEndThem) {
-    const std::string name = uniqueName();
+TEST_F(SegmentTest, StepsOfSettingUpAreLoggedInOrderAndFailuresEndThem) {
     LogCapture log;
-    const auto reader = plain();
     ASSERT_TRUE(reader->Open(name, 10));
     const std::vector<std::string> steps = {
         "CreateMutex for shared memory start Suceded, stream: " + name,
         "Create condition for reading shared memory start succeed, stream: " + name,
         "Create condition for writing shared memory start succeed, stream: " + name,
         "Creating/openning shared memory: " + name};
-    const auto lines = log.lines();
-    ASSERT_GE(lines.size(), steps.size());
-    EXPECT_TRUE(std::equal(steps.begin(), steps.end(), lines.begin()));
-
+    auto lines = log.lines();
+    lines.resize(steps.size());
+    EXPECT_EQ(lines, steps);
     EXPECT_FALSE(reader->Open(name, 10));
     EXPECT_TRUE(log.contains("Shared Memory already initialized. SM: " + name));
-    EXPECT_EQ(reader->getName(), name);
     EXPECT_TRUE(reader->Close());
     EXPECT_TRUE(log.contains("Shared Memory closed."));
-
-    const auto writer = plain();
     EXPECT_FALSE(writer->Create(name, 0));
     EXPECT_FALSE(writer->Create(name, 0xffffffffU));
     EXPECT_EQ(log.count("Illegal capacity"), 2);
@@ -124,32 +97,27 @@ TEST(SegmentSetUpTest, StepsAreLoggedInOrderAndFailuresEndThem) {
     EXPECT_TRUE(log.contains("CreateMutex for shared memory start succeed, stream: " + name));
 }
 
-TEST(SegmentSetUpTest, OperationsThatDoNotFitAreRefusedWithALine) {
-    const std::string name = uniqueName();
+TEST_F(SegmentTest, OperationsThatDoNotFitAreRefusedWithALine) {
     LogCapture log;
-    const auto segment = plain();
     void* data = nullptr;
     unsigned int length = 7;
-    EXPECT_FALSE(write(*segment, "x"));
-    EXPECT_FALSE(segment->ReadData(&data, length));
-    EXPECT_EQ(segment->ReadData(length, 0), "");
-    EXPECT_FALSE(segment->Close());
+    EXPECT_FALSE(write(*writer, "x"));
+    EXPECT_FALSE(writer->ReadData(&data, length));
+    EXPECT_EQ(writer->ReadData(length, 0), "");
+    EXPECT_FALSE(writer->Close());
     EXPECT_EQ(log.count("Illegal operation!"), 3);
-
-    ASSERT_TRUE(segment->Create(name, 10));
-    EXPECT_FALSE(segment->ReadData(&data, length));
-    EXPECT_FALSE(segment->WriteData(nullptr, 3));
+    ASSERT_TRUE(writer->Create(name, 10));
+    EXPECT_FALSE(writer->ReadData(&data, length));
+    EXPECT_FALSE(writer->WriteData(nullptr, 3));
     EXPECT_TRUE(log.contains("Null data pointer!"));
-    EXPECT_TRUE(write(*segment, ""));
+    EXPECT_TRUE(write(*writer, ""));
     EXPECT_EQ(log.count("Illegal operation!"), 4);
+    for (const int unknown : {3, -1})
+        EXPECT_EQ(getSharedMemoryInstance(static_cast<ESharedMemoryType>(unknown)), nullptr);
 }
 
-TEST(SegmentSetUpTest, ASecondOpenerWithASmallerCapacityLeavesTheObjectAsItIs) {
-    const std::string name = uniqueName();
-    const auto writer = plain();
-    const auto reader = plain();
-    ASSERT_TRUE(writer->Create(name, 100000));
-    ASSERT_TRUE(reader->Open(name, 10));
+TEST_F(SegmentTest, ASecondOpenerWithASmallerCapacityLeavesTheObjectAsItIs) {
+    ASSERT_TRUE(writer->Create(name, 100000) && reader->Open(name, 10));
     EXPECT_EQ(RawSegment(name).size(), 100048U);
     LogCapture log;
     ASSERT_TRUE(write(*writer, std::string(100000, 'x')));
@@ -159,30 +127,8 @@ TEST(SegmentSetUpTest, ASecondOpenerWithASmallerCapacityLeavesTheObjectAsItIs) {
     EXPECT_EQ(read(*reader), "fits");
 }
 
-TEST(SegmentTest, MessagesOfAnyLengthCrossWhole) {
-    const std::string name = uniqueName();
-    Collector collector;
-    const auto reader = plain();
-    const auto writer = plain();
-    ASSERT_TRUE(reader->Open(name, 16));
-    ASSERT_TRUE(writer->Create(name, 16));
-    reader->subscribeObserver(&collector);
-    std::vector<std::string> sent;
-    for (const std::size_t length : {1U, 15U, 16U, 17U, 32U, 33U, 167U}) {
-        sent.push_back(std::string(length - 1, 'a') + 'z');
-        ASSERT_TRUE(write(*writer, ""));
-        ASSERT_TRUE(write(*writer, sent.back()));
-    }
-    ASSERT_TRUE(collector.waitForCount(sent.size()));
-    EXPECT_EQ(collector.messages(), sent);
-}
-
-TEST(SegmentTest, AWholeMessageCanBeTakenAsAnArray) {
-    const std::string name = uniqueName();
-    const auto reader = plain();
-    const auto writer = plain();
-    ASSERT_TRUE(reader->Open(name, 16));
-    ASSERT_TRUE(writer->Create(name, 16));
+TEST_F(SegmentTest, AWholeMessageCanBeTakenAsAnArray) {
+    ASSERT_TRUE(reader->Open(name, 16) && writer->Create(name, 16));
     void* data = nullptr;
     unsigned int length = 0;
     EXPECT_FALSE(reader->ReadData(&data, length));
@@ -193,23 +139,17 @@ TEST(SegmentTest, AWholeMessageCanBeTakenAsAnArray) {
     EXPECT_TRUE(written.get());
 }
 
-TEST(SegmentTest, AReaderThatOpensDropsWhatWaitsAndFreesTheWriter) {
-    const std::string name = uniqueName();
-    const auto first = plain();
-    const auto second = plain();
-    const auto writer = plain();
-    ASSERT_TRUE(first->Open(name, 16));
-    ASSERT_TRUE(writer->Create(name, 16));
+TEST_F(SegmentTest, AReaderThatOpensDropsWhatWaitsAndFreesTheWriter) {
+    ASSERT_TRUE(reader->Open(name, 16) && writer->Create(name, 16));
     ASSERT_TRUE(write(*writer, "old"));
     auto written = std::async([&] { return write(*writer, "new"); });
+    const auto second = plain();
     ASSERT_TRUE(second->Open(name, 16));
     EXPECT_EQ(read(*second), "new");
     EXPECT_TRUE(written.get());
 }
 
-TEST(SegmentTest, AWriterThatNobodyEverAnsweredWaitsItsTimeAndThenWrites) {
-    const std::string name = uniqueName();
-    const auto writer = plain();
+TEST_F(SegmentTest, AWriterThatNobodyEverAnsweredWaitsItsTimeAndThenWrites) {
     ASSERT_TRUE(writer->Create(name, 16));
     const auto start = Clock::now();
     EXPECT_TRUE(write(*writer, "first"));
@@ -222,45 +162,31 @@ TEST(SegmentTest, AWriterThatNobodyEverAnsweredWaitsItsTimeAndThenWrites) {
 // Puts the first chunk of a message into the slot that nobody ends.
 void beginMessage(const std::string& name) {
     RawSegment raw(name);
-    raw.put<std::uint32_t>(32, 2);
-    raw.put<std::uint32_t>(36, 1);
-    raw.put<std::uint32_t>(40, 8);
-    raw.put<std::uint32_t>(44, 4);
+    std::size_t offset = 32;
+    for (const std::uint32_t field : {2U, 1U, 8U, 4U}) {
+        raw.put<std::uint32_t>(offset, field);
+        offset += 4;
+    }
     raw.put<long>(16, raw.word64(16) + 1);
 }
 
-TEST(SegmentTest, AMessageThatItsWriterDoesNotEndIsReplacedByTheNext) {
-    const std::string name = uniqueName();
-    const auto reader = plain();
-    const auto writer = plain();
-    ASSERT_TRUE(reader->Open(name, 4));
-    ASSERT_TRUE(writer->Create(name, 4));
-    beginMessage(name);
+TEST_F(SegmentTest, AMessageThatItsWriterDoesNotEndIsReportedAndReplacedByTheNext) {
+    ASSERT_TRUE(reader->Open(name, 4) && writer->Create(name, 4));
     LogCapture log;
+    beginMessage(name);
     EXPECT_EQ(read(*reader, 20), "");
     auto written = std::async([&] { return write(*writer, "whole!"); });
     EXPECT_EQ(read(*reader), "whole!");
     EXPECT_TRUE(written.get());
     EXPECT_EQ(log.count("Previous message is broken!" + name), 1);
-}
-
-TEST(SegmentTest, ClosingReportsAMessageThatIsNotThereInFull) {
-    const std::string name = uniqueName();
-    const auto reader = plain();
-    ASSERT_TRUE(reader->Open(name, 4));
     beginMessage(name);
     EXPECT_EQ(read(*reader, 20), "");
-    LogCapture log;
     EXPECT_TRUE(reader->Close());
     EXPECT_EQ(log.count("The message is not received in full." + name), 1);
 }
 
-TEST(SegmentTest, WaitsOnOtherThreadsHoldNobodyUpAndEndByClosing) {
-    const std::string name = uniqueName();
-    const auto reader = plain();
-    const auto writer = plain();
-    ASSERT_TRUE(reader->Open(name, 4));
-    ASSERT_TRUE(writer->Create(name, 4));
+TEST_F(SegmentTest, WaitsOnOtherThreadsHoldNobodyUpAndEndByClosing) {
+    ASSERT_TRUE(reader->Open(name, 4) && writer->Create(name, 4));
     const auto start = Clock::now();
     auto reading = std::async([&] { return read(*reader, 20000); });
     auto writing = std::async([&] { return write(*writer, std::string(12, 'x')); });
@@ -271,11 +197,6 @@ TEST(SegmentTest, WaitsOnOtherThreadsHoldNobodyUpAndEndByClosing) {
     reading.get();
     writing.get();
     EXPECT_LT(since(start), milliseconds(1500));
-}
-
-TEST(SegmentFactoryTest, AnUnknownTypeGivesNothing) {
-    EXPECT_EQ(getSharedMemoryInstance(static_cast<ESharedMemoryType>(3)), nullptr);
-    EXPECT_EQ(getSharedMemoryInstance(static_cast<ESharedMemoryType>(-1)), nullptr);
 }
 
 }  // namespace

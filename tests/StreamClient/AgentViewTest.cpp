@@ -1,7 +1,8 @@
 #include "AgentView.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -9,14 +10,13 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace NorvoStreamClient;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using Texts = std::vector<std::string>;
 
 class AgentViewTest : public testing::Test {
 protected:
     // Everything due now, each taken (or not) by the agent at once.
-    std::vector<std::string> sendDue(bool taken = true) {
-        std::vector<std::string> texts;
+    Texts sendDue(bool taken = true) {
+        Texts texts;
         while (texts.size() < 20) {
             const auto due = view.due(now);
             if (!due) break;
@@ -24,6 +24,10 @@ protected:
             lastChange = view.finished(*due, taken, now);
         }
         return texts;
+    }
+    bool asksFor(const std::string& request) {
+        const auto texts = sendDue();
+        return std::find(texts.begin(), texts.end(), request) != texts.end();
     }
     AgentView::Heard hear(const std::string& name, std::vector<std::string> fields = {}) {
         return view.hear({name, std::move(fields)}, now);
@@ -33,6 +37,13 @@ protected:
         hear("VCProcessId", {"77", "1"});
         sendDue();
     }
+    void raiseMedia() {
+        meetAgent();
+        view.addStream("Media", Direction::Write, 100);
+        EXPECT_EQ(sendDue(), (Texts{"OpenStream|Media|100", "RequestNotifyStream"}));
+        hear("StreamUp", {"Media", "WRITE"});
+        EXPECT_TRUE(view.isUp("Media"));
+    }
 
     AgentView view;
     Clock::time_point now = Clock::now();
@@ -41,31 +52,25 @@ protected:
 
 TEST_F(AgentViewTest, ProbesForAnAgentBeforeItAsksForStreams) {
     view.addStream("Media", Direction::Read, 100);
-    EXPECT_THAT(sendDue(false), ElementsAre("RequestVCProcessId"));
+    EXPECT_EQ(sendDue(false), Texts{"RequestVCProcessId"});
     now += 100ms;
-    EXPECT_THAT(sendDue(false), IsEmpty());
+    EXPECT_EQ(sendDue(false), Texts());
     now += 500ms;
-    EXPECT_THAT(sendDue(), ElementsAre("RequestVCProcessId", "CreateStream|Media|100"));
+    EXPECT_EQ(sendDue(), (Texts{"RequestVCProcessId", "CreateStream|Media|100"}));
 }
 
-TEST_F(AgentViewTest, NamesStreamsFromTheCallersSide) {
-    meetAgent();
-    view.addStream("In", Direction::Read, 1000);
-    view.addStream("Out", Direction::Write, 2000);
-    EXPECT_THAT(sendDue(),
-                ElementsAre("CreateStream|In|1000", "OpenStream|Out|2000", "RequestNotifyStream"));
-}
-
-TEST_F(AgentViewTest, RepeatsARequestUntilTheStreamIsUp) {
+TEST_F(AgentViewTest, RepeatsARequestUntilTheStreamIsUpInItsDirection) {
     meetAgent();
     view.addStream("Media", Direction::Write, 100);
-    sendDue();
+    EXPECT_TRUE(asksFor("OpenStream|Media|100"));
     now += 3s;
-    EXPECT_THAT(sendDue(), testing::Contains("OpenStream|Media|100"));
+    hear("StreamUp", {"Media", "READ"});
+    EXPECT_FALSE(view.isUp("Media"));
+    EXPECT_TRUE(asksFor("OpenStream|Media|100"));
     hear("StreamUp", {"Media", "WRITE"});
     EXPECT_TRUE(view.isUp("Media"));
     now += 10s;
-    EXPECT_THAT(sendDue(), testing::Not(testing::Contains("OpenStream|Media|100")));
+    EXPECT_FALSE(asksFor("OpenStream|Media|100"));
 }
 
 TEST_F(AgentViewTest, AStreamThatIsOpenedAnewWhileItsOldRequestIsUnderWayIsAskedForAtOnce) {
@@ -76,7 +81,7 @@ TEST_F(AgentViewTest, AStreamThatIsOpenedAnewWhileItsOldRequestIsUnderWayIsAsked
     view.removeStream("Media");
     view.addStream("Media", Direction::Read, 100);
     view.finished(*old, true, now);
-    EXPECT_THAT(sendDue(), testing::Contains("CreateStream|Media|100"));
+    EXPECT_TRUE(asksFor("CreateStream|Media|100"));
 }
 
 TEST_F(AgentViewTest, CallsTheRollEverMoreRarelyWhileAStreamIsDown) {
@@ -91,47 +96,37 @@ TEST_F(AgentViewTest, CallsTheRollEverMoreRarelyWhileAStreamIsDown) {
     EXPECT_LE(calls, 9);
 }
 
-TEST_F(AgentViewTest, AStreamOfTheOtherDirectionIsNotOurs) {
-    meetAgent();
-    view.addStream("Media", Direction::Write, 100);
-    hear("StreamUp", {"Media", "READ"});
-    EXPECT_FALSE(view.isUp("Media"));
-}
-
-TEST_F(AgentViewTest, ALostConnectionTakesTheStreamsDownAndANewOneAsksForThemAgain) {
-    meetAgent();
-    view.addStream("Media", Direction::Write, 100);
-    sendDue();
-    hear("StreamUp", {"Media", "WRITE"});
+TEST_F(AgentViewTest, ALostConnectionOrANewAgentTakesTheStreamsDownAndTheyAreAskedForAgain) {
+    raiseMedia();
     EXPECT_EQ(hear("ChannelDown").connectionChange, false);
     EXPECT_FALSE(view.isUp("Media"));
     EXPECT_EQ(hear("ChannelDown").connectionChange, std::nullopt);
     EXPECT_EQ(hear("ChannelUp").connectionChange, true);
-    EXPECT_THAT(sendDue(), ElementsAre("OpenStream|Media|100", "RequestNotifyStream"));
-}
-
-TEST_F(AgentViewTest, ANewAgentProcessIsAskedForEverything) {
-    meetAgent();
-    view.addStream("Media", Direction::Write, 100);
-    sendDue();
+    EXPECT_EQ(sendDue(), (Texts{"OpenStream|Media|100", "RequestNotifyStream"}));
     hear("StreamUp", {"Media", "WRITE"});
     hear("VCProcessId", {"78", "1"});
     EXPECT_EQ(view.agentProcessId(), 78u);
     EXPECT_FALSE(view.isUp("Media"));
-    EXPECT_THAT(sendDue(), testing::Contains("OpenStream|Media|100"));
+    EXPECT_TRUE(asksFor("OpenStream|Media|100"));
 }
 
 TEST_F(AgentViewTest, AnAgentThatLeavesASignOfLifeLieIsGone) {
     meetAgent();
-    EXPECT_THAT(sendDue(), IsEmpty());
+    EXPECT_EQ(sendDue(), Texts());
     now += 2s;
-    EXPECT_THAT(sendDue(), ElementsAre(""));
+    EXPECT_EQ(sendDue(), Texts{""});
     EXPECT_TRUE(view.isConnected());
     view.suspect();
-    EXPECT_THAT(sendDue(false), ElementsAre(""));
+    EXPECT_EQ(sendDue(false), Texts{""});
     EXPECT_EQ(lastChange, false);
     EXPECT_FALSE(view.isConnected());
     EXPECT_EQ(view.agentProcessId(), 0u);
+}
+
+TEST_F(AgentViewTest, AsksAnewAfterTheProcessWasSuspended) {
+    meetAgent();
+    now += 60s;
+    EXPECT_TRUE(asksFor("RequestVCProcessId"));
 }
 
 TEST_F(AgentViewTest, AKnownProcessIdIsNewsOnlyToThoseWhoAsk) {
@@ -149,22 +144,14 @@ TEST_F(AgentViewTest, AStateThatContradictsWhatIsKnownIsAskedForAgain) {
     EXPECT_EQ(hear("VCProcessId", {"77", "0"}).connectionChange, std::nullopt);
     EXPECT_TRUE(view.isConnected());
     now += 100ms;
-    EXPECT_THAT(sendDue(), ElementsAre("RequestVCProcessId"));
+    EXPECT_EQ(sendDue(), Texts{"RequestVCProcessId"});
     EXPECT_EQ(hear("VCProcessId", {"77", "1"}).connectionChange, std::nullopt);
-    EXPECT_THAT(sendDue(), IsEmpty());
+    EXPECT_EQ(sendDue(), Texts());
     hear("VCProcessId", {"77", "0"});
     EXPECT_EQ(hear("VCProcessId", {"77", "0"}).connectionChange, false);
     EXPECT_EQ(hear("ChannelUp").connectionChange, true);
     hear("VCProcessId", {"77", "0"});
     EXPECT_TRUE(view.isConnected()) << "composed before the agents met";
-}
-
-TEST_F(AgentViewTest, AsksAnewAfterTheProcessWasSuspended) {
-    meetAgent();
-    now += 1s;
-    EXPECT_THAT(sendDue(), IsEmpty());
-    now += 60s;
-    EXPECT_THAT(sendDue(), testing::Contains("RequestVCProcessId"));
 }
 
 TEST_F(AgentViewTest, MalformedNewsChangesNothing) {

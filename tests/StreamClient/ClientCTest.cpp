@@ -1,5 +1,5 @@
 // The C interface; what lies beneath is ClientTest's.
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <string>
 #include <thread>
@@ -14,41 +14,41 @@ constexpr int kLong = 20000;
 
 class ClientCTest : public testing::Test {
 protected:
-    ~ClientCTest() override { norvo_client_close(client); }
+    ~ClientCTest() override {
+        norvo_stream_close(stream);
+        norvo_client_close(client);
+    }
     FakeAgent agent{kName};
     norvo_client* client = norvo_client_open(kName);
+    norvo_stream* stream = nullptr;
+    const std::shared_ptr<SharedMemoryI> end = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    char buffer[100] = {};
+    size_t length = 0;
 };
 
 TEST_F(ClientCTest, ReadsAMessageOnceTheBufferIsLargeEnough) {
-    norvo_stream* stream = norvo_stream_open(client, "CCRead", NORVO_READ, 100);
-    ASSERT_NE(stream, nullptr);
-    auto end = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    stream = norvo_stream_open(client, "CCRead", NORVO_READ, 100);
     ASSERT_TRUE(end->Create("CCRead", 100));
     std::thread writer([&] { EXPECT_TRUE(end->WriteData("message", 7)); });
-    char buffer[16];
-    size_t length = 0;
     EXPECT_EQ(norvo_stream_read(stream, buffer, 3, &length, kLong), NORVO_TOO_SMALL);
     EXPECT_EQ(length, 7u);
     EXPECT_EQ(norvo_stream_read(stream, buffer, sizeof buffer, &length, 0), NORVO_OK);
     EXPECT_EQ(std::string(buffer, length), "message");
     EXPECT_EQ(norvo_stream_read(stream, buffer, sizeof buffer, &length, 1), NORVO_TIMEOUT);
     writer.join();
-    norvo_stream_close(stream);
 }
 
 TEST_F(ClientCTest, WritesWithoutALimitOfTime) {
     agent.raise("CCWrite", "WRITE");
-    auto end = getSharedMemoryInstance(ESharedMemoryType::Plain);
-    norvo_stream* stream = norvo_stream_open(client, "CCWrite", NORVO_WRITE, 0);
+    stream = norvo_stream_open(client, "CCWrite", NORVO_WRITE, 0);
     ASSERT_TRUE(end->Open("CCWrite", 65536));
     ASSERT_EQ(norvo_stream_wait_up(stream, -1), NORVO_OK);
     EXPECT_EQ(norvo_stream_is_up(stream), 1);
     EXPECT_EQ(norvo_client_is_connected(client), 1);
     EXPECT_EQ(norvo_stream_write(stream, "out", 3, -1), NORVO_OK);
-    unsigned int length = 0;
-    EXPECT_EQ(end->ReadData(length, kLong), "out");
+    unsigned int received = 0;
+    EXPECT_EQ(end->ReadData(received, kLong), "out");
     EXPECT_EQ(norvo_stream_flush(stream, -1), NORVO_OK);
-    norvo_stream_close(stream);
 }
 
 TEST_F(ClientCTest, GivesNotificationsAsTextsInARow) {
@@ -57,8 +57,6 @@ TEST_F(ClientCTest, GivesNotificationsAsTextsInARow) {
     EXPECT_EQ(norvo_client_request(client, "SetHVDClientInfo", fields, 2, kLong), NORVO_OK);
     EXPECT_TRUE(agent.waitFor("SetHVDClientInfo|1|2"));
     agent.notify({"ChannelVersion", "1.0", ""});
-    char buffer[100];
-    size_t length = 0;
     std::string got;
     for (int i = 0; i < 10 && got.find("ChannelVersion") != 0; ++i) {
         EXPECT_EQ(norvo_client_next_notification(client, buffer, 1, &length, kLong),
@@ -71,20 +69,16 @@ TEST_F(ClientCTest, GivesNotificationsAsTextsInARow) {
 }
 
 TEST_F(ClientCTest, ClosingAHandleEndsTheWaitsOfOtherThreads) {
-    norvo_stream* stream = norvo_stream_open(client, "CCClose", NORVO_READ, 100);
-    std::thread reader([stream] {
-        char buffer[16];
-        size_t length = 0;
-        EXPECT_EQ(norvo_stream_read(stream, buffer, sizeof buffer, &length, -1), NORVO_TIMEOUT);
+    norvo_stream* awaited = norvo_stream_open(client, "CCClose", NORVO_READ, 100);
+    std::thread reader([&] {
+        EXPECT_EQ(norvo_stream_read(awaited, buffer, sizeof buffer, &length, -1), NORVO_TIMEOUT);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    norvo_stream_close(stream);
+    norvo_stream_close(awaited);
     reader.join();
 }
 
 TEST_F(ClientCTest, AnswersImpossibleArguments) {
-    char buffer[4];
-    size_t length = 0;
     EXPECT_EQ(norvo_stream_open(nullptr, "x", NORVO_READ, 0), nullptr);
     EXPECT_EQ(norvo_stream_open(client, nullptr, NORVO_READ, 0), nullptr);
     EXPECT_EQ(norvo_stream_open(client, "x", 2, 0), nullptr);
@@ -95,12 +89,8 @@ TEST_F(ClientCTest, AnswersImpossibleArguments) {
     EXPECT_EQ(norvo_client_request(client, "x", nullptr, 1, 0), NORVO_INVALID);
     const char* fields[] = {"1", nullptr};
     EXPECT_EQ(norvo_client_request(client, "x", fields, 2, 0), NORVO_INVALID);
-    norvo_stream* in = norvo_stream_open(client, "CCIn", NORVO_READ, 10);
-    norvo_stream* out = norvo_stream_open(client, "CCOut", NORVO_WRITE, 10);
-    EXPECT_EQ(norvo_stream_write(in, "x", 1, 0), NORVO_INVALID);
-    EXPECT_EQ(norvo_stream_read(out, buffer, 4, &length, 0), NORVO_INVALID);
-    norvo_stream_close(in);
-    norvo_stream_close(out);
+    stream = norvo_stream_open(client, "CCIn", NORVO_READ, 10);
+    EXPECT_EQ(norvo_stream_write(stream, "x", 1, 0), NORVO_INVALID);
     EXPECT_EQ(norvo_client_next_notification(client, buffer, 4, nullptr, 0), NORVO_INVALID);
     EXPECT_EQ(norvo_client_is_connected(nullptr), 0);
     EXPECT_EQ(norvo_stream_is_up(nullptr), 0);

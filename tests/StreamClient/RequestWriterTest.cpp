@@ -1,10 +1,7 @@
 #include "RequestWriter.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
-#include <map>
 #include <thread>
 
 #include "ChildProcess.h"
@@ -35,37 +32,20 @@ CHILD_ROLE(request_sender) {
     return sendNumbered(args.at(0), count) == count ? 0 : 1;
 }
 
-TEST(RequestWriterTest, IsNotTakenByAnyoneWithoutAnAgent) {
+TEST(RequestWriterTest, IsTakenByTheAgentThatLivesAndByNobodyElse) {
     useCrewsSegments();
     RequestWriter writer(kSegment);
-    EXPECT_FALSE(writer.send("anybody?", Clock::now() + 50ms));
-    FakeAgent agent("RequestTest");
-    EXPECT_TRUE(writer.send("you there", Clock::now() + 20s));
-    EXPECT_TRUE(agent.waitFor("you there"));
-    EXPECT_EQ(agent.countOf("anybody?"), 0);
-}
-
-TEST(RequestWriterTest, NoticesAnAgentThatHasDiedAndTheNextOne) {
-    useCrewsSegments();
-    RequestWriter writer(kSegment);
-    {
-        FakeAgent agent("RequestTest");
-        EXPECT_TRUE(writer.send("first", Clock::now() + 20s));
-    }
     EXPECT_FALSE(writer.send("nobody", Clock::now() + 50ms));
-    FakeAgent agent("RequestTest");
-    EXPECT_TRUE(writer.send("second", Clock::now() + 20s));
-    EXPECT_TRUE(agent.waitFor("second"));
-    EXPECT_EQ(agent.countOf("first") + agent.countOf("nobody"), 0);
-}
-
-TEST(RequestWriterTest, AnEmptyRequestIsASignOfLifeThatNobodyHears) {
-    FakeAgent agent("RequestTest");
-    RequestWriter writer(kSegment);
-    EXPECT_TRUE(writer.send("", Clock::now() + 20s));
-    EXPECT_TRUE(writer.send("after", Clock::now() + 20s));
-    EXPECT_TRUE(agent.waitFor("after"));
-    EXPECT_EQ(agent.countOf(""), 0);
+    for (const std::string request : {"first", "second"}) {
+        FakeAgent agent("RequestTest");
+        EXPECT_TRUE(writer.send("", Clock::now() + 20s)) << "a sign of life that nobody hears";
+        EXPECT_TRUE(writer.send(request, Clock::now() + 20s));
+        EXPECT_TRUE(agent.waitFor(request));
+        EXPECT_EQ(agent.countOf("nobody") + agent.countOf("nobody any more") + agent.countOf(""),
+                  0);
+        EXPECT_EQ(agent.countOf("first"), request == "first" ? 1 : 0);
+    }
+    EXPECT_FALSE(writer.send("nobody any more", Clock::now() + 50ms));
 }
 
 TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
@@ -78,15 +58,6 @@ TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     RequestWriter writer(kSegment);
     EXPECT_TRUE(writer.send("after all", Clock::now() + 20s));
     EXPECT_EQ(agent.countOf("after all"), 1);
-}
-
-TEST(RequestWriterTest, CancellingEndsASendOnAnotherThread) {
-    RequestWriter writer(kSegment);
-    std::thread sender([&] { EXPECT_FALSE(writer.send("x", Clock::now() + 100s)); });
-    std::this_thread::sleep_for(5ms);
-    writer.cancel();
-    sender.join();
-    EXPECT_FALSE(writer.send("y", Clock::now() + 100s));
 }
 
 TEST(RequestWriterAcrossProcesses, EveryRequestOfEveryClientArrivesOnce) {

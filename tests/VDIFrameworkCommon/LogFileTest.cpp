@@ -10,90 +10,67 @@
 #include "TempDir.h"
 
 using KLT::kltlogger::LogFile;
-using testsupport::contentOf;
-using testsupport::TempDir;
 
-TEST(LogFile, MakesItsDirectoryForTheOwnerOnly) {
-    TempDir dir;
-    LogFile file;
+namespace {
+
+class LogFileTest : public testing::Test {
+protected:
+    std::string content(const std::string& name) { return testsupport::contentOf(dir / name); }
+    unsigned int modeOf(const std::string& name) {
+        struct stat status {};
+        EXPECT_EQ(stat((dir / name).c_str(), &status), 0) << name;
+        return status.st_mode & 0777U;
+    }
+    const testsupport::TempDir dir;
+    LogFile file{20};
+};
+
+}  // namespace
+
+TEST_F(LogFileTest, MakesItsDirectoryForTheOwnerOnly) {
     ASSERT_TRUE(file.open(dir / "a/b/x.log"));
     file.write("line\n");
-    EXPECT_EQ(contentOf(dir / "a/b/x.log"), "line\n");
-    struct stat status {};
-    for (const char* name : {"a", "a/b"}) {
-        ASSERT_EQ(stat((dir / name).c_str(), &status), 0);
-        EXPECT_EQ(status.st_mode & 0777, 0700U) << name;
-    }
-    ASSERT_EQ(stat((dir / "a/b/x.log").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0077, 0U);
+    EXPECT_EQ(content("a/b/x.log"), "line\n");
+    EXPECT_EQ(modeOf("a"), 0700U);
+    EXPECT_EQ(modeOf("a/b"), 0700U);
+    EXPECT_EQ(modeOf("a/b/x.log") & 0077U, 0U);
 }
 
-TEST(LogFile, AppendsToWhatIsThere) {
-    TempDir dir;
-    std::ofstream(dir / "x.log") << "old\n";
-    LogFile file;
+TEST_F(LogFileTest, AppendsAndRollsBeforeItsLimitAndKeepsThree) {
+    std::ofstream(dir / "x.log") << "before\n";
     ASSERT_TRUE(file.open(dir / "x.log"));
-    file.write("new\n");
-    EXPECT_EQ(contentOf(dir / "x.log"), "old\nnew\n");
-}
-
-TEST(LogFile, RollsBeforeItsLimitAndKeepsThree) {
-    TempDir dir;
-    LogFile file(10);
-    ASSERT_TRUE(file.open(dir / "x.log"));
-    for (const char* text : {"1111\n", "2222\n", "3333\n", "4444\n", "5555\n", "6666\n", "7777\n",
-                             "8888\n", "9999\n", "aaaa\n"}) {
+    for (const char* text : {"1111111\n", "222\n", "333333333\n", "444444444\n"}) file.write(text);
+    EXPECT_EQ(content("x.log.1"), "before\n1111111\n222\n");
+    EXPECT_EQ(content("x.log"), "333333333\n444444444\n");
+    const std::string endless = std::string(50, 'a') + '\n';
+    for (const std::string& text : {endless, std::string("b\n"), endless, endless})
         file.write(text);
-    }
-    EXPECT_EQ(contentOf(dir / "x.log"), "9999\naaaa\n");
-    EXPECT_EQ(contentOf(dir / "x.log.1"), "7777\n8888\n");
-    EXPECT_EQ(contentOf(dir / "x.log.2"), "5555\n6666\n");
-    EXPECT_EQ(contentOf(dir / "x.log.3"), "3333\n4444\n");
+    EXPECT_EQ(content("x.log"), endless);
+    EXPECT_EQ(content("x.log.1"), endless);
+    EXPECT_EQ(content("x.log.2"), "b\n");
+    EXPECT_EQ(content("x.log.3"), endless);
     EXPECT_FALSE(std::filesystem::exists(dir / "x.log.4"));
 }
 
-TEST(LogFile, WritesALineLongerThanTheLimitWhole) {
-    TempDir dir;
-    LogFile file(10);
-    ASSERT_TRUE(file.open(dir / "x.log"));
-    file.write(std::string(50, 'a') + '\n');
-    file.write("b\n");
-    EXPECT_EQ(contentOf(dir / "x.log.1"), std::string(50, 'a') + '\n');
-    EXPECT_EQ(contentOf(dir / "x.log"), "b\n");
-}
-
-TEST(LogFile, FollowsItsPathWhenAnotherRolledOrRemovedTheFile) {
-    TempDir dir;
-    LogFile file;
-    ASSERT_TRUE(file.open(dir / "x.log"));
-    file.write("first\n");
-    std::filesystem::rename(dir / "x.log", dir / "x.log.1");
-    file.write("second\n");
-    EXPECT_EQ(contentOf(dir / "x.log.1"), "first\n");
-    EXPECT_EQ(contentOf(dir / "x.log"), "second\n");
-    std::filesystem::remove(dir / "x.log");
-    file.write("third\n");
-    EXPECT_EQ(contentOf(dir / "x.log"), "third\n");
-}
-
-TEST(LogFile, ComesBackWhenItsPlaceDoes) {
-    TempDir dir;
-    LogFile file;
+TEST_F(LogFileTest, FollowsItsPathWhenAnotherRolledOrRemovedTheFile) {
     ASSERT_TRUE(file.open(dir / "a/x.log"));
+    file.write("first\n");
+    std::filesystem::rename(dir / "a/x.log", dir / "a/x.log.1");
+    file.write("second\n");
+    EXPECT_EQ(content("a/x.log.1"), "first\n");
+    EXPECT_EQ(content("a/x.log"), "second\n");
     std::filesystem::remove_all(dir / "a");
     std::ofstream(dir / "a") << "in the way";
     file.write("lost\n");
     std::filesystem::remove(dir / "a");
     file.write("written\n");
-    EXPECT_EQ(contentOf(dir / "a/x.log"), "written\n");
+    EXPECT_EQ(content("a/x.log"), "written\n");
 }
 
-TEST(LogFile, WhatCannotBeAFileIsNoFileAndNoFailure) {
-    TempDir dir;
+TEST_F(LogFileTest, WhatCannotBeAFileIsNoFileAndNoFailure) {
     std::ofstream(dir / "plain") << "";
     ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
     std::filesystem::create_directory(dir / "folder");
-    LogFile file;
     for (const std::string& path :
          {std::string(), dir / "plain/x.log", dir / "fifo", dir / "folder"}) {
         EXPECT_FALSE(file.open(path)) << path;

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -6,12 +5,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include "ChildProcess.h"
+#include "Eventually.h"
+#include "FileContent.h"
 #include "Log.h"
 #include "LogAppender.h"
 #include "LogCapture.h"
@@ -22,20 +21,20 @@
 NORVO_LOG_SOURCE("tests/LoggerTest")
 
 using namespace KLT::kltlogger;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::SizeIs;
+using namespace std::chrono_literals;
 using testsupport::ChildProcess;
+using testsupport::linesOf;
 using testsupport::LogCapture;
 using testsupport::TempDir;
+using Texts = std::vector<std::string>;
 
 namespace {
 
-std::vector<std::string> linesOf(const std::string& path) {
-    std::vector<std::string> lines;
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) lines.push_back(line);
-    return lines;
+// What the lines of a log file say.
+Texts messagesOf(const std::string& path) {
+    Texts messages = linesOf(path);
+    for (auto& line : messages) line.erase(0, line.rfind(": ") + 2);
+    return messages;
 }
 
 LogRecord recordOf(int severity, std::string_view message) {
@@ -49,6 +48,16 @@ std::string textOf(const LogRecord& record) {
     EXPECT_EQ(text.size(), line.size());
     return text;
 }
+
+class LogAppenderTest : public testing::Test {
+protected:
+    LogAppenderTest() { appender.setFile(path); }
+    Texts written() const { return messagesOf(path); }
+
+    const TempDir dir;
+    const std::string path = dir / "x.log";
+    LogAppender appender{off_t{1} << 40};
+};
 
 }  // namespace
 
@@ -72,113 +81,68 @@ TEST(LogLine, SaysWhenWhoWhereAndWhat) {
     EXPECT_LE(std::abs(timegm(&time) - std::time(nullptr)), 5) << text;
 }
 
-TEST(LogLine, OneRecordIsOneLineWhateverItSays) {
-    const std::string text = textOf({Error, "a\nb", "c\rd", 1, "e\tf", {"x\n\x1b\0\x7f|\\y", 8}});
-    EXPECT_THAT(text, HasSubstr(R"( ERROR a\nb c\rd:1 e\tf: x\n\x1b\x00\x7f|\y)"));
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
-}
-
-TEST(LogLine, AnEndlessMessageIsCut) {
+TEST(LogLine, OneRecordIsOneLineOfBoundedLengthWhateverItSays) {
+    const std::string odd = textOf({Error, "a\nb", "c\rd", 1, "e\tf", {"x\n\x1b\0\x7f|\\y", 8}});
+    EXPECT_TRUE(odd.ends_with(" ERROR a\\nb c\\rd:1 e\\tf: x\\n\\x1b\\x00\\x7f|\\y\n")) << odd;
     const std::string message(LogLine::kMaxMessage + 5, 'm');
-    const std::string text = textOf(recordOf(Error, message));
-    EXPECT_LT(text.size(), message.size() + 200);
-    EXPECT_TRUE(text.ends_with("mmm... (5 bytes more)\n"));
+    const std::string cut = textOf(recordOf(Error, message));
+    EXPECT_LT(cut.size(), message.size() + 200);
+    EXPECT_TRUE(cut.ends_with("mmm... (5 bytes more)\n"));
 }
 
-TEST(LogAppender, KeepsNotableEventsUntilAFailureOrAFlush) {
-    TempDir dir;
-    LogAppender appender;
-    appender.setFile(dir / "x.log");
+TEST_F(LogAppenderTest, KeepsNotableEventsUntilAFailureAFullBufferOrTheEnd) {
     appender.append(recordOf(Info, "one"));
     appender.append(recordOf(Notice, "two"));
-    EXPECT_THAT(linesOf(dir / "x.log"), SizeIs(0));
+    EXPECT_EQ(written(), Texts());
     appender.append(recordOf(Warning, "three"));
-    EXPECT_THAT(linesOf(dir / "x.log"),
-                ElementsAre(HasSubstr(": one"), HasSubstr(": two"), HasSubstr(": three")));
-    appender.append(recordOf(Trace, "four"));
-    appender.flush();
-    EXPECT_THAT(linesOf(dir / "x.log"), SizeIs(4));
+    EXPECT_EQ(written(), (Texts{"one", "two", "three"}));
+    const std::string quarter(LogAppender::kBufferBytes / 4, 'm');
+    for (int i = 0; i < 4; ++i) appender.append(recordOf(Info, quarter));
+    EXPECT_EQ(written().size(), 7U);
+    appender.append(recordOf(Trace, "before"));
+    appender.setFile(dir / "b.log");
+    EXPECT_EQ(written().back(), "before") << "another path gets only what comes after";
+    appender.append(recordOf(Info, "last"));
+    appender.finish();
+    appender.finish();
+    appender.append(recordOf(Trace, "after the end"));
+    EXPECT_EQ(messagesOf(dir / "b.log"), (Texts{"last", "after the end"}));
+    appender.setFile("");
+    EXPECT_FALSE(appender.hasDestination());
+    appender.append(recordOf(Error, "nowhere"));
+    EXPECT_EQ(messagesOf(dir / "b.log").size(), 2U);
 }
 
-TEST(LogAppender, AFullBufferIsWritten) {
-    TempDir dir;
-    LogAppender appender;
-    appender.setFile(dir / "x.log");
-    const std::string message(LogAppender::kBufferBytes / 4, 'm');
-    for (int i = 0; i < 4; ++i) appender.append(recordOf(Info, message));
-    EXPECT_THAT(linesOf(dir / "x.log"), SizeIs(4));
-}
-
-TEST(LogAppender, ABufferedRecordIsWrittenWithinASecondOrSo) {
-    TempDir dir;
-    LogAppender appender;
-    appender.setFile(dir / "x.log");
+TEST_F(LogAppenderTest, ABufferedRecordIsWrittenWithinASecondOrSo) {
     for (const std::size_t expected : {1U, 2U}) {
         const auto start = std::chrono::steady_clock::now();
         appender.append(recordOf(Info, "quiet"));
-        while (linesOf(dir / "x.log").size() < expected &&
-               std::chrono::steady_clock::now() - start < std::chrono::seconds(20)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        EXPECT_THAT(linesOf(dir / "x.log"), SizeIs(expected));
-        EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+        EXPECT_TRUE(testsupport::eventually([&] { return written().size() == expected; }));
+        EXPECT_GT(std::chrono::steady_clock::now() - start, 900ms);
     }
 }
 
-TEST(LogAppender, WritesAtOnceAfterItsEnd) {
-    TempDir dir;
-    LogAppender appender;
-    appender.setFile(dir / "x.log");
-    appender.append(recordOf(Info, "before"));
-    appender.finish();
-    appender.finish();
-    appender.append(recordOf(Trace, "after"));
-    EXPECT_THAT(linesOf(dir / "x.log"), ElementsAre(HasSubstr("before"), HasSubstr("after")));
-}
-
-TEST(LogAppender, AnotherPathGetsOnlyWhatComesAfter) {
-    TempDir dir;
-    LogAppender appender;
-    appender.setFile(dir / "a.log");
-    appender.append(recordOf(Info, "one"));
-    appender.setFile(dir / "b.log");
-    appender.append(recordOf(Info, "two"));
-    appender.setFile("");
-    EXPECT_FALSE(appender.hasDestination());
-    appender.append(recordOf(Error, "three"));
-    EXPECT_THAT(linesOf(dir / "a.log"), ElementsAre(HasSubstr("one")));
-    EXPECT_THAT(linesOf(dir / "b.log"), ElementsAre(HasSubstr("two")));
-}
-
-TEST(LogAppender, FourThreadsLoseAndTearNoLine) {
-    TempDir dir;
-    LogAppender appender(off_t{1} << 40);
-    appender.setFile(dir / "x.log");
+TEST_F(LogAppenderTest, FourThreadsLoseAndTearNoLine) {
     constexpr std::size_t kThreads = 4;
     const int perThread = testsupport::rounds(250000);
     std::vector<std::thread> threads;
     for (std::size_t t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 0; i < perThread; ++i) {
+            for (int i = 0; i < perThread; ++i)
                 appender.append(recordOf(i % 10000 == 0 ? Warning : Info, compose(t, ' ', i)));
-            }
         });
     }
     for (auto& thread : threads) thread.join();
     appender.flush();
-
     std::vector<int> next(kThreads, 0);
-    std::ifstream file(dir / "x.log");
-    for (std::string line; std::getline(file, line);) {
+    for (const auto& line : linesOf(path)) {
         const auto message = line.find("operation: ");
-        ASSERT_NE(message, std::string::npos) << line;
-        std::istringstream numbers(line.substr(message + 11));
-        std::size_t thread = kThreads;
-        numbers >> thread;
+        ASSERT_LT(message, 120U) << line;
+        const auto thread = static_cast<std::size_t>(line[message + 11] - '0');
         ASSERT_LT(thread, kThreads) << line;
-        ASSERT_TRUE(line.ends_with(compose(": ", thread, ' ', next[thread]++))) << line;
+        ASSERT_EQ(line.substr(message + 11), compose(thread, ' ', next[thread]++)) << line;
     }
-    EXPECT_THAT(next, testing::Each(perThread));
+    EXPECT_EQ(next, std::vector<int>(kThreads, perThread));
 }
 
 TEST(Logger, ALineThatIsOffComposesNothing) {
@@ -191,15 +155,14 @@ TEST(Logger, ALineThatIsOffComposesNothing) {
     NORVO_LOG(Info, part());
     EXPECT_EQ(composed, 0);
     NORVO_LOG(Notice, part(), ' ', 7, ' ', true, ' ', static_cast<const char*>(nullptr));
-    EXPECT_THAT(log.lines(), ElementsAre("text 7 1 (null)"));
+    EXPECT_EQ(log.lines(), Texts{"text 7 1 (null)"});
 }
 
 TEST(Logger, IsOffWhileThereIsNowhereToWrite) {
     EXPECT_FALSE(isEnabled(Fatal));
     {
-        LogCapture log;
+        const LogCapture log;
         EXPECT_TRUE(isEnabled(Trace));
-        EXPECT_TRUE(VirtualChannelLogger_getInstance());
     }
     EXPECT_FALSE(isEnabled(Fatal));
     VirtualChannelLogger_init("");
@@ -221,7 +184,7 @@ TEST(Logger, ThresholdIsClampedAndHoldsForTheLogObject) {
     object->log("host", 0, "source", 1, "op", "no severity");
     setThreshold(-4);
     object->log("host", Fatal, "source", 1, "op", "dropped");
-    EXPECT_THAT(log.lines(), ElementsAre("kept"));
+    EXPECT_EQ(log.lines(), Texts{"kept"});
 }
 
 TEST(Logger, LoggersOfOneNameAreOne) {
@@ -234,20 +197,20 @@ TEST(Logger, LoggersOfOneNameAreOne) {
 }
 
 TEST(Logger, FlushIfAllowedSparesTheDiskInAStorm) {
-    TempDir dir;
+    const TempDir dir;
     VirtualChannelLogger_init(dir / "x.log");
     VirtualChannelLogger_flush();
     NORVO_LOG(Info, "one");
     VirtualChannelLogger_flushBufferIfAllowed();
     const auto soonAfter = linesOf(dir / "x.log").size();
-    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    std::this_thread::sleep_for(120ms);
     VirtualChannelLogger_flushBufferIfAllowed();
     EXPECT_EQ(soonAfter, 0U);
-    EXPECT_THAT(linesOf(dir / "x.log"), SizeIs(1));
+    EXPECT_EQ(messagesOf(dir / "x.log"), Texts{"one"});
     VirtualChannelLogger_init("");
 }
 
-// Logs, then leaves in the way it is told to.
+// Logs, then ends beside a forked child or beside threads that still log.
 CHILD_ROLE(loggingProcess) {
     VirtualChannelLogger_init(args[0]);
     NORVO_LOG(Info, "buffered");
@@ -257,56 +220,54 @@ CHILD_ROLE(loggingProcess) {
         NORVO_LOG(Info, child == 0 ? "child" : "parent");
         if (child == 0) std::exit(0);
         waitpid(child, nullptr, 0);
-    } else if (args[1] == "threads") {
-        for (int i = 0; i < 4; ++i) {
-            std::thread([] {
-                for (;; usleep(100)) NORVO_LOG(Info, "still running");
-            }).detach();
-        }
+        return 0;
+    }
+    for (int i = 0; i < 4; ++i) {
+        std::thread([] {
+            for (;; usleep(100)) NORVO_LOG(Info, "still running");
+        }).detach();
     }
     return 0;
 }
 
-TEST(LoggerAcrossProcesses, TheEndOfTheProcessWritesWhatIsBuffered) {
-    TempDir dir;
-    EXPECT_EQ(ChildProcess("loggingProcess", {dir / "x.log", "plain"}).wait(), 0);
-    EXPECT_THAT(linesOf(dir / "x.log"), ElementsAre(HasSubstr("buffered")));
+namespace {
+
+// The lines of a process that ends in that way. A leak check would stop at the threads that still
+// run, or in a forked child wait for a lock that a thread of the parent held.
+Texts linesOfAnEnd(const std::string& way) {
+    const TempDir dir;
+    ChildProcess child("loggingProcess", {dir / "x.log", way}, {"ASAN_OPTIONS=detect_leaks=0"});
+    EXPECT_EQ(child.wait(), 0) << way;
+    return linesOf(dir / "x.log");
 }
 
-TEST(LoggerAcrossProcesses, AProcessEndsWhileItsThreadsLog) {
-    TempDir dir;
-    // A leak check would stop at the threads that still run.
-    ChildProcess child("loggingProcess", {dir / "x.log", "threads"},
-                       {"ASAN_OPTIONS=detect_leaks=0"});
-    EXPECT_EQ(child.wait(), 0);
-    EXPECT_THAT(linesOf(dir / "x.log").front(), HasSubstr("buffered"));
-}
+}  // namespace
 
-TEST(LoggerAcrossProcesses, AForkedChildRepeatsNothingAndEnds) {
-    TempDir dir;
-    // A leak check in a forked child may wait forever for a lock that a thread of the parent held.
-    ChildProcess child("loggingProcess", {dir / "x.log", "fork"}, {"ASAN_OPTIONS=detect_leaks=0"});
-    EXPECT_EQ(child.wait(), 0);
-    const auto lines = linesOf(dir / "x.log");
-    ASSERT_THAT(lines, testing::UnorderedElementsAre(HasSubstr("buffered"), HasSubstr("parent"),
-                                                     HasSubstr("child")));
-    std::set<std::string> ids;
-    for (const auto& line : lines) ids.insert(line.substr(28, line.find(' ', 28) - 28));
-    EXPECT_THAT(ids, SizeIs(2));
+TEST(LoggerAcrossProcesses, TheEndOfAProcessAndItsForkedChildWritesOnceWhatIsBuffered) {
+    std::set<std::string> processes;
+    std::multiset<std::string> messages;
+    for (const auto& line : linesOfAnEnd("fork")) {
+        processes.insert(line.substr(28, line.find(' ', 28) - 28));
+        messages.insert(line.substr(line.rfind(": ") + 2));
+    }
+    EXPECT_EQ(messages, (std::multiset<std::string>{"buffered", "child", "parent"}));
+    EXPECT_EQ(processes.size(), 2U);
+    const Texts lines = linesOfAnEnd("threads");
+    EXPECT_TRUE(!lines.empty() && lines.front().ends_with(": buffered"));
 }
 
 CHILD_ROLE(thresholdReader) {
     VirtualChannelLogger_setAppenderType(LogAppenderType::Stderr);
     VirtualChannelLogger_init("");
-    std::printf("%d\n", g_activeThreshold.load());
+    testsupport::say(std::to_string(g_activeThreshold.load()));
     return 0;
 }
 
 TEST(LoggerAcrossProcesses, TheEnvironmentSetsTheThreshold) {
-    const std::vector<std::pair<std::string, std::string>> cases{
-        {"0", "0"}, {"3", "3"}, {"6", "6"}, {"7", "5"}, {"-1", "5"}, {"3x", "5"}, {"", "5"}};
+    const std::pair<const char*, const char*> cases[] = {{"0", "0"},  {"6", "6"},  {"7", "5"},
+                                                         {"-1", "5"}, {"3x", "5"}, {"", "5"}};
     for (const auto& [value, threshold] : cases) {
-        ChildProcess child("thresholdReader", {}, {"NORVO_VDI_LOG_LEVEL=" + value});
+        ChildProcess child("thresholdReader", {}, {std::string("NORVO_VDI_LOG_LEVEL=") + value});
         EXPECT_EQ(child.readLine(), threshold) << value;
     }
 }

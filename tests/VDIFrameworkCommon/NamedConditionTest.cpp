@@ -3,15 +3,25 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
+#include <deque>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "Eventually.h"
 #include "LogCapture.h"
 #include "NamedMutex.h"
+#include "Rounds.h"
 #include "SharedBlock.h"
 
 using namespace std::chrono_literals;
+using testsupport::ChildProcess;
+using testsupport::hear;
+using testsupport::say;
+using testsupport::SharedBlock;
+using VDIFrameworkCommon::AdaptiveSpin;
 using VDIFrameworkCommon::NamedCondition;
 using VDIFrameworkCommon::NamedMutex;
 using Clock = std::chrono::steady_clock;
@@ -21,6 +31,12 @@ namespace {
 // Long enough that a wait that should end early never reaches it; short for one that must.
 constexpr unsigned kLong = 20000;
 constexpr unsigned kShort = 20;
+
+bool waits(NamedCondition& condition, NamedMutex& mutex, unsigned milliseconds) {
+    const bool locked = mutex.lock();
+    const bool notified = condition.timed_wait(mutex, milliseconds);
+    return mutex.unlock() && locked && notified;
+}
 
 class NamedConditionTest : public testsupport::EachBackend {
 protected:
@@ -33,10 +49,7 @@ protected:
     }
 
     bool waits(NamedCondition& condition, unsigned milliseconds) {
-        EXPECT_TRUE(m_mutex.lock());
-        const bool notified = condition.timed_wait(m_mutex, milliseconds);
-        EXPECT_TRUE(m_mutex.unlock());
-        return notified;
+        return ::waits(condition, m_mutex, milliseconds);
     }
 
     NamedMutex m_mutex;
@@ -55,18 +68,12 @@ double processorMilliseconds() {
 
 }  // namespace
 
-TEST_P(NamedConditionTest, ANotificationJustBeforeTheWaitSatisfiesItOnce) {
-    m_second.notify();
-    m_second.notify();
-    EXPECT_TRUE(waits(m_first, kLong));
-    EXPECT_FALSE(waits(m_first, kShort));
-}
-
-TEST_P(NamedConditionTest, OwnEarlierNotificationsDoNotSatisfyAWaitButOthersAmongThemDo) {
+TEST_P(NamedConditionTest, OnlyAnothersEarlierNotificationSatisfiesAWaitOnce) {
     m_first.notify();
     m_first.notify();
     EXPECT_FALSE(waits(m_first, kShort));
     m_first.notify();
+    m_second.notify();
     m_second.notify();
     m_first.notify();
     EXPECT_TRUE(waits(m_first, kLong));
@@ -111,24 +118,17 @@ TEST_P(NamedConditionTest, EveryWaitingThreadWakesAlsoOfTheNotifyingHandle) {
     EXPECT_EQ(woken, 8);
 }
 
-TEST_P(NamedConditionTest, ANewHandleCountsWhatAHandleThatStillExistsNotified) {
+TEST_P(NamedConditionTest, ANewHandleCountsOnlyWhatAHandleThatStillExistsNotified) {
+    const auto countsAtOnce = [&] {
+        NamedCondition fresh;
+        EXPECT_TRUE(fresh.create("condition"));
+        fresh.notify();
+        return waits(fresh, kShort);
+    };
+    EXPECT_FALSE(countsAtOnce());
+    EXPECT_FALSE(countsAtOnce()) << "what the one before notified";
     m_first.notify();
-    NamedCondition fresh;
-    ASSERT_TRUE(fresh.create("condition"));
-    fresh.notify();
-    EXPECT_TRUE(waits(fresh, kLong));
-    EXPECT_FALSE(waits(fresh, kShort));
-}
-
-TEST_P(NamedConditionTest, ANewHandleDoesNotCountWhatAHandleThatHasGoneNotified) {
-    {
-        NamedCondition gone;
-        ASSERT_TRUE(gone.create("condition"));
-        gone.notify();
-    }
-    NamedCondition fresh;
-    ASSERT_TRUE(fresh.create("condition"));
-    EXPECT_FALSE(waits(fresh, kShort));
+    EXPECT_TRUE(countsAtOnce());
 }
 
 TEST_P(NamedConditionTest, AWaitForNobodyDoesNotBurnTheProcessor) {
@@ -169,4 +169,159 @@ TEST(NamedConditionLimit, AMutexThatIsNotFreeAgainIsReported) {
     thief.join();
 }
 
+namespace {
+
+class NamedConditionAcrossProcesses : public testsupport::EachBackend {};
+
+// A waiter that no wake-up reaches finds out by itself, but only after a quarter of a second.
+constexpr auto kAWakeUp = 150ms;
+
+// A mutex and two conditions, as one process sees them. A new handle notices what the living
+// processes did at the same table before: each test has its own.
+struct Table {
+    explicit Table(const std::string& name)
+        : ready(mutex.create(name.c_str()) && ball.create((name + "_ball").c_str()) &&
+                back.create((name + "_back").c_str())) {}
+    NamedMutex mutex;
+    NamedCondition ball;
+    NamedCondition back;
+    const bool ready;
+};
+
+// Whether a new handle is satisfied by what was notified before it.
+bool newHandleCounts(const char* name) {
+    NamedMutex mutex;
+    NamedCondition condition;
+    EXPECT_TRUE(mutex.create("table") && condition.create(name));
+    return waits(condition, mutex, kShort);
+}
+
+}  // namespace
+
+CHILD_ROLE(conditionReturner) {
+    testsupport::useBackend(args[0]);
+    AdaptiveSpin::setEnabled(args[1] == "spin");
+    Table table(args[1]);
+    SharedBlock<std::atomic<bool>> over("over");
+    if (!table.ready) return 1;
+    say("ready");
+    for (bool last = false; !last;) {
+        if (!waits(table.ball, table.mutex, kLong)) return 2;
+        last = *over;
+        table.back.notify();
+    }
+    return 0;
+}
+
+namespace {
+
+// Plays `rounds`, or for half a minute on a machine that has no time for it.
+void playPingPong(const std::string& backend, const std::string& name, int rounds) {
+    AdaptiveSpin::setEnabled(name == "spin");
+    Table table(name);
+    SharedBlock<std::atomic<bool>> over("over");
+    *over = false;
+    ChildProcess peer("conditionReturner", {backend, name});
+    ASSERT_EQ(peer.readLine(), "ready");
+    const auto start = Clock::now();
+    auto now = start;
+    int played = 0;
+    int late = 0;  // a few may be on a busy machine
+    bool missed = false;
+    while (!*over) {
+        ++played;
+        if (played >= rounds || missed || late > 5 || now - start > 30s) *over = true;
+        table.ball.notify();
+        missed = !waits(table.back, table.mutex, kLong);
+        const auto before = std::exchange(now, Clock::now());
+        if (now - before > kAWakeUp) ++late;
+    }
+    testing::Test::RecordProperty(name + "Rounds", played);
+    EXPECT_FALSE(missed);
+    EXPECT_LE(late, 5);
+    EXPECT_EQ(peer.wait(), 0);
+    AdaptiveSpin::setEnabled(true);
+}
+
+}  // namespace
+
+TEST_P(NamedConditionAcrossProcesses, PingPongNeverReachesTheLimitOfAWait) {
+    const int share = GetParam() == std::string("Polling") ? 10 : 1;
+    playPingPong(GetParam(), "spin", testsupport::rounds(900000 / share));
+    playPingPong(GetParam(), "park", testsupport::rounds(100000 / share));
+}
+
+CHILD_ROLE(conditionWaiter) {
+    testsupport::useBackend(args[0]);
+    Table table("crowd_" + args[0]);
+    if (!table.ready) return 1;
+    for (;;) {
+        hear();
+        if (!table.mutex.lock()) return 2;
+        say("waits");
+        const bool notified = table.ball.timed_wait(table.mutex, kLong);
+        say(table.mutex.unlock() && notified ? "woken" : "lost");
+    }
+}
+
+TEST_P(NamedConditionAcrossProcesses, AllWaitersInAllProcessesWakeAlsoAfterSomeWereKilled) {
+    Table table(std::string("crowd_") + GetParam());
+    std::deque<ChildProcess> waiters;
+    const auto letAllWait = [&] {
+        for (auto& waiter : waiters) waiter.writeLine("wait");
+        for (auto& waiter : waiters) ASSERT_EQ(waiter.readLine(), "waits");
+        // Who has said so gives the mutex back only inside its wait.
+        ASSERT_TRUE(table.mutex.lock());
+        ASSERT_TRUE(table.mutex.unlock());
+    };
+    for (int i = 0; i < 5; ++i)
+        waiters.emplace_back("conditionWaiter", std::vector<std::string>{GetParam()});
+    letAllWait();
+    for (int i = 0; i < 2; ++i) {
+        waiters.front().kill();
+        EXPECT_GT(waiters.front().wait(), 128);
+        waiters.pop_front();
+    }
+    auto quickest = Clock::duration::max();
+    for (int round = 0; round < 5; ++round) {
+        if (round > 0) letAllWait();
+        const auto start = Clock::now();
+        table.ball.notify();
+        for (auto& waiter : waiters) ASSERT_EQ(waiter.readLine(), "woken");
+        quickest = std::min(quickest, Clock::now() - start);
+    }
+    EXPECT_LT(quickest, kAWakeUp);
+}
+
+CHILD_ROLE(conditionNotifier) {
+    NamedCondition condition;
+    if (!condition.create(args[0].c_str())) return 1;
+    condition.notify();
+    say("notified");
+    hear();
+    return 0;
+}
+
+TEST(NewConditionHandleAcrossProcesses, CountsWhatALivingProcessNotifiedAndNotWhatADeadOneDid) {
+    const auto visit = [](const char* name) {
+        ChildProcess visitor("conditionNotifier", {name});
+        ASSERT_EQ(visitor.readLine(), "notified");
+        visitor.closeInput();
+        EXPECT_EQ(visitor.wait(), 0);
+    };
+    // Each of these notifies as it is set up, like a writer that no reader has ever answered.
+    for (int i = 0; i < 3; ++i) {
+        visit("unanswered");
+        EXPECT_FALSE(newHandleCounts("unanswered"));
+    }
+    ChildProcess partner("conditionNotifier", {"partner"});
+    ASSERT_EQ(partner.readLine(), "notified");
+    for (int i = 0; i < 3; ++i) visit("partner");
+    EXPECT_TRUE(newHandleCounts("partner"));
+    partner.kill();
+    partner.wait();
+    EXPECT_FALSE(newHandleCounts("partner"));
+}
+
 INSTANTIATE_EACH_BACKEND(NamedConditionTest);
+INSTANTIATE_EACH_BACKEND(NamedConditionAcrossProcesses);

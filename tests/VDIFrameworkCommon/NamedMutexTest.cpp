@@ -1,22 +1,32 @@
 #include "NamedMutex.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
+#include <algorithm>
+#include <csignal>
+#include <deque>
+#include <fstream>
 #include <thread>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "Eventually.h"
 #include "LogCapture.h"
 #include "NamedObject.h"
+#include "ProcessIdentity.h"
 #include "Rounds.h"
 #include "SharedBlock.h"
 
 using namespace std::chrono_literals;
+using testsupport::ChildProcess;
+using testsupport::hear;
 using testsupport::LogCapture;
+using testsupport::say;
+using testsupport::SharedBlock;
 using VDIFrameworkCommon::NamedMutex;
 using VDIFrameworkCommon::NamedObject;
 using VDIFrameworkCommon::ProcessIdentity;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -91,19 +101,16 @@ TEST_P(NamedMutexTest, AWaiterGetsTheLockWhenItIsReleasedNotWhenItsTimeIsOver) {
     EXPECT_LT(testsupport::since(start), 5s);
 }
 
-TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwner) {
+TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorOneOfAnotherNamespaceForDead) {
     LogCapture log;
     m_object->words().owner = own(kOtherStartTime);
     EXPECT_TRUE(m_mutex.lockFor(1s));
     EXPECT_TRUE(log.contains("Took over named mutex mutex"));
     EXPECT_TRUE(m_mutex.unlock());
-
     m_object->words().owner = own(kOtherStartTime);
     EXPECT_TRUE(m_mutex.unlock());
     EXPECT_EQ(m_object->words().owner, 0u);
-}
 
-TEST_P(NamedMutexTest, AnOwnerInAnotherNamespaceIsNeverTakenForDead) {
     const auto foreign = own(kOtherNamespace | kOtherStartTime);
     m_object->words().owner = foreign;
     EXPECT_FALSE(m_mutex.unlock());
@@ -113,14 +120,8 @@ TEST_P(NamedMutexTest, AnOwnerInAnotherNamespaceIsNeverTakenForDead) {
 
 TEST_P(NamedMutexTest, AForkedChildHoldsNothingOfItsParents) {
     ASSERT_TRUE(m_mutex.lock());
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool wrong = m_mutex.unlock() || m_mutex.lockFor(10ms);
-        _exit(wrong ? 1 : 0);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(testsupport::holdsInForkedChild(
+        [&] { return !m_mutex.unlock() && !m_mutex.lockFor(10ms); }));
     EXPECT_TRUE(m_mutex.unlock());
 }
 
@@ -134,4 +135,192 @@ TEST_P(NamedMutexTest, AHandleThatWasNeverCreatedFailsAtOnce) {
     EXPECT_EQ(log.count("A named mutex needs a name"), 2);
 }
 
+namespace {
+
+class NamedMutexAcrossProcesses : public testsupport::EachBackend {};
+
+constexpr int kNames = 50;
+constexpr auto kTakeOverLimit = testsupport::kSanitized ? 1000ms : 50ms;
+
+struct Counters {
+    // Changed under the lock only.
+    long counts[kNames];
+    // The process that is inside the lock.
+    std::atomic<std::uint64_t> inside;
+    std::atomic<int> violations;
+    std::atomic<int> timeouts;
+};
+
+std::int64_t nanoseconds() { return Clock::now().time_since_epoch().count(); }
+
+// How long the calling thread has had to wait for a processor in its life, in ns; 0 where the
+// system does not tell. Format: the kernel's scheduler/sched-stats.rst.
+std::int64_t heldBack() {
+    std::int64_t ran = 0;
+    std::int64_t waited = 0;
+    std::ifstream("/proc/thread-self/schedstat") >> ran >> waited;
+    return waited;
+}
+
+void enterAndLeave(NamedMutex& mutex, Counters& shared) {
+    if (!mutex.lock()) {
+        ++shared.timeouts;
+        return;
+    }
+    // One that was killed inside is still written there.
+    const std::uint64_t before = shared.inside.exchange(ProcessIdentity::own());
+    if (before != 0 && !ProcessIdentity::isGone(before)) ++shared.violations;
+    ++shared.counts[0];
+    std::uint64_t me = ProcessIdentity::own();
+    if (!shared.inside.compare_exchange_strong(me, 0)) ++shared.violations;
+    mutex.unlock();
+}
+
+}  // namespace
+
+CHILD_ROLE(mutexCounter) {
+    testsupport::useBackend(args[0]);
+    const int rounds = std::stoi(args[1]);
+    NamedMutex mutex;
+    SharedBlock<Counters> shared("counters");
+    if (!mutex.create("counted")) return 1;
+    say("ready");
+    hear();
+    for (int i = 0; i < rounds; ++i) {
+        if (!mutex.lock()) return 2;
+        ++shared->counts[0];
+        if (!mutex.unlock()) return 3;
+    }
+    return 0;
+}
+
+TEST_P(NamedMutexAcrossProcesses, EightProcessesCountExactly) {
+    SharedBlock<Counters> shared("counters");
+    const int rounds = testsupport::rounds(100000);
+    shared->counts[0] = 0;
+    EXPECT_TRUE(testsupport::runTogether(8, "mutexCounter", {GetParam(), std::to_string(rounds)}));
+    EXPECT_EQ(shared->counts[0], 8 * rounds);
+}
+
+CHILD_ROLE(mutexCreator) {
+    SharedBlock<Counters> shared("creations");
+    say("ready");
+    hear();
+    for (int i = 0; i < kNames; ++i) {
+        NamedMutex mutex;
+        if (!mutex.create(("created" + std::to_string(i)).c_str()) || !mutex.lock()) return 1;
+        ++shared->counts[i];
+        if (!mutex.unlock()) return 2;
+    }
+    return 0;
+}
+
+TEST(NamedMutexCreationAcrossProcesses, SixteenThatCreateTheSameNamesAtOnceShareEachOfThem) {
+    SharedBlock<Counters> shared("creations");
+    EXPECT_TRUE(testsupport::runTogether(16, "mutexCreator"));
+    for (const long count : shared->counts) EXPECT_EQ(count, 16);
+}
+
+// Locks, and when told a delay (in microseconds) kills itself after it.
+CHILD_ROLE(mutexHolder) {
+    NamedMutex mutex;
+    if (!mutex.create("held") || !mutex.lock()) return 1;
+    say("held");
+    if (args.empty()) {
+        hear();
+        return mutex.unlock() ? 0 : 2;
+    }
+    usleep(static_cast<useconds_t>(std::stoi(args[0])));
+    std::raise(SIGKILL);
+    return 3;
+}
+
+// What a machine with much to do adds is left out: a dying process must run to its end first (its
+// output ends just before it does), and a waiter must get a processor.
+TEST_P(NamedMutexAcrossProcesses, AKilledHolderDelaysAWaiterForLessThan50Milliseconds) {
+    NamedMutex mutex;
+    ASSERT_TRUE(mutex.create("held"));
+    std::chrono::nanoseconds longest{0};
+    for (int i = 0; i < testsupport::rounds(200); ++i) {
+        ChildProcess holder("mutexHolder", {std::to_string(200 + i * 37 % 4000)});
+        ASSERT_EQ(holder.readLine(), "held");
+        std::int64_t ended = 0;
+        std::thread watcher([&] {
+            EXPECT_EQ(holder.readLine(), "");
+            ended = nanoseconds();
+        });
+        const std::int64_t heldBackBefore = heldBack();
+        const bool locked = mutex.lock();
+        const std::int64_t taken = nanoseconds() - (heldBack() - heldBackBefore);
+        watcher.join();
+        ASSERT_TRUE(locked && mutex.unlock());
+        longest = std::max(longest, std::chrono::nanoseconds(taken - ended));
+    }
+    RecordProperty("longestMicroseconds", static_cast<int>(longest.count() / 1000));
+    EXPECT_LT(longest, kTakeOverLimit);
+}
+
+CHILD_ROLE(mutexWorker) {
+    testsupport::useBackend(args[0]);
+    NamedMutex mutex;
+    SharedBlock<Counters> shared("workers");
+    if (!mutex.create("worked")) return 1;
+    say("ready");
+    for (;;) enterAndLeave(mutex, *shared);
+}
+
+TEST_P(NamedMutexAcrossProcesses, MutualExclusionHoldsWhileWorkersAreKilled) {
+    SharedBlock<Counters> shared("workers");
+    shared->inside = 0;
+    shared->counts[0] = 0;
+    std::deque<ChildProcess> workers;
+    const auto start = [&] {
+        workers.emplace_back("mutexWorker", std::vector<std::string>{GetParam()});
+        ASSERT_EQ(workers.back().readLine(), "ready");
+    };
+    for (int i = 0; i < 3; ++i) start();
+    for (int kills = 0; kills < testsupport::rounds(200); ++kills) {
+        start();
+        workers.front().kill();
+        workers.pop_front();
+    }
+    NamedMutex mutex;
+    ASSERT_TRUE(mutex.create("worked"));
+    const long before = shared->counts[0];
+    EXPECT_TRUE(mutex.lock());
+    EXPECT_TRUE(mutex.unlock());
+    EXPECT_GT(before, 0);
+    EXPECT_EQ(shared->violations, 0);
+    EXPECT_EQ(shared->timeouts, 0);
+}
+
+TEST_P(NamedMutexAcrossProcesses, ALivingHolderKeepsItsLockForTwoSecondsAndADeadOneFreesIt) {
+    NamedMutex mutex;
+    ASSERT_TRUE(mutex.create("held"));
+    ChildProcess holder("mutexHolder");
+    ASSERT_EQ(holder.readLine(), "held");
+    EXPECT_FALSE(mutex.unlock());
+    const auto start = Clock::now();
+    EXPECT_FALSE(mutex.lock());
+    const auto waited = testsupport::since(start);
+    EXPECT_GE(waited, 2000ms);
+    EXPECT_LT(waited, 4000ms);
+    holder.writeLine("release");
+    EXPECT_EQ(holder.wait(), 0);
+
+    for (const bool reaped : {false, true}) {
+        ChildProcess victim("mutexHolder");
+        ASSERT_EQ(victim.readLine(), "held");
+        victim.kill();
+        if (reaped)
+            victim.wait();
+        else
+            EXPECT_EQ(victim.readLine(), "") << "its output ends when it has become a zombie";
+        EXPECT_TRUE(testsupport::eventually([&] { return mutex.unlock(); }));
+        EXPECT_TRUE(mutex.lockFor(0ms));
+        EXPECT_TRUE(mutex.unlock());
+    }
+}
+
 INSTANTIATE_EACH_BACKEND(NamedMutexTest);
+INSTANTIATE_EACH_BACKEND(NamedMutexAcrossProcesses);

@@ -4,8 +4,9 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
+
+#include <thread>
 
 #include "ChildProcess.h"
 #include "Eventually.h"
@@ -25,23 +26,24 @@ bool comesToBeGone(ProcessIdentity::Word word) {
 
 }  // namespace
 
-TEST(ProcessIdentity, NamesThisProcessAndIgnoresTheUserBit) {
+TEST(ProcessIdentity, AnotherStartTimeIsAnotherProcessAndAnotherNamespaceIsUnknown) {
     const auto own = ProcessIdentity::own();
     EXPECT_EQ(ProcessIdentity::pid(own), getpid());
     EXPECT_EQ(own & ProcessIdentity::kUserBit, 0u);
-    EXPECT_FALSE(ProcessIdentity::isGone(own));
     EXPECT_FALSE(ProcessIdentity::isGone(own | ProcessIdentity::kUserBit));
-    EXPECT_FALSE(ProcessIdentity::hasNoProcess(own));
-}
-
-TEST(ProcessIdentity, AnotherStartTimeIsAnotherProcessAndAnotherNamespaceIsUnknown) {
-    const auto own = ProcessIdentity::own();
     const auto earlier = own ^ (ProcessIdentity::Word{1} << 24);
     EXPECT_TRUE(ProcessIdentity::isGone(earlier));
     EXPECT_FALSE(ProcessIdentity::isGone(earlier ^ (ProcessIdentity::Word{1} << 63)));
 }
 
+// Told to, it can no longer look at its own start time.
 CHILD_ROLE(identityTeller) {
+    if (!args.empty()) {
+        const rlimit few{64, 64};
+        setrlimit(RLIMIT_NOFILE, &few);
+        while (open("/dev/null", O_RDONLY) >= 0) {
+        }
+    }
     tellIdentity();
     testsupport::hear();
     return 0;
@@ -59,19 +61,8 @@ TEST(ProcessIdentityAcrossProcesses, AZombieIsGoneAndSoIsOneThatWasReaped) {
     EXPECT_TRUE(ProcessIdentity::hasNoProcess(word));
 }
 
-// Cannot look at its own start time.
-CHILD_ROLE(identityTellerWithoutDescriptors) {
-    const rlimit few{64, 64};
-    setrlimit(RLIMIT_NOFILE, &few);
-    while (open("/dev/null", O_RDONLY) >= 0) {
-    }
-    tellIdentity();
-    testsupport::hear();
-    return 0;
-}
-
 TEST(ProcessIdentityAcrossProcesses, AProcessThatHadNoDescriptorLeftIsNotTakenForDead) {
-    ChildProcess child("identityTellerWithoutDescriptors");
+    ChildProcess child("identityTeller", {"without descriptors"});
     const auto word = identityFrom(child);
     EXPECT_FALSE(ProcessIdentity::isGone(word));
     child.kill();
@@ -80,17 +71,12 @@ TEST(ProcessIdentityAcrossProcesses, AProcessThatHadNoDescriptorLeftIsNotTakenFo
 
 CHILD_ROLE(identityLeaver) {
     tellIdentity();
-    pthread_t thread;
-    pthread_create(
-        &thread, nullptr,
-        [](void*) -> void* {
-            testsupport::hear();
-            testsupport::say("still here");
-            testsupport::hear();
-            _exit(0);
-        },
-        nullptr);
-    pthread_detach(thread);
+    std::thread([] {
+        testsupport::hear();
+        testsupport::say("still here");
+        testsupport::hear();
+        _exit(0);
+    }).detach();
     pthread_exit(nullptr);
 }
 
@@ -109,15 +95,9 @@ TEST(ProcessIdentityAcrossProcesses, AProcessWhoseFirstThreadHasLeftStillLives) 
 
 TEST(ProcessIdentityAcrossProcesses, AForkedChildIsAnotherProcess) {
     const auto parent = ProcessIdentity::own();
-    const pid_t child = fork();
-    if (child == 0) {
+    EXPECT_TRUE(testsupport::holdsInForkedChild([=] {
         const auto own = ProcessIdentity::own();
-        _exit(own != parent && ProcessIdentity::pid(own) == getpid() &&
-                      !ProcessIdentity::isGone(own) && !ProcessIdentity::isGone(parent)
-                  ? 0
-                  : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        return own != parent && ProcessIdentity::pid(own) == getpid() &&
+               !ProcessIdentity::isGone(own) && !ProcessIdentity::isGone(parent);
+    }));
 }

@@ -1,7 +1,6 @@
 #include "ProcessUtils.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -22,10 +21,6 @@
 #include "Rounds.h"
 #include "TestApplication.h"
 
-using testing::ElementsAre;
-using testing::SizeIs;
-using testsupport::argumentsOf;
-using testsupport::ChildProcess;
 using testsupport::eventually;
 using testsupport::LogCapture;
 using testsupport::statusOf;
@@ -59,34 +54,28 @@ protected:
 
 }  // namespace
 
-TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArguments) {
-    ASSERT_TRUE(ProcessUtils::createProcessAtURL(app.path() + '/', {"launchermode", "1 2"}));
-    const auto processes = app.processes();
-    ASSERT_THAT(processes, SizeIs(1)) << "must be there when the call returns";
-    EXPECT_TRUE(eventually([&] { return !argumentsOf(processes[0]).empty(); }));
-    EXPECT_THAT(argumentsOf(processes[0]), ElementsAre("launchermode", "1 2"));
-}
-
-TEST_F(ProcessUtilsAcrossProcesses, AStartedProgramInheritsNothingOfItsStarter) {
+TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArgumentsAndInheritsNothing) {
     int leaked[2];
     ASSERT_EQ(pipe(leaked), 0);
     sigset_t blocked;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-    ASSERT_TRUE(ProcessUtils::createProcessAtURL(app.path(), {}));
+    ASSERT_TRUE(ProcessUtils::createProcessAtURL(app.path() + '/', {"launchermode", "1 2"}));
     pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
     close(leaked[0]);
     close(leaked[1]);
 
     const auto processes = app.processes();
-    ASSERT_THAT(processes, SizeIs(1));
+    ASSERT_EQ(processes.size(), 1U) << "must be there when the call returns";
     const pid_t program = processes[0];
+    EXPECT_TRUE(eventually([&] {
+        return testsupport::argumentsOf(program) == std::vector<std::string>{"launchermode", "1 2"};
+    }));
     EXPECT_NE(statusOf(program, "PPid"), std::to_string(getpid()));
     EXPECT_EQ(getsid(program), program);
-    for (const char* set : {"SigBlk", "SigIgn"}) {
+    for (const char* set : {"SigBlk", "SigIgn"})
         EXPECT_EQ(signalsOf(program, set) & ~kOfTheThreadLibrary, 0U) << set;
-    }
     for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(program) + "/fd")) {
         std::error_code gone;  // the program opens and closes files of its own while it starts
         const fs::path target = fs::read_symlink(fd, gone);
@@ -119,24 +108,20 @@ TEST_F(ProcessUtilsAcrossProcesses, AProgramWhoseFileWasReplacedIsStillFound) {
     EXPECT_TRUE(state.empty() || state.starts_with('Z')) << state;
 }
 
-TEST_F(ProcessUtilsAcrossProcesses, AnInstalledBundleIsStartedByItsIdentifier) {
-    EXPECT_TRUE(ProcessUtils::createProcess(kIdentifier));
-    EXPECT_THAT(app.processes(), SizeIs(1));
-}
-
 TEST_F(ProcessUtilsAcrossProcesses, WhatCannotBeStartedIsReportedOnce) {
     fs::create_directories(app.folder() + "/Empty.app/Contents");
-    std::ofstream(app.folder() + "/plain") << "not a program";
-    std::ofstream(app.folder() + "/broken") << "not a program";
+    for (const char* name : {"/plain", "/broken"})
+        std::ofstream(app.folder() + name) << "not a program";
     fs::permissions(app.folder() + "/broken", fs::perms::owner_all);
     LogCapture log;
+    std::vector<std::string> expected;
     for (const std::string& path : {app.folder() + "/missing", app.folder() + "/Empty.app",
                                     app.folder() + "/plain", app.folder() + "/broken", app.folder(),
                                     std::string("com.norvo.test.Missing"), std::string()}) {
-        log.clear();
         EXPECT_FALSE(ProcessUtils::createProcess(path)) << path;
-        EXPECT_THAT(log.lines(), ElementsAre("could not start " + path));
+        expected.push_back("could not start " + path);
     }
+    EXPECT_EQ(log.lines(), expected);
 }
 
 CHILD_ROLE(bundleStarter) {
@@ -148,16 +133,10 @@ CHILD_ROLE(bundleStarter) {
 
 TEST_F(ProcessUtilsAcrossProcesses, SeveralProcessesAtOnceStartABundleOnce) {
     for (int round = 0; round < testsupport::rounds(5); ++round) {
-        std::vector<ChildProcess> starters;
-        for (int i = 0; i < 4; ++i) {
-            starters.emplace_back("bundleStarter", std::vector<std::string>{app.folder()});
-        }
-        for (auto& starter : starters) ASSERT_EQ(starter.readLine(), "ready");
-        for (auto& starter : starters) starter.closeInput();
-        for (auto& starter : starters) EXPECT_EQ(starter.wait(), 0);
-        EXPECT_THAT(app.processes(), SizeIs(1));
+        EXPECT_TRUE(testsupport::runTogether(4, "bundleStarter", {app.folder()}));
+        EXPECT_EQ(app.processes().size(), 1U);
         ProcessUtils::terminateProcess(kIdentifier);
-        EXPECT_THAT(app.processes(), SizeIs(0));
+        EXPECT_TRUE(app.processes().empty());
     }
 }
 
@@ -191,7 +170,7 @@ TEST_F(ProcessUtilsAcrossProcesses, WhatWillNotEndIsEndedByForce) {
     }));
     const auto start = std::chrono::steady_clock::now();
     ProcessUtils::terminateProcess(kIdentifier);
-    EXPECT_THAT(app.processes(), SizeIs(0));
+    EXPECT_TRUE(app.processes().empty());
     EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900))
         << "was not given its second";
 }
@@ -227,10 +206,4 @@ TEST_F(ProcessUtilsAcrossProcesses, TheCallerIsNeverTerminated) {
     ASSERT_TRUE(launchDetached(copy, {"--child-role", "terminatorOfItsOwnName", mark}));
     EXPECT_TRUE(eventually([&] { return fs::exists(mark); }));
     EXPECT_TRUE(eventually([&] { return !ProcessUtils::isProcessRunning(copy); }));
-}
-
-TEST(ProcessUtils, SaysWhoRuns) {
-    EXPECT_EQ(ProcessUtils::getCurrentProcessId(), static_cast<unsigned>(getpid()));
-    EXPECT_EQ(ProcessUtils::getParentProcessId(), static_cast<unsigned>(getppid()));
-    EXPECT_TRUE(ProcessUtils::isProcessRunning(fs::read_symlink("/proc/self/exe")));
 }

@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -41,41 +40,24 @@ private:
     void* m_memory = nullptr;
 };
 
-// Runs a suite once for each way of waiting.
-class EachBackend : public ::testing::TestWithParam<VDIFrameworkCommon::WaitBackend> {
-protected:
-    EachBackend() : m_before(VDIFrameworkCommon::setWaitBackend(GetParam())) {}
-    ~EachBackend() override { VDIFrameworkCommon::setWaitBackend(m_before); }
+// "System" or "Polling"; children are told which by an argument. What it was before.
+inline VDIFrameworkCommon::WaitBackend useBackend(const std::string& name) {
+    using VDIFrameworkCommon::WaitBackend;
+    return setWaitBackend(name == "Polling" ? WaitBackend::Polling : WaitBackend::System);
+}
 
-    // For children, which pass it to useBackend().
-    static std::string backend() {
-        return GetParam() == VDIFrameworkCommon::WaitBackend::Polling ? "polling" : "system";
-    }
+// Runs a suite once for each way of waiting.
+class EachBackend : public ::testing::TestWithParam<const char*> {
+protected:
+    EachBackend() : m_before(useBackend(GetParam())) {}
+    ~EachBackend() override { VDIFrameworkCommon::setWaitBackend(m_before); }
 
 private:
     const VDIFrameworkCommon::WaitBackend m_before;
 };
 
-inline void useBackend(const std::string& backend) {
-    VDIFrameworkCommon::setWaitBackend(backend == "polling"
-                                           ? VDIFrameworkCommon::WaitBackend::Polling
-                                           : VDIFrameworkCommon::WaitBackend::System);
-}
-
-inline std::string backendName(
-    const ::testing::TestParamInfo<VDIFrameworkCommon::WaitBackend>& info) {
-    return info.param == VDIFrameworkCommon::WaitBackend::Polling ? "Polling" : "System";
-}
-
-inline std::chrono::milliseconds since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                 start);
-}
-
 }  // namespace testsupport
 
-#define INSTANTIATE_EACH_BACKEND(suite)                                                   \
-    INSTANTIATE_TEST_SUITE_P(, suite,                                                     \
-                             ::testing::Values(VDIFrameworkCommon::WaitBackend::System,   \
-                                               VDIFrameworkCommon::WaitBackend::Polling), \
-                             ::testsupport::backendName)
+#define INSTANTIATE_EACH_BACKEND(suite)                                       \
+    INSTANTIATE_TEST_SUITE_P(, suite, ::testing::Values("System", "Polling"), \
+                             [](const auto& backend) { return std::string(backend.param); })

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <map>
 
 #include "OwnPath.h"
@@ -53,5 +54,15 @@ void hear() {
 ChildProcess::ChildProcess(const std::string& role, const std::vector<std::string>& args,
                            const std::vector<std::string>& environment)
     : Subprocess(commandLine(role, args), environment) {}
+
+bool runTogether(int count, const std::string& role, const std::vector<std::string>& args) {
+    std::deque<ChildProcess> children;
+    for (int i = 0; i < count; ++i) children.emplace_back(role, args);
+    bool well = true;
+    for (auto& child : children) well = child.readLine() == "ready" && well;
+    for (auto& child : children) child.closeInput();
+    for (auto& child : children) well = child.wait() == 0 && well;
+    return well;
+}
 
 }  // namespace testsupport

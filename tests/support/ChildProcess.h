@@ -14,6 +14,9 @@
 // out.
 #pragma once
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -38,6 +41,19 @@ struct ChildRole {
 // of its input.
 void say(const std::string& line);
 void hear();
+
+// Starts `count` children of a role that say "ready" and hear() before they go on, and lets them
+// all go at once. Whether each ended with 0.
+bool runTogether(int count, const std::string& role, const std::vector<std::string>& args = {});
+
+// Whether `holds()` is true in a forked child.
+template <class Predicate>
+bool holdsInForkedChild(const Predicate& holds) {
+    const pid_t child = fork();
+    if (child == 0) _exit(holds() ? 0 : 1);
+    int status = -1;
+    return waitpid(child, &status, 0) == child && status == 0;
+}
 
 // For main(): whether the command line names a role, and running it (-1 when it names none).
 bool isChildRole(int argc, char** argv);

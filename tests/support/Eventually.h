@@ -18,4 +18,9 @@ bool eventually(const Predicate& predicate,
     return true;
 }
 
+inline std::chrono::milliseconds since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
+}
+
 }  // namespace testsupport

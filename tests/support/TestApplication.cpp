@@ -1,13 +1,12 @@
 #include "TestApplication.h"
 
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "ApplicationBundle.h"
+#include "Eventually.h"
 #include "FileContent.h"
 
 namespace testsupport {
@@ -17,19 +16,10 @@ namespace fs = std::filesystem;
 namespace {
 
 std::string describe(const std::string& name, const std::string& identifier) {
-    return R"(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0">
-<dict>
-    <key>CFBundleExecutable</key>
-    <string>)" +
-           name + R"(</string>
-    <key>CFBundleIdentifier</key>
-    <string>)" +
-           identifier + R"(</string>
-</dict>
-</plist>
-)";
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+           "<key>CFBundleExecutable</key>\n<string>" +
+           name + "</string>\n<key>CFBundleIdentifier</key>\n<string>" + identifier +
+           "</string>\n</dict>\n</plist>\n";
 }
 
 }  // namespace
@@ -62,12 +52,8 @@ std::vector<pid_t> TestApplication::processes() const {
 }
 
 std::vector<pid_t> TestApplication::waitForProcesses(std::size_t count) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     auto found = processes();
-    while (found.size() != count && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        found = processes();
-    }
+    eventually([&] { return (found = processes()).size() == count; });
     return found;
 }
 
@@ -82,8 +68,7 @@ std::vector<std::string> argumentsOf(pid_t pid) {
 }
 
 std::string statusOf(pid_t pid, const std::string& field) {
-    std::istringstream text(contentOf("/proc/" + std::to_string(pid) + "/status"));
-    for (std::string line; std::getline(text, line);) {
+    for (const auto& line : linesOf("/proc/" + std::to_string(pid) + "/status")) {
         if (line.starts_with(field + ":\t")) return line.substr(field.size() + 2);
     }
     return {};

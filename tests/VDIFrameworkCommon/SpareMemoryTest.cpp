@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "CellPool.h"
+#include "Rounds.h"
+#include "SharedBytes.h"
+#include "SpareBlock.h"
+
+using VDIFrameworkCommon::CellPool;
+using VDIFrameworkCommon::SharedBytes;
+using VDIFrameworkCommon::SpareBlock;
+
+namespace {
+
+// Fills memory with this thread's number; says whether any other wrote there meanwhile.
+bool isSpoilt(void* memory, std::size_t size, int number) {
+    auto* const bytes = static_cast<unsigned char*>(memory);
+    std::memset(bytes, number, size);
+    std::this_thread::yield();
+    return std::any_of(bytes, bytes + size, [=](unsigned char byte) { return byte != number; });
+}
+
+void onFourThreads(const std::function<void(int number)>& work) {
+    std::vector<std::thread> threads;
+    for (int number = 1; number <= 4; ++number) threads.emplace_back(work, number);
+    for (auto& thread : threads) thread.join();
+}
+
+}  // namespace
+
+TEST(CellPool, GivesCellsAgainAndKeepsNoMoreThanItsCount) {
+    constexpr std::size_t kCount = 4;
+    static constinit CellPool<64, kCount> pool;
+    for (int lap = 0; lap < 3; ++lap) {
+        std::vector<void*> cells;
+        for (std::size_t i = 0; i < kCount + 2; ++i) cells.push_back(pool.allocate());
+        EXPECT_EQ(std::set<void*>(cells.begin(), cells.end()).size(), kCount + 2);
+        for (void* cell : cells) pool.release(cell);
+        for (std::size_t i = 0; i < kCount; ++i) EXPECT_EQ(pool.allocate(), cells[i]);
+        for (std::size_t i = 0; i < kCount; ++i) pool.release(cells[i]);
+    }
+}
+
+TEST(CellPool, NeverGivesACellToTwoThreads) {
+    static constinit CellPool<64, 8> pool;
+    std::atomic<void*> passedOn{nullptr};
+    std::atomic<int> spoilt{0};
+    onFourThreads([&](int number) {
+        for (int round = 0; round < testsupport::rounds(20000); ++round) {
+            void* const cell = pool.allocate();
+            spoilt += isSpoilt(cell, 64, number);
+            pool.release(passedOn.exchange(cell));
+        }
+    });
+    pool.release(passedOn);
+    EXPECT_EQ(spoilt, 0);
+}
+
+TEST(SharedBytes, LiveAsLongAsAnyHandle) {
+    SharedBytes copy;
+    {
+        const SharedBytes original = SharedBytes::allocate(5000);
+        std::memset(original.data(), 'x', 5000);
+        copy = original;
+        EXPECT_TRUE(original.isShared());
+    }
+    EXPECT_FALSE(copy.isShared());
+    EXPECT_EQ(copy.data()[4999], std::byte{'x'});
+    EXPECT_TRUE(SharedBytes::allocate(0));
+    EXPECT_FALSE(SharedBytes::allocate(SIZE_MAX)) << "beyond reason";
+}
+
+TEST(SpareBlock, GivesTheLargestBlockAgainWhenItFits) {
+    SpareBlock memory;
+    std::size_t capacity = 0;
+    void* const first = memory.allocate(SpareBlock::kLargest, capacity);
+    memory.release(first, capacity);
+    void* const small = memory.allocate(2000, capacity);
+    EXPECT_EQ(capacity, 2000u) << "a large block is not for a small need";
+    memory.release(small, capacity);
+    void* const again = memory.allocate(SpareBlock::kLargest - 1000, capacity);
+    EXPECT_EQ(again, first);
+    EXPECT_EQ(capacity, SpareBlock::kLargest);
+    void* const second = memory.allocate(60'000, capacity);
+    EXPECT_NE(second, first);
+    memory.release(again, SpareBlock::kLargest);
+    memory.release(second, capacity);
+    EXPECT_EQ(memory.allocate(SpareBlock::kLargest, capacity), first);
+    ::operator delete(first);
+}
+
+TEST(SpareBlock, IsSharedByThreads) {
+    SpareBlock memory;
+    std::atomic<int> spoilt{0};
+    onFourThreads([&](int number) {
+        for (int i = 0; i < testsupport::rounds(20'000); ++i) {
+            const std::size_t size = 1000u + static_cast<std::size_t>((i * number) % 3000);
+            std::size_t capacity = 0;
+            void* const block = memory.allocate(size, capacity);
+            spoilt += isSpoilt(block, size, number);
+            memory.release(block, capacity);
+        }
+    });
+    std::size_t capacity = 0;
+    ::operator delete(memory.allocate(1000, capacity));
+    EXPECT_EQ(spoilt, 0);
+}
