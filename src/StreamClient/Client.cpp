@@ -39,6 +39,13 @@ bool isPossibleName(const std::string& name) {
            std::all_of(name.begin(), name.end(), isPossible);
 }
 
+std::string textOf(const std::string& operation, const std::vector<std::string>& fields) {
+    VDIFrameworkCommon::MessageBuilder text;
+    text.append(operation);
+    for (const std::string& field : fields) text.append(field);
+    return text.msg();
+}
+
 // The segments' names and the read/write gate look at the process, not at the client object.
 void declareProcess() {
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
@@ -167,15 +174,13 @@ bool Client::Impl::nextNotification(Notification& notification, Clock::time_poin
 
 bool Client::Impl::request(const std::string& operation, const std::vector<std::string>& fields,
                            Clock::time_point deadline) {
-    VDIFrameworkCommon::MessageBuilder text;
-    text.append(operation);
-    for (const std::string& field : fields) text.append(field);
-    if (operation.empty() || text.msg().size() > kInfoSegmentSize) {
-        NORVO_LOG(Warning, "a request of ", text.msg().size(), " bytes is not possible");
+    const std::string text = textOf(operation, fields);
+    if (operation.empty() || text.size() > kInfoSegmentSize) {
+        NORVO_LOG(Warning, "a request of ", text.size(), " bytes is not possible");
         return false;
     }
     if (operation == "RequestVCProcessId") m_view->expectProcessId();
-    return m_requests.send(text.msg(), deadline);
+    return m_requests.send(text, deadline);
 }
 
 std::shared_ptr<Stream> Client::Impl::openStream(const std::string& name, Direction direction,
@@ -209,6 +214,11 @@ bool Client::waitUntilConnected(std::chrono::milliseconds timeout) {
     return m_impl->view().waitUntilConnected(deadlineAfter(timeout));
 }
 unsigned int Client::agentProcessId() const { return m_impl->view().agentProcessId(); }
+bool Client::isPossibleRequest(const std::string& operation,
+                               const std::vector<std::string>& fields) {
+    return !operation.empty() && textOf(operation, fields).size() <= kInfoSegmentSize;
+}
+
 bool Client::request(const std::string& operation, const std::vector<std::string>& fields,
                      std::chrono::milliseconds timeout) {
     return m_impl->request(operation, fields, deadlineAfter(timeout));

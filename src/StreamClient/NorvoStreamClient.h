@@ -72,7 +72,8 @@ public:
     bool write(const void* data, std::size_t length, std::chrono::milliseconds timeout);
 
     // Waits until the agent has taken everything that was written, so that this process may end.
-    // False when `timeout` passed first, or the stream was closed. At once true for a Read stream.
+    // False when `timeout` (which may be overrun by 2 s while another process holds the segment)
+    // passed first, or the stream was closed. At once true for a Read stream.
     bool flush(std::chrono::milliseconds timeout);
 
     // Takes the next message, waiting for it up to `timeout`. False, with `message` empty, when
@@ -117,9 +118,13 @@ public:
 
     // Sends one request of the INFO protocol. Its answer, if it has one, is a notification. False
     // when no agent took it within `timeout` (which may be overrun by 2 s while other processes ask
-    // an agent that has died), or when it does not fit (10240 bytes).
+    // an agent that has died), or when it is not possible.
     bool request(const std::string& operation, const std::vector<std::string>& fields,
                  std::chrono::milliseconds timeout);
+
+    // Whether a request has an operation and fits (10240 bytes with what parts its fields).
+    static bool isPossibleRequest(const std::string& operation,
+                                  const std::vector<std::string>& fields);
 
     // The next notification in order, waiting for it up to `timeout`. At most 1024 wait, then the
     // oldest is dropped. Not with Options::onNotification, which takes them all.

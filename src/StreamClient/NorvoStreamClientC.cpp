@@ -124,10 +124,12 @@ int norvo_client_request(norvo_client* client, const char* operation, const char
                          size_t count, int timeout_ms) {
     if (!client || !operation || !*operation || (count > 0 && !fields)) return NORVO_INVALID;
     if (std::find(fields, fields + count, nullptr) != fields + count) return NORVO_INVALID;
-    return timed([&] {
+    return guarded<int>(NORVO_INVALID, [&]() -> int {
         const std::vector<std::string> texts(fields, fields + count);
+        if (!NorvoStreamClient::Client::isPossibleRequest(operation, texts)) return NORVO_INVALID;
         const auto state = client->state;
-        return state->client.request(operation, texts, timeoutOf(timeout_ms));
+        return state->client.request(operation, texts, timeoutOf(timeout_ms)) ? NORVO_OK
+                                                                              : NORVO_TIMEOUT;
     });
 }
 

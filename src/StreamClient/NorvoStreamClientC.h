@@ -40,7 +40,8 @@ NORVO_STREAM_CLIENT_C_API void norvo_client_close(norvo_client* client);
 /* 1 while the agents at the two ends are connected, else 0. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_is_connected(const norvo_client* client);
 NORVO_STREAM_CLIENT_C_API int norvo_client_wait_connected(norvo_client* client, int timeout_ms);
-/* Sends a request with `count` fields. NORVO_OK once an agent has taken it. */
+/* Sends a request with `count` fields. NORVO_OK once an agent has taken it; NORVO_INVALID also when
+ * it does not fit (10240 bytes). */
 NORVO_STREAM_CLIENT_C_API int norvo_client_request(norvo_client* client, const char* operation,
                                                    const char* const* fields, size_t count,
                                                    int timeout_ms);
