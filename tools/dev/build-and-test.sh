@@ -22,7 +22,8 @@ quietly "$tree/build.log" "${without_randomisation[@]}" cmake --build "$tree" --
 run_tests() {
     "${without_randomisation[@]}" ctest --test-dir "$tree" --output-on-failure --no-tests=error "$@"
 }
-run_tests --parallel "$jobs" --output-log "$tree/test.log" "$@" && exit
+# One more than there are cores: many tests wait for the most part.
+run_tests --parallel $((jobs + 1)) --output-log "$tree/test.log" "$@" && exit
 # What measures time may not have had the processor: what failed beside others is tried once alone.
 note "running what failed again, alone"
 run_tests --rerun-failed --output-log "$tree/retest.log"
