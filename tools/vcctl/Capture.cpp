@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "Command.h"
+#include "CommandError.h"
 
 namespace vcctl {
 

@@ -1,6 +1,6 @@
 #include "ChannelKind.h"
 
-#include "Command.h"
+#include "CommandError.h"
 
 namespace vcctl {
 

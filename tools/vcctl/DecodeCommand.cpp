@@ -7,7 +7,9 @@
 #include <string>
 
 #include "Capture.h"
-#include "Command.h"
+#include "CommandError.h"
+#include "CommandLine.h"
+#include "Output.h"
 #include "Packets.h"
 #include "StopSignal.h"
 #include "VCMessage.h"
@@ -122,13 +124,12 @@ int runDecode(const DecodeOptions& options) {
 
 void addDecodeCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<DecodeOptions>();
-    CLI::App* command =
-        app.add_subcommand("decode", "Prints the packets and messages of a capture, one a line");
-    command->add_option("file", options->file, "The capture, or - for standard input")->required();
-    command->add_flag("--packets", options->packets, "Print each packet, too");
-    command->add_option("--bytes", options->bytes, "How many bytes of data to show per message")
-        ->capture_default_str();
-    command->callback([=, &exitCode] { exitCode = runDecode(*options); });
+    Command command(app, "decode", "Prints the packets and messages of a capture, one a line");
+    command.argument("file", options->file, "The capture, or - for standard input").required();
+    command.flag("--packets", options->packets, "Print each packet, too");
+    command.argument("--bytes", options->bytes, "How many bytes of data to show per message")
+        .showDefault();
+    command.run([=, &exitCode] { exitCode = runDecode(*options); });
 }
 
 }  // namespace vcctl

@@ -11,9 +11,11 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
-#include "Command.h"
+#include "CommandError.h"
+#include "CommandLine.h"
 #include "DemoEnds.h"
 #include "File.h"
+#include "Output.h"
 #include "OwnPath.h"
 #include "PluginLibrary.h"
 #include "Progress.h"
@@ -250,25 +252,25 @@ private:
 
 void addDemoCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<DemoOptions>();
-    CLI::App* command = app.add_subcommand(
-        "demo",
+    Command command(
+        app, "demo",
         "Runs a whole session on this machine: two hosts, four streams, a file, a reconnect");
-    command->add_option("file", options->file, "The file to send instead of a generated one")
-        ->check(CLI::ExistingFile);
-    addKindOption(*command, options->kind);
-    command->add_option("--seconds", options->seconds, "About how long it is to take")
-        ->check(CLI::Range(1.0, 600.0))
-        ->capture_default_str();
-    addLibraryOption(*command, options->pluginPath);
-    command->callback([=, &exitCode] { exitCode = Demo(*options).run(); });
+    command.argument("file", options->file, "The file to send instead of a generated one")
+        .existingFile();
+    addKindOption(command, options->kind);
+    command.argument("--seconds", options->seconds, "About how long it is to take")
+        .range(1.0, 600.0)
+        .showDefault();
+    addLibraryOption(command, options->pluginPath);
+    command.run([=, &exitCode] { exitCode = Demo(*options).run(); });
 
     auto end = std::make_shared<DemoEndOptions>();
-    CLI::App* child = app.add_subcommand("demo-end", "A local process of the demo")->group("");
-    child->add_option("role", end->role)->required();
-    child->add_option("file", end->file);
-    child->add_option("seconds", end->seconds);
-    child->callback(
-        [=, &exitCode] { exitCode = end->role == "far" ? runFarEnd() : runNearEnd(*end); });
+    Command child(app, "demo-end", "A local process of the demo");
+    child.hide();
+    child.argument("role", end->role).required();
+    child.argument("file", end->file);
+    child.argument("seconds", end->seconds);
+    child.run([=, &exitCode] { exitCode = end->role == "far" ? runFarEnd() : runNearEnd(*end); });
 }
 
 }  // namespace vcctl

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "Command.h"
+#include "CommandError.h"
 #include "Descriptor.h"
 #include "SessionClient.h"
 #include "StopSignal.h"

@@ -10,7 +10,7 @@
 #include <charconv>
 #include <cstring>
 
-#include "Command.h"
+#include "CommandError.h"
 #include "StopSignal.h"
 
 namespace vcctl {

@@ -12,7 +12,8 @@
 
 #include "Capture.h"
 #include "ChannelKind.h"
-#include "Command.h"
+#include "CommandError.h"
+#include "CommandLine.h"
 #include "Endpoint.h"
 #include "PacketLink.h"
 #include "PluginLibrary.h"
@@ -50,7 +51,8 @@ public:
     ~Host() { m_plugin.Shutdown(); }
 
     // Joins the channel to `socket` until one side ends it or the user stops. Whoever connects to
-    // `listener` (if there is one) meanwhile is turned away: a channel has two ends.
+    // `listener` (if there is one) meanwhile is turned away, as a channel has two ends; but a peer
+    // that has only kept silent gives way.
     void serve(Descriptor socket, const std::string& peer, int listener = -1) {
         StopSignal::takeHangUp();  // one that came while there was nothing to drop
         auto link = std::make_shared<PacketLink>(
@@ -72,6 +74,8 @@ public:
 
 private:
     void waitForEnd(PacketLink& link, int listener) const {
+        constexpr auto kLongestSilence = std::chrono::seconds(2);  // hosts greet at once
+        const auto begun = std::chrono::steady_clock::now();
         pollfd waited[3] = {{link.closedDescriptor(), POLLIN, 0},
                             {StopSignal::descriptor(), POLLIN, 0},
                             {listener, POLLIN, 0}};
@@ -81,6 +85,10 @@ private:
             if (waited[1].revents) StopSignal::drain();
             if (waited[0].revents || StopSignal::requested()) return;
             if (!waited[2].revents) continue;
+            if (!link.hasReceived() && std::chrono::steady_clock::now() - begun > kLongestSilence) {
+                link.close("it sent nothing, and another host is waiting");
+                return;
+            }
             if (const Descriptor other = acceptFrom(listener)) {
                 say("turned away a second connection: a host is joined already");
             }
@@ -174,32 +182,28 @@ int runHost(const HostOptions& options) {
 
 void addHostCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<HostOptions>();
-    CLI::App* command = app.add_subcommand(
-        "host",
+    Command command(
+        app, "host",
         "Stands in for a remote-desktop client: loads the plug-in and joins it to another host");
-    addKindOption(*command, options->kind);
-    auto* listen = command
-                       ->add_option("--listen", options->listen,
-                                    "Wait for the other host there (port 0: any free one)")
-                       ->type_name("ADDR:PORT");
-    auto* connect = command
-                        ->add_option("--connect", options->connect,
-                                     "Connect to the other host there, again and again")
-                        ->type_name("ADDR:PORT");
-    listen->excludes(connect);
-    addLibraryOption(*command, options->pluginPath);
+    addKindOption(command, options->kind);
+    Argument listen = command.argument("--listen", options->listen,
+                                       "Wait for the other host there (port 0: any free one)");
+    Argument connect = command.argument("--connect", options->connect,
+                                        "Connect to the other host there, again and again");
+    listen.type("ADDR:PORT").excludes(connect.type("ADDR:PORT"));
+    addLibraryOption(command, options->pluginPath);
     command
-        ->add_option("--capture", options->capture,
-                     "Write every packet to this pcapng file (vcctl decode, Wireshark)")
-        ->type_name("FILE");
-    command->add_flag("--allow-remote", options->allowRemote,
-                      "Accept addresses outside this machine. The link is neither encrypted nor "
-                      "authenticated: anyone who reaches it is the other end of the channel");
-    command->add_flag("-q,--quiet", options->quiet, "Say nothing about connections");
-    command->add_flag("--end-with-input", options->endWithInput)->group("");
-    command->footer(
+        .argument("--capture", options->capture,
+                  "Write every packet to this pcapng file (vcctl decode, Wireshark)")
+        .type("FILE");
+    command.flag("--allow-remote", options->allowRemote,
+                 "Accept addresses outside this machine. The link is neither encrypted nor "
+                 "authenticated: anyone who reaches it is the other end of the channel");
+    command.flag("-q,--quiet", options->quiet, "Say nothing about connections");
+    command.hiddenFlag("--end-with-input", options->endWithInput);
+    command.footer(
         "SIGHUP drops the connection and joins again; SIGINT and SIGTERM end the host cleanly.");
-    command->callback([=, &exitCode] {
+    command.run([=, &exitCode] {
         if (options->listen.empty() == options->connect.empty()) {
             throw CommandError("give --listen ADDR:PORT or --connect ADDR:PORT", kUsage);
         }

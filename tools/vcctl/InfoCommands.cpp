@@ -9,7 +9,9 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "Command.h"
+#include "CommandError.h"
+#include "CommandLine.h"
+#include "Output.h"
 #include "SessionClient.h"
 #include "StopSignal.h"
 
@@ -186,28 +188,23 @@ int runAsk(const AskOptions& options) {
 
 void addWatchCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<WatchOptions>();
-    CLI::App* command =
-        app.add_subcommand("watch", "Prints the agent's notifications as they come");
-    command->add_flag("--json", options->json, "One JSON object a line");
-    command->add_flag("--all", options->all,
-                      "Also the repeated answers to this program's own questions");
-    command->add_option("--count", options->count, "Stop after so many")->type_name("N");
-    command->callback([=, &exitCode] { exitCode = runWatch(*options); });
+    Command command(app, "watch", "Prints the agent's notifications as they come");
+    command.flag("--json", options->json, "One JSON object a line");
+    command.flag("--all", options->all,
+                 "Also the repeated answers to this program's own questions");
+    command.argument("--count", options->count, "Stop after so many").type("N");
+    command.run([=, &exitCode] { exitCode = runWatch(*options); });
 }
 
 void addAskCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<AskOptions>();
-    CLI::App* command =
-        app.add_subcommand("ask", "Sends one request to the agent and prints its answer");
-    command->add_option("request", options->request, "The request")->required();
-    command->add_option("fields", options->fields, "Its fields");
-    command->add_option("--wait", options->wait, "Seconds to wait for the agent and for the answer")
-        ->type_name("SECONDS")
-        ->check(kWaitRange)
-        ->capture_default_str();
-    command->add_flag("--json", options->json, "Print answers as JSON objects");
-    command->footer(allUsages());
-    command->callback([=, &exitCode] { exitCode = runAsk(*options); });
+    Command command(app, "ask", "Sends one request to the agent and prints its answer");
+    command.argument("request", options->request, "The request").required();
+    command.argument("fields", options->fields, "Its fields");
+    addWaitOption(command, options->wait, "How long to wait for the agent and for the answer");
+    command.flag("--json", options->json, "Print answers as JSON objects");
+    command.footer(allUsages());
+    command.run([=, &exitCode] { exitCode = runAsk(*options); });
 }
 
 }  // namespace vcctl

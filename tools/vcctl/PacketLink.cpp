@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "Command.h"
+#include "CommandError.h"
 
 namespace vcctl {
 
@@ -142,6 +142,7 @@ std::size_t PacketLink::deliver(unsigned char* bytes, std::size_t size, const Re
             return size;
         }
         if (size - used - kLengthSize < length) break;
+        m_hasReceived.store(true, std::memory_order_relaxed);
         receive(bytes + used + kLengthSize, length);
         used += kLengthSize + length;
     }

@@ -1,6 +1,7 @@
 // The wire between two hosts: a TCP connection on which each packet follows its length.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -39,6 +40,9 @@ public:
     // sender and does not fill the memory. False once the link is closed. Any thread.
     bool send(const void* packet, std::uint32_t length);
 
+    // Whether a whole packet has come: a stranger's connection may stay silent for ever.
+    bool hasReceived() const { return m_hasReceived.load(std::memory_order_relaxed); }
+
     // Ends the link for `reason` (the first one counts). Any thread, also from inside `receive`.
     void close(const std::string& reason);
 
@@ -56,6 +60,8 @@ private:
     const Limits m_limits;
     support::Descriptor m_socket;
     support::Descriptor m_closedPipe[2];
+
+    std::atomic<bool> m_hasReceived = false;
 
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;

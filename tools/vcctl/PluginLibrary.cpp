@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "Command.h"
+#include "CommandError.h"
 #include "OwnPath.h"
 #include "VcctlVersion.h"
 

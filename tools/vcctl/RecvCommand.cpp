@@ -3,7 +3,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "Command.h"
+#include "CommandError.h"
+#include "CommandLine.h"
 #include "File.h"
 #include "Progress.h"
 #include "SessionClient.h"
@@ -70,10 +71,10 @@ bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, Output&
 
 int runRecv(const RecvOptions& options) {
     using Clock = std::chrono::steady_clock;
-    Output output(options);
     SessionClient session;
     const auto stream =
         session.open(options.stream, NorvoStreamClient::Direction::Read, options.size);
+    Output output(options);
     const auto giveUp = options.wait > 0 ? after(options.wait) : Clock::time_point::max();
     TransferTally tally;
     Progress progress("recv " + options.stream, std::nullopt);
@@ -103,21 +104,15 @@ int runRecv(const RecvOptions& options) {
 
 void addRecvCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<RecvOptions>();
-    CLI::App* command = app.add_subcommand(
-        "recv", "Writes what comes through a stream to a file or standard output");
-    addStreamOptions(*command, options->stream, options->size, options->count);
-    command->add_option("file", options->file, "Where to write; - is standard output")
-        ->capture_default_str();
-    command->add_flag("--lines", options->lines, "End each message with a line end");
-    command->add_flag("--raw", options->raw,
-                      "Know no end mark: write every message, until --count or an interruption");
-    command
-        ->add_option("--wait", options->wait,
-                     "How long to wait for the first message (0: without limit)")
-        ->type_name("SECONDS")
-        ->check(kWaitRange)
-        ->capture_default_str();
-    command->callback([=, &exitCode] { exitCode = runRecv(*options); });
+    Command command(app, "recv", "Writes what comes through a stream to a file or standard output");
+    addStreamOptions(command, options->stream, options->size, options->count);
+    command.argument("file", options->file, "Where to write; - is standard output").showDefault();
+    command.flag("--lines", options->lines, "End each message with a line end");
+    command.flag("--raw", options->raw,
+                 "Know no end mark: write every message, until --count or an interruption");
+    addWaitOption(command, options->wait,
+                  "How long to wait for the first message (0: without limit)");
+    command.run([=, &exitCode] { exitCode = runRecv(*options); });
 }
 
 }  // namespace vcctl

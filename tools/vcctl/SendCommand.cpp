@@ -11,7 +11,8 @@
 #include <optional>
 #include <string_view>
 
-#include "Command.h"
+#include "CommandError.h"
+#include "CommandLine.h"
 #include "Descriptor.h"
 #include "Progress.h"
 #include "SessionClient.h"
@@ -158,27 +159,20 @@ int runSend(const SendOptions& options) {
 
 void addSendCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<SendOptions>();
-    CLI::App* command =
-        app.add_subcommand("send", "Sends a file or standard input through a stream");
-    addStreamOptions(*command, options->stream, options->size, options->count);
-    command->add_option("file", options->file, "What to send; - is standard input")
-        ->capture_default_str();
-    command->add_option("--message-size", options->messageSize, "Length of one message")
-        ->type_name("BYTES")
-        ->check(CLI::Range(std::size_t{1}, kLongestMessage))
-        ->capture_default_str();
-    command->add_flag("--lines", options->lines, "Make each line of the input a message");
-    command->add_flag(
-        "--raw", options->raw,
-        "Send no end mark: for a receiver other than vcctl recv, which ends at the mark "
-        "and checks that everything arrived");
-    command
-        ->add_option("--wait", options->wait,
-                     "How long to wait for the host, the far side and the stream's reader")
-        ->type_name("SECONDS")
-        ->check(kWaitRange)
-        ->capture_default_str();
-    command->callback([=, &exitCode] { exitCode = runSend(*options); });
+    Command command(app, "send", "Sends a file or standard input through a stream");
+    addStreamOptions(command, options->stream, options->size, options->count);
+    command.argument("file", options->file, "What to send; - is standard input").showDefault();
+    command.argument("--message-size", options->messageSize, "Length of one message")
+        .type("BYTES")
+        .range(std::size_t{1}, kLongestMessage)
+        .showDefault();
+    command.flag("--lines", options->lines, "Make each line of the input a message");
+    command.flag("--raw", options->raw,
+                 "Send no end mark: for a receiver other than vcctl recv, which ends at the mark "
+                 "and checks that everything arrived");
+    addWaitOption(command, options->wait,
+                  "How long to wait for the host, the far side and the stream's reader");
+    command.run([=, &exitCode] { exitCode = runSend(*options); });
 }
 
 }  // namespace vcctl

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "Command.h"
+#include "CommandError.h"
 #include "StopSignal.h"
 
 namespace vcctl {

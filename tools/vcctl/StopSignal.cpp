@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <csignal>
 
-#include "Command.h"
+#include "CommandError.h"
 
 namespace vcctl {
 

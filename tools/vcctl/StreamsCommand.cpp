@@ -11,9 +11,11 @@
 #include <memory>
 #include <optional>
 
-#include "Command.h"
+#include "CommandError.h"
+#include "CommandLine.h"
 #include "Descriptor.h"
 #include "InfoSegments.h"
+#include "Output.h"
 #include "PosixSharedMemory.h"
 #include "SegmentList.h"
 #include "SharedMemoryLayout.h"
@@ -137,19 +139,17 @@ int runStreams(const StreamsOptions& options) {
 
 void addStreamsCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<StreamsOptions>();
-    CLI::App* command =
-        app.add_subcommand("streams", "Lists the segments of this session and whether they move");
-    command->add_flag("-f,--follow", options->follow,
-                      "Look again and again, in place on a terminal");
-    command->add_option("--interval", options->interval, "Time between two looks")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, 3600.0))
-        ->capture_default_str();
-    command->footer(
+    Command command(app, "streams", "Lists the segments of this session and whether they move");
+    command.flag("-f,--follow", options->follow, "Look again and again, in place on a terminal");
+    command.argument("--interval", options->interval, "Time between two looks")
+        .type("SECONDS")
+        .range(0.1, 3600.0)
+        .showDefault();
+    command.footer(
         "NEW and READ are the IDs of the last chunk written and taken; a plain segment is\n"
         "full while NEW is greater. Of the agent's own two segments, which every reader\n"
         "sees, WAITING tells how many readers are ready for the next message.");
-    command->callback([=, &exitCode] { exitCode = runStreams(*options); });
+    command.run([=, &exitCode] { exitCode = runStreams(*options); });
 }
 
 }  // namespace vcctl

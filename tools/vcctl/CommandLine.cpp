@@ -1,0 +1,148 @@
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdlib>
+
+#include "ChannelKind.h"
+#include "CommandError.h"
+#include "VcctlVersion.h"
+
+namespace vcctl {
+
+namespace {
+
+constexpr double kLongestWait = 86400;  // a day
+
+// No range excludes it: it compares with nothing.
+const CLI::Validator kNumber(
+    [](const std::string& text) -> std::string {
+        return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is no number" : "";
+    },
+    "");
+
+}  // namespace
+
+Argument& Argument::required() {
+    m_option->required();
+    return *this;
+}
+
+Argument& Argument::type(const char* name) {
+    m_option->type_name(name);
+    return *this;
+}
+
+Argument& Argument::showDefault() {
+    m_option->capture_default_str();
+    return *this;
+}
+
+Argument& Argument::range(double least, double most) {
+    m_option->check(CLI::Range(least, most))->check(kNumber);
+    return *this;
+}
+
+Argument& Argument::range(std::size_t least, std::size_t most) {
+    m_option->check(CLI::Range(least, most));
+    return *this;
+}
+
+Argument& Argument::oneOf(const std::vector<std::string>& values) {
+    m_option->check(CLI::IsMember(values));
+    return *this;
+}
+
+Argument& Argument::existingFile() {
+    m_option->check(CLI::ExistingFile);
+    return *this;
+}
+
+Argument& Argument::excludes(const Argument& other) {
+    m_option->excludes(other.m_option);
+    return *this;
+}
+
+Command::Command(CLI::App& app, const char* name, const char* help)
+    : m_app(app.add_subcommand(name, help)) {}
+
+template <class Value>
+Argument Command::argument(const char* name, Value& value, const char* help) {
+    return Argument(m_app->add_option(name, value, help));
+}
+template Argument Command::argument(const char*, std::string&, const char*);
+template Argument Command::argument(const char*, std::vector<std::string>&, const char*);
+template Argument Command::argument(const char*, unsigned int&, const char*);
+template Argument Command::argument(const char*, unsigned long&, const char*);
+template Argument Command::argument(const char*, unsigned long long&, const char*);
+template Argument Command::argument(const char*, double&, const char*);
+
+void Command::flag(const char* name, bool& value, const char* help) {
+    m_app->add_flag(name, value, help);
+}
+
+void Command::hiddenFlag(const char* name, bool& value) { m_app->add_flag(name, value)->group(""); }
+
+void Command::footer(const std::string& text) { m_app->footer(text); }
+
+void Command::hide() { m_app->group(""); }
+
+void Command::run(const std::function<void()>& action) { m_app->callback(action); }
+
+void addKindOption(Command& command, std::string& kind) {
+    std::vector<std::string> names;
+    for (const ChannelKind& each : kChannelKinds) names.emplace_back(each.name);
+    command.argument("--kind", kind, "Transport: citrix, vmware, rdp or tcp")
+        .oneOf(names)
+        .showDefault();
+}
+
+void addLibraryOption(Command& command, std::string& pluginPath) {
+    command.argument("--library", pluginPath, "The plug-in to load instead of the usual one")
+        .type("PATH");
+}
+
+void addWaitOption(Command& command, double& seconds, const char* help) {
+    command.argument("--wait", seconds, help)
+        .type("SECONDS")
+        .range(0.0, kLongestWait)
+        .showDefault();
+}
+
+void addStreamOptions(Command& command, std::string& stream, unsigned int& capacity,
+                      std::uint64_t& count) {
+    command.argument("stream", stream, "The stream, for example Media").required();
+    command.argument("--size", capacity, "Capacity of the stream's segment")
+        .type("BYTES")
+        .showDefault();
+    command.argument("--count", count, "Stop after so many messages").type("N");
+}
+
+int runCommand(int argc, char** argv) {
+    CLI::App app{"Runs, uses and looks into virtual-channel sessions on this machine."};
+    app.name("vcctl");
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "vcctl " VCCTL_VERSION);
+    app.footer(
+        "Environment: NORVO_VDI_NAMESPACE separates sessions on one machine, NORVO_VDI_LOG_LEVEL\n"
+        "(0 to 6) sets the detail of the log in $HOME/Library/Logs/norvouvdi/.\n"
+        "Exit codes: 0 done, 1 failed, 2 wrong usage, 130 interrupted.\n"
+        "`vcctl COMMAND --help` tells more about each command; `man vcctl` has examples.");
+    int exitCode = kOk;
+    for (const auto add : {addHostCommand, addSendCommand, addRecvCommand, addWatchCommand,
+                           addAskCommand, addStreamsCommand, addDecodeCommand, addDemoCommand}) {
+        add(app, exitCode);
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (argc > 1 && *argv[1] != '-' && app.get_subcommands().empty()) {
+            throw CommandError("'" + std::string(argv[1]) + "' is no command: see vcctl --help",
+                               kUsage);
+        }
+        return app.exit(error) == 0 ? kOk : kUsage;
+    }
+    return exitCode;
+}
+
+}  // namespace vcctl
