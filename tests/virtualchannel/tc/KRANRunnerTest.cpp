@@ -82,7 +82,8 @@ TEST_F(KRANRunnerAcrossProcesses, TheApplicationIsKeptRunningUntilTheStop) {
         startKRAN();
         const auto first = app.waitForProcesses(1);
         ASSERT_EQ(first.size(), 1U) << name;
-        EXPECT_TRUE(eventually([&] { return testsupport::argumentsOf(first[0]) == arguments; }));
+        EXPECT_TRUE(eventually(
+            [&, expected = arguments] { return testsupport::argumentsOf(first[0]) == expected; }));
 
         kill(first[0], SIGKILL);
         ASSERT_TRUE(eventually([&] {
