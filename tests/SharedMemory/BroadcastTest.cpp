@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <functional>
 #include <future>
 #include <random>
 
@@ -225,44 +226,30 @@ TEST_F(BroadcastTest, WhatCannotBeWrittenIsRefusedWithALine) {
     EXPECT_TRUE(log.contains("Failed to lock for writing!"));
 }
 
-// Listeners that come and go beside one that stays: each leaves after some messages, or is killed.
-class Crowd {
-public:
-    Crowd(std::string name, int kills) : m_name(std::move(name)), m_kills(kills) {}
-
-    // One more comes, the longest there goes.
-    void turn() {
-        const bool isVictim = m_kills > 0 && m_random() % 4 == 0;
-        const std::string count = std::to_string(isVictim ? 1U << 30U : 20 + m_random() % 100);
-        m_listeners.push_back(
-            {ChildProcess("segmentListener", {m_name, "64", "-1", count}), isVictim});
-        EXPECT_EQ(m_listeners.back().child.readLine(), "ready");
-        if (isVictim) --m_kills;
-        if (m_listeners.size() > 2) leave();
-    }
-    void leave() {
-        auto& [child, isVictim] = m_listeners.front();
-        if (isVictim) {
+// Listeners come and go until it is over: each leaves after some messages, or is killed.
+void comeAndGo(const std::string& name, int kills, const std::function<bool()>& isOver) {
+    std::mt19937 random{7};
+    std::deque<std::pair<ChildProcess, bool>> listeners;  // and whether it is killed
+    const auto leave = [&] {
+        auto& [child, isVictim] = listeners.front();
+        if (isVictim)
             child.kill();
-        } else {
-            child.readLine();
-            EXPECT_TRUE(child.readLine().starts_with("left after"));
-        }
+        else
+            EXPECT_TRUE(!child.readLine().empty() && child.readLine().starts_with("left after"));
         EXPECT_EQ(child.wait(), isVictim ? 128 + SIGKILL : 0);
-        m_listeners.pop_front();
-    }
-    bool isEmpty() const { return m_listeners.empty(); }
-
-private:
-    struct Listener {
-        ChildProcess child;
-        bool isVictim;
+        listeners.pop_front();
     };
-    const std::string m_name;
-    int m_kills;
-    std::mt19937 m_random{7};
-    std::deque<Listener> m_listeners;
-};
+    while (!isOver()) {
+        const bool isVictim = kills > 0 && random() % 4 == 0;
+        const std::string count = std::to_string(isVictim ? 1U << 30U : 20 + random() % 100);
+        listeners.emplace_back(ChildProcess("segmentListener", {name, "64", "-1", count}),
+                               isVictim);
+        EXPECT_EQ(listeners.back().first.readLine(), "ready");
+        if (isVictim) --kills;
+        if (listeners.size() > 2) leave();
+    }
+    while (!listeners.empty()) leave();
+}
 
 TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndGo) {
     const auto count = static_cast<std::uint32_t>(rounds(5000));
@@ -283,11 +270,7 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
         while (!stop && write(writer, numberedMessage({1, sent}, sent % 50))) ++sent;
         return stop.load();
     });
-    {
-        Crowd crowd(name, testsupport::kSanitized ? 1 : 3);
-        while (sent < count && !HasFailure()) crowd.turn();
-        while (!crowd.isEmpty() && !HasFailure()) crowd.leave();
-    }
+    comeAndGo(name, testsupport::kSanitized ? 1 : 3, [&] { return sent >= count || HasFailure(); });
     stop = true;
     EXPECT_TRUE(sender.get()) << "failed after " << sent;
     EXPECT_TRUE(eventually([&] { return checker.count() == sent; }));

@@ -2,7 +2,6 @@
 
 #include <limits>
 #include <memory>
-#include <ostream>
 #include <type_traits>
 #include <vector>
 
@@ -21,53 +20,35 @@ using testsupport::ChildProcess;
 
 constexpr unsigned int kCapacity = 64;
 
+unsigned int hurriedTime() {
+    return static_cast<unsigned int>(50 * Clock::now().time_since_epoch() / milliseconds(1));
+}
+
 // A segment for which time passes fifty times as fast, so that its limits come soon.
 template <class Segment>
-class Hurried : public Segment {
-public:
-    ~Hurried() override {
-        if (this->isOpen()) this->Close();
-    }
+using Hurried = WithClock<Segment, hurriedTime>;
 
-protected:
-    unsigned int ElapsedMillisecond() override {
-        return static_cast<unsigned int>(50 * Clock::now().time_since_epoch() / milliseconds(1));
-    }
-};
-
-struct Case {
-    std::size_t offset;
-    std::int64_t value;
-    bool published;  // the new message ID is raised, too, so that a chunk seems to wait
-};
-
-std::ostream& operator<<(std::ostream& out, const Case& garbage) {
-    return out << garbage.value << " at " << garbage.offset
-               << (garbage.published ? ", published" : "");
-}
-
-std::vector<Case> allCases() {
+// Every value at every word of the header. `published` raises the new message ID, too, so that a
+// chunk seems to wait.
+template <class Action>
+void forEachGarbage(RawSegment& raw, const Action& action) {
     using Limits = std::numeric_limits<std::int64_t>;
-    std::vector<Case> cases;
+    const std::int64_t values[] = {0,          1,  kCapacity, kCapacity + 1, 1LL << 31,
+                                   0xffffffff, -1, -7,        Limits::min(), Limits::max()};
     for (std::size_t offset = 0; offset < 48; offset += offset < 32 ? 8 : 4) {
-        for (const std::int64_t value :
-             {std::int64_t{0}, std::int64_t{1}, std::int64_t{kCapacity},
-              kCapacity + std::int64_t{1}, std::int64_t{1} << 31, std::int64_t{0xffffffff},
-              std::int64_t{-1}, std::int64_t{-7}, Limits::min(), Limits::max()}) {
-            for (const bool published : {false, true}) cases.push_back({offset, value, published});
+        for (const std::int64_t value : values) {
+            for (const bool published : {false, true}) {
+                SCOPED_TRACE(std::to_string(value) + " at " + std::to_string(offset) +
+                             (published ? ", published" : ""));
+                if (offset < 32)
+                    raw.put<std::int64_t>(offset, value);
+                else
+                    raw.put<std::uint32_t>(offset, static_cast<std::uint32_t>(value));
+                if (published)
+                    raw.put<std::uint64_t>(16, static_cast<std::uint64_t>(raw.word64(16)) + 1);
+                ASSERT_NO_FATAL_FAILURE(action());
+            }
         }
-    }
-    return cases;
-}
-
-void apply(RawSegment& raw, const Case& garbage) {
-    if (garbage.offset < 32) {
-        raw.put<std::int64_t>(garbage.offset, garbage.value);
-    } else {
-        raw.put<std::uint32_t>(garbage.offset, static_cast<std::uint32_t>(garbage.value));
-    }
-    if (garbage.published) {
-        raw.put<std::uint64_t>(16, static_cast<std::uint64_t>(raw.word64(16)) + 1);
     }
 }
 
@@ -95,17 +76,16 @@ TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
                            ? std::vector<milliseconds>{milliseconds(500), seconds(5), seconds(20)}
                            : std::vector<milliseconds>{seconds(20)};
     std::uint32_t number = 0;
-    for (const Case& garbage : allCases()) {
-        apply(raw, garbage);
+    forEachGarbage(raw, [&] {
         written.notify();
         const std::string message = numberedMessage({1, number++}, 40);
         bool arrived = false;
         for (auto wait = waits.begin(); wait != waits.end() && !arrived; ++wait) {
-            ASSERT_TRUE(eventually([&] { return write(writer, message); })) << garbage;
+            ASSERT_TRUE(eventually([&] { return write(writer, message); }));
             arrived = collector.waitForLast(message, *wait);
         }
-        ASSERT_TRUE(arrived) << garbage;
-    }
+        ASSERT_TRUE(arrived);
+    });
 }
 
 TEST(GarbageAcrossProcesses, AnythingMayChangeWhileItIsRead) {

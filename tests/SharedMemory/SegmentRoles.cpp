@@ -66,16 +66,6 @@ CHILD_ROLE(segmentSink) {
     }
 }
 
-// name, capacity: one message once a line comes; says how many milliseconds it took.
-CHILD_ROLE(segmentOneMessage) {
-    const auto out = plain();
-    if (!out->Create(args[0], number(args[1]))) return 1;
-    const auto start = Clock::now();
-    if (!write(*out, "late writer")) return 2;
-    say(std::to_string(since(start).count()));
-    return 0;
-}
-
 // name, capacity: takes the write lock and keeps it.
 CHILD_ROLE(segmentLockHolder) {
     MultipleWritersOneReaderSM out;

@@ -42,9 +42,8 @@ std::optional<Numbered> readNumbered(const std::string& message) {
     std::memcpy(&id, message.data(), sizeof id);
     std::memcpy(&announced, message.data() + 8, sizeof announced);
     if (announced != message.size()) return std::nullopt;
-    for (std::size_t i = kShortestNumbered; i < message.size(); ++i) {
+    for (std::size_t i = kShortestNumbered; i < message.size(); ++i)
         if (message[i] != patternByte(id, i)) return std::nullopt;
-    }
     return id;
 }
 

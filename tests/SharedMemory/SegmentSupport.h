@@ -172,18 +172,21 @@ private:
     char* m_bytes = nullptr;
 };
 
-// A segment whose clock a test moves; one for all of a process's segments.
-inline std::atomic<unsigned int> g_testTime{100000};
-
-template <class Segment>
-class Clocked : public Segment {
+template <class Segment, unsigned int (*kTime)()>
+class WithClock : public Segment {
 public:
-    ~Clocked() override {
+    ~WithClock() override {
         if (this->isOpen()) this->Close();
     }
 
 protected:
-    unsigned int ElapsedMillisecond() override { return g_testTime; }
+    unsigned int ElapsedMillisecond() override { return kTime(); }
 };
+
+// A segment whose clock a test moves; one for all of a process's segments.
+inline std::atomic<unsigned int> g_testTime{100000};
+inline unsigned int testTime() { return g_testTime; }
+template <class Segment>
+using Clocked = WithClock<Segment, testTime>;
 
 }  // namespace segmenttest

@@ -28,9 +28,8 @@ protected:
     // The next news of that name.
     static std::optional<Notification> waitForNews(Client& client, const std::string& name) {
         Notification news;
-        for (int i = 0; i < 100 && client.nextNotification(news, kLong); ++i) {
+        for (int i = 0; i < 100 && client.nextNotification(news, kLong); ++i)
             if (news.name == name) return news;
-        }
         return std::nullopt;
     }
     const std::shared_ptr<SharedMemoryI> agentsEnd =

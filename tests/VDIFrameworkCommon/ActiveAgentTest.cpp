@@ -35,8 +35,6 @@ protected:
     ActiveVirtualChannelAgentRecorder m_recorder;
 };
 
-}  // namespace
-
 // Marks itself when told to, says whether it is marked, and stays until told to go.
 CHILD_ROLE(agent) {
     ActiveVirtualChannelAgentRecorder recorder;
@@ -48,8 +46,6 @@ CHILD_ROLE(agent) {
     return 0;
 }
 
-namespace {
-
 struct Agent : ChildProcess {
     Agent() : ChildProcess("agent") { EXPECT_EQ(readLine(), "ready"); }
     std::string mark() {
@@ -57,8 +53,6 @@ struct Agent : ChildProcess {
         return readLine();
     }
 };
-
-}  // namespace
 
 TEST_F(ActiveAgentAcrossProcesses, OneProcessAtATimeIsMarkedUntilItClearsTheMarkOrIsKilled) {
     for (int i = 0; i < testsupport::rounds(20); ++i) {
@@ -94,15 +88,11 @@ TEST_F(ActiveAgentAcrossProcesses, OfManyThatMarkAtOnceExactlyOneIs) {
     }
 }
 
-namespace {
-
 struct Contest {
     std::atomic<int> marked;
     std::atomic<int> claims;
     std::atomic<int> conflicts;
 };
-
-}  // namespace
 
 CHILD_ROLE(agentContender) {
     testsupport::SharedBlock<Contest> contest("contest");
@@ -213,3 +203,5 @@ TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkAndCanNeitherForgeNorPr
     EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
     EXPECT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
 }
+
+}  // namespace

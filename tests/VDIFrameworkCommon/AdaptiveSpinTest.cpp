@@ -14,8 +14,6 @@ void repeat(int times, AdaptiveSpin& spin, AdaptiveSpin::Duration waited,
     for (int i = 0; i < times; ++i) spin.notified(waited, wakeUp);
 }
 
-}  // namespace
-
 TEST(AdaptiveSpin, BeginsAfterShortWaitsForAnotherProcessorAndEndsWhenItDoesNotPay) {
     AdaptiveSpin spin;
     EXPECT_EQ(spin.budget(0, 1), kNone);
@@ -44,3 +42,5 @@ TEST(AdaptiveSpin, WakeUpsOfBothSidesDoNotCountAsWaiting) {
     repeat(10, busyMachine, 5ms, 5ms);
     EXPECT_EQ(busyMachine.budget(0, 1), kNone);
 }
+
+}  // namespace

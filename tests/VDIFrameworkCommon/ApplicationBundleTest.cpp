@@ -18,8 +18,6 @@ std::string listOf(const std::string& entries) {
            "</dict></plist>";
 }
 
-}  // namespace
-
 TEST(PropertyList, FindsTheStringOfAKeyInTheOutermostDictionary) {
     const std::string xml = listOf(
         "<key>Other</key><dict><key>Id</key><string>inner</string></dict>"
@@ -78,3 +76,5 @@ TEST(ApplicationBundle, OnlyTheFolderOfApplicationsIsRedirected) {
     EXPECT_EQ(installedPath("/Applications/X.app"), "/Applications/X.app");
     EXPECT_TRUE(isBundleInReach("/Applications/X.app"));
 }
+
+}  // namespace

@@ -25,8 +25,6 @@ protected:
     LogFile file{20};
 };
 
-}  // namespace
-
 TEST_F(LogFileTest, MakesItsDirectoryForTheOwnerOnly) {
     ASSERT_TRUE(file.open(dir / "a/b/x.log"));
     file.write("line\n");
@@ -77,3 +75,5 @@ TEST_F(LogFileTest, WhatCannotBeAFileIsNoFileAndNoFailure) {
         file.write("line\n");
     }
 }
+
+}  // namespace

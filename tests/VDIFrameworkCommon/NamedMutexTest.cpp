@@ -50,8 +50,6 @@ ProcessIdentity::Word own(std::uint64_t changedBits) {
 constexpr std::uint64_t kOtherStartTime = std::uint64_t{1} << 30;
 constexpr std::uint64_t kOtherNamespace = std::uint64_t{1} << 50;
 
-}  // namespace
-
 TEST_P(NamedMutexTest, ExcludesThreadsThatShareOneHandleAndThoseThatDoNot) {
     int counter = 0;
     const int rounds = testsupport::rounds(20000);
@@ -72,12 +70,14 @@ TEST_P(NamedMutexTest, ExcludesThreadsThatShareOneHandleAndThoseThatDoNot) {
     EXPECT_EQ(counter, 4 * rounds);
 }
 
-TEST_P(NamedMutexTest, IsReleasedOnlyThroughTheHandleThatHoldsIt) {
+TEST_P(NamedMutexTest, IsReleasedOnlyThroughTheHandleThatHoldsItAndInItsProcess) {
     NamedMutex other;
     ASSERT_TRUE(other.create("mutex"));
     ASSERT_TRUE(m_mutex.lock());
     EXPECT_FALSE(other.unlock());
     EXPECT_FALSE(other.lockFor(20ms));
+    EXPECT_TRUE(testsupport::holdsInForkedChild(
+        [&] { return !m_mutex.unlock() && !m_mutex.lockFor(10ms); }));
     EXPECT_TRUE(m_mutex.unlock());
     EXPECT_FALSE(m_mutex.unlock());
     EXPECT_TRUE(other.lockFor(20ms));
@@ -118,13 +118,6 @@ TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorOneOfAnotherNames
     EXPECT_EQ(m_object->words().owner & ~ProcessIdentity::kUserBit, foreign);
 }
 
-TEST_P(NamedMutexTest, AForkedChildHoldsNothingOfItsParents) {
-    ASSERT_TRUE(m_mutex.lock());
-    EXPECT_TRUE(testsupport::holdsInForkedChild(
-        [&] { return !m_mutex.unlock() && !m_mutex.lockFor(10ms); }));
-    EXPECT_TRUE(m_mutex.unlock());
-}
-
 TEST_P(NamedMutexTest, AHandleThatWasNeverCreatedFailsAtOnce) {
     NamedMutex mutex;
     EXPECT_FALSE(mutex.lock());
@@ -134,8 +127,6 @@ TEST_P(NamedMutexTest, AHandleThatWasNeverCreatedFailsAtOnce) {
     EXPECT_FALSE(mutex.create(nullptr));
     EXPECT_EQ(log.count("A named mutex needs a name"), 2);
 }
-
-namespace {
 
 class NamedMutexAcrossProcesses : public testsupport::EachBackend {};
 
@@ -162,63 +153,36 @@ std::int64_t heldBack() {
     return waited;
 }
 
-void enterAndLeave(NamedMutex& mutex, Counters& shared) {
-    if (!mutex.lock()) {
-        ++shared.timeouts;
-        return;
-    }
-    // One that was killed inside is still written there.
-    const std::uint64_t before = shared.inside.exchange(ProcessIdentity::own());
-    if (before != 0 && !ProcessIdentity::isGone(before)) ++shared.violations;
-    ++shared.counts[0];
-    std::uint64_t me = ProcessIdentity::own();
-    if (!shared.inside.compare_exchange_strong(me, 0)) ++shared.violations;
-    mutex.unlock();
-}
-
-}  // namespace
-
+// backend, names, rounds: makes each name's mutex and counts under it.
 CHILD_ROLE(mutexCounter) {
     testsupport::useBackend(args[0]);
-    const int rounds = std::stoi(args[1]);
-    NamedMutex mutex;
     SharedBlock<Counters> shared("counters");
-    if (!mutex.create("counted")) return 1;
     say("ready");
     hear();
-    for (int i = 0; i < rounds; ++i) {
-        if (!mutex.lock()) return 2;
-        ++shared->counts[0];
-        if (!mutex.unlock()) return 3;
-    }
-    return 0;
-}
-
-TEST_P(NamedMutexAcrossProcesses, EightProcessesCountExactly) {
-    SharedBlock<Counters> shared("counters");
-    const int rounds = testsupport::rounds(100000);
-    shared->counts[0] = 0;
-    EXPECT_TRUE(testsupport::runTogether(8, "mutexCounter", {GetParam(), std::to_string(rounds)}));
-    EXPECT_EQ(shared->counts[0], 8 * rounds);
-}
-
-CHILD_ROLE(mutexCreator) {
-    SharedBlock<Counters> shared("creations");
-    say("ready");
-    hear();
-    for (int i = 0; i < kNames; ++i) {
+    for (int name = 0; name < std::stoi(args[1]); ++name) {
         NamedMutex mutex;
-        if (!mutex.create(("created" + std::to_string(i)).c_str()) || !mutex.lock()) return 1;
-        ++shared->counts[i];
-        if (!mutex.unlock()) return 2;
+        if (!mutex.create(("counted" + std::to_string(name)).c_str())) return 1;
+        for (int i = std::stoi(args[2]); i > 0; --i) {
+            if (!mutex.lock()) return 2;
+            ++shared->counts[name];
+            if (!mutex.unlock()) return 3;
+        }
     }
     return 0;
 }
 
-TEST(NamedMutexCreationAcrossProcesses, SixteenThatCreateTheSameNamesAtOnceShareEachOfThem) {
-    SharedBlock<Counters> shared("creations");
-    EXPECT_TRUE(testsupport::runTogether(16, "mutexCreator"));
-    for (const long count : shared->counts) EXPECT_EQ(count, 16);
+TEST_P(NamedMutexAcrossProcesses, EightCountExactlyAndSixteenThatCreateANameAtOnceShareIt) {
+    SharedBlock<Counters> shared("counters");
+    const auto expectExactly = [&](int processes, int names, int rounds) {
+        for (long& count : shared->counts) count = 0;
+        EXPECT_TRUE(
+            testsupport::runTogether(processes, "mutexCounter",
+                                     {GetParam(), std::to_string(names), std::to_string(rounds)}));
+        for (int name = 0; name < names; ++name)
+            EXPECT_EQ(shared->counts[name], processes * rounds) << name;
+    };
+    expectExactly(16, kNames, 1);
+    expectExactly(8, 1, testsupport::rounds(100000));
 }
 
 // Locks, and when told a delay (in microseconds) kills itself after it.
@@ -266,7 +230,19 @@ CHILD_ROLE(mutexWorker) {
     SharedBlock<Counters> shared("workers");
     if (!mutex.create("worked")) return 1;
     say("ready");
-    for (;;) enterAndLeave(mutex, *shared);
+    for (;;) {
+        if (!mutex.lock()) {
+            ++shared->timeouts;
+            continue;
+        }
+        // One that was killed inside is still written there.
+        const std::uint64_t before = shared->inside.exchange(ProcessIdentity::own());
+        if (before != 0 && !ProcessIdentity::isGone(before)) ++shared->violations;
+        ++shared->counts[0];
+        std::uint64_t me = ProcessIdentity::own();
+        if (!shared->inside.compare_exchange_strong(me, 0)) ++shared->violations;
+        mutex.unlock();
+    }
 }
 
 TEST_P(NamedMutexAcrossProcesses, MutualExclusionHoldsWhileWorkersAreKilled) {
@@ -324,3 +300,5 @@ TEST_P(NamedMutexAcrossProcesses, ALivingHolderKeepsItsLockForTwoSecondsAndADead
 
 INSTANTIATE_EACH_BACKEND(NamedMutexTest);
 INSTANTIATE_EACH_BACKEND(NamedMutexAcrossProcesses);
+
+}  // namespace

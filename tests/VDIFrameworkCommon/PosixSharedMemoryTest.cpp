@@ -16,7 +16,6 @@ namespace {
 
 class PosixSharedMemoryTest : public testing::Test {
 protected:
-    ~PosixSharedMemoryTest() override { unlink(path.c_str()); }
     int open(int flags = O_RDWR | O_CREAT) const {
         errno = 0;
         return shm_open_mac(name, flags, 0600);
@@ -43,8 +42,6 @@ struct stat statusOf(int fd) {
     fstat(fd, &status);
     return status;
 }
-
-}  // namespace
 
 TEST(SharedMemoryObjectName, IsCutToAReadableStartAndAHashWhenItDoesNotFit) {
     const std::string fitting(255 - 1 - namespacedName("").size(), 'x');
@@ -126,3 +123,5 @@ TEST(SessionNamespaceAcrossProcesses, IsWorkedIntoNamesAndCleanedOfOddCharacters
         EXPECT_EQ(child.readLine(), told);
     }
 }
+
+}  // namespace

@@ -24,18 +24,6 @@ bool comesToBeGone(ProcessIdentity::Word word) {
     return testsupport::eventually([&] { return ProcessIdentity::isGone(word); });
 }
 
-}  // namespace
-
-TEST(ProcessIdentity, AnotherStartTimeIsAnotherProcessAndAnotherNamespaceIsUnknown) {
-    const auto own = ProcessIdentity::own();
-    EXPECT_EQ(ProcessIdentity::pid(own), getpid());
-    EXPECT_EQ(own & ProcessIdentity::kUserBit, 0u);
-    EXPECT_FALSE(ProcessIdentity::isGone(own | ProcessIdentity::kUserBit));
-    const auto earlier = own ^ (ProcessIdentity::Word{1} << 24);
-    EXPECT_TRUE(ProcessIdentity::isGone(earlier));
-    EXPECT_FALSE(ProcessIdentity::isGone(earlier ^ (ProcessIdentity::Word{1} << 63)));
-}
-
 // Told to, it can no longer look at its own start time.
 CHILD_ROLE(identityTeller) {
     if (!args.empty()) {
@@ -50,23 +38,19 @@ CHILD_ROLE(identityTeller) {
 }
 
 TEST(ProcessIdentityAcrossProcesses, AZombieIsGoneAndSoIsOneThatWasReaped) {
-    ChildProcess child("identityTeller");
-    const auto word = identityFrom(child);
-    EXPECT_FALSE(ProcessIdentity::isGone(word));
-    child.kill();
-    EXPECT_TRUE(comesToBeGone(word));
-    EXPECT_FALSE(ProcessIdentity::hasNoProcess(word));
-    child.wait();
-    EXPECT_TRUE(ProcessIdentity::isGone(word));
-    EXPECT_TRUE(ProcessIdentity::hasNoProcess(word));
-}
-
-TEST(ProcessIdentityAcrossProcesses, AProcessThatHadNoDescriptorLeftIsNotTakenForDead) {
-    ChildProcess child("identityTeller", {"without descriptors"});
-    const auto word = identityFrom(child);
-    EXPECT_FALSE(ProcessIdentity::isGone(word));
-    child.kill();
-    EXPECT_TRUE(comesToBeGone(word));
+    for (const std::vector<std::string>& args : {std::vector<std::string>(), {"no descriptors"}}) {
+        ChildProcess child("identityTeller", args);
+        const auto word = identityFrom(child);
+        EXPECT_EQ(ProcessIdentity::pid(word), child.pid());
+        EXPECT_FALSE(ProcessIdentity::isGone(word));
+        EXPECT_FALSE(ProcessIdentity::isGone(word | ProcessIdentity::kUserBit));
+        child.kill();
+        EXPECT_TRUE(comesToBeGone(word));
+        EXPECT_FALSE(ProcessIdentity::hasNoProcess(word));
+        child.wait();
+        EXPECT_TRUE(ProcessIdentity::isGone(word));
+        EXPECT_TRUE(ProcessIdentity::hasNoProcess(word));
+    }
 }
 
 CHILD_ROLE(identityLeaver) {
@@ -93,11 +77,4 @@ TEST(ProcessIdentityAcrossProcesses, AProcessWhoseFirstThreadHasLeftStillLives) 
     EXPECT_TRUE(comesToBeGone(word));
 }
 
-TEST(ProcessIdentityAcrossProcesses, AForkedChildIsAnotherProcess) {
-    const auto parent = ProcessIdentity::own();
-    EXPECT_TRUE(testsupport::holdsInForkedChild([=] {
-        const auto own = ProcessIdentity::own();
-        return own != parent && ProcessIdentity::pid(own) == getpid() &&
-               !ProcessIdentity::isGone(own) && !ProcessIdentity::isGone(parent);
-    }));
-}
+}  // namespace

@@ -18,7 +18,6 @@
 #include "LogCapture.h"
 #include "ProcessLaunch.h"
 #include "ProcessMatcher.h"
-#include "Rounds.h"
 #include "TestApplication.h"
 
 using testsupport::eventually;
@@ -51,8 +50,6 @@ class ProcessUtilsAcrossProcesses : public testing::Test {
 protected:
     TestApplication app{"Companion", kIdentifier};
 };
-
-}  // namespace
 
 TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArgumentsAndInheritsNothing) {
     int leaked[2];
@@ -90,9 +87,8 @@ TEST_F(ProcessUtilsAcrossProcesses, AProgramIsFoundByNamePathBundleAndIdentifier
     for (const auto& name : names) EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
     ASSERT_TRUE(ProcessUtils::createProcess(app.path()));
     for (const auto& name : names) EXPECT_TRUE(ProcessUtils::isProcessRunning(name)) << name;
-    for (const char* name : {"", "/", "companion", "Companion.app", "com.norvo.test"}) {
+    for (const char* name : {"", "/", "companion", "Companion.app", "com.norvo.test"})
         EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
-    }
     kill(app.processes().at(0), SIGKILL);
     EXPECT_TRUE(eventually([] { return !ProcessUtils::isProcessRunning(kIdentifier); }));
 }
@@ -122,22 +118,6 @@ TEST_F(ProcessUtilsAcrossProcesses, WhatCannotBeStartedIsReportedOnce) {
         expected.push_back("could not start " + path);
     }
     EXPECT_EQ(log.lines(), expected);
-}
-
-CHILD_ROLE(bundleStarter) {
-    VDIFrameworkCommon::redirectApplications(args[0]);
-    testsupport::say("ready");
-    testsupport::hear();
-    return ProcessUtils::createProcessAtURL("/Applications/Companion.app", {}) ? 0 : 1;
-}
-
-TEST_F(ProcessUtilsAcrossProcesses, SeveralProcessesAtOnceStartABundleOnce) {
-    for (int round = 0; round < testsupport::rounds(5); ++round) {
-        EXPECT_TRUE(testsupport::runTogether(4, "bundleStarter", {app.folder()}));
-        EXPECT_EQ(app.processes().size(), 1U);
-        ProcessUtils::terminateProcess(kIdentifier);
-        EXPECT_TRUE(app.processes().empty());
-    }
 }
 
 TEST_F(ProcessUtilsAcrossProcesses, AScriptIsFoundAsTheProgramOfItsBundle) {
@@ -207,3 +187,5 @@ TEST_F(ProcessUtilsAcrossProcesses, TheCallerIsNeverTerminated) {
     EXPECT_TRUE(eventually([&] { return fs::exists(mark); }));
     EXPECT_TRUE(eventually([&] { return !ProcessUtils::isProcessRunning(copy); }));
 }
+
+}  // namespace

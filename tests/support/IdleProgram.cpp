@@ -5,9 +5,8 @@
 #include <string_view>
 
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; ++i)
         if (std::string_view(argv[i]) == "stubborn") std::signal(SIGTERM, SIG_IGN);
-    }
     sleep(120);
     return 0;
 }

@@ -68,9 +68,8 @@ std::vector<std::string> argumentsOf(pid_t pid) {
 }
 
 std::string statusOf(pid_t pid, const std::string& field) {
-    for (const auto& line : linesOf("/proc/" + std::to_string(pid) + "/status")) {
+    for (const auto& line : linesOf("/proc/" + std::to_string(pid) + "/status"))
         if (line.starts_with(field + ":\t")) return line.substr(field.size() + 2);
-    }
     return {};
 }
 
