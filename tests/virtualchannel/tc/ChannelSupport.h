@@ -31,6 +31,7 @@ struct Kind {
     bool lowPriority;      // knows a low priority
     unsigned int runners;  // counted by the constructor
     std::unique_ptr<TransportChannel> (*make)(WorkerThread::Pause pause);
+    TransportChannel& (*instance)();  // the one of this process
 };
 inline void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 
@@ -38,14 +39,22 @@ template <class Channel>
 std::unique_ptr<TransportChannel> makeChannel(WorkerThread::Pause pause) {
     return std::make_unique<Channel>(std::move(pause));
 }
+template <class Channel>
+TransportChannel& theChannel() {
+    return *Channel::GetInstance();
+}
 
 namespace kinds {
 using namespace NorvoVirtualChannel::tc;
 inline const Kind all[] = {
-    {"Citrix", 1, 4992, 3, false, true, 1, makeChannel<CitrixVirtualChannel>},
-    {"VMWare", 2, 1000, 10, true, true, 1, makeChannel<VMWareVirtualChannel>},
-    {"RDP", 3, 1500, 3, false, true, 0, makeChannel<RDPVirtualChannel>},
-    {"TCPSocket", 4, 1500, 0, true, false, 1, makeChannel<TCPSocketVirtualChannel>}};
+    {"Citrix", 1, 4992, 3, false, true, 1, makeChannel<CitrixVirtualChannel>,
+     theChannel<CitrixVirtualChannel>},
+    {"VMWare", 2, 1000, 10, true, true, 1, makeChannel<VMWareVirtualChannel>,
+     theChannel<VMWareVirtualChannel>},
+    {"RDP", 3, 1500, 3, false, true, 0, makeChannel<RDPVirtualChannel>,
+     theChannel<RDPVirtualChannel>},
+    {"TCPSocket", 4, 1500, 0, true, false, 1, makeChannel<TCPSocketVirtualChannel>,
+     theChannel<TCPSocketVirtualChannel>}};
 }  // namespace kinds
 
 // How many runners this process is counted with.

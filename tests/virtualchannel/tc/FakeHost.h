@@ -1,14 +1,13 @@
 // The two neighbours of a channel: the host below it and the observer above it.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "Eventually.h"
 #include "HostCallbacks.h"
 #include "PacketBytes.h"
 #include "VirtualChannel.h"
@@ -60,9 +59,7 @@ public:
     }
     // Whether `count` packets have come within 20 s.
     bool waitFor(std::size_t count) const {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(20),
-                                  [&] { return m_packets.size() >= count; });
+        return eventually([&] { return packets().size() >= count; });
     }
     bool everyFlagWasOne() const {
         std::lock_guard lock(m_mutex);
@@ -76,12 +73,10 @@ private:
         std::lock_guard lock(self.m_mutex);
         self.m_packets.emplace_back(static_cast<const char*>(data), length);
         self.m_flagsAreOne = self.m_flagsAreOne && flag == 1;
-        self.m_changed.notify_all();
         return 7;
     }
 
     mutable std::mutex m_mutex;
-    mutable std::condition_variable m_changed;
     std::vector<std::string> m_packets;
     bool m_flagsAreOne = true;
 };

@@ -21,18 +21,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-TransportChannel& channelOf(std::uint32_t kind) {
-    switch (kind) {
-        case NORVO_CHANNEL_CITRIX:
-            return *CitrixVirtualChannel::GetInstance();
-        case NORVO_CHANNEL_VMWARE:
-            return *VMWareVirtualChannel::GetInstance();
-        case NORVO_CHANNEL_RDP:
-            return *RDPVirtualChannel::GetInstance();
-        default:
-            return *TCPSocketVirtualChannel::GetInstance();
-    }
-}
+TransportChannel& channelOf(std::uint32_t kind) { return kinds::all[kind - 1].instance(); }
 
 void sendFrom(std::uint32_t kind, int messages) {
     for (int i = 0; i < messages; ++i) channelOf(kind).SendData("message", 7, i % 2 == 0);
@@ -45,12 +34,23 @@ std::uint32_t receiveOne(std::string packet = somePacket()) {
                        static_cast<std::uint32_t>(packet.size()));
 }
 
-void begin(AppendBufferFunc append, std::uint32_t kind) {
-    InitialiseChannel(append, kind, nullptr);
-    ChannelActive(1);
+using OnPacket = void (*)();
+
+int append(const void*, std::uint32_t, std::uintptr_t, void* onPacket) {
+    reinterpret_cast<OnPacket>(onPacket)();
+    return 0;
 }
 
-int ignore(const void*, std::uint32_t, std::uintptr_t, void*) { return 0; }
+void doNothing() {}
+
+void initialise(std::uint32_t kind, OnPacket onPacket = doNothing) {
+    InitialiseChannel(onPacket ? append : nullptr, kind, reinterpret_cast<void*>(onPacket));
+}
+
+void begin(std::uint32_t kind, OnPacket onPacket = doNothing) {
+    initialise(kind, onPacket);
+    ChannelActive(1);
+}
 
 void callEverythingBut(void (*skipped)()) {
     const std::string packet = somePacket();
@@ -80,30 +80,26 @@ void callEverythingBut(void (*skipped)()) {
 void beforeInitialisation(std::uint32_t kind) {
     EXPECT_EQ(receiveOne(), 0xFFFFFFFF);
     callEverythingBut(nullptr);
-    InitialiseChannel(ignore, kind, nullptr);
+    initialise(kind);
     EXPECT_EQ(receiveOne(), 0U);
     Shutdown();
 }
 
 void unknownKinds(std::uint32_t kind) {
     for (const std::uint32_t unknown : {0U, 5U, 7U, 0xFFFFFFFFU}) {
-        InitialiseChannel(ignore, unknown, nullptr);
+        initialise(unknown);
         EXPECT_EQ(receiveOne(), unknown - 1);
         callEverythingBut(nullptr);
     }
-    InitialiseChannel(ignore, kind, nullptr);
-    InitialiseChannel(ignore, 9, nullptr);
+    initialise(kind);
+    initialise(9);
     callEverythingBut(nullptr);
 }
 
-void nullCallbacks(std::uint32_t kind) {
-    begin(nullptr, kind);
+void nullCallbacksAndShutdownTwice(std::uint32_t kind) {
+    begin(kind, nullptr);
     sendFrom(kind, 100);
-    callEverythingBut(nullptr);
-}
-
-void shutdownTwice(std::uint32_t kind) {
-    begin(ignore, kind);
+    begin(kind);
     sendFrom(kind, 20);
     Shutdown();
     Shutdown();
@@ -115,12 +111,12 @@ void shutdownTwice(std::uint32_t kind) {
 void initialiseAgain(std::uint32_t kind) {
     for (int round = 0; round < 3; ++round) {
         for (const std::uint32_t next : {kind, kind, kind % 4 + 1}) {
-            begin(ignore, next);
+            begin(next);
             sendFrom(next, 20);
             receiveOne();
         }
         Shutdown();
-        InitialiseChannel(ignore, kind, nullptr);
+        initialise(kind);
         callEverythingBut(&Shutdown);
         Shutdown();
     }
@@ -134,7 +130,7 @@ void getInstanceAtOnce(std::uint32_t kind) {
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&] {
             start.arrive_and_wait();
-            InitialiseChannel(ignore, kind, nullptr);
+            initialise(kind);
             TransportChannel* expected = nullptr;
             TransportChannel* const mine = &channelOf(kind);
             seen.compare_exchange_strong(expected, mine);
@@ -148,12 +144,10 @@ void getInstanceAtOnce(std::uint32_t kind) {
 std::atomic<int> g_calls{0};
 
 void slowCallback(std::uint32_t kind) {
-    const auto slow = [](const void*, std::uint32_t, std::uintptr_t, void*) {
+    begin(kind, [] {
         ++g_calls;
         std::this_thread::sleep_for(100ms);
-        return 0;
-    };
-    begin(slow, kind);
+    });
     const auto start = std::chrono::steady_clock::now();
     sendFrom(kind, 1000);
     receiveOne();
@@ -164,15 +158,13 @@ void slowCallback(std::uint32_t kind) {
 }
 
 void callbackCallsBack(std::uint32_t kind) {
-    const auto backIn = [](const void*, std::uint32_t, std::uintptr_t, void*) {
+    begin(kind, [] {
         ++g_calls;
         receiveOne();
         IsSeamlessMode_();
         LogMessage_VDI(1, "inside");
         ChannelActive(1);
-        return 0;
-    };
-    begin(backIn, kind);
+    });
     for (int i = 0; i < 200; ++i) {
         sendFrom(kind, 1);
         receiveOne();
@@ -185,17 +177,16 @@ std::mutex g_hostLock;
 
 // The host holds its lock in every call into the library, and needs it to take a packet.
 void callbackTakesTheHostsLock(std::uint32_t kind) {
-    const auto locking = [](const void*, std::uint32_t, std::uintptr_t, void*) {
+    const auto locking = [] {
         ++g_calls;
         const std::lock_guard lock(g_hostLock);
         --g_calls;
-        return 0;
     };
     const auto locked = [](const auto& call) {
         const std::lock_guard lock(g_hostLock);
         call();
     };
-    locked([&] { InitialiseChannel(locking, kind, nullptr); });
+    locked([&] { initialise(kind, locking); });
     for (int i = 0; i < 20; ++i) {
         locked([] { ChannelActive(1); });
         locked([&] { sendFrom(kind, 10); });
@@ -211,12 +202,10 @@ void callbackTakesTheHostsLock(std::uint32_t kind) {
 }
 
 void shutdownInsideTheAppendCallback(std::uint32_t kind) {
-    const auto ending = [](const void*, std::uint32_t, std::uintptr_t, void*) {
+    begin(kind, [] {
         Shutdown();
         ++g_calls;
-        return 0;
-    };
-    begin(ending, kind);
+    });
     sendFrom(kind, 3);
     while (g_calls == 0) std::this_thread::yield();
     Shutdown();
@@ -224,10 +213,10 @@ void shutdownInsideTheAppendCallback(std::uint32_t kind) {
 
 void shutdownInsideAQuestion(std::uint32_t kind) {
     LogCapture log;
-    InitialiseChannel(ignore, kind, nullptr);
+    initialise(kind);
     SetIsSeamlessModeFunc([] {
         Shutdown();
-        InitialiseChannel(ignore, 3, nullptr);
+        initialise(3);
         return 0;
     });
     EXPECT_TRUE(channelOf(kind).IsSeamlessMode());
@@ -238,8 +227,7 @@ void shutdownInsideAQuestion(std::uint32_t kind) {
 const std::map<std::string, std::function<void(std::uint32_t kind)>> kCases{
     {"beforeInitialisation", beforeInitialisation},
     {"unknownKinds", unknownKinds},
-    {"nullCallbacks", nullCallbacks},
-    {"shutdownTwice", shutdownTwice},
+    {"nullCallbacksAndShutdownTwice", nullCallbacksAndShutdownTwice},
     {"initialiseAgain", initialiseAgain},
     {"getInstanceAtOnce", getInstanceAtOnce},
     {"slowCallback", slowCallback},

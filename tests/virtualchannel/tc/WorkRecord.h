@@ -1,6 +1,7 @@
 // Work items that note when they run, and the things tests wait for.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -9,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "Eventually.h"
 #include "WorkerThread.h"
 
 namespace testsupport {
@@ -38,23 +40,16 @@ private:
     std::vector<std::string> m_entries;
 };
 
-// A door that threads wait at until it is opened.
+// A door that threads wait at until it is opened, for at most 20 s.
 class Door {
 public:
-    void open() {
-        std::lock_guard lock(m_mutex);
-        m_open = true;
-        m_changed.notify_all();
-    }
-    bool pass() {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(20), [&] { return m_open; });
+    void open() { m_open = true; }
+    bool pass() const {
+        return eventually([&] { return m_open.load(); });
     }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_open = false;
+    std::atomic<bool> m_open{false};
 };
 
 class FunctionWork : public NorvoVirtualChannel::tc::WorkObject {

@@ -93,17 +93,6 @@ TEST(WorkerThreadTest, TakesEveryFourthItemFromTheLowPriorityQueue) {
     EXPECT_EQ(journal.entries(), (Entries{"h1", "h2", "h3", "l1", "h4", "l2", "l3"}));
 }
 
-TEST(WorkerThreadTest, RunsABatchInOrderAndUnbroken) {
-    Journal journal;
-    std::vector<WorkItem> batch;
-    for (const char* name : {"a", "b", "c"}) batch.push_back(note(journal, name));
-    WorkerThread worker;
-    worker.Start();
-    worker.AddWork(batch, true);
-    ASSERT_TRUE(journal.waitFor(3));
-    EXPECT_EQ(journal.entries(), (Entries{"a", "b", "c"}));
-}
-
 TEST(WorkerThreadTest, StopRunsWhatIsQueuedEvenWhenTheThreadHasNotBegun) {
     for (int round = 0; round < testsupport::rounds(500); ++round) {
         Journal journal;
@@ -115,23 +104,6 @@ TEST(WorkerThreadTest, StopRunsWhatIsQueuedEvenWhenTheThreadHasNotBegun) {
         worker.AddWork(note(journal, "late"), false);
         ASSERT_EQ(journal.entries().size(), 1U);
     }
-}
-
-TEST(WorkerThreadTest, ResetDropsUnsentItemsAndTheWorkerGoesOn) {
-    Journal journal;
-    Door busy;
-    auto alive = std::make_shared<int>();
-    WorkerThread worker;
-    worker.Start();
-    worker.AddWork(work([&] { busy.pass(); }), false);
-    worker.AddWork(work([&journal, alive] { journal.add("dropped"); }), false);
-    worker.AddWork(work([&journal, alive] { journal.add("dropped"); }), true);
-    worker.ResetQueue();
-    EXPECT_EQ(alive.use_count(), 1);
-    busy.open();
-    worker.AddWork(note(journal, "kept"), true);
-    ASSERT_TRUE(journal.waitFor(1));
-    EXPECT_EQ(journal.entries(), Entries{"kept"});
 }
 
 TEST(WorkerThreadTest, ResetWhileRunningLosesNothingElse) {

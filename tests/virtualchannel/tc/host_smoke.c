@@ -128,13 +128,10 @@ static void check_mutexes(void) {
     CHECK(lazy != NULL);
     CHECK(!vc.MutexTryLock(&lazy));
     vc.MutexUnlock(&lazy);
-    CHECK(vc.MutexTryLock(&lazy));
-    vc.MutexUnlock(&lazy);
     vc.MutexDestroy(lazy);
 
     MutexHandle made = vc.MutexCreate();
     CHECK(vc.MutexTryLock(&made));
-    vc.MutexUnlock(&made);
     vc.MutexUnlock(&made);
     vc.MutexLock(NULL);
     vc.MutexUnlock(NULL);
@@ -145,28 +142,14 @@ static void check_mutexes(void) {
 
 static void check_threads(void) {
     vc.PluginThreadDestroy();
-    vc.WatchdogThreadDestroy();
     vc.PluginThreadCreate(NULL);
-    vc.PluginThreadCreate(thread_main);
-    vc.WatchdogThreadCreate(thread_main);
-    vc.PluginThreadDestroy();
-    vc.WatchdogThreadDestroy();
-    CHECK(g_threads == 2);
-    vc.PluginThreadCreate(thread_main);
-    vc.PluginThreadDestroy();
-    CHECK(g_threads == 3);
-}
-
-static void check_before_initialisation(void) {
-    unsigned char byte = 0;
-    CHECK(vc.ReceiveData(&byte, 1) == 0xFFFFFFFFu);
-    vc.ChannelActive(0);
-    vc.Shutdown();
-    CHECK(vc.AppendDataToBuffer(&byte, 1, 1) == 0);
-    CHECK(strcmp(vc.getChannelName(), "NRVOCW") == 0);
-    vc.LogMessage_VDI(0, "dropped");
-    vc.LogMessage_VDI(5, "an error that the host has met");
-    vc.LogMessage_VDI(5, NULL);
+    for (int i = 1; i <= 2; ++i) {
+        vc.PluginThreadCreate(thread_main);
+        vc.WatchdogThreadCreate(thread_main);
+        vc.PluginThreadDestroy();
+        vc.WatchdogThreadDestroy();
+        CHECK(g_threads == 2 * i);
+    }
 }
 
 /* A packet with the whole message "hi": header of six little-endian numbers, then the text. */
@@ -174,43 +157,30 @@ static unsigned char g_packet[26] = {0x5B, 0, 0x5B, 0, 1, 0, 0, 0,  1, 0, 0, 0, 
                                      0,    0, 0,    2, 0, 0, 0, 26, 0, 0, 0, 'h', 'i'};
 
 static void check_channel(uint32_t kind) {
+    CHECK(vc.ReceiveData(g_packet, sizeof g_packet) == 0xFFFFFFFFu);
     vc.InitialiseChannel(append, 7, &g_context);
     CHECK(vc.ReceiveData(g_packet, sizeof g_packet) == 6);
     vc.InitialiseChannel(append, kind, &g_context);
     vc.ChannelActive(1);
-    vc.ChannelActive(2);
     CHECK(vc.ReceiveData(g_packet, sizeof g_packet) == 0);
-    CHECK(vc.ReceiveData(g_packet, 5) == 0);
-    CHECK(vc.ReceiveData(NULL, 0) == 0);
     const unsigned before = __atomic_load_n(&g_appended, __ATOMIC_SEQ_CST);
     CHECK(vc.AppendDataToBuffer(g_packet, sizeof g_packet, 1) == 0);
     CHECK(__atomic_load_n(&g_appended, __ATOMIC_SEQ_CST) > before);
-}
-
-static void check_after_shutdown(uint32_t kind) {
-    vc.Shutdown();
     vc.Shutdown();
     CHECK(vc.ReceiveData(g_packet, sizeof g_packet) ==
           (kind == NORVO_CHANNEL_CITRIX ? 0xFFFFFFFFu : 0u));
-    vc.ChannelActive(0);
-    vc.InitialiseChannel(NULL, kind, NULL);
+    vc.InitialiseChannel(append, kind, &g_context);
     vc.ChannelActive(1);
-    CHECK(vc.AppendDataToBuffer(g_packet, sizeof g_packet, 1) == 0);
-    vc.Shutdown();
 }
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;
-    const uint32_t kind = (uint32_t)strtoul(argv[2], NULL, 10);
     void* const library = load_library(argv[1]);
-    check_before_initialisation();
+    vc.LogMessage_VDI(5, "an error that the host has met");
     check_questions();
     check_mutexes();
     check_threads();
-    check_channel(kind);
-    check_after_shutdown(kind);
-    vc.InitialiseChannel(append, kind, &g_context);
-    vc.ChannelActive(1);
+    check_channel((uint32_t)strtoul(argv[2], NULL, 10));
     /* Its threads run on, and keep their code. */
     CHECK(dlclose(library) == 0);
     CHECK(strcmp(vc.getChannelName(), "NRVOCW") == 0);

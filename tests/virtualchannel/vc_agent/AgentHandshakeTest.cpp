@@ -162,6 +162,7 @@ TEST_F(AgentHandshake, AConnectionIsLostAndFoundInOrder) {
     EXPECT_EQ(m_side.operations(1), Texts{"ChannelDown"});
     EXPECT_EQ(m_log.count("Finishing SendMessageToChannelAboutStreamThread thread/method"), 1);
     EXPECT_EQ(m_log.count("Finishing CheckStreamStatesThread thread/method"), 1);
+    m_channel.deliver(routed("Media", "late"));  // the stream runs on
 
     m_side.forgetNotifications(1);
     const int pausedBefore = m_side.machine->pausedMs;
@@ -169,6 +170,8 @@ TEST_F(AgentHandshake, AConnectionIsLostAndFoundInOrder) {
     EXPECT_EQ(m_side.operations(3), (Texts{"VCProcessId", "EnviromentType", "ChannelUp"}));
     EXPECT_EQ(m_side.sentTexts(1), Texts{"6 Media 1 500"});
     EXPECT_EQ(m_side.machine->pausedMs - pausedBefore, 5);
+    m_channel.deliver(routed("Media", "again"));
+    EXPECT_TRUE(eventually([&] { return m_side.segment("Media")->written().size() == 2; }));
     EXPECT_EQ(m_channel.stateChanges(), (std::vector<bool>{true, false, true}));
     EXPECT_TRUE(m_side.machine->isMarked);
 }

@@ -139,16 +139,6 @@ TEST_F(AgentStream, LocalDataTravelsWithItsStreamAndPriority) {
     }
 }
 
-TEST_F(AgentStream, AStreamKeepsRunningThroughADisconnection) {
-    const auto media = runningStream("Media", false);
-    m_channel.deliver(control(CTL_DISCONNECT));
-    m_channel.deliver(routed("Media", "late"));
-    expectWritten(*media, {"late"});
-    m_side.connect();
-    m_channel.deliver(routed("Media", "again"));
-    expectWritten(*media, {"late", "again"});
-}
-
 TEST_F(AgentStream, AFailedSegmentIsReportedAndTheStreamAnnouncedAllTheSame) {
     m_side.machine->segmentsFail = true;
     m_side.request("CreateStream|Media|500");

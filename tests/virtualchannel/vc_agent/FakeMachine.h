@@ -2,6 +2,7 @@
 // in memory, and the test plays the local processes at their other ends.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -20,7 +21,7 @@
 namespace testsupport {
 
 // A segment as the agent set it up, seen from its other end.
-class FakeSegment : public SharedMemoryI {
+class FakeSegment : public SharedMemoryI, public std::enable_shared_from_this<FakeSegment> {
 public:
     enum class Reader { Takes, Refuses, IsStuck };
     using Kind = VirtualChannelAgent::AgentEnvironment::SegmentKind;
@@ -149,6 +150,12 @@ public:
         std::lock_guard lock(m_mutex);
         return m_byName.size();
     }
+    int openSegments() const {
+        std::lock_guard lock(m_mutex);
+        return static_cast<int>(
+            std::count_if(m_byName.begin(), m_byName.end(),
+                          [](const auto& segment) { return segment.second->isOpen(); }));
+    }
 
     // Lets `ms` pass, at the end of which the waiting thread goes on, and waits until it is back
     // for its next wait. (Setting `clock` alone is somebody setting the wall clock.)
@@ -176,11 +183,8 @@ public:
         return set;
     }
     std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) override {
-        auto made = std::make_shared<FakeSegment>(
+        return std::make_shared<FakeSegment>(
             kind, [this](FakeSegment& self) { return registerSegment(self); });
-        std::lock_guard lock(m_mutex);
-        m_made.push_back(made);
-        return made;
     }
     bool hasOtherActiveAgent() override { return otherAgentIsActive; }
     bool markActive() override {
@@ -196,14 +200,11 @@ private:
         if (onSegmentSetUp) onSegmentSetUp(name);
         if (segmentsFail) return false;
         std::lock_guard lock(m_mutex);
-        for (const auto& made : m_made) {
-            if (made.get() == &segment) m_byName[name] = made;
-        }
+        m_byName[name] = segment.shared_from_this();
         return true;
     }
 
     mutable std::mutex m_mutex;
-    std::vector<std::shared_ptr<FakeSegment>> m_made;
     std::map<std::string, std::shared_ptr<FakeSegment>> m_byName;
     std::atomic<std::uint64_t> m_elapsed{0};
     std::atomic<bool> m_waiting{false};

@@ -1,10 +1,6 @@
 // The plug-in library as a black box: wire packets at one end, a local process at the other.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <deque>
-#include <memory>
-
 #include "ChildProcess.h"
 #include "FakeChannel.h"
 #include "LanguageAbstraction.h"
@@ -18,9 +14,6 @@ using namespace std::chrono_literals;
 using namespace VirtualChannelAgent;
 using NorvoStreamClient::Client;
 using NorvoStreamClient::Direction;
-using NorvoVirtualChannel::Packet;
-using NorvoVirtualChannel::Packetization;
-using testsupport::aboutStream;
 using testsupport::ChildProcess;
 using testsupport::control;
 using testsupport::wireOf;
@@ -29,31 +22,31 @@ using testsupport::WireSocket;
 namespace {
 
 // The far end of the channel, packet by packet.
-class FarEnd : public NorvoVirtualChannel::PacketizationObserver {
+class FarEnd {
 public:
     FarEnd(const std::string& path, unsigned int packetSize)
         : m_packetSize(packetSize),
           m_socket(WireSocket::listenAt(path)),
-          m_packets(this, static_cast<int>(packetSize)) {}
+          m_packets(&m_received, static_cast<int>(packetSize)) {}
 
     void send(const VCMessage& message) {
         for (const auto& packet : packettest::cut(m_packets, wireOf(message))) {
             const auto wire = packet->WireBytes();
-            m_socket.send(wire.data(), static_cast<std::uint32_t>(wire.size()));
+            m_socket.send(wire.data(), wire.size());
         }
     }
     // The next message of that type (and stream); others keep their place.
     VCMessage await(MessageTypeEnum type, const std::string& stream = {}) {
-        const auto wanted = [&](const VCMessage& each) {
-            return each.getMessageType() == type &&
-                   (stream.empty() || (each.hasStreamName() && each.getStreamName() == stream));
-        };
         const auto deadline = std::chrono::steady_clock::now() + 30s;
         while (std::chrono::steady_clock::now() < deadline) {
-            const auto found = std::find_if(m_messages.begin(), m_messages.end(), wanted);
-            if (found != m_messages.end()) {
-                const VCMessage message = *found;
-                m_messages.erase(found);
+            auto& messages = m_received.messages;
+            for (auto each = messages.begin(); each != messages.end(); ++each) {
+                const VCMessage message = testsupport::FakeChannel::Sent{*each}.message();
+                if (message.getMessageType() != type ||
+                    (!stream.empty() && message.getStreamName() != stream)) {
+                    continue;
+                }
+                messages.erase(each);
                 return message;
             }
             takePacket();
@@ -61,26 +54,19 @@ public:
         ADD_FAILURE() << "no message of type " << int{type} << ' ' << stream;
         return {};
     }
-    void OnFullPacketReceived(const void* data, unsigned int size) override {
-        VCMessage message;
-        EXPECT_TRUE(message.parseFromArray(data, size));
-        m_messages.push_back(message);
-    }
 
 private:
     void takePacket() {
         std::string bytes;
         if (!m_socket.receive(bytes, 100ms)) return;
         EXPECT_LE(bytes.size(), m_packetSize);
-        const Packet packet(bytes.data(), static_cast<unsigned int>(bytes.size()));
-        ASSERT_TRUE(packet.isPacketValid());
-        m_packets.EnqueuePacket(&packet);
+        packettest::receive(m_packets, bytes);
     }
 
     const unsigned int m_packetSize;
     WireSocket m_socket;
-    Packetization m_packets;
-    std::deque<VCMessage> m_messages;
+    packettest::Receiver m_received;
+    NorvoVirtualChannel::Packetization m_packets;
 };
 
 std::string dataOf(const VCMessage& message) {
@@ -116,8 +102,8 @@ protected:
     // Answers the agent's wish for the other end of a stream.
     void confirm(const std::string& stream) {
         const auto wish = m_farEnd.await(CTL_S_CREATE, stream);
-        m_farEnd.send(
-            aboutStream(CTL_S_CREATED, stream, 1 - wish.getStreamType(), wish.getStreamSize()));
+        m_farEnd.send(testsupport::aboutStream(CTL_S_CREATED, stream, 1 - wish.getStreamType(),
+                                               wish.getStreamSize()));
     }
 
     testsupport::TempDir m_dir;
