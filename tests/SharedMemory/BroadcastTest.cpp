@@ -14,9 +14,7 @@
 namespace {
 
 using namespace segmenttest;
-using testsupport::ChildProcess;
-using testsupport::LogCapture;
-using testsupport::rounds;
+using namespace testsupport;
 
 using ClockedBroadcast = Clocked<SharedMemoryBroadcast>;
 
@@ -270,7 +268,7 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
         while (!stop && write(writer, numberedMessage({1, sent}, sent % 50))) ++sent;
         return stop.load();
     });
-    comeAndGo(name, testsupport::kSanitized ? 1 : 3, [&] { return sent >= count || HasFailure(); });
+    comeAndGo(name, kSanitized ? 1 : 3, [&] { return sent >= count || HasFailure(); });
     stop = true;
     EXPECT_TRUE(sender.get()) << "failed after " << sent;
     EXPECT_TRUE(eventually([&] { return checker.count() == sent; }));

@@ -8,8 +8,7 @@
 namespace {
 
 using namespace segmenttest;
-using testsupport::ChildProcess;
-using testsupport::LogCapture;
+using namespace testsupport;
 
 // A check every 500 ms, and room for a loaded machine.
 constexpr milliseconds kSoon{2500};

@@ -10,8 +10,7 @@
 namespace {
 
 using namespace segmenttest;
-using testsupport::ChildProcess;
-using testsupport::rounds;
+using namespace testsupport;
 
 using ClockedSegment = Clocked<MultipleWritersOneReaderSM>;
 

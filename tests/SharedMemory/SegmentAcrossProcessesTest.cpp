@@ -14,8 +14,7 @@
 namespace {
 
 using namespace segmenttest;
-using testsupport::ChildProcess;
-using testsupport::rounds;
+using namespace testsupport;
 
 // What goes out to another process comes back.
 class Echo {
@@ -166,9 +165,9 @@ Idle usedBy(const ChildProcess& child) {
     for (const auto& task : std::filesystem::directory_iterator("/proc/" + own + "/task")) {
         if (task.path().filename() == own) continue;
         double nanoseconds = 0;
-        std::istringstream(testsupport::contentOf(task.path() / "schedstat")) >> nanoseconds;
+        std::istringstream(contentOf(task.path() / "schedstat")) >> nanoseconds;
         sum.processorShare += nanoseconds;
-        const auto status = testsupport::contentOf(task.path() / "status");
+        const auto status = contentOf(task.path() / "status");
         const auto wakes = status.find("\nvoluntary_ctxt_switches:");
         if (wakes != std::string::npos) sum.wakes += std::stod(status.substr(wakes + 25));
     }
@@ -187,7 +186,7 @@ TEST(SegmentAcrossProcesses, AnIdleReaderHardlyWakes) {
     if (!std::filesystem::exists("/proc/self/task")) GTEST_SKIP() << "no /proc";
     // Beside the read thread, the controller's checker wakes twice a second.
     // A sanitizer's own thread wakes, too.
-    const double others = testsupport::kSanitized ? 20 : 2.5;
+    const double others = kSanitized ? 20 : 2.5;
     const std::pair<const char*, double> types[] = {{"0", 10 + others}, {"1", 50 + others}};
     for (const auto& [type, wakes] : types) {
         ChildProcess reader("segmentIdleReader", {type, uniqueName()});
@@ -195,7 +194,7 @@ TEST(SegmentAcrossProcesses, AnIdleReaderHardlyWakes) {
         const Idle idle = idleOf(reader);
         EXPECT_LE(idle.wakes, wakes) << type;
         EXPECT_GE(idle.wakes, 1) << type;
-        EXPECT_LT(idle.processorShare, testsupport::kSanitized ? 0.05 : 0.005) << type;
+        EXPECT_LT(idle.processorShare, kSanitized ? 0.05 : 0.005) << type;
     }
 }
 

@@ -10,8 +10,7 @@
 namespace {
 
 using namespace segmenttest;
-using testsupport::hear;
-using testsupport::say;
+using namespace testsupport;
 
 unsigned int number(const std::string& text) { return static_cast<unsigned int>(std::stoul(text)); }
 

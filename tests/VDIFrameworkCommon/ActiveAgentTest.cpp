@@ -14,11 +14,8 @@
 #include "Rounds.h"
 #include "SharedBlock.h"
 
-using testsupport::ChildProcess;
-using testsupport::hear;
-using testsupport::say;
-using VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder;
-using VDIFrameworkCommon::AgentMark;
+using namespace testsupport;
+using namespace VDIFrameworkCommon;
 
 namespace {
 
@@ -95,7 +92,7 @@ struct Contest {
 };
 
 CHILD_ROLE(agentContender) {
-    testsupport::SharedBlock<Contest> contest("contest");
+    SharedBlock<Contest> contest("contest");
     ActiveVirtualChannelAgentRecorder recorder;
     say("ready");
     hear();
@@ -110,8 +107,8 @@ CHILD_ROLE(agentContender) {
 }
 
 TEST_F(ActiveAgentAcrossProcesses, RemovingTheFileOnClearingNeverLetsTwoBeMarked) {
-    testsupport::SharedBlock<Contest> contest("contest");
-    EXPECT_TRUE(testsupport::runTogether(3, "agentContender"));
+    SharedBlock<Contest> contest("contest");
+    EXPECT_TRUE(runTogether(3, "agentContender"));
     EXPECT_GT(contest->claims, 0);
     EXPECT_EQ(contest->conflicts, 0);
     EXPECT_FALSE(recordExists());
@@ -125,7 +122,7 @@ TEST_F(ActiveAgentAcrossProcesses, TheMarkIsTheProcesssAndSurvivesUnrelatedDescr
         EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
         EXPECT_EQ(AgentMark::ofThisProcess().holderOf(geteuid()), getpid());
     }
-    EXPECT_TRUE(testsupport::holdsInForkedChild([] {
+    EXPECT_TRUE(holdsInForkedChild([] {
         ActiveVirtualChannelAgentRecorder recorder;
         const bool right = recorder.hasOtherActiveVirtualChannelAgent() &&
                            !recorder.markCurrentVirtualChannelAgentAsActive();
@@ -167,7 +164,7 @@ TEST_F(ActiveAgentAcrossProcesses, WhatIsPlantedUnderItsNameIsNotAMarkAndGivesWa
     std::ofstream(other) << "precious";
     ASSERT_EQ(link(other.c_str(), m_path.c_str()), 0);
     expectClaim();
-    EXPECT_EQ(testsupport::contentOf(other), "precious");
+    EXPECT_EQ(contentOf(other), "precious");
     unlink(other.c_str());
 }
 

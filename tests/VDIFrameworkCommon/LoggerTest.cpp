@@ -22,10 +22,7 @@ NORVO_LOG_SOURCE("tests/LoggerTest")
 
 using namespace KLT::kltlogger;
 using namespace std::chrono_literals;
-using testsupport::ChildProcess;
-using testsupport::linesOf;
-using testsupport::LogCapture;
-using testsupport::TempDir;
+using namespace testsupport;
 using Texts = std::vector<std::string>;
 
 namespace {
@@ -115,7 +112,7 @@ TEST_F(LogAppenderTest, ABufferedRecordIsWrittenWithinASecondOrSo) {
     for (const std::size_t expected : {1U, 2U}) {
         const auto start = std::chrono::steady_clock::now();
         appender.append(recordOf(Info, "quiet"));
-        EXPECT_TRUE(testsupport::eventually([&] { return written().size() == expected; }));
+        EXPECT_TRUE(eventually([&] { return written().size() == expected; }));
         EXPECT_GT(std::chrono::steady_clock::now() - start, 900ms);
     }
 }
@@ -249,7 +246,7 @@ TEST(LoggerAcrossProcesses, TheEndOfAProcessAndItsForkedChildWritesOnceWhatIsBuf
 CHILD_ROLE(thresholdReader) {
     VirtualChannelLogger_setAppenderType(LogAppenderType::Stderr);
     VirtualChannelLogger_init("");
-    testsupport::say(std::to_string(g_activeThreshold.load()));
+    say(std::to_string(g_activeThreshold.load()));
     return 0;
 }
 

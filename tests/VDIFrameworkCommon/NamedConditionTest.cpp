@@ -17,13 +17,8 @@
 #include "SharedBlock.h"
 
 using namespace std::chrono_literals;
-using testsupport::ChildProcess;
-using testsupport::hear;
-using testsupport::say;
-using testsupport::SharedBlock;
-using VDIFrameworkCommon::AdaptiveSpin;
-using VDIFrameworkCommon::NamedCondition;
-using VDIFrameworkCommon::NamedMutex;
+using namespace testsupport;
+using namespace VDIFrameworkCommon;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -38,7 +33,7 @@ bool waits(NamedCondition& condition, NamedMutex& mutex, unsigned milliseconds) 
     return mutex.unlock() && locked && notified;
 }
 
-class NamedConditionTest : public testsupport::EachBackend {
+class NamedConditionTest : public EachBackend {
 protected:
     void SetUp() override {
         ASSERT_TRUE(m_mutex.create("condition mutex"));
@@ -94,7 +89,7 @@ TEST_P(NamedConditionTest, EveryWaitingThreadWakesAlsoOfTheNotifyingHandle) {
         });
     }
     // A thread that has counted itself gives the mutex back only inside its wait.
-    EXPECT_TRUE(testsupport::eventually([&] {
+    EXPECT_TRUE(eventually([&] {
         EXPECT_TRUE(m_mutex.lock());
         const bool allWait = woken == 4;
         EXPECT_TRUE(m_mutex.unlock());
@@ -128,7 +123,7 @@ TEST_P(NamedConditionTest, AWaitForNobodyLastsItsTimeAndDoesNotBurnTheProcessor)
     const double before = processorMilliseconds();
     const auto start = Clock::now();
     EXPECT_FALSE(waits(m_first, 300));
-    EXPECT_GE(testsupport::since(start), 300ms);
+    EXPECT_GE(since(start), 300ms);
     EXPECT_LT(processorMilliseconds() - before, 60);
 }
 
@@ -140,7 +135,7 @@ TEST_P(NamedConditionTest, AHandleThatWasNeverCreatedFailsAtOnce) {
 }
 
 TEST(NamedConditionLimit, AMutexThatIsNotFreeAgainIsReported) {
-    testsupport::LogCapture log;
+    LogCapture log;
     NamedMutex mutex;
     NamedCondition condition;
     ASSERT_TRUE(mutex.create("stolen") && condition.create("stolen") && mutex.lock());
@@ -150,7 +145,7 @@ TEST(NamedConditionLimit, AMutexThatIsNotFreeAgainIsReported) {
         EXPECT_TRUE(other.create("stolen") && notifier.create("stolen") && other.lockFor(20s));
         notifier.notify();
         // Held until the waiter has given up.
-        EXPECT_TRUE(testsupport::eventually([&] { return log.contains("Mutex not free again"); }));
+        EXPECT_TRUE(eventually([&] { return log.contains("Mutex not free again"); }));
         EXPECT_TRUE(other.unlock());
     });
     EXPECT_FALSE(condition.timed_wait(mutex, kLong));
@@ -158,7 +153,7 @@ TEST(NamedConditionLimit, AMutexThatIsNotFreeAgainIsReported) {
     thief.join();
 }
 
-class NamedConditionAcrossProcesses : public testsupport::EachBackend {};
+class NamedConditionAcrossProcesses : public EachBackend {};
 
 // A waiter that no wake-up reaches finds out by itself, but only after a quarter of a second.
 constexpr auto kAWakeUp = 150ms;
@@ -184,7 +179,7 @@ bool newHandleCounts(const char* name) {
 }
 
 CHILD_ROLE(conditionReturner) {
-    testsupport::useBackend(args[0]);
+    useBackend(args[0]);
     AdaptiveSpin::setEnabled(args[1] == "spin");
     Table table(args[1]);
     SharedBlock<std::atomic<bool>> over("over");
@@ -233,7 +228,7 @@ TEST_P(NamedConditionAcrossProcesses, PingPongNeverReachesTheLimitOfAWait) {
 }
 
 CHILD_ROLE(conditionWaiter) {
-    testsupport::useBackend(args[0]);
+    useBackend(args[0]);
     Table table("crowd_" + args[0]);
     if (!table.ready) return 1;
     for (;;) {

@@ -18,19 +18,13 @@
 #include "SharedBlock.h"
 
 using namespace std::chrono_literals;
-using testsupport::ChildProcess;
-using testsupport::hear;
-using testsupport::LogCapture;
-using testsupport::say;
-using testsupport::SharedBlock;
-using VDIFrameworkCommon::NamedMutex;
-using VDIFrameworkCommon::NamedObject;
-using VDIFrameworkCommon::ProcessIdentity;
+using namespace testsupport;
+using namespace VDIFrameworkCommon;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-class NamedMutexTest : public testsupport::EachBackend {
+class NamedMutexTest : public EachBackend {
 protected:
     void SetUp() override {
         ASSERT_TRUE(m_mutex.create("mutex"));
@@ -76,8 +70,7 @@ TEST_P(NamedMutexTest, IsReleasedOnlyThroughTheHandleThatHoldsItAndInItsProcess)
     ASSERT_TRUE(m_mutex.lock());
     EXPECT_FALSE(other.unlock());
     EXPECT_FALSE(other.lockFor(20ms));
-    EXPECT_TRUE(testsupport::holdsInForkedChild(
-        [&] { return !m_mutex.unlock() && !m_mutex.lockFor(10ms); }));
+    EXPECT_TRUE(holdsInForkedChild([&] { return !m_mutex.unlock() && !m_mutex.lockFor(10ms); }));
     EXPECT_TRUE(m_mutex.unlock());
     EXPECT_FALSE(m_mutex.unlock());
     EXPECT_TRUE(other.lockFor(20ms));
@@ -93,12 +86,12 @@ TEST_P(NamedMutexTest, AWaiterGetsTheLockWhenItIsReleasedNotWhenItsTimeIsOver) {
         EXPECT_TRUE(mutex.unlock());
     });
     // The waiter leaves its mark on the word when it is about to sleep.
-    EXPECT_TRUE(testsupport::eventually(
-        [&] { return (m_object->words().owner & ProcessIdentity::kUserBit) != 0; }));
+    EXPECT_TRUE(
+        eventually([&] { return (m_object->words().owner & ProcessIdentity::kUserBit) != 0; }));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(m_mutex.unlock());
     waiter.join();
-    EXPECT_LT(testsupport::since(start), 5s);
+    EXPECT_LT(since(start), 5s);
 }
 
 TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorOneOfAnotherNamespaceForDead) {
@@ -128,10 +121,10 @@ TEST_P(NamedMutexTest, AHandleThatWasNeverCreatedFailsAtOnce) {
     EXPECT_EQ(log.count("A named mutex needs a name"), 2);
 }
 
-class NamedMutexAcrossProcesses : public testsupport::EachBackend {};
+class NamedMutexAcrossProcesses : public EachBackend {};
 
 constexpr int kNames = 50;
-constexpr auto kTakeOverLimit = testsupport::kSanitized ? 1000ms : 50ms;
+constexpr auto kTakeOverLimit = kSanitized ? 1000ms : 50ms;
 
 struct Counters {
     // Changed under the lock only.
@@ -155,7 +148,7 @@ std::int64_t heldBack() {
 
 // backend, names, rounds: makes each name's mutex and counts under it.
 CHILD_ROLE(mutexCounter) {
-    testsupport::useBackend(args[0]);
+    useBackend(args[0]);
     SharedBlock<Counters> shared("counters");
     say("ready");
     hear();
@@ -175,9 +168,8 @@ TEST_P(NamedMutexAcrossProcesses, EightCountExactlyAndSixteenThatCreateANameAtOn
     SharedBlock<Counters> shared("counters");
     const auto expectExactly = [&](int processes, int names, int rounds) {
         for (long& count : shared->counts) count = 0;
-        EXPECT_TRUE(
-            testsupport::runTogether(processes, "mutexCounter",
-                                     {GetParam(), std::to_string(names), std::to_string(rounds)}));
+        EXPECT_TRUE(runTogether(processes, "mutexCounter",
+                                {GetParam(), std::to_string(names), std::to_string(rounds)}));
         for (int name = 0; name < names; ++name)
             EXPECT_EQ(shared->counts[name], processes * rounds) << name;
     };
@@ -225,7 +217,7 @@ TEST_P(NamedMutexAcrossProcesses, AKilledHolderDelaysAWaiterForLessThan50Millise
 }
 
 CHILD_ROLE(mutexWorker) {
-    testsupport::useBackend(args[0]);
+    useBackend(args[0]);
     NamedMutex mutex;
     SharedBlock<Counters> shared("workers");
     if (!mutex.create("worked")) return 1;
@@ -278,7 +270,7 @@ TEST_P(NamedMutexAcrossProcesses, ALivingHolderKeepsItsLockForTwoSecondsAndADead
     EXPECT_FALSE(mutex.unlock());
     const auto start = Clock::now();
     EXPECT_FALSE(mutex.lock());
-    const auto waited = testsupport::since(start);
+    const auto waited = since(start);
     EXPECT_GE(waited, 2000ms);
     EXPECT_LT(waited, 4000ms);
     holder.writeLine("release");
@@ -292,7 +284,7 @@ TEST_P(NamedMutexAcrossProcesses, ALivingHolderKeepsItsLockForTwoSecondsAndADead
             victim.wait();
         else
             EXPECT_EQ(victim.readLine(), "") << "its output ends when it has become a zombie";
-        EXPECT_TRUE(testsupport::eventually([&] { return mutex.unlock(); }));
+        EXPECT_TRUE(eventually([&] { return mutex.unlock(); }));
         EXPECT_TRUE(mutex.lockFor(0ms));
         EXPECT_TRUE(mutex.unlock());
     }

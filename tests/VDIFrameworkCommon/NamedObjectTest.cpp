@@ -11,8 +11,7 @@
 #include "PosixSharedMemory.h"
 
 using testsupport::LogCapture;
-using VDIFrameworkCommon::NamedMutex;
-using VDIFrameworkCommon::NamedObject;
+using namespace VDIFrameworkCommon;
 using Kind = VDIFrameworkCommon::NamedObject::Kind;
 
 namespace {

@@ -11,17 +11,17 @@
 #include "ChildProcess.h"
 #include "Eventually.h"
 
-using testsupport::ChildProcess;
+using namespace testsupport;
 using VDIFrameworkCommon::ProcessIdentity;
 
 namespace {
 
 ProcessIdentity::Word identityFrom(ChildProcess& child) { return std::stoull(child.readLine()); }
 
-void tellIdentity() { testsupport::say(std::to_string(ProcessIdentity::own())); }
+void tellIdentity() { say(std::to_string(ProcessIdentity::own())); }
 
 bool comesToBeGone(ProcessIdentity::Word word) {
-    return testsupport::eventually([&] { return ProcessIdentity::isGone(word); });
+    return eventually([&] { return ProcessIdentity::isGone(word); });
 }
 
 // Told to, it can no longer look at its own start time.
@@ -33,7 +33,7 @@ CHILD_ROLE(identityTeller) {
         }
     }
     tellIdentity();
-    testsupport::hear();
+    hear();
     return 0;
 }
 
@@ -56,9 +56,9 @@ TEST(ProcessIdentityAcrossProcesses, AZombieIsGoneAndSoIsOneThatWasReaped) {
 CHILD_ROLE(identityLeaver) {
     tellIdentity();
     std::thread([] {
-        testsupport::hear();
-        testsupport::say("still here");
-        testsupport::hear();
+        hear();
+        say("still here");
+        hear();
         _exit(0);
     }).detach();
     pthread_exit(nullptr);

@@ -20,12 +20,8 @@
 #include "ProcessMatcher.h"
 #include "TestApplication.h"
 
-using testsupport::eventually;
-using testsupport::LogCapture;
-using testsupport::statusOf;
-using testsupport::TestApplication;
-using VDIFrameworkCommon::launchDetached;
-using VDIFrameworkCommon::ProcessUtils;
+using namespace testsupport;
+using namespace VDIFrameworkCommon;
 
 namespace fs = std::filesystem;
 
@@ -67,7 +63,7 @@ TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArgumentsAndInheritsN
     ASSERT_EQ(processes.size(), 1U) << "must be there when the call returns";
     const pid_t program = processes[0];
     EXPECT_TRUE(eventually([&] {
-        return testsupport::argumentsOf(program) == std::vector<std::string>{"launchermode", "1 2"};
+        return argumentsOf(program) == std::vector<std::string>{"launchermode", "1 2"};
     }));
     EXPECT_NE(statusOf(program, "PPid"), std::to_string(getpid()));
     EXPECT_EQ(getsid(program), program);

@@ -14,9 +14,7 @@
 #include "SharedBytes.h"
 #include "SpareBlock.h"
 
-using VDIFrameworkCommon::CellPool;
-using VDIFrameworkCommon::SharedBytes;
-using VDIFrameworkCommon::SpareBlock;
+using namespace VDIFrameworkCommon;
 
 namespace {
 

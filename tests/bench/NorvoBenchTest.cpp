@@ -15,7 +15,7 @@
 
 namespace {
 
-using testsupport::eventually;
+using namespace testsupport;
 
 support::Subprocess bench(const std::vector<std::string>& arguments) {
     std::vector<std::string> argv{NORVO_BENCH};
@@ -41,8 +41,7 @@ int livingPeersOf(pid_t process) {
     const std::string session = "NORVO_VDI_NAMESPACE=nvb" + std::to_string(process);
     for (const auto& entry : std::filesystem::directory_iterator("/proc", gone)) {
         if (entry.path().filename() == std::to_string(process)) continue;
-        count +=
-            testsupport::contentOf(entry.path() / "environ").find(session) != std::string::npos;
+        count += contentOf(entry.path() / "environ").find(session) != std::string::npos;
     }
     return count;
 }
@@ -68,14 +67,14 @@ std::size_t columnsOf(const std::string& row) {
 }
 
 TEST(NorvoBenchAcrossProcesses, WritesFiguresAndVerdicts) {
-    const testsupport::TempDir folder;
+    const TempDir folder;
     auto program =
         bench({"--quick", "--repeat=2", "--filter=^event/", "--csv=" + (folder / "figures.csv")});
     EXPECT_NE(program.readAll().find("verdict"), std::string::npos);
     EXPECT_EQ(program.wait(), 0);
     int measured = 0;
     int goals = 0;
-    const auto rows = testsupport::linesOf(folder / "figures.csv");
+    const auto rows = linesOf(folder / "figures.csv");
     for (const auto& row : rows) {
         EXPECT_EQ(columnsOf(row), columnsOf(rows.front())) << row;
         measured += row.starts_with("measured,event,,mutex + condition,time,ns,");
