@@ -1,5 +1,5 @@
 // That what the documents say is so.
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <map>
@@ -95,11 +95,10 @@ TEST(Documents, ManualCompletionAndHelpNameTheSameCommandsAndOptions) {
 
 TEST(Documents, ReadmeShowsTheExamplesAsTheyAreCompiled) {
     const std::string readme = contentOf(kRoot / "README.md");
-    for (const char* name : {"host.c", "send.cpp", "receive.cpp"}) {
+    for (const std::string name : {"host.c", "send.cpp", "receive.cpp"}) {
+        const std::string language = name.substr(name.find('.') + 1);
         const std::string example = contentOf(kRoot / "examples" / name);
-        const char* language = std::filesystem::path(name).extension() == ".c" ? "c" : "cpp";
-        EXPECT_THAT(readme,
-                    ::testing::HasSubstr(std::string("```") + language + "\n" + example + "```\n"))
+        EXPECT_NE(readme.find("```" + language + "\n" + example + "```\n"), std::string::npos)
             << name;
     }
 }

@@ -170,8 +170,7 @@ TEST_F(KRANRunnerAcrossProcesses, PluginsThatConnectAtOnceStartItOnce) {
     TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
     std::vector<ChildProcess> plugins;
     for (int i = 0; i < 3; ++i) {
-        plugins.emplace_back("runningPlugin",
-                             Arguments{app.folder(), i == 0 ? "leave" : "disconnect"});
+        plugins.emplace_back("runningPlugin", Arguments{app.folder(), "disconnect"});
     }
     for (auto& plugin : plugins) ASSERT_EQ(plugin.readLine(), "ready");
     for (auto& plugin : plugins) plugin.writeLine("");
@@ -189,10 +188,18 @@ TEST_F(KRANRunnerAcrossProcesses, PluginsThatConnectAtOnceStartItOnce) {
     EXPECT_LE(app.processes().size(), 1u);
     EXPECT_TRUE(eventually([&] { return app.processes().size() == 1; }));
 
-    plugins[0].writeLine("");
-    EXPECT_EQ(plugins[0].wait(), 0);
-    EXPECT_EQ(app.processes().size(), 1U) << "it ends on disconnection only";
-    for (const std::size_t i : {1U, 2U}) plugins[i].writeLine("");
+    for (auto& plugin : plugins) plugin.writeLine("");
     for (auto& plugin : plugins) EXPECT_EQ(plugin.wait(), 0);
     EXPECT_TRUE(app.processes().empty());
+}
+
+TEST_F(KRANRunnerAcrossProcesses, AHostMayEndWithoutDisconnecting) {
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    ChildProcess plugin("runningPlugin", {app.folder(), "leave"});
+    ASSERT_EQ(plugin.readLine(), "ready");
+    plugin.writeLine("");
+    EXPECT_EQ(plugin.readLine(), "running");
+    plugin.writeLine("");
+    EXPECT_EQ(plugin.wait(), 0);
+    EXPECT_EQ(app.processes().size(), 1U) << "it ends on disconnection only";
 }

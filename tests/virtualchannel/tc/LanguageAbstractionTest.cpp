@@ -134,7 +134,9 @@ TEST(LanguageAbstractionTest, AMisusedMutexLeavesALogLine) {
     MutexUnlock(&mutex);
     MutexDestroy(mutex);
     MutexLock(nullptr);
-    EXPECT_EQ(log.count("null mutex"), 1);
+    MutexUnlock(nullptr);
+    EXPECT_FALSE(MutexTryLock(nullptr));
+    EXPECT_EQ(log.count("null mutex"), 3);
 }
 
 TEST(LanguageAbstractionTest, AThreadCannotWaitForItself) {

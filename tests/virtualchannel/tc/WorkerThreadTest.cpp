@@ -68,7 +68,8 @@ TEST(WorkerThreadTest, EveryBurstCountsAnew) {
     worker.setBreakTime(3);
     worker.Start();
     for (int i = 1; i <= 15; ++i) {
-        while (log.count(", waiting for condition...") < i) std::this_thread::yield();
+        ASSERT_TRUE(
+            testsupport::eventually([&] { return log.count(", waiting for condition...") >= i; }));
         worker.AddWork(note(journal, "item"), false);
         ASSERT_TRUE(journal.waitFor(static_cast<std::size_t>(i)));
     }

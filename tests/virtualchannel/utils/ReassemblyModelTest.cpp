@@ -1,6 +1,6 @@
 // The receiving side against a plain model of it, which keeps one queue of all packets and walks a
 // table of all messages after each: same messages, in the same order, with the same log lines.
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
