@@ -70,7 +70,8 @@ bool ProcessIdentity::isGone(Word word) {
     if (!isComparable(word)) return false;
     if (hasNoProcess(word)) return true;
     const auto state = system_specific::look(pid(word));
-    return state.known && (state.ended || !startedAt(word, state.startTime));
+    if (!state.known) return hasNoProcess(word);  // a zombie may have been reaped meanwhile
+    return state.ended || !startedAt(word, state.startTime);
 }
 
 }  // namespace VDIFrameworkCommon

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <vector>
 
+#include "Descriptor.h"
 #include "Eventually.h"
 #include "FileContent.h"
 #include "SessionObjects.h"
@@ -194,6 +195,28 @@ TEST_F(VcctlAcrossProcesses, AHostThatIsKilledIsReplacedAndTheStreamGoesOn) {
     sendsAFileThatArrives();
 }
 
+TEST_F(VcctlAcrossProcesses, AHostThatIsKilledInTheMiddleOfAFileEndsItsSender) {
+    joinHosts();
+    const std::string copy = m_far.file("copy");
+    Subprocess receiver = m_far.start("recv Media " + copy);
+    Subprocess sender = m_near.startShell("head -c 40000000000 /dev/zero | " VCCTL_PROGRAM
+                                          " send Media --wait 1 2>&1");
+    ASSERT_TRUE(testsupport::eventually([&] {
+        std::error_code ignored;
+        const auto size = std::filesystem::file_size(copy, ignored);
+        return !ignored && size > 1'000'000;
+    }));
+    m_nearHost->kill();
+    m_nearHost->wait(10s);
+    EXPECT_EQ(sender.wait(20s), 1);
+    expectPart(sender.readAll(), "Is a host running there?");
+    EXPECT_EQ(end(receiver, SIGINT), 130);
+
+    m_nearHost.emplace(m_near.start("host --listen " + m_address));
+    lineStarting(*m_nearHost, "joined");
+    sendsAFileThatArrives();
+}
+
 TEST_F(VcctlAcrossProcesses, AStrangerEndsItsConnectionAndNotTheHost) {
     listen();
     sockaddr_in address{};
@@ -201,16 +224,23 @@ TEST_F(VcctlAcrossProcesses, AStrangerEndsItsConnectionAndNotTheHost) {
     const int port = std::stoi(m_address.substr(m_address.rfind(':') + 1));
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int stranger = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(connect(stranger, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const auto* place = reinterpret_cast<const sockaddr*>(&address);
+    const support::Descriptor stranger(socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(connect(stranger.get(), place, sizeof address), 0);
     constexpr char kRequest[] = "GET / HTTP/1.1\r\n\r\n";
-    ASSERT_EQ(write(stranger, kRequest, sizeof kRequest), ssize_t{sizeof kRequest});
+    ASSERT_EQ(write(stranger.get(), kRequest, sizeof kRequest), ssize_t{sizeof kRequest});
     expectPart(lineStarting(*m_nearHost, "left"), "not a host of this kind");
-    close(stranger);
 
     const Outcome second = m_far.run("host --listen " + m_address);
     EXPECT_EQ(second.status, 1);
     expectPart(second.text, "the port is in use");
+
+    const support::Descriptor silent(socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(connect(silent.get(), place, sizeof address), 0);
+    lineStarting(*m_nearHost, "joined");
+    m_farHost.emplace(m_far.start("host --connect " + m_address));
+    expectPart(lineStarting(*m_nearHost, "left"), "it sent nothing, and another host is waiting");
+    lineStarting(*m_nearHost, "joined");
     EXPECT_EQ(end(*m_nearHost), 0);
 }
 
@@ -319,8 +349,8 @@ TEST_F(VcctlAcrossProcesses, AFullDiskIsReportedAndTheSessionGoesOn) {
 TEST_F(VcctlAcrossProcesses, TheDemoPassesOnEveryTransportAndLeavesNothing) {
     const std::string file = m_near.file("small");
     std::ofstream(file, std::ios::binary) << std::string(100'000, 'n');
-    for (const std::string kind : {"tcp", "citrix", "vmware", "rdp"}) {
-        Subprocess demo = m_near.start("demo --seconds 1 --kind " + kind + " " + file);
+    for (const char* kind : {"tcp", "citrix", "vmware", "rdp"}) {
+        Subprocess demo = m_near.start(std::string("demo --seconds 1 --kind ") + kind + " " + file);
         const std::string text = demo.readAll();
         EXPECT_EQ(demo.wait(20s), 0) << text;
         expectPart(text, "the same on return");

@@ -47,7 +47,7 @@ static int g_failures;
     X(LogMessage_VDI)
 
 static struct {
-#define DECLARE(name) __typeof__(&name) name;
+#define DECLARE(name) __typeof__(&(name)) name; /* NOLINT(bugprone-macro-parentheses) */
     EACH_FUNCTION(DECLARE)
 #undef DECLARE
     __typeof__(&PluginThreadCreate) WatchdogThreadCreate;
