@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include "AgentFixture.h"
+#include "Eventually.h"
 
 using namespace testsupport;
 using namespace VirtualChannelAgent;
@@ -145,7 +146,9 @@ TEST_F(AgentHandshake, ARepeatedConnectedAnnouncesTheStreamsAgainAndNothingElse)
     EXPECT_EQ(m_side.sentTexts(2), (Texts{"6 Basic 0 600", "6 Media 1 500"}));
     EXPECT_EQ(m_side.operations(2), (Texts{"VCProcessId", "EnviromentType"}));
     EXPECT_EQ(m_log.count("SendMessageToChannelAboutStreamThread started. "), 1);
-    EXPECT_EQ(m_log.count("CheckStreamStatesThread started."), 1);
+    const char* const checking = "CheckStreamStatesThread started.";
+    EXPECT_TRUE(testsupport::eventually([&] { return m_log.contains(checking); }));
+    EXPECT_EQ(m_log.count(checking), 1);
     EXPECT_EQ(m_channel.stateChanges().size(), 1U);
 }
 
