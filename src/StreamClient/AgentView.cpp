@@ -91,6 +91,7 @@ unsigned int AgentView::agentProcessId() const {
 AgentView::Heard AgentView::hear(const Notification& notification, Clock::time_point now) {
     LocalLock lock(m_mutex);
     m_agentThere = true;
+    m_lastHeard = now;
     m_nextSignOfLife = now + kSignOfLifePause;
     Heard heard{std::nullopt, true};
     if (notification.name == "ChannelUp") {
@@ -179,25 +180,26 @@ std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
     noticeStandstill(now);
     if (wantsProcessId() && m_nextProcessId <= now) {
         m_nextProcessId = now + kProcessIdPause;
-        return Due{"RequestVCProcessId", {}, patience()};
+        return Due{"RequestVCProcessId", {}, patience(), now};
     }
     if (!m_agentThere) return std::nullopt;
     for (const auto& stream : m_streams) {
         if (stream.second.up || stream.second.nextRequest > now) continue;
-        return Due{requestText(stream), stream.first, patience()};
+        return Due{requestText(stream), stream.first, patience(), now};
     }
     if (wantsRollCall() && m_nextRollCall <= now) {
         m_nextRollCall = now + m_rollCallPause;
         m_rollCallPause = std::min<Clock::duration>(m_rollCallPause * 2, kLongestRollCallPause);
-        return Due{"RequestNotifyStream", {}, patience()};
+        return Due{"RequestNotifyStream", {}, patience(), now};
     }
-    if (m_nextSignOfLife <= now) return Due{{}, {}, patience()};
+    if (m_nextSignOfLife <= now) return Due{{}, {}, patience(), now};
     return std::nullopt;
 }
 
 std::optional<bool> AgentView::finished(const Due& request, bool taken, Clock::time_point now) {
     LocalLock lock(m_mutex);
-    if (!taken) return losesAgent(now);
+    // An agent that starts drops what lies in its segment, and is heard all the same.
+    if (!taken) return m_lastHeard > request.since ? std::nullopt : losesAgent(now);
     m_agentThere = true;
     m_nextSignOfLife = now + kSignOfLifePause;
     const auto found = m_streams.find(request.stream);

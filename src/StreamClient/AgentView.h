@@ -30,6 +30,7 @@ public:
         std::string text;
         std::string stream;                  // the stream it asks for, if any
         std::chrono::milliseconds patience;  // for the agent to take it
+        Clock::time_point since;
     };
     struct Heard {
         std::optional<bool> connectionChange;  // the new state
@@ -96,6 +97,7 @@ private:
     unsigned int m_agentPid NORVO_GUARDED_BY(m_mutex) = 0;
     bool m_expectsProcessId NORVO_GUARDED_BY(m_mutex) = false;
     Clock::time_point m_nextProcessId NORVO_GUARDED_BY(m_mutex){};
+    Clock::time_point m_lastHeard NORVO_GUARDED_BY(m_mutex){};
     Clock::time_point m_nextSignOfLife NORVO_GUARDED_BY(m_mutex){};
     Clock::time_point m_nextRollCall NORVO_GUARDED_BY(m_mutex){};
     Clock::duration m_rollCallPause NORVO_GUARDED_BY(m_mutex){};

@@ -50,6 +50,19 @@ protected:
     std::optional<bool> lastChange;
 };
 
+TEST_F(AgentViewTest, AnAgentThatStartsDuringARequestAndMissesItIsThere) {
+    const auto due = view.due(now);
+    ASSERT_TRUE(due);
+    now += 100ms;
+    hear("VCProcessId", {"77", "1"});
+    now += 100ms;
+    EXPECT_EQ(view.finished(*due, false, now), std::nullopt);
+    EXPECT_TRUE(view.isConnected());
+    now += 3s;
+    sendDue(false);
+    EXPECT_FALSE(view.isConnected());
+}
+
 TEST_F(AgentViewTest, ProbesForAnAgentBeforeItAsksForStreams) {
     view.addStream("Media", Direction::Read, 100);
     EXPECT_EQ(sendDue(false), Texts{"RequestVCProcessId"});
