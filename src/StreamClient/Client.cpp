@@ -24,7 +24,7 @@ using VDIFrameworkCommon::LocalLock;
 namespace {
 
 constexpr std::size_t kLongestName = 64;
-constexpr unsigned int kLargestCapacity = 1u << 30;
+constexpr unsigned int kLargestCapacity = 64u << 20;  // as much as an agent makes
 // How often the asker looks at the agent's process even if nothing is due.
 constexpr auto kLongestSleep = std::chrono::milliseconds(500);
 // For a request to an agent whose process has ended; more than none, because the process ID it
@@ -209,6 +209,7 @@ std::shared_ptr<Stream> Client::openStream(const std::string& name, Direction di
                                            unsigned int capacity) {
     return m_impl->openStream(name, direction, capacity);
 }
+bool Client::isListening() const { return m_impl->isListening(); }
 bool Client::isConnected() const { return m_impl->view().isConnected(); }
 bool Client::waitUntilConnected(std::chrono::milliseconds timeout) {
     return m_impl->view().waitUntilConnected(deadlineAfter(timeout));

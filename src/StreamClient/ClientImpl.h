@@ -29,6 +29,7 @@ public:
     bool request(const std::string& operation, const std::vector<std::string>& fields,
                  Clock::time_point deadline);
     bool nextNotification(Notification& notification, Clock::time_point deadline);
+    bool isListening() const { return m_listens; }
     const AgentView& view() const { return *m_view; }
     void close();
 
@@ -46,7 +47,7 @@ private:
     const std::shared_ptr<AgentView> m_view;
     RequestWriter m_requests;
     std::shared_ptr<SharedMemoryI> m_info;
-    bool m_listens = false;
+    std::atomic<bool> m_listens = false;
     NewsQueue m_toTell;     // for the callbacks
     NewsQueue m_toCollect;  // for nextNotification
 

@@ -103,13 +103,16 @@ public:
     Client& operator=(const Client&) = delete;
 
     // Opens the stream `name` (1 to 64 letters, digits, '-', '_' and '.') with a segment of
-    // `capacity` bytes (1 to 1 GiB), and asks the agent for its end; the answer is not waited for.
+    // `capacity` bytes (1 to 64 MiB), and asks the agent for its end; the answer is not waited for.
     // Both ends of a segment must give the same capacity. Empty when the name or capacity is not
     // possible, the segment cannot be made (see the log), this client has the stream open already,
     // or it is closed.
     std::shared_ptr<Stream> openStream(const std::string& name, Direction direction,
                                        unsigned int capacity = kDefaultCapacity);
 
+    // False when the agent cannot be heard, because its segment could not be opened or no thread
+    // be started: the log says why.
+    bool isListening() const;
     // True while the agents at the two ends are connected, as far as this process has heard.
     bool isConnected() const;
     bool waitUntilConnected(std::chrono::milliseconds timeout);

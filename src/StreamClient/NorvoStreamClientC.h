@@ -27,9 +27,9 @@ enum { NORVO_READ = 0, NORVO_WRITE = 1 };
 
 enum {
     NORVO_OK = 0,
-    NORVO_TIMEOUT = 1,   /* the time passed first, or the client was closed meanwhile */
+    NORVO_TIMEOUT = 1,   /* the time passed first, or client or stream were closed meanwhile */
     NORVO_TOO_SMALL = 2, /* the message is longer than the buffer; it waits for a larger one */
-    NORVO_INVALID = 3    /* an argument is not possible, as the direction of the stream */
+    NORVO_INVALID = 3    /* an argument is not possible, as the stream's direction; or no memory */
 };
 
 /* Joins the agent of this user and session namespace. `client_name` NULL: "NorvoCrews". NULL when

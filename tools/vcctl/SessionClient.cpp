@@ -53,7 +53,7 @@ std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string
     if (!stream) {
         throw CommandError("cannot open a stream '" + name + "' of " + std::to_string(capacity) +
                                " bytes: a name is 1 to 64 letters, digits, '-', '_' and '.', a "
-                               "capacity 1 byte to 1 GiB",
+                               "capacity 1 byte to 64 MiB",
                            kUsage);
     }
     noteUnusualName(name);
@@ -61,6 +61,10 @@ std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string
 }
 
 std::string SessionClient::whyNotUp(const std::string& streamName) {
+    if (!m_client.isListening()) {
+        return "cannot listen in " + sessionText() +
+               ": the log in $HOME/Library/Logs/norvouvdi says why";
+    }
     if (m_client.agentProcessId() == 0) {
         return "no agent answers in " + sessionText() + ". Is a host running there? (vcctl host)";
     }
@@ -89,10 +93,14 @@ void SessionClient::waitForAgent(double seconds) {
 }
 
 void SessionClient::noteSilence(const NorvoStreamClient::Stream* stream) {
-    if (m_noted || Clock::now() - m_start < std::chrono::seconds(1)) return;
-    m_noted = true;
     const bool present = stream ? stream->isUp() : m_client.agentProcessId() != 0;
-    if (present || isatty(STDERR_FILENO) != 1) return;
+    if (present) {
+        m_absentSince = Clock::now();
+        m_noted = false;
+    }
+    if (m_noted || Clock::now() - m_absentSince < std::chrono::seconds(1)) return;
+    m_noted = true;
+    if (isatty(STDERR_FILENO) != 1) return;
     std::fprintf(stderr, "vcctl: waiting: %s\n", whyNotUp(stream ? stream->name() : "").c_str());
 }
 

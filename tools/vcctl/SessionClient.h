@@ -26,15 +26,15 @@ public:
     // Waits up to `seconds` for an agent in this session, connected or not.
     void waitForAgent(double seconds);
 
-    // Says once, on a terminal, why nothing has come for a second if `stream` (when given, else the
-    // agent) is not there: a wait without end should not be a silent one.
+    // For each moment of a wait without end, which should not be a silent one: says, on a terminal,
+    // once `stream` (when given, else the agent) has been away for a second, why nothing comes.
     void noteSilence(const NorvoStreamClient::Stream* stream = nullptr);
 
 private:
     std::string whyNotUp(const std::string& streamName);
 
     NorvoStreamClient::Client m_client;
-    const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point m_absentSince = std::chrono::steady_clock::now();
     bool m_noted = false;
 };
 
