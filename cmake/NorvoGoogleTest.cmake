@@ -12,10 +12,18 @@ else()
 endif()
 include(GoogleTest)
 
-# norvo_discover_tests(<target>): registers each test of the program with ctest, where it can run.
+# norvo_discover_tests(<target> [ALONE <suite>...]): registers each test of the program with ctest, where
+# it can run; those of the suites named run while no other test does.
 function(norvo_discover_tests target)
     if(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
         return()
     endif()
-    gtest_discover_tests(${target} DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 180)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" ALONE)
+    list(TRANSFORM arg_ALONE APPEND ".*")
+    list(JOIN arg_ALONE ":" alone)
+    gtest_discover_tests(${target} DISCOVERY_TIMEOUT 120 TEST_FILTER "-${alone}" PROPERTIES TIMEOUT 180)
+    if(alone)
+        gtest_discover_tests(${target} DISCOVERY_TIMEOUT 120 TEST_FILTER "${alone}" TEST_LIST ${target}_ALONE
+                             PROPERTIES TIMEOUT 180 RUN_SERIAL TRUE)
+    endif()
 endfunction()

