@@ -1,5 +1,5 @@
-// Removes what the processes of a session namespace left in shared memory. Does nothing where the
-// system does not list its shared-memory objects (macOS).
+// Removes what the processes of a session namespace left: the marks of agents that were killed, and
+// shared memory where the system lists its objects (not on macOS).
 #pragma once
 
 #include <sys/mman.h>
@@ -18,6 +18,12 @@ inline void removeSessionObjects(const std::string& sessionNamespace) {
         if (name.find(sessionNamespace + '.') != std::string::npos) left.push_back('/' + name);
     }
     for (const std::string& name : left) shm_unlink(name.c_str());
+    left.clear();
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp/norvo", ignored)) {
+        if (entry.path().filename().string().starts_with(sessionNamespace + '.'))
+            left.push_back(entry.path());
+    }
+    for (const std::string& path : left) std::filesystem::remove(path, ignored);
 }
 
 }  // namespace support

@@ -138,8 +138,9 @@ TEST_F(VcctlAcrossProcesses, AFileGoesThroughWholeAndTheCaptureTellsTheStory) {
     expectPart(streams.text, "Info_VC2STREAM");
 
     EXPECT_EQ(end(*m_nearHost), 0);
-    const Outcome decoded = m_near.run("decode " + capture);
+    const Outcome decoded = m_near.run("decode - --packets <" + capture);
     EXPECT_EQ(decoded.status, 0);
+    expectPart(decoded.text, " of message ");
     for (const char* part : {"-> CTL_CONNECT", "<- CTL_CONNECT", "CTL_S_CREATE stream=\"Media\"",
                              "-> CTL_S_ROUTE stream=\"Media\"", "channel-version=\"1.0.679.0\""}) {
         expectPart(decoded.text, part);
@@ -200,7 +201,7 @@ TEST_F(VcctlAcrossProcesses, AHostThatIsKilledInTheMiddleOfAFileEndsItsSender) {
     const std::string copy = m_far.file("copy");
     Subprocess receiver = m_far.start("recv Media " + copy);
     Subprocess sender = m_near.startShell("head -c 40000000000 /dev/zero | " VCCTL_PROGRAM
-                                          " send Media --wait 1 2>&1");
+                                          " send Media --wait 5 2>&1");
     ASSERT_TRUE(testsupport::eventually([&] {
         std::error_code ignored;
         const auto size = std::filesystem::file_size(copy, ignored);
@@ -262,6 +263,8 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         {"ask Nonsense", 2, "RequestVCProcessId"},
         {"ask CreateStream Media", 2, "CreateStream NAME SIZE"},
         {"ask CreateStream Media -1", 2, "'-1' cannot be the request's SIZE"},
+        {"host --listen 127.0.0.1:0 --library libm.so.6", 1, "does not export"},
+        {"ask RequestVCProcessId --wait nan", 2, "nan is no number"},
         {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
         {"send Media --wait 0.3 /etc/hostname", 1, "vcctl host"},
         {"send Nonsense --wait 0.3 /etc/hostname", 1, "'Nonsense' is none of the usual streams"},
@@ -355,8 +358,10 @@ TEST_F(VcctlAcrossProcesses, TheDemoPassesOnEveryTransportAndLeavesNothing) {
         EXPECT_EQ(demo.wait(20s), 0) << text;
         expectPart(text, "the same on return");
         const std::string mark = "demo" + std::to_string(demo.pid());
-        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-            EXPECT_EQ(entry.path().string().find(mark), std::string::npos) << entry.path();
+        for (const char* folder : {"/dev/shm", "/tmp/norvo"}) {
+            for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+                EXPECT_EQ(entry.path().string().find(mark), std::string::npos) << entry.path();
+            }
         }
     }
 }

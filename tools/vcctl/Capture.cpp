@@ -115,14 +115,14 @@ bool CaptureWriter::writeBlock(std::uint32_t type, const std::string& body) {
 }
 
 CaptureReader::CaptureReader(const std::string& path)
-    : m_path(path),
+    : m_name(path == "-" ? "standard input" : path),
       m_owned(path == "-" ? nullptr : std::fopen(path.c_str(), "rbe")),
       m_file(path == "-" ? stdin : m_owned.get()) {
-    if (!m_file) throw systemError("cannot read " + path, errno);
+    if (!m_file) throw systemError("cannot read " + m_name, errno);
     std::uint32_t type = 0;
     std::vector<unsigned char> body;
     const auto notOurs = [this] {
-        return CommandError(m_path + " is not a pcapng capture made by `vcctl host --capture`");
+        return CommandError(m_name + " is not a pcapng capture made by `vcctl host --capture`");
     };
     const int first = std::getc(m_file);
     if (first != static_cast<int>(kSectionHeader % 256)) throw notOurs();
@@ -138,12 +138,12 @@ bool CaptureReader::readBlock(std::uint32_t& type, std::vector<unsigned char>& b
     const std::size_t got = std::fread(head, 1, sizeof head, m_file);
     if (got == 0) return false;
     const auto cutShort = [this] {
-        return CommandError(m_path +
+        return CommandError(m_name +
                             " ends within a block: its host is still writing, or was killed");
     };
     if (got != sizeof head) throw cutShort();
     if (head[1] < 12 || head[1] > kMostBlock || head[1] % 4 != 0) {
-        throw CommandError(m_path + " is damaged, or not a pcapng capture");
+        throw CommandError(m_name + " is damaged, or not a pcapng capture");
     }
     type = head[0];
     body.resize(head[1] - sizeof head);
@@ -159,7 +159,7 @@ std::optional<CapturedPacket> CaptureReader::next() {
         if (type != kEnhancedPacket || body.size() < 20) continue;
         const auto length = numberAt<std::uint32_t>(body, 12);
         if (length > body.size() - 20)
-            throw CommandError(m_path + " is damaged: a packet is cut short");
+            throw CommandError(m_name + " is damaged: a packet is cut short");
         CapturedPacket packet;
         packet.nanoseconds = (std::uint64_t{numberAt<std::uint32_t>(body, 4)} << 32) |
                              numberAt<std::uint32_t>(body, 8);

@@ -42,7 +42,7 @@ private:
     bool m_failed = false;
 };
 
-// Reads what CaptureWriter wrote, and any pcapng file whose blocks are little-endian.
+// Reads what CaptureWriter wrote (of another pcapng file, it takes link type and times for those).
 class CaptureReader {
 public:
     // `path` "-" is standard input. Throws CommandError when it cannot be read or is not pcapng.
@@ -54,7 +54,7 @@ public:
 private:
     bool readBlock(std::uint32_t& type, std::vector<unsigned char>& body);
 
-    const std::string m_path;
+    const std::string m_name;
     File m_owned;
     std::FILE* m_file;
 };

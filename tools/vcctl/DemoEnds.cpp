@@ -91,9 +91,9 @@ public:
         while (!stopped && !StopSignal::requested() && Clock::now() < end) {
             Ping ping{++m_number, now(), 0, {}};
             if (!m_out.write(&ping, sizeof ping, kPollTime)) continue;
-            if (const double time = answerTo(ping, stopped); time > 0) {
-                times.push_back(time);
-            } else {
+            if (const auto time = answerTo(ping, stopped)) {
+                times.push_back(*time);
+            } else if (!stopped && !StopSignal::requested()) {
                 ++lost;
             }
             std::this_thread::sleep_for(kPingPause);
@@ -102,7 +102,8 @@ public:
     }
 
 private:
-    double answerTo(const Ping& ping, const std::atomic<bool>& stopped) {
+    // In microseconds; nothing when none came in time, or before it was stopped.
+    std::optional<double> answerTo(const Ping& ping, const std::atomic<bool>& stopped) {
         std::string message;
         const auto giveUp = Clock::now() + kLost;
         while (!stopped && Clock::now() < giveUp) {
@@ -113,7 +114,7 @@ private:
                 return static_cast<double>(answer.received - ping.sent) / 1000.0;
             }
         }
-        return 0;
+        return std::nullopt;
     }
 
     static Json summary(std::vector<double>& times, std::uint64_t lost) {
@@ -307,7 +308,7 @@ int runNearEnd(const DemoEndOptions& end) {
 
     std::atomic<bool> stopped{false};
     Pinger pinger(*streams.pings, *streams.pingsBack);
-    result["idle"] = pinger.run(stopped, end.seconds / 2);
+    result["idle"] = pinger.run(stopped, end.seconds);
     std::thread busyPings([&] { result["busy"] = pinger.run(stopped, 3600); });
     RoundTrip trip(file, *streams.file, *streams.fileBack);
     const std::optional<double> seconds = runInHalves(trip, file.size());

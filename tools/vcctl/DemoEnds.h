@@ -9,7 +9,7 @@ namespace vcctl {
 struct DemoEndOptions {
     std::string role;  // "near" or "far"
     std::string file;  // what the near end sends
-    double seconds = 5;
+    double seconds = 5;  // of the idle session
 };
 
 // The far end: what comes through Media goes back through Generic, and a ping through Basic goes

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -24,6 +26,9 @@ namespace vcctl {
 namespace {
 
 using support::Descriptor;
+
+// Milliseconds. A connection that cannot be taken, for want of descriptors, is there all the time.
+constexpr int kPauseAfterFailure = 100;
 
 struct HostOptions {
     std::string kind = "tcp";
@@ -48,7 +53,12 @@ public:
         m_plugin.InitialiseChannel(&Host::append, m_kind.number, this);
     }
 
-    ~Host() { m_plugin.Shutdown(); }
+    // Some kinds of channel leave a call of append() behind that does not return at once.
+    ~Host() {
+        m_plugin.Shutdown();
+        std::unique_lock lock(m_mutex);
+        m_appended.wait_for(lock, std::chrono::seconds(2), [this] { return m_appending == 0; });
+    }
 
     // Joins the channel to `socket` until one side ends it or the user stops. Whoever connects to
     // `listener` (if there is one) meanwhile is turned away, as a channel has two ends; but a peer
@@ -62,7 +72,7 @@ public:
         say("joined to " + peer);
         m_plugin.ChannelActive(1);
         waitForEnd(*link, listener);
-        link->close("this host stops");
+        link->end("this host stops");
         setLink(nullptr);
         m_plugin.ChannelActive(0);
         say("left " + peer + ": " + link->closeReason());
@@ -74,7 +84,8 @@ public:
 
 private:
     void waitForEnd(PacketLink& link, int listener) const {
-        constexpr auto kLongestSilence = std::chrono::seconds(2);  // hosts greet at once
+        constexpr auto kLongestSilence =
+            std::chrono::seconds(2);  // an agent that is up greets at once
         const auto begun = std::chrono::steady_clock::now();
         pollfd waited[3] = {{link.closedDescriptor(), POLLIN, 0},
                             {StopSignal::descriptor(), POLLIN, 0},
@@ -91,16 +102,19 @@ private:
             }
             if (const Descriptor other = acceptFrom(listener)) {
                 say("turned away a second connection: a host is joined already");
+            } else {
+                StopSignal::wait(kPauseAfterFailure);
             }
         }
     }
 
     static int append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
         auto* host = static_cast<Host*>(context);
-        if (const auto link = host->link()) {
+        if (const auto link = host->beginAppend()) {
             if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
             link->send(data, length);
         }
+        host->endAppend();
         return 0;
     }
 
@@ -109,9 +123,14 @@ private:
         m_plugin.ReceiveData(packet, length);
     }
 
-    std::shared_ptr<PacketLink> link() {
+    std::shared_ptr<PacketLink> beginAppend() {
         std::lock_guard lock(m_mutex);
+        ++m_appending;
         return m_link;
+    }
+    void endAppend() {
+        std::lock_guard lock(m_mutex);
+        if (--m_appending == 0) m_appended.notify_all();
     }
     void setLink(std::shared_ptr<PacketLink> link) {
         std::lock_guard lock(m_mutex);
@@ -123,6 +142,8 @@ private:
     PluginLibrary m_plugin;
     std::unique_ptr<CaptureWriter> m_capture;
     std::mutex m_mutex;
+    std::condition_variable m_appended;
+    int m_appending = 0;
     std::shared_ptr<PacketLink> m_link;
 };
 
@@ -137,8 +158,11 @@ void serveListener(Host& host, const Endpoint& endpoint) {
         if (waited[1].revents) StopSignal::drain();
         if (!(waited[0].revents & POLLIN)) continue;
         Descriptor peer = acceptFrom(listener.get());
-        if (peer)
+        if (peer) {
             host.serve(std::move(peer), "the host that connected to " + place, listener.get());
+        } else {
+            StopSignal::wait(kPauseAfterFailure);
+        }
     }
 }
 

@@ -148,7 +148,7 @@ int printAnswers(SessionClient& session, const AskOptions& options, const Reques
     using Clock = std::chrono::steady_clock;
     const bool several = std::string(form.answer) == "StreamUp";
     const auto quiet = std::chrono::milliseconds(500);
-    auto deadline = after(*form.silence ? 1.0 : options.wait);
+    auto deadline = after(*form.silence ? std::min(1.0, options.wait) : options.wait);
     bool answered = false;
     while (Clock::now() < deadline) {
         Notification notification;

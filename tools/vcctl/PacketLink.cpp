@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "CommandError.h"
+#include "KeepAlive.h"
 
 namespace vcctl {
 
@@ -27,12 +28,24 @@ std::uint32_t lengthAt(const unsigned char* bytes) {
     return length;
 }
 
+// One whose machine is gone says nothing more, not even that; an idle session does not, either.
+void noticeVanishedPeer(int socket) {
+    const int on = 1;
+    const int seconds = 10;
+    const int probes = 3;
+    setsockopt(socket, IPPROTO_TCP, kKeepAliveIdle, &seconds, sizeof seconds);
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &seconds, sizeof seconds);
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+    setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+}
+
 }  // namespace
 
 PacketLink::PacketLink(Descriptor socket, Limits limits, Receiver receive)
     : m_limits(limits), m_socket(std::move(socket)) {
     const int on = 1;
     setsockopt(m_socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    noticeVanishedPeer(m_socket.get());
     int ends[2];
     if (pipe(ends) != 0) throw systemError("cannot make a pipe", errno);
     for (int i = 0; i < 2; ++i) {
@@ -43,11 +56,7 @@ PacketLink::PacketLink(Descriptor socket, Limits limits, Receiver receive)
     m_reader = std::thread([this, receive = std::move(receive)] { readLoop(receive); });
 }
 
-PacketLink::~PacketLink() {
-    close("closed");
-    m_writer.join();
-    m_reader.join();
-}
+PacketLink::~PacketLink() { end("closed"); }
 
 bool PacketLink::send(const void* packet, std::uint32_t length) {
     const auto* bytes = static_cast<const unsigned char*>(packet);
@@ -76,6 +85,12 @@ void PacketLink::close(const std::string& reason) {
     shutdown(m_socket.get(), SHUT_RDWR);
     const char byte = 'c';
     [[maybe_unused]] const ssize_t written = write(m_closedPipe[1].get(), &byte, 1);
+}
+
+void PacketLink::end(const std::string& reason) {
+    close(reason);
+    if (m_writer.joinable()) m_writer.join();
+    if (m_reader.joinable()) m_reader.join();
 }
 
 std::string PacketLink::closeReason() const {
@@ -131,9 +146,14 @@ void PacketLink::readLoop(const Receiver& receive) {
     }
 }
 
+bool PacketLink::isClosed() const {
+    std::lock_guard lock(m_mutex);
+    return m_closed;
+}
+
 std::size_t PacketLink::deliver(unsigned char* bytes, std::size_t size, const Receiver& receive) {
     std::size_t used = 0;
-    while (size - used >= kLengthSize) {
+    while (size - used >= kLengthSize && !isClosed()) {
         const std::uint32_t length = lengthAt(bytes + used);
         if (length < m_limits.minPacket || length > m_limits.maxPacket) {
             close("received a packet length of " + std::to_string(length) + " where " +

@@ -19,7 +19,7 @@ namespace vcctl {
 // same kind.
 //
 // A writer thread sends whatever is waiting with one system call; a reader thread hands on packets
-// as they come. Both end, and are joined, in the destructor.
+// as they come. Both end, and are joined, in end() or the destructor.
 class PacketLink {
 public:
     using Receiver = std::function<void(unsigned char* packet, std::uint32_t length)>;
@@ -46,11 +46,15 @@ public:
     // Ends the link for `reason` (the first one counts). Any thread, also from inside `receive`.
     void close(const std::string& reason);
 
+    // Closes, and returns when `receive` is not called any more. Not from inside `receive`.
+    void end(const std::string& reason);
+
     // A descriptor that becomes readable when the link has ended.
     int closedDescriptor() const { return m_closedPipe[0].get(); }
     std::string closeReason() const;
 
 private:
+    bool isClosed() const;
     void writeLoop();
     void readLoop(const Receiver& receive);
     // Hands on the whole packets at the start of `bytes`; how many bytes that was.

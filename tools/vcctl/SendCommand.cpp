@@ -44,9 +44,10 @@ class Input {
 public:
     explicit Input(const SendOptions& options)
         : m_options(options),
+          m_name(options.file == "-" ? "standard input" : options.file),
           m_owned(options.file == "-" ? -1 : open(options.file.c_str(), O_RDONLY | O_CLOEXEC)),
           m_fd(options.file == "-" ? STDIN_FILENO : m_owned.get()) {
-        if (m_fd < 0) throw systemError("cannot read " + options.file, errno);
+        if (m_fd < 0) throw systemError("cannot read " + m_name, errno);
     }
 
     std::optional<std::uint64_t> size() const {
@@ -82,7 +83,7 @@ private:
             m_ahead.remove_prefix(std::min(end, m_ahead.size() - 1) + 1);
             if (end != std::string_view::npos) return true;
             if (message.size() > kLongestMessage) {
-                throw CommandError("a line of " + m_options.file + " is longer than 64 MiB");
+                throw CommandError("a line of " + m_name + " is longer than 64 MiB");
             }
         }
     }
@@ -104,11 +105,12 @@ private:
             const ssize_t got = read(m_fd, to, size);
             if (got >= 0) return static_cast<std::size_t>(got);
             if (errno != EINTR && errno != EAGAIN)
-                throw systemError("cannot read " + m_options.file, errno);
+                throw systemError("cannot read " + m_name, errno);
         }
     }
 
     const SendOptions& m_options;
+    const std::string m_name;
     const Descriptor m_owned;
     const int m_fd;
     std::array<char, 1u << 16> m_buffer{};

@@ -56,7 +56,8 @@ void StopSignal::install() {
 }
 
 void StopSignal::release() {
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) std::signal(number, SIG_DFL);
+    for (const int number : {SIGINT, SIGTERM}) std::signal(number, SIG_DFL);
+    std::signal(SIGHUP, g_hangUpStops ? SIG_DFL : SIG_IGN);
 }
 
 bool StopSignal::requested() { return g_signals.load(std::memory_order_relaxed) > 0; }

@@ -90,10 +90,10 @@ std::string table(const Looks& before, const Looks& after) {
             known && (isBroadcast(name) ? earlier->second.readersReady != look.readersReady
                                         : earlier->second.readWord != look.readWord);
         text += fmt::format(
-            "{:<28} {:>10} {:>12} {:>12}  {:<24} {:<7} {:<7} {}\n", name, look.capacity, look.newId,
-            isBroadcast(name) ? "-" : std::to_string(look.readWord), waitingText(name, look),
-            writes ? "moves" : "still", reads ? "moves" : "still",
-            VDIFrameworkCommon::sharedMemoryObjectName(segmentObject(name)));
+            "{:<28} {:>10} {:>12} {:>12}  {:<24} {:<7} {:<7} {}\n", readable(name), look.capacity,
+            look.newId, isBroadcast(name) ? "-" : std::to_string(look.readWord),
+            waitingText(name, look), writes ? "moves" : "still", reads ? "moves" : "still",
+            readable(VDIFrameworkCommon::sharedMemoryObjectName(segmentObject(name))));
     }
     if (after.empty()) text += "no segments in this session\n";
     return text;
