@@ -155,7 +155,7 @@ void declare(bench::Suite& suite, const Case& one, Order order) {
     const auto alone = std::make_shared<Ours>(one.packetSize, 0);
     const auto crowded = std::make_shared<Ours>(one.packetSize, 1000);
 
-    suite.timed("memcpy", [message, copy] {
+    const auto bytes = suite.timed("memcpy", [message, copy] {
         std::memcpy(copy->data(), message->data(), message->size());
         bench::doNotOptimize((*copy)[0]);
     });
@@ -165,6 +165,7 @@ void declare(bench::Suite& suite, const Case& one, Order order) {
     const auto open =
         suite.timed("cut + join, 1000 open", [=] { crowded->cutAndJoin(*message, order); });
     suite.goal("cut + join", ours["time"], floor["time"], one.bounds);
+    suite.goal("cut + join over memcpy", ours["time"], bytes["time"], bench::reported());
     const bool judged = order == Order::AsCut && one.length == 64 << 10 && one.packetSize == 1500;
     suite.goal("1000 messages open over none", open["time"], ours["time"],
                judged ? bench::atMost(1.3, 1.1) : bench::reported());

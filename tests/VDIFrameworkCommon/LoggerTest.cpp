@@ -183,6 +183,7 @@ TEST(Logger, ThresholdIsClampedAndHoldsForTheLogObjectAndLoggersOfOneNameAreOne)
     const auto handle = KLTLogger_getLogger("VirtualChannel");
     EXPECT_EQ(handle, KLTLogger_getLogger("VirtualChannel"));
     EXPECT_NE(handle, KLTLogger_getLogger("Other"));
+    EXPECT_STREQ(KLTLogger_getName(handle), "VirtualChannel");
     EXPECT_STREQ(KLTLogger_getName(KLTLogger_getLogger(nullptr)), "");
     EXPECT_STREQ(KLTLogger_getName(nullptr), "");
 }

@@ -217,6 +217,7 @@ void playPingPong(const std::string& backend, const std::string& name, int round
     testing::Test::RecordProperty(name + "Rounds", played);
     EXPECT_FALSE(missed);
     EXPECT_LE(late, 5);
+    EXPECT_GT(played, rounds / 20) << "wake-ups are far too slow";
     EXPECT_EQ(peer.wait(), 0);
     AdaptiveSpin::setEnabled(true);
 }

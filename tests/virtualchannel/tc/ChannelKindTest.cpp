@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "ChannelSupport.h"
+#include "DataWorkers.h"
 #include "LogCapture.h"
 
 using namespace NorvoVirtualChannel::tc;
@@ -20,6 +21,15 @@ struct Watched {
 };
 
 }  // namespace
+
+TEST(DataWorkerTest, SendsACopyOfTheBytesItIsMadeFrom) {
+    FakeHost host;
+    std::string bytes = "packet";
+    DataWorker worker(bytes.data(), 6, true, 7);
+    bytes.assign(6, '?');
+    EXPECT_EQ(worker.DoWork(), 0);
+    EXPECT_EQ(host.packets(), Calls{"packet"});
+}
 
 TEST(CitrixVirtualChannelTest, RefusesEverythingAfterShutdown) {
     LogCapture log;

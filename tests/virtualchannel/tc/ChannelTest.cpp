@@ -207,6 +207,7 @@ TEST_P(ChannelTest, ShutdownTellsTheObserverAndTakesBackTheRunner) {
     const auto channel = m_kind.make({});
     EXPECT_EQ(runners(), m_kind.runners);
     addRunner();
+    EXPECT_TRUE(VDIFrameworkCommon::VDIRunnerCounter::getInstance().hasRunner());
     unsigned int whenTold = 99;
     m_observer.onCall = [&](const std::string&) { whenTold = runners(); };
     channel->AddObserver(&m_observer);
@@ -217,6 +218,8 @@ TEST_P(ChannelTest, ShutdownTellsTheObserverAndTakesBackTheRunner) {
     channel->Shutdown();
     EXPECT_EQ(m_observer.calls(), Calls{"shutdown"});
     forgetRunners();
+    removeRunner();  // of none
+    EXPECT_FALSE(VDIFrameworkCommon::VDIRunnerCounter::getInstance().hasRunner());
 }
 
 TEST_P(ChannelTest, AsksTheHostAboutWindows) {
