@@ -97,9 +97,9 @@ TEST(Documents, ReadmeShowsTheExamplesAsTheyAreCompiled) {
     const std::string readme = contentOf(kRoot / "README.md");
     for (const std::string name : {"host.c", "send.cpp", "receive.cpp"}) {
         const std::string language = name.substr(name.find('.') + 1);
-        const std::string example = contentOf(kRoot / "examples" / name);
-        EXPECT_NE(readme.find("```" + language + "\n" + example + "```\n"), std::string::npos)
-            << name;
+        std::string example = "```" + language + '\n';
+        example += contentOf(kRoot / "examples" / name) + "```\n";
+        EXPECT_NE(readme.find(example), std::string::npos) << name;
     }
 }
 

@@ -7,8 +7,8 @@
 namespace vcctl {
 
 struct DemoEndOptions {
-    std::string role;  // "near" or "far"
-    std::string file;  // what the near end sends
+    std::string role;    // "near" or "far"
+    std::string file;    // what the near end sends
     double seconds = 5;  // of the idle session
 };
 
