@@ -47,6 +47,17 @@ protected:
     TestApplication app{"Companion", kIdentifier};
 };
 
+// What the process has open beside the null device.
+std::string filesOf(pid_t pid) {
+    std::string files;
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code gone;
+        const fs::path target = fs::read_symlink(fd, gone);
+        if (!gone && target != "/dev/null") files += target.string() + '\n';
+    }
+    return files;
+}
+
 TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArgumentsAndInheritsNothing) {
     int leaked[2];
     ASSERT_EQ(pipe(leaked), 0);
@@ -69,11 +80,9 @@ TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArgumentsAndInheritsN
     EXPECT_EQ(getsid(program), program);
     for (const char* set : {"SigBlk", "SigIgn"})
         EXPECT_EQ(signalsOf(program, set) & ~kOfTheThreadLibrary, 0U) << set;
-    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(program) + "/fd")) {
-        std::error_code gone;  // the program opens and closes files of its own while it starts
-        const fs::path target = fs::read_symlink(fd, gone);
-        EXPECT_TRUE(gone || target == "/dev/null") << fd << ' ' << target;
-    }
+    // The program opens and closes files of its own while it starts.
+    std::string inherited;
+    EXPECT_TRUE(eventually([&] { return (inherited = filesOf(program)).empty(); })) << inherited;
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left to reap";
 }
 
