@@ -57,6 +57,7 @@ TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     slot.takeWithoutWriting();
     RequestWriter writer(kSegment);
     EXPECT_TRUE(writer.send("after all", Clock::now() + 20s));
+    EXPECT_TRUE(agent.waitFor("after all"));
     EXPECT_EQ(agent.countOf("after all"), 1);
 }
 
@@ -70,6 +71,8 @@ TEST(RequestWriterAcrossProcesses, EveryRequestOfEveryClientArrivesOnce) {
     EXPECT_EQ(sendNumbered("own", count), count);
     for (auto& sender : senders) EXPECT_EQ(sender.wait(), 0);
     for (const std::string prefix : {"a", "b", "c", "own"}) {
+        // A request is taken a moment before the agent has heard it.
+        EXPECT_TRUE(agent.waitFor(prefix + std::to_string(count - 1)));
         for (int i = 0; i < count; ++i)
             EXPECT_EQ(agent.countOf(prefix + std::to_string(i)), 1) << prefix << i;
     }
