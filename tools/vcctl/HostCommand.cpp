@@ -3,14 +3,15 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include "Capture.h"
 #include "ChannelKind.h"
@@ -55,9 +56,11 @@ public:
 
     // Some kinds of channel leave a call of append() behind that does not return at once.
     ~Host() {
+        constexpr int kMostWaits = 2000;
         m_plugin.Shutdown();
-        std::unique_lock lock(m_mutex);
-        m_appended.wait_for(lock, std::chrono::seconds(2), [this] { return m_appending == 0; });
+        for (int i = 0; m_appending > 0 && i < kMostWaits; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
 
     // Joins the channel to `socket` until one side ends it or the user stops. Whoever connects to
@@ -84,8 +87,8 @@ public:
 
 private:
     void waitForEnd(PacketLink& link, int listener) const {
-        constexpr auto kLongestSilence =
-            std::chrono::seconds(2);  // an agent that is up greets at once
+        // An agent that is up greets at once.
+        constexpr auto kLongestSilence = std::chrono::seconds(2);
         const auto begun = std::chrono::steady_clock::now();
         pollfd waited[3] = {{link.closedDescriptor(), POLLIN, 0},
                             {StopSignal::descriptor(), POLLIN, 0},
@@ -110,11 +113,12 @@ private:
 
     static int append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
         auto* host = static_cast<Host*>(context);
-        if (const auto link = host->beginAppend()) {
+        ++host->m_appending;
+        if (const auto link = host->link()) {
             if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
             link->send(data, length);
         }
-        host->endAppend();
+        --host->m_appending;
         return 0;
     }
 
@@ -123,14 +127,9 @@ private:
         m_plugin.ReceiveData(packet, length);
     }
 
-    std::shared_ptr<PacketLink> beginAppend() {
+    std::shared_ptr<PacketLink> link() {
         std::lock_guard lock(m_mutex);
-        ++m_appending;
         return m_link;
-    }
-    void endAppend() {
-        std::lock_guard lock(m_mutex);
-        if (--m_appending == 0) m_appended.notify_all();
     }
     void setLink(std::shared_ptr<PacketLink> link) {
         std::lock_guard lock(m_mutex);
@@ -142,8 +141,7 @@ private:
     PluginLibrary m_plugin;
     std::unique_ptr<CaptureWriter> m_capture;
     std::mutex m_mutex;
-    std::condition_variable m_appended;
-    int m_appending = 0;
+    std::atomic<int> m_appending = 0;
     std::shared_ptr<PacketLink> m_link;
 };
 

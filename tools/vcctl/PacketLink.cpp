@@ -146,14 +146,9 @@ void PacketLink::readLoop(const Receiver& receive) {
     }
 }
 
-bool PacketLink::isClosed() const {
-    std::lock_guard lock(m_mutex);
-    return m_closed;
-}
-
 std::size_t PacketLink::deliver(unsigned char* bytes, std::size_t size, const Receiver& receive) {
     std::size_t used = 0;
-    while (size - used >= kLengthSize && !isClosed()) {
+    while (size - used >= kLengthSize && !m_closed) {
         const std::uint32_t length = lengthAt(bytes + used);
         if (length < m_limits.minPacket || length > m_limits.maxPacket) {
             close("received a packet length of " + std::to_string(length) + " where " +

@@ -54,7 +54,6 @@ public:
     std::string closeReason() const;
 
 private:
-    bool isClosed() const;
     void writeLoop();
     void readLoop(const Receiver& receive);
     // Hands on the whole packets at the start of `bytes`; how many bytes that was.
@@ -70,7 +69,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<unsigned char> m_waiting;
-    bool m_closed = false;
+    std::atomic<bool> m_closed = false;  // written under the mutex
     std::string m_reason;
 
     std::thread m_writer;
