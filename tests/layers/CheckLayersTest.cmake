@@ -4,9 +4,9 @@ cmake_minimum_required(VERSION 3.25)
 
 function(expect file include message)
     file(REMOVE_RECURSE ${WORK})
-    foreach(header IN ITEMS src/VDIFrameworkCommon/Event.h src/SharedMemory/src/SharedMemoryI.h
+    foreach(header IN ITEMS src/VDIFrameworkCommon/sync/Event.h src/SharedMemory/src/SharedMemoryI.h
             src/virtualchannel/src/common/vc_agent/VirtualChannelAgent.h
-            src/virtualchannel/src/common/vc_agent/VCMessage.h
+            src/virtualchannel/src/common/vc_agent/messages/VCMessage.h
             src/virtualchannel/src/tc/common/WorkerThread.h)
         file(WRITE ${WORK}/${header} "#pragma once\n")
     endforeach()
@@ -27,7 +27,7 @@ expect(src/VDIFrameworkCommon/A.cpp "\"SharedMemoryI.h\"" "[(]framework[)] must 
 expect(src/VDIFrameworkCommon/A.cpp "<SharedMemoryI.h>" "[(]framework[)] must not include .*[(]sharedmemory[)]")
 expect(src/VDIFrameworkCommon/A.cpp "\"src/SharedMemoryI.h\"" "[(]framework[)] must not include .*[(]sharedmemory[)]")
 expect(${agent}/VirtualChannelAgentA.cpp "\"VCMessage.h\"" "")
-expect(${agent}/VCMessage.cpp "\"VirtualChannelAgent.h\"" "[(]messages[)] must not include .*[(]agent[)]")
+expect(${agent}/messages/VCMessage.cpp "\"VirtualChannelAgent.h\"" "[(]messages[)] must not include .*[(]agent[)]")
 expect(tools/vcctl/A.cpp "\"WorkerThread.h\"" "[(]tools[)] must not include .*[(]channels[)]")
 expect(src/Elsewhere/A.cpp "\"Event.h\"" "belongs to no layer")
 file(REMOVE_RECURSE ${WORK})
