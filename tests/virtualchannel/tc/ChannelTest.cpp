@@ -8,6 +8,7 @@
 #include "Eventually.h"
 #include "KRANRunner.h"
 #include "LogCapture.h"
+#include "VCMessage.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;
@@ -16,6 +17,19 @@ using packettest::pattern;
 namespace {
 
 using Calls = std::vector<std::string>;
+
+// A message of the agent at the far end.
+std::string agentMessage(VirtualChannelAgent::MessageTypeEnum type,
+                         const std::string& stream = {}) {
+    VirtualChannelAgent::VCMessage message;
+    message.setMessageType(type);
+    if (!stream.empty()) {
+        message.setStreamName(stream);
+        message.setStreamType(0);
+        message.setStreamSize(1000);
+    }
+    return packettest::textOf(message.wireBytes());
+}
 
 class ChannelTest : public testing::TestWithParam<Kind> {
 protected:
@@ -135,6 +149,44 @@ TEST_P(ChannelTest, DeliversWhatArrivesWholeAndInAnyOrder) {
     EXPECT_EQ(m_observer.calls(), Calls{"small"});
     receive(m_channel, last);
     EXPECT_EQ(m_observer.calls(), (Calls{"small", large}));
+}
+
+// A sender that starts anew may number its messages as its predecessor did. With a real agent, as
+// it is the agent that knows a peer's first word.
+TEST_P(ChannelTest, JoinsNothingAcrossANewBeginning) {
+    const struct {
+        const char* what;
+        std::function<void()> happens;
+        bool joins;
+    } cases[] = {
+        {"the host repeats itself", [&] { m_channel.ChannelActive(1); }, true},
+        {"the channel was lost",
+         [&] {
+             m_channel.ChannelActive(0);
+             m_channel.ChannelActive(1);
+         },
+         false},
+        {"the peer looks for an agent",
+         [&] { receiveAll(agentMessage(VirtualChannelAgent::CTL_CONNECT)); }, false},
+    };
+    m_channel.OnChannelInitialize();
+    m_channel.ChannelActive(1);
+    const std::string message =
+        agentMessage(VirtualChannelAgent::CTL_S_ERROR, std::string(2 * 4992, 'n'));
+    for (const auto& [what, happens, joins] : cases) {
+        SCOPED_TRACE(what);
+        LogCapture log;
+        auto packets = packetsOf(message, m_kind.maxMsgSize);
+        const std::string last = packets.back();
+        packets.pop_back();
+        for (const auto& packet : packets) receive(m_channel, packet);
+        happens();
+        receive(m_channel, last);
+        EXPECT_EQ(log.count("Remote agent communicated an error in nnn"), joins ? 1 : 0);
+        for (const auto& packet : packets) receive(m_channel, packet);
+        EXPECT_EQ(log.count("Remote agent communicated an error in nnn"), 1);
+    }
+    m_channel.Shutdown();
 }
 
 TEST_P(ChannelTest, DropsWhatIsNoPacket) {

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -57,7 +58,9 @@ inline PacketList cut(Packetization& packetization, const std::string& message) 
 struct Receiver : PacketizationObserver {
     void OnFullPacketReceived(const void* data, unsigned int size) override {
         messages.emplace_back(static_cast<const char*>(data), size);
+        if (onMessage) onMessage(messages.back());
     }
+    std::function<void(const std::string&)> onMessage;
     std::vector<std::string> messages;
 };
 

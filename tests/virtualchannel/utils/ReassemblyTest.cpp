@@ -75,6 +75,25 @@ TEST_F(Reassembly, FindsAMessageAmongThousandsOfOpenOnes) {
     }
 }
 
+TEST_F(Reassembly, ForgetsWhatIsIncompleteAlsoFromInsideADelivery) {
+    receiver.onMessage = [&](const std::string& message) {
+        if (message == "anew") packetization.ForgetIncompleteMessages();
+    };
+    const auto takesUp = [&](const char* between) {
+        receivePart(1, 1, 3, 6, "ab");
+        receivePart(2, 1, 2, 4, "ab");
+        receivePart(1, 2, 3, 6, "cd");
+        receivePart(3, 1, 1, 4, between);
+        receivePart(1, 3, 3, 6, "ef");
+        receivePart(2, 2, 2, 4, "cd");
+        return std::exchange(receiver.messages, {});
+    };
+    EXPECT_EQ(takesUp("else"), (Texts{"else", "abcdef", "abcd"}));
+    EXPECT_EQ(takesUp("anew"), Texts{"anew"});
+    packetization.ForgetIncompleteMessages();
+    EXPECT_EQ(takesUp("else"), (Texts{"else", "abcdef", "abcd"}));
+}
+
 TEST_F(Reassembly, LeavesAGapForAPacketWithoutPayload) {
     const std::string first = wireOf(part(7, 1, 2, 4), "ab");
     const std::string broken = wireOf(part(7, 2, 2, 4), "cd");

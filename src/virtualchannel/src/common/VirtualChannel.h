@@ -44,6 +44,9 @@ public:
     // The agents at the two ends have found or lost each other.
     virtual void onAgentStateChange(bool connected) = 0;
     virtual ~VirtualChannel() = default;
+    // The far side begins anew: what it has sent only in part will never be completed. Any thread,
+    // also from inside a call of the observer.
+    virtual void ForgetIncompleteMessages() {}
 };
 
 }  // namespace NorvoVirtualChannel

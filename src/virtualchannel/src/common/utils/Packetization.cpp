@@ -68,15 +68,21 @@ void Packetization::EnqueuePacket(const Packet* packet) {
         return;
     }
     const RareContentionGuard guard(m_Mutex);
+    forgetIfAsked();
     if (packet->GetTotalPackets() == 1) {
         deliverUnsplit(*packet);
-        return;
+    } else {
+        queue(*packet);
     }
+    forgetIfAsked();
+}
+
+void Packetization::queue(const Packet& packet) {
     NORVO_LOG(Trace, "Message has multiple packets, will need to queue.");
-    PendingMessage& message = findOrBegin(*packet);
-    message.add(packet->m_header, packet->m_payload);
+    PendingMessage& message = findOrBegin(packet);
+    message.add(packet.m_header, packet.m_payload);
     if (message.arrived() == 1 || message.isComplete()) {
-        NORVO_LOG(Trace, "receive message id: ", packet->GetPacketID(), "Total: ", message.total(),
+        NORVO_LOG(Trace, "receive message id: ", packet.GetPacketID(), "Total: ", message.total(),
                   " Arrived: ", message.arrived());
     }
     m_latest = &message;
@@ -107,6 +113,12 @@ PendingMessage& Packetization::findOrBegin(const Packet& packet) {
 void Packetization::ReassemblePackets() {
     const RareContentionGuard guard(m_Mutex);
     reassemble();
+}
+
+void Packetization::forgetIfAsked() {
+    if (!m_forget.load(std::memory_order_relaxed) || !m_forget.exchange(false)) return;
+    m_pending = {};
+    m_latest = nullptr;
 }
 
 void Packetization::reassemble() {

@@ -124,7 +124,8 @@ private:
 // Sending: any number of threads at once. Receiving: meant for one thread; calls from several are
 // taken one after the other.
 //
-// An incomplete message is kept until its packets are there, however long that takes; it uses
+// An incomplete message is kept until its packets are there, however long that takes, or until
+// `ForgetIncompleteMessages()`; it uses
 // memory in proportion to what has arrived, not to what its headers announce. A message counts as
 // complete when as many packets have arrived as its first one announced. Duplicates are not
 // recognised: they count, and the size check at the end is what stops them. So only the message of
@@ -153,13 +154,20 @@ public:
     void EnqueuePacket(const Packet* packet) NORVO_EXCLUDES(m_Mutex);
     // Delivers what is complete. `EnqueuePacket` does so itself.
     void ReassemblePackets() NORVO_EXCLUDES(m_Mutex);
+    // No packet taken in so far counts any more: a sender that starts anew numbers its messages
+    // from the clock again, and its packets must not complete what its predecessor began. Any
+    // thread, also from inside `OnFullPacketReceived`. The memory is freed with the next packet at
+    // the latest.
+    void ForgetIncompleteMessages() { m_forget = true; }
 
 private:
     std::uint32_t packetsNeeded(const void* data, unsigned int length) const;
     void deliverUnsplit(const Packet& packet) NORVO_REQUIRES(m_Mutex);
+    void queue(const Packet& packet) NORVO_REQUIRES(m_Mutex);
     PendingMessage& findOrBegin(const Packet& packet) NORVO_REQUIRES(m_Mutex);
     void reassemble() NORVO_REQUIRES(m_Mutex);
     void deliver(PendingMessage& message) NORVO_REQUIRES(m_Mutex);
+    void forgetIfAsked() NORVO_REQUIRES(m_Mutex);
 
     const int m_maxPacketSize;
     RareContentionLock m_Mutex;
@@ -167,6 +175,9 @@ private:
     PendingMessages m_pending NORVO_GUARDED_BY(m_Mutex);
     // The message that a packet has just been added to, the only one that can be complete.
     PendingMessage* m_latest NORVO_GUARDED_BY(m_Mutex) = nullptr;
+    // Without the mutex, which a delivery holds: what the delivered message asks for is done after
+    // it.
+    std::atomic<bool> m_forget{false};
 };
 
 }  // namespace NorvoVirtualChannel

@@ -17,6 +17,10 @@ void ChannelLink::SendMessageToChannel(const VCMessage& message, bool lowPriorit
     target->SendData(bytes.data(), static_cast<unsigned int>(bytes.size()), lowPriority);
 }
 
+void ChannelLink::forgetIncompleteMessages() {
+    if (auto* const target = channel()) target->ForgetIncompleteMessages();
+}
+
 void ChannelLink::sendRoutedData(const std::string& streamName, StreamType type, unsigned int size,
                                  const std::string& data, bool lowPriority) {
     VCMessage message;

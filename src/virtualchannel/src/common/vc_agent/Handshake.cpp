@@ -17,7 +17,9 @@ bool ControlProtocol::ignoresHandshake(const char* messageName) {
     return true;
 }
 
+// A far side that looks for a peer has just begun, or begins anew.
 void ControlProtocol::connect(const Received& /*received*/) {
+    m_link.forgetIncompleteMessages();
     if (!ignoresHandshake("CTL_CONNECT")) sendCapabilities(CTL_CONNECT_READY);
 }
 

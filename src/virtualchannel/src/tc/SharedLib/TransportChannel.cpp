@@ -177,6 +177,10 @@ void TransportChannel::OnFullPacketReceived(const void* data, unsigned int size)
         [&](Observer& observer) { observer.OnVirtualChannelReceiveData(data, size); });
 }
 
+void TransportChannel::ForgetIncompleteMessages() {
+    if (const auto parts = this->parts()) parts->packetizer.ForgetIncompleteMessages();
+}
+
 // ---- The observer
 
 void TransportChannel::AddObserver(Observer* observer) {
@@ -192,6 +196,7 @@ void TransportChannel::RemoveObserver(Observer* /*observer*/) {
 void TransportChannel::ChannelActive(int state) {
     if (state != 0 && state != 1) return;
     const bool available = state == 1;
+    if (m_available.exchange(available) != available) ForgetIncompleteMessages();
     m_observer.notify([&](Observer& observer) {
         beforeAvailabilityChange(available);
         observer.OnVirtualChannelAvailabilityChange(available);

@@ -2,6 +2,7 @@
 // profile and the few steps that differ.
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <string_view>
@@ -67,6 +68,7 @@ public:
     bool IsSeamlessMode() override;
     void* GetClientWindowHandleFromServerWindowHandle(void* serverWindow) override;
     void onAgentStateChange(bool connected) override;
+    void ForgetIncompleteMessages() override;
 
     // ---- PacketizationObserver
 
@@ -109,6 +111,7 @@ private:
     void addWork(std::unique_ptr<Packet> packet, std::vector<WorkItem>& work) const;
 
     ObserverSlot m_observer;
+    std::atomic<bool> m_available{false};  // as the host said last
     std::unique_ptr<VirtualChannelAgent::Agent> m_agent NORVO_GUARDED_BY(m_lifeMutex);
     VDIFrameworkCommon::LocalMutex m_partsMutex;
     std::shared_ptr<Parts> m_parts NORVO_GUARDED_BY(m_partsMutex);
