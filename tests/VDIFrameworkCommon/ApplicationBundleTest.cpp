@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 
@@ -40,6 +41,9 @@ TEST(PropertyList, BrokenTextHasNoSuchKey) {
     for (const char* text :
          {"bplist00\xd1\x01\x02", "<", "<<>>", "</></></><key>Id</key><string>x"})
         EXPECT_EQ(propertyListString(text, "Id"), "") << text;
+    const auto start = std::chrono::steady_clock::now();
+    propertyListString(std::string(std::size_t{1} << 20, '&') + '<', "Id");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
 TEST(ApplicationBundle, ADescriptionThatCannotBeTrustedIsNone) {

@@ -69,11 +69,15 @@ TEST_F(LogFileTest, WhatCannotBeAFileIsNoFileAndNoFailure) {
     std::ofstream(dir / "plain") << "";
     ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
     std::filesystem::create_directory(dir / "folder");
-    for (const std::string& path :
-         {std::string(), dir / "plain/x.log", dir / "fifo", dir / "folder"}) {
+    std::ofstream(dir / "precious") << "precious";
+    std::filesystem::create_symlink(dir / "precious", dir / "link");
+    std::filesystem::create_hard_link(dir / "precious", dir / "second name");
+    for (const std::string& path : {std::string(), dir / "plain/x.log", dir / "fifo",
+                                    dir / "folder", dir / "link", dir / "second name"}) {
         EXPECT_FALSE(file.open(path)) << path;
         file.write("line\n");
     }
+    EXPECT_EQ(content("precious"), "precious");
 }
 
 }  // namespace

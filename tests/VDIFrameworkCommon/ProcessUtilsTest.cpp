@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +20,7 @@
 #include "LogCapture.h"
 #include "ProcessLaunch.h"
 #include "ProcessMatcher.h"
+#include "ProcessWatch.h"
 #include "TestApplication.h"
 
 using namespace testsupport;
@@ -36,9 +39,9 @@ unsigned long long signalsOf(pid_t pid, const std::string& set) {
     return std::stoull(statusOf(pid, set), nullptr, 16);
 }
 
-void makeScript(const std::string& path) {
+void makeScript(const std::string& path, const char* commands = "while :; do sleep 0.1; done") {
     fs::remove(path);
-    std::ofstream(path) << "#!/bin/sh\nwhile :; do sleep 0.1; done\n";
+    std::ofstream(path) << "#!/bin/sh\n" << commands << '\n';
     fs::permissions(path, fs::perms::owner_all);
 }
 
@@ -140,6 +143,68 @@ TEST_F(ProcessUtilsAcrossProcesses, AScriptIsFoundAsTheProgramOfItsBundle) {
     EXPECT_EQ(running(), 0U);
     EXPECT_TRUE(ProcessUtils::isProcessRunning(reader));
     ProcessUtils::terminateProcess(reader);
+}
+
+// Which files of a folder have been opened since.
+class OpenedFiles {
+public:
+    explicit OpenedFiles(const std::string& folder) {
+        inotify_add_watch(m_events.get(), folder.c_str(), IN_OPEN);
+    }
+    std::string names() const {
+        alignas(inotify_event) char bytes[4096];
+        std::string names;
+        const ssize_t size = read(m_events.get(), bytes, sizeof bytes);
+        for (ssize_t at = 0; at < size;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(bytes + at);
+            if (event->len > 0) names += std::string(event->name) + ' ';
+            at += static_cast<ssize_t>(sizeof *event + event->len);
+        }
+        return names;
+    }
+
+private:
+    support::Descriptor m_events{inotify_init1(IN_NONBLOCK | IN_CLOEXEC)};
+};
+
+TEST_F(ProcessUtilsAcrossProcesses, FilesThatOtherProgramsNameAreLeftAlone) {
+    const std::string folder = app.folder() + "/Other.app/Contents/MacOS";
+    const std::string reader = app.folder() + "/reader";
+    fs::create_directories(folder);
+    fs::copy_file(idleProgram(), reader);
+    ASSERT_EQ(mkfifo((folder + "/Companion").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((app.folder() + "/Other.app/Contents/Info.plist").c_str(), 0600), 0);
+    makeScript(folder + "/data");
+    for (const char* name : {"/Companion", "/data"})
+        ASSERT_TRUE(launchDetached(reader, {folder + name}));
+    const OpenedFiles inFolder(folder);
+    const OpenedFiles inBundle(app.folder() + "/Other.app/Contents");
+    for (const std::string& name : {std::string("Companion"), app.program(), app.path()})
+        EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
+    EXPECT_EQ(inFolder.names(), "");
+    // Of an application, the script is looked at, and nothing that is not a regular file.
+    EXPECT_FALSE(ProcessUtils::isProcessRunning(kIdentifier));
+    EXPECT_EQ(inFolder.names(), "data ");
+    EXPECT_EQ(readBundle(app.folder() + "/Other.app").executable, "");
+    EXPECT_EQ(inBundle.names(), "");
+    ProcessUtils::terminateProcess(reader);
+}
+
+TEST_F(ProcessUtilsAcrossProcesses, AWatchSearchesAgainWhenItsProcessHasGoneOrChanged) {
+    makeScript(app.program(), "read line; exec sleep 60");
+    const std::string description = app.path() + "/Contents/Info.plist";
+    ProcessWatch watch;
+    EXPECT_FALSE(watch.isRunning(kIdentifier));
+    for (const bool killed : {true, false}) {
+        support::Subprocess child({app.program()});
+        ASSERT_TRUE(eventually([&] { return watch.isRunning(kIdentifier); }));
+        fs::rename(description, app.folder() + "/away");
+        EXPECT_TRUE(watch.isRunning(kIdentifier)) << "has searched although its process runs";
+        fs::rename(app.folder() + "/away", description);
+        if (killed) child.kill();
+        child.closeInput();
+        EXPECT_TRUE(eventually([&] { return !watch.isRunning(kIdentifier); })) << killed;
+    }
 }
 
 TEST_F(ProcessUtilsAcrossProcesses, WhatWillNotEndIsEndedByForce) {

@@ -13,6 +13,16 @@ namespace KLT::kltlogger {
 
 using VDIFrameworkCommon::FileUtils;
 
+namespace {
+
+// In a folder that others can write to, the name may stand for a file of theirs, or be a second one
+// of a file of this user's.
+bool mayBeLog(const struct stat& status) {
+    return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+}
+
+}  // namespace
+
 LogFile::~LogFile() { close(); }
 
 bool LogFile::open(const std::string& path) {
@@ -25,15 +35,17 @@ void LogFile::close() {
     m_fd = -1;
 }
 
-// Not blocking, and regular files only: a pipe under the log's name must not stop the host.
 bool LogFile::openPath() {
     close();
     if (m_path.empty()) return false;
     if (const auto end = m_path.rfind('/'); end != std::string::npos && end > 0)
         FileUtils::createDirectory(m_path.substr(0, end));
-    m_fd = ::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
+    // Opening a pipe would already wake its reader.
     struct stat status {};
-    if (m_fd >= 0 && (fstat(m_fd, &status) != 0 || !S_ISREG(status.st_mode))) close();
+    if (lstat(m_path.c_str(), &status) == 0 && !mayBeLog(status)) return false;
+    constexpr int kFlags = O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY;
+    m_fd = ::open(m_path.c_str(), O_WRONLY | kFlags, 0600);
+    if (m_fd >= 0 && (fstat(m_fd, &status) != 0 || !mayBeLog(status))) close();
     return isOpen();
 }
 
@@ -56,7 +68,7 @@ void LogFile::write(std::string_view lines) {
 void LogFile::followPath() {
     struct stat ours {};
     struct stat named {};
-    const bool same = m_fd >= 0 && fstat(m_fd, &ours) == 0 && stat(m_path.c_str(), &named) == 0 &&
+    const bool same = m_fd >= 0 && fstat(m_fd, &ours) == 0 && lstat(m_path.c_str(), &named) == 0 &&
                       ours.st_dev == named.st_dev && ours.st_ino == named.st_ino;
     if (!same) openPath();
 }

@@ -22,8 +22,9 @@ public:
     LogFile& operator=(const LogFile&) = delete;
 
     // Closes the present file and opens `path` for appending, readable by the owner only, making
-    // its directory when it is missing. False when that fails, and then there is no file; each
-    // write tries again. An empty path means no file.
+    // its directory when it is missing. False when that fails, or when something else than a
+    // regular file of this user's with one name stands there; then there is no file, and each write
+    // tries again. An empty path means no file.
     bool open(const std::string& path);
     bool isOpen() const { return m_fd >= 0; }
 

@@ -1,14 +1,10 @@
 #include "ApplicationBundle.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <filesystem>
 
 #include "LocalMutex.h"
 #include "PropertyList.h"
+#include "RegularFile.h"
 
 namespace VDIFrameworkCommon {
 
@@ -31,30 +27,11 @@ std::string redirectedFolder() {
     return redirection().folder;
 }
 
-bool readAll(int fd, std::string& text) {
-    std::size_t have = 0;
-    while (have < text.size()) {
-        const ssize_t got = ::read(fd, text.data() + have, text.size() - have);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        have += static_cast<std::size_t>(got);
-    }
-    return true;
-}
-
 // Empty when it is not a readable, regular file of a sensible size.
 std::string descriptionOf(const std::string& bundle) {
-    constexpr off_t kLargest = off_t{1} << 20;
-    const int fd =
-        ::open((bundle + "/Contents/Info.plist").c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return {};
-    std::string text;
-    struct stat status {};
-    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= kLargest) {
-        text.resize(static_cast<std::size_t>(status.st_size));
-        if (!readAll(fd, text)) text.clear();
-    }
-    ::close(fd);
+    constexpr std::size_t kLargest = std::size_t{1} << 20;
+    std::string text = startOfRegularFile(bundle + "/Contents/Info.plist", kLargest + 1);
+    if (text.size() > kLargest) text.clear();
     return text;
 }
 

@@ -54,6 +54,12 @@ Word ProcessIdentity::own() {
     return own ? own : lookAtSelf();
 }
 
+Word ProcessIdentity::of(pid_t pid) {
+    const auto state = system_specific::look(pid);
+    const bool lives = state.known && !state.ended;
+    return lives ? compose(system_specific::namespaceTag(), state.startTime, pid) : 0;
+}
+
 Word ProcessIdentity::compose(std::uint64_t namespaceTag, std::uint64_t startTime, pid_t pid) {
     const Word start = startTime == 0 ? 0 : fold(startTime);
     return fold(namespaceTag) << kTagShift | start << kStartShift |

@@ -19,6 +19,9 @@ public:
     // The calling process. No system call after the first in a process; right in a forked child.
     static Word own();
 
+    // The process that has this ID now; 0 when there is none, or nothing is known of it.
+    static Word of(pid_t pid);
+
     static pid_t pid(Word word) { return static_cast<pid_t>(word & (kUserBit - 1)); }
 
     // Whether that process has ended: it is not there, it is a zombie, or its ID belongs to a later

@@ -28,13 +28,23 @@ bool isOwn(pid_t pid) {
 
 }  // namespace
 
+std::string executableOf(pid_t pid) {
+    std::array<char, PROC_PIDPATHINFO_MAXSIZE> path{};
+    const int length = proc_pidpath(pid, path.data(), static_cast<std::uint32_t>(path.size()));
+    return {path.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
+}
+
+// Applications are not scripts there.
+std::string scriptOf(const RunningProcess&, const std::function<bool(const std::string&)>&) {
+    return {};
+}
+
 std::vector<RunningProcess> ownProcesses() {
     std::vector<RunningProcess> found;
-    std::array<char, PROC_PIDPATHINFO_MAXSIZE> path{};
     for (const pid_t pid : allProcessIds()) {
         if (pid <= 0 || !isOwn(pid)) continue;
-        const int length = proc_pidpath(pid, path.data(), static_cast<std::uint32_t>(path.size()));
-        if (length > 0) found.push_back({pid, {path.data(), static_cast<std::size_t>(length)}});
+        std::string executable = executableOf(pid);
+        if (!executable.empty()) found.push_back({pid, std::move(executable)});
     }
     return found;
 }

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,12 +20,17 @@ public:
 
 private:
     using FileId = std::pair<dev_t, ino_t>;
+    bool matches(const std::string& executable) const;
+    // By the looks of its path alone.
+    bool mayMatch(const std::string& path) const;
+    bool mayBeIdentifier() const;
     void add(const std::string& path);
     bool isOneOfTheFiles(const std::string& path) const;
 
     std::string m_name;
     bool m_isPath;
     std::vector<FileId> m_files;
+    std::set<std::string> m_fileNames;
 };
 
 // The processes of the effective user that `name` means.

@@ -69,13 +69,10 @@ bool reported(bool started, const std::string& what) {
 // The name is looked up again once the identities are known: an ID that went to another program in
 // between drops out.
 Identities identitiesOf(const std::string& name) {
-    namespace system_specific = process_identity_system;
     Identities identities;
     for (const auto& process : processesNamed(name)) {
-        const auto state = system_specific::look(process.pid);
-        if (process.pid <= 1 || process.pid == getpid() || !state.known) continue;
-        identities.push_back(ProcessIdentity::compose(system_specific::namespaceTag(),
-                                                      state.startTime, process.pid));
+        const auto identity = ProcessIdentity::of(process.pid);
+        if (process.pid > 1 && process.pid != getpid() && identity) identities.push_back(identity);
     }
     if (identities.empty()) return identities;
     const auto named = processesNamed(name);

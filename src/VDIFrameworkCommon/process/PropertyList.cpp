@@ -53,6 +53,9 @@ bool appendEntity(std::string& out, std::string_view name) {
     return true;
 }
 
+// With its ';'. Bounded, or a text of nothing but '&' would be searched to its end for each.
+constexpr std::size_t kLongestEntity = 16;
+
 std::string decoded(std::string_view text) {
     std::string out;
     while (!text.empty()) {
@@ -60,7 +63,7 @@ std::string decoded(std::string_view text) {
         out += text.substr(0, entity);
         if (entity == std::string_view::npos) break;
         text.remove_prefix(entity + 1);
-        const auto end = text.find(';');
+        const auto end = text.substr(0, kLongestEntity).find(';');
         if (end != std::string_view::npos && appendEntity(out, text.substr(0, end))) {
             text.remove_prefix(end + 1);
         } else {

@@ -11,6 +11,7 @@
 #include "Log.h"
 #include "NamedMutex.h"
 #include "ProcessUtils.h"
+#include "ProcessWatch.h"
 #include "ScopedLock.h"
 #include "VDIClientInfo.h"
 #include "VDIRunnerCounter.h"
@@ -63,9 +64,9 @@ std::string applicationIdentifier() {
 
 std::string markerPath() { return FileUtils::markerPath(kMarkerDirectory, kStopMarker); }
 
-bool isApplicationRunning() {
+bool isApplicationRunning(VDIFrameworkCommon::ProcessWatch& application) {
     const std::string identifier = applicationIdentifier();
-    return !identifier.empty() && ProcessUtils::isProcessRunning(identifier);
+    return !identifier.empty() && application.isRunning(identifier);
 }
 
 void launchLauncher() {
@@ -112,13 +113,15 @@ void runKRANThread() {
     VDIFrameworkCommon::NamedMutex launchMutex;
     launchMutex.create(launchMutexName());
     launchMutex.unlock();  // what a dead process may have left locked
-    if (!FileUtils::fileExists(markerPath()) && !isApplicationRunning()) {
+    VDIFrameworkCommon::ProcessWatch application;
+    if (!FileUtils::fileExists(markerPath()) && !isApplicationRunning(application)) {
         NORVO_LOG(Trace, "run thin client.");
         launch();
     }
     while (runner().running) {
         runner().stop.timedWait(kRoundMilliseconds);
-        if (runner().running && !isApplicationRunning()) relaunchUnlessMarked(launchMutex);
+        if (runner().running && !isApplicationRunning(application))
+            relaunchUnlessMarked(launchMutex);
     }
     stopThinclient();
     NORVO_LOG(Trace, "KRAN runner thread stopped.");

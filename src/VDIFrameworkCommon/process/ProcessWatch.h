@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+
+#include "ProcessIdentity.h"
+
+namespace VDIFrameworkCommon {
+
+// Whether a program runs, for who asks again and again: remembers the process that was found, and
+// searches all processes only when that one has gone or has become another program.
+// Not thread-safe.
+class ProcessWatch {
+public:
+    // The same answer as ProcessUtils::isProcessRunning(name).
+    bool isRunning(const std::string& name);
+
+private:
+    bool stillRuns() const;
+
+    std::string m_name;
+    std::string m_executable;
+    ProcessIdentity::Word m_process = 0;
+};
+
+}  // namespace VDIFrameworkCommon

@@ -1,0 +1,24 @@
+// Files whose names come from outside. Nothing but a regular file is opened: opening a pipe or a
+// device takes data from its readers, wakes its writers, or waits.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include "FileDescriptor.h"
+
+namespace VDIFrameworkCommon {
+
+// Opens the regular file at `path` for reading; links are followed. Empty when there is none or it
+// cannot be read. Never waits for a writer, never becomes a controlling terminal.
+FileDescriptor openRegularFile(const std::string& path);
+
+// Up to `most` bytes from the start of the regular file at `path`; empty when it cannot be read.
+std::string startOfRegularFile(const std::string& path, std::size_t most);
+
+inline bool isSameFile(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+}  // namespace VDIFrameworkCommon
