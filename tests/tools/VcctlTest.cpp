@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -123,7 +124,9 @@ protected:
 
 TEST_F(VcctlAcrossProcesses, AFileGoesThroughWholeAndTheCaptureTellsTheStory) {
     const std::string capture = m_near.file("session.pcapng");
+    std::ofstream{capture};
     joinHosts("--capture " + capture);
+    EXPECT_EQ(std::filesystem::status(capture).permissions(), std::filesystem::perms{0600});
     std::string content(3'000'000, '\0');
     for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * i >> 7);
     std::ofstream(m_near.file("original"), std::ios::binary) << content;
@@ -185,6 +188,19 @@ TEST_F(VcctlAcrossProcesses, QuestionsAreAnsweredAndNewsIsPrinted) {
     } while (!line.empty() && line.find("\"ChannelDown\"") == std::string::npos);
     EXPECT_NE(line, "") << "the loss of the channel was not announced";
     EXPECT_EQ(end(watcher, SIGINT), 130);
+}
+
+TEST_F(VcctlAcrossProcesses, AHostWithoutADescriptorForItsNextConnectionTriesUntilThereIsOne) {
+    joinHosts();
+    rlimit before{};
+    ASSERT_EQ(prlimit(m_farHost->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit none{3, before.rlim_max};  // as many as a poll() of the host looks at
+    ASSERT_EQ(prlimit(m_farHost->pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+    m_farHost->signal(SIGHUP);
+    expectPart(lineStarting(*m_farHost, "nothing answers"), "Too many open files");
+    ASSERT_EQ(prlimit(m_farHost->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    lineStarting(*m_farHost, "joined");
+    sendsAFileThatArrives();
 }
 
 TEST_F(VcctlAcrossProcesses, AHostThatIsKilledIsReplacedAndTheStreamGoesOn) {

@@ -1,10 +1,15 @@
 #include "Capture.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 
 #include "CommandError.h"
+#include "Descriptor.h"
 
 namespace vcctl {
 
@@ -53,10 +58,23 @@ std::uint32_t flagsOf(const std::vector<unsigned char>& body, std::size_t offset
     return 0;
 }
 
+// All that passes over the channel is in it: the owner alone may read it, also where the file was
+// there before with other rights. Null, with errno set, when it cannot be made.
+std::FILE* openPrivately(const std::string& path) {
+    support::Descriptor fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    struct stat status {};
+    if (!fd || fstat(fd.get(), &status) != 0) return nullptr;
+    if (S_ISREG(status.st_mode) && (fchmod(fd.get(), 0600) != 0 || ftruncate(fd.get(), 0) != 0))
+        return nullptr;
+    std::FILE* file = fdopen(fd.get(), "wb");
+    if (file) fd.release();
+    return file;
+}
+
 }  // namespace
 
 CaptureWriter::CaptureWriter(const std::string& path, const std::string& interfaceName)
-    : m_path(path), m_file(std::fopen(path.c_str(), "wbe")) {
+    : m_path(path), m_file(openPrivately(path)) {
     if (!m_file) throw systemError("cannot write the capture file " + path, errno);
     std::string section;
     put(section, kByteOrderMagic);

@@ -41,9 +41,11 @@ Descriptor closedByExec(int fd) {
     return Descriptor(fd);
 }
 
+// Empty, with errno set, when there is none to be had.
 Descriptor openSocket(int family) {
     Descriptor fd = closedByExec(socket(family, SOCK_STREAM, 0));
-    if (!fd) throw systemError("cannot make a socket", errno);
+    // Before it listens or connects: the window that the peer is told depends on it.
+    if (fd) setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
     return fd;
 }
 
@@ -109,6 +111,7 @@ Endpoint Endpoint::parse(const std::string& text, bool allowRemote) {
 
 Descriptor Endpoint::listen() const {
     Descriptor fd = openSocket(m_address.ss_family);
+    if (!fd) throw systemError("cannot make a socket", errno);
     const int on = 1;
     setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&m_address), m_length) != 0 ||
@@ -126,6 +129,7 @@ Descriptor Endpoint::listen() const {
 
 Descriptor Endpoint::connect() const {
     Descriptor fd = openSocket(m_address.ss_family);
+    if (!fd) return fd;
     const int flags = fcntl(fd.get(), F_GETFL);
     fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
     const auto* address = reinterpret_cast<const sockaddr*>(&m_address);

@@ -9,6 +9,10 @@
 
 namespace vcctl {
 
+// Bytes that a connection's socket holds for a peer, or from one, that takes no more: what is
+// queued further away is nobody's to drop or to pass.
+inline constexpr int kSocketBuffer = 256 << 10;
+
 // The next connection to `listener`; empty, with errno set, when there is none.
 support::Descriptor acceptFrom(int listener);
 
@@ -21,8 +25,8 @@ public:
 
     // A listening socket. Throws CommandError (address in use, not allowed ...).
     support::Descriptor listen() const;
-    // A connected socket; empty, with errno set, when the other end is not there (yet), or the user
-    // wants to stop.
+    // A connected socket; empty, with errno set, when the other end is not there (yet), the system
+    // has no descriptor left, or the user wants to stop.
     support::Descriptor connect() const;
 
     const std::string& text() const { return m_text; }

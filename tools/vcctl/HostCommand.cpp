@@ -68,17 +68,23 @@ public:
     // that has only kept silent gives way.
     void serve(Descriptor socket, const std::string& peer, int listener = -1) {
         StopSignal::takeHangUp();  // one that came while there was nothing to drop
-        auto link = std::make_shared<PacketLink>(
-            std::move(socket), PacketLink::Limits{kMinPacket, m_kind.maxPacket},
-            [this](unsigned char* packet, std::uint32_t length) { receive(packet, length); });
-        setLink(link);
+        try {
+            setLink(std::make_shared<PacketLink>(
+                std::move(socket), PacketLink::Limits{kMinPacket, m_kind.maxPacket},
+                [this](unsigned char* packet, std::uint32_t length) { receive(packet, length); }));
+        } catch (const std::runtime_error& error) {
+            say("not joined to " + peer + ": " + error.what());
+            StopSignal::wait(kPauseAfterFailure);
+            return;
+        }
         say("joined to " + peer);
         m_plugin.ChannelActive(1);
-        waitForEnd(*link, listener);
-        link->end("this host stops");
+        const auto joined = link();
+        waitForEnd(*joined, listener);
+        joined->end("this host stops");
         setLink(nullptr);
         m_plugin.ChannelActive(0);
-        say("left " + peer + ": " + link->closeReason());
+        say("left " + peer + ": " + joined->closeReason());
     }
 
     void say(const std::string& text) const {

@@ -10,22 +10,41 @@
 #include <cstring>
 
 #include "CommandError.h"
+#include "Endpoint.h"
 #include "KeepAlive.h"
+#include "PacketHeader.h"
 
 namespace vcctl {
 
 using support::Descriptor;
+using VDIFrameworkCommon::LocalLock;
 
 namespace {
 
 constexpr std::size_t kLengthSize = 4;
-constexpr std::size_t kMostWaiting = 8u << 20;
+// Enough that a system call costs little for each packet, little enough that the peer works on the
+// first part of a long message while the rest is on its way.
+constexpr std::size_t kMostGathered = 32u << 10;
 constexpr std::size_t kReadSize = 256u << 10;
 
 std::uint32_t lengthAt(const unsigned char* bytes) {
     std::uint32_t length = 0;
     std::memcpy(&length, bytes, sizeof length);
     return length;
+}
+
+// A message's packets leave in the reverse of their sequence.
+bool leavesLast(const unsigned char* packet, std::uint32_t length) {
+    NorvoVirtualChannel::Header header;
+    if (length < sizeof header) return true;
+    std::memcpy(&header, packet, sizeof header);
+    return header.sequence <= 1;
+}
+
+// Of what is sent, no more than this waits in the system for the peer to take it.
+void boundWhatWaits(int socket) {
+    const int most = kSocketBuffer;
+    setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &most, sizeof most);
 }
 
 // One whose machine is gone says nothing more, not even that; an idle session does not, either.
@@ -45,6 +64,7 @@ PacketLink::PacketLink(Descriptor socket, Limits limits, Receiver receive)
     : m_limits(limits), m_socket(std::move(socket)) {
     const int on = 1;
     setsockopt(m_socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    boundWhatWaits(m_socket.get());
     noticeVanishedPeer(m_socket.get());
     int ends[2];
     if (pipe(ends) != 0) throw systemError("cannot make a pipe", errno);
@@ -52,7 +72,6 @@ PacketLink::PacketLink(Descriptor socket, Limits limits, Receiver receive)
         fcntl(ends[i], F_SETFD, FD_CLOEXEC);
         m_closedPipe[i] = Descriptor(ends[i]);
     }
-    m_writer = std::thread([this] { writeLoop(); });
     m_reader = std::thread([this, receive = std::move(receive)] { readLoop(receive); });
 }
 
@@ -63,25 +82,35 @@ bool PacketLink::send(const void* packet, std::uint32_t length) {
     unsigned char prefix[kLengthSize];
     std::memcpy(prefix, &length, sizeof prefix);
 
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [&] { return m_closed || m_waiting.size() < kMostWaiting; });
+    LocalLock lock(m_sending);
     if (m_closed) return false;
-    const bool wasEmpty = m_waiting.empty();
-    m_waiting.insert(m_waiting.end(), prefix, prefix + kLengthSize);
-    m_waiting.insert(m_waiting.end(), bytes, bytes + length);
-    lock.unlock();
-    if (wasEmpty) m_changed.notify_all();
+    m_gathered.insert(m_gathered.end(), prefix, prefix + kLengthSize);
+    m_gathered.insert(m_gathered.end(), bytes, bytes + length);
+    return m_gathered.size() < kMostGathered && !leavesLast(bytes, length) ? true : sendGathered();
+}
+
+bool PacketLink::sendGathered() {
+    for (std::size_t done = 0; done < m_gathered.size();) {
+        const ssize_t sent = ::send(m_socket.get(), m_gathered.data() + done,
+                                    m_gathered.size() - done, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent <= 0) {
+            close(std::string("the other end is gone: ") + std::strerror(errno));
+            return false;
+        }
+        done += static_cast<std::size_t>(sent);
+    }
+    m_gathered.clear();
     return true;
 }
 
 void PacketLink::close(const std::string& reason) {
     {
-        std::lock_guard lock(m_mutex);
+        LocalLock lock(m_mutex);
         if (m_closed) return;
         m_closed = true;
         m_reason = reason;
     }
-    m_changed.notify_all();
     shutdown(m_socket.get(), SHUT_RDWR);
     const char byte = 'c';
     [[maybe_unused]] const ssize_t written = write(m_closedPipe[1].get(), &byte, 1);
@@ -89,43 +118,12 @@ void PacketLink::close(const std::string& reason) {
 
 void PacketLink::end(const std::string& reason) {
     close(reason);
-    if (m_writer.joinable()) m_writer.join();
     if (m_reader.joinable()) m_reader.join();
 }
 
 std::string PacketLink::closeReason() const {
-    std::lock_guard lock(m_mutex);
+    LocalLock lock(m_mutex);
     return m_reason;
-}
-
-void PacketLink::writeLoop() {
-    std::vector<unsigned char> sending;
-    std::unique_lock lock(m_mutex);
-    for (;;) {
-        m_changed.wait(lock, [&] { return m_closed || !m_waiting.empty(); });
-        if (m_closed) return;
-        sending.swap(m_waiting);
-        const bool wasFull = sending.size() >= kMostWaiting;
-        lock.unlock();
-        if (wasFull) m_changed.notify_all();
-        if (!sendAll(sending.data(), sending.size())) return;
-        sending.clear();
-        lock.lock();
-    }
-}
-
-bool PacketLink::sendAll(const unsigned char* bytes, std::size_t size) {
-    while (size > 0) {
-        const ssize_t sent = ::send(m_socket.get(), bytes, size, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR) continue;
-        if (sent <= 0) {
-            close(std::string("the other end is gone: ") + std::strerror(errno));
-            return false;
-        }
-        bytes += sent;
-        size -= static_cast<std::size_t>(sent);
-    }
-    return true;
 }
 
 void PacketLink::readLoop(const Receiver& receive) {

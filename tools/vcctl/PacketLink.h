@@ -2,15 +2,14 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Descriptor.h"
+#include "LocalMutex.h"
 
 namespace vcctl {
 
@@ -18,8 +17,9 @@ namespace vcctl {
 // A length outside [minPacket, maxPacket] ends the connection: the other end is not a host of the
 // same kind.
 //
-// A writer thread sends whatever is waiting with one system call; a reader thread hands on packets
-// as they come. Both end, and are joined, in end() or the destructor.
+// send() writes to the socket on the caller's thread, one system call for the packets of a short
+// message or for some 32 KiB of a longer one, and waits while the socket is full. A reader thread
+// hands on packets as they come; it is joined in end() or the destructor.
 class PacketLink {
 public:
     using Receiver = std::function<void(unsigned char* packet, std::uint32_t length)>;
@@ -30,14 +30,16 @@ public:
     };
 
     // Takes the connected socket over. `receive` runs on the reader thread; the bytes are its own
-    // to change during the call.
+    // to change during the call. Throws a std::runtime_error where the system has no descriptor or
+    // no thread left.
     PacketLink(support::Descriptor socket, Limits limits, Receiver receive);
     ~PacketLink();
     PacketLink(const PacketLink&) = delete;
     PacketLink& operator=(const PacketLink&) = delete;
 
-    // Queues one packet. Waits while more than 8 MiB wait already, so that a slow peer slows the
-    // sender and does not fill the memory. False once the link is closed. Any thread.
+    // Sends one packet, at the latest with the packet of its message that leaves last. Waits while
+    // the peer takes nothing: up to 256 KiB are on their way in either system then, and no more.
+    // False once the link is closed, which also ends the waiting. Any thread.
     bool send(const void* packet, std::uint32_t length);
 
     // Whether a whole packet has come: a stranger's connection may stay silent for ever.
@@ -54,11 +56,11 @@ public:
     std::string closeReason() const;
 
 private:
-    void writeLoop();
     void readLoop(const Receiver& receive);
     // Hands on the whole packets at the start of `bytes`; how many bytes that was.
     std::size_t deliver(unsigned char* bytes, std::size_t size, const Receiver& receive);
-    bool sendAll(const unsigned char* bytes, std::size_t size);
+    // Waits while the socket is full. False once the link is closed.
+    bool sendGathered() NORVO_REQUIRES(m_sending);
 
     const Limits m_limits;
     support::Descriptor m_socket;
@@ -66,13 +68,14 @@ private:
 
     std::atomic<bool> m_hasReceived = false;
 
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<unsigned char> m_waiting;
-    std::atomic<bool> m_closed = false;  // written under the mutex
-    std::string m_reason;
+    // Held while the socket is full: close() must not need it.
+    VDIFrameworkCommon::LocalMutex m_sending;
+    std::vector<unsigned char> m_gathered NORVO_GUARDED_BY(m_sending);
 
-    std::thread m_writer;
+    mutable VDIFrameworkCommon::LocalMutex m_mutex;
+    std::string m_reason NORVO_GUARDED_BY(m_mutex);
+    std::atomic<bool> m_closed = false;
+
     std::thread m_reader;
 };
 

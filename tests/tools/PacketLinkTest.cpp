@@ -1,0 +1,40 @@
+#include "PacketLink.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <thread>
+
+#include "Endpoint.h"
+#include "Eventually.h"
+#include "PacketHeader.h"
+
+namespace vcctl {
+namespace {
+
+TEST(PacketLink, ASenderWaitsForAPeerThatTakesNothingUntilTheLinkIsClosed) {
+    const auto listener = Endpoint::parse("127.0.0.1:0", false).listen();
+    const auto place = "127.0.0.1:" + std::to_string(boundPort(listener.get()));
+    PacketLink link(Endpoint::parse(place, false).connect(), {24, 1500}, [](auto...) {});
+    const auto peer = acceptFrom(listener.get());
+
+    std::array<unsigned char, 1500> packet{};
+    std::atomic<std::size_t> sent = 0;
+    std::thread sender([&] {
+        while (link.send(packet.data(), packet.size())) sent += packet.size();
+    });
+    std::size_t before = 1;
+    EXPECT_TRUE(testsupport::eventually([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return std::exchange(before, sent.load()) == sent.load();
+    })) << "it never waits";
+    EXPECT_LT(sent.load(), 2U << 20);
+
+    link.close("enough");
+    sender.join();
+    EXPECT_EQ(link.closeReason(), "enough");
+}
+
+}  // namespace
+}  // namespace vcctl
