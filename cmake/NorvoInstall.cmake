@@ -50,6 +50,7 @@ norvo_install_package(NorvoStreamClient
     TARGETS NorvoStreamClient NorvoStreamClientStatic
     HEADERS ${PROJECT_SOURCE_DIR}/src/StreamClient/NorvoStreamClient.h
             ${PROJECT_SOURCE_DIR}/src/StreamClient/NorvoStreamClientC.h
+            ${PROJECT_SOURCE_DIR}/src/StreamClient/NorvoStreamClientStatus.h
     PRIVATE_LIBS "${private_libs}")
 
 if(TARGET vcctl)

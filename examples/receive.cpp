@@ -7,6 +7,7 @@ int main() {
     NorvoStreamClient::Client client;
     const auto basic = client.openStream("Basic", NorvoStreamClient::Direction::Read);
     std::string message;
-    if (!basic || !basic->read(message, std::chrono::seconds(30))) return 1;
-    std::cout << message << std::endl;
+    const auto done = basic->read(message, std::chrono::seconds(30));
+    (done ? std::cout : std::cerr) << (done ? message : done.text()) << std::endl;
+    return done ? 0 : 1;
 }

@@ -40,12 +40,12 @@ std::string requestText(const NamedEntry& stream) {
 
 }  // namespace
 
-bool AgentView::addStream(const std::string& name, Direction direction, unsigned int capacity) {
+Status AgentView::addStream(const std::string& name, Direction direction, unsigned int capacity) {
     LocalLock lock(m_mutex);
-    if (m_closed) return false;
-    const bool added = m_streams.try_emplace(name, Entry{direction, capacity}).second;
-    if (added) m_changed.notify_all();
-    return added;
+    if (m_closed) return Reason::Closed;
+    if (!m_streams.try_emplace(name, Entry{direction, capacity}).second) return Reason::AlreadyOpen;
+    m_changed.notify_all();
+    return {};
 }
 
 void AgentView::removeStream(const std::string& name) {
@@ -54,58 +54,77 @@ void AgentView::removeStream(const std::string& name) {
     m_changed.notify_all();
 }
 
-bool AgentView::isUp(const std::string& name) const {
-    LocalLock lock(m_mutex);
-    const auto found = m_streams.find(name);
-    return !m_closed && m_connected && found != m_streams.end() && found->second.up;
+Status AgentView::connectionStanding() const {
+    if (m_closed) return Reason::Closed;
+    if (!m_state.isThere()) return Reason::NoAgent;
+    return m_state.isConnected() ? Status() : Reason::NotConnected;
 }
 
-bool AgentView::waitUntilUp(const std::string& name, Clock::time_point deadline) const {
+Status AgentView::standingOf(const std::string& name) const {
+    const auto found = m_streams.find(name);
+    if (found == m_streams.end()) return Reason::Closed;
+    const Status connection = connectionStanding();
+    if (!connection || found->second.up) return connection;
+    return found->second.otherDirection ? Reason::InUseOtherDirection : Reason::NotTakenUp;
+}
+
+Status AgentView::standing(const std::string& name) const {
+    LocalLock lock(m_mutex);
+    return standingOf(name);
+}
+
+Status AgentView::waitUntilUp(const std::string& name, Clock::time_point deadline) const {
     LocalLock lock(m_mutex);
     for (;;) {
-        const auto found = m_streams.find(name);
-        if (m_closed || found == m_streams.end()) return false;
-        if (m_connected && found->second.up) return true;
-        if (Clock::now() >= deadline) return false;
+        Status now = standingOf(name);
+        const bool mayComeUp = now.reason() == Reason::NoAgent ||
+                               now.reason() == Reason::NotConnected ||
+                               now.reason() == Reason::NotTakenUp;
+        if (!mayComeUp || Clock::now() >= deadline) return now;
         m_changed.wait_until(m_mutex, deadline);
     }
 }
 
 bool AgentView::isConnected() const {
     LocalLock lock(m_mutex);
-    return m_connected && !m_closed;
+    return static_cast<bool>(connectionStanding());
 }
 
-bool AgentView::waitUntilConnected(Clock::time_point deadline) const {
+Status AgentView::waitUntilConnected(Clock::time_point deadline) const {
     LocalLock lock(m_mutex);
-    while (!m_closed && !m_connected && Clock::now() < deadline)
+    while (!m_closed && !m_state.isConnected() && Clock::now() < deadline)
         m_changed.wait_until(m_mutex, deadline);
-    return m_connected && !m_closed;
+    return connectionStanding();
 }
 
-unsigned int AgentView::agentProcessId() const {
+Status AgentView::agentStanding() const {
     LocalLock lock(m_mutex);
-    return m_agentPid;
+    if (m_closed) return Reason::Closed;
+    return m_state.isThere() ? Status() : Reason::NoAgent;
+}
+
+AgentView::Agent AgentView::agent() const {
+    LocalLock lock(m_mutex);
+    return {m_state.processId(), m_state.generation()};
 }
 
 AgentView::Heard AgentView::hear(const Notification& notification, Clock::time_point now) {
     LocalLock lock(m_mutex);
-    m_agentThere = true;
     m_lastHeard = now;
     m_nextSignOfLife = now + kSignOfLifePause;
-    Heard heard{std::nullopt, true};
+    Heard heard{apply(AgentState::Event::Answers), true};
     if (notification.name == "ChannelUp") {
-        heard.connectionChange = setConnected(true);
+        heard.connectionChange = apply(AgentState::Event::ChannelUp);
         askForAllAgain();
     } else if (notification.name == "ChannelDown") {
-        heard.connectionChange = setConnected(false);
+        heard.connectionChange = apply(AgentState::Event::ChannelDown);
     } else if (notification.name == "VCProcessId") {
-        const unsigned int known = m_agentPid;
+        const unsigned int known = m_state.processId();
         heard.connectionChange = hearProcessId(notification, now);
-        heard.isNews = known != m_agentPid || heard.connectionChange || m_expectsProcessId;
+        heard.isNews = known != m_state.processId() || heard.connectionChange || m_expectsProcessId;
         m_expectsProcessId = false;
     } else if (notification.name == "StreamUp") {
-        hearStreamUp(notification);
+        hearStreamUp(notification, now);
     }
     m_changed.notify_all();
     return heard;
@@ -114,25 +133,24 @@ AgentView::Heard AgentView::hear(const Notification& notification, Clock::time_p
 std::optional<bool> AgentView::hearProcessId(const Notification& notification,
                                              Clock::time_point now) {
     if (notification.fields.size() < 2) return std::nullopt;
-    const unsigned int pid = VDIFrameworkCommon::toUnsignedInt(notification.fields[0]);
-    const bool connected = notification.fields[1] == "1";
-    if (pid != m_agentPid) {
-        m_agentPid = pid;
-        askForAllAgain();
-    } else if (connected != m_connected && !m_inDoubt) {
-        m_inDoubt = true;
-        m_nextProcessId = now + kDoubtPause;
-        return std::nullopt;
-    }
-    return setConnected(connected);
+    const unsigned int before = m_state.processId();
+    const bool wasDoubted = m_state.isDoubted();
+    const auto change = m_state.hearProcess(
+        VDIFrameworkCommon::toUnsignedInt(notification.fields[0]), notification.fields[1] == "1");
+    if (m_state.isDoubted() && !wasDoubted) m_nextProcessId = now + kDoubtPause;
+    return follow(change, before);
 }
 
-void AgentView::hearStreamUp(const Notification& notification) {
+void AgentView::hearStreamUp(const Notification& notification, Clock::time_point now) {
     if (notification.fields.size() < 2) return;
+    // Whoever called the roll, all hear the answers.
+    m_nextRollCall = std::max(m_nextRollCall, now + m_rollCallPause);
     const auto found = m_streams.find(notification.fields[0]);
     if (found == m_streams.end()) return;
     const bool reads = notification.fields[1] == "READ";
-    if ((found->second.direction == Direction::Read) == reads) found->second.up = true;
+    Entry& entry = found->second;
+    entry.up = (entry.direction == Direction::Read) == reads;
+    entry.otherDirection = !entry.up;
 }
 
 void AgentView::expectProcessId() {
@@ -140,17 +158,20 @@ void AgentView::expectProcessId() {
     m_expectsProcessId = true;
 }
 
-std::optional<bool> AgentView::setConnected(bool connected) {
-    m_inDoubt = false;
-    if (m_connected == connected) return std::nullopt;
-    m_connected = connected;
-    askForAllAgain();
-    return connected;
+std::optional<bool> AgentView::apply(AgentState::Event event) {
+    const unsigned int before = m_state.processId();
+    return follow(m_state.apply(event), before);
+}
+
+std::optional<bool> AgentView::follow(std::optional<bool> change, unsigned int processIdBefore) {
+    if (change || m_state.processId() != processIdBefore) askForAllAgain();
+    return change;
 }
 
 void AgentView::askForAllAgain() {
     for (auto& [name, entry] : m_streams) {
         entry.up = false;
+        entry.otherDirection = false;
         entry.nextRequest = {};
     }
     callTheRollSoon();
@@ -162,16 +183,17 @@ void AgentView::callTheRollSoon() {
 }
 
 bool AgentView::wantsRollCall() const {
-    return m_connected && std::any_of(m_streams.begin(), m_streams.end(),
-                                      [](const auto& entry) { return !entry.second.up; });
+    return m_state.isConnected() && std::any_of(m_streams.begin(), m_streams.end(),
+                                                [](const auto& entry) { return !entry.second.up; });
 }
 
 std::chrono::milliseconds AgentView::patience() const {
-    return m_agentThere ? kPatience : kPatienceWithTheAbsent;
+    return m_state.isThere() ? kPatience : kPatienceWithTheAbsent;
 }
 
 void AgentView::noticeStandstill(Clock::time_point now) {
-    if (m_lastLook != Clock::time_point{} && now - m_lastLook > kStandstill) m_agentPid = 0;
+    if (m_lastLook != Clock::time_point{} && now - m_lastLook > kStandstill)
+        m_state.forgetProcess();
     m_lastLook = now;
 }
 
@@ -182,7 +204,7 @@ std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
         m_nextProcessId = now + kProcessIdPause;
         return Due{"RequestVCProcessId", {}, patience(), now};
     }
-    if (!m_agentThere) return std::nullopt;
+    if (!m_state.isThere()) return std::nullopt;
     for (const auto& stream : m_streams) {
         if (stream.second.up || stream.second.nextRequest > now) continue;
         return Due{requestText(stream), stream.first, patience(), now};
@@ -200,7 +222,7 @@ std::optional<bool> AgentView::finished(const Due& request, bool taken, Clock::t
     LocalLock lock(m_mutex);
     // An agent that starts drops what lies in its segment, and is heard all the same.
     if (!taken) return m_lastHeard > request.since ? std::nullopt : losesAgent(now);
-    m_agentThere = true;
+    apply(AgentState::Event::Answers);
     m_nextSignOfLife = now + kSignOfLifePause;
     const auto found = m_streams.find(request.stream);
     // A stream that was closed meanwhile may have been opened anew, as another one.
@@ -212,10 +234,8 @@ std::optional<bool> AgentView::finished(const Due& request, bool taken, Clock::t
 }
 
 std::optional<bool> AgentView::losesAgent(Clock::time_point now) {
-    m_agentThere = false;
-    m_agentPid = 0;
     m_nextProcessId = now + kProcessIdPause;
-    const auto change = setConnected(false);
+    const auto change = apply(AgentState::Event::Silent);
     askForAllAgain();
     m_changed.notify_all();
     return change;
@@ -229,7 +249,7 @@ void AgentView::suspect() {
 
 Clock::time_point AgentView::nextDue() const {
     auto next = wantsProcessId() ? m_nextProcessId : Clock::time_point::max();
-    if (!m_agentThere) return next;
+    if (!m_state.isThere()) return next;
     next = std::min(next, m_nextSignOfLife);
     for (const auto& [name, entry] : m_streams) {
         if (!entry.up) next = std::min(next, entry.nextRequest);

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "AgentState.h"
 #include "LocalMutex.h"
 #include "NorvoStreamClient.h"
 
@@ -16,13 +17,9 @@ using Clock = std::chrono::steady_clock;
 // and from which requests the agent took, and what it should ask next. Knows no segment and no
 // thread: both are its users'. Thread-safe.
 //
-// An agent shows that it is there by taking requests. One that leaves a request lie is gone: the
-// connection ends, every stream is down, and a probe is made from time to time until an agent takes
-// it. All that this process wants is then asked for again.
-//
-// "VCProcessId" says whether the agents are connected, but may have been composed just before they
-// found or lost each other and arrive just after the news of that: where it contradicts what is
-// known of the same agent, it is believed when a second one says the same.
+// An agent shows that it is there by taking requests. An agent that does not take a request is
+// considered gone: the connection ends, every stream is down, and a probe is made from time to time
+// until an agent takes it. All that this process wants is then asked for again.
 class AgentView {
 public:
     // Something to send to the agent now; an empty text is a mere sign of life.
@@ -37,15 +34,28 @@ public:
         bool isNews;                           // worth telling to the program
     };
 
-    // False when the name is taken, or after close().
-    bool addStream(const std::string& name, Direction direction, unsigned int capacity);
+    struct Agent {
+        unsigned int processId;
+        unsigned int generation;  // grows whenever the agent was lost or replaced
+    };
+
+    // AlreadyOpen or Closed when it fails.
+    Status addStream(const std::string& name, Direction direction, unsigned int capacity);
     void removeStream(const std::string& name);
 
-    bool isUp(const std::string& name) const;
-    bool waitUntilUp(const std::string& name, Clock::time_point deadline) const;
+    bool isUp(const std::string& name) const { return static_cast<bool>(standing(name)); }
+    // No failure when the stream is up, otherwise what it lacks: InUseOtherDirection, NoAgent,
+    // NotConnected, NotTakenUp or Closed.
+    Status standing(const std::string& name) const;
+    // Waits until the stream is up, is found to be in use in the other direction, or is closed.
+    Status waitUntilUp(const std::string& name, Clock::time_point deadline) const;
     bool isConnected() const;
-    bool waitUntilConnected(Clock::time_point deadline) const;
-    unsigned int agentProcessId() const;
+    // NoAgent, NotConnected or Closed when it fails.
+    Status waitUntilConnected(Clock::time_point deadline) const;
+    // NoAgent or Closed; no failure when an agent is there.
+    Status agentStanding() const;
+    Agent agent() const;
+    unsigned int agentProcessId() const { return agent().processId; }
 
     Heard hear(const Notification& notification, Clock::time_point now);
     // The program asks for the process ID itself: the answer is news even if it is the known one.
@@ -69,20 +79,28 @@ private:
         Direction direction;
         unsigned int capacity;
         bool up = false;
+        bool otherDirection = false;      // so the agents carry it
         Clock::time_point nextRequest{};  // while not up; long ago: at once
     };
 
-    std::optional<bool> setConnected(bool connected) NORVO_REQUIRES(m_mutex);
+    // After each change of the state: what this process wants is asked for again if the connection
+    // changed or another agent is there.
+    std::optional<bool> follow(std::optional<bool> change, unsigned int processIdBefore)
+        NORVO_REQUIRES(m_mutex);
+    std::optional<bool> apply(AgentState::Event event) NORVO_REQUIRES(m_mutex);
+    Status standingOf(const std::string& name) const NORVO_REQUIRES(m_mutex);
+    Status connectionStanding() const NORVO_REQUIRES(m_mutex);
     std::optional<bool> hearProcessId(const Notification& notification, Clock::time_point now)
         NORVO_REQUIRES(m_mutex);
-    void hearStreamUp(const Notification& notification) NORVO_REQUIRES(m_mutex);
+    void hearStreamUp(const Notification& notification, Clock::time_point now)
+        NORVO_REQUIRES(m_mutex);
     std::optional<bool> losesAgent(Clock::time_point now) NORVO_REQUIRES(m_mutex);
     void askForAllAgain() NORVO_REQUIRES(m_mutex);
     void callTheRollSoon() NORVO_REQUIRES(m_mutex);
     void noticeStandstill(Clock::time_point now) NORVO_REQUIRES(m_mutex);
     bool wantsRollCall() const NORVO_REQUIRES(m_mutex);
     bool wantsProcessId() const NORVO_REQUIRES(m_mutex) {
-        return !m_agentThere || !m_agentPid || m_inDoubt;
+        return !m_state.isThere() || m_state.processId() == 0 || m_state.isDoubted();
     }
     Clock::time_point nextDue() const NORVO_REQUIRES(m_mutex);
     std::chrono::milliseconds patience() const NORVO_REQUIRES(m_mutex);
@@ -91,10 +109,7 @@ private:
     mutable VDIFrameworkCommon::LocalCondition m_changed;
     std::map<std::string, Entry> m_streams NORVO_GUARDED_BY(m_mutex);
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
-    bool m_agentThere NORVO_GUARDED_BY(m_mutex) = false;
-    bool m_connected NORVO_GUARDED_BY(m_mutex) = false;
-    bool m_inDoubt NORVO_GUARDED_BY(m_mutex) = false;  // of m_connected
-    unsigned int m_agentPid NORVO_GUARDED_BY(m_mutex) = 0;
+    AgentState m_state NORVO_GUARDED_BY(m_mutex);
     bool m_expectsProcessId NORVO_GUARDED_BY(m_mutex) = false;
     Clock::time_point m_nextProcessId NORVO_GUARDED_BY(m_mutex){};
     Clock::time_point m_lastHeard NORVO_GUARDED_BY(m_mutex){};

@@ -65,6 +65,7 @@ Client::Impl::Impl(Options options)
         startThreads();
     } catch (const std::system_error& failure) {
         NORVO_LOG(Error, "cannot start the client's threads: ", failure.what());
+        m_start = Status(Reason::SystemError, failure.code().value());
         close();
     }
 }
@@ -76,6 +77,7 @@ void Client::Impl::joinInfoSegments() {
     if (m_listens) {
         m_info->subscribeObserver(this);
     } else {
+        m_start = Reason::SystemError;
         NORVO_LOG(Error, "cannot listen to the agent, no segment ", name);
     }
 }
@@ -86,16 +88,22 @@ void Client::Impl::startThreads() {
         m_teller = std::thread([this] { tellLoop(); });
 }
 
-void Client::Impl::close() {
+Status Client::Impl::status() const {
+    if (!m_start) return m_start;
+    return m_closed ? Reason::Closed : Status();
+}
+
+Status Client::Impl::close() {
+    if (isForkedChild()) return {};
     if (std::this_thread::get_id() == m_tellerId.load()) {
         NORVO_LOG(Error, "a client cannot be closed from its own callback");
-        return;
+        return Reason::InvalidArgument;
     }
     LocalLock closing(m_closeMutex);
     std::vector<std::weak_ptr<Stream::Impl>> streams;
     {
         LocalLock lock(m_mutex);
-        if (m_closed) return;
+        if (m_closed) return {};
         m_closed = true;
         streams.swap(m_streams);
     }
@@ -106,6 +114,11 @@ void Client::Impl::close() {
     for (const auto& stream : streams) {
         if (const auto open = stream.lock()) open->close();
     }
+    join();
+    return {};
+}
+
+void Client::Impl::join() {
     if (m_asker.joinable()) m_asker.join();
     if (m_info) m_info->unsubscribeAllObservers();
     if (m_listens) m_info->Close();
@@ -165,53 +178,67 @@ void Client::Impl::tell(const News& news) const {
     }
 }
 
-bool Client::Impl::nextNotification(Notification& notification, Clock::time_point deadline) {
+Status Client::Impl::nextNotification(Notification& notification, Clock::time_point deadline) {
+    if (m_options.onNotification) return Reason::InvalidArgument;
     News news;
-    if (!m_toCollect.take(news, deadline)) return false;
+    if (!m_toCollect.take(news, deadline)) return m_closed ? Reason::Closed : Reason::Timeout;
     notification = std::get<Notification>(std::move(news));
-    return true;
+    return {};
 }
 
-bool Client::Impl::request(const std::string& operation, const std::vector<std::string>& fields,
-                           Clock::time_point deadline) {
+Status Client::Impl::request(const std::string& operation, const std::vector<std::string>& fields,
+                             Clock::time_point deadline) {
     const std::string text = textOf(operation, fields);
-    if (operation.empty() || text.size() > kInfoSegmentSize) {
-        NORVO_LOG(Warning, "a request of ", text.size(), " bytes is not possible");
-        return false;
-    }
+    if (operation.empty()) return Reason::InvalidArgument;
+    if (text.size() > kInfoSegmentSize) return Reason::TooLong;
+    if (m_closed) return Reason::Closed;
     if (operation == "RequestVCProcessId") m_view->expectProcessId();
-    return m_requests.send(text, deadline);
+    if (m_requests.send(text, deadline)) return {};
+    const Status agent = m_view->agentStanding();
+    return agent ? Reason::Timeout : agent;
 }
 
-std::shared_ptr<Stream> Client::Impl::openStream(const std::string& name, Direction direction,
-                                                 unsigned int capacity) {
+std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, Direction direction,
+                                                       unsigned int capacity) {
+    const auto failed = [&](Status why) {
+        NORVO_LOG(Warning, "cannot open the stream '", name, "' with the capacity ", capacity, ": ",
+                  why.text());
+        return std::make_shared<Stream::Impl>(name, direction, why);
+    };
     if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) || capacity == 0 ||
         capacity > kLargestCapacity) {
-        NORVO_LOG(Warning, "no stream can have the name '", name, "' and the capacity ", capacity);
-        return nullptr;
+        return failed(Reason::InvalidArgument);
     }
     LocalLock lock(m_mutex);
-    if (m_closed || !m_view->addStream(name, direction, capacity)) {
-        NORVO_LOG(Warning, "the stream is open already, or its client is closed: ", name);
-        return nullptr;
-    }
+    if (const Status added = m_view->addStream(name, direction, capacity); !added)
+        return failed(added);
     auto impl = std::make_shared<Stream::Impl>(name, direction, m_view);
-    if (!impl->setUp(capacity)) return nullptr;
+    if (const Status ready = impl->setUp(capacity); !ready) return failed(ready);
     std::erase_if(m_streams, [](const auto& stream) { return stream.expired(); });
     m_streams.push_back(impl);
-    return std::shared_ptr<Stream>(new Stream(std::move(impl)));
+    return impl;
+}
+
+OpenedStream Client::Impl::openStream(const std::string& name, Direction direction,
+                                      unsigned int capacity) {
+    auto impl = makeStream(name, direction, capacity);
+    const Status status = impl->status();
+    return {std::shared_ptr<Stream>(new Stream(std::move(impl))), status};
 }
 
 Client::Client(Options options) : m_impl(std::make_shared<Impl>(std::move(options))) {}
-Client::~Client() { close(); }
+Client::~Client() {
+    close();
+    leaveToParent(m_impl);
+}
 
-std::shared_ptr<Stream> Client::openStream(const std::string& name, Direction direction,
-                                           unsigned int capacity) {
+OpenedStream Client::openStream(const std::string& name, Direction direction,
+                                unsigned int capacity) {
     return m_impl->openStream(name, direction, capacity);
 }
-bool Client::isListening() const { return m_impl->isListening(); }
+Status Client::status() const { return m_impl->status(); }
 bool Client::isConnected() const { return m_impl->view().isConnected(); }
-bool Client::waitUntilConnected(std::chrono::milliseconds timeout) {
+Status Client::waitUntilConnected(std::chrono::milliseconds timeout) {
     return m_impl->view().waitUntilConnected(deadlineAfter(timeout));
 }
 unsigned int Client::agentProcessId() const { return m_impl->view().agentProcessId(); }
@@ -220,13 +247,13 @@ bool Client::isPossibleRequest(const std::string& operation,
     return !operation.empty() && textOf(operation, fields).size() <= kInfoSegmentSize;
 }
 
-bool Client::request(const std::string& operation, const std::vector<std::string>& fields,
-                     std::chrono::milliseconds timeout) {
+Status Client::request(const std::string& operation, const std::vector<std::string>& fields,
+                       std::chrono::milliseconds timeout) {
     return m_impl->request(operation, fields, deadlineAfter(timeout));
 }
-bool Client::nextNotification(Notification& notification, std::chrono::milliseconds timeout) {
+Status Client::nextNotification(Notification& notification, std::chrono::milliseconds timeout) {
     return m_impl->nextNotification(notification, deadlineAfter(timeout));
 }
-void Client::close() { m_impl->close(); }
+Status Client::close() { return m_impl->close(); }
 
 }  // namespace NorvoStreamClient

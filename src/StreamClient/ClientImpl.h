@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "AgentView.h"
+#include "ForkGuard.h"
 #include "NewsQueue.h"
 #include "NorvoStreamClient.h"
 #include "RequestWriter.h"
@@ -24,14 +25,14 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    std::shared_ptr<Stream> openStream(const std::string& name, Direction direction,
-                                       unsigned int capacity);
-    bool request(const std::string& operation, const std::vector<std::string>& fields,
-                 Clock::time_point deadline);
-    bool nextNotification(Notification& notification, Clock::time_point deadline);
-    bool isListening() const { return m_listens; }
+    OpenedStream openStream(const std::string& name, Direction direction, unsigned int capacity);
+    Status request(const std::string& operation, const std::vector<std::string>& fields,
+                   Clock::time_point deadline);
+    Status nextNotification(Notification& notification, Clock::time_point deadline);
+    Status status() const;
     const AgentView& view() const { return *m_view; }
-    void close();
+    Status close();
+    bool isForkedChild() const { return m_process.isForkedChild(); }
 
     void onNewMessageReceived(std::string message, SharedMemoryI* source) override;
 
@@ -41,6 +42,9 @@ private:
     void askLoop();
     void tellLoop();
     void tell(const News& news) const;
+    void join();
+    std::shared_ptr<Stream::Impl> makeStream(const std::string& name, Direction direction,
+                                             unsigned int capacity);
     void announce(bool connected);
 
     const Options m_options;
@@ -48,12 +52,14 @@ private:
     RequestWriter m_requests;
     std::shared_ptr<SharedMemoryI> m_info;
     std::atomic<bool> m_listens = false;
+    Status m_start;  // how setting up ended; written by the constructor alone
+    const ForkGuard m_process;
     NewsQueue m_toTell;     // for the callbacks
     NewsQueue m_toCollect;  // for nextNotification
 
     VDIFrameworkCommon::LocalMutex m_mutex;
     std::vector<std::weak_ptr<Stream::Impl>> m_streams NORVO_GUARDED_BY(m_mutex);
-    bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
+    std::atomic<bool> m_closed = false;  // set under m_mutex
 
     VDIFrameworkCommon::LocalMutex m_closeMutex;  // a second close waits for the first
     std::thread m_asker;

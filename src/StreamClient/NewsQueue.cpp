@@ -4,21 +4,34 @@ namespace NorvoStreamClient {
 
 using VDIFrameworkCommon::LocalLock;
 
-void NewsQueue::add(News news) {
+void NewsQueue::add(Notification notification) {
     LocalLock lock(m_mutex);
     if (m_closed) return;
-    if (m_waiting.size() >= kMost) m_waiting.pop_front();
-    m_waiting.push_back(std::move(news));
+    if (m_notifications.size() >= kMostNotifications) m_notifications.pop_front();
+    m_notifications.push_back(std::move(notification));
+    m_changed.notify_one();
+}
+
+void NewsQueue::add(bool connected) {
+    LocalLock lock(m_mutex);
+    if (m_closed) return;
+    if (m_changes.size() >= kMostChanges) m_changes.erase(m_changes.begin(), m_changes.begin() + 2);
+    m_changes.push_back(connected);
     m_changed.notify_one();
 }
 
 bool NewsQueue::take(News& news, Clock::time_point deadline) {
     LocalLock lock(m_mutex);
-    while (m_waiting.empty() && !m_closed && Clock::now() < deadline)
+    while (isEmpty() && !m_closed && Clock::now() < deadline)
         m_changed.wait_until(m_mutex, deadline);
-    if (m_waiting.empty()) return false;
-    news = std::move(m_waiting.front());
-    m_waiting.pop_front();
+    if (isEmpty()) return false;
+    if (!m_changes.empty()) {
+        news = m_changes.front();
+        m_changes.pop_front();
+    } else {
+        news = std::move(m_notifications.front());
+        m_notifications.pop_front();
+    }
     return true;
 }
 

@@ -2,14 +2,23 @@
 //
 //     NorvoStreamClient::Client client;
 //     auto out = client.openStream("Media", NorvoStreamClient::Direction::Write);
-//     if (!out || !out->write("hello", 5, std::chrono::seconds(5))) return 1;
+//     const auto done = out->write("hello", 5, std::chrono::seconds(5));
+//     if (!done) std::cerr << done.text() << '\n';
 //
 // The agent that serves the streams lives in the remote-desktop client's process, of the same user
 // and the same session namespace (NORVO_VDI_NAMESPACE). It may start, end and come back at any
 // time: streams that are open here are asked for again by themselves.
 //
-// No function throws. Everything here may be called from several threads at once; the objects may
-// be closed and destroyed from any thread but a callback's own.
+// A call that fails says why (Status). Any call answers Closed once its object or client is closed,
+// and NoMemory when memory runs out in the system; the other reasons are listed with each call. No
+// function throws, except std::bad_alloc where this process has no memory left.
+//
+// Everything here may be called from several threads at once; the objects may be closed and
+// destroyed from any thread but a callback's own.
+//
+// The client's threads do not live on in a child made by fork(): there its objects can only be
+// closed and destroyed, which then leaves everything to the parent. A child that wants a client
+// makes one of its own.
 #pragma once
 
 #include <chrono>
@@ -19,7 +28,7 @@
 #include <string>
 #include <vector>
 
-#define NORVO_STREAM_CLIENT_API __attribute__((visibility("default")))
+#include "NorvoStreamClientStatus.h"
 
 namespace NorvoStreamClient {
 
@@ -38,19 +47,26 @@ struct Options {
     std::string clientName = "NorvoCrews";
     // Called for every notification, on a thread of the client's own; may use the client and its
     // streams, and take its time (1024 calls may wait, then the oldest is dropped), but not close
-    // or destroy the client. The first call may come before the constructor has returned. Empty:
-    // the notifications wait for nextNotification().
+    // or destroy the client. What it throws is logged. The first call may come before the
+    // constructor has returned. Empty: the notifications wait for nextNotification().
     std::function<void(const Notification&)> onNotification;
     // Called when the two agents find or lose each other, and within a few seconds when this end's
-    // agent goes away without a word; on the same thread and with the same limits.
+    // agent goes away without a word; on the same thread, with the same rules. No change is
+    // dropped, except that a loss and the return after it may be left out together while more than
+    // 64 changes wait.
     std::function<void(bool connected)> onConnectionChange;
 };
 
 inline constexpr unsigned int kDefaultCapacity = 65536;  // bytes
 
 // One direction of one named stream. Obtained from Client::openStream; may outlive its client, and
-// is then closed. Reads on several threads take turns, and so do writes: what is said of a timeout
-// holds from the call's turn on.
+// is then closed. Reads on several threads take turns, and so do writes: what is said of a time-out
+// holds from the call's turn on. A call may overrun its time-out by up to 2 s while another process
+// holds the segment's lock.
+//
+// Where a call waits for the stream to be up, it fails with what the stream lacked when the time
+// was over: NoAgent, NotConnected or NotTakenUp. InUseOtherDirection does not wait for the end of
+// time.
 class NORVO_STREAM_CLIENT_API Stream {
 public:
     ~Stream();
@@ -62,26 +78,29 @@ public:
 
     // True while both agents serve the stream and are connected.
     bool isUp() const;
-    // Waits until it is. False when `timeout` passed first, or the stream was closed.
-    bool waitUntilUp(std::chrono::milliseconds timeout);
+    // Waits until it is. NoAgent, NotConnected, NotTakenUp, InUseOtherDirection.
+    Status waitUntilUp(std::chrono::milliseconds timeout);
 
-    // Hands one message of `length` bytes (an empty one is nothing, and true) to the agent. Waits,
-    // up to `timeout` in all, for the stream to be up and for the agent to take what was written
-    // before. True when the whole message is in the segment. After false the message may have been
-    // written in part; the reader then drops it. Always false for a Read stream.
-    bool write(const void* data, std::size_t length, std::chrono::milliseconds timeout);
+    // Hands one message of `length` bytes to the agent; an empty message is not sent, and no
+    // failure. Waits, up to `timeout` in all, for the stream to be up and for the agent to take
+    // what was written before. No failure once the whole message is in the segment. After a failure
+    // the message may have been written in part; the reader then drops it. Those of waitUntilUp();
+    // Timeout: the agent does not take what was written before; TooLong: 4 GiB or more;
+    // InvalidArgument: a Read stream, or no data.
+    Status write(const void* data, std::size_t length, std::chrono::milliseconds timeout);
 
-    // Waits until the agent has taken everything that was written, so that this process may end.
-    // False when `timeout` (which may be overrun by 2 s while another process holds the segment)
-    // passed first, or the stream was closed. At once true for a Read stream.
-    bool flush(std::chrono::milliseconds timeout);
+    // Waits until the agent has taken everything that was written since the last flush, so that
+    // this process may end. At once done for a Read stream. Timeout; PeerGone: the agent was lost
+    // or replaced since the write, which may be lost with it.
+    Status flush(std::chrono::milliseconds timeout);
 
-    // Takes the next message, waiting for it up to `timeout`. False, with `message` empty, when
-    // none came, the stream was closed, or it is a Write stream. What has come of a message that is
-    // not whole yet is kept for the next call.
-    bool read(std::string& message, std::chrono::milliseconds timeout);
+    // Takes the next message, waiting for it up to `timeout`. `message` is empty after a failure.
+    // What has come of a message that is not whole yet is kept for the next call.
+    // Timeout: the stream is up, and nothing came; those of waitUntilUp(): it is not up, and
+    // nothing came; InvalidArgument: a Write stream.
+    Status read(std::string& message, std::chrono::milliseconds timeout);
 
-    // Ends waits on other threads; afterwards every call answers false. The agent keeps its end.
+    // Ends waits on other threads; afterwards every call fails. The agent keeps its end.
     void close();
 
     class __attribute__((visibility("hidden"))) Impl;
@@ -90,6 +109,27 @@ private:
     friend class Client;
     explicit Stream(std::shared_ptr<Impl> impl);
     std::shared_ptr<Impl> m_impl;
+};
+
+// What opening gave: a stream, or the reason why there is none. It can be used as a pointer either
+// way: the calls on a stream that could not be opened fail with the reason for that.
+class OpenedStream {
+public:
+    OpenedStream(std::shared_ptr<Stream> stream, Status status)
+        : m_stream(std::move(stream)), m_status(status) {}
+
+    explicit operator bool() const { return static_cast<bool>(m_status); }
+    const Status& status() const { return m_status; }
+    Stream* operator->() const { return m_stream.get(); }
+    Stream& operator*() const { return *m_stream; }
+    // Never null.
+    operator const std::shared_ptr<Stream>&() const { return m_stream; }
+    // Closes the stream, unless it is held elsewhere.
+    void reset() { m_stream.reset(); }
+
+private:
+    std::shared_ptr<Stream> m_stream;
+    Status m_status;
 };
 
 class NORVO_STREAM_CLIENT_API Client {
@@ -102,40 +142,46 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // Opens the stream `name` (1 to 64 letters, digits, '-', '_' and '.') with a segment of
-    // `capacity` bytes (1 to 64 MiB), and asks the agent for its end; the answer is not waited for.
-    // Both ends of a segment must give the same capacity. Empty when the name or capacity is not
-    // possible, the segment cannot be made (see the log), this client has the stream open already,
-    // or it is closed.
-    std::shared_ptr<Stream> openStream(const std::string& name, Direction direction,
-                                       unsigned int capacity = kDefaultCapacity);
+    // Opens the stream `name` (1 to 64 letters, digits, '-', '_' and '.', the first no '.') with a
+    // segment of `capacity` bytes (1 to 64 MiB), and asks the agent for its end; the answer is not
+    // waited for.
+    // InvalidArgument: the name or capacity is not possible; AlreadyOpen; the segment cannot be set
+    // up: CapacityMismatch, NoSpace, NoPermission or SystemError.
+    OpenedStream openStream(const std::string& name, Direction direction,
+                            unsigned int capacity = kDefaultCapacity);
 
-    // False when the agent cannot be heard, because its segment could not be opened or no thread
-    // be started: the log says why.
-    bool isListening() const;
+    // No failure while the agent can be heard if there is one. Otherwise why its segment could not
+    // be opened (those of openStream()), or SystemError: no thread could be started.
+    Status status() const;
+    bool isListening() const { return static_cast<bool>(status()); }
     // True while the agents at the two ends are connected, as far as this process has heard.
     bool isConnected() const;
-    bool waitUntilConnected(std::chrono::milliseconds timeout);
+    // NoAgent or NotConnected when `timeout` passed first.
+    Status waitUntilConnected(std::chrono::milliseconds timeout);
     // The process ID that the agent reports; 0 while none has been heard of.
     unsigned int agentProcessId() const;
 
-    // Sends one request of the INFO protocol. Its answer, if it has one, is a notification. False
-    // when no agent took it within `timeout` (which may be overrun by 2 s while other processes ask
-    // an agent that has died), or when it is not possible.
-    bool request(const std::string& operation, const std::vector<std::string>& fields,
-                 std::chrono::milliseconds timeout);
+    // Sends one request of the INFO protocol. Its answer, if it has one, is a notification. No
+    // failure once an agent has taken it. `timeout` may be overrun by 2 s while other processes ask
+    // an agent that has died.
+    // NoAgent or Timeout: none took it; TooLong: more than isPossibleRequest() allows;
+    // InvalidArgument: no operation.
+    Status request(const std::string& operation, const std::vector<std::string>& fields,
+                   std::chrono::milliseconds timeout);
 
     // Whether a request has an operation and fits (10240 bytes with what parts its fields).
     static bool isPossibleRequest(const std::string& operation,
                                   const std::vector<std::string>& fields);
 
     // The next notification in order, waiting for it up to `timeout`. At most 1024 wait, then the
-    // oldest is dropped. Not with Options::onNotification, which takes them all.
-    bool nextNotification(Notification& notification, std::chrono::milliseconds timeout);
+    // oldest is dropped.
+    // Timeout; InvalidArgument: Options::onNotification takes them all.
+    Status nextNotification(Notification& notification, std::chrono::milliseconds timeout);
 
     // Ends every wait, closes the streams and joins the client's threads, which may take as long as
     // the callbacks that are under way and still to come. May be called twice.
-    void close();
+    // InvalidArgument: in a callback of the client's own; nothing is closed then.
+    Status close();
 
     class __attribute__((visibility("hidden"))) Impl;
 

@@ -1,10 +1,11 @@
 #include "NorvoStreamClientC.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <deque>
-#include <limits>
 #include <new>
+#include <system_error>
 
 #include "LocalMutex.h"
 #include "NorvoStreamClient.h"
@@ -13,6 +14,8 @@ using NorvoStreamClient::Client;
 using NorvoStreamClient::Direction;
 using NorvoStreamClient::Notification;
 using NorvoStreamClient::Options;
+using NorvoStreamClient::Reason;
+using NorvoStreamClient::Status;
 using NorvoStreamClient::Stream;
 
 namespace {
@@ -22,37 +25,56 @@ std::chrono::milliseconds timeoutOf(int milliseconds) {
                             : std::chrono::milliseconds(milliseconds);
 }
 
-// Nothing crosses the boundary as an exception: `otherwise` is the answer when memory runs out.
-template <class Result, class Function>
-Result guarded(Result otherwise, Function function) noexcept {
+static_assert(static_cast<int>(Reason::SystemError) == NORVO_SYSTEM_ERROR &&
+              static_cast<int>(Reason::PeerGone) == NORVO_PEER_GONE &&
+              static_cast<int>(Reason::NotTakenUp) == NORVO_NOT_TAKEN_UP &&
+              static_cast<int>(Reason::InvalidArgument) == NORVO_INVALID);
+
+int codeOf(const Status& status) {
+    return status.reason() == Reason::SystemError && status.systemError() != 0
+               ? NORVO_ERRNO + status.systemError()
+               : static_cast<int>(status.reason());
+}
+
+// Nothing crosses the boundary as an exception.
+template <class Function>
+int guarded(Function function) noexcept {
     try {
-        return function();
+        return codeOf(function());
+    } catch (const std::bad_alloc&) {
+        return NORVO_NO_MEMORY;
     } catch (...) {
-        return otherwise;
+        return NORVO_SYSTEM_ERROR;
     }
 }
 
-// For a call that either does what it is for or runs out of time.
-template <class Function>
-int timed(Function function) noexcept {
-    return guarded<int>(NORVO_INVALID, [&] { return function() ? NORVO_OK : NORVO_TIMEOUT; });
+bool describe(int errorNumber, char* text, size_t size) noexcept {
+    try {
+        const std::string what = std::generic_category().message(errorNumber);
+        text[what.copy(text, size - 1)] = '\0';
+        return true;
+    } catch (...) {
+        return false;
+    }
 }
 
 // Texts that were taken from the client and did not fit the caller's buffer wait here.
 class Leftovers {
 public:
     template <class Take>
-    int copy(void* buffer, size_t size, size_t* length, Take take) {
+    Status copy(void* buffer, size_t size, size_t* length, Take take) {
         std::string text;
-        if (!pop(text) && !take(text)) return NORVO_TIMEOUT;
+        if (!pop(text)) {
+            if (const Status taken = take(text); !taken) return taken;
+        }
         *length = text.size();
         if (text.size() > size) {
             VDIFrameworkCommon::LocalLock lock(m_mutex);
             m_texts.push_front(std::move(text));
-            return NORVO_TOO_SMALL;
+            return static_cast<Reason>(NORVO_TOO_SMALL);
         }
         if (!text.empty()) std::memcpy(buffer, text.data(), text.size());
-        return NORVO_OK;
+        return {};
     }
 
 private:
@@ -97,17 +119,46 @@ struct norvo_stream {
     std::shared_ptr<StreamState> state;
 };
 
+const char* norvo_error_text(int code) {
+    thread_local char text[160];
+    if (code == NORVO_TOO_SMALL) return "the text is longer than the buffer";
+    if (code <= NORVO_ERRNO) return NorvoStreamClient::textOf(static_cast<Reason>(code));
+    const int length =
+        std::snprintf(text, sizeof text, "%s: ", NorvoStreamClient::textOf(Reason::SystemError));
+    const auto used = static_cast<size_t>(length);
+    if (!describe(code - NORVO_ERRNO, text + used, sizeof text - used)) text[used - 2] = '\0';
+    return text;
+}
+
 norvo_client* norvo_client_open(const char* client_name) {
-    return guarded<norvo_client*>(nullptr, [&] {
+    return norvo_client_open_with(client_name, nullptr, nullptr);
+}
+
+norvo_client* norvo_client_open_with(const char* client_name, norvo_connection_callback callback,
+                                     void* context) {
+    norvo_client* client = nullptr;
+    guarded([&] {
         Options options;
         if (client_name) options.clientName = client_name;
-        return new norvo_client{std::make_shared<ClientState>(std::move(options))};
+        if (callback) {
+            options.onConnectionChange = [=](bool connected) { callback(connected, context); };
+        }
+        client = new norvo_client{std::make_shared<ClientState>(std::move(options))};
+        return Status();
     });
+    return client;
 }
 
 void norvo_client_close(norvo_client* client) {
-    if (client) client->state->client.close();
-    delete client;
+    if (client && client->state->client.close()) delete client;
+}
+
+int norvo_client_status(const norvo_client* client) {
+    return client ? codeOf(client->state->client.status()) : NORVO_INVALID;
+}
+
+int norvo_client_is_listening(const norvo_client* client) {
+    return norvo_client_status(client) == NORVO_OK;
 }
 
 int norvo_client_is_connected(const norvo_client* client) {
@@ -117,47 +168,53 @@ int norvo_client_is_connected(const norvo_client* client) {
 int norvo_client_wait_connected(norvo_client* client, int timeout_ms) {
     if (!client) return NORVO_INVALID;
     const auto state = client->state;
-    return timed([&] { return state->client.waitUntilConnected(timeoutOf(timeout_ms)); });
+    return guarded([&] { return state->client.waitUntilConnected(timeoutOf(timeout_ms)); });
+}
+
+unsigned int norvo_client_agent_process_id(const norvo_client* client) {
+    return client ? client->state->client.agentProcessId() : 0;
 }
 
 int norvo_client_request(norvo_client* client, const char* operation, const char* const* fields,
                          size_t count, int timeout_ms) {
-    if (!client || !operation || !*operation || (count > 0 && !fields)) return NORVO_INVALID;
+    if (!client || !operation || (count > 0 && !fields)) return NORVO_INVALID;
     if (std::find(fields, fields + count, nullptr) != fields + count) return NORVO_INVALID;
-    return guarded<int>(NORVO_INVALID, [&]() -> int {
-        const std::vector<std::string> texts(fields, fields + count);
-        if (!NorvoStreamClient::Client::isPossibleRequest(operation, texts)) return NORVO_INVALID;
-        const auto state = client->state;
-        return state->client.request(operation, texts, timeoutOf(timeout_ms)) ? NORVO_OK
-                                                                              : NORVO_TIMEOUT;
+    const auto state = client->state;
+    return guarded([&] {
+        return state->client.request(operation, {fields, fields + count}, timeoutOf(timeout_ms));
     });
 }
 
 int norvo_client_next_notification(norvo_client* client, char* buffer, size_t size, size_t* length,
                                    int timeout_ms) {
     if (!client || !length || (size > 0 && !buffer)) return NORVO_INVALID;
-    return guarded<int>(NORVO_INVALID, [&] {
-        const auto state = client->state;
+    const auto state = client->state;
+    return guarded([&] {
         return state->notifications.copy(buffer, size, length, [&](std::string& text) {
             Notification notification;
-            if (!state->client.nextNotification(notification, timeoutOf(timeout_ms))) return false;
-            text = flat(notification);
-            return true;
+            const Status taken =
+                state->client.nextNotification(notification, timeoutOf(timeout_ms));
+            if (taken) text = flat(notification);
+            return taken;
         });
     });
 }
 
-norvo_stream* norvo_stream_open(norvo_client* client, const char* name, int direction,
-                                unsigned int capacity) {
-    if (!client || !name || (direction != NORVO_READ && direction != NORVO_WRITE)) return nullptr;
-    return guarded<norvo_stream*>(nullptr, [&]() -> norvo_stream* {
-        auto stream = client->state->client.openStream(
+int norvo_stream_open(norvo_client* client, const char* name, int direction, unsigned int capacity,
+                      norvo_stream** stream) {
+    if (stream) *stream = nullptr;
+    if (!client || !name || !stream) return NORVO_INVALID;
+    if (direction != NORVO_READ && direction != NORVO_WRITE) return NORVO_INVALID;
+    return guarded([&] {
+        const auto opened = client->state->client.openStream(
             name, direction == NORVO_READ ? Direction::Read : Direction::Write,
             capacity ? capacity : NorvoStreamClient::kDefaultCapacity);
-        if (!stream) return nullptr;
-        auto state = std::make_shared<StreamState>();
-        state->stream = std::move(stream);
-        return new norvo_stream{std::move(state)};
+        if (opened) {
+            auto state = std::make_shared<StreamState>();
+            state->stream = opened;
+            *stream = new norvo_stream{std::move(state)};
+        }
+        return opened.status();
     });
 }
 
@@ -173,30 +230,26 @@ int norvo_stream_is_up(const norvo_stream* stream) {
 int norvo_stream_wait_up(norvo_stream* stream, int timeout_ms) {
     if (!stream) return NORVO_INVALID;
     const auto state = stream->state;
-    return timed([&] { return state->stream->waitUntilUp(timeoutOf(timeout_ms)); });
+    return guarded([&] { return state->stream->waitUntilUp(timeoutOf(timeout_ms)); });
 }
 
 int norvo_stream_write(norvo_stream* stream, const void* data, size_t length, int timeout_ms) {
-    if (!stream || (length > 0 && !data) || length > std::numeric_limits<unsigned int>::max()) {
-        return NORVO_INVALID;
-    }
+    if (!stream || (length > 0 && !data)) return NORVO_INVALID;
     const auto state = stream->state;
-    if (state->stream->direction() != Direction::Write) return NORVO_INVALID;
-    return timed([&] { return state->stream->write(data, length, timeoutOf(timeout_ms)); });
+    return guarded([&] { return state->stream->write(data, length, timeoutOf(timeout_ms)); });
 }
 
 int norvo_stream_flush(norvo_stream* stream, int timeout_ms) {
     if (!stream) return NORVO_INVALID;
     const auto state = stream->state;
-    return timed([&] { return state->stream->flush(timeoutOf(timeout_ms)); });
+    return guarded([&] { return state->stream->flush(timeoutOf(timeout_ms)); });
 }
 
 int norvo_stream_read(norvo_stream* stream, void* buffer, size_t size, size_t* length,
                       int timeout_ms) {
     if (!stream || !length || (size > 0 && !buffer)) return NORVO_INVALID;
     const auto state = stream->state;
-    if (state->stream->direction() != Direction::Read) return NORVO_INVALID;
-    return guarded<int>(NORVO_INVALID, [&] {
+    return guarded([&] {
         return state->messages.copy(buffer, size, length, [&](std::string& message) {
             return state->stream->read(message, timeoutOf(timeout_ms));
         });

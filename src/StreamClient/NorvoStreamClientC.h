@@ -1,14 +1,19 @@
 /* The stream client of NorvoStreamClient.h for programs in C, and for all that speak C.
  *
  *     norvo_client *client = norvo_client_open(NULL);
- *     norvo_stream *out = norvo_stream_open(client, "Media", NORVO_WRITE, 0);
- *     if (norvo_stream_write(out, "hello", 5, 5000) != NORVO_OK) return 1;
+ *     norvo_stream *out = NULL;
+ *     int status = norvo_stream_open(client, "Media", NORVO_WRITE, 0, &out);
+ *     if (status == NORVO_OK) status = norvo_stream_write(out, "hello", 5, 5000);
+ *     if (status != NORVO_OK) fprintf(stderr, "%s\n", norvo_error_text(status));
  *     norvo_stream_close(out);
  *     norvo_client_close(client);
  *
- * Times are milliseconds; a negative one means without limit. Everything may be called from several
- * threads at once, except that a handle must not be used after the call that closes it. Null
- * handles are answered with NORVO_INVALID, 0 or NULL. */
+ * A call that can fail returns NORVO_OK or one of the codes below: the reason, as of the call of
+ * the same name in NorvoStreamClient.h, which lists what can come. Any call answers NORVO_INVALID
+ * for a null handle or pointer, and NORVO_NO_MEMORY when memory runs out. Times are milliseconds; a
+ * negative one means without limit. Everything may be called from several threads at once, except
+ * that a handle must not be used after the call that closes it. Of fork() the same is true as in
+ * NorvoStreamClient.h. */
 #ifndef NORVO_STREAM_CLIENT_C_H
 #define NORVO_STREAM_CLIENT_C_H
 
@@ -27,21 +32,55 @@ enum { NORVO_READ = 0, NORVO_WRITE = 1 };
 
 enum {
     NORVO_OK = 0,
-    NORVO_TIMEOUT = 1,   /* the time passed first, or client or stream were closed meanwhile */
-    NORVO_TOO_SMALL = 2, /* the message is longer than the buffer; it waits for a larger one */
-    NORVO_INVALID = 3    /* an argument is not possible, as the stream's direction; or no memory */
+    NORVO_TIMEOUT = 1,       /* the time passed first, although all that it takes is there */
+    NORVO_TOO_SMALL = 2,     /* the text is longer than the buffer; it waits for a larger one */
+    NORVO_INVALID = 3,       /* no call with this argument, or on this object, can succeed */
+    NORVO_CLOSED = 4,        /* the object, or its client, was closed by this process */
+    NORVO_NO_AGENT = 5,      /* no agent answers in this session: no host runs */
+    NORVO_NOT_CONNECTED = 6, /* the agent is there, but not connected to a far end */
+    NORVO_NOT_TAKEN_UP = 7,  /* the far end's agent has not taken up the stream */
+    NORVO_ALREADY_OPEN = 8,  /* this client has the stream open already */
+    NORVO_IN_USE_OTHER_DIRECTION = 9, /* the agents carry the stream in the other direction */
+    NORVO_CAPACITY_MISMATCH = 10,     /* the segment exists, in use, with another capacity */
+    NORVO_NO_SPACE = 11,              /* no room for the segment */
+    NORVO_NO_PERMISSION = 12,         /* the segment belongs to somebody else */
+    NORVO_TOO_LONG = 13,              /* longer than a message or request can be */
+    NORVO_PEER_GONE = 14,             /* whoever should have taken the data is gone */
+    NORVO_ENDED = 15, /* the other end has finished; there is nothing more to read */
+    NORVO_NO_MEMORY = 16,
+    NORVO_SYSTEM_ERROR = 17, /* the system refused, and did not say why */
+    NORVO_ERRNO = 1000       /* a code above it: the system refused with code - NORVO_ERRNO */
 };
+
+/* What a code means: a sentence without a full stop, never NULL. It stays valid until the same
+ * thread calls this again. */
+NORVO_STREAM_CLIENT_C_API const char* norvo_error_text(int code);
+
+/* Called with 1 or 0 when the two agents find or lose each other, on a thread of the client's own;
+ * may use the client and its streams, but not close the client. */
+typedef void (*norvo_connection_callback)(int connected, void* context); /* NOLINT */
 
 /* Joins the agent of this user and session namespace. `client_name` NULL: "NorvoCrews". NULL when
  * out of memory. The caller closes it. */
 NORVO_STREAM_CLIENT_C_API norvo_client* norvo_client_open(const char* client_name);
-/* Closes the client and what is open on it; its streams are still to be closed by their owner. */
+/* The same with a callback, to which `context` is given; the first call may come before this
+ * returns. */
+NORVO_STREAM_CLIENT_C_API norvo_client* norvo_client_open_with(const char* client_name,
+                                                               norvo_connection_callback callback,
+                                                               void* context);
+/* Closes the client and what is open on it; its streams are still to be closed by their owner.
+ * Does nothing in the client's own callback. */
 NORVO_STREAM_CLIENT_C_API void norvo_client_close(norvo_client* client);
+/* NORVO_OK while the agent can be heard if there is one. */
+NORVO_STREAM_CLIENT_C_API int norvo_client_status(const norvo_client* client);
+/* 1 when that is NORVO_OK, else 0. */
+NORVO_STREAM_CLIENT_C_API int norvo_client_is_listening(const norvo_client* client);
 /* 1 while the agents at the two ends are connected, else 0. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_is_connected(const norvo_client* client);
 NORVO_STREAM_CLIENT_C_API int norvo_client_wait_connected(norvo_client* client, int timeout_ms);
-/* Sends a request with `count` fields. NORVO_OK once an agent has taken it; NORVO_INVALID also when
- * it does not fit (10240 bytes). */
+/* The process ID that the agent reports; 0 while none has been heard of. */
+NORVO_STREAM_CLIENT_C_API unsigned int norvo_client_agent_process_id(const norvo_client* client);
+/* Sends a request with `count` fields. NORVO_OK once an agent has taken it. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_request(norvo_client* client, const char* operation,
                                                    const char* const* fields, size_t count,
                                                    int timeout_ms);
@@ -52,9 +91,10 @@ NORVO_STREAM_CLIENT_C_API int norvo_client_next_notification(norvo_client* clien
                                                              int timeout_ms);
 
 /* Opens a stream; `direction` is what the caller does, `capacity` the segment's bytes (0: 65536).
- * NULL when that is not possible. The caller closes it. */
-NORVO_STREAM_CLIENT_C_API norvo_stream* norvo_stream_open(norvo_client* client, const char* name,
-                                                          int direction, unsigned int capacity);
+ * `*stream` is NULL after a failure. The caller closes it. */
+NORVO_STREAM_CLIENT_C_API int norvo_stream_open(norvo_client* client, const char* name,
+                                                int direction, unsigned int capacity,
+                                                norvo_stream** stream);
 NORVO_STREAM_CLIENT_C_API void norvo_stream_close(norvo_stream* stream);
 /* 1 while both agents serve the stream and are connected, else 0. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_is_up(const norvo_stream* stream);

@@ -1,13 +1,14 @@
 #include <algorithm>
 #include <limits>
 #include <thread>
+#include <utility>
 
-#include "Log.h"
+#include "ProcessLife.h"
 #include "StreamImpl.h"
 
-NORVO_LOG_SOURCE("src/StreamClient/Stream")
-
 namespace NorvoStreamClient {
+
+using VDIFrameworkCommon::LocalLock;
 
 Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
     const auto now = Clock::now();
@@ -17,71 +18,110 @@ Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
     return now + std::max(timeout, std::chrono::milliseconds(0));
 }
 
-bool Stream::Impl::setUp(unsigned int capacity) {
-    return m_direction == Direction::Read ? m_segment.Open(m_name, capacity)
-                                          : m_segment.Create(m_name, capacity);
+Status Stream::Impl::setUp(unsigned int capacity) {
+    const bool ready = m_direction == Direction::Read ? m_segment.Open(m_name, capacity)
+                                                      : m_segment.Create(m_name, capacity);
+    return ready ? Status() : Status(Reason::SystemError);
 }
 
-bool Stream::Impl::write(const void* data, std::size_t length, Clock::time_point deadline) {
-    if (m_direction != Direction::Write || (!data && length > 0) ||
-        length > std::numeric_limits<unsigned int>::max()) {
-        NORVO_LOG(Warning, "cannot write ", length, " bytes to the stream ", m_name);
-        return false;
-    }
-    if (length == 0) return !m_closed;
-    while (waitUntilUp(deadline)) {
-        if (m_segment.write(data, static_cast<unsigned int>(length), deadline)) return true;
+Status Stream::Impl::write(const void* data, std::size_t length, Clock::time_point deadline) {
+    if (m_closed) return m_end;
+    if (m_direction != Direction::Write || (!data && length > 0)) return Reason::InvalidArgument;
+    if (length > std::numeric_limits<unsigned int>::max()) return Reason::TooLong;
+    if (length == 0) return {};
+    for (;;) {
+        if (const Status up = waitUntilUp(deadline); !up) return up;
+        const auto agent = m_view->agent();
+        if (m_segment.write(data, static_cast<unsigned int>(length), deadline)) {
+            noteUnflushed(agent);
+            return {};
+        }
+        if (m_closed) return m_end;
         m_view->suspect();
-        if (Clock::now() >= deadline) return false;
+        if (Clock::now() >= deadline) return Reason::Timeout;
     }
-    return false;
 }
 
-bool Stream::Impl::flush(Clock::time_point deadline) {
+void Stream::Impl::noteUnflushed(const AgentView::Agent& agent) {
+    LocalLock lock(m_unflushedMutex);
+    if (!m_unflushed || m_unflushed->generation > agent.generation) m_unflushed = agent;
+}
+
+std::optional<AgentView::Agent> Stream::Impl::takeUnflushed() {
+    LocalLock lock(m_unflushedMutex);
+    return std::exchange(m_unflushed, std::nullopt);
+}
+
+// The same all the time since, as far as can be told: its process would be another one otherwise.
+bool Stream::Impl::isServedBy(const AgentView::Agent& agent) const {
+    return m_view->agent().generation == agent.generation && isProcessAlive(agent.processId);
+}
+
+Status Stream::Impl::flush(Clock::time_point deadline) {
     constexpr auto kPause = std::chrono::milliseconds(1);
-    while (m_direction == Direction::Write && !m_closed && !m_segment.isDrained()) {
-        if (Clock::now() >= deadline) return false;
+    const auto agent = takeUnflushed();
+    for (;;) {
+        if (m_closed) return m_end;
+        // In this order: whoever still lives after the segment was seen empty has emptied it.
+        const bool drained = m_direction == Direction::Read || m_segment.isDrained();
+        if (agent && !isServedBy(*agent)) return m_closed ? m_end : Reason::PeerGone;
+        if (drained) return m_closed ? m_end : Status();
+        if (Clock::now() >= deadline) break;
         std::this_thread::sleep_for(kPause);
     }
-    return !m_closed;
+    if (agent) noteUnflushed(*agent);
+    return Reason::Timeout;
 }
 
-bool Stream::Impl::read(std::string& message, Clock::time_point deadline) {
-    constexpr auto kLongestWait = std::chrono::milliseconds(1000);
+Status Stream::Impl::whyNothingCame() const {
+    if (m_closed) return m_end;
+    const Status standing = m_view->standing(m_name);
+    return standing ? Reason::Timeout : standing;
+}
+
+Status Stream::Impl::read(std::string& message, Clock::time_point deadline) {
+    constexpr auto kLongestWait = std::chrono::milliseconds(200);
     message.clear();
-    while (m_direction == Direction::Read && !m_closed) {
+    if (m_closed) return m_end;
+    if (m_direction != Direction::Read) return Reason::InvalidArgument;
+    for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         const auto wait = std::clamp(left, std::chrono::milliseconds(0), kLongestWait);
         unsigned int length = 0;
         message = m_segment.ReadData(length, static_cast<unsigned int>(wait.count()));
-        if (!message.empty()) return true;
-        if (Clock::now() >= deadline) return false;
+        if (!message.empty()) return {};
+        const Status why = whyNothingCame();
+        const bool neverComes =
+            why.reason() == Reason::Closed || why.reason() == Reason::InUseOtherDirection;
+        if (neverComes || Clock::now() >= deadline) return why;
     }
-    return false;
 }
 
 void Stream::Impl::close() {
-    if (m_closed.exchange(true)) return;
+    if (m_process.isForkedChild() || m_closed.exchange(true)) return;
     m_view->removeStream(m_name);
     m_segment.Close();
 }
 
 Stream::Stream(std::shared_ptr<Impl> impl) : m_impl(std::move(impl)) {}
-Stream::~Stream() { m_impl->close(); }
+Stream::~Stream() {
+    m_impl->close();
+    leaveToParent(m_impl);
+}
 
 const std::string& Stream::name() const { return m_impl->name(); }
 Direction Stream::direction() const { return m_impl->direction(); }
 bool Stream::isUp() const { return m_impl->isUp(); }
-bool Stream::waitUntilUp(std::chrono::milliseconds timeout) {
+Status Stream::waitUntilUp(std::chrono::milliseconds timeout) {
     return m_impl->waitUntilUp(deadlineAfter(timeout));
 }
-bool Stream::write(const void* data, std::size_t length, std::chrono::milliseconds timeout) {
+Status Stream::write(const void* data, std::size_t length, std::chrono::milliseconds timeout) {
     return m_impl->write(data, length, deadlineAfter(timeout));
 }
-bool Stream::flush(std::chrono::milliseconds timeout) {
+Status Stream::flush(std::chrono::milliseconds timeout) {
     return m_impl->flush(deadlineAfter(timeout));
 }
-bool Stream::read(std::string& message, std::chrono::milliseconds timeout) {
+Status Stream::read(std::string& message, std::chrono::milliseconds timeout) {
     return m_impl->read(message, deadlineAfter(timeout));
 }
 void Stream::close() { m_impl->close(); }

@@ -6,9 +6,11 @@
 #include <optional>
 #include <thread>
 
+#include "ChildProcess.h"
 #include "Eventually.h"
 #include "FakeAgent.h"
 #include "NorvoStreamClient.h"
+#include "Rounds.h"
 
 namespace {
 
@@ -25,6 +27,7 @@ protected:
         plain.clientName = kName;
         return plain;
     }
+    static Reason reasonOf(const OpenedStream& opened) { return opened.status().reason(); }
     // The next news of that name.
     static std::optional<Notification> waitForNews(Client& client, const std::string& name) {
         Notification news;
@@ -40,14 +43,14 @@ TEST_F(ClientTest, AWriteGivesUpInTimeBeforeTheStreamIsUpAndWhenNobodyReads) {
     FakeAgent agent(kName);
     Client client(options());
     auto stream = client.openStream("CTStuck", Direction::Write, 10);
-    EXPECT_FALSE(stream->write("early", 5, 1ms));
+    EXPECT_EQ(stream->write("early", 5, 1ms).reason(), Reason::NotTakenUp);
     ASSERT_TRUE(agentsEnd->Open("CTStuck", 10));
     agent.raise("CTStuck", "WRITE");
     ASSERT_TRUE(stream->waitUntilUp(kLong));
     EXPECT_TRUE(stream->write("fills it", 8, kLong));
-    EXPECT_FALSE(stream->flush(1ms));
+    EXPECT_EQ(stream->flush(1ms).reason(), Reason::Timeout);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(stream->write("no room", 7, 50ms));
+    EXPECT_EQ(stream->write("no room", 7, 50ms).reason(), Reason::Timeout);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
     unsigned int length = 0;
     EXPECT_EQ(agentsEnd->ReadData(length, 1000), "fills it");
@@ -58,15 +61,21 @@ TEST_F(ClientTest, RefusesStreamsThatCannotBe) {
     Client client(options());
     for (const std::string& name : {std::string(), std::string("../x"), std::string(65, 'x'),
                                     std::string("ClientTest_Info_STREAM2VC")})
-        EXPECT_FALSE(client.openStream(name, Direction::Read)) << name;
+        EXPECT_EQ(reasonOf(client.openStream(name, Direction::Read)), Reason::InvalidArgument)
+            << name;
     for (const unsigned int size : {0u, (64u << 20) + 1})
-        EXPECT_FALSE(client.openStream("CTSize", Direction::Read, size)) << size;
+        EXPECT_EQ(reasonOf(client.openStream("CTSize", Direction::Read, size)),
+                  Reason::InvalidArgument)
+            << size;
     auto first = client.openStream("CTSize", Direction::Read, 10);
     EXPECT_TRUE(first);
-    EXPECT_FALSE(client.openStream("CTSize", Direction::Write, 10)) << "it is open already";
+    const auto second = client.openStream("CTSize", Direction::Write, 10);
+    EXPECT_EQ(reasonOf(second), Reason::AlreadyOpen);
+    EXPECT_EQ(second->write("x", 1, 1ms).reason(), Reason::AlreadyOpen);
     first.reset();
     EXPECT_TRUE(client.openStream("CTSize", Direction::Write, 10));
-    EXPECT_FALSE(client.openStream("CTRead", Direction::Read)->write("x", 1, 1ms));
+    EXPECT_EQ(client.openStream("CTRead", Direction::Read)->write("x", 1, 1ms).reason(),
+              Reason::InvalidArgument);
 }
 
 TEST_F(ClientTest, PassesNotificationsAndRequestsOn) {
@@ -79,7 +88,8 @@ TEST_F(ClientTest, PassesNotificationsAndRequestsOn) {
     EXPECT_EQ(news->fields, std::vector<std::string>{"a|b\\-"});
     EXPECT_TRUE(client.request("SetLogPath", {"/tmp/with|bar"}, kLong));
     EXPECT_TRUE(agent.waitFor("SetLogPath|/tmp/with\\|bar"));
-    EXPECT_FALSE(client.request("SetLogPath", {std::string(20000, 'x')}, kLong));
+    EXPECT_EQ(client.request("SetLogPath", {std::string(20000, 'x')}, kLong).reason(),
+              Reason::TooLong);
     EXPECT_TRUE(client.request("RequestVCProcessId", {}, kLong));
     EXPECT_TRUE(waitForNews(client, "VCProcessId"));
 }
@@ -124,13 +134,87 @@ TEST_F(ClientTest, ClosingEndsEveryWaitAndTheStreamsStayHarmless) {
     client->close();
     for (auto& wait : waits) wait.join();
     client->close();
-    EXPECT_FALSE(client->openStream("CTLate", Direction::Read));
+    EXPECT_EQ(reasonOf(client->openStream("CTLate", Direction::Read)), Reason::Closed);
     client.reset();
     std::string message;
-    EXPECT_FALSE(in->read(message, 100s));
-    EXPECT_FALSE(out->flush(100s));
-    EXPECT_FALSE(out->waitUntilUp(100s));
+    EXPECT_EQ(in->read(message, 100s).reason(), Reason::Closed);
+    EXPECT_EQ(out->flush(100s).reason(), Reason::Closed);
+    EXPECT_EQ(out->waitUntilUp(100s).reason(), Reason::Closed);
     in->close();
+}
+
+TEST_F(ClientTest, SaysWhatAStreamLacks) {
+    Client client(options());
+    const auto stream = client.openStream("CTLacks", Direction::Read, 10);
+    std::string message;
+    EXPECT_EQ(stream->read(message, 0ms).reason(), Reason::NoAgent);
+    EXPECT_EQ(client.waitUntilConnected(0ms).reason(), Reason::NoAgent);
+    {
+        FakeAgent apart(kName, 1, false);
+        ASSERT_TRUE(testsupport::eventually([&] { return client.agentProcessId() == 1; }));
+        EXPECT_EQ(stream->waitUntilUp(0ms).reason(), Reason::NotConnected);
+    }
+    FakeAgent agent(kName, static_cast<unsigned int>(getpid()));
+    agent.raise("CTLacks", "WRITE");
+    agent.notify({"VCProcessId", std::to_string(getpid()), "1"});
+    EXPECT_EQ(stream->waitUntilUp(kLong).reason(), Reason::InUseOtherDirection);
+    EXPECT_EQ(stream->read(message, kLong).reason(), Reason::InUseOtherDirection);
+}
+
+TEST_F(ClientTest, AFlushFailsWhenTheAgentWasReplacedSinceTheWrite) {
+    Client client(options());
+    const auto stream = client.openStream("CTReplaced", Direction::Write, 10);
+    {
+        FakeAgent first(kName, static_cast<unsigned int>(getpid()));
+        first.raise("CTReplaced", "WRITE");
+        ASSERT_TRUE(stream->waitUntilUp(kLong));
+        ASSERT_TRUE(agentsEnd->Open("CTReplaced", 10));
+        EXPECT_TRUE(stream->write("lost", 4, kLong));
+        agentsEnd->Close();
+    }
+    FakeAgent second(kName, static_cast<unsigned int>(getppid()));
+    ASSERT_TRUE(agentsEnd->Open("CTReplaced", 10)) << "which drops what waits in it";
+    second.raise("CTReplaced", "WRITE");
+    second.notify({"VCProcessId", std::to_string(getppid()), "1"});
+    ASSERT_TRUE(testsupport::eventually(
+        [&] { return client.agentProcessId() == static_cast<unsigned int>(getppid()); }));
+    EXPECT_EQ(stream->flush(kLong).reason(), Reason::PeerGone);
+    EXPECT_TRUE(stream->flush(kLong)) << "nothing was written since";
+}
+
+TEST_F(ClientTest, EveryChangeOfTheConnectionReachesASlowCallback) {
+    FakeAgent agent(kName);
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    std::atomic<int> last{-1};
+    auto watching = options();
+    watching.onNotification = [](const Notification&) {};
+    watching.onConnectionChange = [&](bool connected) {
+        released.wait_for(kLong);
+        last = connected ? 1 : 0;
+    };
+    Client client(watching);
+    ASSERT_TRUE(client.waitUntilConnected(kLong));
+    for (int i = 0; i < 70; ++i) agent.notify({i % 2 == 0 ? "ChannelDown" : "ChannelUp"});
+    agent.notify({"ChannelDown"});
+    ASSERT_TRUE(testsupport::eventually([&] { return !client.isConnected(); }));
+    for (int i = 0; i < testsupport::rounds(1100); ++i) agent.notify({"SessionUp"});
+    release.set_value();
+    EXPECT_TRUE(testsupport::eventually([&] { return last == 0; }));
+    client.close();
+    EXPECT_EQ(last, 0);
+}
+
+TEST_F(ClientTest, AForkedChildLeavesAClientToItsParent) {
+    auto client = std::make_unique<Client>(options());
+    auto stream = client->openStream("CTFork", Direction::Read, 10);
+    EXPECT_TRUE(testsupport::holdsInForkedChild([&] {
+        alarm(10);  // it would hang
+        client.reset();
+        stream.reset();
+        return true;
+    }));
+    EXPECT_TRUE(client->isListening());
 }
 
 TEST_F(ClientTest, MayComeAndGoQuicklyWithAndWithoutAnAgent) {

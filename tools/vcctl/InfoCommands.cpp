@@ -178,8 +178,10 @@ int runAsk(const AskOptions& options) {
     while (session.client().nextNotification(earlier, std::chrono::milliseconds(0))) {
     }
     const auto wait = std::chrono::milliseconds(static_cast<long>(options.wait * 1000));
-    if (!session.client().request(options.request, options.fields, wait)) {
-        throw CommandError("the agent did not take the request '" + options.request + "'");
+    const auto taken = session.client().request(options.request, options.fields, wait);
+    if (!taken) {
+        throw CommandError("the agent did not take the request '" + options.request +
+                           "': " + taken.text());
     }
     return *form.answer ? printAnswers(session, options, form) : kOk;
 }

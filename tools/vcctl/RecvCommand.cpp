@@ -61,7 +61,9 @@ bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, Output&
     bool flushed = false;
     for (;;) {
         StopSignal::throwIfRequested();
-        if (stream.read(message, kPollTime)) return true;
+        const auto got = stream.read(message, kPollTime);
+        if (got) return true;
+        if (!mayPass(got)) throw CommandError(session.explain(got, stream.name()));
         if (std::chrono::steady_clock::now() >= giveUp) return false;
         session.noteSilence(&stream);
         if (!flushed) output.flush();

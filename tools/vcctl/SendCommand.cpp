@@ -121,11 +121,10 @@ private:
 template <class Step>
 void insist(NorvoStreamClient::Stream& stream, SessionClient& session, double wait, Step step) {
     const auto giveUp = after(wait);
-    while (!step()) {
+    for (NorvoStreamClient::Status done; !(done = step());) {
         StopSignal::throwIfRequested();
-        if (std::chrono::steady_clock::now() < giveUp) continue;
-        session.waitUntilUp(stream, 0);
-        throw CommandError("the host takes nothing from the stream '" + stream.name() + "'");
+        if (mayPass(done) && std::chrono::steady_clock::now() < giveUp) continue;
+        throw CommandError(session.explain(done, stream.name()));
     }
 }
 

@@ -15,8 +15,34 @@ namespace vcctl {
 
 using Clock = std::chrono::steady_clock;
 using NorvoStreamClient::Direction;
+using NorvoStreamClient::Reason;
+using NorvoStreamClient::Status;
 
 namespace {
+
+// What a user can do about a stream that cannot be opened.
+const char* nextStep(Reason reason) {
+    switch (reason) {
+        case Reason::InvalidArgument:
+            return ": a name is 1 to 64 letters, digits, '-', '_' and '.', a capacity 1 byte to 64 "
+                   "MiB";
+        case Reason::CapacityMismatch:
+            return ": give the same with --size, or end the programs that use it (vcctl streams)";
+        case Reason::NoSpace:
+            return ": take a smaller --size, or remove what fills the shared memory (on Linux "
+                   "/dev/shm)";
+        case Reason::NoPermission:
+            return ": remove what another user has made under its name (on Linux in /dev/shm)";
+        default:
+            return "";
+    }
+}
+
+CommandError whyNotOpened(const std::string& name, unsigned int capacity, const Status& status) {
+    return CommandError("cannot open a stream '" + name + "' of " + std::to_string(capacity) +
+                            " bytes: " + status.text() + nextStep(status.reason()),
+                        status.reason() == Reason::InvalidArgument ? kUsage : kFailed);
+}
 
 std::string sessionText() {
     const char* name = std::getenv("NORVO_VDI_NAMESPACE");
@@ -41,6 +67,18 @@ void noteUnusualName(const std::string& name) {
 
 }  // namespace
 
+bool mayPass(const Status& status) {
+    switch (status.reason()) {
+        case Reason::Timeout:
+        case Reason::NoAgent:
+        case Reason::NotConnected:
+        case Reason::NotTakenUp:
+            return true;
+        default:
+            return false;
+    }
+}
+
 Clock::time_point after(double seconds) {
     return Clock::now() +
            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
@@ -49,37 +87,46 @@ Clock::time_point after(double seconds) {
 std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string& name,
                                                                Direction direction,
                                                                unsigned int capacity) {
-    auto stream = m_client.openStream(name, direction, capacity);
-    if (!stream) {
-        throw CommandError("cannot open a stream '" + name + "' of " + std::to_string(capacity) +
-                               " bytes: a name is 1 to 64 letters, digits, '-', '_' and '.', a "
-                               "capacity 1 byte to 64 MiB",
-                           kUsage);
-    }
+    const auto opened = m_client.openStream(name, direction, capacity);
+    if (!opened) throw whyNotOpened(name, capacity, opened.status());
     noteUnusualName(name);
-    return stream;
+    return opened;
 }
 
-std::string SessionClient::whyNotUp(const std::string& streamName) {
-    if (!m_client.isListening()) {
-        return "cannot listen in " + sessionText() +
-               ": the log in $HOME/Library/Logs/norvouvdi says why";
+std::string SessionClient::explain(const Status& status, const std::string& streamName) {
+    if (const Status listening = m_client.status(); !listening)
+        return "cannot listen in " + sessionText() + ": " + listening.text();
+    switch (status.reason()) {
+        case Reason::NoAgent:
+            return "no agent answers in " + sessionText() +
+                   ". Is a host running there? (vcctl host)";
+        case Reason::NotConnected:
+            return "the host (process " + std::to_string(m_client.agentProcessId()) +
+                   ") runs, but its channel is not connected to a far end";
+        case Reason::NotTakenUp:
+            return "the far side has not taken up the stream '" + streamName +
+                   "': the log of this host or of the far one says why";
+        case Reason::InUseOtherDirection:
+            return "the stream '" + streamName +
+                   "' is in use in the other direction; it keeps it while the hosts run: take "
+                   "another stream, or restart the hosts";
+        case Reason::Timeout:
+            return "the host takes nothing from the stream '" + streamName + "'";
+        case Reason::PeerGone:
+            return "the host was lost or restarted: what was last written to the stream '" +
+                   streamName + "' may be lost";
+        default:
+            return "stream '" + streamName + "': " + status.text();
     }
-    if (m_client.agentProcessId() == 0) {
-        return "no agent answers in " + sessionText() + ". Is a host running there? (vcctl host)";
-    }
-    if (!m_client.isConnected()) {
-        return "the host (process " + std::to_string(m_client.agentProcessId()) +
-               ") runs, but its channel is not connected to a far end";
-    }
-    return "the far side has not taken up the stream '" + streamName + "'";
 }
 
 void SessionClient::waitUntilUp(NorvoStreamClient::Stream& stream, double seconds) {
     const auto deadline = after(seconds);
-    while (!stream.waitUntilUp(kPollTime)) {
+    for (Status up; !(up = stream.waitUntilUp(kPollTime));) {
         StopSignal::throwIfRequested();
-        if (Clock::now() >= deadline) throw CommandError(whyNotUp(stream.name()));
+        if (Clock::now() >= deadline || !mayPass(up)) {
+            throw CommandError(explain(up, stream.name()));
+        }
     }
 }
 
@@ -87,13 +134,16 @@ void SessionClient::waitForAgent(double seconds) {
     const auto deadline = after(seconds);
     while (m_client.agentProcessId() == 0) {
         StopSignal::throwIfRequested();
-        if (Clock::now() >= deadline) throw CommandError(whyNotUp(""));
+        if (Clock::now() >= deadline) throw CommandError(explain(Reason::NoAgent, ""));
         StopSignal::wait(10);
     }
 }
 
-void SessionClient::noteSilence(const NorvoStreamClient::Stream* stream) {
-    const bool present = stream ? stream->isUp() : m_client.agentProcessId() != 0;
+void SessionClient::noteSilence(NorvoStreamClient::Stream* stream) {
+    using std::chrono::milliseconds;
+    const Status present = stream                           ? stream->waitUntilUp(milliseconds(0))
+                           : m_client.agentProcessId() == 0 ? Status(Reason::NoAgent)
+                                                            : Status();
     if (present) {
         m_absentSince = Clock::now();
         m_noted = false;
@@ -101,7 +151,8 @@ void SessionClient::noteSilence(const NorvoStreamClient::Stream* stream) {
     if (m_noted || Clock::now() - m_absentSince < std::chrono::seconds(1)) return;
     m_noted = true;
     if (isatty(STDERR_FILENO) != 1) return;
-    std::fprintf(stderr, "vcctl: waiting: %s\n", whyNotUp(stream ? stream->name() : "").c_str());
+    std::fprintf(stderr, "vcctl: waiting: %s\n",
+                 explain(present, stream ? stream->name() : "").c_str());
 }
 
 }  // namespace vcctl

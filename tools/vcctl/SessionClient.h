@@ -28,15 +28,19 @@ public:
 
     // For each moment of a wait without end, which should not be a silent one: says, on a terminal,
     // once `stream` (when given, else the agent) has been away for a second, why nothing comes.
-    void noteSilence(const NorvoStreamClient::Stream* stream = nullptr);
+    void noteSilence(NorvoStreamClient::Stream* stream = nullptr);
+
+    // What a failure means here, and what to do.
+    std::string explain(const NorvoStreamClient::Status& status, const std::string& streamName);
 
 private:
-    std::string whyNotUp(const std::string& streamName);
-
     NorvoStreamClient::Client m_client;
     std::chrono::steady_clock::time_point m_absentSince = std::chrono::steady_clock::now();
     bool m_noted = false;
 };
+
+// Whether waiting longer can help.
+bool mayPass(const NorvoStreamClient::Status& status);
 
 // The point in time `seconds` from now.
 std::chrono::steady_clock::time_point after(double seconds);

@@ -4,6 +4,5 @@
 
 int main() {
     NorvoStreamClient::Client client;
-    if (client.waitUntilConnected(std::chrono::milliseconds(10))) return 1;
-    std::puts("no agent");
+    std::puts(client.waitUntilConnected(std::chrono::milliseconds(10)).text().c_str());
 }

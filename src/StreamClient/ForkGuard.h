@@ -1,0 +1,27 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <memory>
+#include <vector>
+
+namespace NorvoStreamClient {
+
+// Tells a child that was forked with an object from the process that made it. Threads do not
+// survive a fork, and locks may be held in the child for ever: it must leave the object alone.
+class ForkGuard {
+public:
+    bool isForkedChild() const { return getpid() != m_maker; }
+
+private:
+    const pid_t m_maker = getpid();
+};
+
+// In a forked child the object is not destroyed when its owner lets go of it.
+template <class Object>
+void leaveToParent(const std::shared_ptr<Object>& object) {
+    static auto& kept = *new std::vector<std::shared_ptr<Object>>;
+    if (object->isForkedChild()) kept.push_back(object);
+}
+
+}  // namespace NorvoStreamClient

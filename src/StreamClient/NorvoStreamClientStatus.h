@@ -1,0 +1,57 @@
+// How the calls of the client library end: well, or for a reason.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#define NORVO_STREAM_CLIENT_API __attribute__((visibility("default")))
+
+namespace NorvoStreamClient {
+
+// Why a call failed. The numbers are those of the C interface (NorvoStreamClientC.h).
+enum class Reason : int {
+    None = 0,                 // it did not fail
+    Timeout = 1,              // the time passed first, although all that it takes is there
+    InvalidArgument = 3,      // no call with this argument, or on this object, can succeed
+    Closed = 4,               // the object, or its client, was closed by this process
+    NoAgent = 5,              // no agent answers in this session: no host runs
+    NotConnected = 6,         // the agent is there, but not connected to a far end
+    NotTakenUp = 7,           // the far end's agent has not taken up the stream
+    AlreadyOpen = 8,          // this client has the stream open already
+    InUseOtherDirection = 9,  // the agents carry the stream in the other direction
+    CapacityMismatch = 10,    // the segment exists, in use, with another capacity
+    NoSpace = 11,             // no room for the segment
+    NoPermission = 12,        // the segment belongs to somebody else
+    TooLong = 13,             // longer than a message or request can be
+    PeerGone = 14,            // whoever should have taken the data is gone
+    Ended = 15,               // the other end has finished; there is nothing more to read
+    NoMemory = 16,
+    SystemError = 17,  // the system refused; systemError() says what it said
+};
+
+// A sentence without a full stop, for example "no agent answers in this session". Never null.
+NORVO_STREAM_CLIENT_API const char* textOf(Reason reason);
+
+// The outcome of a call: true when it did what it is for, otherwise the reason why not.
+class NORVO_STREAM_CLIENT_API Status {
+public:
+    Status() = default;
+    Status(Reason reason, int systemError = 0, std::size_t capacity = 0)
+        : m_reason(reason), m_systemError(systemError), m_capacity(capacity) {}
+
+    explicit operator bool() const { return m_reason == Reason::None; }
+    Reason reason() const { return m_reason; }
+    // The errno behind NoSpace, NoPermission and SystemError, where there was one; else 0.
+    int systemError() const { return m_systemError; }
+    // With CapacityMismatch, the capacity of the segment that exists, in bytes; else 0.
+    std::size_t existingCapacity() const { return m_capacity; }
+    // The reason with these details, in words.
+    std::string text() const;
+
+private:
+    Reason m_reason = Reason::None;
+    int m_systemError = 0;
+    std::size_t m_capacity = 0;
+};
+
+}  // namespace NorvoStreamClient
