@@ -133,6 +133,10 @@ TEST_F(AgentHandshake, NoPartIsTakenWhileAnotherAgentIsActive) {
     m_side.machine->otherAgentIsActive = false;
     m_side.becomesAvailable();  // the change above was not stored
     EXPECT_EQ(m_channel.sentCount(), 1U);
+    m_side.connect();
+    m_side.machine->otherAgentIsActive = true;
+    m_side.becomesAvailable(false);
+    EXPECT_FALSE(m_side.agent->IsConnected());
 }
 
 TEST_F(AgentHandshake, ARepeatedConnectedAnnouncesTheStreamsAgainAndNothingElse) {

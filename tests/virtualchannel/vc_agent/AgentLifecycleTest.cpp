@@ -133,15 +133,23 @@ TEST_F(AgentLifecycle, HostCallsFromInsideAQuestionAreTaken) {
     }
 }
 
-TEST_F(AgentLifecycle, TheChannelMayUseItselfWhenItIsTold) {
-    std::atomic<int> seen{0};
-    m_channel.onStateChange = [&](bool) {
-        seen += m_side.agent->IsConnected() ? 10 : 1;
-        m_channel.SendData("x", 1, true);
+// What the streams hand to the channel ends first, then the goodbye leaves, and only then may the
+// channel drop what is queued.
+TEST_F(AgentLifecycle, TheConnectionIsOverBeforeTheChannelHearsOfIt) {
+    Texts steps;
+    const auto note = [&](const std::string& what) {
+        steps.push_back(what + (m_side.agent->IsConnected() ? ", connected" : ", not connected"));
     };
+    m_channel.onStateChange = [&](bool connected) { note(connected ? "up" : "down"); };
+    m_channel.onSend = [&] { note("send"); };
+    m_channel.onWaitUntilSent = [&] { note("wait"); };
     m_side.connect();
     m_channel.deliver(control(CTL_DISCONNECT));
-    EXPECT_EQ(seen, 11);  // told before it connects, and before it disconnects
+    EXPECT_EQ(steps, (Texts{"up, not connected", "down, not connected"}));
+    m_side.connect();
+    steps.clear();
+    m_side.agent->stop();
+    EXPECT_EQ(steps, (Texts{"send, not connected", "wait, not connected", "down, not connected"}));
 }
 
 // Everybody calls at once: host threads, local processes, and in the end stop() or the destructor.

@@ -39,6 +39,7 @@ public:
     std::function<void()> onSend;
     std::function<void(bool)> onStateChange;
     std::function<void()> onQuestion;
+    std::function<void()> onWaitUntilSent;
 
     // To the agent, under the observer lock as a real channel does it.
     void deliver(const std::string& bytes) {
@@ -102,6 +103,10 @@ public:
         if (onStateChange) onStateChange(connected);
         std::lock_guard lock(m_sentMutex);
         m_stateChanges.push_back(connected);
+    }
+    bool WaitUntilSent(std::chrono::milliseconds) override {
+        if (onWaitUntilSent) onWaitUntilSent();
+        return true;
     }
 
 private:

@@ -1,6 +1,8 @@
 // The transport as the agent sees it, and the agent as a transport sees it.
 #pragma once
 
+#include <chrono>
+
 namespace NorvoVirtualChannel {
 
 // A channel's upward side. A channel calls these with its observer lock held: an observer must not
@@ -47,6 +49,9 @@ public:
     // The far side begins anew: what it has sent only in part will never be completed. Any thread,
     // also from inside a call of the observer.
     virtual void ForgetIncompleteMessages() {}
+    // Waits until what was queued before the call has been handed to the host, at most `limit`.
+    // Whether it has been.
+    virtual bool WaitUntilSent(std::chrono::milliseconds /*limit*/) { return true; }
 };
 
 }  // namespace NorvoVirtualChannel

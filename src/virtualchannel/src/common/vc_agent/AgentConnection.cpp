@@ -1,5 +1,7 @@
 #include "AgentConnection.h"
 
+#include <cassert>
+
 #include "StreamType.h"
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
@@ -7,11 +9,17 @@ NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
+using Cause = ConnectionState::Cause;
+using Phase = ConnectionState::Phase;
 
 namespace {
 
 // Between two streams that are announced again, so that a host that paces its packets keeps up.
 constexpr std::chrono::milliseconds kAnnouncePause{5};
+
+// For CTL_DISCONNECT and what the streams had handed on before it. A channel takes a few tens of
+// milliseconds for that, unless its host takes nothing at all.
+constexpr std::chrono::milliseconds kGoodbyeLimit{250};
 
 VCMessage bareMessage(MessageTypeEnum type) {
     VCMessage message;
@@ -24,22 +32,17 @@ VCMessage bareMessage(MessageTypeEnum type) {
 void AgentConnection::setConnected() {
     OrderedLock lock(m_transitionMutex, lock_order::transition);
     if (m_context.stopping) return;
+    const auto& transition = m_state.next(Cause::Handshake);
     AGENT_LOG(Notice, "Virtual Channel Agents are connected");
     m_notifier.notifyCurrentProcessId(true);
     m_notifier.notifyChannelVersion();
     m_notifier.notifyEnviromentType();
-    AGENT_LOG(Info, "Agents are connected: ", m_context.connected.load(),
-              " ,Agents were previously connected: ", m_previouslyConnected.load());
-    if (m_previouslyConnected || m_firstConnection) {
-        m_notifier.notifyEvent("ChannelUp");
-        m_firstConnection = false;
-    }
-    if (m_peerReady && (m_context.connected || m_previouslyConnected)) {
-        announceAgain();
-        m_previouslyConnected = false;
-        m_peerReady = false;
-    }
-    if (!m_context.connected) begin();
+    AGENT_LOG(Info, "Agents are connected: ", m_state.phase() == Phase::Connected,
+              " ,Agents were previously connected: ", m_state.phase() == Phase::Lost);
+    if (transition.announcesChannelUp) m_notifier.notifyEvent("ChannelUp");
+    if (transition.reannouncesStreams) announceAgain();
+    if (transition.beginsOrEndsThreads) begin(transition);
+    assert(IsConsistent());
 }
 
 void AgentConnection::announceAgain() {
@@ -54,36 +57,52 @@ void AgentConnection::announceAgain() {
     }
 }
 
-void AgentConnection::begin() {
+void AgentConnection::begin(const ConnectionState::Transition& transition) {
     AGENT_LOG(Info, "Virtual Channel Agents is loaded by process id: ", utils::GetProcessId());
     if (auto* const channel = m_link.channel()) channel->onAgentStateChange(true);
     if (!m_context.environment->markActive()) {
         AGENT_LOG(Warning, "Another virtual channel agent is marked as the active one.");
     }
-    m_context.connected = true;
+    m_state.enter(transition);
     if (m_outgoing.start() && m_checker.start()) return;
     AGENT_LOG(Error, "Cannot start the threads of a connection.");
-    leave();
+    leave(Goodbye::Unsaid);
 }
 
 void AgentConnection::setDisconnected() {
     OrderedLock lock(m_transitionMutex, lock_order::transition);
-    leave();
+    leave(Goodbye::Unsaid);
 }
 
-void AgentConnection::leave() {
+// No stream hands data to the channel any more once the phase has changed: what is told to the far
+// side or to the channel after that comes behind a bounded backlog.
+void AgentConnection::leave(Goodbye goodbye) {
+    const auto& transition = m_state.next(Cause::Loss);
+    m_state.enter(transition);
+    if (goodbye == Goodbye::Said) sayGoodbye();
     AGENT_LOG(Notice, "Virtual Channel Agents are disconnected");
-    if (m_context.connected) {
-        m_previouslyConnected = true;
+    if (transition.beginsOrEndsThreads) {
         if (auto* const channel = m_link.channel()) channel->onAgentStateChange(false);
         m_context.environment->clearActive();
-        m_context.connected = false;
+        m_checker.requestStop();
+        m_outgoing.stop();
+        m_checker.stop();
     }
-    m_checker.requestStop();
-    m_outgoing.stop();
-    m_checker.stop();
     m_notifier.notifyEvent("ChannelDown");
     VirtualChannelLogger_flushBufferIfAllowed();
+    assert(IsConsistent());
+}
+
+// The channel drops what it has queued when it hears that the agents have lost each other.
+void AgentConnection::sayGoodbye() {
+    m_link.SendMessageToChannel(bareMessage(CTL_DISCONNECT), false);
+    if (auto* const channel = m_link.channel()) channel->WaitUntilSent(kGoodbyeLimit);
+}
+
+bool AgentConnection::IsConsistent() const {
+    const bool connected = m_state.phase() == Phase::Connected;
+    return m_context.connected == connected && m_outgoing.isRunning() == connected &&
+           m_checker.isRunning() == connected;
 }
 
 void AgentConnection::requestConnect() {
@@ -93,8 +112,8 @@ void AgentConnection::requestConnect() {
 
 void AgentConnection::requestDisconnect() {
     AGENT_LOG(Info, "requestDisconnect()");
-    m_link.SendMessageToChannel(bareMessage(CTL_DISCONNECT), false);
-    setDisconnected();
+    OrderedLock lock(m_transitionMutex, lock_order::transition);
+    leave(Goodbye::Said);
 }
 
 void AgentConnection::sendFlushLogs() {
@@ -111,6 +130,8 @@ void AgentConnection::availabilityChanged(bool available) {
         AGENT_LOG(Notice,
                   "Another virtual channel agent is connected, so ignore "
                   "OnVirtualChannelAvailabilityChange.");
+        // No connection outlives its channel, whoever the active agent is.
+        if (!available && m_context.connected) setDisconnected();
         return;
     }
     if (available == m_channelAvailable) AGENT_LOG(Info, "Availability didn't actually change");

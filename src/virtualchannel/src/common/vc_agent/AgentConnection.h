@@ -1,9 +1,8 @@
 #pragma once
 
-#include <atomic>
-
 #include "AgentContext.h"
 #include "ChannelLink.h"
+#include "ConnectionState.h"
 #include "InfoNotifier.h"
 #include "LockOrder.h"
 #include "OutgoingMessages.h"
@@ -25,15 +24,16 @@ public:
           m_notifier(notifier),
           m_checker(context, streams, outgoing) {}
 
-    // The far side has taken part in the handshake; setConnected() follows.
-    void setPeerReady() { m_peerReady = true; }
-    // Enters the connected state, or refreshes it: local processes are told, and the far side is
-    // asked again for its ends of the streams unless this is the first connection.
+    // The far side has finished a handshake. Enters the connected state, or refreshes it: local
+    // processes are told, and the far side is asked again for its ends of the streams unless this
+    // is the first connection.
     void setConnected() NORVO_TAKES_TRANSITION;
     // Leaves it. Local processes are told also when there was no connection.
     void setDisconnected() NORVO_TAKES_TRANSITION;
 
     void requestConnect();
+    // Leaves the connected state and tells the far side, which hears it unless the channel takes
+    // longer than 250 ms to send what was queued before.
     void requestDisconnect() NORVO_TAKES_TRANSITION;
     // Has both sides write their logs out.
     void sendFlushLogs();
@@ -46,9 +46,15 @@ public:
     void end(bool tellPeer) NORVO_TAKES_TRANSITION;
 
 private:
+    enum class Goodbye { Said, Unsaid };
     void announceAgain() NORVO_TAKES_STREAMS;
-    void begin() NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_STATE;
-    void leave() NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_STATE;
+    void begin(const ConnectionState::Transition& transition)
+        NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_CREATION;
+    void leave(Goodbye goodbye)
+        NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_CREATION;
+    void sayGoodbye();
+    // What must exist in each phase does, and nothing else.
+    bool IsConsistent() const NORVO_REQUIRES(m_transitionMutex, lock_order::transition);
 
     AgentContext& m_context;
     ChannelLink& m_link;
@@ -56,13 +62,10 @@ private:
     OutgoingMessages& m_outgoing;
     InfoNotifier& m_notifier;
 
-    std::atomic<bool> m_channelAvailable{false};  // as the channel said last
-    std::atomic<bool> m_peerReady{false};
-    std::atomic<bool> m_previouslyConnected{false};  // a connection was lost
-    std::atomic<bool> m_firstConnection{true};       // "ChannelUp" is still to be told
-
     VDIFrameworkCommon::LocalMutex m_transitionMutex;
+    ConnectionState m_state NORVO_GUARDED_BY(m_transitionMutex){m_context.connected};
     StreamStateChecker m_checker;
+    std::atomic<bool> m_channelAvailable{false};  // as the channel said last
 };
 
 }  // namespace VirtualChannelAgent

@@ -31,7 +31,7 @@ struct AgentContext {
 
     // Set first thing when the agent ends: nothing is begun after that.
     std::atomic<bool> stopping{false};
-    // The handshake is done. Written by AgentConnection only.
+    // The handshake is done. Written by ConnectionState only.
     std::atomic<bool> connected{false};
 
 private:

@@ -38,6 +38,9 @@ public:
         return true;
     }
 
+    // It has been started and not been joined yet.
+    bool isRunning() const { return m_thread.joinable(); }
+
     void join() {
         if (m_thread.joinable()) m_thread.join();
     }

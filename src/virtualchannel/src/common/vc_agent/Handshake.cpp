@@ -36,7 +36,6 @@ void ControlProtocol::connected(const Received& received) {
 }
 
 void ControlProtocol::takeHandshake(const VCMessage& message) {
-    m_connection.setPeerReady();
     takeVersions(message);
     m_connection.setConnected();
     takeStreamList(message);

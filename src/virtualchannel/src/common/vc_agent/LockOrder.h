@@ -1,8 +1,8 @@
 // The order in which the locks of one agent are taken, checked by Clang's thread-safety analysis.
 //
-// A rank is no lock: it stands for a place in the order. Who takes a lock does it with OrderedLock,
-// which names the lock's rank too; an operation that takes locks inside says so with one of the
-// NORVO_TAKES_ macros, and then cannot be called where a later rank is held.
+// A rank is not a lock but a place in the order. Take locks with OrderedLock, which names the
+// lock's rank too. An operation that takes locks inside says so with one of the NORVO_TAKES_
+// macros; it cannot be called where a later rank is held.
 #pragma once
 
 #include "LocalMutex.h"
@@ -13,8 +13,7 @@ class NORVO_CAPABILITY("rank") Rank {};
 
 inline Rank lifecycle;                                   // stop() and the destructor
 inline Rank transition NORVO_ACQUIRED_AFTER(lifecycle);  // entering and leaving the connected state
-inline Rank state NORVO_ACQUIRED_AFTER(transition);      // the check thread, for its whole run
-inline Rank creation NORVO_ACQUIRED_AFTER(state);        // making a stream and its segment
+inline Rank creation NORVO_ACQUIRED_AFTER(transition);   // making a stream and its segment
 inline Rank service NORVO_ACQUIRED_AFTER(creation);      // one stream's beginning and end
 inline Rank streams NORVO_ACQUIRED_AFTER(service);       // the stream table
 inline Rank leaf NORVO_ACQUIRED_AFTER(streams);          // queues and small values: nothing follows
@@ -43,7 +42,5 @@ private:
     NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::service) NORVO_TAKES_STREAMS
 #define NORVO_TAKES_CREATION \
     NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::creation) NORVO_TAKES_SERVICE
-#define NORVO_TAKES_STATE \
-    NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::state) NORVO_TAKES_CREATION
 #define NORVO_TAKES_TRANSITION \
-    NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::transition) NORVO_TAKES_STATE
+    NORVO_EXCLUDES(::VirtualChannelAgent::lock_order::transition) NORVO_TAKES_CREATION

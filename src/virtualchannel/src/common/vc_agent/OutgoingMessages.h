@@ -28,7 +28,7 @@ public:
     bool start() NORVO_REQUIRES(lock_order::transition);
     void stop() NORVO_REQUIRES(lock_order::transition) NORVO_TAKES_LEAF;
 
-    std::size_t queued() const NORVO_TAKES_LEAF { return m_queue.size(); }
+    bool isRunning() const NORVO_REQUIRES(lock_order::transition) { return m_thread.isRunning(); }
 
 private:
     void SendMessageToChannelAboutStreamThread() NORVO_TAKES_LEAF;

@@ -23,12 +23,9 @@ void StreamStateChecker::stop() {
 
 void StreamStateChecker::CheckStreamStatesThread() {
     AGENT_LOG(Info, "CheckStreamStatesThread started.");
-    {
-        lock_order::OrderedLock lock(m_stateMutex, lock_order::state);
-        while (m_running) {
-            m_context.environment->wait(m_wake, kCheckPeriod);
-            askAgain();
-        }
+    while (m_running) {
+        m_context.environment->wait(m_wake, kCheckPeriod);
+        askAgain();
     }
     AGENT_LOG(Info, "Finishing CheckStreamStatesThread thread/method");
 }

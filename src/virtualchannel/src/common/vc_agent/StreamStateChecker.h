@@ -24,9 +24,10 @@ public:
     // Without waiting for the end of the thread; stop() waits.
     void requestStop() { m_running = false; }
     void stop() NORVO_REQUIRES(lock_order::transition);
+    bool isRunning() const NORVO_REQUIRES(lock_order::transition) { return m_thread.isRunning(); }
 
 private:
-    void CheckStreamStatesThread() NORVO_TAKES_STATE;
+    void CheckStreamStatesThread() NORVO_TAKES_STREAMS;
     void askAgain() NORVO_TAKES_STREAMS;
 
     AgentContext& m_context;
@@ -34,8 +35,6 @@ private:
     OutgoingMessages& m_outgoing;
     std::atomic<bool> m_running{false};
     VDIFrameworkCommon::Event m_wake{true};
-    // Held by the thread for its whole run: there is never a second one.
-    VDIFrameworkCommon::LocalMutex m_stateMutex;
     AgentThread m_thread NORVO_GUARDED_BY(lock_order::transition);
 };
 
