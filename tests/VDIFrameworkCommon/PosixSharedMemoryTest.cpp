@@ -91,6 +91,10 @@ TEST_F(PosixSharedMemoryTest, GrowsToWhatTheSystemCanHoldAndNeverShrinksAndKeeps
     char bytes[5] = {};
     EXPECT_EQ(pread(fd, bytes, 4, 4996), 4);
     EXPECT_STREQ(bytes, "kept");
+    // What somebody else sized without memory behind it is given memory.
+    EXPECT_EQ(ftruncate(fd, 1 << 20), 0);
+    EXPECT_EQ(ftruncate_mac(fd, 1 << 20), 0);
+    EXPECT_GE(statusOf(fd).st_blocks, (1 << 20) / 512);
     close(fd);
     EXPECT_EQ(ftruncate_mac(-1, 100), -1);
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <limits>
 
 #include "Log.h"
 
@@ -47,13 +46,8 @@ bool SharedMemoryBase::Open(const std::string& name, unsigned int size) {
 }
 
 bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mode) {
-    constexpr auto kLargest = std::numeric_limits<unsigned int>::max() - sizeof(SharedMemoryHeader);
     if (m_open) {
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
-        return false;
-    }
-    if (size == 0 || size > kLargest) {
-        NORVO_LOG(Error, "Illegal capacity ", size, " for shared memory: ", name);
         return false;
     }
     LocalLock operation(m_operationLock);
@@ -61,16 +55,26 @@ bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mo
     {
         LocalLock naming(m_nameLock);
         m_name = name;
+        m_openError = {shared_memory::OpenFailure::SystemError, 0, 0, -1};
     }
-    if (!createSynchronization(mode) || !lockNamedMutex()) return false;
+    if (!createSynchronization(mode)) return false;
     m_writeCondition.notify();
     const bool ready = CreateOrOpen(name, size, true);
     if (ready) start(mode);
+    if (ready) enterRegistry(mode);
     m_mutex.unlock();
     if (!ready) return false;
     if (mode == Mode::Reader) m_writeCondition.notify();
     m_controller->start();
     return true;
+}
+
+void SharedMemoryBase::enterRegistry(Mode mode) {
+    using shared_memory::SegmentRegistry;
+    if (!m_registry.open(m_name)) return;
+    m_registry.removeGone([](const auto&) {});
+    m_registry.enter(mode == Mode::Writer ? SegmentRegistry::Role::Writer
+                                          : SegmentRegistry::Role::Reader);
 }
 
 void SharedMemoryBase::start(Mode mode) {
@@ -95,7 +99,18 @@ void SharedMemoryBase::startWriting() { ResetSynchronizationID(); }
 
 void SharedMemoryBase::startReading() { m_header->readMessageId = m_header->newMessageId.load(); }
 
+// With the mutex locked at the end.
 bool SharedMemoryBase::createSynchronization(Mode mode) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (!createObjects(mode) || !lockNamedMutex()) return false;
+        // Whoever removed the segment held the mutex, and it is gone, too.
+        if (m_mutex.isCurrent()) return true;
+        m_mutex.unlock();
+    }
+    return false;
+}
+
+bool SharedMemoryBase::createObjects(Mode mode) {
     const std::string object = kSegmentObjectPrefix + m_name;
     if (!m_mutex.create(object.c_str())) {
         NORVO_LOG(Error, "CreateMutex for shared memory start failed, stream: ", m_name);
@@ -104,13 +119,13 @@ bool SharedMemoryBase::createSynchronization(Mode mode) {
     NORVO_LOG(Info, "CreateMutex for shared memory start ",
               mode == Mode::Writer ? "succeed" : "Suceded", ", stream: ", m_name);
     m_mutex.unlock();
-    if (!m_readCondition.create((object + "_read_condition").c_str())) {
+    if (!m_readCondition.create((object + kReadConditionSuffix).c_str())) {
         NORVO_LOG(Error,
                   "Create condition for reading shared memory start failed, stream: ", m_name);
         return false;
     }
     NORVO_LOG(Info, "Create condition for reading shared memory start succeed, stream: ", m_name);
-    if (!m_writeCondition.create((object + "_write_condition").c_str())) {
+    if (!m_writeCondition.create((object + kWriteConditionSuffix).c_str())) {
         NORVO_LOG(Error,
                   "Create condition for writing to  shared memory start failed, stream: ", m_name);
         return false;
@@ -146,9 +161,20 @@ bool SharedMemoryBase::Close() {
     LocalLock wait(m_waitLock);
     dropPartialMessage();
     leave();
+    m_registry.close();
     m_header = nullptr;
     m_data = nullptr;
     return CloseSharedMemory();
+}
+
+shared_memory::OpenError SharedMemoryBase::openError() {
+    LocalLock naming(m_nameLock);
+    return m_openError;
+}
+
+void SharedMemoryBase::setOpenError(const shared_memory::OpenError& error) {
+    LocalLock naming(m_nameLock);
+    m_openError = error;
 }
 
 std::string SharedMemoryBase::getName() {

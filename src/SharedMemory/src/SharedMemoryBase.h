@@ -11,6 +11,7 @@
 #include "NamedCondition.h"
 #include "NamedMutex.h"
 #include "ObserverSet.h"
+#include "SegmentRegistry.h"
 #include "SharedMemoryI.h"
 #include "SharedMemoryLayout.h"
 #include "SharedMemoryRWController.h"
@@ -37,6 +38,7 @@ public:
     // Refused inside an observer's call: the read thread cannot wait for its own end.
     bool Close() override;
     std::string getName() override;
+    shared_memory::OpenError openError() override;
     bool WriteData(const void* data, const unsigned int& length) override;
     // A message whose next chunk does not come within `timeout` is kept as far as it came; a later
     // call goes on with it.
@@ -86,6 +88,7 @@ protected:
 
     // --- for backend and variants ---
     void mapped(void* address, unsigned int capacity);
+    void setOpenError(const shared_memory::OpenError& error);
     void* address() const { return m_address; }
     unsigned int capacity() const { return m_capacity; }
     // Null unless mapped.
@@ -123,6 +126,8 @@ private:
     // Set-up
     bool setUp(const std::string& name, unsigned int size, Mode mode);
     bool createSynchronization(Mode mode);
+    bool createObjects(Mode mode);
+    void enterRegistry(Mode mode);
     void start(Mode mode) NORVO_REQUIRES(m_operationLock, m_waitLock);
     void MapSMAreaPointers();
 
@@ -163,6 +168,8 @@ private:
 
     // For getName(), which must not wait as long as a reader does.
     VDIFrameworkCommon::LocalMutex m_nameLock;
+    shared_memory::OpenError m_openError NORVO_GUARDED_BY(m_nameLock);
+    shared_memory::SegmentRegistry m_registry;
     std::atomic<Mode> m_mode{Mode::NotSetUp};
     std::atomic<bool> m_open{false};
     void* m_address = nullptr;

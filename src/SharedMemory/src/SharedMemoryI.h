@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "OpenFailure.h"
+
 class SharedMemoryI;
 
 // Gets the messages of a segment that it is subscribed to.
@@ -25,6 +27,8 @@ public:
     virtual bool Create(const std::string& name, unsigned int size) = 0;
     // Sets up as the reader; makes the segment when there is none. A waiting chunk is dropped.
     virtual bool Open(const std::string& name, unsigned int size) = 0;
+    // Why the last Create or Open failed; OpenFailure::None when it did not.
+    virtual shared_memory::OpenError openError() { return {}; }
     // Ends the read thread and unmaps. The object stays in the system for the other end.
     virtual bool Close() = 0;
     virtual std::string getName() = 0;

@@ -25,6 +25,8 @@
 
 // With the segment's name behind it, what the names of its mutex and its conditions begin with.
 inline constexpr char kSegmentObjectPrefix[] = "ED992248_";
+inline constexpr char kReadConditionSuffix[] = "_read_condition";
+inline constexpr char kWriteConditionSuffix[] = "_write_condition";
 
 using SharedWord = std::atomic<long>;
 using SharedCount = std::atomic<std::uint32_t>;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 
@@ -38,15 +39,17 @@ std::string hashDigits(std::string_view text) {
     return result;
 }
 
-bool isOursAlone(int fd) {
-    struct stat status;
-    return fstat(fd, &status) == 0 && shared_memory_system::isObject(status) &&
-           status.st_uid == geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+std::atomic<bool> g_existingObjectsGrow{true};
+
+bool isOursAlone(const struct stat& status) {
+    return shared_memory_system::isObject(status) && status.st_uid == geteuid() &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 int openChecked(const char* name, int flags) {
     const int fd = shared_memory_system::openExisting(name, flags & ~(O_CREAT | O_EXCL));
-    if (fd < 0 || isOursAlone(fd)) return fd;
+    struct stat status;
+    if (fd < 0 || (fstat(fd, &status) == 0 && isOursAlone(status))) return fd;
     close(fd);
     errno = EACCES;
     return -1;
@@ -89,12 +92,30 @@ int ftruncate_mac(int fd, long long length) {
         errno = EINVAL;
         return -1;
     }
-    if (status.st_size >= length) return 0;
+    if (status.st_size >= length) return shared_memory_system::reserve(fd, length);
+    if (status.st_size > 0 && !g_existingObjectsGrow.load(std::memory_order_relaxed)) {
+        errno = EINVAL;
+        return -1;
+    }
     return shared_memory_system::grow(fd, status.st_size, length);
 }
 
 int shm_unlink_mac(const std::string& name) {
     return shm_unlink(sharedMemoryObjectName(name).c_str());
 }
+
+ObjectHolder holderOfSharedMemory(const std::string& name) {
+    struct stat status;
+    if (!shared_memory_system::statusOf(sharedMemoryObjectName(name).c_str(), status)) return {};
+    return {!isOursAlone(status), static_cast<long>(status.st_uid)};
+}
+
+bool isSharedMemoryRemoved(const struct stat& status) {
+    return shared_memory_system::tellsRemoval() && status.st_nlink == 0;
+}
+
+bool isSharedMemoryRemovalSeen() { return shared_memory_system::tellsRemoval(); }
+
+bool setExistingObjectsGrow(bool grow) { return g_existingObjectsGrow.exchange(grow); }
 
 }  // namespace VDIFrameworkCommon

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -14,13 +16,32 @@ namespace VDIFrameworkCommon {
 // whatever is not a shared-memory object. The descriptor is closed on exec.
 int shm_open_mac(const std::string& name, int flags, int mode);
 
-// Grows the object to `length` bytes and reserves its memory, so that a full system fails here and
-// not at the first touch; never shrinks one that others may have mapped. An object that already has
-// at least that size is left alone and 0 is returned. Where the system sizes an object only once
-// (macOS), growing it later fails with EINVAL.
+// Grows the object to `length` bytes and reserves their memory, so that a full system fails here
+// (ENOSPC) and not at the first touch; never shrinks one that others may have mapped. An object
+// that already has at least that size keeps it, and what somebody left without memory gets it.
+// Where the system sizes an object only once (macOS), growing it later fails with EINVAL.
 int ftruncate_mac(int fd, long long length);
 
 int shm_unlink_mac(const std::string& name);
+
+// Who holds the name, when shm_open_mac was refused.
+struct ObjectHolder {
+    // What has the name belongs to another user, is open to others, or is not a shared-memory
+    // object. False also when nothing has the name, or when the system does not tell.
+    bool isForeign = false;
+    long user = -1;  // its owner's user ID; -1 when the system does not tell
+};
+ObjectHolder holderOfSharedMemory(const std::string& name);
+
+// Whether the object of this status has lost its name: somebody removed it. False where the system
+// does not tell (macOS).
+bool isSharedMemoryRemoved(const struct stat& status);
+// Whether the system tells.
+bool isSharedMemoryRemovalSeen();
+
+// For tests: whether an object that has a size may grow; false is as on a system that sizes an
+// object only once. Returns what it was.
+bool setExistingObjectsGrow(bool grow);
 
 // What the system is given for `name`: a '/', the session namespace, and `name`. What is longer
 // than `limit` characters in all, or holds a '/', is cut to a readable start and a hash of the

@@ -23,4 +23,15 @@ bool isObject(const struct stat& status);
 // processes at once.
 int grow(int fd, long long current, long long length);
 
+// Gives memory to the first `length` bytes of an object that has at least that size. 0, or -1 with
+// errno.
+int reserve(int fd, long long length);
+
+// Whether a status shows that an object's name was removed.
+bool tellsRemoval();
+
+// The status of whatever has that object name, as far as it can be had without permission to open
+// it; not of what a symbolic link there leads to. False when nothing is known.
+bool statusOf(const char* name, struct stat& status);
+
 }  // namespace VDIFrameworkCommon::shared_memory_system

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 #include "PosixSharedMemorySystem.h"
 
@@ -25,14 +26,22 @@ int createNew(const char* name, int flags, int mode) {
 
 bool isObject(const struct stat& status) { return S_ISREG(status.st_mode); }
 
+int grow(int fd, long long, long long length) { return reserve(fd, length); }
+
 // posix_fallocate only ever extends, so two processes that size an object at once cannot shrink it.
-int grow(int fd, long long, long long length) {
+int reserve(int fd, long long length) {
     int error = EINTR;
     for (int attempt = 0; attempt < 100 && error == EINTR; ++attempt) {
         error = posix_fallocate(fd, 0, static_cast<off_t>(length));
     }
     if (error != 0) errno = error;
     return error == 0 ? 0 : -1;
+}
+
+bool tellsRemoval() { return true; }
+
+bool statusOf(const char* name, struct stat& status) {
+    return lstat((std::string("/dev/shm") + name).c_str(), &status) == 0;
 }
 
 }  // namespace VDIFrameworkCommon::shared_memory_system

@@ -131,6 +131,12 @@ bool NamedMutex::lockFor(milliseconds limit) {
     return true;
 }
 
+bool NamedMutex::owns() const {
+    return m_object && m_holder.load(std::memory_order_relaxed) == ProcessIdentity::own();
+}
+
+bool NamedMutex::isCurrent() const { return !m_object || m_object->isCurrent(); }
+
 bool NamedMutex::unlock() {
     if (!m_object) return false;
     NamedObjectWords& words = m_object->words();

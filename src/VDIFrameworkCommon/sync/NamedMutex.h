@@ -40,6 +40,13 @@ public:
     // nothing of that kind: the lock of a living other owner is never touched.
     bool unlock() override;
 
+    // Whether this handle holds the lock.
+    bool owns() const;
+    // Whether the name still leads to this mutex. One that was removed from the system excludes
+    // nobody who comes later: create() gives the newer one. Always true where the system does not
+    // tell.
+    bool isCurrent() const;
+
 private:
     std::shared_ptr<NamedObject> m_object;
     // The identity of this process while it holds the lock through this handle. A copy in a forked

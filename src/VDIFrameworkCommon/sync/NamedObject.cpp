@@ -25,15 +25,24 @@ constexpr std::uint64_t kMagic = 0x4f53564eU;  // "NVSO"
 constexpr std::uint64_t kLayoutVersion = 1;
 
 const char* textOf(NamedObject::Kind kind) {
-    return kind == NamedObject::Kind::Mutex ? "mutex" : "condition";
+    switch (kind) {
+        case NamedObject::Kind::Mutex:
+            return "mutex";
+        case NamedObject::Kind::Condition:
+            return "condition";
+        case NamedObject::Kind::Registry:
+            break;
+    }
+    return "registry";
 }
 
 bool isPrivate(const struct stat& status) { return (status.st_mode & (S_IRWXG | S_IRWXO)) == 0; }
 
-// Gives a size to a new object only; any other was not made here and stays as it is.
-bool sizeNewObject(int fd, struct stat& status) {
+// Gives a new object its size, and any its memory. One that is too small was not made here and
+// stays as it is.
+bool sizeObject(int fd, struct stat& status) {
     if (fstat(fd, &status) != 0) return false;
-    if (status.st_size != 0) return true;
+    if (status.st_size != 0 && status.st_size < static_cast<off_t>(NamedObject::kSize)) return true;
     return ftruncate_mac(fd, NamedObject::kSize) == 0 && fstat(fd, &status) == 0;
 }
 
@@ -109,12 +118,35 @@ NamedObject::~NamedObject() {
 }
 
 std::shared_ptr<NamedObject> NamedObject::open(Kind kind, const char* name) {
+    return openWith(kind, name, O_RDWR | O_CREAT);
+}
+
+std::shared_ptr<NamedObject> NamedObject::openExisting(Kind kind, const char* name) {
+    return openWith(kind, name, O_RDWR);
+}
+
+void NamedObject::remove(Kind kind, const char* name) {
+    if (isSharedMemoryRemovalSeen()) shm_unlink_mac(objectName(kind, name));
+}
+
+bool NamedObject::isCurrent() const {
+    if (!isSharedMemoryRemovalSeen()) return true;
+    const int fd = shm_open_mac(m_objectName, O_RDWR, 0);
+    if (fd < 0) return errno != ENOENT;
+    struct stat status;
+    const bool known = fstat(fd, &status) == 0;
+    close(fd);
+    return !known || m_place == Place{status.st_dev, status.st_ino};
+}
+
+std::shared_ptr<NamedObject> NamedObject::openWith(Kind kind, const char* name, int flags) {
     if (!name || !*name) {
         NORVO_LOG(Warning, "A named ", textOf(kind), " needs a name");
         return nullptr;
     }
     const std::string objectName = NamedObject::objectName(kind, name);
-    const int fd = shm_open_mac(objectName, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
+    const int fd = shm_open_mac(objectName, flags, S_IRUSR | S_IWUSR);
+    if (fd < 0 && errno == ENOENT && (flags & O_CREAT) == 0) return nullptr;
     if (fd < 0) {
         NORVO_LOG(Error, "Cannot open named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
         return nullptr;
@@ -127,7 +159,7 @@ std::shared_ptr<NamedObject> NamedObject::open(Kind kind, const char* name) {
 std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name,
                                               const std::string& objectName, int fd) {
     struct stat status;
-    if (!sizeNewObject(fd, status)) {
+    if (!sizeObject(fd, status)) {
         NORVO_LOG(Error, "Cannot size named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
         return nullptr;
     }

@@ -1,4 +1,4 @@
-// The shared-memory object behind a named mutex or condition.
+// The shared-memory object behind a named mutex, condition or registry.
 #pragma once
 
 #include <sys/types.h>
@@ -50,12 +50,13 @@ static_assert(offsetof(NamedObjectWords, notifier) == 144);
 static_assert(offsetof(NamedObjectWords, earlierNotifier) == 152);
 static_assert(offsetof(NamedObjectWords, notifierCpu) == 160);
 static_assert(offsetof(NamedObjectWords, wokenAt) == 168);
+static_assert(sizeof(NamedObjectWords) <= 256);
 
 // One mapping of such an object; all handles of a process on one name share it, and it is unmapped
 // with the last of them. The object itself stays in the system.
 class NamedObject {
 public:
-    enum class Kind : std::uint8_t { Mutex = 1, Condition = 2 };
+    enum class Kind : std::uint8_t { Mutex = 1, Condition = 2, Registry = 3 };
 
     // The largest memory page of the supported systems.
     static constexpr std::size_t kSize = 16384;
@@ -64,12 +65,26 @@ public:
     // there is none. Null, after one log line, when the system refuses, or when what has that name
     // is of another user, open to others, or not of this layout.
     static std::shared_ptr<NamedObject> open(Kind kind, const char* name);
+    // The same without making one: null, without a log line, when there is none.
+    static std::shared_ptr<NamedObject> openExisting(Kind kind, const char* name);
+    // Removes the object from the system. Its handles keep what they have mapped, and a handle
+    // opened later has another one. Does nothing where the system cannot tell the two apart
+    // (isCurrent() below).
+    static void remove(Kind kind, const char* name);
     ~NamedObject();
     NamedObject(const NamedObject&) = delete;
     NamedObject& operator=(const NamedObject&) = delete;
 
     NamedObjectWords& words() { return *m_words; }
     const std::string& name() const { return m_name; }
+    // What a registry keeps: kAreaSize bytes behind the words above.
+    void* area() { return reinterpret_cast<char*>(m_words) + kAreaOffset; }
+    static constexpr std::size_t kAreaOffset = 256;
+    static constexpr std::size_t kAreaSize = kSize - kAreaOffset;
+
+    // Whether the name still leads to this object, as far as the system tells. One that was removed
+    // excludes, and wakes, nobody who comes later.
+    bool isCurrent() const;
 
     // How many handles of this process have notified and still exist.
     std::atomic<int> notifyingHandles{0};
@@ -88,6 +103,7 @@ private:
 
     NamedObject(std::string name, std::string objectName, Place place, void* memory);
 
+    static std::shared_ptr<NamedObject> openWith(Kind kind, const char* name, int flags);
     static std::shared_ptr<NamedObject> map(Kind kind, const std::string& name,
                                             const std::string& objectName, int fd);
 

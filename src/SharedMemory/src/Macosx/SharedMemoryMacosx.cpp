@@ -1,33 +1,10 @@
 #include "SharedMemoryMacosx.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <ctime>
 
 #include "Log.h"
-#include "PosixSharedMemory.h"
-#include "VDIClientInfo.h"
 
 NORVO_LOG_SOURCE("src/SharedMemory/src/Macosx/SharedMemoryMacosx")
-
-using namespace VDIFrameworkCommon;
-
-namespace {
-
-const char* clientPrefix() {
-    switch (VDIClientInfo::getInstance().getClientType()) {
-        case VDIClientType::Crews:
-            return "CWVDI_";
-        case VDIClientType::Meetings:
-            return "MTVDI_";
-        default:
-            return "DEFVDI_";
-    }
-}
-
-}  // namespace
 
 SharedMemoryMacosx::~SharedMemoryMacosx() {
     if (isOpen()) SharedMemoryMacosx::Close();
@@ -54,52 +31,14 @@ bool SharedMemoryMacosx::CreateOrOpen(const std::string& name, unsigned int size
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
         return false;
     }
-    NORVO_LOG(Info, "Creating/openning shared memory: ", name);
-    m_objectName = std::to_string(geteuid()) + clientPrefix() + name;
-    m_descriptor = shm_open_mac(m_objectName, O_RDWR | (bTryToCreate ? O_CREAT : 0), 0600);
-    if (m_descriptor < 0) {
-        NORVO_LOG(Error, "Failed to create/open shared memory: ", name,
-                  ", bTryToCreate=", bTryToCreate);
-        return false;
-    }
-    void* address = mapObject(name, CalculateSharedMemorySize(size), bTryToCreate);
-    if (!address) {
-        close(m_descriptor);
-        m_descriptor = -1;
-        return false;
-    }
-    mapped(address, size);
-    return true;
-}
-
-void* SharedMemoryMacosx::mapObject(const std::string& name, unsigned int totalSize,
-                                    bool bTryToCreate) {
-    if (ftruncate_mac(m_descriptor, totalSize) != 0) {
-        NORVO_LOG(Error,
-                  "ftruncate function failure, failed to set size for shared memory,: ", name);
-        shm_unlink_mac(m_objectName);
-        // Once more: another process may have made one of that name again in between.
-        if (bTryToCreate) shm_unlink_mac(m_objectName);
-        return nullptr;
-    }
-    void* address = mmap(nullptr, totalSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, 0);
-    if (address == MAP_FAILED) {
-        NORVO_LOG(Error, "mmap failure, failed to map shared memory: ", name);
-        if (bTryToCreate) shm_unlink_mac(m_objectName);
-        return nullptr;
-    }
-    return address;
+    const bool isMapped = m_mapping.open(name, size, bTryToCreate);
+    setOpenError(m_mapping.error());
+    if (isMapped) mapped(m_mapping.header(), size);
+    return isMapped;
 }
 
 bool SharedMemoryMacosx::CloseSharedMemory() {
-    if (munmap(address(), CalculateSharedMemorySize(capacity())) != 0) {
-        NORVO_LOG(Error, "Unpaming shared memory failure.", m_name);
-    }
-    if (close(m_descriptor) != 0) {
-        NORVO_LOG(Error, "Closing the shared memory failure.", m_name);
-        return false;
-    }
-    m_descriptor = -1;
+    if (!m_mapping.close()) return false;
     NORVO_LOG(Info, "Shared Memory closed.", m_name);
     return true;
 }

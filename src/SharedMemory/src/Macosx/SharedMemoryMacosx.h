@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "SegmentMapping.h"
 #include "SharedMemoryBase.h"
 
 // The plain segment over POSIX shared memory, on every system. The object is called: effective user
@@ -21,8 +22,5 @@ protected:
     bool CloseSharedMemory() override;
 
 private:
-    void* mapObject(const std::string& name, unsigned int totalSize, bool bTryToCreate);
-
-    int m_descriptor = -1;
-    std::string m_objectName;
+    shared_memory::SegmentMapping m_mapping;
 };

@@ -1,0 +1,194 @@
+#include "SegmentMapping.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+#include "Log.h"
+#include "PosixSharedMemory.h"
+#include "SegmentUse.h"
+#include "VDIClientInfo.h"
+
+NORVO_LOG_SOURCE("src/SharedMemory/src/SegmentMapping")
+
+using namespace VDIFrameworkCommon;
+
+namespace shared_memory {
+
+namespace {
+
+const char* clientPrefix() {
+    switch (VDIClientInfo::getInstance().getClientType()) {
+        case VDIClientType::Crews:
+            return "CWVDI_";
+        case VDIClientType::Meetings:
+            return "MTVDI_";
+        default:
+            return "DEFVDI_";
+    }
+}
+
+std::string objectNameOf(const std::string& name) {
+    return std::to_string(geteuid()) + clientPrefix() + name;
+}
+
+bool isLackOfSpace(int error) { return error == ENOSPC || error == ENOMEM || error == EFBIG; }
+
+OpenFailure failureFor(int error) {
+    if (isLackOfSpace(error)) return OpenFailure::NoSpace;
+    return error == EACCES || error == EPERM ? OpenFailure::NoPermission : OpenFailure::SystemError;
+}
+
+unsigned int mappableSize(const struct stat& status) {
+    constexpr auto kMost = std::numeric_limits<unsigned int>::max();
+    return static_cast<unsigned int>(
+        std::min<unsigned long long>(static_cast<unsigned long long>(status.st_size), kMost));
+}
+
+}  // namespace
+
+SegmentMapping::~SegmentMapping() {
+    if (isOpen()) close();
+}
+
+unsigned int SegmentMapping::sizeFor(unsigned int capacity) {
+    return capacity + static_cast<unsigned int>(sizeof(SharedMemoryHeader));
+}
+
+bool SegmentMapping::remove(const std::string& name) {
+    return shm_unlink_mac(objectNameOf(name)) == 0;
+}
+
+bool SegmentMapping::open(const std::string& name, unsigned int capacity, bool create) {
+    m_error = {};
+    constexpr auto kLargest = std::numeric_limits<unsigned int>::max() - sizeof(SharedMemoryHeader);
+    if (capacity == 0 || capacity > kLargest) {
+        NORVO_LOG(Error, "Illegal capacity ", capacity, " for shared memory: ", name);
+        fail(OpenFailure::InvalidArgument, 0);
+        return false;
+    }
+    NORVO_LOG(Info, "Creating/openning shared memory: ", name);
+    Sized sized = Sized::Again;
+    for (int attempt = 0; attempt < 3 && sized == Sized::Again; ++attempt) {
+        if (!openObject(name, create)) return false;
+        sized = size(name, sizeFor(capacity), create);
+        if (sized == Sized::Again) closeDescriptor();
+    }
+    if (sized == Sized::Yes && map(name, create)) return true;
+    closeDescriptor();
+    return false;
+}
+
+bool SegmentMapping::openObject(const std::string& name, bool create) {
+    m_objectName = objectNameOf(name);
+    m_descriptor = shm_open_mac(m_objectName, O_RDWR | (create ? O_CREAT : 0), 0600);
+    if (m_descriptor >= 0) return true;
+    fail(failureFor(errno), errno);
+    const ObjectHolder holder = holderOfSharedMemory(m_objectName);
+    if (holder.isForeign) {
+        m_error.failure = OpenFailure::NameTaken;
+        m_error.holder = holder.user;
+    }
+    NORVO_LOG(Error, "Failed to create/open shared memory: ", name, ", bTryToCreate=", create, ": ",
+              describe(m_error));
+    return false;
+}
+
+// Only what was empty when it was opened is removed again: anything else may be in use.
+SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int totalSize,
+                                           bool create) {
+    struct stat status {};
+    if (fstat(m_descriptor, &status) == 0 && ftruncate_mac(m_descriptor, totalSize) == 0) {
+        return Sized::Yes;
+    }
+    fail(failureFor(errno), errno);
+    const bool cannotGrow = status.st_size > 0 && m_error.error == EINVAL;
+    if (cannotGrow && create && !isSegmentInUse(name)) {
+        NORVO_LOG(Notice, "Shared memory is too small and nobody uses it, made anew: ", name);
+        shm_unlink_mac(m_objectName);
+        return Sized::Again;
+    }
+    if (cannotGrow) {
+        m_error.failure = OpenFailure::CapacityMismatch;
+        m_error.existingCapacity =
+            mappableSize(status) - std::min(mappableSize(status), sizeFor(0));
+    }
+    NORVO_LOG(Error, "ftruncate function failure, failed to set size for shared memory,: ", name,
+              ": ", describe(m_error));
+    if (status.st_size != 0) return Sized::No;
+    shm_unlink_mac(m_objectName);
+    // Once more: another process may have made one of that name again in between.
+    if (create) shm_unlink_mac(m_objectName);
+    return Sized::No;
+}
+
+bool SegmentMapping::map(const std::string& name, bool create) {
+    struct stat status {};
+    if (fstat(m_descriptor, &status) == 0) {
+        m_mappedSize = mappableSize(status);
+        void* address =
+            mmap(nullptr, m_mappedSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, 0);
+        if (address != MAP_FAILED) {
+            m_address = address;
+            m_capacity = m_mappedSize - sizeFor(0);
+            return true;
+        }
+    }
+    fail(failureFor(errno), errno);
+    NORVO_LOG(Error, "mmap failure, failed to map shared memory: ", name, ": ", describe(m_error));
+    if (create && !isSegmentInUse(name)) shm_unlink_mac(m_objectName);
+    return false;
+}
+
+bool SegmentMapping::growToObject() {
+    struct stat status {};
+    if (fstat(m_descriptor, &status) != 0 || mappableSize(status) <= m_mappedSize) return false;
+    // Another process may have grown it without memory behind it.
+    if (ftruncate_mac(m_descriptor, mappableSize(status)) != 0) return false;
+    void* address =
+        mmap(nullptr, mappableSize(status), PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, 0);
+    if (address == MAP_FAILED) return false;
+    munmap(m_address, m_mappedSize);
+    m_address = address;
+    m_mappedSize = mappableSize(status);
+    m_capacity = m_mappedSize - sizeFor(0);
+    return true;
+}
+
+SegmentMapping::State SegmentMapping::look() const {
+    struct stat status {};
+    if (fstat(m_descriptor, &status) != 0 || mappableSize(status) < m_mappedSize) {
+        return State::Shrunk;
+    }
+    if (isSharedMemoryRemoved(status)) return State::Removed;
+    return mappableSize(status) > m_mappedSize ? State::Grown : State::Whole;
+}
+
+bool SegmentMapping::close() {
+    if (munmap(m_address, m_mappedSize) != 0) {
+        NORVO_LOG(Error, "Unpaming shared memory failure.", m_objectName);
+    }
+    m_address = nullptr;
+    m_capacity = 0;
+    const bool closed = ::close(m_descriptor) == 0;
+    m_descriptor = -1;
+    if (!closed) NORVO_LOG(Error, "Closing the shared memory failure.", m_objectName);
+    return closed;
+}
+
+void SegmentMapping::closeDescriptor() {
+    ::close(m_descriptor);
+    m_descriptor = -1;
+}
+
+void SegmentMapping::fail(OpenFailure failure, int error) {
+    m_error.failure = failure;
+    m_error.error = error;
+}
+
+}  // namespace shared_memory

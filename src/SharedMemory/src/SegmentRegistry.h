@@ -1,0 +1,93 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "ProcessIdentity.h"
+
+namespace VDIFrameworkCommon {
+class NamedObject;
+}
+
+namespace shared_memory {
+
+// One end of a segment that a process has open, as it stands in shared memory. Changed under the
+// segment's mutex, by the process that it names, or by others once that one is gone. Nothing read
+// from here is trusted.
+struct RegistryEntry {
+    // The process; 0 while the entry is free.
+    std::atomic<VDIFrameworkCommon::ProcessIdentity::Word> process;
+    // Broadcast readers only: the ID of the last message seen, and the one after which the reader
+    // counted itself as ready.
+    std::atomic<long> lastSeenId;
+    std::atomic<long> countedAfterId;
+    std::atomic<std::uint32_t> role;
+    // Broadcast readers only: 1 while the reader is counted among those inside a read.
+    std::atomic<std::uint32_t> isInside;
+};
+static_assert(sizeof(RegistryEntry) == 32);
+
+// Who has a segment open: a small named object beside the segment, so that one end can tell whether
+// another that does not answer still lives. An end that is not ours does not enter itself. Without
+// an object, all operations do nothing. Not thread-safe; all but open() with the segment's mutex
+// held.
+class SegmentRegistry {
+public:
+    enum class Role : std::uint32_t { Writer = 1, Reader = 2 };
+    static constexpr std::size_t kEntries = 504;
+
+    SegmentRegistry() = default;
+    ~SegmentRegistry();
+    SegmentRegistry(const SegmentRegistry&) = delete;
+    SegmentRegistry& operator=(const SegmentRegistry&) = delete;
+
+    // Opens the registry of segment `name`; the second form does not make one.
+    bool open(const std::string& name);
+    bool openExisting(const std::string& name);
+    void close();
+
+    // Takes a free entry for this end. None is free when kEntries ends are open: this one is then
+    // not known to the others.
+    void enter(Role role);
+    void leave();
+    // Null unless entered.
+    RegistryEntry* own() const { return m_own; }
+
+    // Calls `forget` with each entry of a process that is gone, and frees it. Whether there was
+    // one.
+    template <class Forget>
+    bool removeGone(const Forget& forget) {
+        bool any = false;
+        forEachOther([&](RegistryEntry& entry) {
+            if (!isGone(entry)) return;
+            forget(entry);
+            entry.process = 0;
+            any = true;
+        });
+        return any;
+    }
+    // Whether some end in that role, not this one, is open in a living process.
+    bool hasLiving(Role role);
+    bool hasLivingProcess(bool exceptOwn);
+    // Calls `action` with each entry in use that is not this end's.
+    template <class Action>
+    void forEachOther(const Action& action) {
+        if (!m_entries) return;
+        for (RegistryEntry& entry : *m_entries)
+            if (&entry != m_own && entry.process.load() != 0) action(entry);
+    }
+
+private:
+    using Entries = std::array<RegistryEntry, kEntries>;
+
+    static bool isGone(const RegistryEntry& entry);
+
+    std::shared_ptr<VDIFrameworkCommon::NamedObject> m_object;
+    Entries* m_entries = nullptr;
+    RegistryEntry* m_own = nullptr;
+};
+
+}  // namespace shared_memory

@@ -1,0 +1,59 @@
+#include "SegmentUse.h"
+
+#include <chrono>
+
+#include "Log.h"
+#include "NamedMutex.h"
+#include "NamedObject.h"
+#include "SegmentMapping.h"
+#include "SegmentRegistry.h"
+#include "SharedMemoryLayout.h"
+
+NORVO_LOG_SOURCE("src/SharedMemory/src/SegmentUse")
+
+namespace shared_memory {
+
+using VDIFrameworkCommon::NamedMutex;
+using VDIFrameworkCommon::NamedObject;
+
+namespace {
+
+constexpr std::chrono::milliseconds kMutexWait{100};
+
+bool isOpen(const std::string& name, bool exceptHere) {
+    SegmentRegistry registry;
+    return registry.openExisting(name) && registry.hasLivingProcess(exceptHere);
+}
+
+// The mutex last: who finds it gone finds all gone, and makes all anew.
+void removeAll(const std::string& name) {
+    const std::string object = kSegmentObjectPrefix + name;
+    using Kind = NamedObject::Kind;
+    SegmentMapping::remove(name);
+    NamedObject::remove(Kind::Registry, object.c_str());
+    NamedObject::remove(Kind::Condition, (object + kReadConditionSuffix).c_str());
+    NamedObject::remove(Kind::Condition, (object + kWriteConditionSuffix).c_str());
+    NamedObject::remove(Kind::Mutex, object.c_str());
+}
+
+}  // namespace
+
+bool isSegmentInUse(const std::string& name) { return isOpen(name, false); }
+
+bool isSegmentInUseElsewhere(const std::string& name) { return isOpen(name, true); }
+
+bool removeSegmentIfUnused(const std::string& name) {
+    NamedMutex mutex;
+    if (!mutex.create((kSegmentObjectPrefix + name).c_str()) || !mutex.lockFor(kMutexWait)) {
+        return false;
+    }
+    const bool isUnused = !isSegmentInUse(name);
+    if (isUnused) {
+        removeAll(name);
+        NORVO_LOG(Info, "Removed unused shared memory: ", name);
+    }
+    mutex.unlock();
+    return isUnused;
+}
+
+}  // namespace shared_memory

@@ -1,0 +1,20 @@
+// Who has a segment open: what its registry (SegmentRegistry.h) tells. An end that does not enter
+// itself there is not known.
+#pragma once
+
+#include <string>
+
+namespace shared_memory {
+
+// Whether a living process, this one included, has the segment `name` open.
+bool isSegmentInUse(const std::string& name);
+
+// The same for a process other than this one.
+bool isSegmentInUseElsewhere(const std::string& name);
+
+// Removes the segment from the system, with the mutex, conditions and registry that belong to it,
+// unless a living process has it open. False when it stays for that reason, or when somebody else
+// kept its mutex for 100 ms. True when it is gone, also when there was none.
+bool removeSegmentIfUnused(const std::string& name);
+
+}  // namespace shared_memory
