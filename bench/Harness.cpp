@@ -61,7 +61,7 @@ double Sample::value(const std::string& metric) const {
 }
 
 std::uint64_t Suite::scaled(std::uint64_t full) const {
-    return m_quick ? std::max<std::uint64_t>(1, full / 10) : full;
+    return quick() ? std::max<std::uint64_t>(1, full / 10) : full;
 }
 
 Measurement Suite::measure(std::string name, std::function<void(Sample&)> run) {
@@ -70,7 +70,7 @@ Measurement Suite::measure(std::string name, std::function<void(Sample&)> run) {
 }
 
 Measurement Suite::timed(std::string name, std::function<void()> body) {
-    const double budget = m_quick ? 5e6 : 50e6;
+    const double budget = quick() ? 5e6 : 50e6;
     return measure(std::move(name), [budget, body = std::move(body)](Sample& sample) {
         sampleTimed(sample, budget, body);
     });

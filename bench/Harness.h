@@ -73,6 +73,15 @@ private:
     std::size_t m_index;
 };
 
+// What the user may set.
+struct Settings {
+    bool quick = false;
+    double seconds = 10;  // of traffic in each measurement of flow/
+    // Of an earlier build, to be compared with; both empty when there is none.
+    std::string baselineVcctl;
+    std::string baselineLibrary;
+};
+
 // Gathers the declarations of one suite.
 class Suite {
 public:
@@ -89,10 +98,12 @@ public:
         Bounds bounds;
     };
 
-    Suite(std::string name, bool quick) : m_name(std::move(name)), m_quick(quick) {}
+    Suite(std::string name, Settings settings)
+        : m_name(std::move(name)), m_settings(std::move(settings)) {}
 
     const std::string& name() const { return m_name; }
-    bool quick() const { return m_quick; }
+    const Settings& settings() const { return m_settings; }
+    bool quick() const { return m_settings.quick; }
     // `full`, or a tenth of it (at least 1) in a quick run.
     std::uint64_t scaled(std::uint64_t full) const;
 
@@ -117,7 +128,7 @@ public:
 
 private:
     std::string m_name;
-    bool m_quick;
+    Settings m_settings;
     std::string m_group;
     std::vector<MeasurementSpec> m_measurements;
     std::vector<GoalSpec> m_goals;

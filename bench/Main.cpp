@@ -34,7 +34,18 @@ void addOptions(CLI::App& app, CommandLine& line) {
         ->capture_default_str();
     app.add_option("--csv", line.csv, "Write every figure and goal to this file")
         ->type_name("FILE");
-    app.add_flag("--quick", line.options.quick, "A tenth of the work: a look, not a verdict");
+    auto& settings = line.options.settings;
+    app.add_option("--seconds", settings.seconds, "Traffic in each measurement of flow/")
+        ->check(CLI::Range(1.0, 600.0))
+        ->capture_default_str();
+    auto* vcctl = app.add_option("--baseline-vcctl", settings.baselineVcctl,
+                                 "The vcctl of an earlier build, to compare flow/ with");
+    auto* library = app.add_option("--baseline-library", settings.baselineLibrary,
+                                   "The plug-in library of that build");
+    for (auto* option : {vcctl, library}) option->check(CLI::ExistingFile)->type_name("FILE");
+    vcctl->needs(library);
+    library->needs(vcctl);
+    app.add_flag("--quick", settings.quick, "A tenth of the work: a look, not a verdict");
     app.add_flag("--list", line.list, "Show the suites and what they measure, run nothing");
     app.add_flag("--check", line.check,
                  "Exit with status 1 when a goal that must be met is missed");
@@ -43,7 +54,7 @@ void addOptions(CLI::App& app, CommandLine& line) {
 void listSuites(const bench::Options& options) {
     for (const auto& entry : bench::allSuites()) {
         std::cout << entry.name << ": " << entry.description << '\n';
-        bench::Suite suite(entry.name, options.quick);
+        bench::Suite suite(entry.name, options.settings);
         entry.declare(suite);
         for (const auto& spec : suite.measurements())
             std::cout << "  " << suite.name() << '/' << spec.group << '/' << spec.name << '\n';

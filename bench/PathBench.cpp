@@ -1,15 +1,13 @@
 // The whole path between two local processes, ours beside the same hops from the simplest parts and
 // beside relays that someone might use instead.
 #include <array>
-#include <cmath>
 #include <map>
 #include <optional>
 #include <string>
 
 #include "Harness.h"
+#include "PacedKinds.h"
 #include "PathMeasurement.h"
-#include "StreamType.h"
-#include "VCMessage.h"
 #include "path/HostPath.h"
 #include "path/Path.h"
 
@@ -45,18 +43,6 @@ constexpr std::array<SizeRow, 4> kSizes{{
     {"1 KiB", 1024, 400, {}, {}},
     {"16 KiB", 16 * 1024, 64, {0.80, 0.60}, {1.5, 2.0}},
     {"64 KiB", 64 * 1024, 32, {0.95, 0.80}, {1.4, 1.9}},
-}};
-
-struct PacedChannel {
-    const char* name;
-    std::size_t maxPacket;  // bytes, with its header of 24
-    double pause;           // seconds, after every 10 packets
-};
-
-constexpr std::array<PacedChannel, 3> kPaced{{
-    {"citrix", 4992, 0.003},
-    {"rdp", 1500, 0.003},
-    {"vmware", 1000, 0.010},
 }};
 
 constexpr std::size_t kAnswerSize = 64;
@@ -113,20 +99,7 @@ void declareSize(bench::Suite& suite, const SizeRow& row) {
     if (large) declareGoal(suite, streaming, kSocat, "MB/s", atLeast(1.1, 1.4));
 }
 
-// What the pauses let through, for messages of `size` bytes; the last packet of each may be short.
-double messagesPerSecond(const PacedChannel& channel, std::size_t size) {
-    VirtualChannelAgent::VCMessage message;
-    message.setMessageType(VirtualChannelAgent::CTL_S_ROUTE);
-    message.setStreamName("Media");
-    message.setStreamType(0);
-    message.setStreamSize(65536);
-    message.setRouteData(std::string(size, 'x').data(), static_cast<unsigned int>(size));
-    const auto bytes = static_cast<double>(message.wireBytes().size());
-    const double packets = std::ceil(bytes / static_cast<double>(channel.maxPacket - 24));
-    return 10 / packets / channel.pause;
-}
-
-void declarePaced(bench::Suite& suite, const PacedChannel& channel) {
+void declarePaced(bench::Suite& suite, const bench::PacedKind& channel) {
     for (const std::size_t size : {std::size_t{64}, std::size_t{64 * 1024}}) {
         const std::string label = size == 64 ? "64 B" : "64 KiB";
         suite.group(channel.name + (", " + label) + " there and back");
@@ -134,7 +107,7 @@ void declarePaced(bench::Suite& suite, const PacedChannel& channel) {
     }
     suite.group(channel.name + std::string(", 64 KiB one way"));
     const PathRun run{kOurs, channel.name, 64 * 1024, kAnswerSize};
-    const double most = messagesPerSecond(channel, run.size);
+    const double most = mostMessagesPerSecond(channel, run.size);
     const auto ours =
         suite.measure(kOurs, [run, most, seconds = secondsOf(suite, 2)](Sample& sample) {
             constexpr std::size_t kWindow = 16;
@@ -168,6 +141,6 @@ BENCH_SUITE(path, "the whole path between two local processes: latency, streamin
     }
     for (const SizeRow& row : kSizes) declareSize(suite, row);
     if (!bench::reasonToLeaveOut(kOurs).empty()) return;
-    for (const PacedChannel& channel : kPaced) declarePaced(suite, channel);
+    for (const bench::PacedKind& channel : bench::kPacedKinds) declarePaced(suite, channel);
     declareSession(suite);
 }

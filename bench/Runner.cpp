@@ -149,7 +149,7 @@ bool SuiteReport::missed() const {
 }
 
 SuiteReport runSuite(const SuiteEntry& entry, const Options& options) {
-    Suite suite(entry.name, options.quick);
+    Suite suite(entry.name, options.settings);
     entry.declare(suite);
     const auto groups = wantedByGroup(suite, options);
     std::size_t wanted = 0;

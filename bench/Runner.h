@@ -13,7 +13,7 @@ namespace bench {
 
 struct Options {
     unsigned repeat = 5;
-    bool quick = false;
+    Settings settings;
     bool progress = false;             // a moving line on standard error
     std::optional<std::regex> filter;  // searched in "suite/group/measurement"
 };

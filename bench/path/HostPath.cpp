@@ -69,31 +69,40 @@ std::unique_ptr<Hop> join(PathEnd end, const std::string&, const PathRun&) {
 }
 
 std::string missingHosts() {
-    for (const char* needed : {NORVO_BENCH_VCCTL, NORVO_BENCH_LIBRARY}) {
-        if (access(needed, R_OK) != 0) return std::string(needed) + " is not there";
+    const auto [vcctl, library] = HostBinaries::ours();
+    for (const std::string& needed : {vcctl, library}) {
+        if (access(needed.c_str(), R_OK) != 0) return needed + " is not there";
     }
     return {};
 }
 
 const PathKindRegistrar entry({"vcctl host", missingHosts, start, join});
 
-// The end of the line that a host prints, once it has said `what`.
+// The end of the next line with which a host says `what`.
 std::string answerOf(PeerProcess& host, const std::string& what) {
-    const std::string line = host.readLine(std::chrono::seconds(10));
-    if (line.rfind(what, 0) != 0) throw std::runtime_error("a host did not start: " + line);
-    return line.substr(line.rfind(' ') + 1);
+    std::string seen;
+    for (std::string line; !(line = host.readLine(std::chrono::seconds(10))).empty();) {
+        if (line.rfind(what, 0) == 0) return line.substr(line.rfind(' ') + 1);
+        seen += ' ' + line;
+    }
+    throw std::runtime_error("a host never said '" + what + "':" + seen);
 }
 
 }  // namespace
 
-HostRelays::HostRelays(const std::string& channel)
-    : m_name(uniquePathName()),
+HostBinaries HostBinaries::ours() { return {NORVO_BENCH_VCCTL, NORVO_BENCH_LIBRARY}; }
+
+HostRelays::HostRelays(const std::string& channel, HostBinaries binaries)
+    : m_binaries(std::move(binaries)),
+      m_name(uniquePathName()),
       m_home("/tmp/" + m_name),
       m_far(startHost(PathEnd::Far, channel, "--listen", "127.0.0.1:0")),
       m_near(startHost(PathEnd::Near, channel, "--connect", answerOf(m_far, "listening on"))) {}
 
 HostRelays::~HostRelays() {
-    for (PeerProcess* host : {&m_near, &m_far}) host->signal(SIGTERM);
+    for (const int number : {SIGCONT, SIGTERM}) {
+        for (PeerProcess* host : {&m_near, &m_far}) host->signal(number);
+    }
     for (PeerProcess* host : {&m_near, &m_far}) {
         if (host->wait(std::chrono::seconds(5)) < 0) host->kill();
     }
@@ -108,6 +117,16 @@ void HostRelays::waitUntilJoined() {
     answerOf(m_near, "joined");
 }
 
+void HostRelays::signal(PathEnd end, int number) const {
+    (end == PathEnd::Far ? m_far : m_near).signal(number);
+}
+
+void HostRelays::end(PathEnd end) {
+    signal(end, SIGTERM);
+    if ((end == PathEnd::Far ? m_far : m_near).wait(std::chrono::seconds(60)) < 0)
+        throw std::runtime_error("a host does not end");
+}
+
 std::string HostRelays::sessionNamespace(PathEnd end) const {
     return m_name + (end == PathEnd::Near ? "a" : "b");
 }
@@ -120,10 +139,10 @@ PeerProcess HostRelays::startHost(PathEnd end, const std::string& channel, const
                                   const std::string& place) const {
     const auto home = m_home / (end == PathEnd::Near ? "a" : "b");
     std::filesystem::create_directories(home);
-    return PeerProcess(kProgramRole,
-                       {NORVO_BENCH_VCCTL, "host", "--kind", channel, how, place, "--library",
-                        NORVO_BENCH_LIBRARY},
-                       {environment(end).front(), "HOME=" + home.string()});
+    return PeerProcess(
+        kProgramRole,
+        {m_binaries.vcctl, "host", "--kind", channel, how, place, "--library", m_binaries.library},
+        {environment(end).front(), "HOME=" + home.string()});
 }
 
 double millisecondsToFirstMessage(const std::string& channel) {

@@ -9,16 +9,30 @@
 
 namespace bench {
 
+// The program and the library that a host is made of.
+struct HostBinaries {
+    std::string vcctl;
+    std::string library;
+    // Those of this build.
+    static HostBinaries ours();
+};
+
 class HostRelays : public PathRelays {
 public:
     // Starts both hosts; they have found each other when waitUntilJoined() returns.
-    explicit HostRelays(const std::string& channel);
+    explicit HostRelays(const std::string& channel, HostBinaries binaries = HostBinaries::ours());
     // Ends them as a user would.
     ~HostRelays() override;
     HostRelays(const HostRelays&) = delete;
     HostRelays& operator=(const HostRelays&) = delete;
 
+    // Once after the start, and once after each cut of the connection (SIGHUP to a host).
     void waitUntilJoined();
+
+    pid_t pid(PathEnd end) const { return end == PathEnd::Far ? m_far.pid() : m_near.pid(); }
+    void signal(PathEnd end, int number) const;
+    // Ends a host as a user would, and returns when it is gone.
+    void end(PathEnd end);
 
     std::string address(PathEnd) const override { return ""; }
     std::vector<std::string> environment(PathEnd end) const override;
@@ -29,6 +43,7 @@ private:
     PeerProcess startHost(PathEnd end, const std::string& channel, const std::string& how,
                           const std::string& place) const;
 
+    const HostBinaries m_binaries;
     const std::string m_name;
     const std::filesystem::path m_home;
     PeerProcess m_far;
