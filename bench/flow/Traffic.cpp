@@ -328,7 +328,7 @@ BENCH_ROLE(flow_ping) {
             const auto over = nowNanoseconds() + static_cast<std::uint64_t>(seconds * 1e9);
             for (auto start = nowNanoseconds(); start < over; start = nowNanoseconds()) {
                 out->write(ping.data(), ping.size(), kPingPatience);
-                const bool answered = in->read(answer, kPingPatience);
+                const bool answered{in->read(answer, kPingPatience)};
                 delays.add(nowNanoseconds() - start);
                 if (!answered) break;
             }
