@@ -1,13 +1,38 @@
-# norvo_layer(<target> [FOLDERS <folder>...] SOURCES <file>... [USES <lower layer>...])
+# norvo_layer(<target> [FOLDERS <folder>...] [SOURCES <file>...] [USES <lower layer>...])
 #
-# One static library per layer. A layer's folder, or each of FOLDERS in it, is an include directory, and
-# the layer sees only its own and those of the layers it names in USES.
+# One static library per layer, or an interface for one of headers alone. A layer's folder, or each of FOLDERS in
+# it, is an include directory, and the layer sees only its own and those of the layers it names in USES.
 function(norvo_layer target)
     cmake_parse_arguments(LAYER "" "" "FOLDERS;SOURCES;USES" ${ARGN})
     if(NOT LAYER_FOLDERS)
         set(LAYER_FOLDERS .)
     endif()
-    add_library(${target} STATIC ${LAYER_SOURCES})
-    target_include_directories(${target} PUBLIC ${LAYER_FOLDERS})
-    target_link_libraries(${target} PUBLIC ${LAYER_USES} PRIVATE norvo_options)
+    if(LAYER_SOURCES)
+        add_library(${target} STATIC ${LAYER_SOURCES})
+        target_include_directories(${target} PUBLIC ${LAYER_FOLDERS})
+        target_link_libraries(${target} PUBLIC ${LAYER_USES} PRIVATE norvo_options)
+    else()
+        add_library(${target} INTERFACE)
+        target_include_directories(${target} INTERFACE ${LAYER_FOLDERS})
+        target_link_libraries(${target} INTERFACE ${LAYER_USES})
+    endif()
+    norvo_layer_rule(${target} USES ${LAYER_USES})
+endfunction()
+
+# norvo_layer_rule(<layer> [USES <lower layer>...]): what lies in the current folder, and in no other layer's folder
+# below it, may include only its own headers, those of the layers in USES, and of what these use in turn. A test
+# enforces it (CheckLayers.cmake), also where the compiler would find more than it should.
+function(norvo_layer_rule layer)
+    cmake_parse_arguments(RULE "" "" "USES" ${ARGN})
+    file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+    list(TRANSFORM RULE_USES REPLACE "^norvo_" "")
+    string(REGEX REPLACE "^norvo_" "" name ${layer})
+    list(JOIN RULE_USES " " uses)
+    set_property(GLOBAL APPEND_STRING PROPERTY NORVO_LAYER_RULES "layer(${name} ${folder}/ ${uses})\n")
+endfunction()
+
+# norvo_write_layer_rules(<file>): the rules of all folders added so far, for CheckLayers.cmake.
+function(norvo_write_layer_rules file)
+    get_property(rules GLOBAL PROPERTY NORVO_LAYER_RULES)
+    file(CONFIGURE OUTPUT ${file} CONTENT "${rules}" @ONLY)
 endfunction()

@@ -11,7 +11,7 @@ function(expect file include message)
         file(WRITE ${WORK}/${header} "#pragma once\n")
     endforeach()
     file(WRITE ${WORK}/${file} "#include <vector>\n  # include ${include}\n")
-    execute_process(COMMAND ${CMAKE_COMMAND} -DROOT=${WORK} -P ${CHECK}
+    execute_process(COMMAND ${CMAKE_COMMAND} -DROOT=${WORK} -DRULES=${RULES} -P ${CHECK}
         RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
     string(REGEX REPLACE "[ \n]+" " " output "${output}")
     if(message STREQUAL "" AND NOT status EQUAL 0)
@@ -28,6 +28,8 @@ expect(src/VDIFrameworkCommon/A.cpp "<SharedMemoryI.h>" "[(]framework[)] must no
 expect(src/VDIFrameworkCommon/A.cpp "\"src/SharedMemoryI.h\"" "[(]framework[)] must not include .*[(]sharedmemory[)]")
 expect(${agent}/VirtualChannelAgentA.cpp "\"VCMessage.h\"" "")
 expect(${agent}/messages/VCMessage.cpp "\"VirtualChannelAgent.h\"" "[(]messages[)] must not include .*[(]agent[)]")
+expect(tools/vcctl/A.cpp "\"VCMessage.h\"" "")
+expect(tools/vcctl/A.cpp "\"Event.h\"" "")
 expect(tools/vcctl/A.cpp "\"WorkerThread.h\"" "[(]tools[)] must not include .*[(]channels[)]")
 expect(src/Elsewhere/A.cpp "\"Event.h\"" "belongs to no layer")
 file(REMOVE_RECURSE ${WORK})
