@@ -31,7 +31,8 @@ std::vector<std::unique_ptr<bench::PeerProcess>> startReaders(const std::string&
     return readers;
 }
 
-// Metrics: "time" per message in µs, "p50" of the age of a message at its readers in µs.
+// Back to back. Metrics: "time" per message in µs, "rate" in messages/s, "p50" of the age of a
+// message at its readers in µs.
 void measureBroadcast(int readerCount, std::uint64_t messages, bench::Sample& sample) {
     const std::string name = uniqueName();
     const auto writer = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
@@ -47,6 +48,7 @@ void measureBroadcast(int readerCount, std::uint64_t messages, bench::Sample& sa
     for (const auto& reader : readers) ages.add(std::stoull(reader->readLine()));
     sample.set("time", taken / bench::kNanosecondsPerMicrosecond / static_cast<double>(messages),
                "µs");
+    sample.set("rate", static_cast<double>(messages) * 1e9 / taken, "msg/s");
     sample.set("p50", ages.percentile(0.5) / bench::kNanosecondsPerMicrosecond, "µs");
 }
 
@@ -82,5 +84,6 @@ BENCH_SUITE(broadcast, "one writer, many readers of a broadcast segment") {
     });
     suite.goal("time per message with 10 readers", ten["time"], one["time"],
                bench::atMost(1.5, 1.1));
+    suite.goal("back to back with 1 reader", one["rate"], bench::atLeast(50000, 50000));
     suite.goal("age of a message at its reader", one["p50"], bench::atMost(20000, 1000));
 }

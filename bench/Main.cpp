@@ -2,15 +2,18 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "PeerProcess.h"
+#include "ReadmeTable.h"
 #include "Report.h"
 #include "Runner.h"
 #include "Supervisor.h"
@@ -23,12 +26,14 @@ struct CommandLine {
     std::string csv;
     bool list = false;
     bool check = false;
+    bool readme = false;
 };
 
 void addOptions(CLI::App& app, CommandLine& line) {
-    app.add_option("--filter", line.filter,
-                   "Run only what matches this regular expression in suite/group/measurement")
-        ->type_name("REGEX");
+    auto* filter =
+        app.add_option("--filter", line.filter,
+                       "Run only what matches this regular expression in suite/group/measurement")
+            ->type_name("REGEX");
     app.add_option("--repeat", line.options.repeat, "Repetitions of each measurement")
         ->check(CLI::Range(1u, 1000u))
         ->capture_default_str();
@@ -46,6 +51,9 @@ void addOptions(CLI::App& app, CommandLine& line) {
     vcctl->needs(library);
     library->needs(vcctl);
     app.add_flag("--quick", settings.quick, "A tenth of the work: a look, not a verdict");
+    app.add_flag("--readme", line.readme,
+                 "Measure what README.md shows, and print its table at the end")
+        ->excludes(filter);
     app.add_flag("--list", line.list, "Show the suites and what they measure, run nothing");
     app.add_flag("--check", line.check,
                  "Exit with status 1 when a goal that must be met is missed");
@@ -61,46 +69,69 @@ void listSuites(const bench::Options& options) {
     }
 }
 
-int runSuites(const CommandLine& line) {
-    std::ofstream csv;
-    if (!line.csv.empty()) {
-        csv.open(line.csv);
-        if (!csv) {
-            std::cerr << "norvo_bench: cannot write " << line.csv << '\n';
+// Everything of a run that reaches the user.
+class Run {
+public:
+    explicit Run(const CommandLine& line) : m_line(line) {}
+
+    int perform() {
+        if (!m_line.csv.empty()) {
+            m_csv.open(m_line.csv);
+            if (!m_csv) {
+                std::cerr << "norvo_bench: cannot write " << m_line.csv << '\n';
+                return 2;
+            }
+        }
+        for (const auto& entry : bench::allSuites()) m_running.run(entry, m_line.options, show);
+        if (m_reports.empty()) {
+            std::cerr << "norvo_bench: nothing matches the filter; --list shows what there is\n";
             return 2;
         }
+        return closeFiles() ? verdict() : 2;
     }
-    std::vector<bench::SuiteReport> reports;
-    bool failed = false;
-    bool missed = false;
-    for (const auto& entry : bench::allSuites()) {
-        auto report = bench::runSuite(entry, line.options);
-        if (report.outcomes.empty()) continue;
-        bench::printReport(std::cout, report);
-        failed = failed || report.failed();
-        missed = missed || report.missed();
-        reports.push_back(std::move(report));
-    }
-    if (csv.is_open()) {
-        bench::writeCsv(csv, reports);
-        csv.close();
-        if (!csv) {
-            std::cerr << "norvo_bench: writing " << line.csv << " failed\n";
-            return 2;
+
+    // What has been measured so far, from another thread before the process ends.
+    void stop() {
+        if (const bench::SuiteReport* partial = m_running.stop()) {
+            show(*partial);
+            m_reports.push_back(*partial);
         }
+        closeFiles();
     }
-    if (reports.empty()) {
-        std::cerr << "norvo_bench: nothing matches the filter; --list shows what there is\n";
-        return 2;
+
+private:
+    static void show(const bench::SuiteReport& report) { bench::printReport(std::cout, report); }
+
+    bool closeFiles() {
+        if (m_line.readme) bench::printReadmeTable(std::cout, m_reports);
+        std::cout.flush();
+        if (!m_csv.is_open()) return true;
+        bench::writeCsv(m_csv, m_reports);
+        m_csv.close();
+        if (!m_csv) std::cerr << "norvo_bench: writing " << m_line.csv << " failed\n";
+        return static_cast<bool>(m_csv);
     }
-    return failed || (line.check && missed) ? 1 : 0;
-}
+
+    int verdict() const {
+        const auto any = [this](bool (bench::SuiteReport::*is)() const) {
+            return std::any_of(m_reports.begin(), m_reports.end(), std::mem_fn(is));
+        };
+        const bool failed = any(&bench::SuiteReport::failed);
+        return failed || (m_line.check && any(&bench::SuiteReport::missed)) ? 1 : 0;
+    }
+
+    const CommandLine& m_line;
+    std::ofstream m_csv;
+    std::vector<bench::SuiteReport> m_reports;
+    bench::RunReports m_running{m_reports};
+};
 
 // 0 when the command line asks for a run, else the exit status plus 1.
 int readCommandLine(CLI::App& app, int argc, char** argv, CommandLine& line) {
     try {
         app.parse(argc, argv);
         if (!line.filter.empty()) line.options.filter.emplace(line.filter);
+        if (line.readme) line.options.filter = bench::readmeFilter();
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 1 : 3;
     } catch (const std::regex_error&) {
@@ -126,7 +157,8 @@ int run(int argc, char** argv) {
         return 0;
     }
     line.options.progress = isatty(STDERR_FILENO);
-    return bench::superviseRun([&line] { return runSuites(line); });
+    Run whole(line);
+    return bench::superviseRun([&whole] { return whole.perform(); }, [&whole] { whole.stop(); });
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -32,6 +34,20 @@ const PathKind& kindOf(const PathRun& run) {
     return *kind;
 }
 
+double sleepsOf(pid_t process) {
+    double sum = 0;
+    std::error_code gone;
+    const std::string threads = "/proc/" + std::to_string(process) + "/task";
+    for (const auto& thread : std::filesystem::directory_iterator(threads, gone)) {
+        std::ifstream status(thread.path() / "status");
+        std::string name;
+        for (double value = 0; status >> name;) {
+            if (name == "voluntary_ctxt_switches:" && status >> value) sum += value;
+        }
+    }
+    return sum;
+}
+
 // A path with a process at each end. The near one does its task on start(), and prints what it
 // found.
 class PathSession {
@@ -56,6 +72,13 @@ public:
         if (numbers.empty()) throw std::runtime_error("the near end failed");
         return numbers;
     }
+    // How often the threads of the relays have gone to sleep so far.
+    double relaysSleeps() const {
+        double sum = 0;
+        for (const pid_t process : m_relays->processes()) sum += sleepsOf(process);
+        return sum;
+    }
+    std::size_t relayCount() const { return m_relays->processes().size(); }
     double relaysCpuNanoseconds() const {
         double sum = 0;
         for (const pid_t process : m_relays->processes())
@@ -157,6 +180,45 @@ void stream(OwnEnd& end, double seconds) {
            static_cast<double>(answered)});
 }
 
+// Each from the first message to the last answer.
+void burst(OwnEnd& end, double seconds) {
+    constexpr std::uint64_t kBurst = 50'000'000;
+    constexpr auto kRest = std::chrono::milliseconds(100);
+    const std::size_t window = kAnswersUnderWay * end.answerEvery;
+    std::size_t messages = 0;
+    std::uint64_t taken = 0;
+    const auto over = nowNanoseconds() + static_cast<std::uint64_t>(seconds * 1e9);
+    while (nowNanoseconds() < over) {
+        std::this_thread::sleep_for(kRest);
+        std::size_t sent = 0;
+        std::size_t answered = 0;
+        const auto start = nowNanoseconds();
+        while (nowNanoseconds() - start < kBurst) {
+            for (; sent - answered < window; ++sent) end.send();
+            end.receiveAnswer();
+            answered += end.answerEvery;
+        }
+        for (; answered < sent; answered += end.answerEvery) end.receiveAnswer();
+        taken += nowNanoseconds() - start;
+        messages += sent;
+    }
+    print(
+        {static_cast<double>(messages), static_cast<double>(taken), static_cast<double>(messages)});
+}
+
+void measureRate(const PathRun& run, const char* task, std::size_t window, double seconds,
+                 Sample& sample) {
+    const std::size_t answerEvery = window / kAnswersUnderWay;
+    PathSession session(run, {task, answerEvery, seconds});
+    const double cpuBefore = session.relaysCpuNanoseconds();
+    const auto found = session.run();
+    const double cpu = session.relaysCpuNanoseconds() - cpuBefore;
+    const double rate = found.at(0) * 1e9 / found.at(1);
+    sample.set("rate", rate, "msg/s");
+    sample.set("MB/s", rate * static_cast<double>(run.size) / 1e6, "MB/s");
+    sample.set("cpu", cpu / (kNanosecondsPerMicrosecond * found.at(2)), "µs/msg");
+}
+
 }  // namespace
 
 void measurePathLatency(const PathRun& run, double seconds, Sample& sample) {
@@ -171,25 +233,26 @@ void measurePathLatency(const PathRun& run, double seconds, Sample& sample) {
 }
 
 void measurePathStream(const PathRun& run, std::size_t window, double seconds, Sample& sample) {
-    const std::size_t answerEvery = window / kAnswersUnderWay;
-    PathSession session(run, {"stream", answerEvery, seconds});
-    const double cpuBefore = session.relaysCpuNanoseconds();
-    const auto found = session.run();
-    const double cpu = session.relaysCpuNanoseconds() - cpuBefore;
-    const double rate = found.at(0) * 1e9 / found.at(1);
-    sample.set("rate", rate, "msg/s");
-    sample.set("MB/s", rate * static_cast<double>(run.size) / 1e6, "MB/s");
-    sample.set("cpu", cpu / (kNanosecondsPerMicrosecond * found.at(2)), "µs/msg");
+    measureRate(run, "stream", window, seconds, sample);
+}
+
+void measurePathBursts(const PathRun& run, std::size_t window, double seconds, Sample& sample) {
+    measureRate(run, "burst", window, seconds, sample);
 }
 
 void measureIdlePath(const PathRun& run, double seconds, Sample& sample) {
     PathSession session(run, {"rest", 1, 0});
     session.run();
     const double cpuBefore = session.relaysCpuNanoseconds();
+    const double sleepsBefore = session.relaysSleeps();
     const auto start = nowNanoseconds();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     const double cpu = session.relaysCpuNanoseconds() - cpuBefore;
-    sample.set("cpu", 100 * cpu / static_cast<double>(nowNanoseconds() - start), "%");
+    const auto elapsed = static_cast<double>(nowNanoseconds() - start);
+    const double sleeps = session.relaysSleeps() - sleepsBefore;
+    sample.set("cpu", 100 * cpu / elapsed, "%");
+    sample.set("wake-ups", sleeps * 1e9 / elapsed / static_cast<double>(session.relayCount()),
+               "/s");
     session.run();
 }
 
@@ -199,7 +262,7 @@ BENCH_ROLE(path_near) {
         const std::string& task = args.at(5);
         const double seconds = std::stod(args.at(6));
         for (std::string go; std::getline(std::cin, go);)
-            task == "stream" ? stream(end, seconds) : pingPong(end, seconds);
+            (task == "stream" ? stream : task == "burst" ? burst : pingPong)(end, seconds);
         return 0;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "%s: near end: %s\n", args.at(0).c_str(), failure.what());

@@ -14,8 +14,12 @@ void measurePathLatency(const PathRun& run, double seconds, Sample& sample);
 // "rate" in messages/s, "MB/s", "cpu" as above.
 void measurePathStream(const PathRun& run, std::size_t window, double seconds, Sample& sample);
 
-// A path that carries nothing for `seconds`, after one round trip. Metric: "cpu" of what lies
-// between the ends, in % of a core.
+// The same in bursts of 50 ms, each after 100 ms without a message, timed from the first message of
+// a burst to its last answer.
+void measurePathBursts(const PathRun& run, std::size_t window, double seconds, Sample& sample);
+
+// A path that carries nothing for `seconds`, after one round trip. Metrics: "cpu" of what lies
+// between the ends, in % of a core; "wake-ups" a second of one of the processes there, on average.
 void measureIdlePath(const PathRun& run, double seconds, Sample& sample);
 
 }  // namespace bench

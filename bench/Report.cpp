@@ -78,17 +78,21 @@ Row outcomeRow(const Outcome& outcome, const std::vector<std::string>& metrics) 
 
 void printGroup(std::ostream& out, const std::vector<Outcome>& outcomes, const std::string& group) {
     const auto metrics = metricsOf(outcomes, group);
+    const bool hasFigures = !metrics.empty();
     std::vector<Row> rows{{group}};
     rows.front().insert(rows.front().end(), metrics.begin(), metrics.end());
     for (const Outcome& outcome : outcomes) {
-        if (outcome.group == group) rows.push_back(outcomeRow(outcome, metrics));
+        if (outcome.group == group && !outcome.series.empty())
+            rows.push_back(outcomeRow(outcome, metrics));
     }
-    printTable(out, rows, 1);
+    if (hasFigures) printTable(out, rows, 1);
+    bool hasFailures = false;
     for (const Outcome& outcome : outcomes) {
-        if (outcome.group == group && !outcome.failure.empty())
-            out << "  FAILED: " << outcome.name << ": " << outcome.failure << '\n';
+        if (outcome.group != group || outcome.failure.empty()) continue;
+        out << "  FAILED: " << outcome.name << ": " << outcome.failure << '\n';
+        hasFailures = true;
     }
-    out << '\n';
+    if (hasFigures || hasFailures) out << '\n';
 }
 
 void printOutcomes(std::ostream& out, const std::vector<Outcome>& outcomes) {
@@ -116,11 +120,17 @@ const char* nameOf(Verdict verdict) {
     return "";
 }
 
+std::string ratioAndRange(const Judgement& j) {
+    if (j.floorName.empty()) return "";
+    const std::string ratio = shortNumber(j.ratio);
+    if (j.lowest == j.highest) return ratio;
+    return ratio + " [" + shortNumber(j.lowest) + " – " + shortNumber(j.highest) + "]";
+}
+
 void addJudgement(std::vector<Row>& rows, const Judgement& j) {
     const bool judged = j.bounds.relation != Relation::Report;
     rows.push_back({j.group, j.what, j.floorName, withUnit(j.value, j.unit),
-                    j.floorName.empty() ? "" : withUnit(j.floor, j.unit),
-                    j.floorName.empty() ? "" : shortNumber(j.ratio),
+                    j.floorName.empty() ? "" : withUnit(j.floor, j.unit), ratioAndRange(j),
                     judged ? sign(j.bounds.relation) + shortNumber(j.bounds.must) : "",
                     judged ? shortNumber(j.bounds.ambition) : "", nameOf(j.verdict)});
 }
@@ -154,8 +164,9 @@ void writeOutcome(std::ostream& out, const std::string& suite, const Outcome& ou
 void writeJudgement(std::ostream& out, const std::string& suite, const Judgement& j) {
     const bool judged = j.bounds.relation != Relation::Report;
     const bool compared = !j.floorName.empty();
-    writeRow(out, {"goal", suite, j.group, j.what, "", j.unit, exact(j.value), "", "", "",
-                   j.floorName, compared ? exact(j.floor) : "", compared ? exact(j.ratio) : "",
+    writeRow(out, {"goal", suite, j.group, j.what, "", j.unit, exact(j.value), exact(j.lowest),
+                   exact(j.highest), "", j.floorName, compared ? exact(j.floor) : "",
+                   compared ? exact(j.ratio) : "",
                    judged ? (j.bounds.relation == Relation::AtMost ? "<=" : ">=") : "",
                    judged ? exact(j.bounds.must) : "", judged ? exact(j.bounds.ambition) : "",
                    nameOf(j.verdict)});

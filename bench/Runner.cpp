@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <limits>
 
 namespace bench {
 
@@ -46,17 +47,6 @@ void addSample(Outcome& outcome, const Sample& sample) {
     }
 }
 
-void runOnce(const Suite::MeasurementSpec& spec, Outcome& outcome) {
-    if (!outcome.failure.empty()) return;
-    try {
-        Sample sample;
-        spec.run(sample);
-        addSample(outcome, sample);
-    } catch (const std::exception& failure) {
-        outcome.failure = failure.what();
-    }
-}
-
 bool isReached(const Bounds& bounds, double ratio, double limit) {
     return bounds.relation == Relation::AtMost ? ratio <= limit : ratio >= limit;
 }
@@ -75,6 +65,17 @@ const Series* findSeries(const OutcomeTable& table, const ValueRef& ref) {
     return outcome && outcome->failure.empty() ? outcome->find(ref.metric) : nullptr;
 }
 
+// Repetitions are interleaved, so that those of one number belong together.
+void compare(Judgement& result, const Series& value, const Series* floor) {
+    result.lowest = std::numeric_limits<double>::max();
+    for (std::size_t i = 0; i < value.values.size(); ++i) {
+        double ratio = value.values[i];
+        if (floor && i < floor->values.size()) ratio /= floor->values[i];
+        result.lowest = std::min(result.lowest, ratio);
+        result.highest = std::max(result.highest, ratio);
+    }
+}
+
 Judgement judgeGoal(const Suite::GoalSpec& goal, const OutcomeTable& table) {
     Judgement result;
     result.group = goal.group;
@@ -84,13 +85,15 @@ Judgement judgeGoal(const Suite::GoalSpec& goal, const OutcomeTable& table) {
     if (!value) return result;
     result.unit = value->unit;
     result.value = result.ratio = value->median();
+    const Series* floor = nullptr;
     if (!goal.floor.empty()) {
-        const Series* floor = findSeries(table, goal.floor.front());
+        floor = findSeries(table, goal.floor.front());
         if (!floor || floor->median() == 0) return result;
         result.floorName = table[goal.floor.front().measurement]->name;
         result.floor = floor->median();
         result.ratio = result.value / result.floor;
     }
+    compare(result, *value, floor);
     result.verdict = judge(goal.bounds, result.ratio);
     return result;
 }
@@ -148,36 +151,96 @@ bool SuiteReport::missed() const {
                        [](const Judgement& j) { return j.verdict == Verdict::Missed; });
 }
 
-SuiteReport runSuite(const SuiteEntry& entry, const Options& options) {
-    Suite suite(entry.name, options.settings);
-    entry.declare(suite);
-    const auto groups = wantedByGroup(suite, options);
-    std::size_t wanted = 0;
-    for (const auto& members : groups) wanted += members.size();
-
-    SuiteReport report{suite.name(), {}, {}, suite.notes()};
-    report.outcomes.reserve(wanted);
-    OutcomeTable table(suite.measurements().size(), nullptr);
-    for (const auto& members : groups) {
-        for (const std::size_t index : members) {
-            const auto& spec = suite.measurements()[index];
-            report.outcomes.push_back({spec.group, spec.name, {}, {}});
-            table[index] = &report.outcomes.back();
-        }
-    }
-    Progress progress(options.progress, wanted * options.repeat);
-    for (const auto& members : groups) {
-        for (unsigned round = 0; round < options.repeat; ++round) {
+struct RunReports::Running {
+    Running(const SuiteEntry& entry, const Options& options)
+        : suite(entry.name, options.settings), table() {
+        entry.declare(suite);
+        groups = wantedByGroup(suite, options);
+        for (const auto& members : groups) wanted += members.size();
+        report = {suite.name(), {}, {}, suite.notes()};
+        report.outcomes.reserve(wanted);
+        table.resize(suite.measurements().size(), nullptr);
+        for (const auto& members : groups) {
             for (const std::size_t index : members) {
-                progress.step(fullName(suite, suite.measurements()[index]));
-                runOnce(suite.measurements()[index], *table[index]);
+                const auto& spec = suite.measurements()[index];
+                report.outcomes.push_back({spec.group, spec.name, {}, {}});
+                table[index] = &report.outcomes.back();
             }
         }
     }
-    for (const auto& goal : suite.goals()) {
-        if (isComplete(goal, table)) report.judgements.push_back(judgeGoal(goal, table));
+    void judge() {
+        for (const auto& goal : suite.goals()) {
+            if (isComplete(goal, table)) report.judgements.push_back(judgeGoal(goal, table));
+        }
     }
-    return report;
+
+    Suite suite;
+    std::vector<std::vector<std::size_t>> groups;
+    std::size_t wanted = 0;
+    SuiteReport report;
+    OutcomeTable table;
+};
+
+void RunReports::take(const Suite::MeasurementSpec& spec, Outcome& outcome) {
+    if (!outcome.failure.empty()) return;
+    Sample sample;
+    std::string failure;
+    try {
+        spec.run(sample);
+    } catch (const std::exception& error) {
+        failure = error.what();
+    }
+    const std::lock_guard lock(m_mutex);
+    if (failure.empty()) {
+        addSample(outcome, sample);
+    } else {
+        outcome.failure = failure;
+    }
+}
+
+void RunReports::measure(Running& running, const Options& options) {
+    Progress progress(options.progress, running.wanted * options.repeat);
+    for (const auto& members : running.groups) {
+        for (unsigned round = 0; round < options.repeat; ++round) {
+            for (const std::size_t index : members) {
+                const auto& spec = running.suite.measurements()[index];
+                progress.step(fullName(running.suite, spec));
+                take(spec, *running.table[index]);
+            }
+        }
+    }
+}
+
+void RunReports::run(const SuiteEntry& entry, const Options& options,
+                     const std::function<void(const SuiteReport&)>& show) {
+    Running running(entry, options);
+    if (running.wanted == 0) return;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_running = &running;
+    }
+    measure(running, options);
+    const std::lock_guard lock(m_mutex);
+    m_running = nullptr;
+    running.judge();
+    show(running.report);
+    m_finished.push_back(std::move(running.report));
+}
+
+const SuiteReport* RunReports::stop() {
+    m_mutex.lock();
+    if (!m_running) return nullptr;
+    auto& outcomes = m_running->report.outcomes;
+    const auto isMissing = [](const Outcome& outcome) {
+        return outcome.series.empty() && outcome.failure.empty();
+    };
+    if (std::all_of(outcomes.begin(), outcomes.end(), isMissing)) return nullptr;
+    // What has not come to its turn is left out.
+    for (Outcome*& outcome : m_running->table) {
+        if (outcome && outcome->series.empty()) outcome = nullptr;
+    }
+    m_running->judge();
+    return &m_running->report;
 }
 
 }  // namespace bench

@@ -1,7 +1,9 @@
 // Runs suites and gathers what they found.
 #pragma once
 
+#include <functional>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <regex>
 #include <string>
@@ -45,7 +47,9 @@ struct Judgement {
     std::string floorName;  // empty when the value itself is judged
     double value = 0;
     double floor = 0;
-    double ratio = 0;  // the value itself when there is no floor
+    double ratio = 0;   // of the medians; the value itself when there is no floor
+    double lowest = 0;  // of the ratio in any repetition, and the highest
+    double highest = 0;
     Bounds bounds{};
     Verdict verdict = Verdict::Missed;
 };
@@ -59,8 +63,27 @@ struct SuiteReport {
     bool missed() const;  // a "must" was missed
 };
 
-// The suite without what the filter excludes; goals that lack a measurement are left out. An empty
-// report when nothing is left.
-SuiteReport runSuite(const SuiteEntry& entry, const Options& options);
+// Where the reports of a run are gathered while it goes on.
+class RunReports {
+public:
+    explicit RunReports(std::vector<SuiteReport>& finished) : m_finished(finished) {}
+
+    // Runs the suite without what the filter excludes; goals that lack a measurement are left out.
+    // Nothing is added when nothing is left. `show` is called with a report that is complete.
+    void run(const SuiteEntry& entry, const Options& options,
+             const std::function<void(const SuiteReport&)>& show);
+    // From another thread, before the process ends: what has been measured of the suite under way,
+    // if anything. No further sample is taken.
+    const SuiteReport* stop();
+
+private:
+    struct Running;
+    void measure(Running& running, const Options& options);
+    void take(const Suite::MeasurementSpec& spec, Outcome& outcome);
+
+    std::vector<SuiteReport>& m_finished;
+    std::mutex m_mutex;  // held while something is added to a report, and for ever after stop()
+    Running* m_running = nullptr;
+};
 
 }  // namespace bench

@@ -13,6 +13,7 @@
 #include <regex>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 namespace bench {
@@ -59,20 +60,43 @@ bool endWith(pid_t parent) {
     return getppid() == parent;
 }
 
+// Passes a signal on. A second one, or a child that does not end, ends the wait.
+int stop(pid_t child, int number, const sigset_t& signals) {
+    constexpr timespec kPatience{5, 0};
+    kill(child, number);
+    while (sigtimedwait(&signals, nullptr, &kPatience) == SIGCHLD) {
+        if (waitpid(child, nullptr, WNOHANG) == child) break;
+    }
+    return 128 + number;
+}
+
 // The result of the child, or 128 + the number of the signal that came first.
 int waitFor(pid_t child, const sigset_t& signals) {
     for (;;) {
         int number = 0;
         sigwait(&signals, &number);
-        if (number != SIGCHLD) return 128 + number;
+        if (number != SIGCHLD) return stop(child, number, signals);
         int status = 0;
         if (waitpid(child, &status, WNOHANG) == child) return resultOf(status);
     }
 }
 
+// In the child, whose signals are blocked on every thread.
+void watchSignals(const std::function<void()>& stopped) {
+    std::thread([stopped] {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int each : {SIGINT, SIGTERM}) sigaddset(&signals, each);
+        int number = 0;
+        sigwait(&signals, &number);
+        stopped();
+        _exit(128 + number);
+    }).detach();
+}
+
 }  // namespace
 
-int superviseRun(const std::function<int()>& run) {
+int superviseRun(const std::function<int()>& run, const std::function<void()>& stopped) {
     clearUp();
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     sigset_t signals;
@@ -84,6 +108,8 @@ int superviseRun(const std::function<int()>& run) {
     if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (child == 0) {
         if (!endWith(self)) _exit(1);
+        setpgid(0, 0);  // the terminal's signals reach what is measured by way of the parent only
+        watchSignals(stopped);
         setenv(kRunVariable, std::to_string(getpid()).c_str(), 1);
         std::exit(run());
     }

@@ -84,6 +84,19 @@ TEST(NorvoBenchAcrossProcesses, WritesFiguresAndVerdicts) {
     EXPECT_GT(goals, 0);
 }
 
+TEST(NorvoBenchAcrossProcesses, ShowsWhatItHasMeasuredWhenItIsStopped) {
+    using namespace std::chrono_literals;
+    std::string text;
+    for (auto patience = 200ms; text.empty() && patience < 20s; patience *= 2) {
+        auto stopped = bench({"--filter=^event/", "--repeat=1000"});  // for minutes
+        EXPECT_EQ(stopped.wait(patience), -1);
+        stopped.signal(SIGINT);
+        text = stopped.readAll();
+        EXPECT_EQ(stopped.wait(), 130);
+    }
+    EXPECT_NE(text.find("mutex + condition"), std::string::npos) << text;
+}
+
 TEST(NorvoBenchAcrossProcesses, ClearsUpWhenItIsStoppedOrKilled) {
     for (const char* suite : {"--filter=^hop/", "--filter=^path/"}) {
         SCOPED_TRACE(suite);
