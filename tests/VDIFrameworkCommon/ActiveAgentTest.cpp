@@ -168,6 +168,24 @@ TEST_F(ActiveAgentAcrossProcesses, WhatIsPlantedUnderItsNameIsNotAMarkAndGivesWa
     unlink(other.c_str());
 }
 
+CHILD_ROLE(agentFileLocker) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    say(fcntl(open(args[0].c_str(), O_RDWR), F_SETLK, &lock) == 0 ? "locked" : "not locked");
+    hear();
+    return 0;
+}
+
+TEST_F(ActiveAgentAcrossProcesses, AFileThatOthersMayLockForWritingIsNotAMark) {
+    for (const mode_t mode : {0644, 0666}) {
+        std::ofstream(m_path).flush();
+        ASSERT_EQ(chmod(m_path.c_str(), mode), 0);
+        ChildProcess locker("agentFileLocker", {m_path});
+        ASSERT_EQ(locker.readLine(), "locked");
+        EXPECT_EQ(m_recorder.hasOtherActiveVirtualChannelAgent(), mode == 0644);
+    }
+}
+
 // Becomes another user, looks at the record of the user given, and tries to appear marked.
 CHILD_ROLE(agentStranger) {
     if (setgid(12345) != 0 || setuid(12345) != 0) return 1;
