@@ -36,6 +36,7 @@ TEST_F(AgentStream, ALocalProcessAsksForAStreamAndTheFarSideConfirmsIt) {
     ASSERT_TRUE(segment);
     EXPECT_EQ(segment->text(), "created plain 500");
     m_side.request("OpenStream|Media|900");  // there is one, whatever its type
+    EXPECT_TRUE(m_log.contains("Stream is in use in the other direction: Media"));
     EXPECT_EQ(m_side.sentTexts(2), (Texts{"6 Media 1 500", "6 Media 1 500"}));
 
     m_channel.deliver(routed("Media", "before it runs"));
@@ -47,6 +48,9 @@ TEST_F(AgentStream, ALocalProcessAsksForAStreamAndTheFarSideConfirmsIt) {
 
     m_channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
     EXPECT_TRUE(m_log.contains("Stream 'Media' is already being processed. "));
+    EXPECT_EQ(m_side.segment(infoOutputName())->written(), Texts{});
+    m_side.request("OpenStream|Media|900");
+    EXPECT_EQ(m_side.notifications(1), Texts{"StreamUp|Media|READ"});
 }
 
 TEST_F(AgentStream, TheFarSideAsksForBothDirections) {
@@ -199,6 +203,54 @@ TEST_F(AgentStream, FullQueuesLoseTheirOldestMessages) {
     EXPECT_TRUE(eventually([&] { return segment->written().size() == 1001; }));
     EXPECT_EQ(segment->written().front(), "2");
     EXPECT_EQ(segment->written().back(), "1002");
+}
+
+TEST_F(AgentStream, TheQueueOfAStreamIsBoundedInBytesToo) {
+    m_side.request("CreateStream|Media|500");
+    const std::string moreThanHalf(kMaxQueuedBytes / 2 + 1, 'l');
+    for (const auto& message : {std::string("first"), moreThanHalf, moreThanHalf}) {
+        m_channel.deliver(routed("Media", message));
+    }
+    m_channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
+    const auto segment = m_side.segment("Media");
+    EXPECT_TRUE(eventually([&] { return segment->written().size() == 1; }));
+    EXPECT_EQ(segment->written().front().size(), moreThanHalf.size());
+}
+
+// 60 local processes that start at once ask for all streams each.
+TEST_F(AgentStream, ManyRollCallsAreAnsweredTogether) {
+    for (int i = 0; i < 60; ++i) runningStream("s" + std::to_string(i), false);
+    const auto info = m_side.segment(infoOutputName());
+    info->setReader(FakeSegment::Reader::IsStuck);
+    for (int i = 0; i < 60; ++i) {
+        m_side.request("RequestNotifyStream");
+        m_side.request("RequestVCProcessId");
+    }
+    runningStream("late", false);
+    m_side.request("RequestNotifyStream");  // tells of it too
+    m_channel.deliver(control(CTL_DISCONNECT));
+    m_channel.deliver(control(CTL_CONNECTED));
+    m_side.request("RequestNotifyStream");  // who has just lost the channel knows of no stream
+    m_side.request("IsMultiSession");
+    info->setReader(FakeSegment::Reader::Takes);
+    ASSERT_TRUE(m_side.wasTold("IsMultiSession|0"));
+    const auto told = info->written();
+    const auto up = std::find(told.begin(), told.end(), "ChannelUp");
+    EXPECT_EQ(std::count(told.begin(), up, "StreamUp|late|READ"), 1);
+    EXPECT_EQ(std::count(up, told.end(), "StreamUp|late|READ"), 1);
+    EXPECT_LE(std::count(told.begin(), told.end(), "StreamUp|s0|READ"), 5);
+    EXPECT_FALSE(m_log.contains("Sending buffer full"));
+}
+
+TEST_F(AgentStream, NoFloodOfNotificationsHidesAConnectionChange) {
+    const auto info = m_side.segment(infoOutputName());
+    info->setReader(FakeSegment::Reader::IsStuck);
+    m_channel.deliver(control(CTL_DISCONNECT));
+    m_channel.deliver(control(CTL_CONNECTED));
+    for (int i = 0; i < 2002; ++i) m_side.request("RequestEnviromentType");
+    info->setReader(FakeSegment::Reader::Takes);
+    EXPECT_TRUE(m_side.wasTold("ChannelDown"));
+    EXPECT_TRUE(m_side.wasTold("ChannelUp"));
 }
 
 TEST_F(AgentStream, AnUnconfirmedStreamIsAskedForAgainEveryThreeSeconds) {

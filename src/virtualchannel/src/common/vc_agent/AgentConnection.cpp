@@ -2,7 +2,7 @@
 
 #include <cassert>
 
-#include "StreamType.h"
+#include "AgentStream.h"
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
 
@@ -13,9 +13,6 @@ using Cause = ConnectionState::Cause;
 using Phase = ConnectionState::Phase;
 
 namespace {
-
-// Between two streams that are announced again, so that a host that paces its packets keeps up.
-constexpr std::chrono::milliseconds kAnnouncePause{5};
 
 // For CTL_DISCONNECT and what the streams had handed on before it. A channel takes a few tens of
 // milliseconds for that, unless its host takes nothing at all.
@@ -33,11 +30,11 @@ void AgentConnection::setConnected() {
     OrderedLock lock(m_transitionMutex, lock_order::transition);
     if (m_context.stopping) return;
     const auto& transition = m_state.next(Cause::Handshake);
-    AGENT_LOG(Notice, "Virtual Channel Agents are connected");
+    AGENT_LOG(m_context, Notice, "Virtual Channel Agents are connected");
     m_notifier.notifyCurrentProcessId(true);
     m_notifier.notifyChannelVersion();
     m_notifier.notifyEnviromentType();
-    AGENT_LOG(Info, "Agents are connected: ", m_state.phase() == Phase::Connected,
+    AGENT_LOG(m_context, Info, "Agents are connected: ", m_state.phase() == Phase::Connected,
               " ,Agents were previously connected: ", m_state.phase() == Phase::Lost);
     if (transition.announcesChannelUp) m_notifier.notifyEvent("ChannelUp");
     if (transition.reannouncesStreams) announceAgain();
@@ -46,26 +43,25 @@ void AgentConnection::setConnected() {
 }
 
 void AgentConnection::announceAgain() {
-    for (const auto& stream : m_streams.snapshot()) {
+    for (const auto& stream : m_context.streams()) {
         if (stream->name() == m_context.infoOutputName) continue;
-        if (m_context.stopping) return;
-        AGENT_LOG(Info,
+        AGENT_LOG(m_context, Info,
                   "Tell the Agent on the other side to reconnect to this stream: ", stream->name());
-        m_outgoing.SendMessageToChannelAboutStream(CTL_S_CREATE, stream->name(), stream->type(),
-                                                   stream->size());
-        m_context.environment->pause(kAnnouncePause);
+        m_outgoing.SendMessageToChannelAboutStream(CTL_S_CREATE, stream->details(),
+                                                   OutgoingMessages::Pace::Paced);
     }
 }
 
 void AgentConnection::begin(const ConnectionState::Transition& transition) {
-    AGENT_LOG(Info, "Virtual Channel Agents is loaded by process id: ", utils::GetProcessId());
-    if (auto* const channel = m_link.channel()) channel->onAgentStateChange(true);
+    AGENT_LOG(m_context, Info,
+              "Virtual Channel Agents is loaded by process id: ", utils::GetProcessId());
+    if (auto* const channel = m_context.channel()) channel->onAgentStateChange(true);
     if (!m_context.environment->markActive()) {
-        AGENT_LOG(Warning, "Another virtual channel agent is marked as the active one.");
+        AGENT_LOG(m_context, Warning, "Another virtual channel agent is marked as the active one.");
     }
     m_state.enter(transition);
     if (m_outgoing.start() && m_checker.start()) return;
-    AGENT_LOG(Error, "Cannot start the threads of a connection.");
+    AGENT_LOG(m_context, Error, "Cannot start the threads of a connection.");
     leave(Goodbye::Unsaid);
 }
 
@@ -80,9 +76,9 @@ void AgentConnection::leave(Goodbye goodbye) {
     const auto& transition = m_state.next(Cause::Loss);
     m_state.enter(transition);
     if (goodbye == Goodbye::Said) sayGoodbye();
-    AGENT_LOG(Notice, "Virtual Channel Agents are disconnected");
+    AGENT_LOG(m_context, Notice, "Virtual Channel Agents are disconnected");
     if (transition.beginsOrEndsThreads) {
-        if (auto* const channel = m_link.channel()) channel->onAgentStateChange(false);
+        if (auto* const channel = m_context.channel()) channel->onAgentStateChange(false);
         m_context.environment->clearActive();
         m_checker.requestStop();
         m_outgoing.stop();
@@ -95,8 +91,8 @@ void AgentConnection::leave(Goodbye goodbye) {
 
 // The channel drops what it has queued when it hears that the agents have lost each other.
 void AgentConnection::sayGoodbye() {
-    m_link.SendMessageToChannel(bareMessage(CTL_DISCONNECT), false);
-    if (auto* const channel = m_link.channel()) channel->WaitUntilSent(kGoodbyeLimit);
+    m_context.SendMessageToChannel(bareMessage(CTL_DISCONNECT));
+    if (auto* const channel = m_context.channel()) channel->WaitUntilSent(kGoodbyeLimit);
 }
 
 bool AgentConnection::IsConsistent() const {
@@ -106,49 +102,50 @@ bool AgentConnection::IsConsistent() const {
 }
 
 void AgentConnection::requestConnect() {
-    AGENT_LOG(Info, "requestConnect()");
-    m_link.SendMessageToChannel(bareMessage(CTL_CONNECT), false);
+    AGENT_LOG(m_context, Info, "requestConnect()");
+    m_context.SendMessageToChannel(bareMessage(CTL_CONNECT));
 }
 
 void AgentConnection::requestDisconnect() {
-    AGENT_LOG(Info, "requestDisconnect()");
+    AGENT_LOG(m_context, Info, "requestDisconnect()");
     OrderedLock lock(m_transitionMutex, lock_order::transition);
     leave(Goodbye::Said);
 }
 
 void AgentConnection::sendFlushLogs() {
-    AGENT_LOG(Info, "sendFlushLogs()");
-    m_link.SendMessageToChannel(bareMessage(CTL_LOGFLUSH), false);
+    AGENT_LOG(m_context, Info, "sendFlushLogs()");
+    m_context.SendMessageToChannel(bareMessage(CTL_LOGFLUSH));
     VirtualChannelLogger_flush();
 }
 
 void AgentConnection::availabilityChanged(bool available) {
-    AGENT_LOG(Notice,
+    AGENT_LOG(m_context, Notice,
               "OnVirtualChannelAvailabilityChange: ", available ? "available " : "not available ");
     if (m_context.stopping) return;
     if (m_context.environment->hasOtherActiveAgent()) {
-        AGENT_LOG(Notice,
+        AGENT_LOG(m_context, Notice,
                   "Another virtual channel agent is connected, so ignore "
                   "OnVirtualChannelAvailabilityChange.");
         // No connection outlives its channel, whoever the active agent is.
         if (!available && m_context.connected) setDisconnected();
         return;
     }
-    if (available == m_channelAvailable) AGENT_LOG(Info, "Availability didn't actually change");
+    if (available == m_channelAvailable)
+        AGENT_LOG(m_context, Info, "Availability didn't actually change");
     if (!available) {
-        AGENT_LOG(Notice, "Virtual Channel is not available");
+        AGENT_LOG(m_context, Notice, "Virtual Channel is not available");
         setDisconnected();
     } else if (!m_context.connected) {
-        AGENT_LOG(Info, "Check if remote side is able to talk to us");
+        AGENT_LOG(m_context, Info, "Check if remote side is able to talk to us");
         requestConnect();
     }
     m_channelAvailable = available;
 }
 
 void AgentConnection::channelShutsDown() {
-    AGENT_LOG(Notice, "Virtual Channel shutting down");
+    AGENT_LOG(m_context, Notice, "Virtual Channel shutting down");
     if (!m_context.connected) return;
-    AGENT_LOG(Info, "setting disconnect");
+    AGENT_LOG(m_context, Info, "setting disconnect");
     setDisconnected();
 }
 

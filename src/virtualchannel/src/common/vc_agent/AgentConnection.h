@@ -1,13 +1,11 @@
 #pragma once
 
 #include "AgentContext.h"
-#include "ChannelLink.h"
 #include "ConnectionState.h"
 #include "InfoNotifier.h"
 #include "LockOrder.h"
 #include "OutgoingMessages.h"
 #include "StreamStateChecker.h"
-#include "StreamTable.h"
 
 namespace VirtualChannelAgent {
 
@@ -15,14 +13,8 @@ namespace VirtualChannelAgent {
 // connected state cannot be left on the agent's two connection threads, which end with it.
 class AgentConnection {
 public:
-    AgentConnection(AgentContext& context, ChannelLink& link, const StreamTable& streams,
-                    OutgoingMessages& outgoing, InfoNotifier& notifier)
-        : m_context(context),
-          m_link(link),
-          m_streams(streams),
-          m_outgoing(outgoing),
-          m_notifier(notifier),
-          m_checker(context, streams, outgoing) {}
+    AgentConnection(AgentContext& context, OutgoingMessages& outgoing, InfoNotifier& notifier)
+        : m_context(context), m_outgoing(outgoing), m_notifier(notifier), m_checker(context) {}
 
     // The far side has finished a handshake. Enters the connected state, or refreshes it: local
     // processes are told, and the far side is asked again for its ends of the streams unless this
@@ -57,8 +49,6 @@ private:
     bool IsConsistent() const NORVO_REQUIRES(m_transitionMutex, lock_order::transition);
 
     AgentContext& m_context;
-    ChannelLink& m_link;
-    const StreamTable& m_streams;
     OutgoingMessages& m_outgoing;
     InfoNotifier& m_notifier;
 

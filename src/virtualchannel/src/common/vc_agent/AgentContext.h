@@ -1,28 +1,48 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "AgentEnvironment.h"
 #include "InfoSegments.h"
+#include "LockOrder.h"
 #include "Log.h"
+#include "StreamType.h"
+#include "VCMessage.h"
 #include "VDIClientInfo.h"
+#include "VirtualChannelAgent.h"
 
 namespace VirtualChannelAgent {
 
 // This side's version of the agents' protocol.
 inline constexpr char kChannelVersion[] = "1.0.679.0";
 
-// What every part of one agent shares.
-struct AgentContext {
+using StreamPtr = std::shared_ptr<Agent::Stream>;
+
+// A stream as messages name it.
+struct StreamDetails {
+    std::string name;
+    StreamType type = StreamType::INVALID;
+    unsigned int size = 0;  // bytes
+};
+
+// What the parts of one agent share, and all that they may ask of each other without knowing each
+// other. Any thread.
+class AgentContext {
+public:
     AgentContext(const std::string& name, std::shared_ptr<AgentEnvironment> machine)
         : logPrefix(name + " - "),
           environment(machine ? std::move(machine) : AgentEnvironment::system()),
           infoOutputName(VDIFrameworkCommon::infoNotificationsName(clientName())),
           infoInputName(VDIFrameworkCommon::infoRequestsName(clientName())) {}
+    virtual ~AgentContext() = default;
+    AgentContext(const AgentContext&) = delete;
+    AgentContext& operator=(const AgentContext&) = delete;
 
     const std::string logPrefix;
     const std::shared_ptr<AgentEnvironment> environment;
@@ -33,6 +53,39 @@ struct AgentContext {
     std::atomic<bool> stopping{false};
     // The handshake is done. Written by ConnectionState only.
     std::atomic<bool> connected{false};
+
+    // How many streams have begun to run so far.
+    std::atomic<std::uint64_t> streamsBegun{0};
+
+    // ---- The far side
+
+    // The observed channel; null when there is none.
+    virtual NorvoVirtualChannel::VirtualChannel* channel() const = 0;
+    // Hands the message to the channel on this thread.
+    virtual void SendMessageToChannel(const VCMessage& message) = 0;
+    // Has the send thread do so with a message about a stream, after those that wait.
+    virtual void SendMessageToChannelAboutStream(MessageTypeEnum type,
+                                                 const StreamDetails& stream) NORVO_TAKES_LEAF = 0;
+    // The far side has announced a stream of that name.
+    virtual bool peerSupports(const std::string& streamName) const NORVO_TAKES_LEAF = 0;
+
+    // ---- Local processes
+
+    // Queues one message for all that listen.
+    virtual void notifyInfoS(std::string message) NORVO_TAKES_STREAMS = 0;
+    virtual void notifyInvalidStreams() NORVO_TAKES_STREAMS = 0;
+    // Tells which stream that is, and its direction.
+    virtual void notifyStream(const Agent::Stream& stream) NORVO_TAKES_STREAMS = 0;
+
+    // ---- Streams
+
+    // Empty when there is none.
+    virtual StreamPtr findStream(std::string_view name) const NORVO_TAKES_STREAMS = 0;
+    // All of them, in name order.
+    virtual std::vector<StreamPtr> streams() const NORVO_TAKES_STREAMS = 0;
+    // A stream that is in no table yet. `segment` is set up, or empty.
+    virtual StreamPtr makeStream(const StreamDetails& stream,
+                                 std::shared_ptr<SharedMemoryI> segment) = 0;
 
 private:
     static std::string clientName() {
@@ -45,5 +98,5 @@ inline std::string_view shown(std::string_view text) { return text.substr(0, 300
 
 }  // namespace VirtualChannelAgent
 
-// A log line of an agent's part: it needs something called m_context in reach.
-#define AGENT_LOG(severity, ...) NORVO_LOG(severity, m_context.logPrefix, __VA_ARGS__)
+// A log line of the agent that `context` belongs to.
+#define AGENT_LOG(context, severity, ...) NORVO_LOG(severity, (context).logPrefix, __VA_ARGS__)

@@ -18,6 +18,11 @@ bool isLowPriority(const std::string& streamName) {
            streamName.find("upgrade") != std::string::npos;
 }
 
+// What a local process must not miss, however much else it is told.
+bool isConnectionChange(const std::string& notification) {
+    return notification == "ChannelUp" || notification == "ChannelDown";
+}
+
 }  // namespace
 
 Agent::Stream::Stream(AgentContext& context, ChannelLink& link, std::string name, StreamType type,
@@ -39,7 +44,7 @@ bool Agent::Stream::start() {
     m_running = true;
     if (begin()) return true;
     m_running = false;
-    AGENT_LOG(Error, "Cannot start processing: ", m_name);
+    AGENT_LOG(m_context, Error, "Cannot start processing: ", m_name);
     return false;
 }
 
@@ -53,8 +58,11 @@ void Agent::Stream::enqueue(const char* data, std::size_t length) {
 }
 
 void Agent::Stream::enqueue(std::string message) {
-    if (!m_queue.push(std::move(message))) {
-        AGENT_LOG(Notice,
+    const auto mayGo = [this](const std::string& text) {
+        return !m_isInfoOutput || !isConnectionChange(text);
+    };
+    if (m_queue.push(std::move(message), mayGo) > 0) {
+        AGENT_LOG(m_context, Notice,
                   "Sending buffer full, removing the oldest message to make space for a new one, "
                   "stream name: ",
                   m_name);
@@ -87,7 +95,7 @@ void Agent::Stream::onNewMessageReceived(std::string message, SharedMemoryI* /*s
 }
 
 void Agent::Stream::WriterProcessingThread() {
-    AGENT_LOG(Info, "ProcessingThread( ", m_name, " )");
+    AGENT_LOG(m_context, Info, "ProcessingThread( ", m_name, " )");
     const auto running = [this] { return m_running.load(); };
     while (running()) {
         auto message = m_queue.pop(running);
@@ -95,7 +103,7 @@ void Agent::Stream::WriterProcessingThread() {
         deliver(*message);
         m_spares.giveBack(std::move(*message));
     }
-    AGENT_LOG(Info, "Thread processing '", m_name, "' exiting");
+    AGENT_LOG(m_context, Info, "Thread processing '", m_name, "' exiting");
 }
 
 void Agent::Stream::deliver(const std::string& message) {
@@ -103,11 +111,11 @@ void Agent::Stream::deliver(const std::string& message) {
     int severity = KLT::kltlogger::Notice;
     while (m_running) {
         if (m_segment && m_segment->WriteData(message.data(), length)) {
-            AGENT_LOG(Trace, length, " bytes delivered to address: ", m_name);
+            AGENT_LOG(m_context, Trace, length, " bytes delivered to address: ", m_name);
             return;
         }
         if (m_isInfoOutput) {
-            AGENT_LOG(Notice, "Bytes not delivered in stream: ", m_name,
+            AGENT_LOG(m_context, Notice, "Bytes not delivered in stream: ", m_name,
                       ", those bytes will not be written again.");
             return;
         }

@@ -12,6 +12,7 @@
 #include "LockOrder.h"
 #include "SharedMemoryI.h"
 #include "SpareStrings.h"
+#include "StreamRules.h"
 #include "StreamType.h"
 #include "VirtualChannelAgent.h"
 
@@ -32,18 +33,22 @@ public:
     const std::string& name() const { return m_name; }
     StreamType type() const { return m_type; }
     unsigned int size() const { return m_size; }
+    StreamDetails details() const { return {m_name, m_type, m_size}; }
     bool isRunning() const { return m_running; }
-    std::size_t queued() const NORVO_TAKES_LEAF { return m_queue.size(); }
 
     // WRITE: starts the thread that writes queued messages into the segment. READ: has the
     // segment's messages sent to the far side. False when the stream was running already, has been
     // closed, or could not be started.
     bool start() NORVO_TAKES_SERVICE;
 
-    // Queues one message, or a copy of it, for the local process. When 1001 wait, the oldest is
-    // dropped.
+    // Queues one message, or a copy of it, for the local process. The oldest are dropped when more
+    // wait than StreamRules.h allows; of the notifications, those of a connection's changes last.
     void enqueue(const char* data, std::size_t length) NORVO_TAKES_LEAF;
     void enqueue(std::string message) NORVO_TAKES_LEAF;
+
+    // How many messages have been queued so far, and how many of them wait no longer.
+    std::uint64_t queued() const NORVO_TAKES_LEAF { return m_queue.pushed(); }
+    std::uint64_t passed() const NORVO_TAKES_LEAF { return m_queue.left(); }
 
     // Makes the stream stop soon, for good, without waiting for it.
     void requestStop() NORVO_TAKES_SERVICE;
@@ -70,7 +75,7 @@ private:
     const bool m_isInfoOutput;
     const bool m_lowPriority;
     const std::shared_ptr<SharedMemoryI> m_segment;
-    BoundedQueue<std::string> m_queue;
+    VDIFrameworkCommon::BoundedQueue<std::string> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
     SpareStrings m_spares;
     std::atomic<bool> m_running{false};
 

@@ -8,17 +8,13 @@ namespace VirtualChannelAgent {
 
 void ChannelLink::SendMessageToChannel(const VCMessage& message, bool lowPriority) {
     if (!message.isInitialized()) {
-        AGENT_LOG(Error, "message not initialized: ");
+        AGENT_LOG(m_context, Error, "message not initialized: ");
         return;
     }
     NorvoVirtualChannel::VirtualChannel* const target = channel();
     if (!target) return;
     const auto bytes = message.wireBytes();
     target->SendData(bytes.data(), static_cast<unsigned int>(bytes.size()), lowPriority);
-}
-
-void ChannelLink::forgetIncompleteMessages() {
-    if (auto* const target = channel()) target->ForgetIncompleteMessages();
 }
 
 void ChannelLink::sendRoutedData(const std::string& streamName, StreamType type, unsigned int size,

@@ -23,9 +23,6 @@ public:
     // Hands the message to the channel on this thread. One that has no type yet is dropped.
     void SendMessageToChannel(const VCMessage& message, bool lowPriority);
 
-    // What the far side has sent only in part will never be completed.
-    void forgetIncompleteMessages();
-
     // The same for a CTL_S_ROUTE message that carries `data`, copied once.
     void sendRoutedData(const std::string& streamName, StreamType type, unsigned int size,
                         const std::string& data, bool lowPriority);

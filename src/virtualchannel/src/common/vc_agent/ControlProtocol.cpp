@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "AgentStream.h"
 #include "StreamRules.h"
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
@@ -52,16 +53,16 @@ const ControlProtocol::Handler* ControlProtocol::handlerOf(unsigned char type) {
 }
 
 void ControlProtocol::receive(const void* data, unsigned int length) {
-    AGENT_LOG(Trace, "OnVirtualChannelReceiveData(", data, ",", length, ")");
+    AGENT_LOG(m_context, Trace, "OnVirtualChannelReceiveData(", data, ",", length, ")");
     if (!data) {
-        AGENT_LOG(Warning,
+        AGENT_LOG(m_context, Warning,
                   "NULL message received. Probably pre-TPL3307 protocol on the other side "
                   "[DE18836]");
         return;
     }
     VCMessage message;
     if (!message.parseInPlace(data, length)) {
-        AGENT_LOG(Warning, "Message broken and cannot be processed");
+        AGENT_LOG(m_context, Warning, "Message broken and cannot be processed");
         dumpBroken(data, length);
     } else if (!message.isMessageTypeSupported()) {
         rejectType(message.rawMessageType());
@@ -79,21 +80,22 @@ void ControlProtocol::dumpBroken(const void* data, unsigned int length) {
         char digits[2];
         dump.append(digits, std::to_chars(digits, digits + 2, bytes[i], 16).ptr).push_back(' ');
     }
-    AGENT_LOG(Info, "HEX DATA ( ", length, " bytes  ): ", dump);
+    AGENT_LOG(m_context, Info, "HEX DATA ( ", length, " bytes  ): ", dump);
 }
 
 void ControlProtocol::rejectType(unsigned char type) {
-    AGENT_LOG(Warning, "Message is not supported, type: ", type);
+    AGENT_LOG(m_context, Warning, "Message is not supported, type: ", type);
     VCMessage reply;
     reply.setMessageType(CTL_MESSAGE_TYPE_NOTSUPPORTED);
     reply.setUnsupportedMessageType(type);
-    m_link.SendMessageToChannel(reply, false);
+    m_context.SendMessageToChannel(reply);
 }
 
 void ControlProtocol::dispatch(const VCMessage& message) {
     const Handler* const handler = handlerOf(message.rawMessageType());
     if (!handler) {
-        AGENT_LOG(Warning, "Unknown ctrlOp code received '", message.rawMessageType(), "'");
+        AGENT_LOG(m_context, Warning, "Unknown ctrlOp code received '", message.rawMessageType(),
+                  "'");
         return;
     }
     if (*handler->announcement) {
@@ -104,7 +106,7 @@ void ControlProtocol::dispatch(const VCMessage& message) {
     Received received{message, {}};
     if (*handler->incomplete) {
         if (!message.hasStreamName() || !message.hasStreamType() || !message.hasStreamSize()) {
-            AGENT_LOG(Warning, handler->incomplete);
+            AGENT_LOG(m_context, Warning, handler->incomplete);
             return;
         }
         received.stream = {message.getStreamName(),
@@ -116,23 +118,22 @@ void ControlProtocol::dispatch(const VCMessage& message) {
 
 void ControlProtocol::typeNotSupported(const Received& received) {
     if (!received.message.hasUnsupportedMessageType()) return;
-    AGENT_LOG(Warning, "Message type not supported by peer, type: ",
+    AGENT_LOG(m_context, Warning, "Message type not supported by peer, type: ",
               received.message.getUnsupportedMessageType());
 }
 
 void ControlProtocol::createStream(const Received& received) {
     const StreamDetails& wanted = received.stream;
-    AGENT_LOG(Info, "Received CTL_S_CREATE - ", shown(wanted.name));
+    AGENT_LOG(m_context, Info, "Received CTL_S_CREATE - ", shown(wanted.name));
     if (const StreamPtr stream = findOpposite(wanted)) {
-        AGENT_LOG(Info,
+        AGENT_LOG(m_context, Info,
                   "Opposite Stream exists locally. Confirm to remote agent, and start processing "
                   "it.");
-        m_outgoing.SendMessageToChannelAboutStream(CTL_S_CREATED, stream->name(), stream->type(),
-                                                   stream->size());
+        m_context.SendMessageToChannelAboutStream(CTL_S_CREATED, stream->details());
         m_streams.StartStreamProcessor(stream, true);
         return;
     }
-    AGENT_LOG(Info,
+    AGENT_LOG(m_context, Info,
               "Opposite Stream does not exist locally. Re-Create, Confirm to remote agent, and "
               "start processing it.");
     const bool done =
@@ -140,17 +141,18 @@ void ControlProtocol::createStream(const Received& received) {
             ? m_streams.OpenStream(wanted.name, wanted.size, Requester::FarSide)
             : wanted.type == StreamType::READ &&
                   m_streams.CreateStream(wanted.name, wanted.size, Requester::FarSide);
-    if (!done) AGENT_LOG(Warning, "Failed to Create Stream.");
+    if (!done) AGENT_LOG(m_context, Warning, "Failed to Create Stream.");
 }
 
 void ControlProtocol::streamCreated(const Received& received) {
-    AGENT_LOG(Info, "Received CTL_S_CREATED: ", shown(received.stream.name));
+    AGENT_LOG(m_context, Info, "Received CTL_S_CREATED: ", shown(received.stream.name));
     if (const StreamPtr stream = findOpposite(received.stream)) {
-        AGENT_LOG(Info, "Stream exists locally. Start processing it.");
+        AGENT_LOG(m_context, Info, "Stream exists locally. Start processing it.");
         m_streams.StartStreamProcessor(stream, true);
         return;
     }
-    AGENT_LOG(Warning, "Stream '", shown(received.stream.name), "' doesn't exist locally.");
+    AGENT_LOG(m_context, Warning, "Stream '", shown(received.stream.name),
+              "' doesn't exist locally.");
     sendError(received.stream);
 }
 
@@ -161,13 +163,13 @@ void ControlProtocol::routeData(const Received& received) {
 }
 
 StreamPtr ControlProtocol::recreate(const StreamDetails& wanted) {
-    AGENT_LOG(Info,
+    AGENT_LOG(m_context, Info,
               "Received CTL_S_ROUTE, there was no receiveing stream found, so recreating it.");
     StreamPtr stream;
     if (!m_streams.CreateStream(wanted.name, wanted.size, Requester::FarSide)) {
-        AGENT_LOG(Warning, "Stream not found, and could no be recreated!.");
+        AGENT_LOG(m_context, Warning, "Stream not found, and could no be recreated!.");
     } else if (stream = findOpposite(wanted); !stream) {
-        AGENT_LOG(Error,
+        AGENT_LOG(m_context, Error,
                   "Stream not found, and succesfully recreated, but still unable to route msgs.");
     }
     if (!stream) sendError(wanted);
@@ -179,28 +181,31 @@ void ControlProtocol::route(const StreamPtr& stream, const Received& received) {
     const unsigned int length =
         received.message.hasRouteData() ? received.message.getRouteData(&data) : 0;
     if (length == 0 || !data) {
-        AGENT_LOG(Warning, "Route msssage is invalid.");
+        AGENT_LOG(m_context, Warning, "Route msssage is invalid.");
         return;
     }
-    // Not running yet: the data waits in the stream's queue. The log says why.
-    if (!stream->isRunning())
-        m_streams.IsStreamRoutable(received.stream.name, received.stream.type);
     m_streams.ProcessRoutableMessage(stream, data, length);
 }
 
 void ControlProtocol::streamError(const Received& received) {
-    AGENT_LOG(Warning, "Remote agent communicated an error in ", shown(received.stream.name));
+    AGENT_LOG(m_context, Warning, "Remote agent communicated an error in ",
+              shown(received.stream.name));
 }
 
 StreamPtr ControlProtocol::findOpposite(const StreamDetails& stream) {
-    return m_streams.FindInternalStream(stream.name, utils::GetMirroredSType(stream.type));
+    const StreamType ours = utils::GetMirroredSType(stream.type);
+    StreamPtr found = m_streams.FindInternalStream(stream.name, ours);
+    if (found && utils::IsStreamTypeValid(ours) && found->type() != ours) {
+        AGENT_LOG(m_context, Warning, "Stream has the same direction at both ends: ", stream.name);
+    }
+    return found;
 }
 
 void ControlProtocol::sendError(const StreamDetails& stream) {
     // No agent has a stream of such a name, and 1001 of them may wait in the queue.
     if (stream.name.size() > kMaxStreamNameLength) return;
-    m_outgoing.SendMessageToChannelAboutStream(CTL_S_ERROR, stream.name,
-                                               utils::GetMirroredSType(stream.type), stream.size);
+    m_context.SendMessageToChannelAboutStream(
+        CTL_S_ERROR, {stream.name, utils::GetMirroredSType(stream.type), stream.size});
 }
 
 }  // namespace VirtualChannelAgent

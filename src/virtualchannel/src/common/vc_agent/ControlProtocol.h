@@ -1,16 +1,10 @@
 #pragma once
 
-#include <string>
-
 #include "AgentConnection.h"
 #include "AgentContext.h"
-#include "ChannelLink.h"
-#include "InfoNotifier.h"
 #include "LockOrder.h"
-#include "OutgoingMessages.h"
 #include "PeerCapabilities.h"
 #include "StreamService.h"
-#include "VCMessage.h"
 
 namespace VirtualChannelAgent {
 
@@ -19,30 +13,17 @@ namespace VirtualChannelAgent {
 // Whatever the bytes are, they do no more harm than a log line.
 class ControlProtocol {
 public:
-    ControlProtocol(AgentContext& context, ChannelLink& link, PeerCapabilities& peer,
-                    OutgoingMessages& outgoing, InfoNotifier& notifier, StreamService& streams,
+    ControlProtocol(AgentContext& context, PeerCapabilities& peer, StreamService& streams,
                     AgentConnection& connection)
-        : m_context(context),
-          m_link(link),
-          m_peer(peer),
-          m_outgoing(outgoing),
-          m_notifier(notifier),
-          m_streams(streams),
-          m_connection(connection) {}
+        : m_context(context), m_peer(peer), m_streams(streams), m_connection(connection) {}
 
     // `data` may be null and is valid during the call only.
     void receive(const void* data, unsigned int length) NORVO_TAKES_TRANSITION;
 
 private:
-    // The stream that a message is about, in the far side's words.
-    struct StreamDetails {
-        std::string name;
-        StreamType type = StreamType::INVALID;
-        unsigned int size = 0;
-    };
     struct Received {
         const VCMessage& message;
-        StreamDetails stream;  // as far as the message names one
+        StreamDetails stream;  // in the far side's words, as far as the message names one
     };
     struct Handler;
     static const Handler* handlerOf(unsigned char type);
@@ -73,10 +54,7 @@ private:
     void sendError(const StreamDetails& stream) NORVO_TAKES_LEAF;
 
     AgentContext& m_context;
-    ChannelLink& m_link;
     PeerCapabilities& m_peer;
-    OutgoingMessages& m_outgoing;
-    InfoNotifier& m_notifier;
     StreamService& m_streams;
     AgentConnection& m_connection;
 };

@@ -13,13 +13,14 @@ using VDIFrameworkCommon::VDIClientInfo;
 bool ControlProtocol::ignoresHandshake(const char* messageName) {
     if (m_context.stopping) return true;
     if (!m_context.environment->hasOtherActiveAgent()) return false;
-    AGENT_LOG(Notice, "Another virtual channel agent is connected, so ignore ", messageName, ".");
+    AGENT_LOG(m_context, Notice, "Another virtual channel agent is connected, so ignore ",
+              messageName, ".");
     return true;
 }
 
 // A far side that looks for a peer has just begun, or begins anew.
 void ControlProtocol::connect(const Received& /*received*/) {
-    m_link.forgetIncompleteMessages();
+    if (auto* const channel = m_context.channel()) channel->ForgetIncompleteMessages();
     if (!ignoresHandshake("CTL_CONNECT")) sendCapabilities(CTL_CONNECT_READY);
 }
 
@@ -27,7 +28,7 @@ void ControlProtocol::connectReady(const Received& received) {
     if (ignoresHandshake("CTL_CONNECT_READY")) return;
     takeHandshake(received.message);
     if (m_context.stopping) return;  // the goodbye must be the last that the far side hears
-    AGENT_LOG(Info, "reply with CTL_CONNECTED and supported streams list");
+    AGENT_LOG(m_context, Info, "reply with CTL_CONNECTED and supported streams list");
     sendCapabilities(CTL_CONNECTED);
 }
 
@@ -47,26 +48,26 @@ void ControlProtocol::takeVersions(const VCMessage& message) {
         hasChannelVersion ? message.getChannelVersion() : std::string();
     m_peer.setChannelVersion(channelVersion);
     if (hasChannelVersion) {
-        AGENT_LOG(Info, "Receive peer virtual channel version: ", shown(channelVersion));
+        AGENT_LOG(m_context, Info, "Receive peer virtual channel version: ", shown(channelVersion));
     } else {
-        AGENT_LOG(Info, "No peer virtual channel version");
+        AGENT_LOG(m_context, Info, "No peer virtual channel version");
     }
 
     if (message.hasInternalVersion()) {
         const std::string version = message.getInternalVersion();
         VDIClientInfo::getInstance().setPeerInternalVersion(VDIFrameworkCommon::toInt(version));
-        AGENT_LOG(Info, "Receive peer internal version: ", shown(version));
+        AGENT_LOG(m_context, Info, "Receive peer internal version: ", shown(version));
     } else {
-        AGENT_LOG(Info, "No peer internal version");
+        AGENT_LOG(m_context, Info, "No peer internal version");
     }
 
     const bool hasClientVersion = message.hasClientVersion();
     const std::string clientVersion = hasClientVersion ? message.getClientVersion() : std::string();
     VDIClientInfo::getInstance().setPeerClientVersion(clientVersion);
     if (hasClientVersion) {
-        AGENT_LOG(Info, "Receive peer client version: ", shown(clientVersion));
+        AGENT_LOG(m_context, Info, "Receive peer client version: ", shown(clientVersion));
     } else {
-        AGENT_LOG(Info, "No peer client version");
+        AGENT_LOG(m_context, Info, "No peer client version");
     }
 }
 
@@ -74,13 +75,13 @@ void ControlProtocol::takeStreamList(const VCMessage& message) {
     const std::string list =
         message.hasSupportedStreams() ? message.getSupportedStreams() : std::string();
     if (list.empty()) {
-        AGENT_LOG(Info, "Receive Peer Supported Streams is empty");
+        AGENT_LOG(m_context, Info, "Receive Peer Supported Streams is empty");
         m_peer.forgetStreams();
         return;
     }
-    AGENT_LOG(Info, "Receive Peer Supported Streams:", shown(list));
+    AGENT_LOG(m_context, Info, "Receive Peer Supported Streams:", shown(list));
     m_peer.setStreams(list);
-    m_notifier.notifyInvalidStreams();
+    m_context.notifyInvalidStreams();
 }
 
 void ControlProtocol::sendCapabilities(MessageTypeEnum type) {
@@ -89,14 +90,14 @@ void ControlProtocol::sendCapabilities(MessageTypeEnum type) {
     message.setMessageType(type);
     const std::string streams = supportedStreamsText();
     if (streams.empty()) {
-        AGENT_LOG(Warning, "stream list is empty.");
+        AGENT_LOG(m_context, Warning, "stream list is empty.");
     } else {
         message.setSupportedStreams(streams);
     }
     message.setChannelVersion(kChannelVersion);
     message.setInternalVersion(VDIFrameworkCommon::toString(info.getMyInternalVersion()));
     message.setClientVersion(info.getClientVersion());
-    m_link.SendMessageToChannel(message, false);
+    m_context.SendMessageToChannel(message);
 }
 
 }  // namespace VirtualChannelAgent

@@ -1,5 +1,6 @@
 #include "InfoNotifier.h"
 
+#include "AgentStream.h"
 #include "MessageBuilder.h"
 #include "ProcessUtils.h"
 #include "StreamType.h"
@@ -31,42 +32,43 @@ const char* environmentName(int channelType) {
 }  // namespace
 
 void InfoNotifier::notifyInfoS(std::string message) {
-    const StreamPtr stream = m_streams.find(m_context.infoOutputName);
+    const StreamPtr stream = m_context.findStream(m_context.infoOutputName);
     if (!stream) {
-        AGENT_LOG(Warning, "Cannot find INFO Stream!");
+        AGENT_LOG(m_context, Warning, "Cannot find INFO Stream!");
         return;
     }
-    AGENT_LOG(Info, "INFO-S subscribers notified: '", shown(message), "'");
+    AGENT_LOG(m_context, Info, "INFO-S subscribers notified: '", shown(message), "'");
     stream->enqueue(std::move(message));
 }
 
 void InfoNotifier::notifyEvent(const char* operation) {
+    m_rollCallAt = kNone;  // who hears of a lost connection forgets the streams
     notifyInfoS(MessageBuilder().append(operation).msg());
 }
 
 void InfoNotifier::notifyCurrentProcessId(bool connected) {
-    auto* const channel = m_link.channel();
+    auto* const channel = m_context.channel();
     const bool runsInChild = channel && channel->GetType() == NorvoVirtualChannel::kVMware;
     const std::string id = std::to_string(runsInChild ? ProcessUtils::getParentProcessId()
                                                       : ProcessUtils::getCurrentProcessId());
-    AGENT_LOG(Info, "Current process id:", id);
+    AGENT_LOG(m_context, Info, "Current process id:", id);
     notifyInfoS(MessageBuilder().append("VCProcessId").append(id).append(connected).msg());
 }
 
 void InfoNotifier::notifyEnviromentType() {
-    auto* const channel = m_link.channel();
+    auto* const channel = m_context.channel();
     const std::string name = environmentName(channel ? channel->GetType() : 0);
-    AGENT_LOG(Info, "notify EnviromentType: ", name);
+    AGENT_LOG(m_context, Info, "notify EnviromentType: ", name);
     notifyInfoS(MessageBuilder().append("EnviromentType").append(name).msg());
 }
 
 void InfoNotifier::notifyThinClientPlatform(unsigned int platform) {
-    AGENT_LOG(Info, "notify OnThinClientPlatformChange: ", platform);
+    AGENT_LOG(m_context, Info, "notify OnThinClientPlatformChange: ", platform);
     notifyInfoS(MessageBuilder().append("ThinClientPlatform").append(platform).msg());
 }
 
 void InfoNotifier::notifyChannelBlocked(bool blocked) {
-    AGENT_LOG(Info, "notify OnChannelBlockedByPolicySetting: ", blocked);
+    AGENT_LOG(m_context, Info, "notify OnChannelBlockedByPolicySetting: ", blocked);
     notifyInfoS(MessageBuilder().append("ChannelBlockedByPolicySetting").append(blocked).msg());
 }
 
@@ -83,47 +85,60 @@ void InfoNotifier::notifyChannelVersion() {
 void InfoNotifier::notifyInvalidStreams() {
     if (!m_context.connected || !m_peer.streamsAreKnown()) return;
     const std::string invalid = m_peer.getInvalidStreams();
-    AGENT_LOG(Info, "notify invalid streams:", invalid);
+    AGENT_LOG(m_context, Info, "notify invalid streams:", invalid);
     if (invalid.empty()) return;
     notifyInfoS(MessageBuilder().append("InvalidStreams").append(invalid).msg());
 }
 
+bool InfoNotifier::rollCallWaits(const Agent::Stream& info) const {
+    return info.passed() <= m_rollCallAt && m_rollCallAt != kNone &&
+           m_rollCallOf == m_context.streamsBegun;
+}
+
 void InfoNotifier::notifyRunningStreams() {
     if (!m_context.connected) {
-        AGENT_LOG(Info, "agent disconnected:");
+        AGENT_LOG(m_context, Info, "agent disconnected:");
         return;
     }
-    for (const auto& stream : m_streams.snapshot()) {
-        if (!stream->isRunning()) continue;
-        notifyInfoS(MessageBuilder()
-                        .append("StreamUp")
-                        .append(stream->name())
-                        .append(utils::STypeToString(utils::GetMirroredSType(stream->type())))
-                        .msg());
+    const StreamPtr info = m_context.findStream(m_context.infoOutputName);
+    if (!info || rollCallWaits(*info)) return;
+    m_rollCallOf = m_context.streamsBegun.load();
+    const std::uint64_t at = info->queued();
+    for (const auto& stream : m_context.streams()) {
+        if (stream->isRunning()) notifyStream(*stream);
     }
+    m_rollCallAt = at;
+}
+
+void InfoNotifier::notifyStream(const Agent::Stream& stream) {
+    notifyInfoS(MessageBuilder()
+                    .append("StreamUp")
+                    .append(stream.name())
+                    .append(utils::STypeToString(utils::GetMirroredSType(stream.type())))
+                    .msg());
 }
 
 void InfoNotifier::notifyIsSeamlessMode() {
-    auto* const channel = m_link.channel();
+    auto* const channel = m_context.channel();
     if (!channel) return;
     const bool seamless = channel->IsSeamlessMode();
-    AGENT_LOG(Info, "notify IsSeamlessMode: ", seamless);
+    AGENT_LOG(m_context, Info, "notify IsSeamlessMode: ", seamless);
     notifyInfoS(MessageBuilder().append("IsSeamless").append(seamless).msg());
 }
 
 void InfoNotifier::notifyIsMultiSession() {
-    auto* const channel = m_link.channel();
+    auto* const channel = m_context.channel();
     if (!channel) return;
     const bool several = channel->IsMultiSession();
-    AGENT_LOG(Info, "notify IsMultiSession: ", several);
+    AGENT_LOG(m_context, Info, "notify IsMultiSession: ", several);
     notifyInfoS(MessageBuilder().append("IsMultiSession").append(several).msg());
 }
 
 void InfoNotifier::notifyGetWindowHandle(void* serverWindow) {
-    auto* const channel = m_link.channel();
+    auto* const channel = m_context.channel();
     if (!channel) return;
     void* const window = channel->GetClientWindowHandleFromServerWindowHandle(serverWindow);
-    AGENT_LOG(Info, "notify getWindowHandle: ", window);
+    AGENT_LOG(m_context, Info, "notify getWindowHandle: ", window);
     notifyInfoS(MessageBuilder().append("GetWindowHandle").append(window).msg());
 }
 

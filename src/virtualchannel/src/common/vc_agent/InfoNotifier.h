@@ -3,10 +3,8 @@
 #include <string>
 
 #include "AgentContext.h"
-#include "ChannelLink.h"
 #include "LockOrder.h"
 #include "PeerCapabilities.h"
-#include "StreamTable.h"
 
 namespace VirtualChannelAgent {
 
@@ -15,9 +13,8 @@ namespace VirtualChannelAgent {
 // answer is not announced.
 class InfoNotifier {
 public:
-    InfoNotifier(AgentContext& context, ChannelLink& link, const StreamTable& streams,
-                 const PeerCapabilities& peer)
-        : m_context(context), m_link(link), m_streams(streams), m_peer(peer) {}
+    InfoNotifier(AgentContext& context, const PeerCapabilities& peer)
+        : m_context(context), m_peer(peer) {}
 
     // Queues one message for every local process that listens.
     void notifyInfoS(std::string message) NORVO_TAKES_STREAMS;
@@ -34,17 +31,26 @@ public:
     // any.
     void notifyInvalidStreams() NORVO_TAKES_STREAMS;
     // One message per running stream, its type as a local process sees it; only while connected.
+    // Several requests are answered together as long as none of the answer has been delivered: of
+    // many local processes that ask at once, each hears what all of them asked for.
     void notifyRunningStreams() NORVO_TAKES_STREAMS;
 
     void notifyIsSeamlessMode() NORVO_TAKES_STREAMS;
     void notifyIsMultiSession() NORVO_TAKES_STREAMS;
     void notifyGetWindowHandle(void* serverWindow) NORVO_TAKES_STREAMS;
+    // "StreamUp" for one stream.
+    void notifyStream(const Agent::Stream& stream) NORVO_TAKES_STREAMS;
 
 private:
+    bool rollCallWaits(const Agent::Stream& info) const NORVO_TAKES_LEAF;
+
     AgentContext& m_context;
-    ChannelLink& m_link;
-    const StreamTable& m_streams;
     const PeerCapabilities& m_peer;
+
+    static constexpr std::uint64_t kNone = ~std::uint64_t{0};
+    // The place of the last roll call in the order of all notifications.
+    std::atomic<std::uint64_t> m_rollCallAt{kNone};
+    std::atomic<std::uint64_t> m_rollCallOf{0};  // streamsBegun as of then
 };
 
 }  // namespace VirtualChannelAgent

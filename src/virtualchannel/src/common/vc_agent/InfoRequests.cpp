@@ -69,7 +69,7 @@ void InfoRequests::handle(const std::string& message) {
     if (operation) {
         operation->run(*this, fields);
     } else {
-        AGENT_LOG(Warning, "Wrong message: ", shown(message));
+        AGENT_LOG(m_context, Warning, "Wrong message: ", shown(message));
     }
 }
 
@@ -94,14 +94,14 @@ void InfoRequests::setLogPath(const Fields& fields) {
     const std::string separator = FileUtils::FileSeparator();
     if (!VDIFrameworkCommon::endsWith(directory, separator)) directory += separator;
     if (fields[1].empty() || !FileUtils::createDirectory(directory)) {
-        AGENT_LOG(Warning, "Cannot use this directory for the log: ", shown(fields[1]));
+        AGENT_LOG(m_context, Warning, "Cannot use this directory for the log: ", shown(fields[1]));
         return;
     }
     VirtualChannelLogger_init(directory + "VirtualChannel.log");
 }
 
 void InfoRequests::printMessage(const std::string& caption, const std::string& message) {
-    AGENT_LOG(Info, caption, shown(message));
+    AGENT_LOG(m_context, Info, caption, shown(message));
 }
 
 }  // namespace VirtualChannelAgent

@@ -4,17 +4,14 @@ NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
 
 namespace VirtualChannelAgent {
 
+namespace {
+constexpr std::chrono::milliseconds kPacedPause{5};
+}
+
 void OutgoingMessages::SendMessageToChannelAboutStream(MessageTypeEnum type,
-                                                       const std::string& streamName,
-                                                       StreamType streamType,
-                                                       unsigned int streamSize) {
-    auto message = std::make_unique<VCMessage>();
-    message->setMessageType(type);
-    message->setStreamName(streamName);
-    message->setStreamType(static_cast<unsigned int>(streamType));
-    message->setStreamSize(streamSize);
-    if (!m_queue.push(std::move(message))) {
-        AGENT_LOG(Notice,
+                                                       const StreamDetails& stream, Pace pace) {
+    if (m_queue.push({stream, type, pace}) > 0) {
+        AGENT_LOG(m_context, Notice,
                   "Sending buffer to virtual channel full, removing the oldest message to make "
                   "space for a new one.");
     }
@@ -30,14 +27,24 @@ void OutgoingMessages::stop() {
 }
 
 void OutgoingMessages::SendMessageToChannelAboutStreamThread() {
-    AGENT_LOG(Info, "SendMessageToChannelAboutStreamThread started. ");
+    AGENT_LOG(m_context, Info, "SendMessageToChannelAboutStreamThread started. ");
     const auto connected = [this] { return m_context.connected.load(); };
     // One thread sends, so the order holds although the queue is not locked meanwhile.
     while (const auto message = m_queue.pop(connected)) {
-        m_link.SendMessageToChannel(**message, false);
+        send(*message);
         if (!connected()) break;
+        if (message->pace == Pace::Paced) m_context.environment->pause(kPacedPause);
     }
-    AGENT_LOG(Info, "Finishing SendMessageToChannelAboutStreamThread thread/method");
+    AGENT_LOG(m_context, Info, "Finishing SendMessageToChannelAboutStreamThread thread/method");
+}
+
+void OutgoingMessages::send(const Message& message) {
+    VCMessage wire;
+    wire.setMessageType(message.type);
+    wire.setStreamName(message.stream.name);
+    wire.setStreamType(static_cast<unsigned int>(message.stream.type));
+    wire.setStreamSize(message.stream.size);
+    m_context.SendMessageToChannel(wire);
 }
 
 }  // namespace VirtualChannelAgent

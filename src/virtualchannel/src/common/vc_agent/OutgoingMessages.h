@@ -1,14 +1,10 @@
 #pragma once
 
-#include <memory>
-#include <string>
-
 #include "AgentContext.h"
 #include "AgentThread.h"
 #include "BoundedQueue.h"
-#include "ChannelLink.h"
 #include "LockOrder.h"
-#include "VCMessage.h"
+#include "StreamRules.h"
 
 namespace VirtualChannelAgent {
 
@@ -16,12 +12,15 @@ namespace VirtualChannelAgent {
 // order while the agents are connected. What is queued without a connection waits for the next one.
 class OutgoingMessages {
 public:
-    OutgoingMessages(AgentContext& context, ChannelLink& link) : m_context(context), m_link(link) {}
+    explicit OutgoingMessages(AgentContext& context) : m_context(context) {}
+
+    // The send thread waits for 5 ms behind a paced message, so that a host that paces its packets
+    // keeps up with many.
+    enum class Pace { AtOnce, Paced };
 
     // Any thread. When 1001 messages wait, the oldest is dropped.
-    void SendMessageToChannelAboutStream(MessageTypeEnum type, const std::string& streamName,
-                                         StreamType streamType,
-                                         unsigned int streamSize) NORVO_TAKES_LEAF;
+    void SendMessageToChannelAboutStream(MessageTypeEnum type, const StreamDetails& stream,
+                                         Pace pace = Pace::AtOnce) NORVO_TAKES_LEAF;
 
     // Call start() after context.connected has been set, and stop() after it has been cleared: at
     // most one more message leaves then. False when the thread could not be started.
@@ -31,11 +30,16 @@ public:
     bool isRunning() const NORVO_REQUIRES(lock_order::transition) { return m_thread.isRunning(); }
 
 private:
+    struct Message {
+        StreamDetails stream;
+        MessageTypeEnum type;
+        Pace pace;
+    };
+    void send(const Message& message);
     void SendMessageToChannelAboutStreamThread() NORVO_TAKES_LEAF;
 
     AgentContext& m_context;
-    ChannelLink& m_link;
-    BoundedQueue<std::unique_ptr<VCMessage>> m_queue;
+    VDIFrameworkCommon::BoundedQueue<Message> m_queue{{kMaxQueuedMessages}};
     AgentThread m_thread NORVO_GUARDED_BY(lock_order::transition);
 };
 

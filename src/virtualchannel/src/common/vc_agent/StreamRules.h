@@ -22,6 +22,11 @@ inline constexpr std::size_t kMaxStreams = 256;
 inline constexpr std::size_t kMaxPeerStreams = 192;
 inline constexpr std::uint64_t kMaxPeerTotalSize = 384U << 20;  // bytes
 
+// What waits for a local process, or for the send thread: the newest so many. The newest message of
+// a stream waits in any case.
+inline constexpr std::size_t kMaxQueuedMessages = 1001;
+inline constexpr std::size_t kMaxQueuedBytes = 256U << 20;  // of one stream
+
 // A name that can be part of the names of system objects: not empty, not too long, without '/' and
 // control characters.
 bool isUsableStreamName(std::string_view name);

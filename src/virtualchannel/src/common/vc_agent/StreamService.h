@@ -4,11 +4,7 @@
 #include <string>
 
 #include "AgentContext.h"
-#include "ChannelLink.h"
-#include "InfoNotifier.h"
 #include "LockOrder.h"
-#include "OutgoingMessages.h"
-#include "PeerCapabilities.h"
 #include "StreamRules.h"
 #include "StreamTable.h"
 
@@ -20,14 +16,8 @@ enum class Requester { LocalProcess, FarSide };
 // Makes streams, starts them, and hands them the far side's data. Any thread.
 class StreamService {
 public:
-    StreamService(AgentContext& context, ChannelLink& link, StreamTable& streams,
-                  OutgoingMessages& outgoing, const PeerCapabilities& peer, InfoNotifier& notifier)
-        : m_context(context),
-          m_link(link),
-          m_streams(streams),
-          m_outgoing(outgoing),
-          m_peer(peer),
-          m_notifier(notifier) {}
+    StreamService(AgentContext& context, StreamTable& streams)
+        : m_context(context), m_streams(streams) {}
 
     // Makes the outgoing INFO stream and starts it.
     void beginInfoOutput(unsigned int size) NORVO_TAKES_CREATION;
@@ -49,10 +39,6 @@ public:
     // The stream of that name; the type takes no part in the search. Empty when there is none.
     StreamPtr FindInternalStream(const std::string& name, StreamType type) NORVO_TAKES_STREAMS;
 
-    // Whether data of the far side for this stream would be written at once, and in the log why
-    // not. `farType` is the type as the far side names it.
-    bool IsStreamRoutable(const std::string& name, StreamType farType) NORVO_TAKES_STREAMS;
-
     // Starts serving the stream; with `checkPeerSupport`, local processes are told when the far
     // side has not announced it.
     void StartStreamProcessor(const StreamPtr& stream, bool checkPeerSupport) NORVO_TAKES_SERVICE;
@@ -66,24 +52,31 @@ public:
     void closeAll() NORVO_TAKES_CREATION;
 
 private:
+    struct SegmentSetup;
+    static const SegmentSetup kInfoOutput;
+    static const SegmentSetup kReadStream;
+    static const SegmentSetup kWrittenStream;
+    static const SegmentSetup kReadMemory;
+    static const SegmentSetup kWrittenMemory;
+
     StreamPtr CreateInternalStream(const std::string& name, StreamType type, unsigned int size,
                                    bool broadcast);
-    std::shared_ptr<SharedMemoryI> setUpSegment(const std::string& name, StreamType type,
-                                                unsigned int size, bool broadcast);
+    std::shared_ptr<SharedMemoryI> setUpSegment(const std::string& name, unsigned int size,
+                                                const SegmentSetup& setup);
     StreamPtr findOrMake(const std::string& name, StreamType type, unsigned int size,
                          Requester requester) NORVO_TAKES_CREATION;
+    // A local process that wants the other direction hears at once which one it can have.
+    void tellDirection(const Agent::Stream& stream, StreamType wanted) NORVO_TAKES_STREAMS;
     bool admits(const std::string& name, unsigned int size, Requester requester)
         NORVO_REQUIRES(m_creationMutex);
     bool add(const StreamPtr& stream, Requester requester)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void announce(const StreamPtr& stream) NORVO_TAKES_LEAF;
+    // Whether data of the far side for this stream is written at once, and in the log why not.
+    bool IsStreamRoutable(const Agent::Stream& stream) const;
 
     AgentContext& m_context;
-    ChannelLink& m_link;
     StreamTable& m_streams;
-    OutgoingMessages& m_outgoing;
-    const PeerCapabilities& m_peer;
-    InfoNotifier& m_notifier;
 
     VDIFrameworkCommon::LocalMutex m_creationMutex;  // one stream is made at a time
     StreamLoad m_load NORVO_GUARDED_BY(m_creationMutex);

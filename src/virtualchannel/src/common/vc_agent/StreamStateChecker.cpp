@@ -1,5 +1,7 @@
 #include "StreamStateChecker.h"
 
+#include "AgentStream.h"
+
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
 
 namespace VirtualChannelAgent {
@@ -22,23 +24,22 @@ void StreamStateChecker::stop() {
 }
 
 void StreamStateChecker::CheckStreamStatesThread() {
-    AGENT_LOG(Info, "CheckStreamStatesThread started.");
+    AGENT_LOG(m_context, Info, "CheckStreamStatesThread started.");
     while (m_running) {
         m_context.environment->wait(m_wake, kCheckPeriod);
         askAgain();
     }
-    AGENT_LOG(Info, "Finishing CheckStreamStatesThread thread/method");
+    AGENT_LOG(m_context, Info, "Finishing CheckStreamStatesThread thread/method");
 }
 
 void StreamStateChecker::askAgain() {
     const std::uint64_t now = m_context.environment->nowMs();
-    for (const auto& stream : m_streams.snapshot()) {
+    for (const auto& stream : m_context.streams()) {
         if (stream->isRunning() || stream->name() == m_context.infoOutputName) continue;
         // Unsigned: a clock that was set back makes the difference huge, and the request is due.
         if (now - stream->lastCreateRequestMs <= kRetryAfterMs) continue;
-        AGENT_LOG(Info, "retry to create stream: ", stream->name());
-        m_outgoing.SendMessageToChannelAboutStream(CTL_S_CREATE, stream->name(), stream->type(),
-                                                   stream->size());
+        AGENT_LOG(m_context, Info, "retry to create stream: ", stream->name());
+        m_context.SendMessageToChannelAboutStream(CTL_S_CREATE, stream->details());
         stream->lastCreateRequestMs = now;
     }
 }

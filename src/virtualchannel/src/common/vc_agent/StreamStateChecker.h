@@ -6,8 +6,6 @@
 #include "AgentThread.h"
 #include "Event.h"
 #include "LockOrder.h"
-#include "OutgoingMessages.h"
-#include "StreamTable.h"
 
 namespace VirtualChannelAgent {
 
@@ -15,9 +13,7 @@ namespace VirtualChannelAgent {
 // stream that it has not confirmed.
 class StreamStateChecker {
 public:
-    StreamStateChecker(AgentContext& context, const StreamTable& streams,
-                       OutgoingMessages& outgoing)
-        : m_context(context), m_streams(streams), m_outgoing(outgoing) {}
+    explicit StreamStateChecker(AgentContext& context) : m_context(context) {}
 
     // False when the thread could not be started.
     bool start() NORVO_REQUIRES(lock_order::transition);
@@ -31,8 +27,6 @@ private:
     void askAgain() NORVO_TAKES_STREAMS;
 
     AgentContext& m_context;
-    const StreamTable& m_streams;
-    OutgoingMessages& m_outgoing;
     std::atomic<bool> m_running{false};
     VDIFrameworkCommon::Event m_wake{true};
     AgentThread m_thread NORVO_GUARDED_BY(lock_order::transition);

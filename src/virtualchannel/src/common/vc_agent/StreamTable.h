@@ -12,8 +12,6 @@
 
 namespace VirtualChannelAgent {
 
-using StreamPtr = std::shared_ptr<Agent::Stream>;
-
 // Every stream of an agent by name, the outgoing INFO stream included. A stream stays until the
 // agent ends. Loops work on a snapshot, in name order: what they call may need the table.
 // Thread-safe.

@@ -30,20 +30,41 @@ namespace {
 
 // What a message makes grow may not fit any more; the thread that brought it cannot be thrown at.
 template <class Handle>
-void dropIfItDoesNotFit(const AgentContext& m_context, const Handle& handle) {
+void dropIfItDoesNotFit(const AgentContext& context, const Handle& handle) {
     try {
         handle();
     } catch (const std::exception& failure) {
-        AGENT_LOG(Error, "Message dropped: ", failure.what());
+        AGENT_LOG(context, Error, "Message dropped: ", failure.what());
     }
 }
 
 }  // namespace
 
 // An agent in pieces, each after those it uses.
-struct Agent::Parts {
-    Parts(const std::string& name, std::shared_ptr<AgentEnvironment> environment)
-        : m_context(name, std::move(environment)) {}
+struct Agent::Parts final : AgentContext {
+    using AgentContext::AgentContext;
+
+    VirtualChannel* channel() const override { return m_link.channel(); }
+    void SendMessageToChannel(const VCMessage& message) override {
+        m_link.SendMessageToChannel(message, false);
+    }
+    void SendMessageToChannelAboutStream(MessageTypeEnum type,
+                                         const StreamDetails& stream) override {
+        m_outgoing.SendMessageToChannelAboutStream(type, stream);
+    }
+    bool peerSupports(const std::string& streamName) const override {
+        return m_peer.supports(streamName);
+    }
+    void notifyInfoS(std::string message) override { m_notifier.notifyInfoS(std::move(message)); }
+    void notifyInvalidStreams() override { m_notifier.notifyInvalidStreams(); }
+    void notifyStream(const Stream& stream) override { m_notifier.notifyStream(stream); }
+    StreamPtr findStream(std::string_view name) const override { return m_streams.find(name); }
+    std::vector<StreamPtr> streams() const override { return m_streams.snapshot(); }
+    StreamPtr makeStream(const StreamDetails& stream,
+                         std::shared_ptr<SharedMemoryI> segment) override {
+        return std::make_shared<Stream>(*this, m_link, stream.name, stream.type, stream.size,
+                                        std::move(segment));
+    }
 
     std::shared_ptr<HvdClientInfoManager> clientInfo() {
         OrderedLock lock(m_valuesMutex, lock_order::leaf);
@@ -55,17 +76,15 @@ struct Agent::Parts {
         m_clientInfo.reset();
     }
 
-    AgentContext m_context;
-    ChannelLink m_link{m_context};
+    ChannelLink m_link{*this};
     PeerCapabilities m_peer;
     StreamTable m_streams;
-    OutgoingMessages m_outgoing{m_context, m_link};
-    InfoNotifier m_notifier{m_context, m_link, m_streams, m_peer};
-    StreamService m_service{m_context, m_link, m_streams, m_outgoing, m_peer, m_notifier};
-    AgentConnection m_connection{m_context, m_link, m_streams, m_outgoing, m_notifier};
-    ControlProtocol m_protocol{m_context,  m_link,    m_peer,      m_outgoing,
-                               m_notifier, m_service, m_connection};
-    InfoRequests m_requests{m_context, m_service, m_notifier, m_connection,
+    OutgoingMessages m_outgoing{*this};
+    InfoNotifier m_notifier{*this, m_peer};
+    StreamService m_service{*this, m_streams};
+    AgentConnection m_connection{*this, m_outgoing, m_notifier};
+    ControlProtocol m_protocol{*this, m_peer, m_service, m_connection};
+    InfoRequests m_requests{*this, m_service, m_notifier, m_connection,
                             [this] { return clientInfo(); }};
 
     // The segment of local processes' requests; empty when it could not be set up.
@@ -81,15 +100,15 @@ struct Agent::Parts {
 Agent::Agent(VirtualChannel* channel, const std::string& name,
              std::shared_ptr<AgentEnvironment> environment)
     : m_parts(std::make_unique<Parts>(name, std::move(environment))) {
-    const AgentContext& m_context = m_parts->m_context;
-    AGENT_LOG(Notice, "Virtual Channel Agent created (PRINT_MESSAGES: ", "disabled",
+    const AgentContext& context = *m_parts;
+    AGENT_LOG(context, Notice, "Virtual Channel Agent created (PRINT_MESSAGES: ", "disabled",
               "), version: ", kChannelVersion);
     SetVirtualChannel(channel);
     m_parts->m_service.beginInfoOutput(kInfoSegmentSize);
     m_parts->m_infoReader = m_parts->m_service.CreateInternalSharedMemory(
-        m_context.infoInputName, StreamType::READ, kInfoSegmentSize);
+        context.infoInputName, StreamType::READ, kInfoSegmentSize);
     if (!m_parts->m_infoReader || !subscribe(*m_parts->m_infoReader, this)) {
-        AGENT_LOG(Error, "infoSharedMemory create failed");
+        AGENT_LOG(context, Error, "infoSharedMemory create failed");
     }
     m_parts->m_notifier.notifyCurrentProcessId(false);
     m_parts->m_notifier.notifyEnviromentType();
@@ -100,11 +119,11 @@ Agent::~Agent() { end(Ending::Silent); }
 void Agent::stop() { end(Ending::Orderly); }
 
 void Agent::end(Ending ending) {
-    AgentContext& m_context = m_parts->m_context;
+    AgentContext& context = *m_parts;
     OrderedLock lock(m_parts->m_lifecycleMutex, lock_order::lifecycle);
     if (std::exchange(m_parts->m_ended, true)) return;
-    m_context.stopping = true;
-    AGENT_LOG(Notice, "Destroying Virtual Channel Agent");
+    context.stopping = true;
+    AGENT_LOG(context, Notice, "Destroying Virtual Channel Agent");
     m_parts->dropClientInfo();
     if (m_parts->m_infoReader) {
         m_parts->m_infoReader->unsubscribeObserver(this);
@@ -112,31 +131,33 @@ void Agent::end(Ending ending) {
     }
     m_parts->m_connection.end(ending == Ending::Orderly);
     m_parts->m_service.closeAll();
-    if (ending == Ending::Orderly) m_context.environment->endActivityWatch();
+    if (ending == Ending::Orderly) context.environment->endActivityWatch();
     if (VirtualChannel* const channel = m_parts->m_link.channel()) {
-        AGENT_LOG(Info, "m_pChannel->RemoveObserver ");
+        AGENT_LOG(context, Info, "m_pChannel->RemoveObserver ");
         channel->RemoveObserver(this);
         m_parts->m_link.setChannel(nullptr);
     }
-    AGENT_LOG(Notice, "Finished releasing resources");
+    AGENT_LOG(context, Notice, "Finished releasing resources");
 }
 
 void Agent::SetVirtualChannel(VirtualChannel* channel) {
-    AgentContext& m_context = m_parts->m_context;
+    AgentContext& context = *m_parts;
     ChannelLink& link = m_parts->m_link;
-    AGENT_LOG(Info, "SetVirtualChannel( ", static_cast<const void*>(channel), " )");
+    AGENT_LOG(context, Info, "SetVirtualChannel( ", static_cast<const void*>(channel), " )");
     if (VirtualChannel* const old = link.channel()) {
-        AGENT_LOG(Info, "Stop observing underline channel: ", static_cast<const void*>(old));
+        AGENT_LOG(context, Info,
+                  "Stop observing underline channel: ", static_cast<const void*>(old));
         old->RemoveObserver(this);
     }
     link.setChannel(channel);
     if (channel) {
-        AGENT_LOG(Info, "Start observing underline channel: ", static_cast<const void*>(channel));
+        AGENT_LOG(context, Info,
+                  "Start observing underline channel: ", static_cast<const void*>(channel));
         channel->AddObserver(this);
     }
 }
 
-bool Agent::IsConnected() const { return m_parts->m_context.connected; }
+bool Agent::IsConnected() const { return m_parts->connected; }
 
 std::shared_ptr<HvdClientInfoManager> Agent::getHvdClientInfoManager() {
     return m_parts->clientInfo();
@@ -150,7 +171,7 @@ std::uint64_t Agent::getCurrentMS() {
 }
 
 void Agent::OnVirtualChannelReceiveData(const void* data, unsigned int length) {
-    dropIfItDoesNotFit(m_parts->m_context, [&] { m_parts->m_protocol.receive(data, length); });
+    dropIfItDoesNotFit(*m_parts, [&] { m_parts->m_protocol.receive(data, length); });
 }
 
 void Agent::OnVirtualChannelAvailabilityChange(bool available) {
@@ -160,8 +181,8 @@ void Agent::OnVirtualChannelAvailabilityChange(bool available) {
 void Agent::OnVirtualChannelShutdown() { m_parts->m_connection.channelShutsDown(); }
 
 void Agent::OnSessionAvailabilityChange(bool up) {
-    const AgentContext& m_context = m_parts->m_context;
-    AGENT_LOG(Notice, up ? " session is up" : " session is down");
+    const AgentContext& context = *m_parts;
+    AGENT_LOG(context, Notice, up ? " session is up" : " session is down");
     m_parts->m_notifier.notifyEvent(up ? "SessionUp" : "SessionDown");
     if (!up) OnVirtualChannelAvailabilityChange(false);
 }
@@ -175,7 +196,7 @@ void Agent::OnChannelBlockedByPolicySetting(bool blocked) {
 }
 
 void Agent::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
-    dropIfItDoesNotFit(m_parts->m_context, [&] { m_parts->m_requests.handle(message); });
+    dropIfItDoesNotFit(*m_parts, [&] { m_parts->m_requests.handle(message); });
 }
 
 }  // namespace VirtualChannelAgent

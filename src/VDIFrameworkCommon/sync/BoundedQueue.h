@@ -1,0 +1,126 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <limits>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "LocalMutex.h"
+
+namespace VDIFrameworkCommon {
+
+// The queue between those who have messages and those who take them, oldest first. It keeps the
+// newest messages, so many and of so many bytes; the newest of all always fits, however large.
+// Bytes are what a message's size() says; other messages have none. Thread-safe.
+template <class Message>
+class BoundedQueue {
+public:
+    struct Limits {
+        std::size_t messages;
+        std::size_t bytes = std::numeric_limits<std::size_t>::max();
+    };
+
+    explicit BoundedQueue(Limits limits) : m_limits(limits) {}
+
+    // Appends the message, and drops the oldest ones that it leaves no room for. How many.
+    std::size_t push(Message message) {
+        return push(std::move(message), [](const Message&) { return true; });
+    }
+    // The same, but one for which `mayGo` is false goes only when no other is left to.
+    template <class MayGo>
+    std::size_t push(Message message, const MayGo& mayGo) {
+        std::vector<Message> dropped;  // destroyed outside the lock
+        bool wasEmpty;
+        {
+            LocalLock lock(m_mutex);
+            const std::size_t bytes = bytesOf(message);
+            while (!m_messages.empty() && !hasRoomFor(bytes)) dropOne(mayGo, dropped);
+            wasEmpty = m_messages.empty();
+            m_messages.push_back(std::move(message));
+            m_bytes += bytes;
+            m_pushed++;
+        }
+        // A consumer that is not waiting finds the message by itself.
+        if (wasEmpty) m_condition.notify_all();
+        return dropped.size();
+    }
+
+    // The oldest message, waiting for one as long as `goOn()`. When that has become false, what is
+    // still queued comes out all the same; empty when there is nothing.
+    template <class GoOn>
+    std::optional<Message> pop(const GoOn& goOn) {
+        LocalLock lock(m_mutex);
+        while (m_messages.empty() && goOn()) m_condition.wait(m_mutex);
+        return takeFront();
+    }
+    // The same; also empty when `deadline` has passed.
+    template <class Deadline, class GoOn>
+    std::optional<Message> popUntil(const Deadline& deadline, const GoOn& goOn) {
+        LocalLock lock(m_mutex);
+        while (m_messages.empty() && goOn() && Deadline::clock::now() < deadline)
+            m_condition.wait_until(m_mutex, deadline);
+        return takeFront();
+    }
+
+    // Makes waiting consumers look at `goOn()` again. Call it after the change: taking the lock
+    // between makes sure that a consumer has not looked before it and waits after it.
+    void wake() {
+        { LocalLock lock(m_mutex); }
+        m_condition.notify_all();
+    }
+
+    std::size_t size() const {
+        LocalLock lock(m_mutex);
+        return m_messages.size();
+    }
+    // How many have been appended so far, and how many of them have been taken or dropped.
+    std::uint64_t pushed() const {
+        LocalLock lock(m_mutex);
+        return m_pushed;
+    }
+    std::uint64_t left() const {
+        LocalLock lock(m_mutex);
+        return m_pushed - m_messages.size();
+    }
+
+private:
+    static std::size_t bytesOf(const Message& message) {
+        if constexpr (requires { message.size(); }) {
+            return message.size();
+        } else {
+            return 0;
+        }
+    }
+    bool hasRoomFor(std::size_t bytes) const NORVO_REQUIRES(m_mutex) {
+        return m_messages.size() < m_limits.messages && bytes <= m_limits.bytes &&
+               m_bytes <= m_limits.bytes - bytes;
+    }
+    template <class MayGo>
+    void dropOne(const MayGo& mayGo, std::vector<Message>& dropped) NORVO_REQUIRES(m_mutex) {
+        auto oldest = std::find_if(m_messages.begin(), m_messages.end(), mayGo);
+        if (oldest == m_messages.end()) oldest = m_messages.begin();
+        m_bytes -= bytesOf(*oldest);
+        dropped.push_back(std::move(*oldest));
+        m_messages.erase(oldest);
+    }
+    std::optional<Message> takeFront() NORVO_REQUIRES(m_mutex) {
+        if (m_messages.empty()) return std::nullopt;
+        std::optional<Message> message(std::move(m_messages.front()));
+        m_messages.pop_front();
+        m_bytes -= bytesOf(*message);
+        return message;
+    }
+
+    const Limits m_limits;
+    mutable LocalMutex m_mutex;
+    LocalCondition m_condition;
+    std::deque<Message> m_messages NORVO_GUARDED_BY(m_mutex);
+    std::size_t m_bytes NORVO_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_pushed NORVO_GUARDED_BY(m_mutex) = 0;
+};
+
+}  // namespace VDIFrameworkCommon
