@@ -2,13 +2,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <string>
 
 #include "AgentView.h"
 #include "LocalMutex.h"
 #include "NamedMutex.h"
-#include "SharedMemoryBroadcast.h"
+#include "SegmentSlot.h"
 
 namespace NorvoStreamClient {
 
@@ -17,56 +16,76 @@ namespace NorvoStreamClient {
 // A broadcast segment is made for one writer: each one resets the message IDs at its start, and
 // judges by its own writes whether the readers have taken what is in the slot. Where several write,
 // the first makes the agent read an old request again, the second lets one client overwrite another
-// one's request. This writer leaves the IDs as they are and goes by the words in the segment alone:
-// readers ready for the next message (offset 8) less those that came since it was written (chunk
-// index less 1) have taken it.
-class RequestSegment : public SharedMemoryBroadcast {
+// one's request. This writer leaves the IDs as they are and goes by the words in shared memory
+// alone (BroadcastCounts.h, SegmentRegistry.h). Not thread-safe.
+class RequestSlot : public shared_memory::SlotEnd {
 public:
-    ~RequestSegment() override = default;
+    RequestSlot() = default;
+    ~RequestSlot() override;
+    RequestSlot(const RequestSlot&) = delete;
+    RequestSlot& operator=(const RequestSlot&) = delete;
 
-    // Some reader is ready for a message, or the slot has not moved for so long that nobody will be
-    // robbed of one.
+    // Opens the segment when it is not open.
+    bool open(const std::string& name);
+    // Some reader that lives, as far as is known, is ready for a message; or the slot has not moved
+    // for so long that nobody will be robbed of one.
     bool mayPlace();
-    // The message in the slot was taken by a reader that was there when it was written.
-    bool isTaken();
-    // Replaces what is in the slot, taken or not. False when it is not set up.
-    bool place(const std::string& text);
+    // Replaces what is in the slot, taken or not. The ID of the message; 0 when it does not fit, or
+    // when the segment's mutex could not be had.
+    long place(const std::string& text);
+    // The message of that ID was taken by a reader that was there when it was written.
+    bool isTaken(long id);
+    // Waits for a reader to take something, for a moment.
+    void pause();
 
-protected:
-    void startWriting() override {}
+    shared_memory::SegmentRegistry::Role role() const override {
+        return shared_memory::SegmentRegistry::Role::Writer;
+    }
+    void begin(bool /*isRenewed*/) override {}
+    void forget(const shared_memory::RegistryEntry& gone) override;
 
 private:
+    shared_memory::SlotGate m_gate;
+    shared_memory::SegmentSlot m_slot{m_gate};
     // Since when no reader is ready for anything but the message of this ID.
-    Clock::time_point m_heldUpSince NORVO_GUARDED_BY(m_operationLock){};
-    long m_heldUpId NORVO_GUARDED_BY(m_operationLock) = -1;
+    Clock::time_point m_heldUpSince{};
+    long m_heldUpId = -1;
+    Clock::time_point m_lastLook{};
 };
 
 // Writes requests, one client of the agent at a time: between the processes a named mutex lets the
-// next request wait until the agent has taken the one before. Thread-safe.
+// next request wait until the agent has taken the one before, for at most 2 s. Thread-safe.
 class RequestWriter {
 public:
     explicit RequestWriter(std::string segmentName) : m_name(std::move(segmentName)) {}
 
     // True once an agent has taken `text`, which may be empty: a sign of life that the agent's
     // segment takes and the agent itself does not hear of. False when none did until `deadline`; a
-    // request that was left lying is not taken later by an agent that starts then. The turn of
-    // another process's request may be waited for up to 2 s beyond the deadline.
+    // request that was left lying is not taken later by an agent that starts then. While no agent
+    // is there nobody else is held up.
     bool send(const std::string& text, Clock::time_point deadline);
 
     // Ends a send on another thread, and makes every later one fail.
     void cancel() { m_cancelled = true; }
 
 private:
-    bool join() NORVO_REQUIRES(m_mutex);
-    bool sendInTurn(const std::string& text, Clock::time_point deadline) NORVO_REQUIRES(m_mutex);
-    template <class Test>
-    bool waitFor(Clock::time_point deadline, Test test);
+    // Repeats `step`, with a pause in between, until it says yes.
+    template <class Step>
+    bool repeat(Clock::time_point deadline, Step step);
+    bool takeTurn(Clock::time_point deadline);
+    // With the turn. `placed` is the ID of the request, when an earlier try has placed it.
+    bool sendInTurn(const std::string& text, long& placed, Clock::time_point deadline);
+    bool join();
+    bool mayPlace();
+    bool isTaken(long id);
 
     const std::string m_name;
     std::atomic<bool> m_cancelled{false};
+    // Not held while a request waits: only for a look at the slot, or a step of 2 ms.
     VDIFrameworkCommon::LocalMutex m_mutex;
-    VDIFrameworkCommon::NamedMutex m_turn NORVO_GUARDED_BY(m_mutex);
-    std::unique_ptr<RequestSegment> m_segment NORVO_GUARDED_BY(m_mutex);
+    VDIFrameworkCommon::NamedMutex m_turn;
+    bool m_isJoined NORVO_GUARDED_BY(m_mutex) = false;
+    RequestSlot m_slot NORVO_GUARDED_BY(m_mutex);
 };
 
 }  // namespace NorvoStreamClient

@@ -1,32 +1,45 @@
 #pragma once
 
-#include <atomic>
+#include <string>
 
 #include "AgentView.h"
 #include "LocalMutex.h"
-#include "SharedMemoryMacosx.h"
+#include "SegmentSlot.h"
+#include "SlotReader.h"
+#include "SlotWriter.h"
 
 namespace NorvoStreamClient {
 
-// A plain segment whose writer says how long it will wait, and can tell whether the reader has
-// taken everything.
-class StreamSegment : public SharedMemoryMacosx {
+// One end of a plain segment, whose writer says how long it will wait and can tell whether the
+// reader has taken everything. Thread-safe; one write or read at a time, others wait for it.
+class StreamSegment {
 public:
-    ~StreamSegment() override = default;
+    StreamSegment() = default;
+    ~StreamSegment() { Close(); }
+    StreamSegment(const StreamSegment&) = delete;
+    StreamSegment& operator=(const StreamSegment&) = delete;
 
-    // WriteData that gives up at `deadline`, or when a chunk has waited 2000 ms for the reader.
+    // As SharedMemoryI. Close ends a write or read on another thread.
+    bool Create(const std::string& name, unsigned int capacity);
+    bool Open(const std::string& name, unsigned int capacity);
+    shared_memory::OpenError openError();
+    void Close();
+
+    // Gives up at `deadline`, or when a chunk has waited 2000 ms for the reader; at most 20 ms
+    // later when another process holds the segment's mutex.
     bool write(const void* data, unsigned int length, Clock::time_point deadline);
+    // Waits up to `timeout` ms for a message. Empty, and `length` 0, when none came.
+    std::string ReadData(unsigned int& length, unsigned int timeout);
 
     // True while no chunk waits; also when the segment is closed.
     bool isDrained();
 
-protected:
-    unsigned int writeWait() const override;
-
 private:
-    VDIFrameworkCommon::LocalMutex m_writeMutex;
-    // Of the write under way.
-    std::atomic<Clock::time_point> m_deadline{Clock::time_point::max()};
+    shared_memory::SlotGate m_gate;
+    VDIFrameworkCommon::LocalMutex m_mutex;
+    shared_memory::SegmentSlot m_slot NORVO_GUARDED_BY(m_mutex){m_gate};
+    shared_memory::SlotWriter m_writer NORVO_GUARDED_BY(m_mutex){m_slot};
+    shared_memory::SlotReader m_reader NORVO_GUARDED_BY(m_mutex){m_slot};
 };
 
 }  // namespace NorvoStreamClient

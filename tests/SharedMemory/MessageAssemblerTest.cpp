@@ -10,6 +10,8 @@
 
 namespace {
 
+using shared_memory::ChunkHeader;
+using shared_memory::MessageAssembler;
 using Outcome = MessageAssembler::Outcome;
 constexpr std::uint32_t kCapacity = 8;
 constexpr char kSlot[] = "abcdefgh";
@@ -62,12 +64,45 @@ TEST(MessageAssemblerTest, RefusesLengthsThatCannotBeRight) {
     EXPECT_EQ(assembler.add({2, 2, 10, 3}, kSlot, kCapacity), Outcome::BadLength);
 }
 
+TEST(MessageAssemblerTest, AChunkThatIsTakenBackLeavesWhatWasThereBefore) {
+    MessageAssembler assembler;
+    ASSERT_EQ(assembler.add({2, 1, 16, 8}, kSlot, kCapacity), Outcome::Incomplete);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(assembler.add({2, 2, 16, 8}, kSlot, kCapacity), Outcome::Complete);
+        if (i == 0) assembler.retract();
+    }
+    EXPECT_EQ(assembler.take(), "abcdefghabcdefgh");
+    ASSERT_EQ(assembler.add({2, 1, 16, 8}, kSlot, kCapacity), Outcome::Incomplete);
+    assembler.retract();
+    EXPECT_FALSE(assembler.inProgress());
+}
+
+TEST(MessageAssemblerTest, WhatABrokenMessageTookIsGivenBackAndALongerOneThanAllowedIsRefused) {
+    constexpr std::uint32_t kChunk = 1 << 20;
+    constexpr std::uint32_t kTotal = 60 * kChunk;
+    const std::string slot(kChunk, 'x');
+    MessageAssembler assembler;
+    const long before = segmenttest::residentKiB();
+    for (std::uint32_t i = 1; i < 60; ++i)
+        ASSERT_EQ(assembler.add({60, i, kTotal, kChunk}, slot.data(), kChunk), Outcome::Incomplete);
+    if (!testsupport::kSanitized) {
+        EXPECT_GT(segmenttest::residentKiB() - before, 50 * 1024);
+    }
+    EXPECT_EQ(assembler.add({1, 1, 8, 8}, slot.data(), kChunk), Outcome::Complete);
+    EXPECT_EQ(assembler.take(), "xxxxxxxx");
+    if (!testsupport::kSanitized) {
+        EXPECT_LT(segmenttest::residentKiB() - before, 10 * 1024);
+    }
+    EXPECT_EQ(assembler.add({1024, 1, MessageAssembler::kLongest + 1, kChunk}, slot.data(), kChunk),
+              Outcome::BadLength);
+}
+
 TEST(MessageAssemblerTest, AnAnnouncedTotalTakesNoMemoryBeforeItArrives) {
     const std::string slot(65536, 'x');
     const segmenttest::PeakMemory memory;
     for (int i = 0; i < 50; ++i) {
         MessageAssembler assembler;
-        EXPECT_EQ(assembler.add({65536, 1, 0xffffffffU, 65536}, slot.data(), 65536),
+        EXPECT_EQ(assembler.add({65536, 1, MessageAssembler::kLongest, 65536}, slot.data(), 65536),
                   Outcome::Incomplete);
     }
     EXPECT_LT(memory.growth(), (testsupport::kSanitized ? 256 : 32) * 1024);

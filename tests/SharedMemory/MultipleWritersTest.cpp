@@ -108,23 +108,4 @@ TEST(MultipleWritersAcrossProcesses, MessagesOfTwoWritersNeverInterleave) {
     EXPECT_EQ(messages.wrong(), "");
 }
 
-TEST(MultipleWritersAcrossProcesses, WritingResumesAfterAWriterDiedWithTheLock) {
-    const std::string name = uniqueName();
-    Collector collector;
-    MultipleWritersOneReaderSM reader;
-    MultipleWritersOneReaderSM writer;
-    ASSERT_TRUE(reader.Open(name, 64));
-    reader.subscribeObserver(&collector);
-    ASSERT_TRUE(writer.Create(name, 64));
-    ChildProcess holder("segmentLockHolder", {name, "64"});
-    ASSERT_EQ(holder.readLine(), "locked");
-    const auto start = Clock::now();
-    holder.kill();
-    ASSERT_EQ(holder.wait(), 128 + SIGKILL);
-    EXPECT_TRUE(eventually([&] { return write(writer, "resumed"); }));
-    EXPECT_GE(since(start), milliseconds(1900));
-    EXPECT_LT(since(start), milliseconds(6000));
-    EXPECT_TRUE(collector.waitForCount(1));
-}
-
 }  // namespace

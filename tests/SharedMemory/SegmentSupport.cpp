@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <stdexcept>
 
 #include "PosixSharedMemory.h"
@@ -45,6 +46,13 @@ std::optional<Numbered> readNumbered(const std::string& message) {
     for (std::size_t i = kShortestNumbered; i < message.size(); ++i)
         if (message[i] != patternByte(id, i)) return std::nullopt;
     return id;
+}
+
+long residentKiB() {
+    long pages = 0;
+    long resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 RawSegment::RawSegment(const std::string& name)

@@ -23,6 +23,7 @@
 
 namespace segmenttest {
 
+using namespace shared_memory;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using testsupport::eventually;
@@ -79,6 +80,9 @@ private:
     }
     const long m_before = now();
 };
+
+// How much memory this process uses now.
+long residentKiB();
 
 // Checks numbered messages as they come: each undamaged, none twice, none missing within a source.
 class Checker : public SharedMemoryObserverI {

@@ -8,6 +8,7 @@
 #include "FakeAgent.h"
 #include "InfoSegments.h"
 #include "Rounds.h"
+#include "SegmentMapping.h"
 
 namespace {
 
@@ -50,11 +51,9 @@ TEST(RequestWriterTest, IsTakenByTheAgentThatLivesAndByNobodyElse) {
 
 TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     FakeAgent agent("RequestTest");
-    struct Slot : NorvoStreamClient::RequestSegment {
-        void takeWithoutWriting() { ExcangeWithLocking(&header()->lockWord2, 0); }
-    } slot;
-    ASSERT_TRUE(slot.Create(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
-    slot.takeWithoutWriting();
+    shared_memory::SegmentMapping slot;
+    ASSERT_TRUE(slot.open(kSegment, VDIFrameworkCommon::kInfoSegmentSize, false));
+    slot.header()->lockWord2 = 0;
     RequestWriter writer(kSegment);
     EXPECT_TRUE(writer.send("after all", Clock::now() + 20s));
     EXPECT_TRUE(agent.waitFor("after all"));

@@ -4,13 +4,16 @@
 #include <new>
 #include <utility>
 
+namespace shared_memory {
+
 namespace {
 
 constexpr std::uint32_t kReservedAtOnce = 64U << 20U;
 
 bool isPlausibleStart(const ChunkHeader& chunk, std::uint32_t capacity) {
     const std::uint64_t room = std::uint64_t{chunk.count} * capacity;
-    return chunk.count >= 1 && chunk.total <= room && chunk.count <= std::max(chunk.total, 1U);
+    return chunk.count >= 1 && chunk.total <= MessageAssembler::kLongest && chunk.total <= room &&
+           chunk.count <= std::max(chunk.total, 1U);
 }
 
 }  // namespace
@@ -22,6 +25,8 @@ MessageAssembler::Outcome MessageAssembler::add(const ChunkHeader& chunk, const 
     } else if (!inProgress() || chunk.index != m_nextIndex || chunk.count != m_count) {
         return refuse(Outcome::Stray);
     }
+    m_sizeBefore = m_message.size();
+    m_nextIndexBefore = m_nextIndex;
     if (chunk.length > capacity || chunk.length > m_total - m_message.size()) {
         return refuse(Outcome::BadLength);
     }
@@ -58,10 +63,24 @@ std::string MessageAssembler::take() {
 
 void MessageAssembler::drop() {
     m_nextIndex = 1;
-    m_message = {};
+    m_sizeBefore = 0;
+    m_nextIndexBefore = 1;
+    // Assigning an empty one would keep the memory.
+    std::string().swap(m_message);
+}
+
+void MessageAssembler::retract() {
+    if (m_sizeBefore == 0) {
+        drop();
+        return;
+    }
+    m_message.resize(m_sizeBefore);
+    m_nextIndex = m_nextIndexBefore;
 }
 
 MessageAssembler::Outcome MessageAssembler::refuse(Outcome outcome) {
     drop();
     return outcome;
 }
+
+}  // namespace shared_memory

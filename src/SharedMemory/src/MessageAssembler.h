@@ -1,9 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "SharedMemoryLayout.h"
+
+namespace shared_memory {
 
 // Joins the chunks of one message. Trusts nothing in a chunk header: no byte outside the data area
 // is read, and memory beyond 64 MiB is only taken as bytes arrive. Not thread-safe.
@@ -23,7 +26,14 @@ public:
     bool inProgress() const { return m_nextIndex > 1; }
     // The complete message.
     std::string take();
+    // Gives back the memory, too.
     void drop();
+    // Takes the chunk added last out again: what it was copied from has changed meanwhile. What it
+    // has replaced or refused does not come back.
+    void retract();
+
+    // The longest message, in bytes. A longer one is refused at both ends.
+    static constexpr std::uint32_t kLongest = 512U << 20U;
 
 private:
     bool begin(const ChunkHeader& chunk, std::uint32_t capacity);
@@ -33,4 +43,9 @@ private:
     std::uint32_t m_total = 0;
     std::uint32_t m_count = 0;
     std::uint32_t m_nextIndex = 1;
+    // Before the chunk added last.
+    std::size_t m_sizeBefore = 0;
+    std::uint32_t m_nextIndexBefore = 1;
 };
+
+}  // namespace shared_memory

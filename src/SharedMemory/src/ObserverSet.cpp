@@ -3,6 +3,8 @@
 #include <iterator>
 #include <utility>
 
+namespace shared_memory {
+
 using VDIFrameworkCommon::LocalLock;
 
 void ObserverSet::insert(SharedMemoryObserverI* observer) {
@@ -53,3 +55,5 @@ void ObserverSet::endCall() {
     m_called = nullptr;
     m_callEnded.notify_all();
 }
+
+}  // namespace shared_memory

@@ -8,6 +8,8 @@
 #include "LocalMutex.h"
 #include "SharedMemoryI.h"
 
+namespace shared_memory {
+
 // The observers of one segment, not owned, each held once. Thread-safe. No lock is held while an
 // observer is called, so it may change the set from inside the call.
 class ObserverSet {
@@ -37,3 +39,5 @@ private:
     std::thread::id m_caller NORVO_GUARDED_BY(m_mutex);
     std::atomic<bool> m_empty{true};
 };
+
+}  // namespace shared_memory

@@ -8,7 +8,7 @@ namespace shared_memory {
 using VDIFrameworkCommon::NamedObject;
 using VDIFrameworkCommon::ProcessIdentity;
 
-static_assert(sizeof(RegistryEntry) * SegmentRegistry::kEntries == NamedObject::kAreaSize);
+static_assert(sizeof(RegistryEntry) * SegmentRegistry::kEntries <= NamedObject::kAreaSize);
 
 SegmentRegistry::~SegmentRegistry() { close(); }
 
@@ -43,6 +43,7 @@ void SegmentRegistry::enter(Role role) {
         entry.role = static_cast<std::uint32_t>(role);
         entry.lastSeenId = 0;
         entry.countedAfterId = 0;
+        entry.since = 0;
         entry.isInside = 0;
         m_own = &entry;
         return;
@@ -60,11 +61,16 @@ bool SegmentRegistry::isGone(const RegistryEntry& entry) {
     return ProcessIdentity::isGone(entry.process.load());
 }
 
+bool SegmentRegistry::has(Role role) {
+    bool found = false;
+    forEachOther([&](const RegistryEntry& entry) { found = found || entry.is(role); });
+    return found;
+}
+
 bool SegmentRegistry::hasLiving(Role role) {
     bool found = false;
-    forEachOther([&](const RegistryEntry& entry) {
-        found = found || (entry.role.load() == static_cast<std::uint32_t>(role) && !isGone(entry));
-    });
+    forEachOther(
+        [&](const RegistryEntry& entry) { found = found || (entry.is(role) && !isGone(entry)); });
     return found;
 }
 

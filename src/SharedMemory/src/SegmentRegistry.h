@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "ProcessIdentity.h"
 
@@ -18,17 +19,23 @@ namespace shared_memory {
 // segment's mutex, by the process that it names, or by others once that one is gone. Nothing read
 // from here is trusted.
 struct RegistryEntry {
+    enum class Role : std::uint32_t { Writer = 1, Reader = 2 };
+    bool is(Role which) const { return role.load() == static_cast<std::uint32_t>(which); }
+
     // The process; 0 while the entry is free.
     std::atomic<VDIFrameworkCommon::ProcessIdentity::Word> process;
-    // Broadcast readers only: the ID of the last message seen, and the one after which the reader
+    // A broadcast's reader: the ID of the last message seen, and the one after which the reader
     // counted itself as ready.
     std::atomic<long> lastSeenId;
     std::atomic<long> countedAfterId;
+    // A broadcast's reader: the last message ID when it opened. One of several writers: what it has
+    // put into the lock word, 0 while it does not hold the lock.
+    std::atomic<long> since;
     std::atomic<std::uint32_t> role;
-    // Broadcast readers only: 1 while the reader is counted among those inside a read.
+    // A broadcast's reader: 1 while it is counted among those inside a read.
     std::atomic<std::uint32_t> isInside;
 };
-static_assert(sizeof(RegistryEntry) == 32);
+static_assert(sizeof(RegistryEntry) == 40);
 
 // Who has a segment open: a small named object beside the segment, so that one end can tell whether
 // another that does not answer still lives. An end that is not ours does not enter itself. Without
@@ -36,8 +43,8 @@ static_assert(sizeof(RegistryEntry) == 32);
 // held.
 class SegmentRegistry {
 public:
-    enum class Role : std::uint32_t { Writer = 1, Reader = 2 };
-    static constexpr std::size_t kEntries = 504;
+    using Role = RegistryEntry::Role;
+    static constexpr std::size_t kEntries = 403;
 
     SegmentRegistry() = default;
     ~SegmentRegistry();
@@ -63,13 +70,14 @@ public:
         bool any = false;
         forEachOther([&](RegistryEntry& entry) {
             if (!isGone(entry)) return;
-            forget(entry);
+            forget(std::as_const(entry));
             entry.process = 0;
             any = true;
         });
         return any;
     }
-    // Whether some end in that role, not this one, is open in a living process.
+    // Whether some end in that role, not this one, is entered; and in a living process.
+    bool has(Role role);
     bool hasLiving(Role role);
     bool hasLivingProcess(bool exceptOwn);
     // Calls `action` with each entry in use that is not this end's.

@@ -1,40 +1,33 @@
 #include "SharedMemoryBase.h"
 
-#include <algorithm>
-#include <chrono>
+#include <cstring>
+#include <new>
 
 #include "Log.h"
 
 NORVO_LOG_SOURCE("src/SharedMemory/src/SharedMemoryBase")
 
+namespace shared_memory {
+
+using std::chrono::milliseconds;
 using VDIFrameworkCommon::LocalLock;
-using VDIFrameworkCommon::NamedCondition;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// A wait is cut into pieces this long, so that a stop that came just before it is seen soon.
-constexpr unsigned int kWaitSliceMs = 200;
-
-// Wraps: the IDs in a segment may be anything.
-long distance(long from, long to) {
-    return static_cast<long>(static_cast<unsigned long>(to) - static_cast<unsigned long>(from));
-}
-
-unsigned int millisecondsUntil(Clock::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    return static_cast<unsigned int>(std::max<std::chrono::milliseconds::rep>(0, left.count()));
-}
+constexpr unsigned int kReadWaitMs = 200;
+// A living writer gives a message up when a chunk of it has waited this long.
+constexpr milliseconds kLongestSilence{2000};
 
 }  // namespace
 
-SharedMemoryBase::SharedMemoryBase() : m_controller(SharedMemoryRWController::getInstance()) {}
-
-SharedMemoryBase::~SharedMemoryBase() { stopReadThread(); }
+SharedMemoryBase::SharedMemoryBase()
+    : m_controller(SharedMemoryRWController::getInstance()),
+      m_readThread(*this, m_gate,
+                   {[this] { return isOpen() && mayOperate(Mode::Reader); },
+                    [this] { return readForObservers(); }}) {}
 
 unsigned int SharedMemoryBase::CalculateSharedMemorySize(unsigned int capacity) {
-    return capacity + static_cast<unsigned int>(sizeof(SharedMemoryHeader));
+    return SegmentMapping::sizeFor(capacity);
 }
 
 bool SharedMemoryBase::Create(const std::string& name, unsigned int size) {
@@ -46,135 +39,23 @@ bool SharedMemoryBase::Open(const std::string& name, unsigned int size) {
 }
 
 bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mode) {
-    if (m_open) {
+    if (isOpen()) {
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
         return false;
     }
     LocalLock operation(m_operationLock);
-    LocalLock wait(m_waitLock);
-    {
-        LocalLock naming(m_nameLock);
-        m_name = name;
-        m_openError = {shared_memory::OpenFailure::SystemError, 0, 0, -1};
-    }
-    if (!createSynchronization(mode)) return false;
-    m_writeCondition.notify();
+    if (!m_slot.isMapped()) m_mode = mode;
     const bool ready = CreateOrOpen(name, size, true);
-    if (ready) start(mode);
-    if (ready) enterRegistry(mode);
-    m_mutex.unlock();
-    if (!ready) return false;
-    if (mode == Mode::Reader) m_writeCondition.notify();
-    m_controller->start();
-    return true;
+    LocalLock naming(m_nameLock);
+    m_openError = m_slot.error();
+    m_name = m_slot.name();
+    if (ready) m_controller->start();
+    return ready;
 }
 
-void SharedMemoryBase::enterRegistry(Mode mode) {
-    using shared_memory::SegmentRegistry;
-    if (!m_registry.open(m_name)) return;
-    m_registry.removeGone([](const auto&) {});
-    m_registry.enter(mode == Mode::Writer ? SegmentRegistry::Role::Writer
-                                          : SegmentRegistry::Role::Reader);
-}
-
-void SharedMemoryBase::start(Mode mode) {
-    MapSMAreaPointers();
-    m_mode = mode;
-    m_restIsClear = false;
-    m_assembler.drop();
-    logLockTaken();
-    if (mode == Mode::Writer) {
-        startWriting();
-    } else {
-        startReading();
-    }
-}
-
-void SharedMemoryBase::ResetSynchronizationID() {
-    m_header->newMessageId = 0;
-    m_header->readMessageId = 0;
-}
-
-void SharedMemoryBase::startWriting() { ResetSynchronizationID(); }
-
-void SharedMemoryBase::startReading() { m_header->readMessageId = m_header->newMessageId.load(); }
-
-// With the mutex locked at the end.
-bool SharedMemoryBase::createSynchronization(Mode mode) {
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        if (!createObjects(mode) || !lockNamedMutex()) return false;
-        // Whoever removed the segment held the mutex, and it is gone, too.
-        if (m_mutex.isCurrent()) return true;
-        m_mutex.unlock();
-    }
-    return false;
-}
-
-bool SharedMemoryBase::createObjects(Mode mode) {
-    const std::string object = kSegmentObjectPrefix + m_name;
-    if (!m_mutex.create(object.c_str())) {
-        NORVO_LOG(Error, "CreateMutex for shared memory start failed, stream: ", m_name);
-        return false;
-    }
-    NORVO_LOG(Info, "CreateMutex for shared memory start ",
-              mode == Mode::Writer ? "succeed" : "Suceded", ", stream: ", m_name);
-    m_mutex.unlock();
-    if (!m_readCondition.create((object + kReadConditionSuffix).c_str())) {
-        NORVO_LOG(Error,
-                  "Create condition for reading shared memory start failed, stream: ", m_name);
-        return false;
-    }
-    NORVO_LOG(Info, "Create condition for reading shared memory start succeed, stream: ", m_name);
-    if (!m_writeCondition.create((object + kWriteConditionSuffix).c_str())) {
-        NORVO_LOG(Error,
-                  "Create condition for writing to  shared memory start failed, stream: ", m_name);
-        return false;
-    }
-    NORVO_LOG(Info, "Create condition for writing shared memory start succeed, stream: ", m_name);
-    return true;
-}
-
-void SharedMemoryBase::mapped(void* address, unsigned int capacity) {
-    m_address = address;
-    m_capacity = capacity;
-    m_open = true;
-}
-
-void SharedMemoryBase::MapSMAreaPointers() {
-    m_header = static_cast<SharedMemoryHeader*>(m_address);
-    m_data = static_cast<char*>(m_address) + sizeof(SharedMemoryHeader);
-}
-
-bool SharedMemoryBase::Close() {
-    if (isOnReadThread()) {
-        logIllegalOperation();
-        return false;
-    }
-    stopReadThread();
-    if (!m_open.exchange(false)) {
-        logIllegalOperation();
-        return false;
-    }
-    m_readCondition.notify();
-    m_writeCondition.notify();
-    LocalLock operation(m_operationLock);
-    LocalLock wait(m_waitLock);
-    dropPartialMessage();
-    leave();
-    m_registry.close();
-    m_header = nullptr;
-    m_data = nullptr;
-    return CloseSharedMemory();
-}
-
-shared_memory::OpenError SharedMemoryBase::openError() {
+OpenError SharedMemoryBase::openError() {
     LocalLock naming(m_nameLock);
     return m_openError;
-}
-
-void SharedMemoryBase::setOpenError(const shared_memory::OpenError& error) {
-    LocalLock naming(m_nameLock);
-    m_openError = error;
 }
 
 std::string SharedMemoryBase::getName() {
@@ -182,98 +63,123 @@ std::string SharedMemoryBase::getName() {
     return m_name;
 }
 
-bool SharedMemoryBase::mayOperate(Mode mode) {
-    if (m_open && m_mode == mode) return true;
-    logIllegalOperation();
-    return false;
+bool SharedMemoryBase::Close() {
+    const bool isInside = m_readThread.isCurrent();
+    if (!isInside) m_readThread.stop();
+    if (isInside || !m_gate.close()) {
+        logIllegalOperation();
+        return false;
+    }
+    LocalLock operation(m_operationLock);
+    return CloseSharedMemory();
 }
 
-void SharedMemoryBase::logIllegalOperation() { NORVO_LOG(Warning, "Illegal operation!", m_name); }
-
-bool SharedMemoryBase::lockNamedMutex() {
-    if (m_mutex.lock()) return true;
-    NORVO_LOG(Error, "Error: Locking named mutex timedout, stream: ", m_name);
-    return false;
+bool SharedMemoryBase::WriteData(const void* data, const unsigned int& length) {
+    // A reader holds the operation lock while it waits.
+    if (mode() == Mode::Reader) {
+        logIllegalOperation();
+        return false;
+    }
+    LocalLock operation(m_operationLock);
+    return mayWrite(data) && writeMessage(data, length);
 }
 
-void SharedMemoryBase::logLockTaken() {
-    NORVO_LOG(Trace,
-              "Lock on named mutex has happened, someone has read the shared memory, so we can "
-              "write, stream: ",
-              m_name);
+bool SharedMemoryBase::mayWrite(const void* data) {
+    if (!follow(m_controller->canWrite(), m_lastCanWrite, "Canwrite") ||
+        !mayOperate(Mode::Writer)) {
+        return false;
+    }
+    if (!data) NORVO_LOG(Warning, "Null data pointer!", m_slot.name());
+    return data != nullptr;
 }
 
-bool SharedMemoryBase::SetNewMessageID() {
-    if (!m_header || !lockNamedMutex()) return false;
-    m_header->newMessageId.fetch_add(1);
-    m_mutex.unlock();
-    m_readCondition.notify();
+bool SharedMemoryBase::writeMessage(const void* data, unsigned int length) {
+    return m_writer.write(data, length);
+}
+
+std::string SharedMemoryBase::ReadData(unsigned int& length, unsigned int timeout) {
+    std::string message;
+    length = 0;
+    if (!isOpen() || !mayOperate(Mode::Reader)) return message;
+    LocalLock operation(m_operationLock);
+    if (m_gate.isPassable()) message = readMessage(timeout);
+    length = static_cast<unsigned int>(message.size());
+    return message;
+}
+
+std::string SharedMemoryBase::readMessage(unsigned int timeout) {
+    if (!m_reader.wait(Clock::now() + milliseconds(timeout))) return {};
+    return m_reader.take(milliseconds(timeout));
+}
+
+bool SharedMemoryBase::ReadData(void** data, unsigned int& length) {
+    if (!mayOperate(Mode::Reader)) return false;
+    length = 0;
+    *data = nullptr;
+    std::string message;
+    {
+        LocalLock operation(m_operationLock);
+        if (m_gate.isPassable()) message = takeMessage();
+    }
+    if (message.empty()) return false;
+    auto* bytes = new (std::nothrow) char[message.size()];
+    if (!bytes) return false;
+    std::memcpy(bytes, message.data(), message.size());
+    *data = bytes;
+    length = static_cast<unsigned int>(message.size());
     return true;
 }
 
-// A writer that is set up resets the IDs without waiting for the reader, and may write while the
-// reader still copies: what it wrote is left to be read.
-bool SharedMemoryBase::SetReadMessageID() {
-    if (!m_header || !lockNamedMutex()) return false;
-    logLockTaken();
-    const bool unchanged = m_header->newMessageId == m_unreadId;
-    if (unchanged) m_header->readMessageId = m_unreadId;
-    m_mutex.unlock();
-    m_writeCondition.notify();
-    return unchanged;
-}
+std::string SharedMemoryBase::takeMessage() { return m_reader.takeNow(kLongestSilence); }
 
 bool SharedMemoryBase::NewMessage(bool /*update*/) {
-    if (!m_header || !m_open || !lockNamedMutex()) return false;
-    logLockTaken();
-    const bool unread = isUnread();
-    m_mutex.unlock();
-    return unread;
+    const SegmentSlot::Section section(m_slot);
+    return section && m_slot.isMapped() && m_slot.isUnread();
 }
 
-bool SharedMemoryBase::isUnread() {
-    const long newId = m_header->newMessageId;
-    const long ahead = distance(m_header->readMessageId, newId);
-    if (ahead < 0) {
-        // Neither readable nor writable: only a misbehaving process leaves this behind.
-        NORVO_LOG(Warning, "Message IDs went backwards, stream: ", m_name);
-        m_header->readMessageId = newId;
-        m_writeCondition.notify();
+SlotEnd& SharedMemoryBase::end(Mode mode) {
+    if (mode == Mode::Writer) return m_writer;
+    return m_reader;
+}
+
+void SharedMemoryBase::subscribeObserver(SharedMemoryObserverI* observer) {
+    m_readThread.subscribe(observer);
+}
+
+void SharedMemoryBase::unsubscribeObserver(SharedMemoryObserverI* observer) {
+    NORVO_LOG(Info, "Unsubscribe observer start, stream: ", getName());
+    m_readThread.unsubscribe(observer);
+    NORVO_LOG(Info, "Unsubscribe observer stop, stream: ", getName());
+}
+
+void SharedMemoryBase::unsubscribeAllObservers() { m_readThread.unsubscribeAll(); }
+
+std::string SharedMemoryBase::readForObservers() {
+    if (!follow(m_controller->canRead(), m_lastCanRead, "Canread")) {
+        m_readThread.pause(kReadWaitMs);
+        return {};
     }
-    if (ahead > 0) m_unreadId = newId;
-    return ahead > 0;
+    LocalLock operation(m_operationLock);
+    if (!m_gate.isPassable()) return {};
+    return readMessage(kReadWaitMs);
 }
 
-bool SharedMemoryBase::WaitWritable(unsigned int timeout) {
-    LocalLock wait(m_waitLock);
-    return waitFor(m_writeCondition, timeout,
-                   [this] { return m_header->newMessageId == m_header->readMessageId; });
-}
-
-bool SharedMemoryBase::WaitForData(unsigned int timeout) {
-    LocalLock wait(m_waitLock);
-    return waitForChunk(timeout);
-}
-
-bool SharedMemoryBase::waitForChunk(unsigned int timeout) {
-    return waitFor(m_readCondition, timeout, [this] { return isUnread(); });
-}
-
-template <class Test>
-bool SharedMemoryBase::waitFor(NamedCondition& condition, unsigned int timeout, Test test) {
-    if (!m_header || !m_open || !lockNamedMutex()) return false;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout);
-    unsigned int left = timeout;
-    bool met = false;
-    for (bool over = false; !met && !over;) {
-        const bool notified = condition.timed_wait(m_mutex, std::min(left, kWaitSliceMs));
-        if (!m_open || isReadingStopped()) break;
-        met = notified && test();
-        if (met) break;
-        left = millisecondsUntil(deadline);
-        over = left == 0;
-        if (over) met = test();
+bool SharedMemoryBase::follow(bool allowed, bool& last, const char* flag) {
+    if (allowed != last) {
+        NORVO_LOG(Notice, flag, " flag turns to ", allowed ? "true" : "false", ": ", getName());
     }
-    m_mutex.unlock();
-    return met;
+    last = allowed;
+    return allowed;
 }
+
+bool SharedMemoryBase::mayOperate(Mode mode) {
+    const bool may = isOpen() && m_mode == mode;
+    if (!may) logIllegalOperation();
+    return may;
+}
+
+void SharedMemoryBase::logIllegalOperation() {
+    NORVO_LOG(Warning, "Illegal operation!", getName());
+}
+
+}  // namespace shared_memory

@@ -4,6 +4,8 @@
 #include "SharedMemoryBroadcast.h"
 #include "SharedMemoryMacosx.h"
 
+namespace shared_memory {
+
 std::shared_ptr<SharedMemoryI> getSharedMemoryInstance(ESharedMemoryType type) {
     switch (type) {
         case ESharedMemoryType::Plain:
@@ -15,3 +17,5 @@ std::shared_ptr<SharedMemoryI> getSharedMemoryInstance(ESharedMemoryType type) {
     }
     return nullptr;
 }
+
+}  // namespace shared_memory

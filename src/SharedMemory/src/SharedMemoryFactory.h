@@ -4,6 +4,8 @@
 
 #include "SharedMemoryI.h"
 
+namespace shared_memory {
+
 enum class ESharedMemoryType : int {
     Plain = 0,                     // one writer, one reader
     Broadcast = 1,                 // one writer, every reader sees every message
@@ -12,3 +14,8 @@ enum class ESharedMemoryType : int {
 
 // A segment that is not set up yet. Empty for a value that is not one of the above.
 std::shared_ptr<SharedMemoryI> getSharedMemoryInstance(ESharedMemoryType type);
+
+}  // namespace shared_memory
+
+using shared_memory::ESharedMemoryType;
+using shared_memory::getSharedMemoryInstance;

@@ -5,6 +5,8 @@
 
 #include "OpenFailure.h"
 
+namespace shared_memory {
+
 class SharedMemoryI;
 
 // Gets the messages of a segment that it is subscribed to.
@@ -28,7 +30,7 @@ public:
     // Sets up as the reader; makes the segment when there is none. A waiting chunk is dropped.
     virtual bool Open(const std::string& name, unsigned int size) = 0;
     // Why the last Create or Open failed; OpenFailure::None when it did not.
-    virtual shared_memory::OpenError openError() { return {}; }
+    virtual OpenError openError() { return {}; }
     // Ends the read thread and unmaps. The object stays in the system for the other end.
     virtual bool Close() = 0;
     virtual std::string getName() = 0;
@@ -50,3 +52,8 @@ public:
     // caller deletes.
     virtual bool ReadData(void** data, unsigned int& length) = 0;
 };
+
+}  // namespace shared_memory
+
+using shared_memory::SharedMemoryI;
+using shared_memory::SharedMemoryObserverI;

@@ -23,6 +23,8 @@
 #include <cstdint>
 #include <type_traits>
 
+namespace shared_memory {
+
 // With the segment's name behind it, what the names of its mutex and its conditions begin with.
 inline constexpr char kSegmentObjectPrefix[] = "ED992248_";
 inline constexpr char kReadConditionSuffix[] = "_read_condition";
@@ -75,3 +77,8 @@ struct ChunkHeader {
         header.chunkLength.store(length, order);
     }
 };
+
+}  // namespace shared_memory
+
+using shared_memory::ChunkHeader;
+using shared_memory::SharedMemoryHeader;

@@ -4,6 +4,8 @@
 
 #include "LocalMutex.h"
 
+namespace shared_memory {
+
 using VDIFrameworkCommon::LocalLock;
 using VDIFrameworkCommon::LocalMutex;
 
@@ -79,3 +81,5 @@ bool SharedMemoryRWController::markCurrentVirtualChannelAgentAsActive() {
 void SharedMemoryRWController::clearActiveVirtualChannelAgent() {
     m_recorder.clearActiveVirtualChannelAgent();
 }
+
+}  // namespace shared_memory

@@ -8,6 +8,8 @@
 #include "Event.h"
 #include "LocalMutex.h"
 
+namespace shared_memory {
+
 // Decides whether the segments of this process may read and write: not while another process is the
 // active agent. One per process, made on first use and never destroyed, so that threads still
 // running at process exit may ask it. Thread-safe.
@@ -49,3 +51,7 @@ private:
     // A thread does not survive a fork: only the process that started it may join it.
     long m_checkerProcess NORVO_GUARDED_BY(m_threadMutex) = 0;
 };
+
+}  // namespace shared_memory
+
+using shared_memory::SharedMemoryRWController;

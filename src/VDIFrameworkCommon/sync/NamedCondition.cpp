@@ -19,6 +19,7 @@ using Identity = ProcessIdentity::Word;
 // A notifier may be killed between its count and its wake-up; a sleeper finds out after this time.
 constexpr std::chrono::milliseconds kSlice{250};
 constexpr int kLooksPerClockRead = 8;
+constexpr std::uint32_t kMostCpus = 1U << 20U;
 
 bool isLivingOther(Identity notifier) {
     return notifier != 0 && notifier != ProcessIdentity::own() &&
@@ -50,6 +51,13 @@ void rememberNotifier(NamedObjectWords& words) {
 
 std::int64_t nanosecondsNow() {
     return std::chrono::nanoseconds(WaitClock::now().time_since_epoch()).count();
+}
+
+// The word may hold anything: what cannot be a wake-up of this moment tells nothing.
+AdaptiveSpin::Duration sinceWoken(std::int64_t wokenAt, WaitClock::time_point now) {
+    const auto sinceEpoch = std::chrono::nanoseconds(now.time_since_epoch()).count();
+    if (wokenAt < 0 || wokenAt > sinceEpoch) return AdaptiveSpin::Duration::zero();
+    return std::chrono::nanoseconds(sinceEpoch - wokenAt);
 }
 
 void raise(std::atomic<std::uint64_t>& word, std::uint64_t value) {
@@ -89,7 +97,12 @@ bool NamedCondition::create(const char* name) {
     return true;
 }
 
-bool NamedCondition::timed_wait(NamedMutex& mutex, unsigned int milliseconds) {
+std::uint64_t NamedCondition::count() const {
+    return m_object ? m_object->words().sequence.load() : 0;
+}
+
+bool NamedCondition::timed_wait(NamedMutex& mutex, unsigned int milliseconds,
+                                std::chrono::milliseconds relock) {
     if (!m_object) return false;
     NamedObjectWords& words = m_object->words();
     const std::uint64_t seen = words.sequence.load();
@@ -104,7 +117,7 @@ bool NamedCondition::timed_wait(NamedMutex& mutex, unsigned int milliseconds) {
         m_seen.store(words.sequence.load(), std::memory_order_relaxed);
         rememberPeer();
     }
-    if (mutex.lock()) return notified;
+    if (mutex.lockFor(relock)) return notified;
     NORVO_LOG(Warning, "Mutex not free again after a wait on condition ", m_object->name());
     return false;
 }
@@ -122,7 +135,7 @@ bool NamedCondition::waitPast(std::uint64_t seen, unsigned int milliseconds) {
     }
     const auto end = WaitClock::now();
     const auto wokenAt = words.wokenAt.load(std::memory_order_relaxed);
-    m_spin.notified(end - start, end.time_since_epoch() - AdaptiveSpin::Duration(wokenAt));
+    m_spin.notified(end - start, sinceWoken(wokenAt, end));
     return true;
 }
 
@@ -140,10 +153,12 @@ bool NamedCondition::spinPast(std::uint64_t seen, WaitClock::time_point start) c
     return false;
 }
 
-// Where the last notifier ran, at a moment when that was another than this handle.
+// Where the last notifier ran, at a moment when that was another than this handle. The word may
+// hold anything.
 void NamedCondition::rememberPeer() {
     const auto cpu = m_object->words().notifierCpu.load(std::memory_order_relaxed);
-    m_peerCpu.store(static_cast<int>(cpu) - 1, std::memory_order_relaxed);
+    const bool isKnown = cpu > 0 && cpu <= kMostCpus;
+    m_peerCpu.store(isKnown ? static_cast<int>(cpu) - 1 : -1, std::memory_order_relaxed);
 }
 
 void NamedCondition::notify() {

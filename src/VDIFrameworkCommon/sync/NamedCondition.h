@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -34,12 +35,16 @@ public:
     // Called with `mutex` locked by the caller: releases it, waits until another handle has
     // notified or `milliseconds` have passed, and locks it again. True when notified. The state the
     // caller waits for must be tested again in either case. False also when the mutex could not be
-    // locked again (NamedMutex::lock), and at once on a handle that was never created. A thread
-    // that waits already is woken by a notification through its own handle too.
-    bool timed_wait(NamedMutex& mutex, unsigned int milliseconds);
+    // locked again within `relock` (ask NamedMutex::owns), and at once on a handle that was never
+    // created. A thread that waits already is woken by a notification through its own handle too.
+    bool timed_wait(NamedMutex& mutex, unsigned int milliseconds,
+                    std::chrono::milliseconds relock = std::chrono::milliseconds(2000));
 
     // Wakes every waiter of this name in every process. Needs no lock.
     void notify();
+
+    // How many notifications there have been, by anyone; wraps. 0 on a handle never created.
+    std::uint64_t count() const;
 
 private:
     bool waitPast(std::uint64_t seen, unsigned int milliseconds);

@@ -6,6 +6,8 @@
 
 NORVO_LOG_SOURCE("src/SharedMemory/src/Macosx/SharedMemoryMacosx")
 
+namespace shared_memory {
+
 SharedMemoryMacosx::~SharedMemoryMacosx() {
     if (isOpen()) SharedMemoryMacosx::Close();
 }
@@ -27,18 +29,9 @@ long SharedMemoryMacosx::ExcangeWithLocking(SharedWord* target, long value) {
 
 bool SharedMemoryMacosx::CreateOrOpen(const std::string& name, unsigned int size,
                                       bool bTryToCreate) {
-    if (isOpen()) {
-        NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
-        return false;
-    }
-    const bool isMapped = m_mapping.open(name, size, bTryToCreate);
-    setOpenError(m_mapping.error());
-    if (isMapped) mapped(m_mapping.header(), size);
-    return isMapped;
+    return m_slot.open(name, size, bTryToCreate, end(mode()));
 }
 
-bool SharedMemoryMacosx::CloseSharedMemory() {
-    if (!m_mapping.close()) return false;
-    NORVO_LOG(Info, "Shared Memory closed.", m_name);
-    return true;
-}
+bool SharedMemoryMacosx::CloseSharedMemory() { return m_slot.close(); }
+
+}  // namespace shared_memory

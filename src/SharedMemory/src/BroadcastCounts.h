@@ -1,0 +1,73 @@
+#pragma once
+
+#include "SegmentRegistry.h"
+#include "SharedMemoryLayout.h"
+
+namespace shared_memory {
+
+// How the ends of a broadcast slot count its readers, in words that the segment has for it.
+//
+// Offset 8 counts the readers that are ready for the next message: a reader adds 1 when it opens
+// and when it has taken a message; the writer remembers the count, zeroes it with each message, and
+// writes the next one when as many have taken it. To keep a reader that opens from being counted as
+// one that has taken the message, a reader also adds 1 to the chunk index when it opens, and one
+// that closes takes itself out of both words again. The writer sets the index to 1 with each
+// message, so the chunk index is 1 plus the readers that came minus those that left since the
+// message was written. An end that does not do so is counted by offset 8 alone. Offset 24 counts
+// the readers inside a read.
+//
+// All but the looks: with the segment's mutex held.
+class BroadcastCounts {
+public:
+    explicit BroadcastCounts(SharedMemoryHeader& header) : m_header(header) {}
+
+    unsigned int ready() const { return static_cast<unsigned int>(m_header.lockWord2.load()); }
+    // How many have taken the message in the slot. A reader changes two words one after the other:
+    // without the mutex the result may be one too low, and never one too high.
+    unsigned int taken() const {
+        const unsigned int ready = this->ready();
+        return ready - (m_header.chunkIndex.load() - 1);
+    }
+    long inside() const { return m_header.readMessageId.load(); }
+
+    void addReady() { m_header.lockWord2.fetch_add(1); }
+    void addOneThatCame() {
+        m_header.chunkIndex.fetch_add(1);
+        m_header.lockWord2.fetch_add(1);
+    }
+    // A reader leaves that counted itself as ready after the message `countedAfterId`.
+    void remove(long countedAfterId) {
+        const long current = m_header.newMessageId;
+        const bool isReady = countedAfterId == current;
+        if (isReady) m_header.lockWord2.fetch_sub(1);
+        if (isReady || countedAfterId == idBefore(current)) m_header.chunkIndex.fetch_sub(1);
+    }
+    // Takes back what an end whose process is gone has left: a reader's counts, a writer's lock.
+    void remove(const RegistryEntry& gone) {
+        if (!gone.is(SegmentRegistry::Role::Reader)) {
+            m_header.writerLockCount = 0;
+            return;
+        }
+        remove(gone.countedAfterId.load());
+        if (gone.isInside.load() == 1) removeInside();
+    }
+
+    // May be called without the mutex.
+    void addInside() { m_header.readMessageId.fetch_add(1); }
+    // Not below 0: a writer that gave up waiting may have set it to 0 meanwhile.
+    void removeInside() {
+        long count = m_header.readMessageId;
+        while (count > 0 && !m_header.readMessageId.compare_exchange_weak(count, count - 1)) {
+        }
+    }
+    // Takes those inside for dead.
+    void clearInside() { m_header.readMessageId.exchange(0); }
+
+    // Wraps: the IDs in a segment may be anything.
+    static long idBefore(long id) { return static_cast<long>(static_cast<unsigned long>(id) - 1); }
+
+private:
+    SharedMemoryHeader& m_header;
+};
+
+}  // namespace shared_memory

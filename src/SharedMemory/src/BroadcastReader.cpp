@@ -1,0 +1,169 @@
+#include "BroadcastReader.h"
+
+#include <algorithm>
+#include <new>
+
+#include "BroadcastCounts.h"
+#include "Log.h"
+#include "SharedMemoryUtilities.h"
+
+NORVO_LOG_SOURCE("src/SharedMemory/src/BroadcastReader")
+
+namespace shared_memory {
+
+namespace {
+
+// A copy that its writer touches is made again, 1 ms later.
+constexpr int kCopies = 20;
+
+}  // namespace
+
+// A writer that was set up anew has an ID of 0 until a reader puts the one that it has seen back:
+// whoever opens meanwhile has missed the same messages as that reader.
+void BroadcastReader::begin(bool isRenewed) {
+    const long current = m_slot.header().newMessageId;
+    remember(isRenewed ? 0 : std::max(current, lastSeenByOthers()));
+    if (auto* own = m_slot.registry().own()) own->since = m_lastSeenId;
+    countAsOneThatCame();
+}
+
+long BroadcastReader::lastSeenByOthers() {
+    long last = 0;
+    m_slot.registry().forEachOther([&](const RegistryEntry& entry) {
+        if (entry.is(SegmentRegistry::Role::Reader)) last = std::max(last, entry.lastSeenId.load());
+    });
+    return last;
+}
+
+void BroadcastReader::leave() { BroadcastCounts(m_slot.header()).remove(m_countedAfterId); }
+
+void BroadcastReader::forget(const RegistryEntry& gone) {
+    BroadcastCounts(m_slot.header()).remove(gone);
+}
+
+void BroadcastReader::remember(long lastSeenId) {
+    m_lastSeenId = lastSeenId;
+    if (auto* own = m_slot.registry().own()) own->lastSeenId = lastSeenId;
+}
+
+void BroadcastReader::rememberCount() {
+    m_countedAfterId = m_slot.header().newMessageId;
+    m_isCountLost = false;
+    if (auto* own = m_slot.registry().own()) own->countedAfterId = m_countedAfterId;
+}
+
+void BroadcastReader::countAsOneThatCame() {
+    BroadcastCounts(m_slot.header()).addOneThatCame();
+    rememberCount();
+}
+
+bool BroadcastReader::advance(bool update) {
+    long current = m_slot.header().newMessageId;
+    if (current == m_lastSeenId) return false;
+    if (current > m_lastSeenId) {
+        if (update) remember(current);
+        return true;
+    }
+    // While the ID is 0 the writer has not written, and the one before the last was put there by a
+    // reader that has yet to take the last: the slot holds an old message.
+    const bool isOld = current == 0 || (current > 1 && current == m_lastSeenId - 1);
+    m_slot.header().newMessageId.compare_exchange_strong(current, m_lastSeenId);
+    return !isOld;
+}
+
+bool BroadcastReader::wait(std::chrono::milliseconds timeout) {
+    const auto now = Clock::now();
+    return m_slot.check(now) != SegmentSlot::Soundness::Lost &&
+           m_slot.waitFor(SegmentSlot::Signal::Written, now, now + timeout,
+                          [this] { return advance(true); });
+}
+
+void BroadcastReader::enterRead() {
+    BroadcastCounts(m_slot.header()).addInside();
+    if (auto* own = m_slot.registry().own()) own->isInside = 1;
+}
+
+void BroadcastReader::leaveRead() {
+    if (auto* own = m_slot.registry().own()) own->isInside = 0;
+    BroadcastCounts(m_slot.header()).removeInside();
+}
+
+std::string BroadcastReader::take() {
+    std::string message;
+    m_isCountLost = false;
+    enterRead();
+    const Copied copied = copy(message);
+    countAsReady();
+    leaveRead();
+    m_slot.notify(SegmentSlot::Signal::Taken);
+    if (copied == Copied::Invalid) NORVO_LOG(Warning, "Invalid message length!", m_slot.name());
+    if (copied == Copied::Overtaken) {
+        NORVO_LOG(Warning, "A message was written over while it was read, stream: ", m_slot.name());
+    }
+    return copied == Copied::Whole ? message : std::string();
+}
+
+// A writer that has given this reader up may be writing the next message already.
+BroadcastReader::Copied BroadcastReader::copy(std::string& message) {
+    for (int attempt = 0; attempt < kCopies; ++attempt) {
+        const long id = m_slot.header().newMessageId;
+        const std::uint64_t generation = m_slot.generation();
+        const ChunkHeader chunk = ChunkHeader::load(m_slot.header());
+        if (chunk.length > m_slot.mappedCapacity()) m_slot.grow();
+        const bool isValid = chunk.total <= m_slot.mappedCapacity() && chunk.length == chunk.total;
+        try {
+            if (isValid) message.assign(m_slot.data(), chunk.length);
+        } catch (const std::bad_alloc&) {
+            return Copied::Invalid;
+        }
+        if (isUntouched(chunk, id, generation)) {
+            remember(id);
+            return isValid ? Copied::Whole : Copied::Invalid;
+        }
+        shared_memory::utilities::sleep(1);
+    }
+    return Copied::Overtaken;
+}
+
+// Our writers write with the mutex held, and their lock says nothing more. Others, which the
+// registry does not know, have only that lock.
+bool BroadcastReader::isUntouched(const ChunkHeader& chunk, long id, std::uint64_t generation) {
+    const SegmentSlot::Section section(m_slot);
+    if (!section) return false;
+    SharedMemoryHeader& header = m_slot.header();
+    const bool isSame = header.newMessageId == id && m_slot.generation() == generation &&
+                        header.messageLength == chunk.total && header.chunkLength == chunk.length;
+    return isSame &&
+           (header.writerLockCount < 1 || m_slot.registry().has(SegmentRegistry::Role::Writer));
+}
+
+// A reader that the writer did not wait for with this message counts like one that opened.
+void BroadcastReader::countAsReady() {
+    const SegmentSlot::Section section(m_slot);
+    if (!section || m_slot.header().newMessageId != m_lastSeenId) return;
+    if (m_countedAfterId == BroadcastCounts::idBefore(m_lastSeenId)) {
+        BroadcastCounts(m_slot.header()).addReady();
+        rememberCount();
+    } else {
+        countAsOneThatCame();
+    }
+}
+
+// Looked at twice, because an end that is not ours may zero it a moment before it raises the ID.
+void BroadcastReader::stayCounted() {
+    if (!m_slot.isMapped()) return;
+    SharedMemoryHeader& header = m_slot.header();
+    if (header.lockWord2 != 0) {
+        m_isCountLost = false;
+        return;
+    }
+    const SegmentSlot::Section section(m_slot);
+    if (!section || header.lockWord2 != 0 || header.newMessageId != m_lastSeenId) return;
+    if (m_isCountLost) {
+        countAsOneThatCame();
+    } else {
+        m_isCountLost = true;
+    }
+}
+
+}  // namespace shared_memory

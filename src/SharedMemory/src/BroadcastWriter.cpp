@@ -1,0 +1,132 @@
+#include "BroadcastWriter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "BroadcastCounts.h"
+
+namespace shared_memory {
+
+namespace {
+
+constexpr unsigned int kReaderIsGoneAfterMs = 2000;
+constexpr unsigned int kReaderInsideIsGoneAfterMs = 500;
+constexpr unsigned int kReadersSettleMs = 100;
+constexpr unsigned int kLookEveryMs = 10;
+constexpr unsigned int kPauseMs = 1;
+
+// Readers that have seen an earlier writer's message take the next one for new only with a higher
+// ID.
+void raiseIdAboveReaders(SegmentSlot& slot) {
+    long last = slot.header().newMessageId;
+    slot.registry().forEachOther([&](const RegistryEntry& entry) {
+        if (entry.is(SegmentRegistry::Role::Reader)) last = std::max(last, entry.lastSeenId.load());
+    });
+    if (last > slot.header().newMessageId && last < std::numeric_limits<long>::max()) {
+        slot.header().newMessageId = last;
+    }
+}
+
+}  // namespace
+
+// The ID goes before the count: a writer that dies between the two then leaves a message that the
+// readers answer, and not a count of 0 that keeps the next writer out.
+void storeBroadcast(SegmentSlot& slot, const void* data, unsigned int length) {
+    SharedMemoryHeader& header = slot.header();
+    header.messageLength = std::numeric_limits<std::uint32_t>::max();
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    std::memcpy(slot.data(), data, length);
+    ChunkHeader{1, 1, length, length}.store(header);
+    header.newMessageId.fetch_add(1);
+}
+
+void BroadcastWriter::begin(bool isRenewed) {
+    SharedMemoryHeader& header = m_slot.header();
+    m_settleMs = header.newMessageId == 0 || isRenewed ? 0 : kReadersSettleMs;
+    if (!isRenewed) {
+        header.newMessageId = 0;
+        header.readMessageId = 0;
+    }
+    header.writerLockCount = 0;
+    m_lastWriteTime = m_createdAt - kReaderIsGoneAfterMs - 1;
+    m_readersAtLastWrite = 0;
+    m_isFirst = true;
+    m_isHeldUp = false;
+}
+
+void BroadcastWriter::forget(const RegistryEntry& gone) {
+    BroadcastCounts(m_slot.header()).remove(gone);
+}
+
+bool BroadcastWriter::tryLock(unsigned int now) {
+    m_slot.header().writerLockCount.fetch_add(1);
+    if (isGranted(now)) return true;
+    unlock();
+    return false;
+}
+
+void BroadcastWriter::unlock() { m_slot.header().writerLockCount.fetch_sub(1); }
+
+bool BroadcastWriter::isGranted(unsigned int now) {
+    BroadcastCounts counts(m_slot.header());
+    const long inside = counts.inside();
+    if (inside >= 2) {
+        if (now - m_lastWriteTime <= kReaderIsGoneAfterMs) return false;
+        counts.clearInside();
+        return true;
+    }
+    if (counts.ready() == 0 && m_readersAtLastWrite == 0) return false;
+    return isTakenByAll() || isGrantedLate(now, inside == 1);
+}
+
+// A reader that opens or closes changes two words, one after the other: that they fit is believed
+// only under the mutex, which it holds meanwhile.
+bool BroadcastWriter::isTakenByAll() {
+    const BroadcastCounts counts(m_slot.header());
+    if (counts.taken() != m_readersAtLastWrite) return false;
+    const SegmentSlot::Section section(m_slot);
+    return section && counts.taken() == m_readersAtLastWrite;
+}
+
+bool BroadcastWriter::isGrantedLate(unsigned int now, bool isReaderInside) {
+    if (now - m_lastWriteTime <= kReaderIsGoneAfterMs) return false;
+    if (isReaderInside && !m_isHeldUp) m_heldUpSince = now;
+    m_isHeldUp = isReaderInside;
+    if (!isReaderInside) return true;
+    if (now - m_heldUpSince < kReaderInsideIsGoneAfterMs) return false;
+    BroadcastCounts(m_slot.header()).clearInside();
+    m_isHeldUp = false;
+    return true;
+}
+
+// Count, index and ID change in one section, so that a reader that opens is either counted and sees
+// the message, or neither.
+bool BroadcastWriter::publish(const void* data, unsigned int length, unsigned int now) {
+    {
+        const SegmentSlot::Section section(m_slot);
+        if (!section) {
+            unlock();
+            return false;
+        }
+        if (m_isFirst) raiseIdAboveReaders(m_slot);
+        m_isFirst = false;
+        storeBroadcast(m_slot, data, length);
+        m_readersAtLastWrite = static_cast<unsigned int>(m_slot.header().lockWord2.exchange(0));
+        m_lastWriteTime = now;
+        m_isHeldUp = false;
+        unlock();
+    }
+    m_slot.notify(SegmentSlot::Signal::Written);
+    return true;
+}
+
+void BroadcastWriter::waitForReaders(unsigned int now) {
+    m_slot.pause(SegmentSlot::Signal::Taken, kPauseMs);
+    if (now - m_lastLook < kLookEveryMs) return;
+    m_lastLook = now;
+    const SegmentSlot::Section section(m_slot);
+    if (section) m_slot.forgetGone();
+}
+
+}  // namespace shared_memory

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "Event.h"
+#include "LocalMutex.h"
+#include "ObserverSet.h"
+#include "SlotGate.h"
+
+namespace shared_memory {
+
+// The observers of a segment, and the thread that reads for them: it runs while there are any and
+// the segment can be read. Thread-safe. No lock is held while an observer is called.
+class ReadThread {
+public:
+    struct Source {
+        // Whether it can be read at all; the thread ends otherwise.
+        std::function<bool()> isReadable;
+        // Waits a while for a message; empty when none came. Returns at once when `gate` is halted.
+        std::function<std::string()> read;
+    };
+    ReadThread(SharedMemoryI& segment, SlotGate& gate, Source source)
+        : m_segment(segment), m_gate(gate), m_source(std::move(source)) {}
+    ~ReadThread() { stop(); }
+    ReadThread(const ReadThread&) = delete;
+    ReadThread& operator=(const ReadThread&) = delete;
+
+    void subscribe(SharedMemoryObserverI* observer);
+    // Returns when the observer is not being called any more, unless the caller is that call.
+    void unsubscribe(SharedMemoryObserverI* observer);
+    void unsubscribeAll();
+    bool hasObservers() const { return !m_observers.empty(); }
+
+    // Ends the thread and leaves the observers, for whom the next subscription starts it again. Not
+    // to be called on the thread itself.
+    void stop();
+    bool isRunning() const { return m_isRunning.load(); }
+    bool isCurrent() const { return m_id.load() == std::this_thread::get_id(); }
+    // For the source: sleeps, but not beyond a stop.
+    void pause(unsigned int milliseconds) {
+        m_stopEvent.timedWait(static_cast<long>(milliseconds));
+    }
+
+private:
+    void follow();
+    void start() NORVO_REQUIRES(m_threadMutex);
+    void end() NORVO_REQUIRES(m_threadMutex);
+    void run();
+    bool endsByItself();
+
+    SharedMemoryI& m_segment;
+    SlotGate& m_gate;
+    const Source m_source;
+    ObserverSet m_observers;
+    VDIFrameworkCommon::Event m_stopEvent{true};
+    std::atomic<bool> m_isRunning{false};
+    // Set while the thread runs, also while it is being stopped.
+    std::atomic<std::thread::id> m_id;
+    // Held by the thread while it decides to end by itself.
+    VDIFrameworkCommon::LocalMutex m_endMutex;
+    // Held to start and to join the thread, which itself never takes it.
+    VDIFrameworkCommon::LocalMutex m_threadMutex;
+    std::thread m_thread NORVO_GUARDED_BY(m_threadMutex);
+    long m_process NORVO_GUARDED_BY(m_threadMutex) = 0;
+};
+
+}  // namespace shared_memory

@@ -1,0 +1,231 @@
+#include "SegmentSlot.h"
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+
+#include "Log.h"
+
+NORVO_LOG_SOURCE("src/SharedMemory/src/SegmentSlot")
+
+namespace shared_memory {
+
+using std::chrono::milliseconds;
+
+namespace {
+
+constexpr std::chrono::microseconds kLookIsFresh{50};
+constexpr milliseconds kShortestMutexWait{20};
+constexpr milliseconds kLostPause{20};
+
+// Wraps: the IDs in a segment may be anything.
+long distance(long from, long to) {
+    return static_cast<long>(static_cast<unsigned long>(to) - static_cast<unsigned long>(from));
+}
+
+}  // namespace
+
+bool SegmentSlot::open(const std::string& name, unsigned int capacity, bool create, SlotEnd& end) {
+    m_error = {OpenFailure::SystemError, 0, 0, -1};
+    if (isMapped()) {
+        NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
+        return false;
+    }
+    m_name = name;
+    m_end = &end;
+    if (!openAll(capacity, create, false)) return false;
+    m_gate.resume();
+    m_gate.open();
+    return true;
+}
+
+// Whoever removed a segment held its mutex meanwhile, and the mutex is gone with it.
+bool SegmentSlot::openAll(unsigned int capacity, bool create, bool isRenewed) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (!createObjects()) return false;
+        const Section section(*this);
+        if (!section) return false;
+        if (m_mutex.isCurrent()) return start(capacity, create, isRenewed);
+    }
+    return false;
+}
+
+// Notified with the mutex held, so that a writer that waits writes nothing that a reader that
+// starts would drop; once more when the reader has started.
+bool SegmentSlot::start(unsigned int capacity, bool create, bool isRenewed) {
+    notify(Signal::Taken);
+    const bool isOpen = m_mapping.open(m_name, capacity, create);
+    m_error = m_mapping.error();
+    if (!isOpen) return false;
+    m_capacity = capacity;
+    m_restIsClear = false;
+    m_lastLook = Clock::now();
+    m_registry.open(m_name);
+    forgetGone();
+    m_registry.enter(m_end->role());
+    logLockTaken();
+    m_end->begin(isRenewed);
+    if (m_end->role() == SegmentRegistry::Role::Reader) notify(Signal::Taken);
+    return true;
+}
+
+bool SegmentSlot::createObjects() {
+    const std::string object = kSegmentObjectPrefix + m_name;
+    if (!m_mutex.create(object.c_str())) {
+        NORVO_LOG(Error, "CreateMutex for shared memory start failed, stream: ", m_name);
+        return false;
+    }
+    NORVO_LOG(Info, "CreateMutex for shared memory start ",
+              m_end->role() == SegmentRegistry::Role::Writer ? "succeed" : "Suceded",
+              ", stream: ", m_name);
+    // Frees it if its owner has died.
+    m_mutex.unlock();
+    if (!m_readCondition.create((object + kReadConditionSuffix).c_str())) {
+        NORVO_LOG(Error,
+                  "Create condition for reading shared memory start failed, stream: ", m_name);
+        return false;
+    }
+    NORVO_LOG(Info, "Create condition for reading shared memory start succeed, stream: ", m_name);
+    if (!m_writeCondition.create((object + kWriteConditionSuffix).c_str())) {
+        NORVO_LOG(Error,
+                  "Create condition for writing to  shared memory start failed, stream: ", m_name);
+        return false;
+    }
+    NORVO_LOG(Info, "Create condition for writing shared memory start succeed, stream: ", m_name);
+    m_gate.attach(object + kReadConditionSuffix, object + kWriteConditionSuffix);
+    return true;
+}
+
+bool SegmentSlot::close() {
+    if (!isMapped()) return true;
+    {
+        const Section section(*this);
+        if (section) m_end->leave();
+        m_registry.close();
+    }
+    const bool closed = m_mapping.close();
+    if (closed) NORVO_LOG(Info, "Shared Memory closed.", m_name);
+    return closed;
+}
+
+SegmentSlot::Soundness SegmentSlot::check(Clock::time_point now) {
+    if (!isMapped()) return renew();
+    if (now - m_lastLook < kLookIsFresh && now >= m_lastLook) return Soundness::Sound;
+    m_lastLook = now;
+    switch (m_mapping.look()) {
+        case SegmentMapping::State::Shrunk:
+            logLost("was cut by another process");
+            return renew();
+        case SegmentMapping::State::Removed:
+            logLost("was removed from the system");
+            return renew();
+        case SegmentMapping::State::Whole:
+        case SegmentMapping::State::Grown:
+            break;
+    }
+    return Soundness::Sound;
+}
+
+void SegmentSlot::logLost(const char* reason) {
+    NORVO_LOG(Warning, "Shared memory ", reason, ", made anew: ", m_name);
+}
+
+SegmentSlot::Soundness SegmentSlot::renew() {
+    m_registry.close();
+    if (isMapped()) m_mapping.close();
+    if (openAll(m_capacity, true, true)) return Soundness::Renewed;
+    std::this_thread::sleep_for(kLostPause);
+    return Soundness::Lost;
+}
+
+SegmentSlot::Section::Section(SegmentSlot& slot, milliseconds limit) : m_slot(slot) {
+    const bool owns = slot.m_mutex.lockFor(limit);
+    if (!owns && !slot.m_isMutexLate) {
+        NORVO_LOG(Error, "Error: Locking named mutex timedout, stream: ", slot.m_name);
+    }
+    slot.m_isMutexLate = !owns;
+}
+
+milliseconds SegmentSlot::mutexWait(Clock::time_point now, Clock::time_point deadline) {
+    const auto left = std::min<Clock::duration>(deadline - now, Section::kLongestWait);
+    return std::max(std::chrono::ceil<milliseconds>(left), kShortestMutexWait);
+}
+
+SegmentSlot::Waited SegmentSlot::waitOnce(Signal signal, Clock::time_point now,
+                                          Clock::time_point until, milliseconds longest,
+                                          milliseconds relock) {
+    const auto left = std::min<Clock::duration>(until - now, longest);
+    const auto wait = std::max<milliseconds::rep>(0, std::chrono::ceil<milliseconds>(left).count());
+    const bool notified =
+        condition(signal).timed_wait(m_mutex, static_cast<unsigned int>(wait), relock);
+    if (!m_mutex.owns()) return Waited::Ended;
+    return notified ? Waited::Notified : Waited::TimedOut;
+}
+
+void SegmentSlot::pause(Signal signal, unsigned int longest) {
+    const Section section(*this);
+    if (section && m_gate.isPassable()) condition(signal).timed_wait(m_mutex, longest);
+}
+
+bool SegmentSlot::isFree() { return header().newMessageId == header().readMessageId; }
+
+bool SegmentSlot::isUnread() {
+    const long newId = header().newMessageId;
+    const long ahead = distance(header().readMessageId, newId);
+    if (ahead < 0) {
+        // Neither readable nor writable: only a misbehaving process leaves this behind.
+        NORVO_LOG(Warning, "Message IDs went backwards, stream: ", m_name);
+        header().readMessageId = newId;
+        notify(Signal::Taken);
+    }
+    if (ahead <= 0) return false;
+    m_unreadId = newId;
+    m_unreadGeneration = generation();
+    return true;
+}
+
+bool SegmentSlot::place(const ChunkHeader& chunk, const char* bytes) {
+    clearBehind(chunk.length);
+    chunk.store(header());
+    std::memcpy(data(), bytes, chunk.length);
+    {
+        const Section section(*this);
+        if (!section) return false;
+        header().newMessageId.fetch_add(1);
+    }
+    notify(Signal::Written);
+    return true;
+}
+
+// A reader finds zeros behind the chunk, as if the whole area had been cleared. What the chunk
+// before used is cleared before its length is replaced, so a writer that dies on the way leaves a
+// length that still covers the rest.
+void SegmentSlot::clearBehind(unsigned int length) {
+    const unsigned int before = header().chunkLength.load(std::memory_order_relaxed);
+    const unsigned int dirty =
+        m_restIsClear ? std::min(before, mappedCapacity()) : mappedCapacity();
+    if (dirty > length) std::memset(data() + length, 0, dirty - length);
+    m_restIsClear = true;
+}
+
+bool SegmentSlot::take() {
+    bool isSame = false;
+    {
+        const Section section(*this);
+        if (!section) return false;
+        logLockTaken();
+        isSame = header().newMessageId == m_unreadId && generation() == m_unreadGeneration;
+        if (isSame) header().readMessageId = m_unreadId;
+    }
+    notify(Signal::Taken);
+    return isSame;
+}
+
+void SegmentSlot::logLockTaken() {
+    NORVO_LOG(Trace,
+              "Lock on named mutex has happened, someone has read the shared memory, so we can "
+              "write, stream: ",
+              m_name);
+}
+
+}  // namespace shared_memory

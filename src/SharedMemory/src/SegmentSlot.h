@@ -1,0 +1,193 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <type_traits>
+
+#include "NamedCondition.h"
+#include "NamedMutex.h"
+#include "SegmentMapping.h"
+#include "SegmentRegistry.h"
+#include "SlotGate.h"
+
+namespace shared_memory {
+
+using Clock = std::chrono::steady_clock;
+
+// What an end of a segment does with the slot when it starts and leaves.
+class SlotEnd {
+public:
+    virtual ~SlotEnd() = default;
+    virtual SegmentRegistry::Role role() const = 0;
+    // Called with the segment's mutex held. `isRenewed`: the object had been removed or cut by
+    // another process and was made anew, and this end goes on in it.
+    virtual void begin(bool isRenewed) = 0;
+    // Called with the segment's mutex held, before the mapping ends.
+    virtual void leave() {}
+    // Takes back what another end, whose process is gone, has left in the segment. Called with the
+    // mutex held.
+    virtual void forget(const RegistryEntry& /*gone*/) {}
+};
+
+// The one slot of a segment.
+//
+// It holds an unread chunk while the new message ID is greater than the read message ID and is free
+// while they are equal. The segment's named mutex guards the two IDs; chunk header and data are
+// touched only by the side that owns the slot. The read condition says that a chunk was written,
+// the write condition that one was taken.
+//
+// Not thread-safe, but for the gate it is made with.
+class SegmentSlot {
+public:
+    explicit SegmentSlot(SlotGate& gate) : m_gate(gate) {}
+    SegmentSlot(const SegmentSlot&) = delete;
+    SegmentSlot& operator=(const SegmentSlot&) = delete;
+
+    // Maps segment `name`, with `create` made when there is none, and starts `end`, which must
+    // outlive the use. False, after a log line, when it fails: error() says why.
+    bool open(const std::string& name, unsigned int capacity, bool create, SlotEnd& end);
+    // To be called before `end` is destroyed. False when the system refused a part of it; it is
+    // closed in any case.
+    bool close();
+    bool isMapped() const { return m_mapping.isOpen(); }
+    SlotGate& gate() { return m_gate; }
+    const std::string& name() const { return m_name; }
+    const OpenError& error() const { return m_error; }
+
+    // --- while it is open
+    SharedMemoryHeader& header() { return *m_mapping.header(); }
+    char* data() { return m_mapping.data(); }
+    // Bytes of the data area that are mapped.
+    unsigned int mappedCapacity() const { return m_mapping.capacity(); }
+    // Bytes of the data area as open() was asked for: what a writer's chunk may have.
+    unsigned int capacity() const { return m_capacity; }
+    SegmentRegistry& registry() { return m_registry; }
+    // Takes the ends of processes that are gone out of the registry; with the mutex held. Whether
+    // there were any.
+    bool forgetGone() {
+        return m_registry.removeGone([this](const RegistryEntry& gone) { m_end->forget(gone); });
+    }
+
+    enum class Soundness { Sound, Renewed, Lost };
+    // To be called before a chunk is touched. Looks at the object, unless the last look is less
+    // than 50 us old: touching memory that another process has cut off would end this one. An
+    // object that was removed or cut is made anew. When that is impossible the slot is lost and not
+    // mapped until a later call succeeds, each of which takes 20 ms.
+    Soundness check(Clock::time_point now);
+    // Maps what another end has let the object grow to.
+    bool grow() { return m_mapping.growToObject(); }
+
+    // Holds the segment's mutex for a scope, if it could be had: ask. A failure is one log line
+    // until the mutex could be had again.
+    class Section {
+    public:
+        static constexpr std::chrono::milliseconds kLongestWait{2000};
+        explicit Section(SegmentSlot& slot, std::chrono::milliseconds limit = kLongestWait);
+        ~Section() {
+            if (m_slot.m_mutex.owns()) m_slot.m_mutex.unlock();
+        }
+        Section(const Section&) = delete;
+        Section& operator=(const Section&) = delete;
+        explicit operator bool() const { return m_slot.m_mutex.owns(); }
+
+    private:
+        SegmentSlot& m_slot;
+    };
+
+    enum class Signal { Written, Taken };
+    void notify(Signal signal) { condition(signal).notify(); }
+
+    // Waits first and tests then, with the mutex held: without a notification `test` is asked only
+    // when the deadline has passed, or when `silence`, which is asked after 10 ms without a
+    // notification and then every 200 ms, says so. False also when the slot is closed or halted, or
+    // when the mutex could not be had; that takes at most 20 ms beyond the deadline.
+    template <class Test, class Silence>
+    bool waitFor(Signal signal, Clock::time_point now, Clock::time_point deadline, const Test& test,
+                 const Silence& silence);
+    template <class Test>
+    bool waitFor(Signal signal, Clock::time_point now, Clock::time_point deadline,
+                 const Test& test) {
+        return waitFor(signal, now, deadline, test, NoSilence{});
+    }
+    // Waits for a notification, for at most `longest` ms.
+    void pause(Signal signal, unsigned int longest);
+
+    // --- with the mutex held
+    bool isFree();
+    // Remembers which chunk it is, and of which set-up of a writer.
+    bool isUnread();
+
+    // --- by the side that owns the slot, without the mutex
+    // Puts a chunk into the free slot. False when the mutex could not be had: it is not there then.
+    bool place(const ChunkHeader& chunk, const char* bytes);
+    // Acknowledges the chunk that isUnread() found. False when the slot does not hold it any more,
+    // because a writer was set up anew and did not wait for its reader: what was copied of it may
+    // be torn.
+    bool take();
+
+    // Changes with every set-up of a writer, and at times without one.
+    std::uint64_t generation() const { return m_writeCondition.count(); }
+
+private:
+    struct NoSilence {
+        bool operator()() const { return false; }
+    };
+    enum class Waited { Notified, TimedOut, Ended };
+
+    bool openAll(unsigned int capacity, bool create, bool isRenewed);
+    bool createObjects();
+    bool start(unsigned int capacity, bool create, bool isRenewed);
+    Soundness renew();
+    void logLost(const char* reason);
+    VDIFrameworkCommon::NamedCondition& condition(Signal signal) {
+        return signal == Signal::Written ? m_readCondition : m_writeCondition;
+    }
+    // With the mutex held before and, unless Ended, after.
+    Waited waitOnce(Signal signal, Clock::time_point now, Clock::time_point until,
+                    std::chrono::milliseconds longest, std::chrono::milliseconds relock);
+    static std::chrono::milliseconds mutexWait(Clock::time_point now, Clock::time_point deadline);
+    void logLockTaken();
+    void clearBehind(unsigned int length);
+
+    SlotGate& m_gate;
+    std::string m_name;
+    SlotEnd* m_end = nullptr;
+    VDIFrameworkCommon::NamedMutex m_mutex;
+    bool m_isMutexLate = false;
+    VDIFrameworkCommon::NamedCondition m_readCondition;
+    VDIFrameworkCommon::NamedCondition m_writeCondition;
+    SegmentMapping m_mapping;
+    SegmentRegistry m_registry;
+    OpenError m_error;
+    unsigned int m_capacity = 0;
+    Clock::time_point m_lastLook{};
+    // What lies behind the last chunk in the data area is zero.
+    bool m_restIsClear = false;
+    // The new message ID, and the generation, at which a chunk was last found unread.
+    long m_unreadId = 0;
+    std::uint64_t m_unreadGeneration = 0;
+};
+
+template <class Test, class Silence>
+bool SegmentSlot::waitFor(Signal signal, Clock::time_point now, Clock::time_point deadline,
+                          const Test& test, const Silence& silence) {
+    constexpr std::chrono::milliseconds kFirstSlice{10};
+    constexpr std::chrono::milliseconds kSlice{200};
+    constexpr bool kAsks = !std::is_same_v<Silence, NoSilence>;
+    const auto relock = mutexWait(now, deadline);
+    const Section section(*this, relock);
+    std::chrono::milliseconds longest = kAsks ? kFirstSlice : std::chrono::milliseconds(1000);
+    while (section) {
+        if (!m_gate.isPassable()) return false;
+        const Waited waited = waitOnce(signal, now, deadline, longest, relock);
+        if (waited == Waited::Ended || !m_gate.isPassable()) return false;
+        const bool isAsked = waited == Waited::Notified || (kAsks && silence());
+        if (isAsked && test()) return true;
+        now = Clock::now();
+        if (now >= deadline) return test();
+        if (kAsks && waited == Waited::TimedOut) longest = kSlice;
+    }
+    return false;
+}
+
+}  // namespace shared_memory

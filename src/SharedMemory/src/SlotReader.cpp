@@ -1,0 +1,92 @@
+#include "SlotReader.h"
+
+#include "Log.h"
+
+NORVO_LOG_SOURCE("src/SharedMemory/src/SlotReader")
+
+namespace shared_memory {
+
+namespace {
+
+// How often a chunk is copied again because its writer was set up anew meanwhile.
+constexpr int kCopies = 3;
+
+}  // namespace
+
+void SlotReader::begin(bool isRenewed) {
+    m_assembler.drop();
+    if (!isRenewed) m_slot.header().readMessageId = m_slot.header().newMessageId.load();
+}
+
+bool SlotReader::wait(Clock::time_point deadline) {
+    const auto now = Clock::now();
+    return m_slot.check(now) != SegmentSlot::Soundness::Lost &&
+           m_slot.waitFor(SegmentSlot::Signal::Written, now, deadline,
+                          [this] { return m_slot.isUnread(); });
+}
+
+std::string SlotReader::take(std::chrono::milliseconds silence) {
+    std::string message;
+    while (takeChunk(message) == Taken::Part && wait(Clock::now() + silence)) {
+    }
+    if (!m_slot.gate().isOpen()) drop();
+    return message;
+}
+
+std::string SlotReader::takeNow(std::chrono::milliseconds silence) {
+    const bool waits = m_slot.check(Clock::now()) != SegmentSlot::Soundness::Lost && hasUnread();
+    if (waits || (m_assembler.inProgress() && wait(Clock::now() + silence))) return take(silence);
+    return {};
+}
+
+bool SlotReader::hasUnread() {
+    const SegmentSlot::Section section(m_slot);
+    return section && m_slot.isUnread();
+}
+
+SlotReader::Taken SlotReader::takeChunk(std::string& message) {
+    for (int copy = 0; copy < kCopies; ++copy) {
+        const ChunkHeader chunk = ChunkHeader::load(m_slot.header());
+        if (chunk.length > m_slot.mappedCapacity()) m_slot.grow();
+        const bool replaces = chunk.index == 1 && m_assembler.inProgress();
+        const auto outcome = m_assembler.add(chunk, m_slot.data(), m_slot.mappedCapacity());
+        if (replaces) NORVO_LOG(Warning, "Previous message is broken!", m_slot.name());
+        // Left in the slot, a later chunk is dropped as a stray; a first one never would be.
+        const bool stays = outcome == MessageAssembler::Outcome::BadLength && chunk.index != 1;
+        if (stays || m_slot.take()) return judge(outcome, chunk, message);
+        m_assembler.retract();
+        if (!hasUnread()) break;
+    }
+    NORVO_LOG(Warning, "Receiving broken message", m_slot.name());
+    m_assembler.drop();
+    return Taken::Nothing;
+}
+
+SlotReader::Taken SlotReader::judge(MessageAssembler::Outcome outcome, const ChunkHeader& chunk,
+                                    std::string& message) {
+    ++m_chunksTaken;
+    switch (outcome) {
+        case MessageAssembler::Outcome::Incomplete:
+            return Taken::Part;
+        case MessageAssembler::Outcome::Complete:
+            message = m_assembler.take();
+            return Taken::Message;
+        case MessageAssembler::Outcome::Stray:
+            NORVO_LOG(Warning, "Receiving broken message", m_slot.name());
+            break;
+        case MessageAssembler::Outcome::BadLength:
+            NORVO_LOG(Warning, "Invalid message length. Dismiss message.", m_slot.name(), ": ",
+                      chunk.length, " of ", chunk.total, " bytes where ", m_slot.mappedCapacity(),
+                      " fit");
+            break;
+    }
+    return Taken::Nothing;
+}
+
+void SlotReader::drop() {
+    if (!m_assembler.inProgress()) return;
+    NORVO_LOG(Warning, "The message is not received in full.", m_slot.name());
+    m_assembler.drop();
+}
+
+}  // namespace shared_memory

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+
+#include "MessageAssembler.h"
+#include "SegmentSlot.h"
+#include "WritersLock.h"
+
+namespace shared_memory {
+
+// The reader of a plain slot: takes chunks and joins them into messages. A message whose next chunk
+// does not come in time is kept as far as it came, and a later call goes on with it. Not
+// thread-safe.
+class SlotReader : public SlotEnd {
+public:
+    explicit SlotReader(SegmentSlot& slot) : m_slot(slot) {}
+
+    // Waits for an unread chunk until `deadline`.
+    bool wait(Clock::time_point deadline);
+    // Takes the message whose chunk waits, and the chunks of it that follow within `silence` each.
+    // Empty when none was completed.
+    std::string take(std::chrono::milliseconds silence);
+    // Takes what is there without waiting for a first chunk.
+    std::string takeNow(std::chrono::milliseconds silence);
+    // How many chunks this reader has taken so far.
+    unsigned long chunksTaken() const { return m_chunksTaken; }
+
+    SegmentRegistry::Role role() const override { return SegmentRegistry::Role::Reader; }
+    void begin(bool isRenewed) override;
+    void forget(const RegistryEntry& gone) override { WritersLock::forget(m_slot, gone); }
+    void leave() override { drop(); }
+
+private:
+    enum class Taken { Message, Part, Nothing };
+
+    Taken takeChunk(std::string& message);
+    Taken judge(MessageAssembler::Outcome outcome, const ChunkHeader& chunk, std::string& message);
+    bool hasUnread();
+    void drop();
+
+    SegmentSlot& m_slot;
+    MessageAssembler m_assembler;
+    unsigned long m_chunksTaken = 0;
+};
+
+}  // namespace shared_memory
