@@ -8,6 +8,7 @@ passes without the fault. The copy is a git worktree of the last commit; nothing
 
 import argparse
 import concurrent.futures
+import contextlib
 import dataclasses
 import os
 import pathlib
@@ -108,10 +109,15 @@ class Copy:
 
     def __init__(self, folder, build_jobs):
         self.root = folder
-        self.build = ["nice", "cmake", "--build", "build-release", "--parallel", str(build_jobs), "--target", "norvo_tests"]
+        self.build = ["nice", "cmake", "--build", "build-release", "--parallel", str(build_jobs)]
+        self.build += ["--target", "norvo_tests"]
         self.environment = {**os.environ, "CCACHE_BASEDIR": str(folder), "CCACHE_NOHASHDIR": "1"}
         launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
-        self.must(["git", "worktree", "add", "--quiet", "--detach", str(folder), "HEAD"], ROOT)
+        commit = subprocess.check_output(["git", "rev-parse", "HEAD"], cwd=ROOT, text=True).strip()
+        if (folder / ".git").exists():
+            self.must(["git", "checkout", "--quiet", "--force", "--detach", commit], folder)
+        else:
+            self.must(["git", "worktree", "add", "--quiet", "--detach", str(folder), commit], ROOT)
         self.must(CONFIGURE + launcher, folder)
         self.must(self.build, folder)
 
@@ -121,7 +127,8 @@ class Copy:
             raise Problem(f"{' '.join(command)} failed:\n{output[-3000:]}")
 
     def passes(self, suite, limit):
-        status, output = run(["build-release/tests/norvo_tests", f"--gtest_filter={suite}"], self.root, limit, self.environment)
+        tests = ["build-release/tests/norvo_tests", f"--gtest_filter={suite}"]
+        status, output = run(tests, self.root, limit, self.environment)
         if status == 0 and "Running 0 tests" in output:
             raise Problem(f"no test is called {suite}")
         return status == 0
@@ -193,17 +200,21 @@ def try_in_copies(faults, options):
     verdicts = {"caught": 0, "survived": 0, "not tried": 0}
     deadline = time.monotonic() + 60 * options.minutes
     copies = []
-    with tempfile.TemporaryDirectory(prefix="mutate-") as folder:
+    with contextlib.ExitStack() as stack:
+        folder = options.keep or stack.enter_context(tempfile.TemporaryDirectory(prefix="mutate-"))
         try:
             for number in range(options.jobs):
                 print(f"building copy {number + 1} ...", file=sys.stderr)
-                copies.append(Copy(pathlib.Path(folder) / str(number), max(1, (os.cpu_count() or 1) // options.jobs)))
+                place = pathlib.Path(folder).resolve() / str(number)
+                copies.append(Copy(place, max(1, (os.cpu_count() or 1) // options.jobs)))
+            print("running the suites without a fault ...", file=sys.stderr)
             for fault, verdict, reason in try_all(faults, copies, deadline):
                 verdicts[verdict] += 1
                 print(f"{verdict:9}  {fault.name}: {fault.what}" + (f" ({reason})" if reason else ""), flush=True)
         finally:
             for copy in copies:
-                copy.remove()
+                if not options.keep:
+                    copy.remove()
             subprocess.run(["git", "worktree", "prune"], cwd=ROOT, check=False)
     return verdicts
 
@@ -221,6 +232,7 @@ def arguments():
     parser.add_argument("--check", action="store_true", help="only see whether every pattern still fits this tree")
     parser.add_argument("--only", metavar="REGEX", help="those whose name, file or suite matches")
     parser.add_argument("--jobs", type=int, default=1, metavar="N", help="copies of the tree to work in (default 1)")
+    parser.add_argument("--keep", metavar="FOLDER", help="work in copies there, and leave them for the next time")
     parser.add_argument("--minutes", type=float, default=120, metavar="M", help="begin no fault later (default 120)")
     options = parser.parse_args()
     if options.jobs < 1:
