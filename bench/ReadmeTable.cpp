@@ -1,6 +1,7 @@
 #include "ReadmeTable.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <ostream>
 #include <set>
@@ -16,121 +17,113 @@ struct Place {
 };
 
 struct Peer {
-    const char* shown;
-    const char* measurement;
+    const char* shown = nullptr;
+    const char* measurement = nullptr;
 };
+
+// Up to three; the others are empty.
+using Peers = std::array<Peer, 3>;
 
 struct Figure {
     const char* what;
     Place place;
     const char* measurement;
     const char* metric;
-    std::vector<Peer> peers;
+    Peers peers;
 };
 
 constexpr char kOurs[] = "vcctl host";
-const std::vector<Peer> kPathPeers{{"the same hops without our formats", "simplest parts"},
-                                   {"ZeroMQ proxies", "ZeroMQ proxies"},
-                                   {"socat relays", "socat"}};
-const std::vector<Peer> kParts{{"the same hops without our formats", "simplest parts"}};
-const std::vector<Peer> kProtobuf{{"protobuf, objects used again", "protobuf, used again"}};
+constexpr Peers kPathPeers{{{"the same hops without our formats", "simplest parts"},
+                            {"ZeroMQ proxies", "ZeroMQ proxies"},
+                            {"socat relays", "socat"}}};
+constexpr Peers kParts{{{"the same hops without our formats", "simplest parts"}}};
+constexpr Peers kProtobuf{{{"protobuf, objects used again", "protobuf, used again"}}};
 
-const std::vector<Figure>& figures() {
-    static const std::vector<Figure> all{
-        {"one hop through a segment, 64 B, p50",
-         {"hop", "64 B"},
-         "segment",
-         "p50",
-         {{"Boost named mailbox", "Boost mailbox"}, {"Unix-domain socket", "Unix socket"}}},
-        {"the same without spinning",
-         {"hop", "64 B"},
-         "segment, no spin",
-         "p50",
-         {{"pthread mailbox", "pthread"}}},
-        {"one hop, 64 KiB, p50",
-         {"hop", "64 KiB"},
-         "segment",
-         "p50",
-         {{"Boost named mailbox", "Boost mailbox"}, {"Unix-domain socket", "Unix socket"}}},
-        {"one hop, 64 KiB, streaming",
-         {"hop", "64 KiB"},
-         "segment",
-         "MB/s",
-         {{"Boost named mailbox", "Boost mailbox"}, {"Unix-domain socket", "Unix socket"}}},
-        {"message of 64 B, encode and decode",
-         {"messages", "64 B"},
-         "VCMessage",
-         "time",
-         kProtobuf},
-        {"message of 1 KiB, encode and decode",
-         {"messages", "1 KiB"},
-         "VCMessage",
-         "time",
-         kProtobuf},
-        {"64 KiB cut into packets of 1500 and joined",
-         {"packets", "64 KiB at 1500, last packet first"},
-         "cut + join",
-         "time",
-         {{"one `std::vector` per packet", "one std::vector per packet"}}},
-        {"ping-pong over a named condition, parked",
-         {"namedsync", "condition, ping-pong of two processes"},
-         "NamedCondition, parks",
-         "time",
-         {{"bare futex", "futex, parks"}}},
-        {"named mutex, lock and unlock, uncontended",
-         {"namedsync", "mutex, nobody else"},
-         "NamedMutex",
-         "time",
-         {}},
-        {"broadcast, back to back, one reader",
-         {"broadcast", "64-bit messages"},
-         "1 reader",
-         "rate",
-         {}},
-        {"whole path, two `vcctl host`s over loopback TCP, 64 B, p50 one way",
-         {"path", "64 B there and back"},
-         kOurs,
-         "p50",
-         kPathPeers},
-        {"the hosts' processor time for it", {"path", "64 B there and back"}, kOurs, "cpu", kParts},
-        {"whole path, 16 KiB, p50 one way",
-         {"path", "16 KiB there and back"},
-         kOurs,
-         "p50",
-         kPathPeers},
-        {"whole path, 64 KiB, p50 one way",
-         {"path", "64 KiB there and back"},
-         kOurs,
-         "p50",
-         kPathPeers},
-        {"whole path, 1 MiB, p50 one way", {"path", "1 MiB there and back"}, kOurs, "p50", kParts},
-        {"whole path, 64 KiB, streaming", {"path", "64 KiB one way"}, kOurs, "MB/s", kPathPeers},
-        {"the same in bursts of 50 ms", {"path", "64 KiB in bursts"}, kOurs, "MB/s", kPathPeers},
-        {"Citrix, 64 KiB, share of what its pauses allow",
-         {"path", "citrix, 64 KiB one way"},
-         kOurs,
-         "of the ceiling",
-         {}},
-        {"RDP, the same", {"path", "rdp, 64 KiB one way"}, kOurs, "of the ceiling", {}},
-        {"VMware, the same", {"path", "vmware, 64 KiB one way"}, kOurs, "of the ceiling", {}},
-        {"start of two hosts to the first message through a new stream",
-         {"path", "start to first message"},
-         kOurs,
-         "time",
-         {}},
-        {"both hosts of a session that carries nothing",
-         {"path", "a session that carries nothing"},
-         kOurs,
-         "cpu",
-         {}},
-        {"wake-ups of one of them in a second",
-         {"path", "a session that carries nothing"},
-         kOurs,
-         "wake-ups",
-         {}},
-    };
-    return all;
-}
+constexpr Figure kFigures[] = {
+    {"one hop through a segment, 64 B, p50",
+     {"hop", "64 B"},
+     "segment",
+     "p50",
+     {{{"Boost named mailbox", "Boost mailbox"}, {"Unix-domain socket", "Unix socket"}}}},
+    {"the same without spinning",
+     {"hop", "64 B"},
+     "segment, no spin",
+     "p50",
+     {{{"pthread mailbox", "pthread"}}}},
+    {"one hop, 64 KiB, p50",
+     {"hop", "64 KiB"},
+     "segment",
+     "p50",
+     {{{"Boost named mailbox", "Boost mailbox"}, {"Unix-domain socket", "Unix socket"}}}},
+    {"one hop, 64 KiB, streaming",
+     {"hop", "64 KiB"},
+     "segment",
+     "MB/s",
+     {{{"Boost named mailbox", "Boost mailbox"}, {"Unix-domain socket", "Unix socket"}}}},
+    {"message of 64 B, encode and decode", {"messages", "64 B"}, "VCMessage", "time", kProtobuf},
+    {"message of 1 KiB, encode and decode", {"messages", "1 KiB"}, "VCMessage", "time", kProtobuf},
+    {"64 KiB cut into packets of 1500 and joined",
+     {"packets", "64 KiB at 1500, last packet first"},
+     "cut + join",
+     "time",
+     {{{"one `std::vector` per packet", "one std::vector per packet"}}}},
+    {"ping-pong over a named condition, parked",
+     {"namedsync", "condition, ping-pong of two processes"},
+     "NamedCondition, parks",
+     "time",
+     {{{"bare futex", "futex, parks"}}}},
+    {"named mutex, lock and unlock, uncontended",
+     {"namedsync", "mutex, nobody else"},
+     "NamedMutex",
+     "time",
+     {}},
+    {"broadcast, back to back, one reader",
+     {"broadcast", "64-bit messages"},
+     "1 reader",
+     "rate",
+     {}},
+    {"whole path, two `vcctl host`s over loopback TCP, 64 B, p50 one way",
+     {"path", "64 B there and back"},
+     kOurs,
+     "p50",
+     kPathPeers},
+    {"the hosts' processor time for it", {"path", "64 B there and back"}, kOurs, "cpu", kParts},
+    {"whole path, 16 KiB, p50 one way",
+     {"path", "16 KiB there and back"},
+     kOurs,
+     "p50",
+     kPathPeers},
+    {"whole path, 64 KiB, p50 one way",
+     {"path", "64 KiB there and back"},
+     kOurs,
+     "p50",
+     kPathPeers},
+    {"whole path, 1 MiB, p50 one way", {"path", "1 MiB there and back"}, kOurs, "p50", kParts},
+    {"whole path, 64 KiB, streaming", {"path", "64 KiB one way"}, kOurs, "MB/s", kPathPeers},
+    {"the same in bursts of 50 ms", {"path", "64 KiB in bursts"}, kOurs, "MB/s", kPathPeers},
+    {"Citrix, 64 KiB, share of what its pauses allow",
+     {"path", "citrix, 64 KiB one way"},
+     kOurs,
+     "of the ceiling",
+     {}},
+    {"RDP, the same", {"path", "rdp, 64 KiB one way"}, kOurs, "of the ceiling", {}},
+    {"VMware, the same", {"path", "vmware, 64 KiB one way"}, kOurs, "of the ceiling", {}},
+    {"start of two hosts to the first message through a new stream",
+     {"path", "start to first message"},
+     kOurs,
+     "time",
+     {}},
+    {"both hosts of a session that carries nothing",
+     {"path", "a session that carries nothing"},
+     kOurs,
+     "cpu",
+     {}},
+    {"wake-ups of one of them in a second",
+     {"path", "a session that carries nothing"},
+     kOurs,
+     "wake-ups",
+     {}},
+};
 
 const Series* find(const std::vector<SuiteReport>& reports, const Figure& figure,
                    const std::string& measurement) {
@@ -188,7 +181,7 @@ std::string escaped(const std::string& text) {
 
 std::regex readmeFilter() {
     std::set<std::string> places;
-    for (const Figure& figure : figures())
+    for (const Figure& figure : kFigures)
         places.insert(escaped(std::string(figure.place.suite) + '/' + figure.place.group + '/'));
     std::string expression;
     for (const std::string& place : places) expression += (expression.empty() ? "^(" : "|") + place;
@@ -198,11 +191,11 @@ std::regex readmeFilter() {
 void printReadmeTable(std::ostream& out, const std::vector<SuiteReport>& reports) {
     out << "| what | ours | beside | its figure | ratio (lowest – highest) "
            "|\n|---|---|---|---|---|\n";
-    for (const Figure& figure : figures()) {
+    for (const Figure& figure : kFigures) {
         const Series* ours = find(reports, figure, figure.measurement);
         std::string start = std::string("| ") + figure.what + " | " + shown(ours);
         for (const Peer& peer : figure.peers) {
-            const Series* theirs = find(reports, figure, peer.measurement);
+            const Series* theirs = peer.shown ? find(reports, figure, peer.measurement) : nullptr;
             if (!theirs) continue;
             out << start << " | " << peer.shown << " | " << shown(theirs) << " | "
                 << ratio(ours, theirs) << " |\n";

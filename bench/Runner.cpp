@@ -152,8 +152,7 @@ bool SuiteReport::missed() const {
 }
 
 struct RunReports::Running {
-    Running(const SuiteEntry& entry, const Options& options)
-        : suite(entry.name, options.settings), table() {
+    Running(const SuiteEntry& entry, const Options& options) : suite(entry.name, options.settings) {
         entry.declare(suite);
         groups = wantedByGroup(suite, options);
         for (const auto& members : groups) wanted += members.size();
