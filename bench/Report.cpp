@@ -122,7 +122,7 @@ const char* nameOf(Verdict verdict) {
 
 std::string ratioAndRange(const Judgement& j) {
     if (j.floorName.empty()) return "";
-    const std::string ratio = shortNumber(j.ratio);
+    std::string ratio = shortNumber(j.ratio);
     if (j.lowest == j.highest) return ratio;
     return ratio + " [" + shortNumber(j.lowest) + " – " + shortNumber(j.highest) + "]";
 }

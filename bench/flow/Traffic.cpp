@@ -35,7 +35,7 @@ struct Stamp {
 };
 
 std::shared_ptr<Stream> open(Client& client, const std::string& name, Direction direction) {
-    auto stream = client.openStream(name, direction);
+    std::shared_ptr<Stream> stream = client.openStream(name, direction);
     if (!stream) throw std::runtime_error("cannot open the stream " + name);
     return stream;
 }

@@ -25,7 +25,7 @@ constexpr auto kUpPatience = std::chrono::seconds(20);
 constexpr auto kPatience = std::chrono::milliseconds(kHopPatienceMs);
 
 std::shared_ptr<Stream> openStream(Client& client, const char* name, Direction direction) {
-    auto stream = client.openStream(name, direction);
+    std::shared_ptr<Stream> stream = client.openStream(name, direction);
     if (!stream) throw std::runtime_error(std::string("cannot open the stream ") + name);
     return stream;
 }
