@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <sstream>
 #include <thread>
 
+#include "FileContent.h"
 #include "LogCapture.h"
 #include "PacketBytes.h"
 #include "Rounds.h"
@@ -125,6 +128,24 @@ TEST_F(Reassembly, UsesMemoryForWhatArrivedOnly) {
         receiver.messages.clear();
     }
     EXPECT_LT(peak() - before, 200 * 1024);
+}
+
+TEST_F(Reassembly, GivesTheMemoryOfALargeMessageBack) {
+    if (testsupport::kSanitized) GTEST_SKIP() << "counts the resident memory";
+    const auto resident = [] {
+        std::istringstream pages(testsupport::contentOf("/proc/self/statm"));
+        long total = 0;
+        long used = 0;
+        pages >> total >> used;
+        return used * sysconf(_SC_PAGESIZE) >> 20;
+    };
+    const long before = resident();
+    const std::string half(50 << 20, 'h');
+    for (const std::uint32_t sequence : {1, 2}) receivePart(1, sequence, 2, 100 << 20, half);
+    EXPECT_EQ(receiver.messages.size(), 1u);
+    receiver.messages.clear();
+    for (const std::uint32_t sequence : {1, 2}) receivePart(2, sequence, 2, 4, "ab");
+    EXPECT_LT(resident() - before, 90) << "of which 50 are the test's own";
 }
 
 TEST_F(Reassembly, DropsAMessageThatThereIsNoMemoryFor) {

@@ -219,15 +219,18 @@ TEST(VCMessage, TakesAnyChecksumAndSendsNone) {
 }
 
 TEST(VCMessage, KeepsTheBlocksBeforeABrokenOne) {
-    std::string bytes = serialised(testsupport::aboutStream(CTL_S_CREATED, "Basic", 1));
-    bytes[45] = 0;
-    VCMessage received;
-    EXPECT_FALSE(parse(received, bytes));
-    EXPECT_EQ(received.getMessageType(), CTL_S_CREATED);
-    EXPECT_EQ(received.getStreamName(), "Basic");
-    EXPECT_EQ(received.byteSize(), 45u);
-    VCMessage again;
-    EXPECT_TRUE(parse(again, serialised(received)));
+    const std::string whole = serialised(testsupport::aboutStream(CTL_S_CREATED, "Basic", 1));
+    for (const bool isTooLong : {false, true}) {
+        std::string bytes = whole;
+        isTooLong ? setSize(bytes, 45, 1000) : void(bytes[45] = 0);
+        VCMessage received;
+        EXPECT_FALSE(parse(received, bytes));
+        EXPECT_EQ(received.getMessageType(), CTL_S_CREATED);
+        EXPECT_EQ(received.getStreamName(), "Basic");
+        EXPECT_EQ(received.byteSize(), 45u);
+        VCMessage again;
+        EXPECT_TRUE(parse(again, serialised(received)));
+    }
 }
 
 TEST(VCMessage, CarriesRouteDataOfAnySize) {
