@@ -70,7 +70,7 @@ constexpr Figure kFigures[] = {
     {"ping-pong over a named condition, parked",
      {"namedsync", "condition, ping-pong of two processes"},
      "NamedCondition, parks",
-     "time",
+     "round trip",
      {{{"bare futex", "futex, parks"}}}},
     {"named mutex, lock and unlock, uncontended",
      {"namedsync", "mutex, nobody else"},
@@ -199,9 +199,9 @@ void printReadmeTable(std::ostream& out, const std::vector<SuiteReport>& reports
             if (!theirs) continue;
             out << start << " | " << peer.shown << " | " << shown(theirs) << " | "
                 << ratio(ours, theirs) << " |\n";
-            start = "| | ";
+            start = "| |";
         }
-        if (start != "| | ") out << start << " | | | |\n";
+        if (start != "| |") out << start << " | | | |\n";
     }
 }
 
