@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
+#include <random>
 #include <sstream>
 #include <thread>
 
@@ -110,6 +112,26 @@ TEST_F(Reassembly, LeavesAGapForAPacketWithoutPayload) {
     EXPECT_TRUE(log.contains("Unable to copy the data to the buffer."));
 }
 
+TEST_F(Reassembly, CostsAboutTheSameInAnyOrder) {
+    constexpr int kPayload = 1;
+    Packetization small(&receiver, 24 + kPayload);
+    const std::string message = pattern(static_cast<std::size_t>(testsupport::rounds(200'000)));
+    auto packets = cut(small, message);
+    const auto costOf = [&](const PacketList& order) {
+        const auto begun = std::clock();
+        for (const auto& packet : order) small.EnqueuePacket(packet.get());
+        EXPECT_TRUE(receiver.messages.back() == message);
+        return static_cast<double>(std::clock() - begun);
+    };
+    const double inOrder = costOf(packets);
+    for (std::size_t at = 0; at + 20 < packets.size(); at += 20) {
+        std::swap(packets[at], packets[at + 1]);
+    }
+    EXPECT_LT(costOf(packets), 20 * inOrder);
+    std::shuffle(packets.begin(), packets.end(), std::mt19937(1));
+    EXPECT_LT(costOf(packets), 50 * inOrder);
+}
+
 // Small packets that announce much must not take much memory, nor the beginning of a message the
 // memory of the large one before it, again and again.
 TEST_F(Reassembly, UsesMemoryForWhatArrivedOnly) {
@@ -127,7 +149,8 @@ TEST_F(Reassembly, UsesMemoryForWhatArrivedOnly) {
         receivePart(3 * i + 1, 1, 1000, 0x7FFFFFFF - 24, large);
         receiver.messages.clear();
     }
-    EXPECT_LT(peak() - before, 200 * 1024);
+    for (std::uint32_t id = 0; id < 60'000; ++id) receivePart(6000 + id, 1, 2, 1'000'000, "a");
+    EXPECT_LT(peak() - before, 60 * 1024);
 }
 
 TEST_F(Reassembly, GivesTheMemoryOfALargeMessageBack) {

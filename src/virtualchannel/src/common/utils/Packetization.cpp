@@ -1,8 +1,7 @@
-#include <algorithm>
-#include <limits>
+#include <utility>
+#include <vector>
 
 #include "Log.h"
-#include "PacketBlock.h"
 #include "Packets.h"
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/utils/Packets")
@@ -18,46 +17,16 @@ std::uint32_t Packetization::GetMaxPayloadSize() const {
     return static_cast<std::uint32_t>(m_maxPacketSize) - kPacketHeaderSize;
 }
 
-// 0 when the message cannot be cut.
-std::uint32_t Packetization::packetsNeeded(const void* data, unsigned int length) const {
-    constexpr auto largest =
-        static_cast<unsigned int>(std::numeric_limits<std::int32_t>::max()) - kPacketHeaderSize;
-    if (length > largest || (!data && length > 0)) return 0;
-    if (m_maxPacketSize < static_cast<int>(kPacketHeaderSize)) return 0;
-    if (length == 0) return 1;
-    const std::uint32_t payloadMax = GetMaxPayloadSize();
-    return payloadMax == 0 ? 0 : (length - 1) / payloadMax + 1;
-}
-
 std::uint32_t Packetization::PacketizeData(const void* data, unsigned int length,
                                            std::deque<Packet*>& out) {
-    NORVO_LOG(Trace, "Packetizing ", length, " bytes of data.");
-    const unsigned int id = UIDGenerator::GetInstance()->GetNextUID();
-    const std::uint32_t count = packetsNeeded(data, length);
-    NORVO_LOG(Trace, "Packets needed: ", count);
-    NORVO_LOG(Trace, "send message id: ", id, ", numPackets: ", count);
-    const std::size_t wireSize = length + std::size_t{count} * kPacketHeaderSize;
-    PacketBlock* const block = count > 0 ? PacketBlock::allocate(count, wireSize) : nullptr;
-    if (!block) {
-        NORVO_LOG(Error, "Unable to packetize a message, length: ", length);
-        return static_cast<std::uint32_t>(out.size());
+    MessageCutter cutter(data, length, m_maxPacketSize);
+    std::vector<std::unique_ptr<Packet>> packets;
+    packets.reserve(cutter.total());
+    while (auto packet = cutter.next()) packets.push_back(std::move(packet));
+    for (auto packet = packets.rbegin(); packet != packets.rend(); ++packet) {
+        out.push_front(packet->get());
+        static_cast<void>(packet->release());
     }
-
-    const Header common{
-        .totalPackets = count, .packetId = id, .messageSize = length + kPacketHeaderSize};
-    auto next = static_cast<const std::byte*>(data);
-    std::byte* wire = block->wire();
-    std::uint32_t remaining = length;
-    for (std::uint32_t index = 0; index < count; ++index) {
-        const std::uint32_t size = std::min(remaining, GetMaxPayloadSize());
-        out.push_front(::new (block->place(index))
-                           Packet(common, index + 1, {next, size}, *block, wire));
-        NORVO_LOG(Trace, "Freeing temporary memory.");
-        next += size;
-        wire += kPacketHeaderSize + size;
-        remaining -= size;
-    }
-    NORVO_LOG(Trace, "Returning the dequeue.");
     return static_cast<std::uint32_t>(out.size());
 }
 
@@ -67,7 +36,7 @@ void Packetization::EnqueuePacket(const Packet* packet) {
         NORVO_LOG(Warning, "There is no packet to queue.");
         return;
     }
-    const RareContentionGuard guard(m_Mutex);
+    const VDIFrameworkCommon::LocalLock lock(m_Mutex);
     forgetIfAsked();
     if (packet->GetTotalPackets() == 1) {
         deliverUnsplit(*packet);
@@ -111,7 +80,7 @@ PendingMessage& Packetization::findOrBegin(const Packet& packet) {
 }
 
 void Packetization::ReassemblePackets() {
-    const RareContentionGuard guard(m_Mutex);
+    const VDIFrameworkCommon::LocalLock lock(m_Mutex);
     reassemble();
 }
 
@@ -124,19 +93,20 @@ void Packetization::forgetIfAsked() {
 void Packetization::reassemble() {
     NORVO_LOG(Trace, "Checking if a packet can be reassembled.");
     if (!m_latest || !m_latest->isComplete()) return;
-    deliver(*m_latest);
-    m_pending.finish(*m_latest);
-    m_latest = nullptr;
+    PendingMessage& message = *std::exchange(m_latest, nullptr);
+    try {
+        deliver(message);
+    } catch (...) {
+        m_pending.finish(message);
+        throw;
+    }
+    m_pending.finish(message);
 }
 
 void Packetization::deliver(PendingMessage& message) {
     NORVO_LOG(Trace, "Entire message found.");
     NORVO_LOG(Trace, "Message ID is ", message.id(), ".");
     NORVO_LOG(Trace, "Unassembled packets size: ", message.packetCount());
-    if (message.packetCount() == 0) {
-        NORVO_LOG(Warning, "Empty unassebled packets!!!");
-        return;
-    }
     const auto whole = message.join();
     if (!whole) return;
     NORVO_LOG(Trace, "Notifying observer.");

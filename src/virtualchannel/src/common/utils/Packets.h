@@ -11,9 +11,9 @@
 #include <new>
 #include <span>
 
+#include "LocalMutex.h"
 #include "PacketHeader.h"
 #include "PendingMessages.h"
-#include "RareContentionLock.h"
 
 namespace NorvoVirtualChannel {
 
@@ -77,6 +77,7 @@ public:
     static bool PacketSort(const Packet* a, const Packet* b);
 
 private:
+    friend class MessageCutter;
     friend class Packetization;
     struct BorrowTag {};
     Packet(BorrowTag, const void* raw, unsigned int length);
@@ -119,6 +120,40 @@ private:
     std::atomic<unsigned int> m_last;
 };
 
+// One message on its way out, cut into packets one by one, from its last packet to its first. One
+// thread at a time.
+class MessageCutter {
+public:
+    // Takes the next message ID. `data` must stay as it is until everything has been cut.
+    // `maxPacketSize` includes the header. There is nothing to cut of a message that cannot be:
+    // longer than 2 GiB - 25, null with a length, or with no room for payload in a packet.
+    MessageCutter(const void* data, unsigned int length, int maxPacketSize);
+    ~MessageCutter();
+    MessageCutter(const MessageCutter&) = delete;
+    MessageCutter& operator=(const MessageCutter&) = delete;
+
+    std::uint32_t total() const { return m_total; }
+    std::uint32_t remaining() const { return m_remaining; }
+    // The next packet; empty when there is none left. Throws std::bad_alloc, and may then be called
+    // again.
+    std::unique_ptr<Packet> next();
+
+private:
+    void beginBlock();
+
+    const std::byte* const m_data;
+    const unsigned int m_length;
+    const std::uint32_t m_payloadMax;
+    const std::uint32_t m_total;
+    const std::uint32_t m_id;
+    std::uint32_t m_remaining;
+    // Where the next packets are built: as many of the block's places are left.
+    PacketBlock* m_block = nullptr;
+    std::byte* m_wire = nullptr;
+    std::uint32_t m_built = 0;
+    std::uint32_t m_places = 0;
+};
+
 // Cuts and joins the messages of one channel.
 //
 // Sending: any number of threads at once. Receiving: meant for one thread; calls from several are
@@ -144,7 +179,7 @@ public:
     // Cuts a message into packets, each put at the FRONT of `out`, so that the last packet of the
     // message comes first; what `out` held before stays behind them. The packets belong to the
     // caller. Returns how many entries `out` then has. Nothing is added for a message that cannot
-    // be cut: longer than 2 GiB - 25, null with a length, or with no room for payload in a packet.
+    // be cut (MessageCutter).
     std::uint32_t PacketizeData(const void* data, unsigned int length, std::deque<Packet*>& out);
 
     // Takes in one valid packet, which stays the caller's, and delivers the message that it
@@ -161,7 +196,6 @@ public:
     void ForgetIncompleteMessages() { m_forget = true; }
 
 private:
-    std::uint32_t packetsNeeded(const void* data, unsigned int length) const;
     void deliverUnsplit(const Packet& packet) NORVO_REQUIRES(m_Mutex);
     void queue(const Packet& packet) NORVO_REQUIRES(m_Mutex);
     PendingMessage& findOrBegin(const Packet& packet) NORVO_REQUIRES(m_Mutex);
@@ -170,7 +204,7 @@ private:
     void forgetIfAsked() NORVO_REQUIRES(m_Mutex);
 
     const int m_maxPacketSize;
-    RareContentionLock m_Mutex;
+    VDIFrameworkCommon::LocalMutex m_Mutex;
     PacketizationObserver* const m_observer NORVO_PT_GUARDED_BY(m_Mutex);
     PendingMessages m_pending NORVO_GUARDED_BY(m_Mutex);
     // The message that a packet has just been added to, the only one that can be complete.

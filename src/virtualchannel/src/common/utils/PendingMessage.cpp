@@ -1,6 +1,7 @@
 #include "PendingMessage.h"
 
 #include <algorithm>
+#include <new>
 
 #include "Log.h"
 
@@ -21,22 +22,50 @@ void PendingMessage::start(std::int32_t id, std::uint32_t total) {
     m_arrived = 0;
     m_total = total;
     m_order = Order::Unknown;
+    m_lost = false;
     m_pieces.clear();
     m_origin = m_begin = m_end = 0;
+}
+
+void PendingMessage::add(const Header& header, const std::byte* payload) {
+    ++m_arrived;
+    noteSize(header);
+    if (m_lost) return;
+    m_order = orderWith(header.sequence, payload != nullptr);
+    // The first packet tells the direction that the others will most likely come from.
+    const bool inFront = m_order == Order::Falling ||
+                         (m_order == Order::Unknown && sequenceBefore(1, header.sequence));
+    if (payload && !makeRoom(header, inFront)) return lose();
+    Piece piece{header.sequence, header.payloadSize, kMissing};
+    if (payload) piece.position = inFront ? m_begin - piece.size : m_end;
+    try {
+        m_pieces.push_back(piece);
+    } catch (const std::bad_alloc&) {
+        return lose();
+    }
+    if (!payload) return;
+    (inFront ? m_begin : m_end) += inFront ? -std::int64_t{piece.size} : std::int64_t{piece.size};
+    if (piece.size > 0) std::memcpy(at(piece.position), payload, piece.size);
+}
+
+// A message with a hole in it must not pass for a whole one.
+void PendingMessage::lose() {
+    NORVO_LOG(Error, "No memory for a packet; its message is lost, ID: ", m_id);
+    m_lost = true;
+    m_block.reset();
+    m_pieces = {};
+    m_capacity = 0;
 }
 
 bool PendingMessage::grow(const Header& header, bool inFront) {
     const std::int64_t used = m_end - m_begin;
     const std::int64_t needed = used + header.payloadSize;
-    const std::int64_t plenty =
-        std::max(kGrowthFactor * needed, static_cast<std::int64_t>(kFirstCapacity));
     const std::int64_t announced = std::int64_t{header.messageSize} - kPacketHeaderSize;
-    const std::int64_t capacity = std::max({std::min(plenty, announced), needed, std::int64_t{1}});
-    Block grown(static_cast<std::byte*>(std::malloc(static_cast<std::size_t>(capacity))));
-    if (!grown) {
-        NORVO_LOG(Error, "No memory for a packet, payload size: ", header.payloadSize);
-        return false;
-    }
+    const std::int64_t plenty = kGrowthFactor * std::max(needed, std::int64_t{1});
+    const std::int64_t capacity = announced >= needed ? std::min(plenty, announced) : plenty;
+    Block grown(static_cast<std::byte*>(
+        std::malloc(static_cast<std::size_t>(std::max(capacity, std::int64_t{1})))));
+    if (!grown) return false;
     const std::int64_t start = inFront ? capacity - used : 0;
     if (used > 0) std::memcpy(grown.get() + start, at(m_begin), static_cast<std::size_t>(used));
     m_block = std::move(grown);
@@ -47,6 +76,10 @@ bool PendingMessage::grow(const Header& header, bool inFront) {
 
 std::optional<std::span<const std::byte>> PendingMessage::join() {
     const std::int64_t size = static_cast<std::int32_t>(m_messageSize - kPacketHeaderSize);
+    if (m_lost) {
+        NORVO_LOG(Error, "No memory for a message, size: ", size);
+        return std::nullopt;
+    }
     if (m_order == Order::Mixed) sortPieces();
     const std::int64_t carried = measure(size);
     if (carried == kTooMuch) {

@@ -21,19 +21,16 @@ constexpr bool sequenceBefore(std::uint32_t a, std::uint32_t b) {
 
 // The packets of one split message that have arrived so far. Not synchronised.
 //
-// Payloads go into one growing block: a packet that follows the one before it in the message is put
-// behind what is there, one that precedes it in front. Packets that come in rising or in falling
-// order so lie in order at the end, and the message is delivered from there without another copy.
-// The block is never larger than four times what has arrived, or `kFirstCapacity` when that is
-// more, or what an earlier message left.
+// Payloads go into one growing block. While the packets come in falling order, each is put in front
+// of what is there, else behind it. Packets in rising or falling order so lie in order at the end,
+// and the message is delivered from there without another copy. The block is never larger than four
+// times what has arrived, or what an earlier message left.
 class PendingMessage {
 public:
-    static constexpr std::size_t kFirstCapacity = 16 * 1024;
-
     // Makes this message `id`, of `total` packets and empty, keeping the memory it has.
     void start(std::int32_t id, std::uint32_t total);
     // Counts a packet and copies its payload, of the size that its header says. One without a
-    // payload (null), or one that there is no memory for, leaves a gap.
+    // payload (null) leaves a gap. When there is no memory, the whole message is lost.
     void add(const Header& header, const std::byte* payload);
 
     std::int32_t id() const { return m_id; }
@@ -44,8 +41,7 @@ public:
 
     // The message: payloads in the order of their sequences, then zeros up to the size that the
     // first of them announces. Valid until the next call of another operation. Nothing, after a log
-    // line, when they exceed that size or when there is no memory for it. To be called once, and
-    // with at least one packet.
+    // line, when they exceed that size or when there is no memory for it. To be called once.
     std::optional<std::span<const std::byte>> join();
 
     // Whether the memory kept is little enough to be held for the next message.
@@ -67,10 +63,11 @@ private:
     };
     using Block = std::unique_ptr<std::byte[], Free>;
 
+    Order orderWith(std::uint32_t sequence, bool hasBytes) const;
     bool makeRoom(const Header& header, bool inFront);
     bool grow(const Header& header, bool inFront);
+    void lose();
     std::byte* at(std::int64_t position) const { return m_block.get() + (m_origin + position); }
-    void note(const Piece& piece);
     void noteSize(const Header& header);
     // How many bytes have arrived with the message; `kTooMuch` when that exceeds `limit`.
     std::int64_t measure(std::int64_t limit) const;
@@ -83,6 +80,7 @@ private:
     std::uint32_t m_lowestSequence = 0;
     std::uint32_t m_messageSize = 0;  // as the packet with the lowest sequence has it
     Order m_order = Order::Unknown;
+    bool m_lost = false;          // there was no memory for a packet
     std::vector<Piece> m_pieces;  // in order of arrival until they are joined
 
     // What is used of the block is [m_begin, m_end), as positions; position 0 is m_origin bytes
@@ -94,20 +92,14 @@ private:
     std::int64_t m_end = 0;
 };
 
-inline void PendingMessage::add(const Header& header, const std::byte* payload) {
-    ++m_arrived;
-    Piece piece{header.sequence, header.payloadSize, kMissing};
-    // The first packet tells the direction that the others will most likely come from.
-    const bool inFront = m_pieces.empty()
-                             ? sequenceBefore(1, piece.sequence)
-                             : sequenceBefore(piece.sequence, m_pieces.back().sequence);
-    if (payload && makeRoom(header, inFront)) {
-        piece.position = inFront ? m_begin -= piece.size : m_end;
-        if (!inFront) m_end += piece.size;
-        if (piece.size > 0) std::memcpy(at(piece.position), payload, piece.size);
-    }
-    noteSize(header);
-    note(piece);
+inline PendingMessage::Order PendingMessage::orderWith(std::uint32_t sequence,
+                                                       bool hasBytes) const {
+    if (!hasBytes || m_order == Order::Mixed) return Order::Mixed;
+    if (m_pieces.empty()) return Order::Unknown;
+    const std::uint32_t last = m_pieces.back().sequence;
+    if (last == sequence) return Order::Mixed;
+    const Order step = sequenceBefore(last, sequence) ? Order::Rising : Order::Falling;
+    return m_order == Order::Unknown || m_order == step ? step : Order::Mixed;
 }
 
 inline bool PendingMessage::makeRoom(const Header& header, bool inFront) {
@@ -119,21 +111,9 @@ inline bool PendingMessage::makeRoom(const Header& header, bool inFront) {
 
 // Of packets with the same sequence the later one counts.
 inline void PendingMessage::noteSize(const Header& header) {
-    if (!m_pieces.empty() && sequenceBefore(m_lowestSequence, header.sequence)) return;
+    if (m_arrived > 1 && sequenceBefore(m_lowestSequence, header.sequence)) return;
     m_lowestSequence = header.sequence;
     m_messageSize = header.messageSize;
-}
-
-inline void PendingMessage::note(const Piece& piece) {
-    if (piece.position == kMissing) {
-        m_order = Order::Mixed;
-    } else if (!m_pieces.empty() && m_order != Order::Mixed) {
-        Order step = Order::Mixed;
-        if (sequenceBefore(m_pieces.back().sequence, piece.sequence)) step = Order::Rising;
-        if (sequenceBefore(piece.sequence, m_pieces.back().sequence)) step = Order::Falling;
-        m_order = m_order == Order::Unknown || m_order == step ? step : Order::Mixed;
-    }
-    m_pieces.push_back(piece);
 }
 
 }  // namespace NorvoVirtualChannel
