@@ -2,16 +2,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <future>
 #include <thread>
 
 #include "ChannelSupport.h"
 #include "Eventually.h"
 #include "KRANRunner.h"
 #include "LogCapture.h"
+#include "SharedMemoryFactory.h"
 #include "VCMessage.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;
+using NorvoVirtualChannel::StreamSend;
 using packettest::pattern;
 
 namespace {
@@ -19,13 +22,13 @@ namespace {
 using Calls = std::vector<std::string>;
 
 // A message of the agent at the far end.
-std::string agentMessage(VirtualChannelAgent::MessageTypeEnum type,
-                         const std::string& stream = {}) {
+std::string agentMessage(VirtualChannelAgent::MessageTypeEnum type, const std::string& stream = {},
+                         unsigned int streamType = 0) {
     VirtualChannelAgent::VCMessage message;
     message.setMessageType(type);
     if (!stream.empty()) {
         message.setStreamName(stream);
-        message.setStreamType(0);
+        message.setStreamType(streamType);
         message.setStreamSize(1000);
     }
     return packettest::textOf(message.wireBytes());
@@ -46,6 +49,13 @@ protected:
         for (const auto& packet : packetsOf(message, m_kind.maxMsgSize)) {
             ASSERT_EQ(receive(m_channel, packet), 0);
         }
+    }
+    std::future<StreamSend> streamSends(const std::string& message) {
+        return std::async(std::launch::async, [this, message] {
+            return m_channel.SendStreamData(message.data(),
+                                            static_cast<unsigned int>(message.size()), false,
+                                            [] { return true; });
+        });
     }
     // Sends a message whose packet the host does not take until the door is opened.
     void sendUpToTheDoor(const std::string& message) {
@@ -123,6 +133,59 @@ TEST_P(ChannelTest, PausesAfterElevenPacketsAndThenAfterEveryTen) {
     m_channel.Shutdown();  // of the worker, where the kind does that
     using Pauses = std::vector<std::size_t>;
     EXPECT_EQ(m_pauses, m_kind.breakTime == 0 ? Pauses{} : (Pauses{11, 21, 31}));
+}
+
+// The worker's count towards the next pause begins anew whenever it runs out of work.
+TEST_P(ChannelTest, PausesInTheSameWayWhenTheDataOfAStreamTakesItsTurns) {
+    open();
+    m_channel.onAgentStateChange(true);
+    m_host.onPacket = [&] { m_door.pass(); };
+    auto sending = streamSends(pattern(60 * (static_cast<std::size_t>(m_kind.maxMsgSize) - 24)));
+    m_door.open();
+    EXPECT_EQ(sending.get(), StreamSend::Sent);
+    ASSERT_TRUE(m_host.waitFor(60));
+    m_channel.onAgentStateChange(false);
+    m_channel.Shutdown();
+    using Pauses = std::vector<std::size_t>;
+    EXPECT_EQ(m_pauses, m_kind.breakTime == 0 ? Pauses{} : (Pauses{11, 21, 31, 41, 51}));
+}
+
+TEST_P(ChannelTest, AStreamWaitsForTheHostAndEndsWithItsConnection) {
+    open();
+    EXPECT_EQ(streamSends("nobody is there").get(), StreamSend::NotSent);
+    m_channel.onAgentStateChange(true);
+    sendUpToTheDoor("control");
+    auto sending = streamSends(pattern(500 * 4992));
+    EXPECT_EQ(sending.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    send(m_channel, "control does not wait");
+    m_channel.onAgentStateChange(false);
+    EXPECT_EQ(sending.get(), StreamSend::Dropped);
+    m_channel.onAgentStateChange(true);
+    EXPECT_EQ(streamSends("next").get(), StreamSend::Sent);
+    m_door.open();
+    ASSERT_TRUE(m_host.waitFor(2));
+    EXPECT_EQ(m_host.messages(), (Calls{"control", "next"}));
+    m_channel.onAgentStateChange(false);
+}
+
+// A real agent, whose stream is read on a thread that waits for a host that takes nothing.
+TEST_P(ChannelTest, AnAgentEndsWhileItsStreamsWaitForTheHost) {
+    namespace vca = VirtualChannelAgent;
+    m_channel.OnChannelInitialize();
+    m_channel.ChannelActive(1);
+    receiveAll(agentMessage(vca::CTL_CONNECTED));
+    receiveAll(agentMessage(vca::CTL_S_CREATE, "Media", 1));
+    receiveAll(agentMessage(vca::CTL_S_CREATED, "Media", 1));
+    holdUp(m_host, m_entered, m_door);
+    const auto segment = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    ASSERT_TRUE(segment->Create("Media", 1000));
+    const std::string message = pattern(100 * 4992);
+    EXPECT_TRUE(segment->WriteData(message.data(), static_cast<unsigned int>(message.size())));
+    ASSERT_TRUE(m_entered.waitFor(1));
+    m_channel.Shutdown();
+    m_door.open();
+    segment->Close();
+    EXPECT_LT(m_host.packets().size(), 20U);
 }
 
 TEST_P(ChannelTest, LosingThePeerDropsWhatIsNotSentYet) {

@@ -39,6 +39,7 @@ public:
     std::function<void()> onSend;
     std::function<void(bool)> onStateChange;
     std::function<void()> onQuestion;
+    std::function<bool()> onStreamData;  // whether it is taken
     std::function<void()> onWaitUntilSent;
 
     // To the agent, under the observer lock as a real channel does it.
@@ -79,6 +80,12 @@ public:
         std::lock_guard lock(m_sentMutex);
         m_sent.push_back({std::string(static_cast<const char*>(data), length), lowPriority});
         return 0;
+    }
+    NorvoVirtualChannel::StreamSend SendStreamData(const void* data, unsigned int length,
+                                                   bool lowPriority,
+                                                   const std::function<bool()>& goesOn) override {
+        if (onStreamData && !onStreamData()) return NorvoVirtualChannel::StreamSend::NotSent;
+        return VirtualChannel::SendStreamData(data, length, lowPriority, goesOn);
     }
     void AddObserver(NorvoVirtualChannel::Observer* observer) override {
         std::lock_guard lock(m_observerMutex);

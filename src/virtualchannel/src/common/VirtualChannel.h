@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 
 namespace NorvoVirtualChannel {
 
@@ -21,6 +22,13 @@ public:
 
 // The kinds of transport, by the numbers that hosts know them by (LanguageAbstraction.h).
 enum ChannelType : int { kCitrix = 1, kVMware = 2, kRdp = 3, kTcpSocket = 4 };
+
+// How a message of a stream has fared.
+enum class StreamSend {
+    Sent,     // all of it has been queued for the transport
+    NotSent,  // nothing of it has: it may be handed over again, once the agents are connected
+    Dropped,  // the channel was reset, or the sender gave up, when a part had been queued
+};
 
 // One transport.
 class VirtualChannel {
@@ -52,6 +60,18 @@ public:
     // Waits until what was queued before the call has been handed to the host, at most `limit`.
     // Whether it has been.
     virtual bool WaitUntilSent(std::chrono::milliseconds /*limit*/) { return true; }
+    // Hands over one message of a stream, which takes its turn with those of the other streams:
+    // waits until all of it has been queued. Ends early when the agents lose each other, when the
+    // channel is reset or shut down, and when `goesOn()` has become false (call
+    // WakeStreamSenders() then). `goesOn` is called with a lock held and takes none itself. One
+    // message of a stream at a time; any thread but one that is inside a callback. Never throws.
+    virtual StreamSend SendStreamData(const void* data, unsigned int length, bool lowPriority,
+                                      const std::function<bool()>& /*goesOn*/) {
+        SendData(data, length, lowPriority);
+        return StreamSend::Sent;
+    }
+    // Has those who wait in SendStreamData() look at their `goesOn()` again.
+    virtual void WakeStreamSenders() {}
 };
 
 }  // namespace NorvoVirtualChannel

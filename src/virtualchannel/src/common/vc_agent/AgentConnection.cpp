@@ -60,6 +60,7 @@ void AgentConnection::begin(const ConnectionState::Transition& transition) {
         AGENT_LOG(m_context, Warning, "Another virtual channel agent is marked as the active one.");
     }
     m_state.enter(transition);
+    m_context.letStreamsSend(true);
     if (m_outgoing.start() && m_checker.start()) return;
     AGENT_LOG(m_context, Error, "Cannot start the threads of a connection.");
     leave(Goodbye::Unsaid);
@@ -75,6 +76,7 @@ void AgentConnection::setDisconnected() {
 void AgentConnection::leave(Goodbye goodbye) {
     const auto& transition = m_state.next(Cause::Loss);
     m_state.enter(transition);
+    m_context.letStreamsSend(false);
     if (goodbye == Goodbye::Said) sayGoodbye();
     AGENT_LOG(m_context, Notice, "Virtual Channel Agents are disconnected");
     if (transition.beginsOrEndsThreads) {

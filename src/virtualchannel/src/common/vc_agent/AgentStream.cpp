@@ -76,10 +76,11 @@ void Agent::Stream::requestStop() {
         m_running = false;
     }
     m_queue.wake();
+    m_link.wakeSenders();
 }
 
 void Agent::Stream::close() {
-    requestStop();
+    requestStop();  // or the segment's read thread, which close() waits for, might wait for a turn
     // Closing the segment wakes a writer that waits for its reader.
     if (m_segment) {
         m_segment->unsubscribeAllObservers();
@@ -91,7 +92,7 @@ void Agent::Stream::close() {
 
 void Agent::Stream::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
     if (!m_running || m_context.stopping || message.empty()) return;
-    m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority);
+    m_link.sendRoutedData(m_name, m_type, m_size, std::move(message), m_lowPriority, m_running);
 }
 
 void Agent::Stream::WriterProcessingThread() {

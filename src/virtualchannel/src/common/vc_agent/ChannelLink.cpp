@@ -6,6 +6,14 @@ NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
 
 namespace VirtualChannelAgent {
 
+using lock_order::OrderedLock;
+using NorvoVirtualChannel::StreamSend;
+using NorvoVirtualChannel::VirtualChannel;
+
+namespace {
+constexpr std::uint64_t kNone = ~std::uint64_t{0};  // a generation that never comes
+}
+
 void ChannelLink::SendMessageToChannel(const VCMessage& message, bool lowPriority) {
     if (!message.isInitialized()) {
         AGENT_LOG(m_context, Error, "message not initialized: ");
@@ -18,14 +26,70 @@ void ChannelLink::SendMessageToChannel(const VCMessage& message, bool lowPriorit
 }
 
 void ChannelLink::sendRoutedData(const std::string& streamName, StreamType type, unsigned int size,
-                                 const std::string& data, bool lowPriority) {
+                                 std::string data, bool lowPriority,
+                                 const std::atomic<bool>& goesOn) {
     VCMessage message;
     message.setMessageType(CTL_S_ROUTE);
     message.setStreamName(streamName);
     message.setStreamType(static_cast<unsigned int>(type));
     message.setStreamSize(size);
     message.setRouteData(data.data(), static_cast<unsigned int>(data.size()));
-    SendMessageToChannel(message, lowPriority);
+    std::string().swap(data);  // the wait may be long
+    const auto bytes = message.wireBytes();
+    std::uint64_t generation = kNone;
+    const auto asBefore = [&] { return goesOn && m_generation == generation; };
+    StreamSend result = StreamSend::NotSent;
+    while (result == StreamSend::NotSent) {
+        VirtualChannel* const target = waitForConnection(generation, goesOn);
+        if (!target) return;
+        result = target->SendStreamData(bytes.data(), static_cast<unsigned int>(bytes.size()),
+                                        lowPriority, asBefore);
+    }
+    if (result == StreamSend::Dropped) {
+        AGENT_LOG(Notice,
+                  "The connection ended in the middle of a message, stream name: ", streamName,
+                  ", size: ", bytes.size());
+    }
+}
+
+VirtualChannel* ChannelLink::waitForConnection(std::uint64_t& generation,
+                                               const std::atomic<bool>& goesOn) {
+    OrderedLock lock(m_mutex, lock_order::leaf);
+    while (goesOn) {
+        VirtualChannel* const target = channel();
+        if (m_connected && target && m_generation != generation) {
+            generation = m_generation;
+            return target;
+        }
+        m_changed.wait(m_mutex);
+    }
+    return nullptr;
+}
+
+void ChannelLink::setChannel(VirtualChannel* channel) {
+    VirtualChannel* const old = m_pChannel;
+    change([&] { m_pChannel = channel; });
+    if (old) old->WakeStreamSenders();
+}
+
+void ChannelLink::setConnected(bool connected) {
+    change([&]() NORVO_REQUIRES(m_mutex) { m_connected = connected; });
+    if (auto* const target = channel()) target->WakeStreamSenders();
+}
+
+void ChannelLink::change(const std::function<void()>& step) {
+    OrderedLock lock(m_mutex, lock_order::leaf);
+    step();
+    ++m_generation;
+    m_changed.notify_all();
+}
+
+void ChannelLink::wakeSenders() {
+    {
+        OrderedLock lock(m_mutex, lock_order::leaf);
+        m_changed.notify_all();
+    }
+    if (auto* const target = channel()) target->WakeStreamSenders();
 }
 
 }  // namespace VirtualChannelAgent

@@ -17,7 +17,10 @@ protected:
         m_active = available;
         TransportChannel::beforeAvailabilityChange(available);
     }
-    void close() { m_active = false; }
+    void close() {
+        m_active = false;
+        noteAvailability();
+    }
 
 private:
     std::atomic<bool> m_active{false};

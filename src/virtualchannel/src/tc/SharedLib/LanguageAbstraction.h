@@ -16,7 +16,7 @@
  * wait for others say so. No function throws, with one exception: where a thread has to be started
  * and the system has none to give, a C++ exception (std::system_error) leaves InitialiseChannel,
  * PluginThreadCreate or WatchdogThreadCreate. After an InitialiseChannel that threw, the plug-in
- * is as before the first one.
+ * is as before the call. What there is no memory for is dropped with a log line.
  *
  * Callbacks are called with no lock of the plug-in held that another exported function would wait
  * for, so they may take the host's own locks and call exported functions. Shutdown and
@@ -55,6 +55,11 @@ extern "C" {
  *
  * Called on a thread of the plug-in, one packet at a time and in order; while it runs, further
  * packets wait. May call any exported function.
+ *
+ * The call may block, and should while the connection takes no more: that is how the plug-in learns
+ * to take no more from local processes. A callback that puts packets into a queue without end only
+ * moves the queue into the host. 256 KiB are enough to keep a fast connection busy; each call
+ * should end when the connection does.
  */
 typedef int (*AppendBufferFunc)(const void* data, uint32_t length, uintptr_t flag, void* context);
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 
 #include "LocalMutex.h"
 #include "ReentryMark.h"
@@ -31,11 +32,8 @@ public:
     bool notify(const Call& call) {
         Observer* const observer = enter();
         if (!observer) return false;
-        {
-            const ReentryMark mark(this);
-            call(*observer);
-        }
-        leave();
+        const Visit visit(*this);
+        call(*observer);
         return true;
     }
 
@@ -43,6 +41,22 @@ public:
     bool insideOnThisThread() const { return ReentryMark::isSet(this); }
 
 private:
+    // Ends a call, however it ends.
+    class Visit {
+    public:
+        explicit Visit(ObserverSlot& slot) : m_slot(slot) { m_mark.emplace(&slot); }
+        ~Visit() {
+            m_mark.reset();  // leave() asks whether this was the thread's outermost call
+            m_slot.leave();
+        }
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+
+    private:
+        ObserverSlot& m_slot;
+        std::optional<ReentryMark> m_mark;
+    };
+
     Observer* enter();
     void leave();
     bool takesTurns() const;

@@ -13,6 +13,7 @@ constexpr ChannelProfile kProfile{
     .packetsToSendPerBreak = 0,
     .breakTime = 0,
     .observerCalls = ObserverCalls::OneAtATime,
+    .flow = {.slice = 12, .quantum = 46, .backlog = 256, .lowWater = 170, .stage = 92},
     .name = "TCPSocketVirtualChannel",
     .source = "src/virtualchannel/src/tc/SharedLib/TCPSocketVirtualChannel",
 };
@@ -32,6 +33,12 @@ TCPSocketVirtualChannel::~TCPSocketVirtualChannel() { release(); }
 
 int TCPSocketVirtualChannel::SendData(const void* data, unsigned int length, bool /*lowPriority*/) {
     return TransportChannel::SendData(data, length, false);
+}
+
+StreamSend TCPSocketVirtualChannel::SendStreamData(const void* data, unsigned int length,
+                                                   bool /*lowPriority*/,
+                                                   const std::function<bool()>& goesOn) {
+    return TransportChannel::SendStreamData(data, length, false, goesOn);
 }
 
 void TCPSocketVirtualChannel::shutdownSteps() {

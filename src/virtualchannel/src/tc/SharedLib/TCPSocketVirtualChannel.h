@@ -15,6 +15,8 @@ public:
     ~TCPSocketVirtualChannel() override;
 
     int SendData(const void* data, unsigned int length, bool lowPriority) override;
+    StreamSend SendStreamData(const void* data, unsigned int length, bool lowPriority,
+                              const std::function<bool()>& goesOn) override;
 
 private:
     void shutdownSteps() override NORVO_REQUIRES(m_lifeMutex);

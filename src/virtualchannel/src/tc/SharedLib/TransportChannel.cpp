@@ -1,10 +1,13 @@
 #include "TransportChannel.h"
 
+#include <algorithm>
 #include <chrono>
+#include <span>
 #include <utility>
 #include <vector>
 
 #include "Acknowledgement.h"
+#include "Contained.h"
 #include "DataWorkers.h"
 #include "HostCallbacks.h"
 #include "KRANRunner.h"
@@ -23,7 +26,7 @@ constexpr bool kVerbose = true;
 
 struct TransportChannel::Parts {
     Parts(TransportChannel* channel, const ChannelProfile& profile, WorkerThread::Pause pause)
-        : packetizer(channel, profile.maxMsgSize), worker(std::move(pause)) {
+        : packetizer(channel, profile.maxMsgSize), worker(std::move(pause), &channel->m_turnstile) {
         worker.setPacketsToSendPerBreak(profile.packetsToSendPerBreak);
         worker.setBreakTime(profile.breakTime);
         worker.Start();
@@ -33,8 +36,30 @@ struct TransportChannel::Parts {
     WorkerThread worker;
 };
 
+// A message on its way out, made into the work of handing its packets to the host.
+class TransportChannel::OutgoingMessage final : public Turnstile::Message {
+public:
+    OutgoingMessage(const ChannelProfile& profile, const void* data, unsigned int length)
+        : m_profile(profile), m_cutter(data, length, profile.maxMsgSize) {
+        CHANNEL_LOG(Trace, "Iterating ", m_cutter.total(), " packet(s).");
+    }
+    std::size_t remaining() const override { return m_cutter.remaining(); }
+    void cut(std::size_t count, std::vector<WorkItem>& stage) override {
+        count = std::min(count, remaining());
+        stage.reserve(stage.size() + count);
+        for (; count > 0; --count) {
+            CHANNEL_LOG(Trace, "Getting payload data from the packet.");
+            stage.push_back(std::make_unique<DataWorker>(m_cutter.next(), kVerbose));
+        }
+    }
+
+private:
+    const ChannelProfile& m_profile;
+    MessageCutter m_cutter;
+};
+
 TransportChannel::TransportChannel(const ChannelProfile& profile, WorkerThread::Pause pause)
-    : m_profile(profile), m_observer(profile.observerCalls) {
+    : m_profile(profile), m_observer(profile.observerCalls), m_turnstile(profile.flow) {
     CHANNEL_LOG(Trace, m_profile.name, "()");
     m_parts = std::make_shared<Parts>(this, m_profile, std::move(pause));
 }
@@ -96,6 +121,7 @@ void TransportChannel::deleteAgent() {
 }
 
 void TransportChannel::deleteParts() {
+    m_turnstile.close();
     std::shared_ptr<Parts> parts;
     {
         LocalLock lock(m_partsMutex);
@@ -118,30 +144,38 @@ int TransportChannel::SendData(const void* data, unsigned int length, bool lowPr
     }
     const auto parts = this->parts();
     if (!parts) return 0;
-    CHANNEL_LOG(Trace, "Creating packet queue.");
-    // Kept from one message to the next: they would cost more than the packets.
-    thread_local std::deque<Packet*> packets;
-    thread_local std::vector<WorkItem> work;
-    parts->packetizer.PacketizeData(data, length, packets);
-    CHANNEL_LOG(Trace, "Iterating ", packets.size(), " packet(s).");
-    for (Packet* packet : packets) addWork(std::unique_ptr<Packet>(packet), work);
-    parts->worker.AddWork(work, lowPriority);
-    packets.clear();
-    work.clear();
+    contained("Sending a message", [&] {
+        CHANNEL_LOG(Trace, "Creating packet queue.");
+        std::vector<WorkItem> packets;
+        OutgoingMessage message(m_profile, data, length);
+        message.cut(message.remaining(), packets);
+        parts->worker.AddWork(packets, lowPriority);
+    });
     return 0;
 }
 
-void TransportChannel::addWork(std::unique_ptr<Packet> packet, std::vector<WorkItem>& work) const {
-    if (!packet) {
-        CHANNEL_LOG(Trace, "The packet is null, can't send it out.");
-        return;
-    }
-    CHANNEL_LOG(Trace, "Getting payload data from the packet.");
-    work.push_back(std::make_unique<DataWorker>(std::move(packet), kVerbose));
+StreamSend TransportChannel::SendStreamData(const void* data, unsigned int length, bool lowPriority,
+                                            const std::function<bool()>& goesOn) {
+    CHANNEL_LOG(Trace, m_profile.name, "::SendStreamData()");
+    const auto parts = this->parts();
+    if (!parts) return StreamSend::NotSent;
+    StreamSend result = StreamSend::Dropped;
+    contained("Sending a message of a stream", [&] {
+        CHANNEL_LOG(Trace, "Creating packet queue.");
+        OutgoingMessage message(m_profile, data, length);
+        result = m_turnstile.pass(message, lowPriority, parts->worker, goesOn);
+    });
+    return result;
+}
+
+bool TransportChannel::WaitUntilSent(std::chrono::milliseconds limit) {
+    const auto parts = this->parts();
+    return !parts || parts->worker.WaitUntilIdle(limit);
 }
 
 void TransportChannel::ResetChannel() {
-    if (const auto parts = this->parts()) parts->worker.ResetQueue();
+    const auto parts = this->parts();
+    m_turnstile.reset(parts ? &parts->worker : nullptr);
     Acknowledgement::GetInstance()->ClearCurrentAck();
 }
 
@@ -197,10 +231,17 @@ void TransportChannel::ChannelActive(int state) {
     if (state != 0 && state != 1) return;
     const bool available = state == 1;
     if (m_available.exchange(available) != available) ForgetIncompleteMessages();
-    m_observer.notify([&](Observer& observer) {
+    const bool observed = m_observer.notify([&](Observer& observer) {
         beforeAvailabilityChange(available);
+        noteAvailability();
         observer.OnVirtualChannelAvailabilityChange(available);
     });
+    if (!observed) noteAvailability();
+}
+
+void TransportChannel::noteAvailability() {
+    const auto parts = this->parts();
+    m_turnstile.setAvailable(m_available && isOpen(), parts ? &parts->worker : nullptr);
 }
 
 void TransportChannel::beforeAvailabilityChange(bool available) {
@@ -210,7 +251,9 @@ void TransportChannel::beforeAvailabilityChange(bool available) {
 void TransportChannel::onAgentStateChange(bool connected) {
     if (connected) {
         startKRAN();
+        m_turnstile.open();
     } else {
+        m_turnstile.close();
         stopKRAN();
         ResetChannel();
     }

@@ -3,15 +3,14 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 #include "LocalMutex.h"
 #include "Log.h"
 #include "ObserverSlot.h"
 #include "Packets.h"
+#include "Turnstile.h"
 #include "VirtualChannel.h"
 #include "WorkerThread.h"
 
@@ -28,6 +27,7 @@ struct ChannelProfile {
     int packetsToSendPerBreak;
     int breakTime;  // ms; 0: never pauses
     ObserverCalls observerCalls;
+    FlowLimits flow;
     std::string_view name;    // class name, as traced
     std::string_view source;  // source name of the class's log lines
 };
@@ -69,6 +69,10 @@ public:
     void* GetClientWindowHandleFromServerWindowHandle(void* serverWindow) override;
     void onAgentStateChange(bool connected) override;
     void ForgetIncompleteMessages() override;
+    StreamSend SendStreamData(const void* data, unsigned int length, bool lowPriority,
+                              const std::function<bool()>& goesOn) override;
+    void WakeStreamSenders() override { m_turnstile.wakeSenders(); }
+    bool WaitUntilSent(std::chrono::milliseconds limit) override;
 
     // ---- PacketizationObserver
 
@@ -87,6 +91,8 @@ protected:
     // ---- Steps to build them from
 
     int takePacket(const void* data, unsigned int length);
+    // To be called when what isOpen() answers has changed.
+    void noteAvailability();
     void setObserver(Observer* observer) { m_observer.set(observer); }
     // Tells the observer of the shutdown. False when there is none.
     bool notifyShutdown();
@@ -104,15 +110,16 @@ protected:
 
 private:
     struct Parts;
+    class OutgoingMessage;
 
     // A call of the channel that is under way keeps what it uses.
     std::shared_ptr<Parts> parts();
     bool insideCallback(const char* operation) const;
-    void addWork(std::unique_ptr<Packet> packet, std::vector<WorkItem>& work) const;
 
     ObserverSlot m_observer;
     std::atomic<bool> m_available{false};  // as the host said last
     std::unique_ptr<VirtualChannelAgent::Agent> m_agent NORVO_GUARDED_BY(m_lifeMutex);
+    Turnstile m_turnstile;  // outlives the worker, which takes from it
     VDIFrameworkCommon::LocalMutex m_partsMutex;
     std::shared_ptr<Parts> m_parts NORVO_GUARDED_BY(m_partsMutex);
     // Parts whose worker did not come back from the host when it was stopped.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Contained.h"
 #include "CpuRelax.h"
 #include "CurrentCpu.h"
 #include "Log.h"
@@ -22,7 +23,8 @@ constexpr unsigned int kHighPriorityPerLow = 3;
 constexpr int kLooksPerClockRead = 16;
 }  // namespace
 
-WorkerThread::WorkerThread(Pause pause) : m_pause(std::move(pause)) {
+WorkerThread::WorkerThread(Pause pause, WorkSource* source)
+    : m_pause(std::move(pause)), m_source(source) {
     NORVO_LOG(Trace, "WorkerThread()");
 }
 
@@ -50,31 +52,34 @@ void WorkerThread::run() {
     LocalLock lock(m_workMutex);
     m_ended = true;
     m_endCondition.notify_all();
+    m_idleCondition.notify_all();
 }
 
 void WorkerThread::AddWork(WorkItem item, bool lowPriority) {
-    NORVO_LOG(Trace, "WorkerThread::AddWork()");
-    if (lowPriority) {
-        addLowPriorityWork(std::move(item));
-    } else {
-        addHighPriorityWork(std::move(item));
-    }
-    traceAndWake();
+    AddWork(std::span(&item, 1), lowPriority);
 }
 
 void WorkerThread::AddWork(std::span<WorkItem> items, bool lowPriority) {
     NORVO_LOG(Trace, "WorkerThread::AddWork()");
-    Queue& queue = lowPriority ? m_lowPriority : m_highPriority;
-    {
+    Queue& queue = queueOf(lowPriority);
+    try {
         LocalLock lock(queue.mutex);
         for (WorkItem& item : items) {
-            queue.items.push_back(std::move(item));
+            push(queue, item);
             NORVO_LOG(Trace, "AddWork --- ", lowPriority ? "LowPriority" : "HighPriority",
                       ", size = ", queue.items.size());
         }
-        m_queued += items.size();
+    } catch (...) {
+        traceAndWake();  // for those that were queued
+        throw;
     }
     traceAndWake();
+}
+
+void WorkerThread::push(Queue& queue, WorkItem& item) {
+    queue.items.push_back(std::move(item));
+    ++queue.size;
+    ++m_queued;
 }
 
 void WorkerThread::traceAndWake() {
@@ -91,20 +96,17 @@ void WorkerThread::wake() {
     m_workCondition.notify_all();
 }
 
-void WorkerThread::append(Queue& queue, WorkItem item, const char* label) {
+void WorkerThread::append(bool lowPriority, WorkItem item) {
+    Queue& queue = queueOf(lowPriority);
     LocalLock lock(queue.mutex);
-    queue.items.push_back(std::move(item));
-    ++m_queued;
-    NORVO_LOG(Trace, "AddWork --- ", label, ", size = ", queue.items.size());
+    push(queue, item);
+    NORVO_LOG(Trace, "AddWork --- ", lowPriority ? "LowPriority" : "HighPriority",
+              ", size = ", queue.items.size());
 }
 
-void WorkerThread::addLowPriorityWork(WorkItem item) {
-    append(m_lowPriority, std::move(item), "LowPriority");
-}
+void WorkerThread::addLowPriorityWork(WorkItem item) { append(true, std::move(item)); }
 
-void WorkerThread::addHighPriorityWork(WorkItem item) {
-    append(m_highPriority, std::move(item), "HighPriority");
-}
+void WorkerThread::addHighPriorityWork(WorkItem item) { append(false, std::move(item)); }
 
 WorkItem WorkerThread::pop(Queue& queue, const char* label) {
     LocalLock lock(queue.mutex);
@@ -112,6 +114,7 @@ WorkItem WorkerThread::pop(Queue& queue, const char* label) {
     if (queue.items.empty()) return nullptr;
     WorkItem item = std::move(queue.items.front());
     queue.items.pop_front();
+    --queue.size;
     --m_queued;
     return item;
 }
@@ -188,6 +191,7 @@ void WorkerThread::park(Clock::time_point start) {
     {
         LocalLock lock(m_workMutex);
         m_parked = true;
+        m_idleCondition.notify_all();
         while (m_running && m_queued == 0) m_workCondition.wait(m_workMutex);
         m_parked = false;
     }
@@ -198,11 +202,18 @@ void WorkerThread::park(Clock::time_point start) {
 void WorkerThread::drain() {
     m_highPriorityStreak.store(0, std::memory_order_relaxed);
     int countdown = m_packetsPerBreak;
-    while (QueueSize() != 0) {
-        if (WorkItem item = popWork()) item->DoWork();
+    while (hasWork()) {
+        if (const WorkItem item = popWork()) contained("Sending a packet", [&] { item->DoWork(); });
         NORVO_LOG(Trace, "Size of work queue after completing an item: ", highPriorityQueueSize());
         pauseIfDue(countdown);
     }
+}
+
+// A burst ends, and with it the count towards the next pause, when the queues are empty: so they
+// are refilled first.
+bool WorkerThread::hasWork() {
+    if (m_source && m_running) m_source->refill(*this);
+    return QueueSize() != 0;
 }
 
 void WorkerThread::pauseIfDue(int& countdown) {
@@ -278,6 +289,16 @@ bool WorkerThread::StopWithin(std::chrono::milliseconds limit) {
     return true;
 }
 
+bool WorkerThread::WaitUntilIdle(std::chrono::milliseconds limit) {
+    const Clock::time_point deadline = Clock::now() + limit;
+    if (onOwnThread()) return false;
+    LocalLock lock(m_workMutex);
+    while (!m_ended && (!m_parked || m_queued != 0)) {
+        if (!m_idleCondition.wait_until(m_workMutex, deadline)) return false;
+    }
+    return true;
+}
+
 void WorkerThread::ResetQueue() {
     NORVO_LOG(Trace, "WorkerThread::ResetQueue()");
     clear(m_highPriority);
@@ -289,6 +310,7 @@ void WorkerThread::clear(Queue& queue) {
     std::deque<WorkItem> dropped;  // made before the lock, so that its items go after it
     LocalLock lock(queue.mutex);
     dropped.swap(queue.items);
+    queue.size -= dropped.size();
     m_queued -= dropped.size();
 }
 

@@ -23,6 +23,17 @@ public:
 
 using WorkItem = std::unique_ptr<WorkObject>;
 
+class WorkerThread;
+
+// Where a worker looks for more to do, besides its queues.
+class WorkSource {
+public:
+    virtual ~WorkSource() = default;
+    // Queues what is due with AddWork(). Called on the worker's thread before it looks whether its
+    // queues are empty, which is before each item: must be cheap when there is nothing to do.
+    virtual void refill(WorkerThread& worker) = 0;
+};
+
 // Runs work items on one thread of its own, in the order they were queued within a priority; while
 // both priorities wait, every fourth item is a low-priority one. Paces its output: with a break
 // time set, it pauses after the first (packets to send per break + 1) items of a burst and then
@@ -36,7 +47,8 @@ public:
     using Pause = std::function<void(std::chrono::milliseconds)>;
 
     // `pause` stands in for the real pauses, which Stop() cuts short when nothing is left to send.
-    explicit WorkerThread(Pause pause = {});
+    // `source` (not owned; may be null) is asked while the worker is not stopped, and outlives it.
+    explicit WorkerThread(Pause pause = {}, WorkSource* source = nullptr);
     // Stops the thread when the owner has not, and drops what is still queued.
     ~WorkerThread();
     WorkerThread(const WorkerThread&) = delete;
@@ -53,7 +65,7 @@ public:
     // An empty item is queued and skipped.
     void AddWork(WorkItem item, bool lowPriority);
     // Takes all items, which are left empty, and queues them in their order, next to each other,
-    // with one wake-up.
+    // with one wake-up. Throws std::bad_alloc with the items that it could not queue still there.
     void AddWork(std::span<WorkItem> items, bool lowPriority);
 
     // The steps of AddWork() without the wake-up.
@@ -69,6 +81,10 @@ public:
     std::size_t lowPriorityQueueSize() const;
     std::size_t highPriorityQueueSize() const;
     std::size_t QueueSize() const { return m_queued.load(std::memory_order_relaxed); }
+    // The size of one queue, without its lock.
+    std::size_t backlog(bool lowPriority) const {
+        return (lowPriority ? m_lowPriority : m_highPriority).size.load(std::memory_order_relaxed);
+    }
 
     // The thread's body: returns 0 once the worker is stopped and what was queued has been run.
     int DoWork();
@@ -84,14 +100,21 @@ public:
     // Drops everything queued, unrun.
     void ResetQueue();
 
+    // Waits until everything queued has been run. False when that takes longer than `limit`, and on
+    // the worker's own thread.
+    bool WaitUntilIdle(std::chrono::milliseconds limit);
+
 private:
     struct Queue {
         mutable VDIFrameworkCommon::LocalMutex mutex;
         std::deque<WorkItem> items NORVO_GUARDED_BY(mutex);
+        std::atomic<std::size_t> size{0};  // of items; written under the mutex
     };
 
     void run();
-    void append(Queue& queue, WorkItem item, const char* label);
+    Queue& queueOf(bool lowPriority) { return lowPriority ? m_lowPriority : m_highPriority; }
+    void append(bool lowPriority, WorkItem item);
+    void push(Queue& queue, WorkItem& item) NORVO_REQUIRES(queue.mutex);
     WorkItem pop(Queue& queue, const char* label);
     void clear(Queue& queue);
     void traceAndWake();
@@ -100,6 +123,7 @@ private:
     bool spinForWork(std::chrono::steady_clock::time_point start) const;
     void park(std::chrono::steady_clock::time_point start);
     void drain();
+    bool hasWork();
     void pauseIfDue(int& countdown);
     void sleep(std::chrono::milliseconds time);
     void requestStop();
@@ -120,6 +144,7 @@ private:
     std::atomic<unsigned int> m_highPriorityStreak{0};
 
     const Pause m_pause;
+    WorkSource* const m_source;
     // How much longer than asked the last pause took; only on the worker's thread.
     std::chrono::steady_clock::duration m_overslept{0};
 
@@ -131,6 +156,7 @@ private:
     VDIFrameworkCommon::LocalCondition m_workCondition;
     VDIFrameworkCommon::LocalCondition m_stopCondition;
     VDIFrameworkCommon::LocalCondition m_endCondition;
+    VDIFrameworkCommon::LocalCondition m_idleCondition;
     bool m_ended NORVO_GUARDED_BY(m_workMutex) = true;
     std::atomic<bool> m_parked{false};
 

@@ -1,0 +1,16 @@
+#include "Contained.h"
+
+#include "Log.h"
+
+NORVO_LOG_SOURCE("src/virtualchannel/src/tc/common/Contained")
+
+namespace NorvoVirtualChannel::tc {
+
+void reportFailure(const char* what, const char* why) noexcept {
+    try {
+        NORVO_LOG(Error, what, " has failed: ", why);
+    } catch (...) {  // NOLINT(bugprone-empty-catch): there is no other place to tell it
+    }
+}
+
+}  // namespace NorvoVirtualChannel::tc

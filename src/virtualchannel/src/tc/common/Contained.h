@@ -1,0 +1,25 @@
+#pragma once
+
+#include <exception>
+
+namespace NorvoVirtualChannel::tc {
+
+// Logs that `what` has failed because of `why`, if there is memory for that.
+void reportFailure(const char* what, const char* why) noexcept;
+
+// Runs `call` where nothing may be thrown: at the boundary to the host, and on threads of our own.
+// What it throws is logged as the failure of `what`; false then.
+template <class Call>
+bool contained(const char* what, const Call& call) noexcept {
+    try {
+        call();
+        return true;
+    } catch (const std::exception& failure) {
+        reportFailure(what, failure.what());
+    } catch (...) {
+        reportFailure(what, "unknown exception");
+    }
+    return false;
+}
+
+}  // namespace NorvoVirtualChannel::tc

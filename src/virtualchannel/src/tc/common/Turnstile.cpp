@@ -1,0 +1,183 @@
+#include "Turnstile.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "Contained.h"
+
+namespace NorvoVirtualChannel::tc {
+
+using VDIFrameworkCommon::LocalLock;
+
+namespace {
+constexpr unsigned int kShortPerSlice = 3;
+}
+
+// ---- States
+
+void Turnstile::open() {
+    LocalLock lock(m_mutex);
+    m_open = true;
+    noteWaiting();
+}
+
+void Turnstile::close() {
+    LocalLock lock(m_mutex);
+    m_open = false;
+    sendAllAway(StreamSend::NotSent);
+}
+
+void Turnstile::setAvailable(bool available, WorkerThread* worker) {
+    LocalLock lock(m_mutex);
+    m_available = available;
+    for (const bool lowPriority : {false, true}) {
+        if (worker) fill(lowPriority, *worker);
+    }
+    noteWaiting();
+}
+
+void Turnstile::reset(WorkerThread* worker) {
+    LocalLock lock(m_mutex);
+    sendAllAway(StreamSend::Dropped);
+    if (worker) worker->ResetQueue();
+}
+
+// ---- Senders
+
+StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& worker,
+                           const std::function<bool()>& goesOn) {
+    Sender sender(message.remaining() <= m_limits.slice);
+    std::uint64_t epoch = 0;
+    while (message.remaining() > 0) {
+        sender.stage.clear();
+        sender.next = 0;
+        message.cut(m_limits.stage, sender.stage);
+        LocalLock lock(m_mutex);
+        if (!sender.begun) epoch = m_epoch;
+        if (!m_open || epoch != m_epoch) return sender.outcome(StreamSend::NotSent);
+        enter(sender, lowPriority);
+        // A worker that is quicker than this thread waits for its next slice.
+        if (!sender.isShort) noteWaiting();
+        fill(lowPriority, worker);
+        noteWaiting();
+        while (sender.waits && goesOn()) sender.changed.wait(m_mutex);
+        if (sender.waits) leave(sender, lowPriority);
+        if (sender.left() > 0) return sender.outcome(sender.ifNotBegun);
+    }
+    return StreamSend::Sent;
+}
+
+void Turnstile::wakeSenders() {
+    LocalLock lock(m_mutex);
+    for (const Lane& lane : m_lanes) {
+        for (const Senders* senders : {&lane.shortOnes, &lane.longOnes}) {
+            for (Sender* const sender : *senders) sender->changed.notify_all();
+        }
+    }
+}
+
+std::size_t Turnstile::waiting() const {
+    LocalLock lock(m_mutex);
+    std::size_t count = 0;
+    for (const Lane& lane : m_lanes) count += lane.shortOnes.size() + lane.longOnes.size();
+    return count;
+}
+
+void Turnstile::enter(Sender& sender, bool lowPriority) {
+    Senders& senders = m_lanes[lowPriority].sendersLike(sender);
+    senders.splice(senders.end(), sender.place);
+    sender.waits = true;
+}
+
+void Turnstile::leave(Sender& sender, bool lowPriority) {
+    Lane& lane = m_lanes[lowPriority];
+    Senders& senders = lane.sendersLike(sender);
+    const auto place = std::find(senders.begin(), senders.end(), &sender);
+    if (!sender.isShort && place == senders.begin()) lane.turn = 0;
+    remove(senders, place);
+    noteWaiting();
+}
+
+// Whoever is taken out of a lane is also woken.
+void Turnstile::remove(Senders& senders, Senders::iterator place) {
+    Sender& sender = **place;
+    sender.place.splice(sender.place.end(), senders, place);
+    sender.waits = false;
+    sender.changed.notify_all();
+}
+
+void Turnstile::sendAllAway(StreamSend ifNotBegun) {
+    ++m_epoch;
+    for (Lane& lane : m_lanes) {
+        lane.turn = 0;
+        for (Senders* const senders : {&lane.shortOnes, &lane.longOnes}) {
+            while (!senders->empty()) {
+                senders->front()->ifNotBegun = ifNotBegun;
+                remove(*senders, senders->begin());
+            }
+        }
+    }
+    noteWaiting();
+}
+
+// ---- The worker
+
+void Turnstile::refill(WorkerThread& worker) {
+    for (const bool lowPriority : {false, true}) {
+        if (!m_lanes[lowPriority].waits.load(std::memory_order_relaxed)) continue;
+        if (worker.backlog(lowPriority) > m_limits.lowWater) continue;
+        LocalLock lock(m_mutex);
+        fill(lowPriority, worker);
+        noteWaiting();
+    }
+}
+
+void Turnstile::fill(bool lowPriority, WorkerThread& worker) {
+    Lane& lane = m_lanes[lowPriority];
+    if (!m_open || !m_available) return;
+    while (!lane.isEmpty()) {
+        Senders& senders = nextIn(lane);
+        const std::size_t count = nextSlice(lane, *senders.front());
+        if (worker.backlog(lowPriority) + count > m_limits.backlog) break;
+        lane.shortInARow = &senders == &lane.longOnes ? 0 : lane.shortInARow + 1;
+        take(lane, senders, count, worker);
+    }
+}
+
+Turnstile::Senders& Turnstile::nextIn(Lane& lane) {
+    const bool shortOne =
+        !lane.shortOnes.empty() && (lane.longOnes.empty() || lane.shortInARow < kShortPerSlice);
+    return shortOne ? lane.shortOnes : lane.longOnes;
+}
+
+std::size_t Turnstile::nextSlice(const Lane& lane, const Sender& sender) const {
+    const std::size_t slice = std::min(m_limits.slice, sender.left());
+    return sender.isShort ? slice : std::min(slice, m_limits.quantum - lane.turn);
+}
+
+void Turnstile::take(Lane& lane, Senders& senders, std::size_t count, WorkerThread& worker) {
+    Sender& sender = *senders.front();
+    const bool lowPriority = &lane == &m_lanes[1];
+    const std::span<WorkItem> slice = std::span(sender.stage).subspan(sender.next, count);
+    sender.begun = true;
+    if (!contained("Queueing packets", [&] { worker.AddWork(slice, lowPriority); })) {
+        remove(senders, senders.begin());
+        return;
+    }
+    sender.next += count;
+    if (!sender.isShort) lane.turn += count;
+    if (sender.left() == 0) {
+        if (!sender.isShort) lane.turn = 0;
+        remove(senders, senders.begin());
+    } else if (lane.turn == m_limits.quantum && !sender.isShort) {
+        lane.turn = 0;
+        senders.splice(senders.end(), senders, senders.begin());
+    }
+}
+
+void Turnstile::noteWaiting() {
+    for (Lane& lane : m_lanes) lane.waits = m_open && m_available && !lane.isEmpty();
+}
+
+}  // namespace NorvoVirtualChannel::tc
