@@ -19,4 +19,6 @@ add_custom_target(full_runs
     COMMAND ${CMAKE_COMMAND} -E env NORVO_HOSTILE_MESSAGES=1000000
             NORVO_BACK_TO_BACK_MESSAGES=100000 NORVO_BACK_TO_BACK_ROUNDS=100
             $<TARGET_FILE:norvo_tests> --gtest_filter=AgentHostile.*:BackToBack*
+    COMMAND $<TARGET_FILE:norvo_tests> --gtest_filter=KilledSender* --gtest_repeat=25
+            --gtest_fail_fast
     USES_TERMINAL VERBATIM)
