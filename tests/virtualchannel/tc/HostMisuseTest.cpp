@@ -2,13 +2,19 @@
 // since the channels of a process are made once.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <barrier>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
+#include "AllocationFailure.h"
 #include "ChannelSupport.h"
 #include "ChildProcess.h"
 #include "LanguageAbstraction.h"
@@ -224,6 +230,70 @@ void shutdownInsideAQuestion(std::uint32_t kind) {
     Shutdown();
 }
 
+// Each step with each of its allocations failing in turn: a message or packet may be lost, and
+// nothing else.
+void noMemory(std::uint32_t kind) {
+    auto packets = packetsOf(packettest::pattern(20000), 1000);
+    std::string message = packettest::pattern(20000);
+    EXPECT_GT(failEachAllocation([&] { initialise(kind, [] { ++g_calls; }); }), 10);
+    ChannelActive(1);
+    EXPECT_GT(failEachAllocation([&] { channelOf(kind).SendData(message.data(), 20000, false); }),
+              4);
+    EXPECT_GT(failEachAllocation([&] {
+                  for (auto& packet : packets) {
+                      ReceiveData(reinterpret_cast<unsigned char*>(packet.data()),
+                                  static_cast<std::uint32_t>(packet.size()));
+                  }
+              }),
+              1);
+    channelOf(kind).ResetChannel();
+    const int before = g_calls;
+    sendFrom(kind, 2);
+    EXPECT_TRUE(eventually([&] { return g_calls >= before + 2; }));
+    EXPECT_EQ(receiveOne(), 0U);
+    Shutdown();
+}
+
+// The system has no thread to give; the channel that runs is none the worse for it.
+void noThread(std::uint32_t kind) {
+    const auto failsToInitialise = [](std::uint32_t which) {
+        std::size_t pages = 0;
+        if (kSanitized || !(std::ifstream("/proc/self/statm") >> pages)) return;
+        rlimit before{};
+        getrlimit(RLIMIT_AS, &before);
+        const rlimit noStack{pages * static_cast<std::size_t>(getpagesize()) + (3U << 20),
+                             before.rlim_max};
+        setrlimit(RLIMIT_AS, &noStack);
+        EXPECT_THROW(initialise(which), std::system_error);
+        setrlimit(RLIMIT_AS, &before);
+    };
+    failsToInitialise(kind);
+    EXPECT_EQ(receiveOne(), kSanitized ? receiveOne() : 0xFFFFFFFF);
+    initialise(kind);
+    EXPECT_EQ(receiveOne(), 0U);
+    failsToInitialise(kind % 4 + 1);
+    EXPECT_EQ(receiveOne(), 0U);
+    Shutdown();
+}
+
+// No lock that these need is held while the callback runs.
+void callbackInitialises(std::uint32_t kind) {
+    static std::uint32_t again;
+    again = kind;
+    static std::atomic<bool> done{false};
+    begin(kind, [] {
+        if (g_calls++ != 0) return;
+        std::thread([] {
+            AppendDataToBuffer("", 0, 0);
+            InitialiseChannel(append, again, reinterpret_cast<void*>(OnPacket{doNothing}));
+        }).join();
+        done = true;
+    });
+    sendFrom(kind, 1);
+    EXPECT_TRUE(eventually([] { return done.load(); }));
+    Shutdown();
+}
+
 const std::map<std::string, std::function<void(std::uint32_t kind)>> kCases{
     {"beforeInitialisation", beforeInitialisation},
     {"unknownKinds", unknownKinds},
@@ -232,6 +302,9 @@ const std::map<std::string, std::function<void(std::uint32_t kind)>> kCases{
     {"getInstanceAtOnce", getInstanceAtOnce},
     {"slowCallback", slowCallback},
     {"callbackCallsBack", callbackCallsBack},
+    {"callbackInitialises", callbackInitialises},
+    {"noMemory", noMemory},
+    {"noThread", noThread},
     {"callbackTakesTheHostsLock", callbackTakesTheHostsLock},
     {"shutdownInsideTheAppendCallback", shutdownInsideTheAppendCallback},
     {"shutdownInsideAQuestion", shutdownInsideAQuestion},

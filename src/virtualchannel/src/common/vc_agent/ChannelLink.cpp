@@ -46,7 +46,7 @@ void ChannelLink::sendRoutedData(const std::string& streamName, StreamType type,
                                         lowPriority, asBefore);
     }
     if (result == StreamSend::Dropped) {
-        AGENT_LOG(Notice,
+        AGENT_LOG(m_context, Notice,
                   "The connection ended in the middle of a message, stream name: ", streamName,
                   ", size: ", bytes.size());
     }

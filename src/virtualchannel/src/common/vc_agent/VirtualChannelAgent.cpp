@@ -101,6 +101,15 @@ struct Agent::Parts final : AgentContext {
 Agent::Agent(VirtualChannel* channel, const std::string& name,
              std::shared_ptr<AgentEnvironment> environment)
     : m_parts(std::make_unique<Parts>(name, std::move(environment))) {
+    try {
+        begin(channel);
+    } catch (...) {
+        end(Ending::Silent);  // the channel must not keep an observer that is no more
+        throw;
+    }
+}
+
+void Agent::begin(VirtualChannel* channel) {
     const AgentContext& context = *m_parts;
     AGENT_LOG(context, Notice, "Virtual Channel Agent created (PRINT_MESSAGES: ", "disabled",
               "), version: ", kChannelVersion);

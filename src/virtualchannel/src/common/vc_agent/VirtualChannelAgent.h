@@ -74,6 +74,7 @@ public:
 private:
     struct Parts;
     enum class Ending { Orderly, Silent };
+    void begin(NorvoVirtualChannel::VirtualChannel* channel);
     void end(Ending ending);
 
     const std::unique_ptr<Parts> m_parts;

@@ -2,8 +2,12 @@
 
 #include <atomic>
 #include <cstddef>
+#include <exception>
+#include <new>
+#include <system_error>
 
 #include "CitrixVirtualChannel.h"
+#include "Contained.h"
 #include "HostCallbacks.h"
 #include "HostMutex.h"
 #include "HostThread.h"
@@ -35,8 +39,8 @@ namespace {
 
 std::atomic<std::uint32_t> g_kind{0};
 
-// The channel that the host has chosen, made on first use; null for an unknown kind.
-TransportChannel* currentChannel() {
+// The channel of a kind, made on first use; null for an unknown one.
+TransportChannel* channelOf(std::uint32_t kind) {
     using GetChannel = TransportChannel* (*)();
     constexpr GetChannel kChannels[] = {
         []() -> TransportChannel* { return CitrixVirtualChannel::GetInstance(); },
@@ -44,8 +48,22 @@ TransportChannel* currentChannel() {
         []() -> TransportChannel* { return RDPVirtualChannel::GetInstance(); },
         []() -> TransportChannel* { return TCPSocketVirtualChannel::GetInstance(); },
     };
-    const std::uint32_t kind = g_kind;
     return kind >= 1 && kind <= std::size(kChannels) ? kChannels[kind - 1]() : nullptr;
+}
+
+// The one that the host has chosen.
+TransportChannel* currentChannel() { return channelOf(g_kind); }
+
+// What contained() does, for functions that are to say that there is no thread to be had.
+template <class Call>
+void containedButForThreads(const char* what, const Call& call) {
+    try {
+        call();
+    } catch (const std::system_error&) {
+        throw;
+    } catch (const std::exception& failure) {
+        reportFailure(what, failure.what());
+    }
 }
 
 HostCallbacks& host() { return HostCallbacks::GetInstance(); }
@@ -63,41 +81,50 @@ HostThread& watchdogThread() {
 
 }  // namespace
 
+// ---- The channel
+
 void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
-    pinLibrary();
-    VDIClientInfo::getInstance().setClientType(VDIFrameworkCommon::VDIClientType::Crews);
-    logMessage(host_level::kEvent, "InitialiseChannel()");
-    logMessage(host_level::kEvent, VDIClientInfo::getInstance().getClientName().c_str());
-    host().setAppendBuffer(append, context);
-    g_kind = kind;
-    try {
-        if (TransportChannel* const channel = currentChannel()) channel->OnChannelInitialize();
-    } catch (...) {
-        g_kind = 0;  // or the next call would try again, and throw where none is expected
-        throw;
-    }
+    containedButForThreads("InitialiseChannel", [&] {
+        pinLibrary();
+        VDIClientInfo::getInstance().setClientType(VDIFrameworkCommon::VDIClientType::Crews);
+        logMessage(host_level::kEvent, "InitialiseChannel()");
+        logMessage(host_level::kEvent, VDIClientInfo::getInstance().getClientName().c_str());
+        // First, as a channel that cannot be made must not take the place of one that runs.
+        if (TransportChannel* const channel = channelOf(kind)) channel->OnChannelInitialize();
+        host().setAppendBuffer(append, context);
+        g_kind = kind;
+    });
 }
 
 uint32_t ReceiveData(unsigned char* data, uint32_t length) {
-    logMessage(host_level::kTrace, "ReceiveData()");
-    TransportChannel* const channel = currentChannel();
-    return channel ? static_cast<uint32_t>(channel->ReceiveData(data, length)) : g_kind - 1;
+    uint32_t result = 0;
+    contained("ReceiveData", [&] {
+        logMessage(host_level::kTrace, "ReceiveData()");
+        TransportChannel* const channel = currentChannel();
+        result = channel ? static_cast<uint32_t>(channel->ReceiveData(data, length)) : g_kind - 1;
+    });
+    return result;
 }
 
 void ChannelActive(uint32_t state) {
-    if (state <= 1) host().setActive(state == 1);
-    if (TransportChannel* const channel = currentChannel()) {
-        channel->ChannelActive(static_cast<int>(state));
-    }
+    contained("ChannelActive", [&] {
+        if (state <= 1) host().setActive(state == 1);
+        if (TransportChannel* const channel = currentChannel()) {
+            channel->ChannelActive(static_cast<int>(state));
+        }
+    });
 }
 
 uint32_t AppendDataToBuffer(const void* data, uint32_t length, int flag) {
-    return host().appendData(data, length, flag != 0);
+    contained("AppendDataToBuffer", [&] { host().appendData(data, length, flag != 0); });
+    return 0;
 }
 
 void Shutdown(void) {
-    VirtualChannelLogger_flush();
-    if (TransportChannel* const channel = currentChannel()) channel->Shutdown();
+    contained("Shutdown", [] {
+        VirtualChannelLogger_flush();
+        if (TransportChannel* const channel = currentChannel()) channel->Shutdown();
+    });
 }
 
 const char* getChannelName(void) { return "NRVOCW"; }
@@ -111,37 +138,68 @@ void SetGetClientWindowHandleFromServerWindowHandleFunc(
     host().setGetClientWindow(function);
 }
 
-int IsSeamlessMode_(void) { return host().isSeamlessMode(); }
-
-ICAWindowInfo GetICAWindowInfo_(void) { return host().windowInfo(); }
-
-void* GetClientWindowHandleFromServerWindowHandle_(void* serverWindow) {
-    return host().clientWindow(serverWindow);
+int IsSeamlessMode_(void) {
+    int answer = -1;
+    contained("IsSeamlessMode_", [&] { answer = host().isSeamlessMode(); });
+    return answer;
 }
 
-MutexHandle MutexCreate(void) { return new NorvoMutex; }
+ICAWindowInfo GetICAWindowInfo_(void) {
+    ICAWindowInfo answer{};
+    contained("GetICAWindowInfo_", [&] { answer = host().windowInfo(); });
+    return answer;
+}
+
+void* GetClientWindowHandleFromServerWindowHandle_(void* serverWindow) {
+    void* answer = nullptr;
+    contained("GetClientWindowHandleFromServerWindowHandle_",
+              [&] { answer = host().clientWindow(serverWindow); });
+    return answer;
+}
+
+// ---- Services for the host
+
+MutexHandle MutexCreate(void) { return new (std::nothrow) NorvoMutex; }
 
 void MutexLock(MutexHandle* mutex) {
-    if (NorvoMutex* const target = mutexIn(mutex)) target->lock();
+    contained("MutexLock", [&] {
+        if (NorvoMutex* const target = mutexIn(mutex)) target->lock();
+    });
 }
 
 bool MutexTryLock(MutexHandle* mutex) {
-    NorvoMutex* const target = mutexIn(mutex);
-    return target && target->tryLock();
+    bool taken = false;
+    contained("MutexTryLock", [&] {
+        NorvoMutex* const target = mutexIn(mutex);
+        taken = target && target->tryLock();
+    });
+    return taken;
 }
 
 void MutexUnlock(MutexHandle* mutex) {
-    if (NorvoMutex* const target = mutexIn(mutex)) target->unlock();
+    contained("MutexUnlock", [&] {
+        if (NorvoMutex* const target = mutexIn(mutex)) target->unlock();
+    });
 }
 
 void MutexDestroy(MutexHandle mutex) { delete mutex; }
 
-void PluginThreadCreate(void (*entry)()) { pluginThread().create(entry); }
+void PluginThreadCreate(void (*entry)()) {
+    containedButForThreads("PluginThreadCreate", [&] { pluginThread().create(entry); });
+}
 
-void PluginThreadDestroy(void) { pluginThread().destroy(); }
+void PluginThreadDestroy(void) {
+    contained("PluginThreadDestroy", [] { pluginThread().destroy(); });
+}
 
-void WatchdogThreadCreate(void (*entry)()) { watchdogThread().create(entry); }
+void WatchdogThreadCreate(void (*entry)()) {
+    containedButForThreads("WatchdogThreadCreate", [&] { watchdogThread().create(entry); });
+}
 
-void WatchdogThreadDestroy() { watchdogThread().destroy(); }
+void WatchdogThreadDestroy() {
+    contained("WatchdogThreadDestroy", [] { watchdogThread().destroy(); });
+}
 
-void LogMessage_VDI(int level, const char* message) { logMessage(level, message); }
+void LogMessage_VDI(int level, const char* message) {
+    contained("LogMessage_VDI", [&] { logMessage(level, message); });
+}
