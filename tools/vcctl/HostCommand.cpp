@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -82,8 +83,8 @@ public:
         const auto joined = link();
         waitForEnd(*joined, listener);
         joined->end("this host stops");
-        setLink(nullptr);
         m_plugin.ChannelActive(0);
+        setLink(nullptr);
         say("left " + peer + ": " + joined->closeReason());
     }
 
@@ -122,7 +123,7 @@ private:
         ++host->m_appending;
         if (const auto link = host->link()) {
             if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
-            link->send(data, length);
+            if (!link->send(data, length)) host->waitUntilLeft(link);
         }
         --host->m_appending;
         return 0;
@@ -138,8 +139,17 @@ private:
         return m_link;
     }
     void setLink(std::shared_ptr<PacketLink> link) {
-        std::lock_guard lock(m_mutex);
-        m_link = std::move(link);
+        {
+            std::lock_guard lock(m_mutex);
+            m_link = std::move(link);
+        }
+        m_left.notify_all();
+    }
+    // A link that is closed takes nothing: what the plug-in has not handed over yet is not lost in
+    // it while the plug-in is about to hear of the loss.
+    void waitUntilLeft(const std::shared_ptr<PacketLink>& link) {
+        std::unique_lock lock(m_mutex);
+        m_left.wait(lock, [&] { return m_link != link; });
     }
 
     const ChannelKind& m_kind;
@@ -147,6 +157,7 @@ private:
     PluginLibrary m_plugin;
     std::unique_ptr<CaptureWriter> m_capture;
     std::mutex m_mutex;
+    std::condition_variable m_left;
     std::atomic<int> m_appending = 0;
     std::shared_ptr<PacketLink> m_link;
 };

@@ -79,6 +79,7 @@ void StopSignal::drain() {
 int StopSignal::descriptor() { return g_pipe[0]; }
 
 bool StopSignal::wait(int milliseconds) {
+    if (requested()) return true;  // its byte may have been drained
     pollfd waited{g_pipe[0], POLLIN, 0};
     if (poll(&waited, 1, milliseconds) > 0) drain();
     return requested();
