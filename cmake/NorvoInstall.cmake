@@ -51,6 +51,7 @@ norvo_install_package(NorvoStreamClient
     HEADERS ${PROJECT_SOURCE_DIR}/src/StreamClient/NorvoStreamClient.h
             ${PROJECT_SOURCE_DIR}/src/StreamClient/NorvoStreamClientC.h
             ${PROJECT_SOURCE_DIR}/src/StreamClient/NorvoStreamClientStatus.h
+            ${PROJECT_SOURCE_DIR}/src/StreamClient/NorvoStreamConnection.h
     PRIVATE_LIBS "${private_libs}")
 
 if(TARGET vcctl)

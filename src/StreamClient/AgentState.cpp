@@ -48,9 +48,10 @@ std::optional<bool> AgentState::hearProcess(unsigned int processId, bool connect
     if (processId == 0) return std::nullopt;  // no process has it
     const Event says = connected ? Event::SaysConnected : Event::SaysApart;
     if (processId == m_processId) return apply(says);
-    if (m_lastProcessId != 0 && m_lastProcessId != processId) ++m_generation;
+    const bool isAnother = m_lastProcessId != 0 && m_lastProcessId != processId;
+    m_generation += isAnother ? 1 : 0;
     m_processId = m_lastProcessId = processId;
-    return enter(next(Phase::Absent, says));
+    return enter(next(isAnother ? Phase::Absent : m_phase, says));
 }
 
 void AgentState::forgetProcess() {

@@ -28,6 +28,8 @@ constexpr auto kPatienceWithTheAbsent = 200ms;
 // Longer than this between two looks: this process stood still, and others may have gone on
 // without it.
 constexpr auto kStandstill = 3s;
+// More streams than an agent serves.
+constexpr std::size_t kMostHeardOf = 1024;
 
 template <class NamedEntry>
 std::string requestText(const NamedEntry& stream) {
@@ -103,6 +105,19 @@ Status AgentView::agentStanding() const {
     return m_state.isThere() ? Status() : Reason::NoAgent;
 }
 
+std::optional<Direction> AgentView::waitForDirection(const std::string& name,
+                                                     const std::string& opposite,
+                                                     Clock::time_point deadline) const {
+    LocalLock lock(m_mutex);
+    for (;;) {
+        if (const auto found = m_heardOf.find(name); found != m_heardOf.end()) return found->second;
+        if (const auto found = m_heardOf.find(opposite); found != m_heardOf.end())
+            return found->second == Direction::Read ? Direction::Write : Direction::Read;
+        if (m_closed || Clock::now() >= deadline) return std::nullopt;
+        m_changed.wait_until(m_mutex, deadline);
+    }
+}
+
 AgentView::Agent AgentView::agent() const {
     LocalLock lock(m_mutex);
     return {m_state.processId(), m_state.generation()};
@@ -145,9 +160,11 @@ void AgentView::hearStreamUp(const Notification& notification, Clock::time_point
     if (notification.fields.size() < 2) return;
     // Whoever called the roll, all hear the answers.
     m_nextRollCall = std::max(m_nextRollCall, now + m_rollCallPause);
+    const bool reads = notification.fields[1] == "READ";
+    if (m_heardOf.size() < kMostHeardOf)
+        m_heardOf[notification.fields[0]] = reads ? Direction::Read : Direction::Write;
     const auto found = m_streams.find(notification.fields[0]);
     if (found == m_streams.end()) return;
-    const bool reads = notification.fields[1] == "READ";
     Entry& entry = found->second;
     entry.up = (entry.direction == Direction::Read) == reads;
     entry.otherDirection = !entry.up;
@@ -169,6 +186,7 @@ std::optional<bool> AgentView::follow(std::optional<bool> change, unsigned int p
 }
 
 void AgentView::askForAllAgain() {
+    m_heardOf.clear();
     for (auto& [name, entry] : m_streams) {
         entry.up = false;
         entry.otherDirection = false;
@@ -214,7 +232,9 @@ std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
         m_rollCallPause = std::min<Clock::duration>(m_rollCallPause * 2, kLongestRollCallPause);
         return Due{"RequestNotifyStream", {}, patience(), now};
     }
-    if (m_nextSignOfLife <= now) return Due{{}, {}, patience(), now};
+    // While they are apart it asks for the state as well: the news of a change may have been lost.
+    if (m_nextSignOfLife <= now)
+        return Due{m_state.isConnected() ? "" : "RequestVCProcessId", {}, patience(), now};
     return std::nullopt;
 }
 

@@ -55,6 +55,11 @@ public:
     // NoAgent or Closed; no failure when an agent is there.
     Status agentStanding() const;
     Agent agent() const;
+    // The direction in which local processes use the stream `name`, as far as the agent has told;
+    // if it has told only of `opposite`, the other one than that has. Waits until it tells of
+    // either.
+    std::optional<Direction> waitForDirection(const std::string& name, const std::string& opposite,
+                                              Clock::time_point deadline) const;
     unsigned int agentProcessId() const { return agent().processId; }
 
     Heard hear(const Notification& notification, Clock::time_point now);
@@ -109,6 +114,8 @@ private:
     mutable VDIFrameworkCommon::LocalCondition m_changed;
     std::map<std::string, Entry> m_streams NORVO_GUARDED_BY(m_mutex);
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
+    // Of every stream of which the agent has told since it was asked for all again.
+    std::map<std::string, Direction> m_heardOf NORVO_GUARDED_BY(m_mutex);
     AgentState m_state NORVO_GUARDED_BY(m_mutex);
     bool m_expectsProcessId NORVO_GUARDED_BY(m_mutex) = false;
     Clock::time_point m_nextProcessId NORVO_GUARDED_BY(m_mutex){};

@@ -5,6 +5,7 @@
 
 #include "ActiveVirtualChannelAgentRecorder.h"
 #include "ClientImpl.h"
+#include "ConnectionImpl.h"
 #include "InfoSegments.h"
 #include "Log.h"
 #include "MessageBuilder.h"
@@ -219,6 +220,16 @@ std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, 
     return impl;
 }
 
+Status Client::Impl::checkConnection(const std::string& name, const ConnectionOptions& options) {
+    constexpr std::size_t kLongestConnectionName = kLongestName - 5;  // of ".back"
+    const bool possible = isPossibleName(name) && name.size() <= kLongestConnectionName &&
+                          options.capacity >= 128 && options.capacity <= kLargestCapacity &&
+                          options.window >= (64u << 10) && options.window <= (64u << 20) &&
+                          options.peerTimeout >= std::chrono::seconds(5) &&
+                          options.outage >= std::chrono::seconds(0);
+    return possible ? Status() : Reason::InvalidArgument;
+}
+
 OpenedStream Client::Impl::openStream(const std::string& name, Direction direction,
                                       unsigned int capacity) {
     auto impl = makeStream(name, direction, capacity);
@@ -235,6 +246,12 @@ Client::~Client() {
 OpenedStream Client::openStream(const std::string& name, Direction direction,
                                 unsigned int capacity) {
     return m_impl->openStream(name, direction, capacity);
+}
+OpenedConnection Client::connect(const std::string& name, const ConnectionOptions& options) {
+    return Connection::Impl::open(m_impl, name, Connection::Impl::Role::Connect, options);
+}
+OpenedConnection Client::accept(const std::string& name, const ConnectionOptions& options) {
+    return Connection::Impl::open(m_impl, name, Connection::Impl::Role::Accept, options);
 }
 Status Client::status() const { return m_impl->status(); }
 bool Client::isConnected() const { return m_impl->view().isConnected(); }

@@ -26,6 +26,8 @@ public:
     Impl& operator=(const Impl&) = delete;
 
     OpenedStream openStream(const std::string& name, Direction direction, unsigned int capacity);
+    // Of a connection's name.
+    static Status checkConnection(const std::string& name, const ConnectionOptions& options);
     Status request(const std::string& operation, const std::vector<std::string>& fields,
                    Clock::time_point deadline);
     Status nextNotification(Notification& notification, Clock::time_point deadline);

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "NorvoStreamClientStatus.h"
+#include "NorvoStreamConnection.h"
 
 namespace NorvoStreamClient {
 
@@ -111,26 +112,29 @@ private:
     std::shared_ptr<Impl> m_impl;
 };
 
-// What opening gave: a stream, or the reason why there is none. It can be used as a pointer either
-// way: the calls on a stream that could not be opened fail with the reason for that.
-class OpenedStream {
+// What opening gave: a stream or connection, or the reason why there is none. It can be used as a
+// pointer either way: calls on what could not be opened fail with the reason for that.
+template <class Object>
+class Opened {
 public:
-    OpenedStream(std::shared_ptr<Stream> stream, Status status)
-        : m_stream(std::move(stream)), m_status(status) {}
+    Opened(std::shared_ptr<Object> object, Status status)
+        : m_object(std::move(object)), m_status(status) {}
 
     explicit operator bool() const { return static_cast<bool>(m_status); }
     const Status& status() const { return m_status; }
-    Stream* operator->() const { return m_stream.get(); }
-    Stream& operator*() const { return *m_stream; }
+    Object* operator->() const { return m_object.get(); }
+    Object& operator*() const { return *m_object; }
     // Never null.
-    operator const std::shared_ptr<Stream>&() const { return m_stream; }
-    // Closes the stream, unless it is held elsewhere.
-    void reset() { m_stream.reset(); }
+    operator const std::shared_ptr<Object>&() const { return m_object; }
+    // Closes it, unless it is held elsewhere.
+    void reset() { m_object.reset(); }
 
 private:
-    std::shared_ptr<Stream> m_stream;
+    std::shared_ptr<Object> m_object;
     Status m_status;
 };
+using OpenedStream = Opened<Stream>;
+using OpenedConnection = Opened<Connection>;
 
 class NORVO_STREAM_CLIENT_API Client {
 public:
@@ -149,6 +153,15 @@ public:
     // up: CapacityMismatch, NoSpace, NoPermission or SystemError.
     OpenedStream openStream(const std::string& name, Direction direction,
                             unsigned int capacity = kDefaultCapacity);
+
+    // Opens the connection `name` (1 to 59 characters, as a stream's) over the streams `name` and
+    // `name`.back, and goes on to look for its other end, where a program must do the opposite
+    // (Connection::waitUntilOpen waits for it). The two streams are taken in the direction in which
+    // the agents have them already, so either end may connect, also to the same name later.
+    // InvalidArgument: the name or an option is not possible; SystemError: no thread can be
+    // started.
+    OpenedConnection connect(const std::string& name, const ConnectionOptions& options = {});
+    OpenedConnection accept(const std::string& name, const ConnectionOptions& options = {});
 
     // No failure while the agent can be heard if there is one. Otherwise why its segment could not
     // be opened (those of openStream()), or SystemError: no thread could be started.

@@ -167,6 +167,17 @@ TEST_F(AgentViewTest, AStateThatContradictsWhatIsKnownIsAskedForAgain) {
     EXPECT_TRUE(view.isConnected()) << "composed before the agents met";
 }
 
+TEST_F(AgentViewTest, AStateOlderThanTheNewsDoesNotOutliveTheNextQuestion) {
+    sendDue();
+    hear("ChannelUp");
+    hear("VCProcessId", {"77", "0"});
+    EXPECT_TRUE(view.isConnected());
+    hear("VCProcessId", {"77", "0"});
+    EXPECT_FALSE(view.isConnected());
+    now += 2s;
+    EXPECT_EQ(sendDue(), Texts{"RequestVCProcessId"}) << "the news of a return may be lost";
+}
+
 TEST_F(AgentViewTest, MalformedNewsChangesNothing) {
     meetAgent();
     view.addStream("Media", Direction::Read, 100);

@@ -132,6 +132,7 @@ TEST_F(VcctlAcrossProcesses, AFileGoesThroughWholeAndTheCaptureTellsTheStory) {
     std::ofstream(m_near.file("original"), std::ios::binary) << content;
 
     Subprocess receiver = m_far.start("recv Media " + m_far.file("copy"));
+    std::ofstream(m_far.file("copy")) << "the one before";
     m_near.succeeds("send Media " + m_near.file("original"));
     EXPECT_EQ(receiver.wait(20s), 0);
     EXPECT_TRUE(contentOf(m_far.file("copy")) == content);
@@ -165,7 +166,7 @@ TEST_F(VcctlAcrossProcesses, LinesArriveOneByOneAndInBothDirections) {
     EXPECT_EQ(receiver.wait(20s), 0);
 
     Subprocess listener = m_far.start("recv Basic --lines --raw");
-    Subprocess waiting = m_near.start("send Basic --lines");
+    Subprocess waiting = m_near.start("send Basic --lines --raw");
     waiting.writeLine("arrives");
     EXPECT_EQ(listener.readLine(), "arrives");
     EXPECT_EQ(end(waiting, SIGINT), 130);
@@ -214,8 +215,9 @@ TEST_F(VcctlAcrossProcesses, AHostThatIsKilledIsReplacedAndTheStreamGoesOn) {
 
 TEST_F(VcctlAcrossProcesses, AHostThatIsKilledInTheMiddleOfAFileEndsItsSender) {
     joinHosts();
-    const std::string copy = m_far.file("copy");
-    Subprocess receiver = m_far.start("recv Media " + copy);
+    const std::string copy = m_far.file("copy.part");
+    std::ofstream(m_far.file("copy")) << "untouched";
+    Subprocess receiver = m_far.start("recv --wait 5 Media " + m_far.file("copy"));
     Subprocess sender = m_near.startShell("head -c 40000000000 /dev/zero | " VCCTL_PROGRAM
                                           " send Media --wait 5 2>&1");
     ASSERT_TRUE(testsupport::eventually([&] {
@@ -227,11 +229,62 @@ TEST_F(VcctlAcrossProcesses, AHostThatIsKilledInTheMiddleOfAFileEndsItsSender) {
     m_nearHost->wait(10s);
     EXPECT_EQ(sender.wait(20s), 1);
     expectPart(sender.readAll(), "Is a host running there?");
-    EXPECT_EQ(end(receiver, SIGINT), 130);
+    EXPECT_EQ(receiver.wait(20s), 1);
+    expectPart(receiver.readAll(), "go on with --resume");
+    EXPECT_EQ(contentOf(m_far.file("copy")), "untouched");
 
     m_nearHost.emplace(m_near.start("host --listen " + m_address));
     lineStarting(*m_nearHost, "joined");
     sendsAFileThatArrives();
+}
+
+TEST_F(VcctlAcrossProcesses, ATransferIsResumedAfterTheKillOfEitherToolAndTheLossOfTheChannel) {
+    joinHosts();
+    std::string content(150'000'000, '\0');
+    for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * i >> 9);
+    std::ofstream(m_near.file("original"), std::ios::binary) << content;
+    const std::string part = m_far.file("copy.part");
+    const auto startReceiver = [&] {
+        return m_far.start("recv Media --resume " + m_far.file("copy"));
+    };
+    const auto startSender = [&] {
+        return m_near.start("send Media --resume " + m_near.file("original"));
+    };
+    std::uintmax_t reached = 0;
+    const auto goesOn = [&] {
+        return testsupport::eventually([&] {
+            std::error_code none;
+            const auto size = std::filesystem::file_size(part, none);
+            return !none && size > reached + 5'000'000 && (reached = size) > 0;
+        });
+    };
+    std::optional<Subprocess> receiver(startReceiver());
+    std::optional<Subprocess> sender(startSender());
+    ASSERT_TRUE(goesOn());
+    receiver->kill();
+    receiver.emplace(startReceiver());
+    ASSERT_TRUE(goesOn());
+    sender->kill();
+    sender.emplace(startSender());
+    ASSERT_TRUE(goesOn());
+    m_farHost->signal(SIGHUP);
+    ASSERT_TRUE(goesOn());
+    EXPECT_EQ(sender->wait(), 0) << sender->readAll();
+    EXPECT_EQ(receiver->wait(), 0) << receiver->readAll();
+    EXPECT_TRUE(contentOf(m_far.file("copy")) == content);
+    EXPECT_FALSE(std::filesystem::exists(part));
+}
+
+TEST_F(VcctlAcrossProcesses, AConnectionGoesTheOtherWayRoundOnceItIsFree) {
+    joinHosts();
+    sendsAFileThatArrives();
+    Subprocess receiver = m_near.start("recv Basic --lines");
+    m_far.succeeds("send Basic --lines /etc/hostname");
+    EXPECT_EQ(receiver.readLine() + '\n', contentOf("/etc/hostname"));
+    EXPECT_EQ(receiver.wait(20s), 0);
+    const Outcome wrong = m_far.run("send Basic --raw /etc/hostname");
+    EXPECT_EQ(wrong.status, 1);
+    expectPart(wrong.text, "in use in the other direction");
 }
 
 TEST_F(VcctlAcrossProcesses, AStrangerEndsItsConnectionAndNotTheHost) {
@@ -287,6 +340,8 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         {"send Media /no/such/file", 1, "No such file"},
         {"send Media --message-size 0 /etc/hostname", 2, "--message-size"},
         {"recv a/b", 2, "letters, digits"},
+        {"send Media --resume -", 2, "--resume needs a file"},
+        {"recv Media --resume", 2, "--resume needs a file"},
         {"recv Media --wait 0.3", 1, "no agent answers"},
         {"recv Media /no/such/folder/file", 1, "cannot write"},
         {"decode /etc/hostname", 1, "not a pcapng capture"},
@@ -304,8 +359,8 @@ TEST_F(VcctlAcrossProcesses, AReceiverIsInterruptedWhileMessagesKeepComing) {
     std::string lines;
     while (lines.size() < 6'000'000) lines += "y\n";
     std::ofstream(m_far.file("lines"), std::ios::binary) << lines;
-    const std::string copy = m_near.file("copy");
-    Subprocess receiver = m_near.start("recv Basic " + copy);
+    const std::string copy = m_near.file("copy.part");
+    Subprocess receiver = m_near.start("recv Basic " + m_near.file("copy"));
     const Subprocess sender = m_far.start("send Basic --lines " + m_far.file("lines"));
     EXPECT_TRUE(testsupport::eventually([&] { return !contentOf(copy).empty(); }));
     EXPECT_EQ(end(receiver, SIGINT), 130);
@@ -357,7 +412,9 @@ TEST_F(VcctlAcrossProcesses, AFullDiskIsReportedAndTheSessionGoesOn) {
     const std::string capture = m_near.file("session.pcapng");
     joinHosts("--capture " + capture, "trap '' XFSZ; ulimit -f 2048; ");  // of 512 bytes
     Subprocess receiver = m_far.start("recv Media /dev/full");
-    m_near.succeeds("send Media " VCCTL_PROGRAM);
+    const Outcome sent = m_near.run("send Media " VCCTL_PROGRAM);
+    EXPECT_EQ(sent.status, 1);
+    expectPart(sent.text, "the receiver: cannot write /dev/full: No space left");
     expectPart(receiver.readAll(), "No space left");
     EXPECT_EQ(receiver.wait(20s), 1);
     EXPECT_EQ(end(*m_nearHost), 0);

@@ -8,8 +8,8 @@ _vcctl() {
     fi
     case $command in
         host) options="--kind --listen --connect --library --capture --allow-remote --quiet" ;;
-        send) options="--size --message-size --count --lines --raw --wait" ;;
-        recv) options="--size --count --lines --raw --wait" ;;
+        send) options="--size --message-size --count --lines --raw --resume --wait" ;;
+        recv) options="--size --count --lines --raw --resume --wait" ;;
         watch) options="--json --all --count" ;;
         ask) options="--wait --json" ;;
         streams) options="--follow --interval" ;;

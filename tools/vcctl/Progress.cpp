@@ -36,8 +36,8 @@ Progress::~Progress() {
     std::fputc('\n', stderr);
 }
 
-void Progress::add(std::uint64_t bytes) {
-    m_done += bytes;
+void Progress::set(std::uint64_t bytes) {
+    m_done = bytes;
     if (!m_visible) return;
     const auto now = std::chrono::steady_clock::now();
     if (now - m_drawn >= std::chrono::milliseconds(100)) draw(now);

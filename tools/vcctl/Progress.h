@@ -20,7 +20,8 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    void add(std::uint64_t bytes);
+    void add(std::uint64_t bytes) { set(m_done + bytes); }
+    void set(std::uint64_t bytes);
 
 private:
     void draw(std::chrono::steady_clock::time_point now);

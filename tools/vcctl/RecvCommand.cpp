@@ -2,13 +2,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 #include "CommandError.h"
 #include "CommandLine.h"
-#include "File.h"
 #include "Progress.h"
+#include "ReceivedFile.h"
 #include "SessionClient.h"
 #include "StopSignal.h"
+#include "Transfer.h"
 #include "TransferTally.h"
 
 namespace vcctl {
@@ -23,40 +25,11 @@ struct RecvOptions {
     double wait = 0;
     bool lines = false;
     bool raw = false;
-};
-
-class Output {
-public:
-    explicit Output(const RecvOptions& options)
-        : m_options(options),
-          m_owned(options.file == "-" ? nullptr : std::fopen(options.file.c_str(), "wbe")),
-          m_file(options.file == "-" ? stdout : m_owned.get()) {
-        if (!m_file) throw systemError("cannot write " + options.file, errno);
-    }
-
-    void write(const std::string& message) {
-        check(std::fwrite(message.data(), 1, message.size(), m_file) == message.size());
-        if (m_options.lines) {
-            check(std::fputc('\n', m_file) != EOF);
-            check(std::fflush(m_file) == 0);
-        }
-    }
-    void flush() { check(std::fflush(m_file) == 0); }
-
-private:
-    void check(bool done) const {
-        if (!done) {
-            throw outputError(m_options.file == "-" ? "standard output" : m_options.file);
-        }
-    }
-
-    const RecvOptions& m_options;
-    File m_owned;
-    std::FILE* m_file;
+    bool resume = false;
 };
 
 // The next message; false when the wait for the first one is over.
-bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, Output& output,
+bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, ReceivedFile& output,
               std::string& message, std::chrono::steady_clock::time_point giveUp) {
     bool flushed = false;
     for (;;) {
@@ -71,35 +44,149 @@ bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, Output&
     }
 }
 
-int runRecv(const RecvOptions& options) {
+void writeMessage(ReceivedFile& output, const RecvOptions& options, const std::string& message) {
+    output.write(message.data(), message.size());
+    if (!options.lines) return;
+    output.write("\n", 1);
+    output.flush();
+}
+
+// What comes may have no end: it goes to the file itself as it comes.
+int recvRaw(const RecvOptions& options) {
     using Clock = std::chrono::steady_clock;
     SessionClient session;
     const auto stream =
         session.open(options.stream, NorvoStreamClient::Direction::Read, options.size);
-    Output output(options);
+    ReceivedFile output(options.file, ReceivedFile::Kind::Direct);
     const auto giveUp = options.wait > 0 ? after(options.wait) : Clock::time_point::max();
-    TransferTally tally;
     Progress progress("recv " + options.stream, std::nullopt);
     std::string message;
-    while (tally.messages() < options.count) {
-        const auto until = tally.messages() == 0 ? giveUp : Clock::time_point::max();
+    for (std::uint64_t messages = 0; messages < options.count; ++messages) {
+        const auto until = messages == 0 ? giveUp : Clock::time_point::max();
         if (!readNext(session, *stream, output, message, until)) {
             session.waitUntilUp(*stream, 0);
             throw CommandError("nothing came through the stream '" + options.stream + "'");
         }
-        if (!options.raw) {
-            if (const auto verdict = tally.judge(message)) {
-                output.flush();
-                if (!verdict->empty()) throw CommandError(*verdict);
-                return kOk;
-            }
-        }
-        tally.add(message.data(), message.size());
-        output.write(message);
+        writeMessage(output, options, message);
         progress.add(message.size());
     }
     output.flush();
     return kOk;
+}
+
+// One connection's worth of a transfer: all of it, unless the connection is lost.
+class Receiving {
+public:
+    Receiving(const RecvOptions& options, SessionClient& session, ReceivedFile& output)
+        : m_options(options),
+          m_output(output),
+          m_link(session, options.stream, TransferLink::Role::Receive, options.size, options.wait) {
+    }
+
+    void run() {
+        m_link.waitUntilOpen();
+        begin();
+        try {
+            takeMessages();
+            m_output.commit();
+        } catch (const LinkLost&) {
+            m_output.flush();
+            throw;
+        } catch (const CommandError& failure) {
+            giveVerdict(1, failure.what());
+            throw;
+        }
+        giveVerdict(0, "");
+    }
+
+private:
+    void begin() {
+        const std::uint64_t offered = m_output.size();
+        m_output.count(m_tally);
+        m_link.writeTag("NVXOFFER");
+        m_link.writeNumber(offered);
+        m_link.writeNumber(m_tally.checksum());
+        m_link.expectTag("NVXSTART");
+        const std::uint64_t start = m_link.readNumber();
+        const std::uint64_t whole = m_link.readNumber();
+        if (start != offered) {
+            m_output.clear();
+            m_tally.clear();
+        }
+        m_progress.emplace("recv " + m_options.stream,
+                           whole == kUnknownLength ? std::nullopt : std::optional(whole));
+        m_progress->set(m_tally.bytes());
+    }
+
+    void takeMessages() {
+        std::string message;
+        std::uint64_t messages = 0;
+        while (takeMessage(message)) {
+            m_tally.add(message.data(), message.size());
+            writeMessage(m_output, m_options, message);
+            m_progress->add(message.size());
+            if (++messages == m_options.count) {
+                m_output.flush();
+                return;
+            }
+        }
+        const std::uint64_t bytes = m_link.readNumber();
+        const std::uint64_t checksum = m_link.readNumber();
+        if (bytes != m_tally.bytes() || checksum != m_tally.checksum()) {
+            m_output.clear();
+            throw CommandError("the data arrived damaged");
+        }
+    }
+
+    bool takeMessage(std::string& message) {
+        std::uint32_t length = 0;
+        m_link.read(&length, sizeof length, [this] { m_output.flush(); });
+        if (length == kEndOfMessages) return false;
+        if (length > kLongestMessage) throw CommandError("the sender breaks the rules");
+        message.resize(length);
+        m_link.read(message.data(), length);
+        return true;
+    }
+
+    // Here the transfer has succeeded or failed, whether the sender hears of it or not.
+    void giveVerdict(std::uint32_t failed, std::string text) {
+        try {
+            if (text.size() > kLongestVerdict) text.resize(kLongestVerdict);
+            const auto length = static_cast<std::uint32_t>(text.size());
+            m_link.write(&failed, sizeof failed);
+            m_link.write(&length, sizeof length);
+            m_link.write(text.data(), text.size());
+            m_link.finish();
+            m_link.settle(std::chrono::seconds(20));
+        } catch (const LinkLost&) {
+            std::fprintf(stderr, "vcctl: note: the sender was lost before it heard of the end\n");
+        }
+    }
+
+    const RecvOptions& m_options;
+    ReceivedFile& m_output;
+    TransferLink m_link;
+    TransferTally m_tally;
+    std::optional<Progress> m_progress;
+};
+
+int runRecv(const RecvOptions& options) {
+    if (options.raw) return recvRaw(options);
+    if (options.resume && options.file == "-")
+        throw CommandError("--resume needs a file: standard output cannot be read again", kUsage);
+    ReceivedFile output(options.file,
+                        options.resume ? ReceivedFile::Kind::KeptPart : ReceivedFile::Kind::Part);
+    SessionClient session;
+    for (;;) {
+        try {
+            Receiving(options, session, output).run();
+            return kOk;
+        } catch (const LinkLost& lost) {
+            if (!options.resume || !lost.wasOpen())
+                throw CommandError(lost.what() + output.advice());
+            std::fprintf(stderr, "vcctl: %s; waiting to go on\n", lost.what());
+        }
+    }
 }
 
 }  // namespace
@@ -110,10 +197,16 @@ void addRecvCommand(CLI::App& app, int& exitCode) {
     addStreamOptions(command, options->stream, options->size, options->count);
     command.argument("file", options->file, "Where to write; - is standard output").showDefault();
     command.flag("--lines", options->lines, "End each message with a line end");
-    command.flag("--raw", options->raw,
-                 "Know no end mark: write every message, until --count or an interruption");
+    command.flag(
+        "--raw", options->raw,
+        "Write what a program other than vcctl send puts into the stream, until --count or "
+        "an interruption");
+    command.flag("--resume", options->resume,
+                 "Go on with what an earlier transfer left in FILE.part, and when the sender is "
+                 "lost, wait for the next one");
     addWaitOption(command, options->wait,
-                  "How long to wait for the first message (0: without limit)");
+                  "How long to wait for the sender (0: without limit), also when it is lost on the "
+                  "way (0: 60 s)");
     command.run([=, &exitCode] { exitCode = runRecv(*options); });
 }
 

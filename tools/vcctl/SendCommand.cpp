@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -14,9 +15,11 @@
 #include "CommandError.h"
 #include "CommandLine.h"
 #include "Descriptor.h"
+#include "Output.h"
 #include "Progress.h"
 #include "SessionClient.h"
 #include "StopSignal.h"
+#include "Transfer.h"
 #include "TransferTally.h"
 
 namespace vcctl {
@@ -25,7 +28,6 @@ namespace {
 
 using support::Descriptor;
 
-constexpr std::size_t kLongestMessage = 64u << 20;
 constexpr double kShortestFlush = 2;  // seconds
 
 struct SendOptions {
@@ -34,9 +36,10 @@ struct SendOptions {
     unsigned int size = NorvoStreamClient::kDefaultCapacity;
     std::size_t messageSize = 256u << 10;
     std::uint64_t count = UINT64_MAX;
-    double wait = 10;
+    double wait = 30;
     bool lines = false;
     bool raw = false;
+    bool resume = false;
 };
 
 // Cuts the input into messages.
@@ -61,15 +64,30 @@ public:
         return m_options.lines ? nextLine(message) : nextBlock(message);
     }
 
+    // Goes to byte `offset` if what lies before has that checksum, else to the begin; only for
+    // files.
+    std::uint64_t continueAt(std::uint64_t offset, std::uint64_t checksum, TransferTally& tally) {
+        TransferTally before;
+        const auto whole = size();
+        bool continues = m_options.resume && whole && offset <= *whole;
+        if (continues) before.addFile(m_fd, offset, m_name);
+        continues = continues && before.checksum() == checksum;
+        if (continues) tally.addFile(m_fd, offset, m_name);
+        const std::uint64_t begin = continues ? offset : 0;
+        if (m_options.resume && lseek(m_fd, static_cast<off_t>(begin), SEEK_SET) < 0)
+            throw systemError("cannot read " + m_name, errno);
+        return begin;
+    }
+
 private:
     bool nextBlock(std::string& message) {
         message.resize(m_options.messageSize);
         std::size_t filled = 0;
-        while (filled < message.size()) {
+        do {
             const std::size_t got = readSome(message.data() + filled, message.size() - filled);
             if (got == 0) break;
             filled += got;
-        }
+        } while (m_options.raw && filled < message.size());  // a message of its own size
         message.resize(filled);
         return filled > 0;
     }
@@ -134,26 +152,118 @@ void write(NorvoStreamClient::Stream& stream, SessionClient& session, const std:
            [&] { return stream.write(message.data(), message.size(), kPollTime); });
 }
 
-int runSend(const SendOptions& options) {
+int sendRaw(const SendOptions& options) {
     Input input(options);
     SessionClient session;
     const auto stream =
         session.open(options.stream, NorvoStreamClient::Direction::Write, options.size);
     session.waitUntilUp(*stream, options.wait);
 
-    TransferTally tally;
+    std::uint64_t messages = 0;
     Progress progress("send " + options.stream, input.size());
     std::string message;
-    while (tally.messages() < options.count && input.next(message)) {
+    while (messages < options.count && input.next(message)) {
         if (message.empty()) continue;  // the streams know no empty message
         write(*stream, session, message, options.wait);
-        tally.add(message.data(), message.size());
+        ++messages;
         progress.add(message.size());
     }
-    if (!options.raw) write(*stream, session, tally.endMark(), options.wait);
     insist(*stream, session, std::max(options.wait, kShortestFlush),
            [&] { return stream->flush(kPollTime); });
     return kOk;
+}
+
+// One connection's worth of a transfer: all of it, unless the connection is lost.
+class Sending {
+public:
+    Sending(const SendOptions& options, SessionClient& session, Input& input, Progress& progress)
+        : m_options(options),
+          m_input(input),
+          m_progress(progress),
+          m_link(session, options.stream, TransferLink::Role::Send, options.size, options.wait) {}
+
+    void run() {
+        m_link.waitUntilOpen();
+        begin();
+        std::string message;
+        std::uint64_t messages = 0;
+        while (messages < m_options.count && m_input.next(message)) {
+            sendMessage(message);
+            ++messages;
+        }
+        m_link.write(&kEndOfMessages, sizeof kEndOfMessages);
+        m_link.writeNumber(m_tally.bytes());
+        m_link.writeNumber(m_tally.checksum());
+        m_link.finish();
+        takeVerdict();
+    }
+
+private:
+    void begin() {
+        m_link.expectTag("NVXOFFER");
+        const std::uint64_t offered = m_link.readNumber();
+        const std::uint64_t checksum = m_link.readNumber();
+        m_begin = m_input.continueAt(offered, checksum, m_tally);
+        m_link.writeTag("NVXSTART");
+        m_link.writeNumber(m_begin);
+        m_link.writeNumber(m_input.size().value_or(kUnknownLength));
+        m_overhead = 8 + 2 * sizeof(std::uint64_t);
+    }
+
+    void sendMessage(const std::string& message) {
+        const auto length = static_cast<std::uint32_t>(message.size());
+        if (m_link.hasInput()) takeVerdict();
+        m_tally.add(message.data(), message.size());
+        m_overhead += sizeof length;
+        m_link.write(&length, sizeof length);
+        m_link.write(message.data(), message.size(), [this] {
+            showProgress();
+            if (m_link.hasInput()) takeVerdict();
+        });
+    }
+
+    void showProgress() {
+        const std::uint64_t acked = m_link.acknowledged();
+        m_progress.set(m_begin + (acked > m_overhead ? acked - m_overhead : 0));
+    }
+
+    // Throws Refused unless it is a good one.
+    void takeVerdict() {
+        std::uint32_t failed = 0;
+        std::uint32_t length = 0;
+        m_link.read(&failed, sizeof failed, [this] { showProgress(); });
+        m_link.read(&length, sizeof length);
+        std::string text(std::min<std::size_t>(length, kLongestVerdict), ' ');
+        m_link.read(text.data(), text.size());
+        if (failed != 0) throw Refused("the receiver: " + readable(text));
+        m_progress.set(m_tally.bytes());
+    }
+
+    const SendOptions& m_options;
+    Input& m_input;
+    Progress& m_progress;
+    TransferLink m_link;
+    TransferTally m_tally;
+    std::uint64_t m_begin = 0;
+    std::uint64_t m_overhead = 0;  // of what was written to the connection
+};
+
+int runSend(const SendOptions& options) {
+    if (options.raw) return sendRaw(options);
+    if (options.resume && options.file == "-")
+        throw CommandError("--resume needs a file: standard input cannot be read again", kUsage);
+    Input input(options);
+    SessionClient session;
+    Progress progress("send " + options.stream, input.size());
+    for (;;) {
+        try {
+            Sending(options, session, input, progress).run();
+            return kOk;
+        } catch (const LinkLost& lost) {
+            if (!options.resume || !lost.wasOpen()) throw;
+            std::fprintf(stderr, "vcctl: %s; waiting to go on\n", lost.what());
+        }
+    }
 }
 
 }  // namespace
@@ -169,10 +279,14 @@ void addSendCommand(CLI::App& app, int& exitCode) {
         .showDefault();
     command.flag("--lines", options->lines, "Make each line of the input a message");
     command.flag("--raw", options->raw,
-                 "Send no end mark: for a receiver other than vcctl recv, which ends at the mark "
-                 "and checks that everything arrived");
-    addWaitOption(command, options->wait,
-                  "How long to wait for the host, the far side and the stream's reader");
+                 "Write plain messages into the stream, for a program other than vcctl recv: "
+                 "nobody checks that they arrive");
+    command.flag("--resume", options->resume,
+                 "When the receiver is lost, wait for the next one and go on where it stopped");
+    addWaitOption(
+        command, options->wait,
+        "How long to wait for the host, the far side and the receiver, also when they are lost "
+        "on the way");
     command.run([=, &exitCode] { exitCode = runSend(*options); });
 }
 

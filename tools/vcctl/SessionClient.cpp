@@ -93,6 +93,14 @@ std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string
     return opened;
 }
 
+std::shared_ptr<NorvoStreamClient::Connection> SessionClient::connection(
+    const std::string& name, bool connects, const NorvoStreamClient::ConnectionOptions& options) {
+    const auto opened = connects ? m_client.connect(name, options) : m_client.accept(name, options);
+    if (!opened) throw whyNotOpened(name, options.capacity, opened.status());
+    noteUnusualName(name);
+    return opened;
+}
+
 std::string SessionClient::explain(const Status& status, const std::string& streamName) {
     if (const Status listening = m_client.status(); !listening)
         return "cannot listen in " + sessionText() + ": " + listening.text();
@@ -141,18 +149,19 @@ void SessionClient::waitForAgent(double seconds) {
 
 void SessionClient::noteSilence(NorvoStreamClient::Stream* stream) {
     using std::chrono::milliseconds;
-    const Status present = stream                           ? stream->waitUntilUp(milliseconds(0))
-                           : m_client.agentProcessId() == 0 ? Status(Reason::NoAgent)
-                                                            : Status();
-    if (present) {
+    if (stream) return noteSilence(stream->waitUntilUp(milliseconds(0)), stream->name());
+    noteSilence(m_client.agentProcessId() == 0 ? Status(Reason::NoAgent) : Status(), "");
+}
+
+void SessionClient::noteSilence(const Status& status, const std::string& streamName) {
+    if (status || status.reason() == Reason::Timeout) {
         m_absentSince = Clock::now();
         m_noted = false;
     }
     if (m_noted || Clock::now() - m_absentSince < std::chrono::seconds(1)) return;
     m_noted = true;
     if (isatty(STDERR_FILENO) != 1) return;
-    std::fprintf(stderr, "vcctl: waiting: %s\n",
-                 explain(present, stream ? stream->name() : "").c_str());
+    std::fprintf(stderr, "vcctl: waiting: %s\n", explain(status, streamName).c_str());
 }
 
 }  // namespace vcctl

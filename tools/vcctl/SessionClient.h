@@ -21,6 +21,10 @@ public:
     std::shared_ptr<NorvoStreamClient::Stream> open(const std::string& name,
                                                     NorvoStreamClient::Direction direction,
                                                     unsigned int capacity);
+    // The same for a connection: the end that calls, or the one that is called.
+    std::shared_ptr<NorvoStreamClient::Connection> connection(
+        const std::string& name, bool connects,
+        const NorvoStreamClient::ConnectionOptions& options);
     // Waits up to `seconds` for both agents to serve the stream.
     void waitUntilUp(NorvoStreamClient::Stream& stream, double seconds);
     // Waits up to `seconds` for an agent in this session, connected or not.
@@ -30,6 +34,7 @@ public:
     // once `stream` (when given, else the agent) has been away for a second, why nothing comes.
     void noteSilence(NorvoStreamClient::Stream* stream = nullptr);
 
+    void noteSilence(const NorvoStreamClient::Status& status, const std::string& streamName);
     // What a failure means here, and what to do.
     std::string explain(const NorvoStreamClient::Status& status, const std::string& streamName);
 

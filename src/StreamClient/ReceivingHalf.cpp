@@ -1,0 +1,65 @@
+#include "ReceivingHalf.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace NorvoStreamClient {
+
+namespace {
+
+constexpr std::chrono::milliseconds kLongestSilence{10};
+// So many frames are answered with one.
+constexpr unsigned int kFramesPerAnswer = 16;
+
+}  // namespace
+
+void ReceivingHalf::owe(Time by) { m_answerBy = std::min(m_answerBy.value_or(by), by); }
+
+void ReceivingHalf::hear(const ConnectionFrame& frame, std::string message, Time now) {
+    if (frame.has(ConnectionFrame::kAnswer)) owe(now);
+    if (frame.number == 0) return;
+    m_seen = std::max(m_seen, frame.number);
+    const bool accepted = accept(frame, std::move(message));
+    const bool atOnce = !accepted || m_hasEnd || ++m_untold >= kFramesPerAnswer;
+    owe(atOnce ? now : now + kLongestSilence);
+}
+
+bool ReceivingHalf::accept(const ConnectionFrame& frame, std::string message) {
+    const std::size_t length = message.size() - ConnectionFrame::kHeaderSize;
+    const bool fits = frame.offset + length <= m_taken + m_capacity;
+    if (frame.offset != m_received || m_hasEnd || !fits) return false;
+    m_received += length;
+    if (length > 0) m_waiting.push_back({std::move(message), ConnectionFrame::kHeaderSize});
+    if (frame.has(ConnectionFrame::kEnd)) {
+        m_hasEnd = true;
+        ++m_received;
+    }
+    return true;
+}
+
+std::size_t ReceivingHalf::read(char* data, std::size_t length) {
+    std::size_t done = 0;
+    while (done < length && !m_waiting.empty()) {
+        Waiting& front = m_waiting.front();
+        const std::size_t part = std::min(length - done, front.message.size() - front.begin);
+        std::memcpy(data + done, front.message.data() + front.begin, part);
+        done += part;
+        front.begin += part;
+        if (front.begin == front.message.size()) m_waiting.pop_front();
+    }
+    m_taken += done;
+    if (m_taken + m_capacity >= m_limitTold + m_capacity / 2 && !m_hasEnd) owe(Time::min());
+    return done;
+}
+
+void ReceivingHalf::describe(ConnectionFrame& frame) {
+    m_limitTold = m_taken + m_capacity;
+    m_untold = 0;
+    m_answerBy.reset();
+    frame.seen = m_seen;
+    frame.acked = m_received;
+    frame.limit = m_limitTold;
+    frame.messages = m_messages;
+}
+
+}  // namespace NorvoStreamClient

@@ -1,0 +1,116 @@
+#include "ReceivedFile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <utility>
+
+#include "CommandError.h"
+
+namespace vcctl {
+
+namespace {
+
+constexpr std::size_t kBuffer = std::size_t{1} << 18;
+
+std::string resolved(const std::string& target) {
+    std::error_code failure;
+    const auto path = std::filesystem::canonical(target, failure);
+    return failure ? target : path.string();
+}
+
+bool isOrdinary(const std::string& target) {
+    struct stat status {};
+    return stat(target.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
+}  // namespace
+
+ReceivedFile::ReceivedFile(const std::string& target, Kind kind)
+    : m_target(target == "-" ? target : resolved(target)) {
+    if (target == "-") {
+        m_file = stdout;
+    } else if (kind != Kind::Direct && isOrdinary(m_target)) {
+        openPart(kind == Kind::KeptPart);
+    } else {
+        m_owned.reset(std::fopen(m_target.c_str(), "wbe"));
+        m_file = m_owned.get();
+    }
+    if (!m_file) throw systemError("cannot write " + m_target, errno);
+    std::setvbuf(m_file, nullptr, _IOFBF, kBuffer);
+}
+
+ReceivedFile::~ReceivedFile() {
+    if (isPart() && !m_committed && m_file && size() == 0) unlink(m_part.c_str());
+}
+
+void ReceivedFile::openPart(bool keep) {
+    m_part = m_target + ".part";
+    m_lock = support::Descriptor(open(m_part.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    if (!m_lock) throw systemError("cannot write " + m_part, errno);
+    if (flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        const std::string part = std::exchange(m_part, {});
+        throw CommandError("another vcctl recv is writing " + part);
+    }
+    if (!keep && ftruncate(m_lock.get(), 0) != 0)
+        throw systemError("cannot write " + m_part, errno);
+    m_owned.reset(std::fopen(m_part.c_str(), "abe"));
+    m_file = m_owned.get();
+}
+
+std::uint64_t ReceivedFile::size() const {
+    struct stat status {};
+    if (!isPart() || fstat(m_lock.get(), &status) != 0) return 0;
+    return static_cast<std::uint64_t>(status.st_size);
+}
+
+void ReceivedFile::count(TransferTally& tally) const {
+    if (isPart()) tally.addFile(m_lock.get(), size(), m_part);
+}
+
+void ReceivedFile::clear() {
+    flush();
+    if (isPart()) check(ftruncate(m_lock.get(), 0) == 0);
+}
+
+void ReceivedFile::check(bool done) const {
+    if (!done) throw outputError(m_target == "-" ? "standard output" : m_target);
+}
+
+void ReceivedFile::write(const char* data, std::size_t length) {
+    check(std::fwrite(data, 1, length, m_file) == length);
+}
+
+void ReceivedFile::flush() { check(std::fflush(m_file) == 0); }
+
+void ReceivedFile::commit() {
+    flush();
+    // What cannot be synced (a pipe, a terminal) says so with EINVAL or the like.
+    const bool synced = fsync(fileno(m_file)) == 0 || !isPart();
+    check(synced);
+    if (!isPart()) return;
+    std::FILE* const file = m_owned.release();
+    m_file = nullptr;
+    check(std::fclose(file) == 0);
+    check(std::rename(m_part.c_str(), m_target.c_str()) == 0);
+    m_committed = true;
+    syncFolder();
+}
+
+void ReceivedFile::syncFolder() const {
+    const auto folder = std::filesystem::path(m_target).parent_path();
+    const support::Descriptor descriptor(
+        open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_CLOEXEC));
+    if (descriptor) fsync(descriptor.get());
+}
+
+std::string ReceivedFile::advice() const {
+    if (!isPart() || m_committed || size() == 0) return "";
+    return "; what came is in " + m_part + ": go on with --resume at both ends";
+}
+
+}  // namespace vcctl

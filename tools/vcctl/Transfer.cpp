@@ -1,0 +1,92 @@
+#include "Transfer.h"
+
+#include <cstring>
+
+#include "StopSignal.h"
+
+namespace vcctl {
+
+using NorvoStreamClient::Reason;
+using NorvoStreamClient::Status;
+using Clock = std::chrono::steady_clock;
+
+TransferLink::TransferLink(SessionClient& session, const std::string& name, Role role,
+                           unsigned int capacity, double wait)
+    : m_session(session), m_name(name), m_role(role), m_wait(wait) {
+    NorvoStreamClient::ConnectionOptions options;
+    options.capacity = capacity;
+    if (wait > 0) options.outage = std::chrono::milliseconds(static_cast<long>(wait * 1000));
+    m_connection = session.connection(name, role == Role::Send, options);
+}
+
+void TransferLink::fail(const Status& why) const {
+    const bool sends = m_role == Role::Send;
+    if (why.reason() == Reason::Timeout && !m_open) {
+        throw LinkLost("the far side is there, but nobody " +
+                           std::string(sends ? "receives" : "sends") + ": start vcctl " +
+                           (sends ? "recv " : "send ") + m_name + " there",
+                       false);
+    }
+    if (why.reason() == Reason::PeerGone)
+        throw LinkLost(sends ? "the receiver is gone" : "the sender is gone", m_open);
+    if (why.reason() == Reason::Ended)
+        throw LinkLost(sends ? "the receiver ended without a word" : "the sender ended too early",
+                       m_open);
+    throw LinkLost(m_session.explain(why, m_name), m_open);
+}
+
+void TransferLink::check(const Status& status) const {
+    StopSignal::throwIfRequested();
+    if (status || mayPass(status)) {
+        if (status) return;
+        // A call that did not do all in its time; the connection itself says when it is over.
+        if (const Status now = m_connection->status(); !now) fail(now);
+        return;
+    }
+    fail(status);
+}
+
+void TransferLink::waitUntilOpen() {
+    const auto deadline = m_wait > 0 ? after(m_wait) : Clock::time_point::max();
+    for (Status open; !(open = m_connection->waitUntilOpen(kPollTime));) {
+        check(open);
+        if (Clock::now() >= deadline) fail(open);
+        m_session.noteSilence(open, m_name);
+    }
+    m_open = true;
+}
+
+bool TransferLink::hasInput() {
+    if (!m_ahead.empty()) return true;
+    char byte = 0;
+    std::size_t got = 0;
+    if (m_connection->read(&byte, 1, got, std::chrono::milliseconds(0))) m_ahead.push_back(byte);
+    return got > 0;
+}
+
+void TransferLink::finish() { check(m_connection->finish()); }
+
+bool TransferLink::settle(std::chrono::seconds limit) {
+    const auto deadline = Clock::now() + limit;
+    Status settled;
+    while (!(settled = m_connection->flush(kPollTime)) && mayPass(settled) &&
+           Clock::now() < deadline && !StopSignal::requested()) {
+    }
+    return static_cast<bool>(settled);
+}
+
+std::uint64_t TransferLink::readNumber() {
+    std::uint64_t number = 0;
+    read(&number, sizeof number);
+    return number;
+}
+
+void TransferLink::expectTag(const char* tag) {
+    char bytes[8];
+    read(bytes, sizeof bytes);
+    if (std::memcmp(bytes, tag, sizeof bytes) != 0)
+        throw CommandError("the program at the far end of '" + m_name + "' is not vcctl " +
+                           (m_role == Role::Send ? "recv" : "send") + ", or of another version");
+}
+
+}  // namespace vcctl
