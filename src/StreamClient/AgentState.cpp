@@ -51,7 +51,8 @@ std::optional<bool> AgentState::hearProcess(unsigned int processId, bool connect
     const bool isAnother = m_lastProcessId != 0 && m_lastProcessId != processId;
     m_generation += isAnother ? 1 : 0;
     m_processId = m_lastProcessId = processId;
-    return enter(next(isAnother ? Phase::Absent : m_phase, says));
+    // Of a connection there was news, which a first answer may be older than.
+    return enter(next(isAnother || !isConnected() ? Phase::Absent : m_phase, says));
 }
 
 void AgentState::forgetProcess() {

@@ -11,6 +11,7 @@
 #include "MessageBuilder.h"
 #include "MessageParser.h"
 #include "ProcessLife.h"
+#include "SegmentStatus.h"
 #include "SharedMemoryFactory.h"
 #include "StreamImpl.h"
 #include "VDIClientInfo.h"
@@ -78,8 +79,8 @@ void Client::Impl::joinInfoSegments() {
     if (m_listens) {
         m_info->subscribeObserver(this);
     } else {
-        m_start = Reason::SystemError;
-        NORVO_LOG(Error, "cannot listen to the agent, no segment ", name);
+        m_start = statusOf(m_info->openError());
+        NORVO_LOG(Error, "cannot listen to the agent, no segment ", name, ": ", m_start.text());
     }
 }
 

@@ -11,6 +11,7 @@
 #include "NorvoStreamClient.h"
 
 using NorvoStreamClient::Client;
+using NorvoStreamClient::Connection;
 using NorvoStreamClient::Direction;
 using NorvoStreamClient::Notification;
 using NorvoStreamClient::Options;
@@ -117,6 +118,10 @@ struct norvo_client {
 
 struct norvo_stream {
     std::shared_ptr<StreamState> state;
+};
+
+struct norvo_connection {
+    std::shared_ptr<Connection> state;
 };
 
 const char* norvo_error_text(int code) {
@@ -254,4 +259,58 @@ int norvo_stream_read(norvo_stream* stream, void* buffer, size_t size, size_t* l
             return state->stream->read(message, timeoutOf(timeout_ms));
         });
     });
+}
+
+int norvo_connection_open(norvo_client* client, const char* name, int role,
+                          norvo_connection** connection) {
+    if (connection) *connection = nullptr;
+    if (!client || !name || !connection) return NORVO_INVALID;
+    if (role != NORVO_CONNECT && role != NORVO_ACCEPT) return NORVO_INVALID;
+    return guarded([&] {
+        auto& of = client->state->client;
+        const auto opened = role == NORVO_CONNECT ? of.connect(name) : of.accept(name);
+        if (opened) *connection = new norvo_connection{opened};
+        return opened.status();
+    });
+}
+
+void norvo_connection_close(norvo_connection* connection) {
+    if (connection) connection->state->close();
+    delete connection;
+}
+
+int norvo_connection_status(const norvo_connection* connection) {
+    return connection ? codeOf(connection->state->status()) : NORVO_INVALID;
+}
+
+int norvo_connection_wait_open(norvo_connection* connection, int timeout_ms) {
+    if (!connection) return NORVO_INVALID;
+    const auto state = connection->state;
+    return guarded([&] { return state->waitUntilOpen(timeoutOf(timeout_ms)); });
+}
+
+int norvo_connection_write(norvo_connection* connection, const void* data, size_t length,
+                           size_t* accepted, int timeout_ms) {
+    if (accepted) *accepted = 0;
+    if (!connection) return NORVO_INVALID;
+    const auto state = connection->state;
+    return guarded([&] { return state->write(data, length, timeoutOf(timeout_ms), accepted); });
+}
+
+int norvo_connection_finish(norvo_connection* connection) {
+    if (!connection) return NORVO_INVALID;
+    return guarded([&] { return connection->state->finish(); });
+}
+
+int norvo_connection_flush(norvo_connection* connection, int timeout_ms) {
+    if (!connection) return NORVO_INVALID;
+    const auto state = connection->state;
+    return guarded([&] { return state->flush(timeoutOf(timeout_ms)); });
+}
+
+int norvo_connection_read(norvo_connection* connection, void* buffer, size_t size, size_t* length,
+                          int timeout_ms) {
+    if (!connection || !length) return NORVO_INVALID;
+    const auto state = connection->state;
+    return guarded([&] { return state->read(buffer, size, *length, timeoutOf(timeout_ms)); });
 }

@@ -25,8 +25,9 @@ extern "C" {
 
 #define NORVO_STREAM_CLIENT_C_API __attribute__((visibility("default")))
 
-typedef struct norvo_client norvo_client; /* NOLINT(modernize-use-using): this is C */
-typedef struct norvo_stream norvo_stream; /* NOLINT(modernize-use-using) */
+typedef struct norvo_client norvo_client;         /* NOLINT(modernize-use-using): this is C */
+typedef struct norvo_connection norvo_connection; /* NOLINT(modernize-use-using) */
+typedef struct norvo_stream norvo_stream;         /* NOLINT(modernize-use-using) */
 
 enum { NORVO_READ = 0, NORVO_WRITE = 1 };
 
@@ -107,6 +108,31 @@ NORVO_STREAM_CLIENT_C_API int norvo_stream_flush(norvo_stream* stream, int timeo
 /* Copies the next message into `buffer`; `*length` is its size, also with NORVO_TOO_SMALL. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_read(norvo_stream* stream, void* buffer, size_t size,
                                                 size_t* length, int timeout_ms);
+
+/* Connections: bytes that arrive whole and in order, in both directions; NorvoStreamConnection.h
+ * says more of each call. */
+
+/* Opens the connection `name`, whose other end must do the opposite: NORVO_CONNECT or NORVO_ACCEPT.
+ * `*connection` is NULL after a failure. The caller closes it. */
+enum { NORVO_CONNECT = 0, NORVO_ACCEPT = 1 };
+NORVO_STREAM_CLIENT_C_API int norvo_connection_open(norvo_client* client, const char* name,
+                                                    int role, norvo_connection** connection);
+NORVO_STREAM_CLIENT_C_API void norvo_connection_close(norvo_connection* connection);
+/* NORVO_OK while it is open or may still open; otherwise why it has failed. */
+NORVO_STREAM_CLIENT_C_API int norvo_connection_status(const norvo_connection* connection);
+NORVO_STREAM_CLIENT_C_API int norvo_connection_wait_open(norvo_connection* connection,
+                                                         int timeout_ms);
+/* Takes over bytes to send; `*accepted`, if not NULL, says how many, also after NORVO_TIMEOUT. */
+NORVO_STREAM_CLIENT_C_API int norvo_connection_write(norvo_connection* connection, const void* data,
+                                                     size_t length, size_t* accepted,
+                                                     int timeout_ms);
+/* Ends this direction: nothing more is written. */
+NORVO_STREAM_CLIENT_C_API int norvo_connection_finish(norvo_connection* connection);
+/* Waits until the other end's process has everything that was written. */
+NORVO_STREAM_CLIENT_C_API int norvo_connection_flush(norvo_connection* connection, int timeout_ms);
+/* Takes 1 to `size` bytes; `*length` says how many. NORVO_ENDED after the last one. */
+NORVO_STREAM_CLIENT_C_API int norvo_connection_read(norvo_connection* connection, void* buffer,
+                                                    size_t size, size_t* length, int timeout_ms);
 
 #ifdef __cplusplus
 }

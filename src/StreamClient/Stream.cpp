@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "ProcessLife.h"
+#include "SegmentStatus.h"
 #include "StreamImpl.h"
 
 namespace NorvoStreamClient {
@@ -21,7 +22,7 @@ Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
 Status Stream::Impl::setUp(unsigned int capacity) {
     const bool ready = m_direction == Direction::Read ? m_segment.Open(m_name, capacity)
                                                       : m_segment.Create(m_name, capacity);
-    return ready ? Status() : Status(Reason::SystemError);
+    return ready ? Status() : statusOf(m_segment.openError());
 }
 
 Status Stream::Impl::write(const void* data, std::size_t length, Clock::time_point deadline) {

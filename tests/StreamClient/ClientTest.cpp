@@ -10,6 +10,7 @@
 #include "Eventually.h"
 #include "FakeAgent.h"
 #include "NorvoStreamClient.h"
+#include "PosixSharedMemory.h"
 #include "Rounds.h"
 
 namespace {
@@ -76,6 +77,17 @@ TEST_F(ClientTest, RefusesStreamsThatCannotBe) {
     EXPECT_TRUE(client.openStream("CTSize", Direction::Write, 10));
     EXPECT_EQ(client.openStream("CTRead", Direction::Read)->write("x", 1, 1ms).reason(),
               Reason::InvalidArgument);
+}
+
+TEST_F(ClientTest, SaysWhyASegmentCannotBeSetUp) {
+    Client client(options());
+    ASSERT_TRUE(agentsEnd->Create("CTSmall", 10));
+    const bool grow = VDIFrameworkCommon::setExistingObjectsGrow(false);
+    const auto stream = client.openStream("CTSmall", Direction::Read, 1'000'000);
+    VDIFrameworkCommon::setExistingObjectsGrow(grow);
+    EXPECT_EQ(reasonOf(stream), Reason::CapacityMismatch);
+    EXPECT_GE(stream.status().existingCapacity(), 10U);
+    EXPECT_EQ(stream->write("x", 1, 1ms).reason(), Reason::CapacityMismatch);
 }
 
 TEST_F(ClientTest, PassesNotificationsAndRequestsOn) {

@@ -1,0 +1,157 @@
+// Connections and the examples between two real hosts; what the protocol does of itself is
+// ConnectionMachineTest's.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "Eventually.h"
+#include "HostPair.h"
+#include "NorvoStreamClient.h"
+#include "NorvoStreamClientC.h"
+#include "Rounds.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace NorvoStreamClient;
+using testsupport::HostPair;
+using testsupport::Side;
+
+constexpr auto kLong = 60s;
+
+char byteAt(std::size_t position) { return static_cast<char>(position * position >> 11); }
+
+// Sends back what comes, and ends when it ends.
+CHILD_ROLE(connectionEcho) {
+    Client client;
+    const auto connection = client.accept(args.at(0));
+    std::string buffer(100'000, '\0');
+    Status got;
+    for (std::size_t length = 0;
+         (got = connection->read(buffer.data(), buffer.size(), length, kLong));)
+        if (!connection->write(buffer.data(), length, kLong)) return 1;
+    if (got.reason() != Reason::Ended || !connection->finish()) return 2;
+    return connection->flush(kLong) ? 0 : 3;
+}
+
+CHILD_ROLE(mediaToBasic) {
+    Client client;
+    const auto in = client.openStream("Media", Direction::Read);
+    const auto out = client.openStream("Basic", Direction::Write);
+    testsupport::say(in->waitUntilUp(kLong) && out->waitUntilUp(kLong) ? "up" : "down");
+    std::string message;
+    while (in->read(message, 1h)) out->write(message.data(), message.size(), kLong);
+    return 0;
+}
+
+// Reads up to `count` bytes and checks each.
+std::size_t readChecked(Connection& connection, std::size_t from, std::size_t count) {
+    std::string buffer(100'000, '\0');
+    std::size_t position = from;
+    for (std::size_t length = 0; position < from + count; position += length) {
+        const Status got = connection.read(
+            buffer.data(), std::min(buffer.size(), from + count - position), length, kLong);
+        if (!got) break;
+        for (std::size_t i = 0; i < length; ++i)
+            if (buffer[i] != byteAt(position + i)) return position + i;
+    }
+    return position;
+}
+
+TEST(ConnectionAcrossProcesses, EveryByteComesBackThroughTheLossOfTheChannelAndOfEitherHost) {
+    HostPair hosts;
+    auto echo = hosts.run(Side::Far, "connectionEcho", {"Media"});
+    Client client;
+    const auto connection = client.connect("Media");
+    ASSERT_TRUE(connection->waitUntilOpen(kLong));
+    const std::size_t stage = testsupport::kSanitized ? 2'000'000 : 20'000'000;
+    const std::size_t whole = 4 * stage;
+    std::thread writer([&] {
+        std::string block(150'000, '\0');
+        for (std::size_t sent = 0; sent < whole; sent += block.size()) {
+            block.resize(std::min(block.size(), whole - sent));
+            for (std::size_t i = 0; i < block.size(); ++i) block[i] = byteAt(sent + i);
+            EXPECT_TRUE(connection->write(block.data(), block.size(), kLong));
+        }
+        EXPECT_TRUE(connection->finish());
+    });
+    EXPECT_EQ(readChecked(*connection, 0, stage), stage);
+    hosts.reconnect();
+    EXPECT_EQ(readChecked(*connection, stage, stage), 2 * stage);
+    hosts.kill(Side::Near);
+    hosts.start(Side::Near);
+    EXPECT_EQ(readChecked(*connection, 2 * stage, stage), 3 * stage);
+    hosts.kill(Side::Far);
+    hosts.start(Side::Far);
+    EXPECT_EQ(readChecked(*connection, 3 * stage, stage), whole);
+    writer.join();
+    char byte = 0;
+    std::size_t length = 0;
+    EXPECT_EQ(connection->read(&byte, 1, length, kLong).reason(), Reason::Ended);
+    EXPECT_TRUE(connection->flush(kLong));
+    EXPECT_EQ(connection->acknowledged(), whole);
+    EXPECT_EQ(echo.wait(), 0);
+}
+
+TEST(ConnectionAcrossProcesses, SaysWhatIsLackingAndWhoIsGone) {
+    Client client;
+    const auto lonely = client.connect("Generic");
+    EXPECT_EQ(lonely->waitUntilOpen(100ms).reason(), Reason::NoAgent);
+    HostPair hosts;
+    EXPECT_TRUE(testsupport::eventually(
+        [&] { return lonely->waitUntilOpen(100ms).reason() == Reason::Timeout; }));
+    {
+        auto echo = hosts.run(Side::Far, "connectionEcho", {"Generic"});
+        ASSERT_TRUE(lonely->waitUntilOpen(kLong));
+        ASSERT_TRUE(lonely->write("hello", 5, kLong));
+        echo.kill();
+    }
+    auto successor = hosts.run(Side::Far, "connectionEcho", {"Generic"});
+    char bytes[5];
+    std::size_t length = 0;
+    Status got;
+    while ((got = lonely->read(bytes, sizeof bytes, length, kLong))) {
+    }
+    EXPECT_EQ(got.reason(), Reason::PeerGone);
+    EXPECT_EQ(lonely->write("x", 1, kLong).reason(), Reason::PeerGone);
+    lonely->close();
+    EXPECT_EQ(lonely->status().reason(), Reason::Closed);
+
+    norvo_client* c = norvo_client_open(nullptr);
+    norvo_connection* connection = nullptr;
+    ASSERT_EQ(norvo_connection_open(c, "Generic", NORVO_CONNECT, &connection), NORVO_OK);
+    EXPECT_EQ(norvo_connection_wait_open(connection, 60000), NORVO_OK);
+    EXPECT_EQ(norvo_connection_write(connection, "hello", 5, &length, 60000), NORVO_OK);
+    EXPECT_EQ(length, 5U);
+    EXPECT_EQ(norvo_connection_finish(connection), NORVO_OK);
+    EXPECT_EQ(norvo_connection_flush(connection, 60000), NORVO_OK);
+    EXPECT_EQ(norvo_connection_read(connection, bytes, sizeof bytes, &length, 60000), NORVO_OK);
+    EXPECT_EQ(std::string(bytes, length), "hello");
+    EXPECT_EQ(norvo_connection_read(connection, bytes, 5, &length, 60000), NORVO_ENDED);
+    EXPECT_EQ(norvo_connection_status(connection), NORVO_OK);
+    norvo_connection_close(connection);
+    norvo_client_close(c);
+    EXPECT_EQ(successor.wait(), 0);
+}
+
+TEST(ConnectionAcrossProcesses, TheExamplesWorkAsTheyStand) {
+    HostPair hosts;
+    auto echo = hosts.run(Side::Far, "mediaToBasic");
+    const auto start = [&](const std::string& name) {
+        return support::Subprocess({NORVO_EXAMPLES "/norvo_example_" + name},
+                                   hosts.environment(Side::Near));
+    };
+    for (const std::string suffix : {"", "_c"}) {
+        auto receiver = start("receive" + suffix);
+        auto line = std::async(std::launch::async, [&] { return receiver.readLine(20s); });
+        // Until the receiver listens, what comes back has nobody to go to.
+        while (line.wait_for(0s) != std::future_status::ready)
+            ASSERT_EQ(start("send" + suffix).wait(), 0) << suffix;
+        EXPECT_EQ(line.get(), "hello");
+        EXPECT_EQ(receiver.wait(), 0);
+    }
+    EXPECT_EQ(echo.readLine(), "up");
+}
+
+}  // namespace
