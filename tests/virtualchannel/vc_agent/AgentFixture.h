@@ -29,19 +29,19 @@ inline std::string infoInputName() {
 }
 
 // One side of a channel.
-struct Side {
+struct AgentSide {
     std::shared_ptr<FakeMachine> machine = std::make_shared<FakeMachine>();
     FakeChannel channel;
     std::unique_ptr<VirtualChannelAgent::Agent> agent;
 
-    explicit Side(const std::string& name = "side") {
+    explicit AgentSide(const std::string& name = "side") {
         agent = std::make_unique<VirtualChannelAgent::Agent>(&channel, name, machine);
     }
-    ~Side() {
+    ~AgentSide() {
         if (agent) agent->stop();
     }
-    Side(const Side&) = delete;
-    Side& operator=(const Side&) = delete;
+    AgentSide(const AgentSide&) = delete;
+    AgentSide& operator=(const AgentSide&) = delete;
 
     void becomesAvailable(bool available = true) {
         channel.callObserver([=](auto& o) { o.OnVirtualChannelAvailabilityChange(available); });
@@ -108,7 +108,7 @@ protected:
         return sent[0];
     }
     LogCapture m_log;
-    Side m_side;
+    AgentSide m_side;
     FakeChannel& m_channel = m_side.channel;
 };
 

@@ -84,7 +84,7 @@ TEST_F(AgentHandshake, EachFieldOfTheHandshakeIsOptional) {
     for (const auto type : {CTL_CONNECT_READY, CTL_CONNECTED}) {
         for (unsigned int present = 0; present < 16; ++present) {
             SCOPED_TRACE(present);
-            Side side;
+            AgentSide side;
             side.forgetNotifications(2);
             info.setPeerInternalVersion(3);
             info.setPeerClientVersion("before");
@@ -106,7 +106,7 @@ TEST_F(AgentHandshake, EachFieldOfTheHandshakeIsOptional) {
 }
 
 TEST_F(AgentHandshake, TwoAgentsThatConnectAtOnceBothEndUpConnected) {
-    Side other("other");
+    AgentSide other("other");
     m_side.becomesAvailable();
     other.becomesAvailable();
     EXPECT_TRUE(exchangeUntil(m_channel, other.channel, [&] {

@@ -122,6 +122,15 @@ TEST_F(AgentLifecycle, ManyStreamsAreAnnouncedAgainInOrderWithoutHoldingUpTheHos
     EXPECT_TRUE(std::is_sorted(names.end() - kStreams, names.end()));
 }
 
+TEST_F(AgentLifecycle, AllStreamsAreClosedWithinTheTimeOfOne) {
+    m_side.machine->closeTakes = std::chrono::milliseconds(200);
+    for (int i = 0; i < 50; ++i) {
+        m_channel.deliver(aboutStream(CTL_S_CREATE, std::to_string(i), i % 2 ? kRead : kWrite));
+    }
+    endsSoon([&] { m_side.agent->stop(); });
+    EXPECT_EQ(m_side.machine->openSegments(), 0);
+}
+
 TEST_F(AgentLifecycle, HostCallsFromInsideAQuestionAreTaken) {
     m_channel.onQuestion = [&] {
         m_side.becomesAvailable(false);
@@ -167,7 +176,7 @@ TEST_F(AgentLifecycle, TheConnectionIsOverBeforeTheChannelHearsOfIt) {
 // Everybody calls at once: host threads, local processes, and in the end stop() or the destructor.
 TEST_F(AgentLifecycle, AnAgentCanBeEndedAtAnyMoment) {
     for (int round = 0; round < rounds(60); ++round) {
-        Side side;
+        AgentSide side;
         std::atomic<bool> goOn{true};
         std::vector<std::thread> callers;
         callers.emplace_back([&] {

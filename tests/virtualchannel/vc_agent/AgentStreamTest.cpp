@@ -73,10 +73,10 @@ TEST_F(AgentStream, TheFarSideAsksForBothDirections) {
 }
 
 TEST_F(AgentStream, TwoAgentsPairAStreamWhoeverAsks) {
-    Side other("other");
+    AgentSide other("other");
     m_channel.deliver(control(CTL_DISCONNECT));
     m_side.becomesAvailable();
-    const auto bothRun = [&](const std::string& name, Side& writer, Side& reader) {
+    const auto bothRun = [&](const std::string& name, AgentSide& writer, AgentSide& reader) {
         return exchangeUntil(m_channel, other.channel, [&] {
             const auto from = reader.segment(name);
             const auto to = writer.segment(name);
@@ -145,50 +145,52 @@ TEST_F(AgentStream, LocalDataTravelsWithItsStreamAndPriority) {
     }
 }
 
-TEST_F(AgentStream, IsNotReadWhileNobodyIsThereToSendTo) {
-    const auto segment = runningStream("Media", true);
-    const auto read = [&](const char* text) {
-        return std::async(std::launch::async, [=] { segment->localProcessWrites(text); });
-    };
-    const auto isOver = [](std::future<void>& reading) {
-        return reading.wait_for(std::chrono::milliseconds(20)) == std::future_status::ready;
-    };
-    m_channel.deliver(control(CTL_DISCONNECT));
-    auto inHand = read("in hand");
-    EXPECT_FALSE(isOver(inHand));
-
-    std::atomic<int> refused{0};
-    m_channel.onStreamData = [&] { return refused++ > 0; };
-    m_side.connect();
-    EXPECT_TRUE(eventually([&] { return refused == 1; }));
-    EXPECT_FALSE(isOver(inHand));  // not tried again in the same connection
-    EXPECT_EQ(refused, 1);
-    m_channel.deliver(control(CTL_DISCONNECT));
-    m_channel.deliver(control(CTL_CONNECTED));
-    inHand.get();
-    const auto goesOut = [&] {
-        for (const auto& sent : m_channel.takeSent()) {
-            if (sent.bytes == wireOf(routed("Media", "in hand"))) return true;
-        }
-        return false;
-    };
-    EXPECT_TRUE(goesOut());
-
-    m_channel.deliver(control(CTL_DISCONNECT));
-    auto waiting = read("never sent");
-    EXPECT_FALSE(isOver(waiting));
-    m_side.agent->stop();
-    waiting.get();
-}
-
-TEST_F(AgentStream, AFailedSegmentIsReportedAndTheStreamAnnouncedAllTheSame) {
+TEST_F(AgentStream, AFailedSegmentIsReportedAndSetUpAsSoonAsThatIsPossible) {
     m_side.machine->segmentsFail = true;
     m_side.request("CreateStream|Media|500");
     EXPECT_TRUE(m_log.contains("Failed open info stream from shared memory: Media"));
-    EXPECT_EQ(m_side.sentTexts(1), Texts{"6 Media 1 500"});
+    m_side.request("OpenStream|Basic|500");
+    EXPECT_EQ(m_side.sentTexts(2), (Texts{"6 Media 1 500", "6 Basic 0 500"}));
     m_channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
-    m_channel.deliver(routed("Media", "nowhere to go"));
+    m_channel.deliver(aboutStream(CTL_S_CREATED, "Basic", kWrite));
+    m_channel.deliver(routed("Media", "for later"));
     EXPECT_TRUE(eventually([&] { return m_log.contains("Bytes not delivered in stream: Media"); }));
+    m_side.machine->segmentsFail = false;
+    EXPECT_TRUE(eventually([&] { return m_side.machine->pass(1000) && m_side.segment("Basic"); }));
+    expectWritten(*m_side.segment("Media"), {"for later"});
+    EXPECT_TRUE(eventually([&] { return m_side.segment("Basic")->isObserved(); }));
+    m_channel.takeSent();
+    m_side.segment("Basic")->localProcessWrites("payload");
+    EXPECT_EQ(takeOne().message().getMessageType(), CTL_S_ROUTE);
+    m_side.agent->stop();
+    EXPECT_EQ(m_side.machine->openSegments(), 0);
+}
+
+TEST_F(AgentStream, WhatNobodyUsesIsFreedAfterAMinute) {
+    const auto& machine = m_side.machine;
+    runningStream("idle", true);
+    runningStream("waits", false)->setReader(FakeSegment::Reader::Refuses);
+    m_channel.deliver(routed("waits", "for a reader"));
+    runningStream("open", false);
+    m_side.request("CreateStream|closed|500");  // by a process that is seen to have it open
+    machine->setOpenElsewhere({"open"});
+    m_side.request("CreateStream|foreign|500");
+    m_side.request("CreateStream|closed|500");
+    ASSERT_TRUE(machine->pass(500));
+    ASSERT_TRUE(machine->pass(59'000));
+    const auto isOpen = [&](const std::string& name) { return m_side.segment(name)->isOpen(); };
+    EXPECT_TRUE(isOpen("idle"));
+    runningStream("used again", true)->localProcessWrites("x");
+    ASSERT_TRUE(machine->pass(2'000));
+    EXPECT_FALSE(isOpen("idle"));
+    EXPECT_FALSE(isOpen("closed"));
+    for (const auto* kept : {"waits", "open", "foreign", "used again"}) EXPECT_TRUE(isOpen(kept));
+    EXPECT_EQ(machine->peerSegments(), (std::set<std::string>{"open", "used again", "waits"}));
+
+    m_channel.deliver(routed("idle", "made anew"));
+    EXPECT_TRUE(isOpen("idle"));
+    m_side.agent->stop();
+    EXPECT_EQ(machine->peerSegments(), std::set<std::string>{});
 }
 
 TEST_F(AgentStream, ARefusedMessageIsTriedAgainEveryFiveMilliseconds) {
@@ -364,12 +366,19 @@ TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
 
 TEST_F(AgentStream, ManyStreamsOfTheFarSideLeaveRoomForThoseOfLocalProcesses) {
     const auto own = m_side.machine->segmentCount();
-    for (int i = 0; i < 2000; ++i) {
-        m_channel.deliver(aboutStream(CTL_S_CREATE, "s" + std::to_string(i), kWrite, 1));
-    }
-    EXPECT_EQ(m_side.machine->segmentCount() - own, kMaxPeerStreams);
+    const auto ask = [&](const std::string& prefix, int count) {
+        for (int i = 0; i < count; ++i) {
+            m_channel.deliver(aboutStream(CTL_S_CREATE, prefix + std::to_string(i), kWrite, 1));
+        }
+        return m_side.machine->segmentCount() - own;
+    };
+    EXPECT_EQ(ask("s", 2000), kMaxPeerStreams);
     for (int i = 0; i < 2000; ++i) m_side.request("CreateStream|l" + std::to_string(i) + "|1");
     EXPECT_EQ(m_side.machine->segmentCount() - own, kMaxStreams - 1);  // the INFO stream is one too
+    m_side.machine->setOpenElsewhere({});
+    ASSERT_TRUE(m_side.machine->pass(500));
+    ASSERT_TRUE(m_side.machine->pass(60'000));
+    EXPECT_EQ(ask("t", 2000), kMaxStreams - 1 + kMaxPeerStreams);
 }
 
 TEST_F(AgentStream, LargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProcesses) {

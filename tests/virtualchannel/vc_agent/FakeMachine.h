@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -28,6 +29,8 @@ public:
 
     explicit FakeSegment(Kind kind, std::function<bool(FakeSegment&)> registerSelf)
         : m_kind(kind), m_registerSelf(std::move(registerSelf)) {}
+
+    std::atomic<std::chrono::milliseconds> closeTakes{std::chrono::milliseconds(0)};
 
     // The local process.
     void setReader(Reader reader) {
@@ -68,6 +71,7 @@ public:
         return setUp(name, size, false);
     }
     bool Close() override {
+        std::this_thread::sleep_for(closeTakes.load());
         std::lock_guard lock(m_mutex);
         m_open = false;
         m_changed.notify_all();
@@ -132,7 +136,13 @@ public:
     std::atomic<bool> segmentsFail{false};
     std::atomic<std::uint64_t> clock{1'000'000};
     std::atomic<std::chrono::microseconds> pauseTakes{std::chrono::microseconds(200)};
+    std::atomic<std::chrono::milliseconds> closeTakes{std::chrono::milliseconds(0)};
     std::function<void(const std::string&)> onSegmentSetUp;  // on the agent's thread
+    // What other processes have open; everything unless the test says so.
+    void setOpenElsewhere(std::set<std::string> names) {
+        std::lock_guard lock(m_mutex);
+        m_openElsewhere = std::move(names);
+    }
 
     // What the agent did.
     std::atomic<bool> isMarked{false};
@@ -140,6 +150,10 @@ public:
     std::atomic<int> pauses{0};
     std::atomic<int> pausedMs{0};
 
+    std::set<std::string> peerSegments() const {
+        std::lock_guard lock(m_mutex);
+        return m_peerSegments;
+    }
     // The segment that was set up last under that name; null when there is none.
     std::shared_ptr<FakeSegment> segment(const std::string& name) const {
         std::lock_guard lock(m_mutex);
@@ -160,11 +174,11 @@ public:
     // Lets `ms` pass, at the end of which the waiting thread goes on, and waits until it is back
     // for its next wait. (Setting `clock` alone is somebody setting the wall clock.)
     bool pass(std::uint64_t ms) {
-        if (!eventually([&] { return m_waiting.load(); })) return false;
+        if (!eventually([&] { return m_waiting > 0; })) return false;
         const int before = m_waits;
         clock += ms;
         m_elapsed += ms;
-        return eventually([&] { return m_waits > before && m_waiting; });
+        return eventually([&] { return m_waits > before && m_waiting > 0; });
     }
 
     std::uint64_t nowMs() override { return clock; }
@@ -176,15 +190,27 @@ public:
     bool wait(VDIFrameworkCommon::Event& event, std::chrono::milliseconds duration) override {
         const std::uint64_t deadline = m_elapsed + static_cast<std::uint64_t>(duration.count());
         m_waits++;
-        m_waiting = true;
+        m_waiting++;
         bool set = false;
         while (!set && m_elapsed < deadline) set = event.timedWait(1);
-        m_waiting = false;
+        m_waiting--;
         return set;
     }
     std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) override {
         return std::make_shared<FakeSegment>(
             kind, [this](FakeSegment& self) { return registerSegment(self); });
+    }
+    bool isSegmentInUseElsewhere(const std::string& name) override {
+        std::lock_guard lock(m_mutex);
+        return !m_openElsewhere || m_openElsewhere->contains(name);
+    }
+    void addPeerSegment(const std::string& name) override {
+        std::lock_guard lock(m_mutex);
+        m_peerSegments.insert(name);
+    }
+    void removePeerSegment(const std::string& name) override {
+        std::lock_guard lock(m_mutex);
+        m_peerSegments.erase(name);
     }
     bool hasOtherActiveAgent() override { return otherAgentIsActive; }
     bool markActive() override {
@@ -199,6 +225,7 @@ private:
         const std::string name = segment.getName();
         if (onSegmentSetUp) onSegmentSetUp(name);
         if (segmentsFail) return false;
+        segment.closeTakes = closeTakes.load();
         std::lock_guard lock(m_mutex);
         m_byName[name] = segment.shared_from_this();
         return true;
@@ -206,8 +233,10 @@ private:
 
     mutable std::mutex m_mutex;
     std::map<std::string, std::shared_ptr<FakeSegment>> m_byName;
+    std::set<std::string> m_peerSegments;
+    std::optional<std::set<std::string>> m_openElsewhere;
     std::atomic<std::uint64_t> m_elapsed{0};
-    std::atomic<bool> m_waiting{false};
+    std::atomic<int> m_waiting{0};
     std::atomic<int> m_waits{0};
 };
 

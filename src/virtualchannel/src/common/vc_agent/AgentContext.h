@@ -88,6 +88,8 @@ public:
     // A stream that is in no table yet. `segment` is set up, or empty.
     virtual StreamPtr makeStream(const StreamDetails& stream,
                                  std::shared_ptr<SharedMemoryI> segment) = 0;
+    // Ends the streams that nobody needs any more.
+    virtual void freeUnusedStreams() NORVO_TAKES_CREATION = 0;
 
 private:
     static std::string clientName() {

@@ -2,6 +2,8 @@
 
 #include <thread>
 
+#include "PeerSegmentRecord.h"
+#include "SegmentUse.h"
 #include "SharedMemoryFactory.h"
 #include "SharedMemoryRWController.h"
 #include "VirtualChannelAgent.h"
@@ -26,6 +28,13 @@ public:
         return getSharedMemoryInstance(kind == SegmentKind::Broadcast ? ESharedMemoryType::Broadcast
                                                                       : ESharedMemoryType::Plain);
     }
+
+    bool isSegmentInUseElsewhere(const std::string& name) override {
+        return shared_memory::isSegmentInUseElsewhere(name);
+    }
+    void addPeerSegment(const std::string& name) override { PeerSegmentRecord::add(name); }
+    void removePeerSegment(const std::string& name) override { PeerSegmentRecord::remove(name); }
+    int removePeerSegmentsOfTheDead() override { return PeerSegmentRecord::removeLeftovers(); }
 
     bool hasOtherActiveAgent() override {
         return SharedMemoryRWController::getInstance()->hasOtherActiveVirtualChannelAgent();

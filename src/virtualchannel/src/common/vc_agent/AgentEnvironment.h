@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "Event.h"
 #include "SharedMemoryI.h"
@@ -28,6 +29,16 @@ public:
 
     // A segment that is not set up yet.
     virtual std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) = 0;
+
+    // Whether a living process other than this one has the segment open. One that does not use this
+    // framework is not seen.
+    virtual bool isSegmentInUseElsewhere(const std::string& /*name*/) { return true; }
+    // A segment that the far side has asked for is about to be made, or is not needed any more:
+    // then it is removed from the system unless a living process has it open.
+    virtual void addPeerSegment(const std::string& /*name*/) {}
+    virtual void removePeerSegment(const std::string& /*name*/) {}
+    // Removes those that processes left behind which were killed. How many.
+    virtual int removePeerSegmentsOfTheDead() { return 0; }
 
     // The mark of the one agent that is active on this machine.
     virtual bool hasOtherActiveAgent() = 0;

@@ -92,7 +92,8 @@ void Agent::Stream::close() {
 
 void Agent::Stream::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
     if (!m_running || m_context.stopping || message.empty()) return;
-    m_link.sendRoutedData(m_name, m_type, m_size, std::move(message), m_lowPriority, m_running);
+    use.note();
+    m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority);
 }
 
 void Agent::Stream::WriterProcessingThread() {
@@ -101,7 +102,9 @@ void Agent::Stream::WriterProcessingThread() {
     while (running()) {
         auto message = m_queue.pop(running);
         if (!message) continue;
+        m_delivering = true;
         deliver(*message);
+        m_delivering = false;
         m_spares.giveBack(std::move(*message));
     }
     AGENT_LOG(m_context, Info, "Thread processing '", m_name, "' exiting");

@@ -14,6 +14,7 @@
 #include "SpareStrings.h"
 #include "StreamRules.h"
 #include "StreamType.h"
+#include "StreamUse.h"
 #include "VirtualChannelAgent.h"
 
 namespace VirtualChannelAgent {
@@ -59,6 +60,12 @@ public:
     // A message of the local process, on the segment's read thread.
     void onNewMessageReceived(std::string message, SharedMemoryI* source) override;
 
+    // What says how long the stream must be kept (StreamService.h).
+    StreamUse use;
+
+    // Whether a message waits for the local process or is being handed to it.
+    bool hasUndelivered() const NORVO_TAKES_LEAF { return m_delivering || queued() != passed(); }
+
     // When the far side was last asked to create its end, in wall-clock milliseconds.
     std::atomic<std::uint64_t> lastCreateRequestMs{0};
 
@@ -78,6 +85,7 @@ private:
     VDIFrameworkCommon::BoundedQueue<std::string> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
     SpareStrings m_spares;
     std::atomic<bool> m_running{false};
+    std::atomic<bool> m_delivering{false};
 
     VDIFrameworkCommon::LocalMutex m_serviceMutex;
     bool m_closed NORVO_GUARDED_BY(m_serviceMutex) = false;

@@ -195,6 +195,7 @@ void ControlProtocol::streamError(const Received& received) {
 StreamPtr ControlProtocol::findOpposite(const StreamDetails& stream) {
     const StreamType ours = utils::GetMirroredSType(stream.type);
     StreamPtr found = m_streams.FindInternalStream(stream.name, ours);
+    if (found) found->use.note();
     if (found && utils::IsStreamTypeValid(ours) && found->type() != ours) {
         AGENT_LOG(m_context, Warning, "Stream has the same direction at both ends: ", stream.name);
     }

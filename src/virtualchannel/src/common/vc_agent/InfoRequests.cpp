@@ -5,6 +5,7 @@
 
 #include "Conversions.h"
 #include "FileUtils.h"
+#include "InfoSegments.h"
 #include "MessageParser.h"
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
@@ -16,8 +17,8 @@ using VDIFrameworkCommon::toUnsignedInt;
 
 namespace {
 
-// In bytes. A request taken apart may need more than 32 times its memory.
-constexpr std::size_t kLongestRequest = 64 * 1024;
+// A request taken apart may need more than 32 times its memory.
+constexpr std::size_t kLongestRequest = VDIFrameworkCommon::kInfoSegmentSize;
 
 }  // namespace
 
@@ -61,6 +62,7 @@ const InfoRequests::Operation* InfoRequests::find(const Fields& fields) {
 }
 
 void InfoRequests::handle(const std::string& message) {
+    if (m_context.stopping) return;  // the goodbye must be the last that the far side hears
     printMessage("onNewMessageReceived: ", message);
     const Fields fields = message.size() > kLongestRequest
                               ? Fields()

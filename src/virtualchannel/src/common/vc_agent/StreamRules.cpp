@@ -26,6 +26,20 @@ bool isUsableStreamName(std::string_view name) {
            std::none_of(name.begin(), name.end(), isForbidden);
 }
 
+void StreamLoad::add(unsigned int size, bool forPeer) {
+    streams++;
+    totalSize += size;
+    peerStreams += forPeer ? 1 : 0;
+    peerTotalSize += forPeer ? size : 0;
+}
+
+void StreamLoad::remove(unsigned int size, bool forPeer) {
+    streams--;
+    totalSize -= size;
+    peerStreams -= forPeer ? 1 : 0;
+    peerTotalSize -= forPeer ? size : 0;
+}
+
 std::string_view refusalOfStream(std::string_view name, unsigned int size, bool forPeer,
                                  const StreamLoad& load) {
     if (!isUsableStreamName(name)) return "its name cannot be used";

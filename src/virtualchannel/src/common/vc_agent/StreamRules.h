@@ -27,6 +27,9 @@ inline constexpr std::uint64_t kMaxPeerTotalSize = 384U << 20;  // bytes
 inline constexpr std::size_t kMaxQueuedMessages = 1001;
 inline constexpr std::size_t kMaxQueuedBytes = 256U << 20;  // of one stream
 
+// A stream that no local process has open and that neither side has used for so long is freed.
+inline constexpr std::uint64_t kFreeAfterMs = 60'000;
+
 // A name that can be part of the names of system objects: not empty, not too long, without '/' and
 // control characters.
 bool isUsableStreamName(std::string_view name);
@@ -37,6 +40,9 @@ struct StreamLoad {
     std::size_t peerStreams = 0;
     std::uint64_t totalSize = 0;      // bytes
     std::uint64_t peerTotalSize = 0;  // of it, for the far side
+
+    void add(unsigned int size, bool forPeer);
+    void remove(unsigned int size, bool forPeer);
 };
 
 // Why one more stream of `size` bytes cannot be made, as text for the log; empty when it can.

@@ -1,5 +1,6 @@
 #include "StreamService.h"
 
+#include <deque>
 #include <utility>
 
 NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
@@ -7,37 +8,6 @@ NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
-using SegmentKind = AgentEnvironment::SegmentKind;
-
-// How a segment is set up, and what the log says of it.
-struct StreamService::SegmentSetup {
-    const char* begun;
-    SegmentKind kind;
-    bool creates;  // as its writer; otherwise opens it as a reader
-    const char* unavailable;
-    const char* failed;
-};
-
-namespace {
-
-constexpr char kNoStreamSegment[] = " NULL == pStream->ptrShm";
-constexpr char kStreamFailed[] = "Failed open info stream from shared memory: ";
-
-}  // namespace
-
-constexpr StreamService::SegmentSetup StreamService::kInfoOutput{
-    "CreateInternalStream() - Broadcast: ", SegmentKind::Broadcast, true, kNoStreamSegment,
-    kStreamFailed};
-constexpr StreamService::SegmentSetup StreamService::kReadStream{
-    "CreateInternalStream() - Read: ", SegmentKind::Plain, false, kNoStreamSegment, kStreamFailed};
-constexpr StreamService::SegmentSetup StreamService::kWrittenStream{
-    "CreateInternalStream() - Write: ", SegmentKind::Plain, true, kNoStreamSegment, kStreamFailed};
-constexpr StreamService::SegmentSetup StreamService::kReadMemory{
-    "CreateInternalSharedMemory() - Read: ", SegmentKind::Broadcast, false, " NULL == ptrShm",
-    "Failed open shared memory: "};
-constexpr StreamService::SegmentSetup StreamService::kWrittenMemory{
-    "CreateInternalSharedMemory() - Write: ", SegmentKind::Plain, true, " NULL == ptrShm",
-    "Failed create shared memory: "};
 
 void StreamService::beginInfoOutput(unsigned int size) {
     StreamPtr stream;
@@ -49,35 +19,23 @@ void StreamService::beginInfoOutput(unsigned int size) {
     StartStreamProcessor(stream, false);
 }
 
-std::shared_ptr<SharedMemoryI> StreamService::CreateInternalSharedMemory(const std::string& name,
-                                                                         StreamType type,
-                                                                         unsigned int size) {
+StreamSegments::Segment StreamService::CreateInternalSharedMemory(const std::string& name,
+                                                                  StreamType type,
+                                                                  unsigned int size) {
     AGENT_LOG(m_context, Info, "CreateInternalSharedMemory()");
-    if (!utils::IsStreamTypeValid(type)) return nullptr;
-    return setUpSegment(name, size, type == StreamType::READ ? kReadMemory : kWrittenMemory);
+    if (!utils::IsStreamTypeValid(type)) return {};
+    return m_segments.setUp(
+        name, size,
+        type == StreamType::READ ? StreamSegments::kReadMemory : StreamSegments::kWrittenMemory);
 }
 
 StreamPtr StreamService::CreateInternalStream(const std::string& name, StreamType type,
                                               unsigned int size, bool broadcast) {
     AGENT_LOG(m_context, Info, "CreateInternalStream()");
-    const auto& setup = broadcast                  ? kInfoOutput
-                        : type == StreamType::READ ? kReadStream
-                                                   : kWrittenStream;
-    return m_context.makeStream({name, type, size}, setUpSegment(name, size, setup));
-}
-
-std::shared_ptr<SharedMemoryI> StreamService::setUpSegment(const std::string& name,
-                                                           unsigned int size,
-                                                           const SegmentSetup& setup) {
-    AGENT_LOG(m_context, Info, setup.begun, name);
-    auto segment = m_context.environment->makeSegment(setup.kind);
-    if (!segment) {
-        AGENT_LOG(m_context, Error, setup.unavailable);
-    } else if (!(setup.creates ? segment->Create(name, size) : segment->Open(name, size))) {
-        AGENT_LOG(m_context, Error, setup.failed, name);
-        segment.reset();
-    }
-    return segment;
+    const auto& setup = broadcast                  ? StreamSegments::kInfoOutput
+                        : type == StreamType::READ ? StreamSegments::kReadStream
+                                                   : StreamSegments::kWrittenStream;
+    return m_context.makeStream({name, type, size}, m_segments.setUp(name, size, setup).memory);
 }
 
 bool StreamService::CreateStream(const std::string& name, unsigned int size, Requester requester) {
@@ -105,15 +63,29 @@ bool StreamService::OpenStream(const std::string& name, unsigned int size, Reque
 StreamPtr StreamService::findOrMake(const std::string& name, StreamType type, unsigned int size,
                                     Requester requester) {
     OrderedLock lock(m_creationMutex, lock_order::creation);
-    if (auto existing = FindInternalStream(name, type)) {
-        if (requester == Requester::LocalProcess) tellDirection(*existing, type);
-        return existing;
+    StreamPtr stream = FindInternalStream(name, type);
+    if (stream) {
+        if (requester == Requester::LocalProcess) tellDirection(*stream, type);
+    } else {
+        stream = make({name, type, size}, requester);
     }
-    if (!admits(name, size, requester)) return nullptr;
-    auto stream = CreateInternalStream(name, type, size, false);
+    if (stream) noteRequest(*stream, requester);
+    return stream;
+}
+
+StreamPtr StreamService::make(const StreamDetails& wanted, Requester requester) {
+    if (!admits(wanted, requester)) return nullptr;
+    if (requester == Requester::FarSide) m_context.environment->addPeerSegment(wanted.name);
+    auto stream = CreateInternalStream(wanted.name, wanted.type, wanted.size, false);
     if (add(stream, requester)) return stream;
     AGENT_LOG(m_context, Error, "Stream creation failed");
     return nullptr;
+}
+
+void StreamService::noteRequest(Agent::Stream& stream, Requester requester) {
+    stream.use.askedFor(requester);
+    if (requester == Requester::FarSide) return;
+    if (m_context.environment->isSegmentInUseElsewhere(stream.name())) stream.use.seenOpen();
 }
 
 void StreamService::tellDirection(const Agent::Stream& stream, StreamType wanted) {
@@ -124,26 +96,24 @@ void StreamService::tellDirection(const Agent::Stream& stream, StreamType wanted
     if (m_context.connected && stream.isRunning()) m_context.notifyStream(stream);
 }
 
-bool StreamService::admits(const std::string& name, unsigned int size, Requester requester) {
+bool StreamService::admits(const StreamDetails& wanted, Requester requester) {
     if (m_context.stopping) return false;
     // Who could write into the requests' segment would give orders in a local process's place.
-    const bool isInfo = name == m_context.infoInputName || name == m_context.infoOutputName;
+    const bool isInfo =
+        wanted.name == m_context.infoInputName || wanted.name == m_context.infoOutputName;
     const std::string_view refusal =
         isInfo ? "it is an INFO stream"
-               : refusalOfStream(name, size, requester == Requester::FarSide, m_load);
+               : refusalOfStream(wanted.name, wanted.size, requester == Requester::FarSide, m_load);
     if (refusal.empty()) return true;
-    AGENT_LOG(m_context, Warning, "Stream refused, ", refusal, ": ", shown(name), ", size ", size);
+    AGENT_LOG(m_context, Warning, "Stream refused, ", refusal, ": ", shown(wanted.name), ", size ",
+              wanted.size);
     return false;
 }
 
 bool StreamService::add(const StreamPtr& stream, Requester requester) {
     if (!m_streams.insert(stream)) return false;
-    m_load.streams++;
-    m_load.totalSize += stream->size();
-    if (requester == Requester::FarSide) {
-        m_load.peerStreams++;
-        m_load.peerTotalSize += stream->size();
-    }
+    m_load.add(stream->size(), requester == Requester::FarSide);
+    if (requester == Requester::FarSide) m_madeForPeer.insert(stream->name());
     return true;
 }
 
@@ -205,12 +175,53 @@ void StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* 
     stream->enqueue(data, length);
 }
 
+bool StreamService::isUnused(Agent::Stream& stream, std::uint64_t nowMs) {
+    if (stream.name() == m_context.infoOutputName) return false;
+    const std::uint64_t idleMs = stream.use.idleMs(nowMs);
+    if (idleMs < kFreeAfterMs || stream.use.isKept() || stream.hasUndelivered()) return false;
+    if (!m_context.environment->isSegmentInUseElsewhere(stream.name())) return true;
+    stream.use.seenOpen();
+    stream.use.note();
+    return false;
+}
+
+void StreamService::freeUnused() {
+    OrderedLock lock(m_creationMutex, lock_order::creation);
+    if (m_context.stopping) return;
+    const std::uint64_t now = m_context.environment->nowMs();
+    std::vector<StreamPtr> unused;
+    for (const auto& stream : m_streams.snapshot()) {
+        if (isUnused(*stream, now)) unused.push_back(stream);
+    }
+    for (const auto& stream : unused) {
+        AGENT_LOG(m_context, Info, "Nobody uses the stream any more: ", stream->name());
+        m_streams.remove(stream->name());
+    }
+    closeTogether(unused);
+}
+
+// Each may have to wait for a lock that a process holds which stands still, so all at once.
+void StreamService::closeTogether(const std::vector<StreamPtr>& streams) {
+    for (const auto& stream : streams) stream->requestStop();
+    std::deque<AgentThread> threads;
+    for (const auto& stream : streams) {
+        const bool forPeer = m_madeForPeer.erase(stream->name()) > 0;
+        m_load.remove(stream->size(), forPeer);
+        const bool removes = forPeer && !stream->use.isKept();
+        const auto close = [this, stream, removes] {
+            stream->close();
+            if (removes) m_context.environment->removePeerSegment(stream->name());
+        };
+        if (!threads.emplace_back().start(close)) close();
+    }
+}
+
 void StreamService::closeAll() {
+    m_segments.end();
     OrderedLock lock(m_creationMutex, lock_order::creation);
     const auto streams = m_streams.close();
     AGENT_LOG(m_context, Info, "Signal processing threads to stop");
-    for (const auto& stream : streams) stream->requestStop();
-    for (const auto& stream : streams) stream->close();
+    closeTogether(streams);
 }
 
 }  // namespace VirtualChannelAgent

@@ -1,19 +1,22 @@
 #pragma once
 
-#include <memory>
+#include <cstdint>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "AgentContext.h"
 #include "LockOrder.h"
 #include "StreamRules.h"
+#include "StreamSegments.h"
 #include "StreamTable.h"
 
 namespace VirtualChannelAgent {
 
-// On whose wish a stream is made.
-enum class Requester { LocalProcess, FarSide };
-
-// Makes streams, starts them, and hands them the far side's data. Any thread.
+// Makes streams, starts them, hands them the far side's data, and frees those that nobody needs: no
+// local process has them open, and neither side has used them for a minute. A stream that a local
+// process has asked for which cannot be seen (it does not use this framework) is never freed. The
+// segment of one that was made at the far side's wish goes with it. Any thread.
 class StreamService {
 public:
     StreamService(AgentContext& context, StreamTable& streams)
@@ -22,10 +25,9 @@ public:
     // Makes the outgoing INFO stream and starts it.
     void beginInfoOutput(unsigned int size) NORVO_TAKES_CREATION;
 
-    // A set-up segment without a stream; empty when it could not be set up. READ opens a segment
-    // that the agent reads next to other readers.
-    std::shared_ptr<SharedMemoryI> CreateInternalSharedMemory(const std::string& name,
-                                                              StreamType type, unsigned int size);
+    // A segment without a stream. READ opens one that the agent reads next to other readers.
+    StreamSegments::Segment CreateInternalSharedMemory(const std::string& name, StreamType type,
+                                                       unsigned int size);
 
     // A stream that the agent writes into (CreateStream) or reads from (OpenStream), made when
     // there is none of that name, and the far side is asked for its end of it. An existing one is
@@ -48,30 +50,29 @@ public:
     void ProcessRoutableMessage(const StreamPtr& stream, const char* data,
                                 std::size_t length) NORVO_TAKES_LEAF;
 
+    // Frees the streams that nobody needs any more.
+    void freeUnused() NORVO_TAKES_CREATION;
+
     // Ends every stream; none can be made any more.
     void closeAll() NORVO_TAKES_CREATION;
 
 private:
-    struct SegmentSetup;
-    static const SegmentSetup kInfoOutput;
-    static const SegmentSetup kReadStream;
-    static const SegmentSetup kWrittenStream;
-    static const SegmentSetup kReadMemory;
-    static const SegmentSetup kWrittenMemory;
-
     StreamPtr CreateInternalStream(const std::string& name, StreamType type, unsigned int size,
                                    bool broadcast);
-    std::shared_ptr<SharedMemoryI> setUpSegment(const std::string& name, unsigned int size,
-                                                const SegmentSetup& setup);
     StreamPtr findOrMake(const std::string& name, StreamType type, unsigned int size,
                          Requester requester) NORVO_TAKES_CREATION;
     // A local process that wants the other direction hears at once which one it can have.
     void tellDirection(const Agent::Stream& stream, StreamType wanted) NORVO_TAKES_STREAMS;
-    bool admits(const std::string& name, unsigned int size, Requester requester)
-        NORVO_REQUIRES(m_creationMutex);
+    StreamPtr make(const StreamDetails& wanted, Requester requester)
+        NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
+    void noteRequest(Agent::Stream& stream, Requester requester);
+    bool admits(const StreamDetails& wanted, Requester requester) NORVO_REQUIRES(m_creationMutex);
     bool add(const StreamPtr& stream, Requester requester)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void announce(const StreamPtr& stream) NORVO_TAKES_LEAF;
+    bool isUnused(Agent::Stream& stream, std::uint64_t nowMs) NORVO_TAKES_LEAF;
+    void closeTogether(const std::vector<StreamPtr>& streams)
+        NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     // Whether data of the far side for this stream is written at once, and in the log why not.
     bool IsStreamRoutable(const Agent::Stream& stream) const;
 
@@ -80,6 +81,8 @@ private:
 
     VDIFrameworkCommon::LocalMutex m_creationMutex;  // one stream is made at a time
     StreamLoad m_load NORVO_GUARDED_BY(m_creationMutex);
+    std::set<std::string> m_madeForPeer NORVO_GUARDED_BY(m_creationMutex);
+    StreamSegments m_segments{m_context};
 };
 
 }  // namespace VirtualChannelAgent

@@ -28,6 +28,7 @@ void StreamStateChecker::CheckStreamStatesThread() {
     while (m_running) {
         m_context.environment->wait(m_wake, kCheckPeriod);
         askAgain();
+        m_context.freeUnusedStreams();
     }
     AGENT_LOG(m_context, Info, "Finishing CheckStreamStatesThread thread/method");
 }

@@ -23,7 +23,7 @@ public:
     bool isRunning() const NORVO_REQUIRES(lock_order::transition) { return m_thread.isRunning(); }
 
 private:
-    void CheckStreamStatesThread() NORVO_TAKES_STREAMS;
+    void CheckStreamStatesThread() NORVO_TAKES_CREATION;
     void askAgain() NORVO_TAKES_STREAMS;
 
     AgentContext& m_context;

@@ -15,6 +15,12 @@ bool StreamTable::insert(const StreamPtr& stream) {
     return !m_closed && m_streams.emplace(stream->name(), stream).second;
 }
 
+void StreamTable::remove(std::string_view name) {
+    OrderedLock lock(m_mutex, lock_order::streams);
+    const auto found = m_streams.find(name);
+    if (found != m_streams.end()) m_streams.erase(found);
+}
+
 std::vector<StreamPtr> StreamTable::snapshot() const {
     OrderedLock lock(m_mutex, lock_order::streams);
     return list();

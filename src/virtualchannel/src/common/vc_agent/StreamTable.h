@@ -12,15 +12,15 @@
 
 namespace VirtualChannelAgent {
 
-// Every stream of an agent by name, the outgoing INFO stream included. A stream stays until the
-// agent ends. Loops work on a snapshot, in name order: what they call may need the table.
-// Thread-safe.
+// Every stream of an agent by name, the outgoing INFO stream included. Loops work on a snapshot, in
+// name order: what they call may need the table. Thread-safe.
 class StreamTable {
 public:
     // Empty when there is none.
     StreamPtr find(std::string_view name) const NORVO_TAKES_STREAMS;
     // False when the name is taken or the table has been closed.
     bool insert(const StreamPtr& stream) NORVO_TAKES_STREAMS;
+    void remove(std::string_view name) NORVO_TAKES_STREAMS;
     std::vector<StreamPtr> snapshot() const NORVO_TAKES_STREAMS;
     // The same, and nothing can be inserted any more.
     std::vector<StreamPtr> close() NORVO_TAKES_STREAMS;

@@ -67,6 +67,8 @@ struct Agent::Parts final : AgentContext {
                                         std::move(segment));
     }
 
+    void freeUnusedStreams() override { m_service.freeUnused(); }
+
     std::shared_ptr<HvdClientInfoManager> clientInfo() {
         OrderedLock lock(m_valuesMutex, lock_order::leaf);
         if (!m_clientInfo) m_clientInfo = std::make_shared<HvdClientInfoManager>();
@@ -115,9 +117,14 @@ void Agent::begin(VirtualChannel* channel) {
               "), version: ", kChannelVersion);
     SetVirtualChannel(channel);
     m_parts->m_service.beginInfoOutput(kInfoSegmentSize);
-    m_parts->m_infoReader = m_parts->m_service.CreateInternalSharedMemory(
+    if (const int left = context.environment->removePeerSegmentsOfTheDead()) {
+        AGENT_LOG(context, Notice, "Removed what agents left that were killed, segments: ", left);
+    }
+    const auto requests = m_parts->m_service.CreateInternalSharedMemory(
         context.infoInputName, StreamType::READ, kInfoSegmentSize);
-    if (!m_parts->m_infoReader || !subscribe(*m_parts->m_infoReader, this)) {
+    m_parts->m_infoReader = requests.memory;
+    const bool listens = requests.memory && subscribe(*requests.memory, this);
+    if (!listens || !requests.isSetUp) {
         AGENT_LOG(context, Error, "infoSharedMemory create failed");
     }
     m_parts->m_notifier.notifyCurrentProcessId(false);
@@ -135,12 +142,16 @@ void Agent::end(Ending ending) {
     context.stopping = true;
     AGENT_LOG(context, Notice, "Destroying Virtual Channel Agent");
     m_parts->dropClientInfo();
-    if (m_parts->m_infoReader) {
+    const auto closeReader = [this] {
+        if (!m_parts->m_infoReader) return;
         m_parts->m_infoReader->unsubscribeObserver(this);
         m_parts->m_infoReader->Close();
-    }
+    };
+    AgentThread closing;  // of its own, as it may have to wait for the segment's mutex
+    if (!closing.start(closeReader)) closeReader();
     m_parts->m_connection.end(ending == Ending::Orderly);
     m_parts->m_service.closeAll();
+    closing.join();
     if (ending == Ending::Orderly) context.environment->endActivityWatch();
     if (VirtualChannel* const channel = m_parts->m_link.channel()) {
         AGENT_LOG(context, Info, "m_pChannel->RemoveObserver ");

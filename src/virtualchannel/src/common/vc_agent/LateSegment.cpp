@@ -1,0 +1,75 @@
+#include "LateSegment.h"
+
+#include <utility>
+
+#include "AgentThread.h"
+
+namespace VirtualChannelAgent {
+
+using VDIFrameworkCommon::LocalLock;
+
+LateSegment::LateSegment(Make make, std::string name, unsigned int size, const SegmentSetup& setup)
+    : m_make(std::move(make)), m_name(std::move(name)), m_size(size), m_setup(setup) {}
+
+bool LateSegment::tryAgain() {
+    LocalLock lock(m_mutex);
+    if (m_closed || m_isSetUp) return true;
+    const auto segment = m_make();
+    if (!segment || !m_setup.run(*segment, m_name, m_size)) return false;
+    for (auto* observer : m_observers) {
+        if (subscribe(*segment, observer)) continue;
+        segment->unsubscribeAllObservers();
+        segment->Close();
+        return false;
+    }
+    m_segment = segment;
+    m_isSetUp = true;
+    return true;
+}
+
+bool LateSegment::Create(const std::string& /*name*/, unsigned int /*size*/) { return false; }
+bool LateSegment::Open(const std::string& /*name*/, unsigned int /*size*/) { return false; }
+
+bool LateSegment::Close() {
+    LocalLock lock(m_mutex);
+    m_closed = true;
+    return m_isSetUp && m_segment->Close();
+}
+
+bool LateSegment::WriteData(const void* data, const unsigned int& length) {
+    return m_isSetUp && m_segment->WriteData(data, length);
+}
+
+std::string LateSegment::ReadData(unsigned int& length, unsigned int timeout) {
+    length = 0;
+    return m_isSetUp ? m_segment->ReadData(length, timeout) : std::string();
+}
+
+bool LateSegment::ReadData(void** data, unsigned int& length) {
+    return m_isSetUp && m_segment->ReadData(data, length);
+}
+
+void LateSegment::subscribeObserver(SharedMemoryObserverI* observer) {
+    LocalLock lock(m_mutex);
+    m_observers.push_back(observer);
+    if (m_isSetUp) m_segment->subscribeObserver(observer);
+}
+
+// The segment waits for a call of the observer that is under way, so without the lock.
+void LateSegment::unsubscribeObserver(SharedMemoryObserverI* observer) {
+    {
+        LocalLock lock(m_mutex);
+        std::erase(m_observers, observer);
+    }
+    if (m_isSetUp) m_segment->unsubscribeObserver(observer);
+}
+
+void LateSegment::unsubscribeAllObservers() {
+    {
+        LocalLock lock(m_mutex);
+        m_observers.clear();
+    }
+    if (m_isSetUp) m_segment->unsubscribeAllObservers();
+}
+
+}  // namespace VirtualChannelAgent

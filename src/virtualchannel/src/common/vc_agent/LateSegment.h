@@ -1,0 +1,65 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "LocalMutex.h"
+#include "SharedMemoryI.h"
+
+namespace VirtualChannelAgent {
+
+// How a segment is set up, and what the log says of it.
+struct SegmentSetup {
+    const char* begun;
+    bool isBroadcast;
+    bool creates;  // as its writer; otherwise opens it as a reader
+    const char* unavailable;
+    const char* failed;
+
+    bool run(SharedMemoryI& segment, const std::string& name, unsigned int size) const {
+        return creates ? segment.Create(name, size) : segment.Open(name, size);
+    }
+};
+
+// A segment that could not be set up when it was asked for, for example because there was no room
+// left for it. Until tryAgain() has succeeded it takes and gives nothing; its observers wait.
+// Thread-safe.
+class LateSegment final : public SharedMemoryI {
+public:
+    // Makes a segment that is not set up yet.
+    using Make = std::function<std::shared_ptr<SharedMemoryI>()>;
+
+    LateSegment(Make make, std::string name, unsigned int size, const SegmentSetup& setup);
+
+    // Whether no further try is needed: it is set up, or has been closed.
+    bool tryAgain();
+
+    // Set up by tryAgain() only.
+    bool Create(const std::string& name, unsigned int size) override;
+    bool Open(const std::string& name, unsigned int size) override;
+    bool Close() override;
+    std::string getName() override { return m_name; }
+    bool WriteData(const void* data, const unsigned int& length) override;
+    std::string ReadData(unsigned int& length, unsigned int timeout) override;
+    bool ReadData(void** data, unsigned int& length) override;
+    void subscribeObserver(SharedMemoryObserverI* observer) override;
+    void unsubscribeObserver(SharedMemoryObserverI* observer) override;
+    void unsubscribeAllObservers() override;
+
+private:
+    const Make m_make;
+    const std::string m_name;
+    const unsigned int m_size;
+    const SegmentSetup& m_setup;
+
+    VDIFrameworkCommon::LocalMutex m_mutex;
+    std::vector<SharedMemoryObserverI*> m_observers NORVO_GUARDED_BY(m_mutex);
+    bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
+    std::atomic<bool> m_isSetUp{false};
+    std::shared_ptr<SharedMemoryI> m_segment;  // written once, before m_isSetUp
+};
+
+}  // namespace VirtualChannelAgent

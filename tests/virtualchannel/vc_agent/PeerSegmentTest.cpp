@@ -1,0 +1,39 @@
+// What a host that is killed leaves in the system at the far side's wish.
+#include <gtest/gtest.h>
+
+#include "ChildProcess.h"
+#include "PeerSegmentRecord.h"
+#include "SharedMemoryFactory.h"
+
+using VirtualChannelAgent::PeerSegmentRecord;
+
+namespace {
+
+// Makes the named segments as an agent does, and keeps them until it is killed.
+CHILD_ROLE(holdPeerSegments) {
+    std::vector<std::shared_ptr<SharedMemoryI>> segments;
+    for (const auto& name : args) {
+        PeerSegmentRecord::add(name);
+        segments.push_back(getSharedMemoryInstance(ESharedMemoryType::Plain));
+        segments.back()->Create(name, 1000);
+    }
+    testsupport::say("done");
+    testsupport::hear();
+    return 0;
+}
+
+}  // namespace
+
+TEST(PeerSegmentsAcrossProcesses, ThoseOfTheDeadAreRemovedUnlessALivingProcessUsesThem) {
+    testsupport::ChildProcess agent("holdPeerSegments", {"left", "used"});
+    ASSERT_EQ(agent.readLine(), "done");
+    EXPECT_EQ(PeerSegmentRecord::removeLeftovers(), 0);
+    const auto used = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    ASSERT_TRUE(used->Open("used", 1000));
+    agent.kill();
+    agent.wait();
+    EXPECT_EQ(PeerSegmentRecord::removeLeftovers(), 1);
+    used->Close();
+    EXPECT_EQ(PeerSegmentRecord::removeLeftovers(), 1);
+    EXPECT_EQ(PeerSegmentRecord::removeLeftovers(), 0);
+}
