@@ -52,7 +52,9 @@ public:
         }
     }
     void end() {
-        if (m_machine->segmentCount() > VirtualChannelAgent::kMaxStreams + 1) abort();
+        if (m_machine->openSegments() > static_cast<int>(VirtualChannelAgent::kMaxStreams) + 1)
+            abort();
+        if (!isOfUse()) abort();
         m_agent.stop();
     }
     void OnFullPacketReceived(const void* data, unsigned int size) override {
@@ -60,6 +62,14 @@ public:
     }
 
 private:
+    // A handshake is still answered.
+    bool isOfUse() {
+        m_machine->otherAgentIsActive = false;
+        m_channel.deliver(testsupport::control(VirtualChannelAgent::CTL_DISCONNECT));
+        m_channel.takeSent();
+        m_channel.deliver(testsupport::control(VirtualChannelAgent::CTL_CONNECT));
+        return m_channel.takeSent().size() == 1;
+    }
     // As they come from the host.
     void packet(const std::vector<uint8_t>& bytes) {
         enqueue(Packet::Borrow(bytes.data(), static_cast<unsigned int>(bytes.size())));

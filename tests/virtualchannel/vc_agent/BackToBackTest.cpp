@@ -1,6 +1,6 @@
-// Two remote-desktop clients in two namespaces, each with the plug-in library, joined back to back,
-// and local processes at both ends. NORVO_BACK_TO_BACK_MESSAGES and NORVO_BACK_TO_BACK_ROUNDS set
-// how much is sent and how often the channel goes down; the build target `full_runs` does so.
+// Two hosts with the plug-in library, and local processes at both ends. NORVO_BACK_TO_BACK_MESSAGES
+// and NORVO_BACK_TO_BACK_ROUNDS set how much is sent and how often the channel goes down; the build
+// target `full_runs` does so.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -16,15 +16,16 @@
 
 #include "ChildProcess.h"
 #include "Eventually.h"
+#include "HostPair.h"
 #include "Rounds.h"
-#include "SessionObjects.h"
-#include "TempDir.h"
 #include "TrafficPattern.h"
 
 using namespace std::chrono_literals;
 using testsupport::ChildProcess;
 using testsupport::eventually;
+using testsupport::HostPair;
 using testsupport::monotonicNs;
+using testsupport::Side;
 
 namespace {
 
@@ -35,36 +36,7 @@ int numberFrom(const char* variable, int otherwise) {
     return text ? std::atoi(text) : otherwise;
 }
 
-std::string spaceOf(const std::string& side) { return "nvt" + std::to_string(getpid()) + side; }
-
-// A process of that side of the channel.
-ChildProcess on(const std::string& side, const std::string& role,
-                const std::vector<std::string>& args) {
-    return ChildProcess(role, args, {"NORVO_VDI_NAMESPACE=" + spaceOf(side)});
-}
-
-class BackToBackAcrossProcesses : public testing::Test {
-protected:
-    BackToBackAcrossProcesses() { setActive(true); }
-    ~BackToBackAcrossProcesses() override {
-        for (auto* each : {&m_left, &m_right}) each->closeInput();
-        EXPECT_EQ(m_left.wait(), 0);
-        EXPECT_EQ(m_right.wait(), 0);
-        for (const auto* side : {"left", "right"}) support::removeSessionObjects(spaceOf(side));
-    }
-
-    void setActive(bool active) {
-        for (auto* each : {&m_left, &m_right}) {
-            each->writeLine(active ? "active 1" : "active 0");
-            EXPECT_EQ(each->readLine(), "done");
-        }
-    }
-
-    testsupport::TempDir m_dir;
-    ChildProcess m_left = on("left", "pluginHost", {PLUGIN_LIBRARY, "4", "listen", m_dir / "wire"});
-    ChildProcess m_right =
-        on("right", "pluginHost", {PLUGIN_LIBRARY, "4", "connect", m_dir / "wire"});
-};
+using BackToBackAcrossProcesses = testing::Test;
 
 // What the readers say, by stream: what was read last, and when it had been sent.
 class Progress {
@@ -137,10 +109,11 @@ std::thread onEachLine(ChildProcess& reader, Each each) {
 // One way: processes on two sides that can be killed and begun again.
 class RestlessWay {
 public:
-    RestlessWay(std::uint32_t firstStream, std::string from, std::string to, Progress& progress)
-        : m_first(std::to_string(firstStream)),
-          m_from(std::move(from)),
-          m_to(std::move(to)),
+    RestlessWay(HostPair& hosts, std::uint32_t firstStream, Side from, Side to, Progress& progress)
+        : m_hosts(hosts),
+          m_first(std::to_string(firstStream)),
+          m_from(from),
+          m_to(to),
           m_progress(progress) {
         beginWriter();
         beginReader();
@@ -161,12 +134,14 @@ public:
 
 private:
     void beginWriter() {
-        m_writer.emplace(on(m_from, "writeTrafficOn",
-                            {m_first, std::to_string(kStreamsEachWay), std::to_string(m_next)}));
+        m_writer.emplace(
+            m_hosts.run(m_from, "writeTrafficOn",
+                        {m_first, std::to_string(kStreamsEachWay), std::to_string(m_next)}));
         m_next += 100 * testsupport::kBeginnings;
     }
     void beginReader() {
-        m_reader.emplace(on(m_to, "readTraffic", {m_first, std::to_string(kStreamsEachWay), "on"}));
+        m_reader.emplace(
+            m_hosts.run(m_to, "readTraffic", {m_first, std::to_string(kStreamsEachWay), "on"}));
         m_listener =
             onEachLine(*m_reader, [this](const std::string& line) { m_progress.take(line); });
     }
@@ -176,9 +151,10 @@ private:
         m_reader->wait();
     }
 
+    HostPair& m_hosts;
     const std::string m_first;
-    const std::string m_from;
-    const std::string m_to;
+    const Side m_from;
+    const Side m_to;
     Progress& m_progress;
     std::uint64_t m_next = testsupport::kBeginnings;
     std::optional<ChildProcess> m_writer;
@@ -191,16 +167,21 @@ private:
 TEST_F(BackToBackAcrossProcesses, EveryMessageOfTwentyStreamsArrivesWholeAndInOrder) {
     const auto each = static_cast<std::uint64_t>(
         numberFrom("NORVO_BACK_TO_BACK_MESSAGES", testsupport::rounds(1000)) / 20);
-    const std::string ways[][3] = {{"0", "left", "right"}, {"10", "right", "left"}};
+    const struct {
+        std::string first;
+        Side from;
+        Side to;
+    } ways[] = {{"0", Side::Near, Side::Far}, {"10", Side::Far, Side::Near}};
+    HostPair hosts;
     Progress progress;
     std::deque<ChildProcess> writers;
     std::deque<ChildProcess> readers;
     std::vector<std::thread> listeners;
     for (const auto& [first, from, to] : ways) {
-        auto& writer = writers.emplace_back(on(
+        auto& writer = writers.emplace_back(hosts.run(
             from, "writeTraffic", {first, std::to_string(kStreamsEachWay), std::to_string(each)}));
         auto& reader = readers.emplace_back(
-            on(to, "readTraffic", {first, std::to_string(kStreamsEachWay), "all"}));
+            hosts.run(to, "readTraffic", {first, std::to_string(kStreamsEachWay), "all"}));
         listeners.push_back(onEachLine(reader, [&](const std::string& line) {
             progress.take(line);
             writer.writeLine(line.substr(line.find(' ') + 1));
@@ -219,8 +200,10 @@ TEST_F(BackToBackAcrossProcesses, EveryMessageOfTwentyStreamsArrivesWholeAndInOr
 }
 
 TEST_F(BackToBackAcrossProcesses, StreamsOutliveLostChannelsAndDyingLocalProcesses) {
+    HostPair hosts;
     Progress progress;
-    RestlessWay ways[] = {{0, "left", "right", progress}, {10, "right", "left", progress}};
+    RestlessWay ways[] = {{hosts, 0, Side::Near, Side::Far, progress},
+                          {hosts, 10, Side::Far, Side::Near, progress}};
     std::mt19937 random(7);
     const int rounds = numberFrom("NORVO_BACK_TO_BACK_ROUNDS", testsupport::rounds(6) + 1);
     const auto flowsFor = [&](std::uint64_t nanoseconds) {
@@ -237,9 +220,7 @@ TEST_F(BackToBackAcrossProcesses, StreamsOutliveLostChannelsAndDyingLocalProcess
         const auto victim = random() % 3;
         if (victim == 0) way.replaceWriter();
         if (victim == 1) way.replaceReader();
-        setActive(false);
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));
-        setActive(true);
+        hosts.reconnect();
     }
     EXPECT_TRUE(flowsFor(0)) << progress.text();
     EXPECT_EQ(progress.complaints(), std::vector<std::string>{});

@@ -1,18 +1,16 @@
 target_sources(norvo_tests PRIVATE
     AgentHandshakeTest.cpp
     AgentHostileTest.cpp
+    ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp
     AgentInfoTest.cpp
     AgentLifecycleTest.cpp
     AgentStreamTest.cpp
     BackToBackTest.cpp
-    PluginHost.cpp
-    PluginTest.cpp
+    PeerSegmentTest.cpp
     TrafficProcesses.cpp)
 target_link_libraries(norvo_tests PRIVATE norvo_agent norvo_packets norvo_streamclient)
-add_dependencies(norvo_tests NorvoCrewsVirtualChannel)
-set_property(SOURCE BackToBackTest.cpp PluginTest.cpp TARGET_DIRECTORY norvo_tests
-    APPEND PROPERTY COMPILE_DEFINITIONS
-        PLUGIN_LIBRARY="$<TARGET_FILE:NorvoCrewsVirtualChannel>")
+set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
+    APPEND PROPERTY COMPILE_DEFINITIONS LLVMFuzzerTestOneInput=fuzzReceivePath)
 
 # Runs that take minutes, by hand: `cmake --build . --target full_runs`.
 add_custom_target(full_runs
