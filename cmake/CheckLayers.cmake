@@ -48,7 +48,8 @@ function(find_header file name result)
 endfunction()
 
 file(GLOB_RECURSE sources RELATIVE "${ROOT}"
-    "${ROOT}/src/*.h" "${ROOT}/src/*.c" "${ROOT}/src/*.cpp" "${ROOT}/tools/*.h" "${ROOT}/tools/*.c" "${ROOT}/tools/*.cpp")
+    "${ROOT}/src/*.h" "${ROOT}/src/*.c" "${ROOT}/src/*.cpp" "${ROOT}/tools/*.h" "${ROOT}/tools/*.c" "${ROOT}/tools/*.cpp"
+    "${ROOT}/hosts/*.h" "${ROOT}/hosts/*.c" "${ROOT}/hosts/*.cpp")
 set(headers ${sources})
 list(FILTER headers INCLUDE REGEX "\\.h$")
 

@@ -19,16 +19,16 @@ function(norvo_layer target)
     norvo_layer_rule(${target} USES ${LAYER_USES})
 endfunction()
 
-# norvo_layer_rule(<layer> [USES <lower layer>...]): what lies in the current folder, and in no other layer's folder
-# below it, may include only its own headers, those of the layers in USES, and of what these use in turn. A test
+# norvo_layer_rule(<layer> [FILE <header>] [USES <lower layer>...]): what lies in the current folder, and in no other
+# layer's folder below it (or that one header), may include only its own headers, those of the layers in USES, and of what these use in turn. A test
 # enforces it (CheckLayers.cmake), also where the compiler would find more than it should.
 function(norvo_layer_rule layer)
-    cmake_parse_arguments(RULE "" "" "USES" ${ARGN})
+    cmake_parse_arguments(RULE "" "FILE" "USES" ${ARGN})
     file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
     list(TRANSFORM RULE_USES REPLACE "^norvo_" "")
     string(REGEX REPLACE "^norvo_" "" name ${layer})
     list(JOIN RULE_USES " " uses)
-    set_property(GLOBAL APPEND_STRING PROPERTY NORVO_LAYER_RULES "layer(${name} ${folder}/ ${uses})\n")
+    set_property(GLOBAL APPEND_STRING PROPERTY NORVO_LAYER_RULES "layer(${name} ${folder}/${RULE_FILE} ${uses})\n")
 endfunction()
 
 # norvo_write_layer_rules(<file>): the rules of all folders added so far, for CheckLayers.cmake.

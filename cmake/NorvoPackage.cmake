@@ -1,4 +1,5 @@
-# `cpack` in the build tree: a Debian package of everything that `cmake --install` installs.
+# `cpack` in the build tree: Debian packages of everything that `cmake --install` installs. One has the
+# library and the tool; one for each end of an RDP session brings what the library itself does not need.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME norvo-virtual-channel)
 set(CPACK_PACKAGE_VENDOR "norvo")
@@ -9,4 +10,35 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${CPACK_PACKAGE_NAME})
+set(CPACK_COMPONENT_GROUP_LIBRARY_DESCRIPTION ${PROJECT_DESCRIPTION})
+
+# norvo_rdp_package(<component> DESCRIPTION <text> DEPENDS <package>...)
+function(norvo_rdp_package component)
+    cmake_parse_arguments(PACKAGE "" "DESCRIPTION" "DEPENDS" ${ARGN})
+    string(TOUPPER ${component} upper)
+    list(PREPEND PACKAGE_DEPENDS "${CPACK_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+    list(JOIN PACKAGE_DEPENDS ", " depends)
+    set(CPACK_COMPONENTS_ALL ${CPACK_COMPONENTS_ALL} ${component} PARENT_SCOPE)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${CPACK_PACKAGE_NAME}-${component} PARENT_SCOPE)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS ${depends} PARENT_SCOPE)
+    set(CPACK_COMPONENT_${upper}_DESCRIPTION ${PACKAGE_DESCRIPTION} PARENT_SCOPE)
+endfunction()
+if(TARGET norvo_freerdp_addin)
+    norvo_rdp_package(freerdp DEPENDS ${NORVO_FREERDP}-x11
+        DESCRIPTION "Norvo virtual channel in FreeRDP's client, on the user's machine")
+endif()
+if(TARGET norvo-xrdp-agent)
+    norvo_rdp_package(xrdp DEPENDS xrdp
+        DESCRIPTION "Norvo virtual channel in xrdp's desktops")
+    # A user's own changes to the autostart entry are kept.
+    file(WRITE ${PROJECT_BINARY_DIR}/package/conffiles "/etc/xdg/autostart/norvo-xrdp-agent.desktop\n")
+    set(CPACK_DEBIAN_XRDP_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/conffiles)
+endif()
 include(CPack)
+cpack_add_component_group(library)
+cpack_add_component(runtime GROUP library)
+cpack_add_component(development GROUP library)

@@ -1,13 +1,19 @@
-# See CMakeLists.txt. Makes the Debian package, unpacks it and uses what is in it.
+# See CMakeLists.txt. Makes the Debian packages, unpacks the library's and uses what is in it.
 include(${CMAKE_CURRENT_LIST_DIR}/UseInstalled.cmake)
 
 file(REMOVE_RECURSE ${STAGE})
 run(${CPACK} --config ${BUILD}/CPackConfig.cmake -G DEB -B ${STAGE}/made)
-file(GLOB package ${STAGE}/made/*.deb)
+file(GLOB package ${STAGE}/made/norvo-virtual-channel_*.deb)
+function(expect_contents name package)
+    run(dpkg-deb --contents ${package})
+    foreach(path ${ARGN})
+        string(REPLACE "." "\\." pattern "${path}")
+        expect("${name}" "${text}" " ${pattern}( |\n)")
+    endforeach()
+endfunction()
 
-run(dpkg-deb --contents ${package})
 set(share ./usr/share)
-foreach(path
+expect_contents("the package" ${package}
         ./usr/bin/vcctl
         ./usr/include/LanguageAbstraction.h
         ./usr/include/NorvoStreamClient.h
@@ -26,11 +32,18 @@ foreach(path
         ${share}/doc/norvo-virtual-channel/docs/wire-formats.md
         ${share}/doc/norvo-virtual-channel/examples/host.c
         ${share}/man/man1/vcctl.1)
-    string(REPLACE "." "\\." pattern "${path}")
-    expect("the package" "${text}" " ${pattern}( |\n)")
-endforeach()
 
 run(dpkg-deb --field ${package} Depends)
 expect("what the package depends on" "${text}" "libc6.*libstdc\\+\\+6")
+set(contents_freerdp ./usr/lib/[a-z0-9_-]+/freerdp[23]/libNRVOCW-client.so)
+set(contents_xrdp ./usr/bin/norvo-xrdp-agent ./etc/xdg/autostart/norvo-xrdp-agent.desktop
+    ${share}/doc/norvo-virtual-channel-xrdp/README.Debian)
+foreach(component ${RDP_COMPONENTS})
+    file(GLOB extra ${STAGE}/made/norvo-virtual-channel-${component}_*.deb)
+    expect_contents(${component} "${extra}" ${contents_${component}})
+    run(dpkg-deb --field ${extra} Depends)
+    expect("what ${component} depends on" "${text}" "norvo-virtual-channel [(]= .*libstdc")
+endforeach()
+
 run(dpkg-deb --extract ${package} ${STAGE}/unpacked)
 use_installed(${STAGE}/unpacked/usr)

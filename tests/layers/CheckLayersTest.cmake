@@ -31,5 +31,6 @@ expect(${agent}/messages/VCMessage.cpp "\"VirtualChannelAgent.h\"" "[(]messages[
 expect(tools/vcctl/A.cpp "\"VCMessage.h\"" "")
 expect(tools/vcctl/A.cpp "\"Event.h\"" "")
 expect(tools/vcctl/A.cpp "\"WorkerThread.h\"" "[(]tools[)] must not include .*[(]channels[)]")
+expect(hosts/freerdp/A.cpp "\"VirtualChannelAgent.h\"" "[(]hosts[)] must not include .*[(]agent[)]")
 expect(src/Elsewhere/A.cpp "\"Event.h\"" "belongs to no layer")
 file(REMOVE_RECURSE ${WORK})

@@ -15,8 +15,8 @@ namespace {
 
 TEST(PacketLink, ASenderWaitsForAPeerThatTakesNothingUntilTheLinkIsClosed) {
     const auto listener = Endpoint::parse("127.0.0.1:0", false).listen();
-    const auto place = "127.0.0.1:" + std::to_string(boundPort(listener.get()));
-    PacketLink link(Endpoint::parse(place, false).connect(), {24, 1500}, [](auto...) {});
+    const auto place = Endpoint::parse("127.0.0.1:0", false).boundText(listener.get());
+    PacketLink link(overSocket(Endpoint::parse(place, false).connect()), 1500, [](auto...) {});
     const auto peer = acceptFrom(listener.get());
 
     std::array<unsigned char, 1500> packet{};

@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -19,71 +20,17 @@
 #include "Eventually.h"
 #include "FileContent.h"
 #include "SessionObjects.h"
-#include "Subprocess.h"
-#include "TempDir.h"
+#include "UserEnd.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using support::Subprocess;
 using testsupport::contentOf;
-using testsupport::TempDir;
-
-struct Outcome {
-    int status;
-    std::string text;  // of standard output and standard error
-};
-
-void expectPart(const std::string& text, const std::string& part) {
-    EXPECT_NE(text.find(part), std::string::npos) << "no '" << part << "' in\n" << text;
-}
-
-// One end: a session namespace with a home directory of its own.
-class Side {
-public:
-    Side() { std::filesystem::create_directories(file("home")); }
-    ~Side() { support::removeSessionObjects(m_namespace); }
-    Side(const Side&) = delete;
-    Side& operator=(const Side&) = delete;
-
-    std::string file(const std::string& name) const { return m_directory / name; }
-
-    // `arguments` as in a shell, standard error joined to standard output.
-    Subprocess start(const std::string& arguments) const {
-        return startShell("exec " VCCTL_PROGRAM " " + arguments + " 2>&1");
-    }
-    Subprocess startShell(const std::string& command) const {
-        return Subprocess({"/bin/sh", "-c", command},
-                          {"NORVO_VDI_NAMESPACE=" + m_namespace, "HOME=" + file("home"),
-                           "TMPDIR=" + m_directory.path()});
-    }
-    Outcome run(const std::string& arguments) const {
-        Subprocess process = start(arguments);
-        std::string text = process.readAll();
-        return {process.wait(20s), std::move(text)};
-    }
-    void succeeds(const std::string& arguments, const std::string& part = {}) const {
-        const Outcome outcome = run(arguments);
-        EXPECT_EQ(outcome.status, 0) << arguments << '\n' << outcome.text;
-        expectPart(outcome.text, part);
-    }
-
-private:
-    static inline int s_count = 0;
-    const std::string m_namespace =
-        "nvt" + std::to_string(getpid()) + "v" + std::to_string(++s_count);
-    const TempDir m_directory;
-};
-
-// Waits for the line that starts so; what came instead when it does not come.
-std::string lineStarting(Subprocess& process, const std::string& start) {
-    std::string seen;
-    for (std::string line; !(line = process.readLine(20s)).empty(); seen += line + '\n') {
-        if (line.rfind(start, 0) == 0) return line;
-    }
-    ADD_FAILURE() << "no line '" << start << "' in\n" << seen;
-    return seen;
-}
+using testsupport::expectPart;
+using testsupport::lineStarting;
+using testsupport::Outcome;
+using Side = testsupport::UserEnd;
 
 // Ends it by a signal. The exit status.
 int end(Subprocess& process, int signal = SIGTERM) {
@@ -309,9 +256,65 @@ TEST_F(VcctlAcrossProcesses, AStrangerEndsItsConnectionAndNotTheHost) {
     ASSERT_EQ(connect(silent.get(), place, sizeof address), 0);
     lineStarting(*m_nearHost, "joined");
     m_farHost.emplace(m_far.start("host --connect " + m_address));
-    expectPart(lineStarting(*m_nearHost, "left"), "it sent nothing, and another host is waiting");
+    expectPart(lineStarting(*m_nearHost, "left"), "it has not greeted as an agent does");
     lineStarting(*m_nearHost, "joined");
     EXPECT_EQ(end(*m_nearHost), 0);
+}
+
+TEST_F(VcctlAcrossProcesses, AHostJoinsOneThatACommandStartsAndStartsItAgain) {
+    m_nearHost.emplace(m_near.start(
+        "host --kind rdp --exec env NORVO_VDI_NAMESPACE=" + m_far.name() +
+        " sh -c 'echo $$; exec \"$0\" \"$@\"' " VCCTL_PROGRAM " host --stdio --kind rdp"));
+    lineStarting(*m_nearHost, "joined");
+    lineStarting(*m_nearHost, "left");  // the number is no packet
+    expectPart(lineStarting(*m_nearHost, "'env' has left"), "exit status was 0");
+    EXPECT_EQ(end(*m_nearHost), 0);
+
+    m_nearHost.emplace(m_near.start("host --kind rdp --exec env NORVO_VDI_NAMESPACE=" +
+                                    m_far.name() + " " VCCTL_PROGRAM " host --stdio --kind rdp"));
+    lineStarting(*m_nearHost, "joined");
+    sendsAFileThatArrives();
+    m_nearHost->signal(SIGHUP);
+    lineStarting(*m_nearHost, "'env' has left");
+    sendsAFileThatArrives();
+    EXPECT_EQ(end(*m_nearHost), 0);
+}
+
+TEST_F(VcctlAcrossProcesses, AUnixSocketIsForItsUserAndASilentPeerGivesWay) {
+    const std::string path = m_near.file("channel");
+    m_address = "unix:" + path;
+    for (const bool isLeftOver : {false, true}) {
+        m_nearHost.emplace(m_near.start("host --listen " + m_address));
+        lineStarting(*m_nearHost, "listening on " + m_address);
+        EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0600});
+        if (isLeftOver) break;
+        expectPart(m_far.run("host --listen " + m_address).text, "the path is in use");
+        expectPart(m_near.run("host --connect " + m_address).text, "--take-over");
+        m_nearHost->kill();
+        m_nearHost->wait(10s);
+    }
+    if (geteuid() == 0) {
+        std::filesystem::permissions(path, std::filesystem::perms{0666});
+        std::filesystem::permissions(m_near.file(""), std::filesystem::perms{0755});
+        const Subprocess other({"/usr/bin/setpriv", "--reuid=65534", "--clear-groups",
+                                "/usr/bin/socat", "-u", "UNIX-CONNECT:" + path, "-"});
+        lineStarting(*m_nearHost, "refused a connection of another user");
+    }
+    // One packet, of a message that asks for the connection, and no answer to what is asked.
+    const unsigned char greeting[44] = {91, 0,  91, 0, 1, 0,  0, 0, 1, 0,   0,   0, 1, 0, 0,
+                                        0,  20, 0,  0, 0, 44, 0, 0, 0, 203, 203, 0, 0, 2, 20};
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const support::Descriptor silent(socket(AF_UNIX, SOCK_STREAM, 0));
+    ASSERT_EQ(connect(silent.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(write(silent.get(), greeting, sizeof greeting), ssize_t{sizeof greeting});
+    lineStarting(*m_nearHost, "joined");
+    m_farHost.emplace(m_far.start("host --connect " + m_address));
+    expectPart(lineStarting(*m_nearHost, "left"), "it has not greeted as an agent does");
+    sendsAFileThatArrives();
+    EXPECT_EQ(end(*m_nearHost), 0);
+    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
@@ -322,7 +325,12 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
     } uses[] = {
         {"", 2, "subcommand"},
         {"nonsense", 2, "'nonsense' is no command"},
-        {"host", 2, "--listen ADDR:PORT or --connect ADDR:PORT"},
+        {"host", 2, "--listen, --connect, --stdio and --exec"},
+        {"host --stdio --exec cat", 2, "give one of"},
+        {"host --exec", 2, "which command?"},
+        {"host --stdio --nonsense", 2, "'--nonsense' is no option"},
+        {"host --exec /no/such/program", 1, "cannot start '/no/such/program'"},
+        {"host --listen unix:", 2, "the path may have"},
         {"host --listen 192.0.2.1:7000", 2, "--allow-remote"},
         {"host --listen nonsense", 2, "ADDR:PORT"},
         {"host --listen 127.0.0.1:70000", 2, "ADDR:PORT"},

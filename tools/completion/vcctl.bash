@@ -7,7 +7,7 @@ _vcctl() {
         return
     fi
     case $command in
-        host) options="--kind --listen --connect --library --capture --allow-remote --quiet" ;;
+        host) options="--kind --listen --connect --stdio --exec --library --capture --take-over --allow-remote --quiet" ;;
         send) options="--size --message-size --count --lines --raw --resume --wait" ;;
         recv) options="--size --count --lines --raw --resume --wait" ;;
         watch) options="--json --all --count" ;;

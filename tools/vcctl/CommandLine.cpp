@@ -83,6 +83,11 @@ void Command::flag(const char* name, bool& value, const char* help) {
 
 void Command::hiddenFlag(const char* name, bool& value) { m_app->add_flag(name, value)->group(""); }
 
+void Command::rest(std::vector<std::string>& arguments) {
+    m_app->prefix_command();
+    m_app->parse_complete_callback([app = m_app, &arguments] { arguments = app->remaining(); });
+}
+
 void Command::footer(const std::string& text) { m_app->footer(text); }
 
 void Command::hide() { m_app->group(""); }

@@ -45,6 +45,8 @@ public:
     Argument argument(const char* name, Value& value, const char* help = "");
     void flag(const char* name, bool& value, const char* help);
     void hiddenFlag(const char* name, bool& value);
+    // Takes what is no option of the command, and all that follows it.
+    void rest(std::vector<std::string>& arguments);
     // Text below the list of options.
     void footer(const std::string& text);
     // Keeps the command out of the help.

@@ -17,7 +17,6 @@
 #include "File.h"
 #include "Output.h"
 #include "OwnPath.h"
-#include "PluginLibrary.h"
 #include "Progress.h"
 #include "SessionObjects.h"
 #include "StopSignal.h"

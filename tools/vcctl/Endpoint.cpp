@@ -5,12 +5,16 @@
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 
 #include "CommandError.h"
+#include "SocketOptions.h"
 #include "StopSignal.h"
 
 namespace vcctl {
@@ -26,6 +30,18 @@ bool isLoopback(const sockaddr_storage& address) {
     }
     const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
     return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr);
+}
+
+constexpr std::string_view kUnixScheme = "unix:";
+
+// Whether a Unix-domain socket's other end is this user's, or root's; true for TCP.
+bool isOfThisUser(int socket) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0) return false;
+    if (address.ss_family != AF_UNIX) return true;
+    const auto user = peerUser(socket);
+    return user && (*user == geteuid() || *user == 0);
 }
 
 bool isPort(const std::string& text) {
@@ -70,17 +86,44 @@ bool isConnectedToItself(int fd) {
     socklen_t peerLength = sizeof peer;
     return getsockname(fd, reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
            getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
-           ownLength == peerLength && std::memcmp(&own, &peer, ownLength) == 0;
+           own.ss_family != AF_UNIX && ownLength == peerLength &&
+           std::memcmp(&own, &peer, ownLength) == 0;
 }
 
 }  // namespace
 
-Descriptor acceptFrom(int listener) { return closedByExec(accept(listener, nullptr, nullptr)); }
+Descriptor acceptFrom(int listener) {
+    Descriptor fd = closedByExec(accept(listener, nullptr, nullptr));
+    if (fd && !isOfThisUser(fd.get())) {
+        fd.reset();
+        errno = EACCES;
+    }
+    return fd;
+}
+
+Endpoint Endpoint::parseUnix(const std::string& text) {
+    const std::string path = text.substr(kUnixScheme.size());
+    Endpoint endpoint;
+    auto& address = reinterpret_cast<sockaddr_un&>(endpoint.m_address);
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+        throw CommandError("'" + text + "': the path may have 1 to " +
+                               std::to_string(sizeof address.sun_path - 1) + " bytes",
+                           kUsage);
+    }
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, path.size());
+    endpoint.m_text = text;
+    endpoint.m_length = sizeof address;
+    return endpoint;
+}
 
 Endpoint Endpoint::parse(const std::string& text, bool allowRemote) {
+    if (text.starts_with(kUnixScheme)) return parseUnix(text);
     const auto colon = text.rfind(':');
     if (colon == std::string::npos || !isPort(text.substr(colon + 1))) {
-        throw CommandError("'" + text + "' is not ADDR:PORT, for example 127.0.0.1:7000", kUsage);
+        throw CommandError(
+            "'" + text + "' is neither ADDR:PORT, for example 127.0.0.1:7000, nor unix:PATH",
+            kUsage);
     }
     std::string host = text.substr(0, colon);
     if (host.size() > 1 && host.front() == '[' && host.back() == ']') {
@@ -113,18 +156,41 @@ Descriptor Endpoint::listen() const {
     Descriptor fd = openSocket(m_address.ss_family);
     if (!fd) throw systemError("cannot make a socket", errno);
     const int on = 1;
-    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (isUnix()) {
+        clearPath();
+    } else {
+        setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    }
+    // Nobody can connect before it listens.
     if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&m_address), m_length) != 0 ||
-        ::listen(fd.get(), 4) != 0) {
+        (isUnix() && chmod(path(), 0600) != 0) || ::listen(fd.get(), 4) != 0) {
         const int error = errno;
         if (error == EADDRINUSE) {
-            throw CommandError("cannot listen on " + m_text +
-                               ": the port is in use. Stop what listens there, or choose another "
-                               "port (0 lets the system choose)");
+            throw CommandError("cannot listen on " + m_text + ": the " +
+                               (isUnix() ? "path is in use. Stop what listens there, or choose "
+                                           "another one"
+                                         : "port is in use. Stop what listens there, or choose "
+                                           "another port (0 lets the system choose)"));
         }
         throw systemError("cannot listen on " + m_text, error);
     }
     return fd;
+}
+
+const char* Endpoint::path() const {
+    return reinterpret_cast<const sockaddr_un&>(m_address).sun_path;
+}
+
+void Endpoint::removeFile() const {
+    if (isUnix()) unlink(path());
+}
+
+// A socket that a killed host has left is in nobody's way.
+void Endpoint::clearPath() const {
+    struct stat status {};
+    if (lstat(path(), &status) != 0 || !S_ISSOCK(status.st_mode) || status.st_uid != geteuid())
+        return;
+    if (!connect() && errno == ECONNREFUSED) removeFile();
 }
 
 Descriptor Endpoint::connect() const {
@@ -136,6 +202,7 @@ Descriptor Endpoint::connect() const {
     int error = ::connect(fd.get(), address, m_length) == 0 ? 0 : errno;
     if (error == EINPROGRESS) error = outcomeOfConnect(fd.get());
     if (error == 0 && isConnectedToItself(fd.get())) error = ECONNREFUSED;
+    if (error == 0 && !isOfThisUser(fd.get())) error = EACCES;
     fcntl(fd.get(), F_SETFL, flags);
     if (error == 0) return fd;
     fd.reset();
@@ -143,12 +210,15 @@ Descriptor Endpoint::connect() const {
     return fd;
 }
 
-unsigned int boundPort(int fd) {
+std::string Endpoint::boundText(int listener) const {
+    if (isUnix()) return m_text;
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
-    return address.ss_family == AF_INET ? ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port)
-                                        : ntohs(reinterpret_cast<sockaddr_in6&>(address).sin6_port);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    const unsigned int port = address.ss_family == AF_INET
+                                  ? ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port)
+                                  : ntohs(reinterpret_cast<sockaddr_in6&>(address).sin6_port);
+    return m_text.substr(0, m_text.rfind(':') + 1) + std::to_string(port);
 }
 
 }  // namespace vcctl

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <vector>
+
+namespace hosts {
+
+// The largest packet of each kind of channel, header included (wire-formats.md).
+inline constexpr std::uint32_t kRdpPacket = 1500;
+
+// Finds the packets in a byte stream, however the transport has joined or cut them: a packet's
+// header says how long it is. Bytes that cannot be a packet's are skipped, up to the next that can.
+// Not thread-safe.
+class PacketSplitter {
+public:
+    static constexpr std::uint32_t kHeaderSize = 24;
+
+    // `maxPacket`: the channel's largest packet, header included; at least 25.
+    explicit PacketSplitter(std::uint32_t maxPacket, std::size_t capacity = 256u << 10);
+
+    // Where the next bytes go: never empty. Valid until the next call.
+    std::span<unsigned char> room();
+
+    // Takes in the first `count` bytes of room(), and calls receive(unsigned char* packet,
+    // std::uint32_t length) for each packet that is whole now. The bytes may be changed during the
+    // call. Nothing but reset() and skipped() may be called from inside it.
+    template <class Receive>
+    void take(std::size_t count, const Receive& receive) {
+        m_end += count;
+        while (const std::uint32_t length = nextPacket()) {
+            unsigned char* packet = m_buffer.data() + m_begin;
+            m_begin += length;
+            receive(packet, length);
+        }
+    }
+
+    // The same for bytes that lie elsewhere, any number of them.
+    template <class Receive>
+    void add(std::span<const unsigned char> bytes, const Receive& receive) {
+        while (!bytes.empty()) {
+            const auto free = room();
+            const std::size_t count = bytes.size() < free.size() ? bytes.size() : free.size();
+            std::memcpy(free.data(), bytes.data(), count);
+            bytes = bytes.subspan(count);
+            take(count, receive);
+        }
+    }
+
+    // Forgets a packet that has begun. To be called wherever the stream begins anew: two halves of
+    // different packets would be delivered as one.
+    void reset() { m_begin = m_end = 0; }
+
+    // Bytes that were no packet's, since the construction.
+    std::uint64_t skipped() const { return m_skipped; }
+
+private:
+    // The length of the packet at m_begin; 0 when more bytes are needed.
+    std::uint32_t nextPacket();
+    bool mayBeHeader(const unsigned char* bytes) const;
+
+    const std::uint32_t m_maxPayload;
+    std::vector<unsigned char> m_buffer;
+    std::size_t m_begin = 0;
+    std::size_t m_end = 0;
+    std::uint64_t m_skipped = 0;
+    bool m_searching = false;
+};
+
+}  // namespace hosts

@@ -1,0 +1,143 @@
+#include "Agent.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include "DesktopSession.h"
+#include "PacketSplitter.h"
+
+namespace hosts {
+
+namespace {
+
+constexpr int kNotable = 3;  // of LogMessage_VDI
+// Milliseconds between two looks at the session.
+constexpr int kWaitingPause = 300;
+constexpr int kServingPause = 1000;
+// Its library complains on standard output each time.
+constexpr auto kBlindPause = std::chrono::seconds(3);
+// chansrv may be started again; a session that has no display any more is over.
+constexpr auto kLongestAbsence = std::chrono::seconds(5);
+
+// True when there is something to read at `fd` within `milliseconds`.
+bool waitFor(int fd, int milliseconds) {
+    pollfd waited{fd, POLLIN, 0};
+    return poll(&waited, 1, milliseconds) > 0;
+}
+
+}  // namespace
+
+Agent::Agent(const std::string& library, int display) : m_display(display), m_plugin(library) {
+    m_plugin.InitialiseChannel(&Agent::append, NORVO_CHANNEL_RDP, this);
+}
+
+Agent::~Agent() { m_plugin.Shutdown(); }
+
+void Agent::say(const std::string& text) {
+    if (text == m_said) return;
+    m_said = text;
+    std::cout << text << std::endl;
+    m_plugin.LogMessage_VDI(kNotable, ("norvo-xrdp-agent: " + text).c_str());
+}
+
+void Agent::run(int stop) {
+    Clock::time_point nextBlindTry;
+    do {
+        const DesktopSession session = desktopSession(m_display);
+        if (session != DesktopSession::None) {
+            m_hadSession = true;
+            m_lastSeen = Clock::now();
+        }
+        if (sessionHasEnded()) return say("the desktop's session has ended");
+        if (session == DesktopSession::NoClient) {
+            say("waiting for a client");
+        } else if (session == DesktopSession::Attached) {
+            if (!serve(stop)) say("waiting: a client is there, but the channel cannot be opened");
+        } else {
+            say("waiting for xrdp's channel server of display :" + std::to_string(m_display));
+            // A system that does not show the sockets may have one all the same.
+            if (Clock::now() < nextBlindTry) continue;
+            serve(stop);
+            nextBlindTry = Clock::now() + kBlindPause;
+        }
+    } while (!waitFor(stop, kWaitingPause));
+}
+
+bool Agent::sessionHasEnded() {
+    return m_hadSession && Clock::now() - m_lastSeen > kLongestAbsence;
+}
+
+bool Agent::serve(int stop) {
+    auto channel = m_api.open(m_plugin.getChannelName());
+    if (!channel) return false;
+    setChannel(std::move(channel));
+    say("channel open");
+    m_plugin.ChannelActive(1);
+    const std::string why = passOnUntilTheEnd(stop);
+    m_leaving = true;
+    m_plugin.ChannelActive(0);
+    setChannel(nullptr);
+    say("channel closed: " + why);
+    return true;
+}
+
+std::string Agent::passOnUntilTheEnd(int stop) {
+    PacketSplitter splitter(kRdpPacket);
+    pollfd waited[2] = {{m_channel->socket(), POLLIN, 0}, {stop, POLLIN, 0}};
+    auto nextLook = Clock::now();
+    for (;;) {
+        if (poll(waited, 2, kServingPause) < 0 && errno != EINTR) return std::strerror(errno);
+        if (waited[1].revents) return "the agent stops";
+        if (Clock::now() >= nextLook) {
+            const DesktopSession session = desktopSession(m_display);
+            if (session == DesktopSession::NoClient) return "the client has left";
+            if (session == DesktopSession::Attached) m_lastSeen = Clock::now();
+            m_hadSession = m_hadSession || session == DesktopSession::Attached;
+            nextLook = Clock::now() + std::chrono::milliseconds(kServingPause);
+        }
+        if (!waited[0].revents) continue;
+        const auto room = splitter.room();
+        const ssize_t got = recv(waited[0].fd, room.data(), room.size(), 0);
+        if (got == 0) return "xrdp has closed it";
+        if (got < 0 && errno != EAGAIN && errno != EINTR) return std::strerror(errno);
+        if (got > 0)
+            splitter.take(static_cast<std::size_t>(got),
+                          [&](unsigned char* packet, std::uint32_t length) {
+                              m_plugin.ReceiveData(packet, length);
+                          });
+    }
+}
+
+void Agent::setChannel(std::unique_ptr<XrdpApi::Channel> channel) {
+    std::lock_guard lock(m_mutex);
+    m_channel = std::move(channel);
+    m_leaving = false;
+}
+
+int Agent::append(const void* data, std::uint32_t length, std::uintptr_t, void* self) {
+    static_cast<Agent*>(self)->send(static_cast<const unsigned char*>(data), length);
+    return 0;
+}
+
+void Agent::send(const unsigned char* bytes, std::size_t size) {
+    constexpr int kPause = 100;  // milliseconds, until it looks whether the channel ends
+    std::lock_guard lock(m_mutex);
+    while (m_channel && !m_leaving && size > 0) {
+        const ssize_t sent = ::send(m_channel->socket(), bytes, size, MSG_NOSIGNAL);
+        if (sent > 0) {
+            bytes += sent;
+            size -= static_cast<std::size_t>(sent);
+        } else if (errno == EAGAIN) {
+            pollfd waited{m_channel->socket(), POLLOUT, 0};
+            poll(&waited, 1, kPause);
+        } else if (errno != EINTR) {
+            return;  // the reading thread learns of it, too
+        }
+    }
+}
+
+}  // namespace hosts

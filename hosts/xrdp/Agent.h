@@ -1,0 +1,54 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "Plugin.h"
+#include "XrdpApi.h"
+
+namespace hosts {
+
+// The plug-in's far end in an xrdp desktop: takes the channel whenever a client is attached, and
+// gives it back when the client has left. The thread that runs it is the one that hands on what
+// comes.
+class Agent {
+public:
+    // Throws std::runtime_error when the library or xrdp's is missing.
+    Agent(const std::string& library, int display);
+    ~Agent();
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    // Returns when `stop` (a descriptor) becomes readable, or when the desktop's session has ended.
+    void run(int stop);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    static int append(const void* data, std::uint32_t length, std::uintptr_t, void* self);
+    void send(const unsigned char* bytes, std::size_t size);
+    // Joins the channel to the plug-in until the client leaves. False where it cannot be opened.
+    bool serve(int stop);
+    std::string passOnUntilTheEnd(int stop);
+    bool sessionHasEnded();
+    void setChannel(std::unique_ptr<XrdpApi::Channel> channel);
+    // Why the agent waits, or does not any more: to standard output and the plug-in's log, once
+    // until it changes.
+    void say(const std::string& text);
+
+    const int m_display;
+    const XrdpApi m_api;
+    const Plugin m_plugin;
+    std::string m_said;
+    bool m_hadSession = false;
+    Clock::time_point m_lastSeen;
+
+    std::mutex m_mutex;  // guards the channel against its end while the plug-in sends
+    std::unique_ptr<XrdpApi::Channel> m_channel;
+    std::atomic<bool> m_leaving = false;
+};
+
+}  // namespace hosts

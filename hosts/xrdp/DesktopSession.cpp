@@ -1,0 +1,64 @@
+#include "DesktopSession.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace hosts {
+
+namespace {
+
+std::string withoutSpaceAndCase(const std::string& text) {
+    std::string result;
+    for (const char c : text) {
+        if (!std::isspace(static_cast<unsigned char>(c)))
+            result += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return result;
+}
+
+}  // namespace
+
+// Each line: number, references, protocol, flags, type, state, inode, path.
+DesktopSession desktopSession(std::istream& sockets, int display) {
+    const std::string end = "/xrdp_chansrv_socket_" + std::to_string(display);
+    DesktopSession result = DesktopSession::None;
+    for (std::string line; std::getline(sockets, line);) {
+        if (!line.ends_with(end)) continue;
+        std::istringstream fields(line);
+        std::string ignored;
+        std::string state;
+        fields >> ignored >> ignored >> ignored >> ignored >> ignored >> state;
+        if (state == "03") return DesktopSession::Attached;
+        result = DesktopSession::NoClient;
+    }
+    return result;
+}
+
+DesktopSession desktopSession(int display) {
+    std::ifstream sockets("/proc/net/unix");
+    return desktopSession(sockets, display);
+}
+
+int displayNumber(const char* display) {
+    const char* colon = display ? std::strrchr(display, ':') : nullptr;
+    return colon && std::isdigit(static_cast<unsigned char>(colon[1])) ? std::atoi(colon + 1) : -1;
+}
+
+bool allowsChannel(std::istream& xrdpIni, const std::string& name) {
+    bool inSection = false;
+    const std::string key = withoutSpaceAndCase(name) + '=';
+    for (std::string raw; std::getline(xrdpIni, raw);) {
+        const std::string line = withoutSpaceAndCase(raw);
+        if (line.starts_with('[')) inSection = line == "[channels]";
+        if (!inSection || !line.starts_with(key)) continue;
+        const std::string value = line.substr(key.size());
+        return value == "true" || value == "yes" || value == "1" || value == "on";
+    }
+    return false;
+}
+
+}  // namespace hosts

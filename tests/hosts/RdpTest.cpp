@@ -1,0 +1,410 @@
+// The plug-in in a real RDP client, joined to real far ends: a server of our own, and an xrdp
+// desktop. Without an account, and over loopback alone.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <sstream>
+
+#include "Descriptor.h"
+#include "Eventually.h"
+#include "FileContent.h"
+#include "Subprocess.h"
+#include "TempDir.h"
+#include "UserEnd.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using support::Subprocess;
+using testsupport::contentOf;
+using testsupport::eventually;
+using testsupport::lineStarting;
+using Side = testsupport::UserEnd;
+
+const std::string kFolder = "/run/xrdp/sockdir";  // a constant of xrdp's
+
+unsigned short freePort() {
+    const support::Descriptor fd(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* place = reinterpret_cast<sockaddr*>(&address);
+    if (bind(fd.get(), place, length) != 0 || getsockname(fd.get(), place, &length) != 0) return 0;
+    return ntohs(address.sin_port);
+}
+
+bool isThere(std::initializer_list<const char*> programs) {
+    return std::ranges::all_of(programs, [](const char* program) {
+        return access((std::string("/usr/bin/") + program).c_str(), X_OK) == 0 ||
+               access((std::string("/usr/sbin/") + program).c_str(), X_OK) == 0;
+    });
+}
+
+// Asks it to end, and waits until it has: an X server takes its socket and its lock with it.
+void endAndWait(std::optional<Subprocess>& process) {
+    if (!process) return;
+    process->signal(SIGTERM);
+    process->wait(5s);
+    process.reset();
+}
+
+// An X server without a screen, on a display that it has chosen itself.
+class Display {
+public:
+    explicit Display(const Side& side, const std::string& command)
+        : m_server(side.startShell("exec " + command + " -displayfd 1 2>/dev/null")),
+          m_number(m_server->readLine()) {}
+    ~Display() { endAndWait(m_server); }
+    const std::string& number() const { return m_number; }
+
+private:
+    std::optional<Subprocess> m_server;
+    const std::string m_number;
+};
+
+class FarEnd {
+public:
+    explicit FarEnd(const Side& side) : m_side(side) {}
+    virtual ~FarEnd() = default;
+    virtual unsigned short port() const = 0;
+    // The process that has loaded the plug-in.
+    virtual void start() = 0;
+    void kill() {
+        m_host->kill();
+        m_host->wait(5s);
+        m_host.reset();
+    }
+    // Whether the client learns that the far end is gone.
+    virtual bool isMissed() const = 0;
+
+protected:
+    const Side& m_side;
+    std::optional<Subprocess> m_host;
+};
+
+// The certificate that both kinds of server need.
+std::string makeCertificate(const Side& side) {
+    const std::string base = side.file("tls");
+    side.startShell(
+            "exec 2>&1; openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost "
+            "-keyout " +
+            base + ".k -out " + base + ".pem && openssl rsa -traditional -in " + base + ".k -out " +
+            base + ".key")
+        .wait(20s);
+    return base;
+}
+
+class OwnServer : public FarEnd {
+public:
+    explicit OwnServer(const Side& side) : FarEnd(side), m_tls(makeCertificate(side)) { start(); }
+    unsigned short port() const override { return m_port; }
+    bool isMissed() const override { return true; }
+    void start() override {
+        m_host.emplace(m_side.startShell(
+            "exec " NORVO_RDP_SERVER " --library " NORVO_PLUGIN " --certificate " + m_tls +
+                ".pem --key " + m_tls + ".key 2>" + m_side.file("server.log"),
+            {"ASAN_OPTIONS=detect_leaks=0"}));
+        const std::string line = lineStarting(*m_host, "listening on ");
+        m_port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
+    }
+
+private:
+    const std::string m_tls;
+    unsigned short m_port = 0;
+};
+
+// A desktop without a log-in: xrdp shows a VNC server, and the channel server belongs to it.
+class XrdpDesktop : public FarEnd {
+public:
+    explicit XrdpDesktop(const Side& side)
+        : FarEnd(side),
+          m_display(side, "Xtigervnc -geometry 320x240 -SecurityTypes None -localhost"),
+          m_port(freePort()) {
+        const std::string tls = makeCertificate(side);
+        std::ofstream(side.file("xrdp.ini"))
+            << "[Globals]\nport=tcp://.:" << m_port
+            << "\nallow_channels=true\nautorun=Light\nsecurity_layer=tls\n"
+            << "ssl_protocols=TLSv1.2, TLSv1.3\ncertificate=" << tls << ".pem\nkey_file=" << tls
+            << ".key\n[Logging]\nLogFile=" << side.file("xrdp.log")
+            << "\n[Channels]\nNRVOCW=true\n[Light]\nname=Light\nlib=libvnc.so\nusername=na\n"
+            << "password=na\nip=127.0.0.1\nport=" << 5900 + std::stoi(m_display.number())
+            << "\nchansrvport=DISPLAY(" << m_display.number() << ")\n";
+        m_channels.emplace(startInDesktop("exec xrdp-chansrv >/dev/null 2>&1"));
+        m_xrdp.emplace(
+            side.startShell("exec xrdp -n -c " + side.file("xrdp.ini") + " >/dev/null 2>&1"));
+        start();
+    }
+    // Ending the X server ends the connection's own process of xrdp, which outlives its parent.
+    ~XrdpDesktop() override {
+        endAndWait(m_host);
+        endAndWait(m_channels);
+        endAndWait(m_xrdp);
+        std::error_code ignored;
+        std::vector<std::filesystem::path> left;
+        for (const auto& entry : std::filesystem::directory_iterator(kFolder, ignored)) {
+            if (entry.path().filename().string().ends_with("_" + m_display.number()))
+                left.push_back(entry.path());
+        }
+        for (const auto& path : left) std::filesystem::remove(path, ignored);
+    }
+    unsigned short port() const override { return m_port; }
+    bool isMissed() const override { return false; }
+    void start() override {
+        m_host.emplace(startInDesktop("exec " NORVO_XRDP_AGENT " --library " NORVO_PLUGIN " 2>&1"));
+        EXPECT_NE(m_host->readLine(), "");  // what it waits for, or that it does not have to
+    }
+    // Why there is none here; empty when there is.
+    static std::string whyNot() {
+        if (!getenv("NORVO_TEST_XRDP")) return "./test --only xrdp runs it";
+        std::error_code ignored;
+        std::filesystem::create_directories(kFolder, ignored);
+        chmod(kFolder.c_str(), 01777);
+        return isThere({"xrdp", "xrdp-chansrv", "Xtigervnc"}) && access(kFolder.c_str(), W_OK) == 0
+                   ? ""
+                   : "no xrdp here (packages xrdp tigervnc-standalone-server)";
+    }
+    std::string check() {
+        Subprocess check = startInDesktop("exec " NORVO_XRDP_AGENT
+                                          " --check --library " NORVO_PLUGIN " --xrdp-ini " +
+                                          m_side.file("xrdp.ini") + " 2>&1");
+        return check.readAll();
+    }
+    // What is open in the agent, which runs and has no client.
+    std::size_t descriptors() const {
+        const auto folder = "/proc/" + std::to_string(m_host->pid()) + "/fd";
+        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
+                                                      std::filesystem::directory_iterator{}));
+    }
+    void endChannelServer() { endAndWait(m_channels); }
+    bool says(const std::string& text) { return m_host->readLine(1s).starts_with(text); }
+    int agentsStatus() { return m_host->wait(20s); }
+
+private:
+    Subprocess startInDesktop(const std::string& command) const {
+        return m_side.startShell(
+            command, {"DISPLAY=:" + m_display.number(), "LC_ALL=C",
+                      "XDG_RUNTIME_DIR=" + m_side.file("home"), "ASAN_OPTIONS=detect_leaks=0"});
+    }
+
+    std::optional<Subprocess> m_channels;
+    std::optional<Subprocess> m_xrdp;
+    Display m_display;
+    const unsigned short m_port;
+};
+
+class RdpAcrossProcesses : public ::testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override {
+        if (!isThere({"xfreerdp", "Xvfb", "socat", "openssl"}))
+            GTEST_SKIP() << "no FreeRDP client here (packages freerdp2-x11 xvfb openssl)";
+        if (GetParam() == std::string("xrdp")) {
+            const std::string why = XrdpDesktop::whyNot();
+            if (!why.empty()) GTEST_SKIP() << why;
+            m_farEnd = std::make_unique<XrdpDesktop>(m_far);
+        } else {
+            m_farEnd = std::make_unique<OwnServer>(m_far);
+        }
+        m_display.emplace(m_near, "Xvfb -screen 0 320x240x24 -nolisten tcp");
+        m_relayPort = freePort();
+        startRelay();
+        startClient();
+    }
+    void TearDown() override {
+        endClient();
+        m_farEnd.reset();
+        m_display.reset();
+    }
+
+    // FreeRDP comes back to the same port: cutting is ending the relay in between.
+    void startRelay() {
+        m_relay.emplace(m_near.startShell(
+            "exec 2>&1; exec socat TCP-LISTEN:" + std::to_string(m_relayPort) +
+            ",bind=127.0.0.1,reuseaddr,fork TCP:127.0.0.1:" + std::to_string(m_farEnd->port())));
+    }
+    void cut() {
+        std::ifstream list("/proc/" + std::to_string(m_relay->pid()) + "/task/" +
+                           std::to_string(m_relay->pid()) + "/children");
+        std::vector<pid_t> children;
+        for (pid_t child = 0; list >> child;) children.push_back(child);
+        EXPECT_FALSE(children.empty());
+        for (const pid_t child : children) ::kill(child, SIGKILL);
+    }
+
+    void startClient() {
+        m_nearNews.emplace(m_near.start("watch"));
+        if (!m_farNews) m_farNews.emplace(m_far.start("watch"));
+        const auto begun = std::chrono::steady_clock::now();
+        m_client.emplace(m_near.startShell(
+            "exec xfreerdp /v:127.0.0.1:" + std::to_string(m_relayPort) +
+                " /u:na /p:na /sec:tls /cert:ignore +auto-reconnect -clipboard"
+                " /vc:NRVOCW,library=" NORVO_PLUGIN " >" +
+                m_near.file("client.log") + " 2>&1",
+            {"DISPLAY=:" + m_display->number(), "XDG_CONFIG_HOME=" + m_near.file("home"),
+             "LD_PRELOAD=" NORVO_RDP_PRELOAD, "NORVO_TEST_ADDIN=" NORVO_RDP_ADDIN,
+             "ASAN_OPTIONS=detect_leaks=0"}));
+        expectNews("ChannelUp");
+        std::cout << "joined after " << testsupport::since(begun).count() << " ms" << std::endl;
+    }
+    // xfreerdp leaves this when a signal ends it.
+    void endClient() {
+        if (!m_client) return;
+        m_client->kill();
+        m_client->wait(5s);
+        char name[60];
+        std::snprintf(name, sizeof name, "/dev/shm/com.freerdp.xfreerdp.tsmf_%016X",
+                      m_client->pid());
+        std::filesystem::remove(name);
+        m_client.reset();
+        m_nearNews.reset();
+    }
+    static void expectNewsOf(std::optional<Subprocess>& news, const std::string& name) {
+        std::string line;
+        do {
+            line = news->readLine(30s);
+        } while (!line.empty() && line.find(' ' + name) == std::string::npos);
+        EXPECT_NE(line, "") << "no " << name;
+    }
+    void expectNews(const std::string& name) {
+        expectNewsOf(m_nearNews, name);
+        expectNewsOf(m_farNews, name);
+    }
+
+    static std::string randomFile(const Side& side, const std::string& name, std::size_t size) {
+        std::ifstream source("/dev/urandom", std::ios::binary);
+        std::string content(size, '\0');
+        source.read(content.data(), static_cast<std::streamsize>(size));
+        std::ofstream(side.file(name), std::ios::binary) << content;
+        return content;
+    }
+    // A stream has one direction for as long as its hosts live. `during` runs while it is on its
+    // way. What was under way when a connection broke may be lost; then it is sent again.
+    void passesAFile(
+        const Side& from, const Side& to, std::size_t size,
+        const std::function<void()>& during = [] {}) {
+        const std::string content = randomFile(from, "original", size);
+        const std::string stream = &from == &m_near ? "Media" : "Generic";
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            Subprocess receiver = to.start("recv " + stream + " --wait 30 " + to.file("copy"));
+            Subprocess sender =
+                from.start("send " + stream + " --wait 30 " + from.file("original"));
+            if (attempt == 0) during();
+            const int sent = sender.wait(60s);
+            if (sent == 0 && receiver.wait(8s) == 0) break;
+            receiver.signal(SIGINT);
+            receiver.wait(5s);
+        }
+        EXPECT_TRUE(contentOf(to.file("copy")) == content);
+    }
+
+    Side m_near;
+    Side m_far;
+    std::unique_ptr<FarEnd> m_farEnd;
+    std::optional<Display> m_display;
+    unsigned short m_relayPort = 0;
+    std::optional<Subprocess> m_relay;
+    std::optional<Subprocess> m_client;
+    std::optional<Subprocess> m_nearNews;
+    std::optional<Subprocess> m_farNews;
+};
+
+TEST_P(RdpAcrossProcesses, TwentyStreamsCarryFilesBothWaysAndTheClientNeverWaits) {
+    constexpr int kStreams = 20;
+    std::vector<std::string> contents;
+    for (int i = 0; i < kStreams; ++i)
+        contents.push_back(randomFile(i % 2 ? m_near : m_far, "in" + std::to_string(i),
+                                      static_cast<std::size_t>(1 + i * i * 500)));
+    const auto start = [](const Side& side, int own) {
+        std::string script = "cd \"$TMPDIR\"; all=; ";
+        for (int i = 0; i < kStreams; ++i) {
+            const std::string n = std::to_string(i);
+            script += VCCTL_PROGRAM;
+            script += i % 2 == own ? " send s" + n + " in" + n : " recv s" + n + " out" + n;
+            script += " --wait 60 2>>log & all=\"$all $!\"; ";
+        }
+        return side.startShell(script + "for each in $all; do wait $each || exit 1; done");
+    };
+    Subprocess near = start(m_near, 1);
+    Subprocess far = start(m_far, 0);
+    EXPECT_EQ(near.wait(90s), 0) << contentOf(m_near.file("log"));
+    EXPECT_EQ(far.wait(90s), 0) << contentOf(m_far.file("log"));
+    for (int i = 0; i < kStreams; ++i) {
+        EXPECT_TRUE(contentOf((i % 2 ? m_far : m_near).file("out" + std::to_string(i))) ==
+                    contents[static_cast<std::size_t>(i)])
+            << "stream s" << i;
+    }
+
+    cut();
+    expectNews("ChannelDown");
+    m_near.run("ask FlushLog");
+    const std::string log =
+        contentOf(m_near.file("home/Library/Logs/norvouvdi/VirtualChannel.log"));
+    constexpr char kWaited[] = "the client waited at most ";
+    const std::size_t at = log.find(kWaited);
+    ASSERT_NE(at, std::string::npos) << log;
+    const double waited = std::stod(log.substr(at + sizeof kWaited - 1));
+    std::cout << "the client waited at most " << waited << " ms" << std::endl;
+    EXPECT_LT(waited, 50);
+}
+
+TEST_P(RdpAcrossProcesses, ACutConnectionIsTakenUpAgainInTheMiddleOfAFile) {
+    passesAFile(m_near, m_far, 4'000'000, [&] {
+        std::this_thread::sleep_for(400ms);  // somewhere in it
+        cut();
+        const auto begun = std::chrono::steady_clock::now();
+        expectNews("ChannelDown");
+        expectNews("ChannelUp");
+        std::cout << "up again after " << testsupport::since(begun).count() << " ms" << std::endl;
+    });
+    passesAFile(m_far, m_near, 100'000);
+}
+
+TEST_P(RdpAcrossProcesses, AKilledClientAndAKilledFarEndAreReplaced) {
+    endClient();
+    expectNewsOf(m_farNews, "ChannelDown");
+    startClient();
+    passesAFile(m_near, m_far, 100'000);
+
+    m_farEnd->kill();
+    if (m_farEnd->isMissed()) expectNewsOf(m_nearNews, "ChannelDown");
+    m_farNews.emplace(m_far.start("watch"));
+    m_relay.reset();
+    m_farEnd->start();
+    startRelay();
+    expectNewsOf(m_farNews, "ChannelUp");
+    passesAFile(m_near, m_far, 100'000);
+}
+
+TEST(XrdpAgentAcrossProcesses, SaysWhatIsMissingLeaksNothingAndEndsWithItsDesktop) {
+    const std::string why = XrdpDesktop::whyNot();
+    if (!why.empty()) GTEST_SKIP() << why;
+    const Side side;
+    XrdpDesktop desktop(side);
+    const std::string checked = desktop.check();
+    testsupport::expectPart(checked, "no client is attached");
+    EXPECT_EQ(checked.find("MISSING"), std::string::npos) << checked;
+    std::ofstream(side.file("xrdp.ini")) << "[Channels]\nrdpdr=true\n";
+    testsupport::expectPart(desktop.check(), "add the line NRVOCW=true");
+
+    const std::size_t before = desktop.descriptors();
+    desktop.endChannelServer();
+    EXPECT_TRUE(eventually([&] { return desktop.says("waiting for xrdp's channel server"); }));
+    std::this_thread::sleep_for(3500ms);  // another attempt to open the channel, which fails
+    EXPECT_EQ(desktop.descriptors(), before);
+    EXPECT_EQ(desktop.agentsStatus(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(FarEnds, RdpAcrossProcesses, ::testing::Values("server", "xrdp"),
+                         [](const auto& row) { return std::string(row.param); });
+
+}  // namespace

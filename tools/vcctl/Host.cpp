@@ -1,0 +1,176 @@
+#include "Host.h"
+
+#include <poll.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <thread>
+
+#include "AgentMark.h"
+#include "CommandError.h"
+#include "Endpoint.h"
+#include "PacketHeader.h"
+#include "PluginLibrary.h"
+#include "StopSignal.h"
+#include "VCMessage.h"
+
+namespace vcctl {
+
+using NorvoVirtualChannel::Header;
+using support::Descriptor;
+using VDIFrameworkCommon::AgentMark;
+using VDIFrameworkCommon::LocalLock;
+
+namespace {
+
+// Milliseconds. A connection that cannot be taken, for want of descriptors, is there all the time.
+constexpr int kPauseAfterFailure = 100;
+
+}  // namespace
+
+Host::Host(const HostOptions& options)
+    : m_kind(channelKind(options.kind)),
+      m_quiet(options.quiet),
+      m_quietOutput(options.standardOutputIsTheChannel),
+      m_plugin(loadPlugin(options.pluginPath)) {
+    if (!options.takeOver) refuseToBeTheSecond();
+    if (!options.capture.empty()) {
+        m_capture = std::make_unique<CaptureWriter>(
+            options.capture, std::string(m_plugin.getChannelName()) + " " + m_kind.name);
+    }
+    m_plugin.InitialiseChannel(&Host::append, m_kind.number, this);
+}
+
+// Some kinds of channel leave a call of append() behind that does not return at once.
+Host::~Host() {
+    constexpr int kMostWaits = 2000;
+    m_plugin.Shutdown();
+    for (int i = 0; m_appending > 0 && i < kMostWaits; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    m_session.unlock();
+}
+
+// Two in one session take messages from each other. The mark tells of every kind of host, but only
+// once it is connected; the lock of this tool alone.
+void Host::refuseToBeTheSecond() {
+    constexpr auto kAtOnce = std::chrono::milliseconds(0);
+    std::string who;
+    if (const auto active = AgentMark::ofThisProcess().holderOf(geteuid())) {
+        who = "the agent of process " + std::to_string(*active) + " is active";
+    } else if (m_session.create("vcctl_host") && !m_session.lockFor(kAtOnce)) {
+        who = "another vcctl host runs";
+    }
+    if (!who.empty())
+        throw CommandError(who +
+                           " in this session namespace. Set NORVO_VDI_NAMESPACE to another one, "
+                           "or give --take-over to start beside it");
+}
+
+void Host::say(const std::string& text) const {
+    if (m_quiet) return;
+    (m_quietOutput ? std::cerr : std::cout) << text << std::endl;
+}
+
+void Host::serve(Descriptor socket, const std::string& peer, int listener) {
+    try {
+        serve(overSocket(std::move(socket)), peer, listener);
+    } catch (const CommandError& error) {
+        say("not joined to " + peer + ": " + error.what());
+        StopSignal::wait(kPauseAfterFailure);
+    }
+}
+
+void Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener) {
+    StopSignal::takeHangUp();  // one that came while there was nothing to drop
+    m_greetings = 0;
+    m_peerHasGreeted = false;
+    try {
+        setLink(std::make_shared<PacketLink>(
+            std::move(bytes), m_kind.maxPacket,
+            [this](unsigned char* packet, std::uint32_t length) { receive(packet, length); }));
+    } catch (const std::system_error& error) {
+        say("not joined to " + peer + ": " + error.what());
+        StopSignal::wait(kPauseAfterFailure);
+        return;
+    }
+    say("joined to " + peer);
+    m_plugin.ChannelActive(1);
+    const auto joined = link();
+    waitForEnd(*joined, listener);
+    joined->end("this host stops");
+    setLink(nullptr);
+    m_plugin.ChannelActive(0);
+    say("left " + peer + ": " + joined->closeReason());
+}
+
+void Host::waitForEnd(PacketLink& link, int listener) const {
+    // An agent that is up greets at once.
+    constexpr auto kLongestSilence = std::chrono::seconds(2);
+    const auto begun = std::chrono::steady_clock::now();
+    pollfd waited[3] = {{link.closedDescriptor(), POLLIN, 0},
+                        {StopSignal::descriptor(), POLLIN, 0},
+                        {listener, POLLIN, 0}};
+    for (;;) {
+        if (StopSignal::takeHangUp()) link.close("dropped on request");
+        if (poll(waited, 3, -1) < 0) continue;
+        if (waited[1].revents) StopSignal::drain();
+        if (waited[0].revents || StopSignal::requested()) return;
+        if (!waited[2].revents) continue;
+        if (!m_peerHasGreeted && std::chrono::steady_clock::now() - begun > kLongestSilence) {
+            link.close("it has not greeted as an agent does, and another host is waiting");
+            return;
+        }
+        if (const Descriptor other = acceptFrom(listener)) {
+            say("turned away a second connection: a host is joined already");
+        } else {
+            StopSignal::wait(kPauseAfterFailure);
+        }
+    }
+}
+
+int Host::append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
+    auto* host = static_cast<Host*>(context);
+    ++host->m_appending;
+    if (const auto link = host->link()) {
+        if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
+        link->send(data, length);
+    }
+    --host->m_appending;
+    return 0;
+}
+
+void Host::receive(unsigned char* packet, std::uint32_t length) {
+    if (m_capture) m_capture->write(Direction::Inbound, packet, length);
+    if (!m_peerHasGreeted) noteGreeting(packet, length);
+    m_plugin.ReceiveData(packet, length);
+}
+
+// It asks for the connection, and answers what this side asks: more than one packet.
+void Host::noteGreeting(const unsigned char* packet, std::uint32_t length) {
+    using VirtualChannelAgent::MessageTypeEnum;
+    constexpr std::uint32_t kTypeAt = sizeof(Header) + 4;
+    if (length <= kTypeAt) return;
+    const unsigned int type = packet[kTypeAt];
+    if (type > MessageTypeEnum::CTL_CONNECTED) return;
+    m_greetings |= 1U << type;
+    constexpr unsigned int kAsked = 1U << MessageTypeEnum::CTL_CONNECT;
+    constexpr unsigned int kAnswered =
+        1U << MessageTypeEnum::CTL_CONNECT_READY | 1U << MessageTypeEnum::CTL_CONNECTED;
+    m_peerHasGreeted = (m_greetings & kAsked) != 0 && (m_greetings & kAnswered) != 0;
+}
+
+std::shared_ptr<PacketLink> Host::link() {
+    LocalLock lock(m_mutex);
+    return m_link;
+}
+
+void Host::setLink(std::shared_ptr<PacketLink> link) {
+    LocalLock lock(m_mutex);
+    m_link = std::move(link);
+}
+
+}  // namespace vcctl

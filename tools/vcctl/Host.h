@@ -1,0 +1,70 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "ByteChannel.h"
+#include "Capture.h"
+#include "ChannelKind.h"
+#include "LocalMutex.h"
+#include "NamedMutex.h"
+#include "PacketLink.h"
+#include "Plugin.h"
+
+namespace vcctl {
+
+struct HostOptions {
+    std::string kind = "tcp";
+    std::string pluginPath;
+    std::string capture;
+    bool takeOver = false;
+    bool quiet = false;
+    bool standardOutputIsTheChannel = false;
+};
+
+// A remote-desktop client's part: it loads the plug-in, and joins its channel to one peer at a
+// time. The thread that makes it also uses it; the plug-in and the link have their own.
+class Host {
+public:
+    // Throws CommandError, also where another host serves the session namespace and may not be
+    // taken over from.
+    explicit Host(const HostOptions& options);
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    // Joins the channel to the peer until one side ends it or the user stops. Whoever connects to
+    // `listener` (if there is one) meanwhile is turned away, as a channel has two ends; but a peer
+    // that has not greeted as an agent does gives way. Pauses where the system has too little left
+    // for another peer.
+    void serve(support::Descriptor socket, const std::string& peer, int listener = -1);
+    void serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener = -1);
+
+    // One line, for the user: not on standard output where that is the channel.
+    void say(const std::string& text) const;
+
+private:
+    static int append(const void* data, std::uint32_t length, std::uintptr_t, void* context);
+    void receive(unsigned char* packet, std::uint32_t length);
+    void noteGreeting(const unsigned char* packet, std::uint32_t length);
+    void waitForEnd(PacketLink& link, int listener) const;
+    std::shared_ptr<PacketLink> link();
+    void setLink(std::shared_ptr<PacketLink> link);
+    void refuseToBeTheSecond();
+
+    const ChannelKind& m_kind;
+    const bool m_quiet;
+    const bool m_quietOutput;
+    VDIFrameworkCommon::NamedMutex m_session;
+    const hosts::Plugin m_plugin;
+    std::unique_ptr<CaptureWriter> m_capture;
+    std::atomic<int> m_appending = 0;
+    // Types of agent messages that the peer has sent: the reader thread's, until it has greeted.
+    unsigned int m_greetings = 0;
+    std::atomic<bool> m_peerHasGreeted = false;
+    VDIFrameworkCommon::LocalMutex m_mutex;
+    std::shared_ptr<PacketLink> m_link NORVO_GUARDED_BY(m_mutex);
+};
+
+}  // namespace vcctl
