@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # install-packages.sh GROUP...: installs what is missing of the Debian packages of each group.
-# Groups: build (to build and test everything), checks (the rest of ./test --all).
+# Groups: build (to build and test everything but what follows), checks (the rest of ./test --all), rdp (a real
+# RDP client, and what its add-in is built with), xrdp (a desktop for it).
 source "$(dirname "$0")/common.sh"
 
 packages_of() {
@@ -17,6 +18,8 @@ packages_of() {
             # Any npm will do, and one from elsewhere cannot live beside Debian's.
             command -v npm >/dev/null || say npm
             ;;
+        rdp) say freerdp2-x11 freerdp2-dev libwinpr2-dev xvfb openssl ;;
+        xrdp) say xrdp tigervnc-standalone-server ;;
         *) fail "install-packages.sh: no group '$1'" ;;
     esac
 }
