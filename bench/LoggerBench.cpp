@@ -49,8 +49,8 @@ void plainLine(FILE* file, std::uint64_t number) {
     char text[32];
     strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
     fprintf(file, "%s.%06ldZ %d/%ld INFO VirtualChannel %s:%d %s: sent %lu of %d bytes\n", text,
-            now.tv_nsec / 1000, getpid(), syscall(SYS_gettid), kNorvoLogSource, __LINE__, __func__,
-            static_cast<unsigned long>(number), 64);
+            now.tv_nsec / 1000, getpid(), syscall(SYS_gettid), "bench/LoggerBench", __LINE__,
+            __func__, static_cast<unsigned long>(number), 64);
 }
 
 }  // namespace

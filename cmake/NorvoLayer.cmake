@@ -2,6 +2,7 @@
 #
 # One static library per layer, or an interface for one of headers alone. A layer's folder, or each of FOLDERS in
 # it, is an include directory, and the layer sees only its own and those of the layers it names in USES.
+# Each source knows its own path from the top of the tree, without its suffix, for its log lines (NORVO_SOURCE, Log.h).
 function(norvo_layer target)
     cmake_parse_arguments(LAYER "" "" "FOLDERS;SOURCES;USES" ${ARGN})
     if(NOT LAYER_FOLDERS)
@@ -16,6 +17,12 @@ function(norvo_layer target)
         target_include_directories(${target} INTERFACE ${LAYER_FOLDERS})
         target_link_libraries(${target} INTERFACE ${LAYER_USES})
     endif()
+    foreach(source IN LISTS LAYER_SOURCES)
+        cmake_path(ABSOLUTE_PATH source BASE_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR} OUTPUT_VARIABLE path)
+        cmake_path(RELATIVE_PATH path BASE_DIRECTORY ${PROJECT_SOURCE_DIR})
+        cmake_path(REMOVE_EXTENSION path LAST_ONLY)
+        set_property(SOURCE ${source} APPEND PROPERTY COMPILE_DEFINITIONS NORVO_SOURCE="${path}")
+    endforeach()
     norvo_layer_rule(${target} USES ${LAYER_USES})
 endfunction()
 

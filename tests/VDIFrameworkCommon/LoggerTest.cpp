@@ -15,10 +15,10 @@
 #include "LogAppender.h"
 #include "LogCapture.h"
 #include "LogLine.h"
+#include "Namespace.h"
+#include "ProcessUtils.h"
 #include "Rounds.h"
 #include "TempDir.h"
-
-NORVO_LOG_SOURCE("tests/LoggerTest")
 
 using namespace KLT::kltlogger;
 using namespace std::chrono_literals;
@@ -53,7 +53,7 @@ protected:
 
     const TempDir dir;
     const std::string path = dir / "x.log";
-    LogAppender appender{off_t{1} << 40};
+    LogAppender appender{nullptr, off_t{1} << 40};
 };
 
 TEST(LogLine, SaysWhenWhoWhereAndWhat) {
@@ -69,7 +69,8 @@ TEST(LogLine, SaysWhenWhoWhereAndWhat) {
               9)
         << text;
     EXPECT_EQ(text.substr(static_cast<std::size_t>(rest)),
-              "WARN VirtualChannel src/a/File:42 operation: bad packet: 23 bytes\n");
+              '[' + VDIFrameworkCommon::sessionNamespace() +
+                  "] WARN VirtualChannel src/a/File:42 operation: bad packet: 23 bytes\n");
     EXPECT_EQ(process, getpid());
     time.tm_year -= 1900;
     time.tm_mon -= 1;
@@ -200,6 +201,65 @@ TEST(Logger, FlushIfAllowedSparesTheDiskInAStorm) {
     EXPECT_EQ(soonAfter, 0U);
     EXPECT_EQ(messagesOf(dir / "x.log"), Texts{"one"});
     VirtualChannelLogger_init("");
+}
+
+LogRepeats::Time g_now;
+
+TEST(LogRepeats, TellsTheFirstThenCountsAtGrowingDistances) {
+    LogCapture log;
+    g_now = {};
+    auto repeats = std::make_unique<LogRepeats>([] { return g_now; });
+    const auto happens = [&](int times, std::chrono::milliseconds apart) {
+        for (int i = 0; i < times; ++i, g_now += apart)
+            NORVO_LOG_REPEATED(*repeats, Error, "lost in ", i);
+    };
+    happens(20001, 1ms);
+    EXPECT_EQ(log.lines(), (Texts{"lost in 0", "lost in 10000 ... 10,000 more in 10 s"}));
+    log.clear();
+    happens(300, 1s);
+    EXPECT_EQ(log.lines(), Texts{"lost in 50 ... 10,051 more in 60 s"}) << "then after 360 s";
+    log.clear();
+    g_now += 59s;
+    EXPECT_EQ(LogRepeats::tellDue(false) - g_now, 70s + 360s - 20s - 300s - 60s + 1s);
+    g_now += 1s;
+    happens(1, 1s);
+    EXPECT_EQ(log.lines(), Texts{"lost in 0 ... 249 more in 310 s"}) << "quiet for a minute";
+    log.clear();
+    happens(3, 1s);
+    g_now += 6s;
+    EXPECT_EQ(LogRepeats::tellDue(false), LogRepeats::Time::max());
+    EXPECT_EQ(log.lines(), Texts{"lost in 0 ... 3 more in 10 s"}) << "without a next one";
+    happens(2, 1s);
+    repeats->settled();
+    happens(3, 1s);
+    repeats.reset();
+    EXPECT_EQ(log.lines(), (Texts{"lost in 0 ... 3 more in 10 s", "lost in 0 ... 2 more in 2 s",
+                                  "lost in 0", "lost in 0 ... 2 more in 3 s"}));
+}
+
+TEST(LogRepeats, ACountThatNobodyTellsIsWrittenByTheLogItself) {
+    const TempDir dir;
+    VirtualChannelLogger_init(dir / "x.log");
+    static std::atomic<int> late = 0;
+    LogRepeats repeats([] { return std::chrono::steady_clock::now() + late.load() * 10s; });
+    for (int i = 0; i < 3; ++i) NORVO_LOG_REPEATED(repeats, Error, "lost");
+    late = 1;
+    tellRepeatsBy(std::chrono::steady_clock::now());
+    EXPECT_TRUE(eventually([&] { return linesOf(dir / "x.log").size() == 2; }));
+    EXPECT_EQ(messagesOf(dir / "x.log").back(), "lost ... 2 more in 10 s");
+    VirtualChannelLogger_init("");
+}
+
+TEST(Logger, EachRecordNamesTheFileThatItsLineStandsIn) {
+    struct Sources : LogSink {
+        void write(const LogRecord& record) override { last = record.source; }
+        std::string last;
+    };
+    const auto sources = std::make_shared<Sources>();
+    setSink(sources);
+    VDIFrameworkCommon::ProcessUtils::createProcess("/missing");
+    setSink(nullptr);
+    EXPECT_EQ(sources->last, "src/VDIFrameworkCommon/process/ProcessUtils");
 }
 
 // Logs, then ends beside a forked child or beside threads that still log.

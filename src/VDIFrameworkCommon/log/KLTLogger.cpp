@@ -55,7 +55,11 @@ public:
 
     void flush();
     void flushIfAllowed();
-    void finish() { m_appender.finish(); }
+    void finish() {
+        LogRepeats::tellDue(true);
+        m_appender.finish();
+    }
+    void tellRepeatsBy(std::chrono::steady_clock::time_point time) { m_appender.wakeAt(time); }
 
     void beforeFork() NORVO_NO_THREAD_SAFETY_ANALYSIS;
     void afterFork(bool inChild) NORVO_NO_THREAD_SAFETY_ANALYSIS;
@@ -64,7 +68,7 @@ private:
     LogService() = default;
     void publishThreshold() NORVO_REQUIRES(m_mutex);
 
-    LogAppender m_appender;
+    LogAppender m_appender{[] { return LogRepeats::tellDue(false); }};
     std::atomic<bool> m_hasSink = false;
     std::atomic<std::int64_t> m_lastFlush = 0;  // steady clock, milliseconds; 0: never
 
@@ -146,6 +150,7 @@ std::int64_t nowInMilliseconds() {
 }
 
 void LogService::flush() {
+    LogRepeats::tellDue(false);
     m_lastFlush = nowInMilliseconds();
     m_appender.flush();
 }
@@ -157,6 +162,7 @@ void LogService::flushIfAllowed() {
 }
 
 void LogService::beforeFork() {
+    LogRepeats::beforeFork();
     m_mutex.lock();
     m_appender.beforeFork();
 }
@@ -168,6 +174,7 @@ void LogService::afterFork(bool inChild) {
         m_appender.afterForkInParent();
     }
     m_mutex.unlock();
+    LogRepeats::afterFork();
 }
 
 // The loggers by name, for the life of the process.
@@ -187,6 +194,10 @@ void setThreshold(int severity) { LogService::get().setThreshold(severity); }
 
 std::shared_ptr<LogSink> setSink(std::shared_ptr<LogSink> sink) {
     return LogService::get().setSink(std::move(sink));
+}
+
+void tellRepeatsBy(std::chrono::steady_clock::time_point time) {
+    LogService::get().tellRepeatsBy(time);
 }
 
 void write(int severity, std::string_view source, int line, std::string_view operation,

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -62,6 +63,9 @@ void setThreshold(int severity);
 // Hands every record to `sink` as well, and makes a logging object when there is none (without a
 // file). Null takes the sink away again. Returns the one that was set before.
 std::shared_ptr<LogSink> setSink(std::shared_ptr<LogSink> sink);
+
+// Has the log call LogRepeats::tellDue() about then.
+void tellRepeatsBy(std::chrono::steady_clock::time_point time);
 
 }  // namespace KLT::kltlogger
 

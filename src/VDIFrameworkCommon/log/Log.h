@@ -1,11 +1,14 @@
 // How code logs:
 //
-//     NORVO_LOG_SOURCE("src/SharedMemory/src/SharedMemoryBase")   // once, at the top of a .cpp
 //     NORVO_LOG(Error, "mmap failure, failed to map shared memory: ", name);
 //
 // The parts are texts, characters, numbers, bools (written 0 or 1) and pointers, joined as they
 // stand. When the severity is off, the parts are not evaluated: the line costs one relaxed load and
-// a branch.
+// a branch. The record names the source file that the line stands in ("src/.../File").
+//
+// What may happen again and again is summed up, see LogRepeats.h:
+//
+//     NORVO_LOG_REPEATED(m_dropped, Error, "Sending buffer full, stream name: ", name);
 #pragma once
 
 #include <charconv>
@@ -14,6 +17,7 @@
 #include <type_traits>
 
 #include "KLTLogger.h"
+#include "LogRepeats.h"
 
 namespace KLT::kltlogger {
 
@@ -57,17 +61,32 @@ void write(int severity, std::string_view source, int line, std::string_view ope
 
 }  // namespace KLT::kltlogger
 
-#define NORVO_LOG_SOURCE(path)               \
-    namespace {                              \
-    constexpr char kNorvoLogSource[] = path; \
-    }
+// The build gives each source of a layer its own.
+#ifndef NORVO_SOURCE
+#define NORVO_SOURCE __FILE__
+#endif
 
-#define NORVO_LOG_AT(severity, ...)                                                \
-    do {                                                                           \
-        if (::KLT::kltlogger::isEnabled(severity)) {                               \
-            ::KLT::kltlogger::write(severity, kNorvoLogSource, __LINE__, __func__, \
-                                    ::KLT::kltlogger::compose(__VA_ARGS__));       \
-        }                                                                          \
+#define NORVO_LOG_SOURCE(path)
+
+#define NORVO_LOG_AT(severity, ...)                                             \
+    do {                                                                        \
+        if (::KLT::kltlogger::isEnabled(severity)) {                            \
+            ::KLT::kltlogger::write(severity, NORVO_SOURCE, __LINE__, __func__, \
+                                    ::KLT::kltlogger::compose(__VA_ARGS__));    \
+        }                                                                       \
     } while (false)
 
 #define NORVO_LOG(severity, ...) NORVO_LOG_AT(::KLT::kltlogger::severity, __VA_ARGS__)
+
+#define NORVO_LOG_REPEATED(repeats, severity, ...)                                 \
+    do {                                                                           \
+        if (::KLT::kltlogger::isEnabled(::KLT::kltlogger::severity)) {             \
+            (repeats).log({::KLT::kltlogger::severity,                             \
+                           "VirtualChannel",                                       \
+                           NORVO_SOURCE,                                           \
+                           __LINE__,                                               \
+                           __func__,                                               \
+                           {}},                                                    \
+                          [&] { return ::KLT::kltlogger::compose(__VA_ARGS__); }); \
+        }                                                                          \
+    } while (false)

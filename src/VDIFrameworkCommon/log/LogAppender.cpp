@@ -15,6 +15,8 @@ using VDIFrameworkCommon::LocalLock;
 
 namespace {
 
+constexpr std::chrono::seconds kPeriod{1};
+
 void writeToStderr(const LogRecord& record) {
     const LogLine line(record);
     std::string text;
@@ -66,9 +68,9 @@ void LogAppender::bufferRecord(const LogRecord& record) {
         full = m_buffer.size() >= kBufferBytes;
         if (!m_timerRuns) {
             atOnce = true;
-        } else if (!m_timerArmed) {
-            m_timerArmed = true;
-            m_wake.notify_one();
+        } else if (!m_recordWaits) {
+            m_recordWaits = true;
+            setDue(std::chrono::steady_clock::now() + kPeriod);
         }
     }
     if (atOnce) {
@@ -102,20 +104,34 @@ void LogAppender::startTimer() {
     }
 }
 
+void LogAppender::wakeAt(Time time) {
+    LocalLock lock(m_bufferMutex);
+    setDue(time);
+}
+
+void LogAppender::setDue(Time time) {
+    if (time >= m_due) return;
+    m_due = time;
+    m_wake.notify_one();
+}
+
 void LogAppender::runTimer() {
     LocalLock lock(m_bufferMutex);
     while (!m_finished) {
-        if (!m_timerArmed) {
+        const Time now = std::chrono::steady_clock::now();
+        if (m_due == Time::max()) {
             m_wake.wait(m_bufferMutex);
-            continue;
+        } else if (now < m_due) {
+            m_wake.wait_until(m_bufferMutex, m_due);
+        } else {
+            m_due = Time::max();
+            m_recordWaits = false;
+            lock.unlock();
+            const Time next = m_beforeWriting ? m_beforeWriting() : Time::max();
+            drain(1);
+            lock.lock();
+            setDue(std::max(next, now + kPeriod));
         }
-        const auto due = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-        while (!m_finished && m_wake.wait_until(m_bufferMutex, due)) {
-        }
-        m_timerArmed = false;
-        lock.unlock();
-        drain(1);
-        lock.lock();
     }
 }
 
@@ -146,7 +162,8 @@ void LogAppender::afterForkInParent() {
 void LogAppender::afterForkInChild() {
     m_buffer.clear();
     m_timerRuns = false;
-    m_timerArmed = false;
+    m_recordWaits = false;
+    m_due = Time::max();
     std::construct_at(&m_timer);  // the thread, and its wait, stayed behind in the parent
     std::construct_at(&m_wake);
     LogLine::forgetIds();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 
@@ -21,7 +22,14 @@ class LogAppender {
 public:
     static constexpr std::size_t kBufferBytes = std::size_t{64} * 1024;
 
-    explicit LogAppender(off_t fileLimit = LogFile::kDefaultLimit) : m_file(fileLimit) {}
+    using Time = std::chrono::steady_clock::time_point;
+    // Called by the thread before it writes, with no lock held; may append. Returns when it wants
+    // to be called again, Time::max() for never.
+    using BeforeWriting = Time (*)();
+
+    explicit LogAppender(BeforeWriting beforeWriting = nullptr,
+                         off_t fileLimit = LogFile::kDefaultLimit)
+        : m_beforeWriting(beforeWriting), m_file(fileLimit) {}
     // Writes what is buffered.
     ~LogAppender();
     LogAppender(const LogAppender&) = delete;
@@ -35,6 +43,8 @@ public:
 
     void append(const LogRecord& record);
     void flush();
+    // Has the thread write, and so call BeforeWriting, about then.
+    void wakeAt(Time time);
 
     // Writes what is buffered and ends the thread; later records are written at once.
     void finish();
@@ -53,7 +63,9 @@ private:
     void drain(std::size_t minimum);
     void startTimer() NORVO_REQUIRES(m_fileMutex);
     void runTimer();
+    void setDue(Time time) NORVO_REQUIRES(m_bufferMutex);
 
+    const BeforeWriting m_beforeWriting;
     std::atomic<LogAppenderType> m_type = LogAppenderType::File;
     std::atomic<bool> m_fileOpen = false;
 
@@ -65,7 +77,9 @@ private:
     VDIFrameworkCommon::LocalCondition m_wake;
     std::string m_buffer NORVO_GUARDED_BY(m_bufferMutex);
     bool m_timerRuns NORVO_GUARDED_BY(m_bufferMutex) = false;
-    bool m_timerArmed NORVO_GUARDED_BY(m_bufferMutex) = false;
+    // A record has come since the thread wrote last.
+    bool m_recordWaits NORVO_GUARDED_BY(m_bufferMutex) = false;
+    Time m_due NORVO_GUARDED_BY(m_bufferMutex) = Time::max();  // for the thread
     bool m_finished NORVO_GUARDED_BY(m_bufferMutex) = false;
     std::thread m_timer NORVO_GUARDED_BY(m_fileMutex);
 };

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "Namespace.h"
 #include "ThreadId.h"
 
 namespace KLT::kltlogger {
@@ -122,6 +123,11 @@ std::string_view LogLine::head(const LogRecord& record) {
     *at++ = '/';
     at = putNumber(at, own.thread);
     *at++ = ' ';
+    if (const std::string& space = VDIFrameworkCommon::sessionNamespace(); !space.empty()) {
+        *at++ = '[';
+        at = put(at, space);
+        at = put(at, "] ");
+    }
     at = put(at, severityName(record.severity));
     *at++ = ' ';
     return {m_head.data(), static_cast<std::size_t>(at - m_head.data())};

@@ -12,7 +12,8 @@ namespace KLT::kltlogger {
 //
 //     2031-05-06T07:08:09.123456Z 1234/1240 WARN VirtualChannel src/a/File:42 operation: message
 //
-// with the time in UTC, then process/thread ID. Control characters are escaped (\n, \r, \t, \x1b),
+// with the time in UTC, then process/thread ID. In a session namespace its name stands in brackets
+// before the severity ("[near] WARN"). Control characters are escaped (\n, \r, \t, \x1b),
 // so a record is one line whatever it says; a message is cut after kMaxMessage bytes.
 // Holds views of the record's texts: use it while those live, on the thread that made it.
 class LogLine {
@@ -34,7 +35,7 @@ private:
     std::string_view printable(std::string_view text, std::string& storage) const;
     std::string_view printableMessage(std::string_view message);
 
-    std::array<char, 96> m_head{};
+    std::array<char, 128> m_head{};
     std::array<char, 24> m_number{};
     std::string m_escapedLogger;
     std::string m_escapedSource;

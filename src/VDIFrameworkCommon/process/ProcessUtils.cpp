@@ -16,8 +16,6 @@
 #include "ProcessMatcher.h"
 #include "ScopedLock.h"
 
-NORVO_LOG_SOURCE("src/VDIFrameworkCommon/ProcessUtils")
-
 namespace VDIFrameworkCommon {
 
 namespace {

@@ -5,12 +5,12 @@
 
 #include "Log.h"
 
-// The host knows this log by the function it calls.
-NORVO_LOG_SOURCE("src/virtualchannel/src/tc/SharedLib/LanguageAbstraction")
-
 namespace NorvoVirtualChannel::tc {
 
 namespace {
+
+// The host knows this log by the function it calls.
+constexpr char kSource[] = "src/virtualchannel/src/tc/SharedLib/LanguageAbstraction";
 
 std::string logFilePath() {
     const char* home = std::getenv("HOME");
@@ -35,7 +35,7 @@ void logMessage(int level, const char* message) {
     if (level < host_level::kEvent || level > host_level::kFatal) return;
     const Severity severity = kSeverities[level - host_level::kEvent];
     if (!isEnabled(severity)) return;
-    write(severity, kNorvoLogSource, __LINE__, "LogMessage_VDI", message ? message : "(null)");
+    write(severity, kSource, __LINE__, "LogMessage_VDI", message ? message : "(null)");
 }
 
 }  // namespace NorvoVirtualChannel::tc
