@@ -128,6 +128,13 @@ TEST_F(ProcessUtilsAcrossProcesses, WhatCannotBeStartedIsReportedOnce) {
     EXPECT_EQ(log.lines(), expected);
 }
 
+TEST_F(ProcessUtilsAcrossProcesses, AProgramThatIsWaitedForTellsByItsStatusWhetherItDidItsWork) {
+    EXPECT_TRUE(runDetached("/bin/sh", {"-c", "sleep 0.05; exit 0"}));
+    EXPECT_FALSE(runDetached("/bin/sh", {"-c", "sleep 0.05; exit 1"}));
+    EXPECT_FALSE(runDetached("/bin/sh", {"-c", "kill -9 $$"}));
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left to reap";
+}
+
 TEST_F(ProcessUtilsAcrossProcesses, AScriptIsFoundAsTheProgramOfItsBundle) {
     makeScript(app.program());
     const std::string reader = app.folder() + "/reader";

@@ -10,72 +10,28 @@
 
 #include "Log.h"
 #include "Namespace.h"
-
-NORVO_LOG_SOURCE("src/VDIFrameworkCommon/AgentMark")
+#include "RegularFile.h"
+#include "SessionFolder.h"
 
 namespace VDIFrameworkCommon {
 
 namespace {
 
-constexpr char kDirectory[] = "/tmp/norvo";
-constexpr mode_t kDirectoryMode = S_ISVTX | 0777;
 constexpr mode_t kFileMode = 0644;
 constexpr int kOpenFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int kAttempts = 20;
 // Cleaners of /tmp take files that nobody touched for days.
 constexpr std::chrono::hours kTouchPeriod{1};
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_fd; }
-    int release() { return std::exchange(m_fd, -1); }
-
-private:
-    int m_fd;
-};
-
-// -1 when it is not there, or when others than root and its owner could exchange files in it.
-int openDirectory() {
-    Descriptor directory(open(kDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status;
-    if (directory.get() < 0 || fstat(directory.get(), &status) != 0) return -1;
-    const bool shared = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
-    if (!shared || (status.st_mode & S_ISVTX) != 0) return directory.release();
-    errno = EPERM;
-    return -1;
-}
-
-// The directory serves all users, whoever comes first.
-int openOrMakeDirectory() {
-    mkdir(kDirectory, kDirectoryMode);
-    const int directory = openDirectory();
-    struct stat status;
-    if (directory >= 0 && fstat(directory, &status) == 0 && status.st_uid == geteuid() &&
-        (status.st_mode & 07777) != kDirectoryMode) {
-        fchmod(directory, kDirectoryMode);
-    }
-    return directory;
-}
-
 std::string fileNameOf(uid_t user) { return namespacedName("agent." + std::to_string(user)); }
 
 std::string textOf(pid_t pid) { return "norvo agent " + std::to_string(pid) + '\n'; }
-
-bool sameFile(const struct stat& a, const struct stat& b) {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
 
 bool isStillNamed(int directory, const std::string& name, int file) {
     struct stat named;
     struct stat opened;
     return fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-           fstat(file, &opened) == 0 && sameFile(named, opened);
+           fstat(file, &opened) == 0 && isSameFile(named, opened);
 }
 
 struct flock wholeFile(short type) {
@@ -151,6 +107,32 @@ void writeText(int file) {
     }
 }
 
+// Who is marked for the user in one of the user's folders; or in any but `except`.
+std::optional<pid_t> holderIn(const std::string& folder, uid_t user) {
+    const FileDescriptor directory = openSessionFolder(folder, user);
+    if (!directory) return std::nullopt;
+    const FileDescriptor file(
+        openat(directory.get(), fileNameOf(user).c_str(), O_RDONLY | kOpenFlags));
+    return file ? holderOfFile(file.get(), user) : std::nullopt;
+}
+
+std::optional<pid_t> holderBeside(const std::string& except, uid_t user) {
+    for (const auto& folder : sessionFolders(user)) {
+        if (folder == except) continue;
+        if (const auto holder = holderIn(folder, user)) return holder;
+    }
+    return std::nullopt;
+}
+
+// What keeps a mark out of a folder: what stands under its name, or the folder itself.
+std::string obstacleIn(const std::string& folder, int error) {
+    const std::string path = folder + '/' + fileNameOf(geteuid());
+    struct stat status {};
+    const bool named = lstat(path.c_str(), &status) == 0 && status.st_uid != geteuid();
+    return (named ? path : folder) + " (" + describeFile(AT_FDCWD, named ? path : folder) +
+           "): " + std::strerror(error);
+}
+
 }  // namespace
 
 AgentMark& AgentMark::ofThisProcess() {
@@ -166,7 +148,7 @@ AgentMark::AgentMark() {
 }
 
 std::string AgentMark::pathOf(uid_t user) {
-    return std::string(kDirectory) + '/' + fileNameOf(user);
+    return std::string(kCommonFolder) + '/' + fileNameOf(user);
 }
 
 bool AgentMark::claim() {
@@ -190,77 +172,97 @@ void AgentMark::log(const Outcome& outcome) {
         NORVO_LOG(Notice, "The active agent's record had been removed: ",
                   outcome.marked ? "made anew" : "lost");
     }
-    if (outcome.error != 0) {
-        NORVO_LOG(Error, "Cannot mark the active agent in ", pathOf(geteuid()), ": ",
-                  std::strerror(outcome.error));
+    if (!outcome.inTheWay.empty()) {
+        NORVO_LOG(Error,
+                  outcome.marked ? "Marked the active agent elsewhere, because of "
+                                 : "Cannot mark the active agent, because of ",
+                  outcome.inTheWay);
     }
 }
 
 void AgentMark::release() {
     LocalLock lock(m_mutex);
-    if (!holds()) return;
-    const Descriptor directory(openDirectory());
+    if (holds()) removeFile();
+}
+
+// Safe under the lock: whoever locks the file next sees that it has lost its name.
+void AgentMark::removeFile() {
+    const FileDescriptor directory = openSessionFolder(m_folder, geteuid());
     const std::string name = fileNameOf(geteuid());
-    // Safe under the lock: whoever locks the file next sees that it has lost its name.
-    if (directory.get() >= 0 && isStillNamed(directory.get(), name, m_file)) {
+    if (directory && isStillNamed(directory.get(), name, m_file.get())) {
         unlinkat(directory.get(), name.c_str(), 0);
     }
-    forget();
+    m_file.reset();
 }
 
 std::optional<pid_t> AgentMark::holderOf(uid_t user) {
     LocalLock lock(m_mutex);
-    if (holds() && user == geteuid()) return m_claimant;
-    const Descriptor directory(openDirectory());
-    if (directory.get() < 0) return std::nullopt;
-    const Descriptor file(openat(directory.get(), fileNameOf(user).c_str(), O_RDONLY | kOpenFlags));
-    return file.get() < 0 ? std::nullopt : holderOfFile(file.get(), user);
+    return holds() && user == geteuid() ? m_claimant : holderBeside({}, user);
 }
 
 bool AgentMark::holds() {
-    if (m_file >= 0 && m_claimant != getpid()) forget();
-    return m_file >= 0;
-}
-
-void AgentMark::forget() {
-    close(std::exchange(m_file, -1));
-    m_claimant = 0;
+    if (m_file && m_claimant != getpid()) m_file.reset();
+    return bool(m_file);
 }
 
 AgentMark::Outcome AgentMark::claimLocked() {
-    const Descriptor directory(openOrMakeDirectory());
-    Attempt result = Attempt::Failed;
-    if (directory.get() >= 0) {
-        const std::string name = fileNameOf(geteuid());
-        result = Attempt::Again;
-        for (int i = 0; i < kAttempts && result == Attempt::Again; ++i) {
-            result = attempt(directory.get(), name);
-        }
-    }
     Outcome outcome;
-    outcome.marked = result == Attempt::Claimed;
-    if (result == Attempt::Failed || result == Attempt::Again) outcome.error = errno;
+    for (const auto& folder : sessionFolders(geteuid())) {
+        std::string inTheWay;
+        const Attempt result = claimIn(folder, inTheWay);
+        if (!inTheWay.empty())
+            outcome.inTheWay += (outcome.inTheWay.empty() ? "" : "; ") + inTheWay;
+        outcome.marked = result == Attempt::Claimed;
+        if (outcome.marked) break;
+        if (result == Attempt::HeldByOther) return {};
+    }
     return outcome;
 }
 
+// Of two that claim in different folders at once each sees the other afterwards, and both give up:
+// never are two marked.
+AgentMark::Attempt AgentMark::claimIn(const std::string& folder, std::string& inTheWay) {
+    if (holderBeside(folder, geteuid())) return Attempt::HeldByOther;
+    const FileDescriptor directory = makeSessionFolder(folder, geteuid());
+    const std::string name = fileNameOf(geteuid());
+    Attempt result = directory ? Attempt::Again : Attempt::Failed;
+    for (int i = 0; i < kAttempts && result == Attempt::Again; ++i) {
+        result = attempt(directory.get(), name);
+    }
+    if (result == Attempt::Claimed) {
+        m_folder = folder;
+        if (!holderBeside(folder, geteuid())) return result;
+        removeFile();
+        return Attempt::HeldByOther;
+    }
+    const bool impossible = result != Attempt::HeldByOther && errno != ENOENT;
+    if (impossible) inTheWay = obstacleIn(folder, errno);
+    return result;
+}
+
 AgentMark::Attempt AgentMark::attempt(int directory, const std::string& name) {
-    Descriptor file(openat(directory, name.c_str(), O_RDWR | O_CREAT | kOpenFlags, kFileMode));
-    if (file.get() >= 0 && holderOfFile(file.get(), geteuid())) return Attempt::HeldByOther;
-    if (file.get() < 0 && !isRefusedByIntruder(errno)) return Attempt::Failed;
+    FileDescriptor file(openat(directory, name.c_str(), O_RDWR | O_CREAT | kOpenFlags, kFileMode));
+    if (file && holderOfFile(file.get(), geteuid())) return Attempt::HeldByOther;
+    if (!file && !isRefusedByIntruder(errno)) return Attempt::Failed;
     const Found found = inspect(file.get());
     if (found == Found::Removed) return Attempt::Again;
     if (found == Found::Intruder) return clearAway(directory, name);
     if (!lockForWriting(file.get())) return whyNotLocked(directory, name, file.get());
     if (!isStillNamed(directory, name, file.get())) return Attempt::Again;
     writeText(file.get());
-    m_file = file.release();
+    m_file = std::move(file);
     m_claimant = getpid();
     m_touched = std::chrono::steady_clock::now();
     return Attempt::Claimed;
 }
 
-// Two who clear it away at once may take each other's new file: renew() notices.
+// Two who clear it away at once may take each other's new file: renew() notices. A folder is never
+// one of ours; where nothing stands, the folder that it should stand in is not to be written to.
 AgentMark::Attempt AgentMark::clearAway(int directory, const std::string& name) {
+    struct stat status {};
+    if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return faccessat(directory, ".", W_OK, AT_EACCESS) == 0 ? Attempt::Again : Attempt::Failed;
+    }
     const bool cleared = unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT;
     return cleared ? Attempt::Again : Attempt::Failed;
 }
@@ -276,17 +278,17 @@ AgentMark::Attempt AgentMark::whyNotLocked(int directory, const std::string& nam
 AgentMark::Outcome AgentMark::renew() {
     Outcome outcome;
     outcome.marked = true;
-    const Descriptor directory(openDirectory());
-    if (directory.get() < 0 && errno != ENOENT) return outcome;
-    if (directory.get() < 0 || !isStillNamed(directory.get(), fileNameOf(geteuid()), m_file)) {
-        const Descriptor old(std::exchange(m_file, -1));
+    const FileDescriptor directory = openSessionFolder(m_folder, geteuid());
+    if (!directory && errno != ENOENT) return outcome;
+    if (!directory || !isStillNamed(directory.get(), fileNameOf(geteuid()), m_file.get())) {
+        const FileDescriptor old = std::move(m_file);
         outcome = claimLocked();
         outcome.renewed = true;
         return outcome;
     }
     const auto now = std::chrono::steady_clock::now();
     if (now - m_touched > kTouchPeriod) {
-        futimens(m_file, nullptr);
+        futimens(m_file.get(), nullptr);
         m_touched = now;
     }
     return outcome;

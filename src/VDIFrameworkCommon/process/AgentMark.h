@@ -7,28 +7,31 @@
 #include <optional>
 #include <string>
 
+#include "FileDescriptor.h"
 #include "LocalMutex.h"
 
 namespace VDIFrameworkCommon {
 
-// The file behind the active-agent record: /tmp/norvo/agent.<effective user ID> (with the session
-// namespace before it), readable by all, holding "norvo agent <process ID>". A process is marked
-// while it has a POSIX write lock on it: the only kind of lock that ends exactly with its process,
-// whatever that has forked, and that names its holder to anyone without being disturbed.
+// The file behind the active-agent record: agent.<effective user ID> (with the session namespace
+// before it) in /tmp/norvo, readable by all, holding "norvo agent <process ID>". A process is
+// marked while it has a POSIX write lock on it: the only kind of lock that ends exactly with its
+// process, whatever that has forked, and that names its holder to anyone without being disturbed.
 //
 // Such a lock is lost when its process closes any descriptor of the file. So a process has one
 // AgentMark, one descriptor while it is marked, and answers from memory meanwhile.
 //
 // Other users may read the file and so lock it for reading, plant something under its name before
-// its owner comes, or link it elsewhere. None of that makes a process appear marked that is not, or
-// keeps one from being marked.
+// its owner comes, link it elsewhere, or have made /tmp/norvo so that nobody else can write there.
+// None of that makes a process appear marked that is not, or keeps one from being marked: where
+// what is in the way cannot be removed, the file lies in the next of the user's folders
+// (SessionFolder.h), and all of them are looked at.
 // Thread-safe and safe over fork: a child is not marked.
 class AgentMark {
 public:
     static AgentMark& ofThisProcess();
 
-    // Marks this process. False when another one is marked, or, after one log line, when the file
-    // cannot be had.
+    // Marks this process. False when another one is marked, or when the file cannot be had in any
+    // of the folders. A log line says what stands in the way.
     bool claim();
     // Whether this process is marked. Renews a file that was cleared away meanwhile, as the
     // system's cleaners of /tmp do.
@@ -48,22 +51,24 @@ private:
     struct Outcome {
         bool marked = false;
         bool renewed = false;
-        int error = 0;
+        std::string inTheWay;  // what and where
     };
 
     AgentMark();
     void log(const Outcome& outcome);
     bool holds() NORVO_REQUIRES(m_mutex);
     Outcome claimLocked() NORVO_REQUIRES(m_mutex);
+    Attempt claimIn(const std::string& folder, std::string& inTheWay) NORVO_REQUIRES(m_mutex);
     Attempt attempt(int directory, const std::string& name) NORVO_REQUIRES(m_mutex);
     static Attempt clearAway(int directory, const std::string& name);
     static Attempt whyNotLocked(int directory, const std::string& name, int file);
     Outcome renew() NORVO_REQUIRES(m_mutex);
-    void forget() NORVO_REQUIRES(m_mutex);
+    void removeFile() NORVO_REQUIRES(m_mutex);
 
     // Not held while logging: over a fork it is taken after the logger's.
     LocalMutex m_mutex;
-    int m_file NORVO_GUARDED_BY(m_mutex) = -1;
+    FileDescriptor m_file NORVO_GUARDED_BY(m_mutex);
+    std::string m_folder NORVO_GUARDED_BY(m_mutex);  // where it lies
     // Who opened m_file: not this process after a fork.
     pid_t m_claimant NORVO_GUARDED_BY(m_mutex) = 0;
     std::chrono::steady_clock::time_point m_touched NORVO_GUARDED_BY(m_mutex);

@@ -18,6 +18,15 @@ bool isDirectory(const std::string& path) {
 
 bool FileUtils::fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+// Not what a link leads to, and no second name that another user has given to a file of this
+// user's.
+bool FileUtils::isOwnFile(const std::string& path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 || (S_ISREG(status.st_mode) && status.st_nlink != 1))
+        return false;
+    return status.st_uid == geteuid() || status.st_uid == 0;
+}
+
 bool FileUtils::createDirectory(const std::string& path) {
     for (std::size_t end = path.find('/', 1); end != std::string::npos;
          end = path.find('/', end + 1)) {

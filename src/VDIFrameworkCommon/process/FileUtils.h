@@ -7,6 +7,9 @@ namespace VDIFrameworkCommon {
 class FileUtils {
 public:
     static bool fileExists(const std::string& path);
+    // Whether the file is there and was put there by this user or by root, so that it may be
+    // obeyed.
+    static bool isOwnFile(const std::string& path);
     // Makes the directory and its missing parents, for the owner only. True when it is there after.
     static bool createDirectory(const std::string& path);
     static std::string FileSeparator();

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 
 namespace VDIFrameworkCommon {
 
@@ -68,12 +69,25 @@ bool endedWell(pid_t child) {
     return ended < 0 || (WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
-}  // namespace
+// In the forked copy of a process with threads: system calls only.
+bool endsWellInTime(pid_t program) {
+    constexpr timespec kStep{0, 10'000'000};
+    constexpr int kSteps = 2000;
+    int status = 0;
+    for (int i = 0; i < kSteps; ++i) {
+        if (waitpid(program, &status, WNOHANG) != 0)
+            return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        nanosleep(&kStep, nullptr);
+    }
+    return false;
+}
 
-// By way of a short-lived child, so that the program belongs to the system and nobody here has to
-// reap it. All memory is taken before the fork; the child makes only the one system-level call that
-// returns after the program has been loaded, or with an error.
-bool launchDetached(const std::string& path, const std::vector<std::string>& arguments) {
+enum class Success { Started, EndedWell };
+
+// By way of a child, so that the program belongs to the system and nobody here has to reap it. All
+// memory is taken before the fork; the child makes only the one system-level call that returns
+// after the program has been loaded, or with an error, and waits.
+bool launch(const std::string& path, const std::vector<std::string>& arguments, Success success) {
     if (access(path.c_str(), X_OK) != 0) return false;
     std::vector<std::string> texts{path};
     texts.insert(texts.end(), arguments.begin(), arguments.end());
@@ -90,9 +104,20 @@ bool launchDetached(const std::string& path, const std::vector<std::string>& arg
         pid_t program = 0;
         const int failed = posix_spawn(&program, path.c_str(), &settings.actions,
                                        &settings.attributes, argv.data(), environment);
-        _exit(failed == 0 ? 0 : 1);
+        const bool well = failed == 0 && (success == Success::Started || endsWellInTime(program));
+        _exit(well ? 0 : 1);
     }
     return child > 0 && endedWell(child);
+}
+
+}  // namespace
+
+bool launchDetached(const std::string& path, const std::vector<std::string>& arguments) {
+    return launch(path, arguments, Success::Started);
+}
+
+bool runDetached(const std::string& path, const std::vector<std::string>& arguments) {
+    return launch(path, arguments, Success::EndedWell);
 }
 
 }  // namespace VDIFrameworkCommon

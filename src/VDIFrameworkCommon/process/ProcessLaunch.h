@@ -14,6 +14,9 @@ namespace VDIFrameworkCommon {
 // handled or ignored signal. False when it could not be started.
 bool launchDetached(const std::string& path, const std::vector<std::string>& arguments);
 
+// The same, and waits for its end, for at most 20 s. False also when its exit status is not 0.
+bool runDetached(const std::string& path, const std::vector<std::string>& arguments);
+
 // What the systems do differently.
 
 // Starts an application bundle. False when it could not be started.

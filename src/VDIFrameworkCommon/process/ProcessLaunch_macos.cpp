@@ -1,5 +1,6 @@
 // Applications are started by the system's launcher, which gives them their own session, their own
-// standing in permission prompts, and honours quarantine.
+// standing in permission prompts, and honours quarantine. Its exit status tells whether there was
+// anything to start.
 #include <crt_externs.h>
 
 #include "ProcessLaunch.h"
@@ -16,11 +17,11 @@ bool launchBundle(const ApplicationBundle& bundle, const std::vector<std::string
     std::vector<std::string> all{"-g", bundle.path};
     if (!arguments.empty()) all.emplace_back("--args");
     all.insert(all.end(), arguments.begin(), arguments.end());
-    return launchDetached(kOpen, all);
+    return runDetached(kOpen, all);
 }
 
 bool launchByIdentifier(const std::string& identifier) {
-    return launchDetached(kOpen, {"-g", "-b", identifier});
+    return runDetached(kOpen, {"-g", "-b", identifier});
 }
 
 char** environmentOfProcess() { return *_NSGetEnviron(); }

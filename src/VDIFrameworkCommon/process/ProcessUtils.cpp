@@ -6,9 +6,12 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <thread>
 
 #include "ApplicationBundle.h"
+#include "LocalMutex.h"
 #include "Log.h"
 #include "NamedMutex.h"
 #include "ProcessIdentity.h"
@@ -59,8 +62,30 @@ bool startByIdentifier(const std::string& identifier) {
     return bundle.executable.empty() ? launchByIdentifier(identifier) : openBundle(bundle, {});
 }
 
+// One matter for each program that is not there, as its callers try again for ever.
+std::shared_ptr<KLT::kltlogger::LogRepeats> failuresOf(const std::string& what) {
+    using KLT::kltlogger::LogRepeats;
+    constexpr std::size_t kMost = 32;
+    struct Failures {
+        LocalMutex mutex;
+        std::map<std::string, std::shared_ptr<LogRepeats>> byName NORVO_GUARDED_BY(mutex);
+    };
+    static auto* const failures = new Failures;
+    std::map<std::string, std::shared_ptr<LogRepeats>> forgotten;
+    LocalLock lock(failures->mutex);
+    auto& byName = failures->byName;
+    if (byName.size() == kMost && !byName.contains(what)) byName.swap(forgotten);
+    auto& found = byName[what];
+    if (!found) found = std::make_shared<LogRepeats>();
+    const auto result = found;
+    lock.unlock();
+    return result;
+}
+
 bool reported(bool started, const std::string& what) {
-    if (!started) NORVO_LOG(Error, "could not start ", what);
+    const auto failures = failuresOf(what);
+    if (started) failures->settled();
+    if (!started) NORVO_LOG_REPEATED(*failures, Error, "could not start ", what);
     return started;
 }
 

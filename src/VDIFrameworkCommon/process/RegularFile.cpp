@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <cstdio>
 
 namespace VDIFrameworkCommon {
 
@@ -29,6 +30,23 @@ std::string startOfRegularFile(const std::string& path, std::size_t most) {
     }
     text.resize(have);
     return text;
+}
+
+std::string describeFile(const struct stat& status) {
+    const char* kind = "special file";
+    if (S_ISREG(status.st_mode)) kind = "file";
+    if (S_ISDIR(status.st_mode)) kind = "folder";
+    if (S_ISLNK(status.st_mode)) kind = "symbolic link";
+    if (S_ISFIFO(status.st_mode)) kind = "FIFO";
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%o", status.st_mode & 07777U);
+    return std::string(kind) + " of user " + std::to_string(status.st_uid) + ", mode " + mode;
+}
+
+std::string describeFile(int folder, const std::string& name) {
+    struct stat status {};
+    const bool known = fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return known ? describeFile(status) : "missing";
 }
 
 }  // namespace VDIFrameworkCommon

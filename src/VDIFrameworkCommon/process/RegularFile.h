@@ -17,6 +17,11 @@ FileDescriptor openRegularFile(const std::string& path);
 // Up to `most` bytes from the start of the regular file at `path`; empty when it cannot be read.
 std::string startOfRegularFile(const std::string& path, std::size_t most);
 
+// "folder of user 1001, mode 755", for log lines.
+std::string describeFile(const struct stat& status);
+// The same for what stands under `name` in the open folder (AT_FDCWD: in the working directory).
+std::string describeFile(int folder, const std::string& name);
+
 inline bool isSameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }

@@ -35,7 +35,8 @@ namespace wait_backend {
 bool systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
 void systemWake(const WaitWord& word, bool all);
 
-// Spins and yields for a moment, then sleeps for 50 us, doubling up to 1 ms, between two looks.
+// Spins and yields for a moment, then sleeps between two looks for a sixteenth of the time that the
+// thread has waited for this change, over several calls if need be: 50 us to 10 ms.
 void poll(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
 
 }  // namespace wait_backend

@@ -109,6 +109,17 @@ TEST_F(KRANRunnerAcrossProcesses, AMarkerKeepsItStoppedAndItsRemovalLaunchesIt) 
     EXPECT_LT(std::chrono::steady_clock::now() - removed, std::chrono::seconds(10));
 }
 
+TEST_F(KRANRunnerAcrossProcesses, AnotherUsersMarkerStopsNothing) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another user";
+    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
+    StopMarker marker;
+    ASSERT_EQ(chown(marker.path().c_str(), 12345, 12345), 0);
+    LogCapture log;
+    startKRAN();
+    EXPECT_EQ(app.waitForProcesses(1).size(), 1U);
+    EXPECT_TRUE(log.contains(marker.path() + " is ignored: it is a file of user 12345, mode "));
+}
+
 TEST_F(KRANRunnerAcrossProcesses, AnApplicationThatRunsAlreadyIsTakenOver) {
     TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
     ASSERT_TRUE(VDIFrameworkCommon::ProcessUtils::createProcessAtURL(app.path(), {"by", "hand"}));

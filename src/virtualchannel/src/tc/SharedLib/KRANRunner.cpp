@@ -1,5 +1,7 @@
 #include "KRANRunner.h"
 
+#include <fcntl.h>
+
 #include <atomic>
 #include <system_error>
 #include <thread>
@@ -12,11 +14,10 @@
 #include "NamedMutex.h"
 #include "ProcessUtils.h"
 #include "ProcessWatch.h"
+#include "RegularFile.h"
 #include "ScopedLock.h"
 #include "VDIClientInfo.h"
 #include "VDIRunnerCounter.h"
-
-NORVO_LOG_SOURCE("src/virtualchannel/src/tc/SharedLib/KRANRunner")
 
 namespace NorvoVirtualChannel::tc {
 
@@ -62,13 +63,6 @@ std::string applicationIdentifier() {
     }
 }
 
-std::string markerPath() { return FileUtils::markerPath(kMarkerDirectory, kStopMarker); }
-
-bool isApplicationRunning(VDIFrameworkCommon::ProcessWatch& application) {
-    const std::string identifier = applicationIdentifier();
-    return !identifier.empty() && application.isRunning(identifier);
-}
-
 void launchLauncher() {
     std::vector<std::string> arguments;
     const std::string version = VDIClientInfo::getInstance().getPeerClientVersion();
@@ -89,16 +83,44 @@ void launch() {
     }
 }
 
-void relaunchUnlessMarked(VDIFrameworkCommon::NamedMutex& launchMutex) {
-    const std::string marker = markerPath();
-    if (FileUtils::fileExists(marker)) {
-        NORVO_LOG(Trace, "thinclient stopped running, but ", marker,
-                  " file exists, so we won't restart it");
-        return;
+// What the runner's thread keeps from round to round.
+class Companion {
+public:
+    Companion() {
+        m_launchMutex.create(launchMutexName());
+        m_launchMutex.unlock();  // what a dead process may have left locked
     }
-    const VDIFrameworkCommon::ScopedLock lock(launchMutex);
-    launch();
-}
+
+    bool isRunning() {
+        const std::string identifier = applicationIdentifier();
+        return !identifier.empty() && m_watch.isRunning(identifier);
+    }
+
+    // Anybody can put a file there, so whose it is matters.
+    bool isMarkedToStop() {
+        if (!FileUtils::fileExists(m_marker)) return false;
+        if (FileUtils::isOwnFile(m_marker)) return true;
+        NORVO_LOG_REPEATED(m_ignored, Warning, m_marker, " is ignored: it is a ",
+                           VDIFrameworkCommon::describeFile(AT_FDCWD, m_marker));
+        return false;
+    }
+
+    void relaunchUnlessMarked() {
+        if (isMarkedToStop()) {
+            NORVO_LOG(Trace, "thinclient stopped running, but ", m_marker,
+                      " file exists, so we won't restart it");
+            return;
+        }
+        const VDIFrameworkCommon::ScopedLock lock(m_launchMutex);
+        launch();
+    }
+
+private:
+    const std::string m_marker = FileUtils::markerPath(kMarkerDirectory, kStopMarker);
+    VDIFrameworkCommon::NamedMutex m_launchMutex;
+    VDIFrameworkCommon::ProcessWatch m_watch;
+    KLT::kltlogger::LogRepeats m_ignored;
+};
 
 void stopThinclient() {
     NORVO_LOG(Trace, "kill thinclient processes");
@@ -110,18 +132,14 @@ void stopThinclient() {
 
 void runKRANThread() {
     NORVO_LOG(Trace, "KRAN runner thread start.");
-    VDIFrameworkCommon::NamedMutex launchMutex;
-    launchMutex.create(launchMutexName());
-    launchMutex.unlock();  // what a dead process may have left locked
-    VDIFrameworkCommon::ProcessWatch application;
-    if (!FileUtils::fileExists(markerPath()) && !isApplicationRunning(application)) {
+    Companion companion;
+    if (!companion.isMarkedToStop() && !companion.isRunning()) {
         NORVO_LOG(Trace, "run thin client.");
         launch();
     }
     while (runner().running) {
         runner().stop.timedWait(kRoundMilliseconds);
-        if (runner().running && !isApplicationRunning(application))
-            relaunchUnlessMarked(launchMutex);
+        if (runner().running && !companion.isRunning()) companion.relaunchUnlessMarked();
     }
     stopThinclient();
     NORVO_LOG(Trace, "KRAN runner thread stopped.");
