@@ -236,6 +236,9 @@ TEST_F(VcctlAcrossProcesses, AConnectionGoesTheOtherWayRoundOnceItIsFree) {
 
 TEST_F(VcctlAcrossProcesses, AStrangerEndsItsConnectionAndNotTheHost) {
     listen();
+    const Outcome unanswered = m_near.run("ask RequestPeerVersion --wait 5");
+    EXPECT_EQ(unanswered.status, 1);
+    expectPart(unanswered.text, "the far side has not been heard of yet");
     sockaddr_in address{};
     address.sin_family = AF_INET;
     const int port = std::stoi(m_address.substr(m_address.rfind(':') + 1));
@@ -337,12 +340,17 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         {"host --kind morse --listen 127.0.0.1:0", 2, "--kind"},
         {"host --listen 127.0.0.1:0 --library /etc/hostname", 1, "cannot load the plug-in library"},
         {"host --listen 127.0.0.1:0 --capture /dev/full", 1, "No space left"},
+        {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
+        {"streams", 0, "no segments in this session"},
         {"ask Nonsense", 2, "RequestVCProcessId"},
+        {"ask SetLogPath relative", 2, "'relative' cannot be the request's DIRECTORY"},
+        {"ask OpenStream foo 999999999", 2, "'999999999' cannot be the request's SIZE"},
+        {"ask OpenStream foo 1X", 2, "'1X' is no number of bytes"},
+        {"send Media --size 64X", 2, "--size"},
         {"ask CreateStream Media", 2, "CreateStream NAME SIZE"},
         {"ask CreateStream Media -1", 2, "'-1' cannot be the request's SIZE"},
         {"host --listen 127.0.0.1:0 --library libm.so.6", 1, "does not export"},
         {"ask RequestVCProcessId --wait nan", 2, "nan is no number"},
-        {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
         {"send Media --wait 0.3 /etc/hostname", 1, "vcctl host"},
         {"send Nonsense --wait 0.3 /etc/hostname", 1, "'Nonsense' is none of the usual streams"},
         {"send Media /no/such/file", 1, "No such file"},

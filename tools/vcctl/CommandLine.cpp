@@ -21,6 +21,9 @@ const CLI::Validator kNumber(
     },
     "");
 
+// K, M and G are powers of 1024.
+const CLI::AsSizeValue kBytes(false);
+
 }  // namespace
 
 Argument& Argument::required() {
@@ -30,6 +33,11 @@ Argument& Argument::required() {
 
 Argument& Argument::type(const char* name) {
     m_option->type_name(name);
+    return *this;
+}
+
+Argument& Argument::bytes() {
+    m_option->transform(kBytes)->type_name("BYTES");
     return *this;
 }
 
@@ -117,10 +125,16 @@ void addWaitOption(Command& command, double& seconds, const char* help) {
 void addStreamOptions(Command& command, std::string& stream, unsigned int& capacity,
                       std::uint64_t& count) {
     command.argument("stream", stream, "The stream, for example Media").required();
-    command.argument("--size", capacity, "Capacity of the stream's segment")
-        .type("BYTES")
+    command.argument("--size", capacity, "Capacity of the stream's segment (units: K, M)")
+        .bytes()
         .showDefault();
     command.argument("--count", count, "Stop after so many messages").type("N");
+}
+
+std::string bytesOf(std::string text) {
+    if (!CLI::AsSizeValue(false)(text).empty())
+        throw CommandError("'" + text + "' is no number of bytes", kUsage);
+    return text;
 }
 
 int runCommand(int argc, char** argv) {

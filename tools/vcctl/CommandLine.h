@@ -22,6 +22,8 @@ public:
     Argument& required();
     // What stands for the value in the help, for example "BYTES".
     Argument& type(const char* name);
+    // A number of bytes, which may have a unit: 64K, 1M.
+    Argument& bytes();
     // Lets the help tell the value that the variable has now.
     Argument& showDefault();
     Argument& range(double least, double most);
@@ -56,6 +58,9 @@ public:
 private:
     CLI::App* m_app;
 };
+
+// The number of bytes in digits that a text like "10240" or "64K" means. Throws CommandError.
+std::string bytesOf(std::string text);
 
 // What several subcommands have.
 void addKindOption(Command& command, std::string& kind);

@@ -140,12 +140,14 @@ public:
         const Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
         struct stat status {};
         if (!fd || fstat(fd.get(), &status) != 0) throw systemError("cannot read " + path, errno);
-        if (status.st_size <= 0) throw CommandError(path + " is empty");
         m_size = static_cast<std::size_t>(status.st_size);
+        if (m_size == 0) return;
         m_address = mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE, fd.get(), 0);
         if (m_address == MAP_FAILED) throw systemError("cannot read " + path, errno);
     }
-    ~MappedFile() { munmap(m_address, m_size); }
+    ~MappedFile() {
+        if (m_size > 0) munmap(m_address, m_size);
+    }
     MappedFile(const MappedFile&) = delete;
     MappedFile& operator=(const MappedFile&) = delete;
 

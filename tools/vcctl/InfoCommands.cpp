@@ -1,4 +1,5 @@
 // vcctl watch and vcctl ask: the INFO streams for people.
+#include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -11,9 +12,14 @@
 
 #include "CommandError.h"
 #include "CommandLine.h"
+#include "Descriptor.h"
+#include "InfoSegments.h"
 #include "Output.h"
+#include "PosixSharedMemory.h"
+#include "SegmentList.h"
 #include "SessionClient.h"
 #include "StopSignal.h"
+#include "VDIClientInfo.h"
 
 namespace vcctl {
 
@@ -22,13 +28,16 @@ namespace {
 using NorvoStreamClient::Notification;
 
 // Request, its fields, the notification that answers it (empty: none does), and what it means when
-// none comes (empty: that something is wrong).
+// none comes (empty: that the agent does not answer), which may be an answer as well.
 struct RequestForm {
     const char* name;
     std::vector<const char*> fields;
     const char* answer = "";
     const char* silence = "";
+    bool silenceIsAnswer = true;
 };
+
+constexpr std::int64_t kLargestSegment = std::int64_t{64} << 20;  // as much as an agent makes
 
 const std::vector<RequestForm>& requestForms() {
     static const std::vector<RequestForm> forms{
@@ -39,7 +48,11 @@ const std::vector<RequestForm>& requestForms() {
         {"FlushLog", {}},
         {"RequestNotifyStream", {}, "StreamUp", "no stream runs, or the agents are not connected"},
         {"RequestInvalidStreams", {}, "InvalidStreams", "there are none"},
-        {"RequestPeerVersion", {}, "ChannelVersion", "the far side has not been heard of yet"},
+        {"RequestPeerVersion",
+         {},
+         "ChannelVersion",
+         "the far side has not been heard of yet",
+         false},
         {"SetLogPath", {"DIRECTORY"}},
         {"RequestEnviromentType", {}, "EnviromentType"},
         {"IsSeamless", {}, "IsSeamless"},
@@ -63,28 +76,34 @@ std::string allUsages() {
     return text;
 }
 
-void checkField(const std::string& name, const std::string& value) {
-    if (name == "NAME" || name == "DIRECTORY") return;
+// `value` as it is sent.
+std::string checkedField(const std::string& name, std::string value) {
+    if (name == "SIZE") value = bytesOf(value);
     std::int64_t number = 0;
     const char* end = value.data() + value.size();
     const auto [stop, error] = std::from_chars(value.data(), end, number);
-    const bool fits = name == "HANDLE" || (number >= 0 && number <= UINT32_MAX);
-    if (error != std::errc() || stop != end || !fits) {
-        throw CommandError("'" + value + "' cannot be the request's " + name, kUsage);
-    }
+    const bool isNumber = error == std::errc() && stop == end;
+    const bool fits = name == "NAME"        ? !value.empty()
+                      : name == "DIRECTORY" ? value.starts_with('/')
+                      : name == "SIZE"      ? isNumber && number > 0 && number <= kLargestSegment
+                      : name == "NUMBER"    ? isNumber && number >= 0 && number <= UINT32_MAX
+                                            : isNumber;
+    if (fits) return value;
+    throw CommandError("'" + value + "' cannot be the request's " + name, kUsage);
 }
 
-const RequestForm& formOf(const std::string& request, const std::vector<std::string>& fields) {
+const RequestForm& formOf(const std::string& request, std::vector<std::string>& fields) {
     const auto& forms = requestForms();
     const auto form = std::find_if(forms.begin(), forms.end(),
                                    [&](const RequestForm& known) { return request == known.name; });
     if (form == forms.end()) {
-        throw CommandError("'" + request + "' is no request. " + allUsages(), kUsage);
+        throw CommandError("'" + request + "' is not a request. " + allUsages(), kUsage);
     }
     if (form->fields.size() != fields.size()) {
         throw CommandError("the request is: " + usageOf(*form), kUsage);
     }
-    for (std::size_t i = 0; i < fields.size(); ++i) checkField(form->fields[i], fields[i]);
+    for (std::size_t i = 0; i < fields.size(); ++i)
+        fields[i] = checkedField(form->fields[i], fields[i]);
     return *form;
 }
 
@@ -163,15 +182,28 @@ int printAnswers(SessionClient& session, const AskOptions& options, const Reques
         deadline = Clock::now() + quiet;
     }
     if (answered) return kOk;
-    if (*form.silence) {
-        std::fprintf(stderr, "vcctl: no answer: %s\n", form.silence);
-        return kOk;
-    }
-    throw CommandError("the agent did not answer '" + options.request + "'");
+    if (!*form.silence) throw CommandError("the agent did not answer '" + options.request + "'");
+    std::fprintf(stderr, "vcctl: no answer: %s\n", form.silence);
+    return form.silenceIsAnswer ? kOk : kFailed;
 }
 
-int runAsk(const AskOptions& options) {
+// A client would make the agent's segments where no host has ever been, and leave them behind.
+void waitForSession(double seconds) {
+    const std::string object = segmentObject(VDIFrameworkCommon::infoNotificationsName(
+        VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName()));
+    const auto deadline = after(seconds);
+    while (!support::Descriptor(VDIFrameworkCommon::shm_open_mac(object, O_RDONLY, 0))) {
+        StopSignal::throwIfRequested();
+        if (std::chrono::steady_clock::now() >= deadline)
+            throw CommandError("no agent answers in " + sessionText() +
+                               ". Is a host running there? (vcctl host)");
+        StopSignal::wait(50);
+    }
+}
+
+int runAsk(AskOptions& options) {
     const RequestForm& form = formOf(options.request, options.fields);
+    waitForSession(options.wait);
     SessionClient session;
     session.waitForAgent(options.wait);
     Notification earlier;

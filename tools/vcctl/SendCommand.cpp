@@ -274,7 +274,7 @@ void addSendCommand(CLI::App& app, int& exitCode) {
     addStreamOptions(command, options->stream, options->size, options->count);
     command.argument("file", options->file, "What to send; - is standard input").showDefault();
     command.argument("--message-size", options->messageSize, "Length of one message")
-        .type("BYTES")
+        .bytes()
         .range(std::size_t{1}, kLongestMessage)
         .showDefault();
     command.flag("--lines", options->lines, "Make each line of the input a message");

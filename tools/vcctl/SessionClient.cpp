@@ -1,7 +1,5 @@
 #include "SessionClient.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +15,12 @@ using Clock = std::chrono::steady_clock;
 using NorvoStreamClient::Direction;
 using NorvoStreamClient::Reason;
 using NorvoStreamClient::Status;
+
+std::string sessionText() {
+    const char* name = std::getenv("NORVO_VDI_NAMESPACE");
+    return name && *name ? "session namespace '" + std::string(name) + "'"
+                         : "the usual session (NORVO_VDI_NAMESPACE is not set)";
+}
 
 namespace {
 
@@ -42,12 +46,6 @@ CommandError whyNotOpened(const std::string& name, unsigned int capacity, const 
     return CommandError("cannot open a stream '" + name + "' of " + std::to_string(capacity) +
                             " bytes: " + status.text() + nextStep(status.reason()),
                         status.reason() == Reason::InvalidArgument ? kUsage : kFailed);
-}
-
-std::string sessionText() {
-    const char* name = std::getenv("NORVO_VDI_NAMESPACE");
-    return name && *name ? "session namespace '" + std::string(name) + "'"
-                         : "the usual session (NORVO_VDI_NAMESPACE is not set)";
 }
 
 // Any other name is possible, too, but more likely a slip.
@@ -158,9 +156,8 @@ void SessionClient::noteSilence(const Status& status, const std::string& streamN
         m_absentSince = Clock::now();
         m_noted = false;
     }
-    if (m_noted || Clock::now() - m_absentSince < std::chrono::seconds(1)) return;
+    if (m_noted || Clock::now() - m_absentSince < std::chrono::milliseconds(300)) return;
     m_noted = true;
-    if (isatty(STDERR_FILENO) != 1) return;
     std::fprintf(stderr, "vcctl: waiting: %s\n", explain(status, streamName).c_str());
 }
 

@@ -30,8 +30,9 @@ public:
     // Waits up to `seconds` for an agent in this session, connected or not.
     void waitForAgent(double seconds);
 
-    // For each moment of a wait without end, which should not be a silent one: says, on a terminal,
-    // once `stream` (when given, else the agent) has been away for a second, why nothing comes.
+    // For each moment of a wait without end, which should not be a silent one: says on standard
+    // error, once `stream` (when given, else the agent) has been away for a moment, why nothing
+    // comes.
     void noteSilence(NorvoStreamClient::Stream* stream = nullptr);
 
     void noteSilence(const NorvoStreamClient::Status& status, const std::string& streamName);
@@ -46,6 +47,9 @@ private:
 
 // Whether waiting longer can help.
 bool mayPass(const NorvoStreamClient::Status& status);
+
+// The session namespace of this process, for messages.
+std::string sessionText();
 
 // The point in time `seconds` from now.
 std::chrono::steady_clock::time_point after(double seconds);

@@ -18,8 +18,8 @@ public:
     void setClientType(VDIClientType::VDIClientTypeEnum type);
     VDIClientType::VDIClientTypeEnum getClientType() const;
 
-    // "NorvoCrews", the project's version and 1, unless the embedding program has set others; it
-    // may do so until InitialiseChannel.
+    // "NorvoCrews", the project's version and 1. Set by tests only: the plug-in exports none of
+    // this.
     void setClientName(const std::string& name);
     std::string getClientName() const;
     void setClientVersion(const std::string& version);

@@ -260,5 +260,6 @@ TEST_F(AgentHandshake, AnAgentWithoutAChannelGetsOneLater) {
     EXPECT_EQ(later.sentCount(), 1U);
     EXPECT_EQ(m_channel.sentCount(), 0U);
     m_side.agent->stop();
+    m_side.agent->SetVirtualChannel(&later);
     EXPECT_FALSE(later.isObserved());
 }

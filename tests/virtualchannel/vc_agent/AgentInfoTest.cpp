@@ -86,8 +86,10 @@ TEST_F(AgentInfo, TheLogMovesToAnotherDirectory) {
         m_side.request("FlushLog");
         EXPECT_TRUE(std::filesystem::exists(dir.path() + ending + "/VirtualChannel.log"));
     }
-    m_side.request("SetLogPath|/dev/null/x");
-    EXPECT_TRUE(m_log.contains("Cannot use this directory for the log: /dev/null/x"));
+    for (const std::string useless : {"/dev/null/x", "relative"}) {
+        m_side.request("SetLogPath|" + useless);
+        EXPECT_TRUE(m_log.contains("Cannot use this directory for the log: " + useless));
+    }
     VirtualChannelLogger_init("");
 }
 

@@ -6,8 +6,8 @@
 
 namespace NorvoVirtualChannel {
 
-// A channel's upward side. A channel calls these with its observer lock held: an observer must not
-// add or remove an observer from inside them.
+// A channel's upward side. A channel calls these on its host's threads with no lock held, so an
+// observer may call back into the channel; some kinds call one at a time, some do not.
 class Observer {
 public:
     // One whole message. `data` is valid during the call only.

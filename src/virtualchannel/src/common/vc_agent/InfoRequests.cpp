@@ -95,7 +95,8 @@ void InfoRequests::setLogPath(const Fields& fields) {
     std::string directory = fields[1];
     const std::string separator = FileUtils::FileSeparator();
     if (!VDIFrameworkCommon::endsWith(directory, separator)) directory += separator;
-    if (fields[1].empty() || !FileUtils::createDirectory(directory)) {
+    // A relative one would lie wherever the host was started.
+    if (!fields[1].starts_with('/') || !FileUtils::createDirectory(directory)) {
         AGENT_LOG(m_context, Warning, "Cannot use this directory for the log: ", shown(fields[1]));
         return;
     }

@@ -170,6 +170,8 @@ void Agent::SetVirtualChannel(VirtualChannel* channel) {
                   "Stop observing underline channel: ", static_cast<const void*>(old));
         old->RemoveObserver(this);
     }
+    // An agent that has ended would never take its place in the channel back.
+    if (context.stopping) channel = nullptr;
     link.setChannel(channel);
     if (channel) {
         AGENT_LOG(context, Info,
