@@ -327,7 +327,7 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         const char* text;
     } uses[] = {
         {"", 2, "subcommand"},
-        {"nonsense", 2, "'nonsense' is no command"},
+        {"nonsense", 2, "'nonsense' is not a command"},
         {"host", 2, "--listen, --connect, --stdio and --exec"},
         {"host --stdio --exec cat", 2, "give one of"},
         {"host --exec", 2, "which command?"},
@@ -345,12 +345,12 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         {"ask Nonsense", 2, "RequestVCProcessId"},
         {"ask SetLogPath relative", 2, "'relative' cannot be the request's DIRECTORY"},
         {"ask OpenStream foo 999999999", 2, "'999999999' cannot be the request's SIZE"},
-        {"ask OpenStream foo 1X", 2, "'1X' is no number of bytes"},
+        {"ask OpenStream foo 1X", 2, "'1X' is not a number of bytes"},
         {"send Media --size 64X", 2, "--size"},
         {"ask CreateStream Media", 2, "CreateStream NAME SIZE"},
         {"ask CreateStream Media -1", 2, "'-1' cannot be the request's SIZE"},
         {"host --listen 127.0.0.1:0 --library libm.so.6", 1, "does not export"},
-        {"ask RequestVCProcessId --wait nan", 2, "nan is no number"},
+        {"ask RequestVCProcessId --wait nan", 2, "nan is not a number"},
         {"send Media --wait 0.3 /etc/hostname", 1, "vcctl host"},
         {"send Nonsense --wait 0.3 /etc/hostname", 1, "'Nonsense' is none of the usual streams"},
         {"send Media /no/such/file", 1, "No such file"},

@@ -17,7 +17,7 @@ constexpr double kLongestWait = 86400;  // a day
 // No range excludes it: it compares with nothing.
 const CLI::Validator kNumber(
     [](const std::string& text) -> std::string {
-        return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is no number" : "";
+        return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is not a number" : "";
     },
     "");
 
@@ -133,12 +133,12 @@ void addStreamOptions(Command& command, std::string& stream, unsigned int& capac
 
 std::string bytesOf(std::string text) {
     if (!CLI::AsSizeValue(false)(text).empty())
-        throw CommandError("'" + text + "' is no number of bytes", kUsage);
+        throw CommandError("'" + text + "' is not a number of bytes", kUsage);
     return text;
 }
 
 int runCommand(int argc, char** argv) {
-    CLI::App app{"Runs, uses and looks into virtual-channel sessions on this machine."};
+    CLI::App app{"Runs, uses and inspects virtual-channel sessions on this machine."};
     app.name("vcctl");
     app.require_subcommand(1);
     app.set_version_flag("--version", "vcctl " VCCTL_VERSION);
@@ -146,7 +146,7 @@ int runCommand(int argc, char** argv) {
         "Environment: NORVO_VDI_NAMESPACE separates sessions on one machine, NORVO_VDI_LOG_LEVEL\n"
         "(0 to 6) sets the detail of the log in $HOME/Library/Logs/norvouvdi/.\n"
         "Exit codes: 0 done, 1 failed, 2 wrong usage, 130 interrupted.\n"
-        "`vcctl COMMAND --help` tells more about each command; `man vcctl` has examples.");
+        "`vcctl COMMAND --help` describes each command; `man vcctl` has examples.");
     int exitCode = kOk;
     for (const auto add : {addHostCommand, addSendCommand, addRecvCommand, addWatchCommand,
                            addAskCommand, addStreamsCommand, addDecodeCommand, addDemoCommand}) {
@@ -156,7 +156,7 @@ int runCommand(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (argc > 1 && *argv[1] != '-' && app.get_subcommands().empty()) {
-            throw CommandError("'" + std::string(argv[1]) + "' is no command: see vcctl --help",
+            throw CommandError("'" + std::string(argv[1]) + "' is not a command: see vcctl --help",
                                kUsage);
         }
         return app.exit(error) == 0 ? kOk : kUsage;

@@ -38,8 +38,8 @@ struct DemoOptions {
     double seconds = 4;
 };
 
-// About what a transport carries in a second, there and back: what its pauses let through, or what
-// an ordinary machine does.
+// Roughly what a transport carries in a second, there and back: what its pauses let through, or
+// what an ordinary machine does.
 double bytesPerSecond(const std::string& kind) {
     return kind == "citrix" ? 16.2e6 : kind == "rdp" ? 4.8e6 : kind == "vmware" ? 0.97e6 : 200e6;
 }
@@ -262,7 +262,7 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
     command.argument("file", options->file, "The file to send instead of a generated one")
         .existingFile();
     addKindOption(command, options->kind);
-    command.argument("--seconds", options->seconds, "About how long it is to take")
+    command.argument("--seconds", options->seconds, "Approximate duration")
         .range(1.0, 600.0)
         .showDefault();
     addLibraryOption(command, options->pluginPath);

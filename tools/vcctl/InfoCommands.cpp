@@ -224,8 +224,7 @@ void addWatchCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<WatchOptions>();
     Command command(app, "watch", "Prints the agent's notifications as they come");
     command.flag("--json", options->json, "One JSON object a line");
-    command.flag("--all", options->all,
-                 "Also the repeated answers to this program's own questions");
+    command.flag("--all", options->all, "Also the repeated answers to this program's own requests");
     command.argument("--count", options->count, "Stop after so many").type("N");
     command.run([=, &exitCode] { exitCode = runWatch(*options); });
 }

@@ -140,15 +140,15 @@ int runStreams(const StreamsOptions& options) {
 void addStreamsCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<StreamsOptions>();
     Command command(app, "streams", "Lists the segments of this session and whether they move");
-    command.flag("-f,--follow", options->follow, "Look again and again, in place on a terminal");
-    command.argument("--interval", options->interval, "Time between two looks")
+    command.flag("-f,--follow", options->follow, "Refresh repeatedly, in place on a terminal");
+    command.argument("--interval", options->interval, "Time between two refreshes")
         .type("SECONDS")
         .range(0.1, 3600.0)
         .showDefault();
     command.footer(
         "NEW and READ are the IDs of the last chunk written and taken; a plain segment is\n"
         "full while NEW is greater. Of the agent's own two segments, which every reader\n"
-        "sees, WAITING tells how many readers are ready for the next message.");
+        "sees, WAITING shows how many readers are ready for the next message.");
     command.run([=, &exitCode] { exitCode = runStreams(*options); });
 }
 
