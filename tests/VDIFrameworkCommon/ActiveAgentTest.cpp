@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <deque>
 #include <fstream>
 #include <string>
 
@@ -71,18 +70,6 @@ TEST_F(ActiveAgentAcrossProcesses, OneProcessAtATimeIsMarkedUntilItClearsTheMark
     EXPECT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
     EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
     EXPECT_EQ(Agent().mark(), "not marked");
-}
-
-TEST_F(ActiveAgentAcrossProcesses, OfManyThatMarkAtOnceExactlyOneIs) {
-    for (int i = 0; i < testsupport::rounds(10); ++i) {
-        std::deque<Agent> agents(4);
-        for (auto& agent : agents) agent.writeLine("mark");
-        int marked = 0;
-        for (auto& agent : agents) marked += agent.readLine() == "marked" ? 1 : 0;
-        ASSERT_EQ(marked, 1);
-        for (auto& agent : agents) agent.writeLine("leave");
-        for (auto& agent : agents) ASSERT_EQ(agent.wait(), 0);
-    }
 }
 
 struct Contest {

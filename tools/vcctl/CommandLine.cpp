@@ -132,9 +132,12 @@ void addStreamOptions(Command& command, std::string& stream, unsigned int& capac
 }
 
 std::string bytesOf(std::string text) {
-    if (!CLI::AsSizeValue(false)(text).empty())
-        throw CommandError("'" + text + "' is not a number of bytes", kUsage);
-    return text;
+    const std::string given = text;
+    try {
+        if (kBytes(text).empty()) return text;
+    } catch (const CLI::Error&) {
+    }
+    throw CommandError("'" + given + "' is not a number of bytes", kUsage);
 }
 
 int runCommand(int argc, char** argv) {

@@ -174,7 +174,7 @@ void LogService::afterFork(bool inChild) {
         m_appender.afterForkInParent();
     }
     m_mutex.unlock();
-    LogRepeats::afterFork();
+    LogRepeats::afterFork(inChild);
 }
 
 // The loggers by name, for the life of the process.

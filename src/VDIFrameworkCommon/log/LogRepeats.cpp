@@ -119,6 +119,14 @@ LogRepeats::Time LogRepeats::tellDue(bool all) {
 
 void LogRepeats::beforeFork() { Waiting::get().mutex.lock(); }
 
-void LogRepeats::afterFork() { Waiting::get().mutex.unlock(); }
+// What was counted before is the parent's to tell.
+void LogRepeats::afterFork(bool inChild) {
+    Waiting& waiting = Waiting::get();
+    if (inChild) {
+        for (LogRepeats* const object : waiting.objects) object->m_more = 0;
+        waiting.objects.clear();
+    }
+    waiting.mutex.unlock();
+}
 
 }  // namespace KLT::kltlogger

@@ -43,7 +43,7 @@ public:
 
     // Around fork().
     static void beforeFork() NORVO_NO_THREAD_SAFETY_ANALYSIS;
-    static void afterFork() NORVO_NO_THREAD_SAFETY_ANALYSIS;
+    static void afterFork(bool inChild) NORVO_NO_THREAD_SAFETY_ANALYSIS;
 
 private:
     struct Turn {

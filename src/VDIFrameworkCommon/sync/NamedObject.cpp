@@ -148,7 +148,11 @@ std::shared_ptr<NamedObject> NamedObject::openWith(Kind kind, const char* name, 
     const int fd = shm_open_mac(objectName, flags, S_IRUSR | S_IWUSR);
     if (fd < 0 && errno == ENOENT && (flags & O_CREAT) == 0) return nullptr;
     if (fd < 0) {
-        NORVO_LOG(Error, "Cannot open named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
+        const std::string reason = std::strerror(errno);
+        const ObjectHolder holder = holderOfSharedMemory(objectName);
+        NORVO_LOG(Error, "Cannot open named ", textOf(kind), ' ', name, ": ", reason,
+                  holder.isForeign ? ", user " + std::to_string(holder.user) + " holds the name"
+                                   : std::string());
         return nullptr;
     }
     auto object = map(kind, name, objectName, fd);
