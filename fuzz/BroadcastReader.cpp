@@ -20,30 +20,25 @@ namespace {
 constexpr unsigned int kCapacity = 64;
 constexpr char kName[] = "fuzz";
 
-// One segment for all inputs: what one leaves behind is part of the next.
-struct Segment {
-    Segment() {
-        using namespace VDIFrameworkCommon;
-        VDIClientInfo::getInstance().setClientType(VDIClientType::Crews);
-        if (!reader->Open(kName, kCapacity)) abort();
+// One segment for all inputs, so that what one leaves behind is part of the next.
+SharedMemoryHeader& header() {
+    static SharedMemoryHeader* const mapped = [] {
         const std::string object = std::to_string(geteuid()) + "CWVDI_" + kName;
         const int fd = VDIFrameworkCommon::shm_open_mac(object, O_RDWR, 0);
         void* memory =
             mmap(nullptr, sizeof(SharedMemoryHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         if (fd < 0 || memory == MAP_FAILED) abort();
         close(fd);
-        header = static_cast<SharedMemoryHeader*>(memory);
-    }
-    const std::shared_ptr<SharedMemoryI> reader =
-        getSharedMemoryInstance(ESharedMemoryType::Broadcast);
-    SharedMemoryHeader* header = nullptr;
-};
+        return static_cast<SharedMemoryHeader*>(memory);
+    }();
+    return *mapped;
+}
 
-void change(SharedMemoryHeader& header, uint8_t what, std::uint64_t value) {
-    SharedWord* const words[] = {&header.writerLockCount, &header.lockWord2, &header.newMessageId,
-                                 &header.readMessageId};
-    SharedCount* const counts[] = {&header.chunkCount, &header.chunkIndex, &header.messageLength,
-                                   &header.chunkLength};
+void change(SharedMemoryHeader& segment, uint8_t what, std::uint64_t value) {
+    SharedWord* const words[] = {&segment.writerLockCount, &segment.lockWord2,
+                                 &segment.newMessageId, &segment.readMessageId};
+    SharedCount* const counts[] = {&segment.chunkCount, &segment.chunkIndex, &segment.messageLength,
+                                   &segment.chunkLength};
     if (what < 4) {
         words[what]->store(static_cast<long>(value));
     } else {
@@ -51,28 +46,32 @@ void change(SharedMemoryHeader& header, uint8_t what, std::uint64_t value) {
     }
 }
 
-void read(Segment& segment) {
+void read(SharedMemoryI& reader) {
     // Otherwise the reader waits for the writer that holds the lock, or for a message.
-    segment.header->writerLockCount = 0;
-    segment.header->newMessageId.fetch_add(1);
+    header().writerLockCount = 0;
+    header().newMessageId.fetch_add(1);
     unsigned int length = 0;
-    const std::string message = segment.reader->ReadData(length, 1);
+    const std::string message = reader.ReadData(length, 1);
     if (message.size() != length || length > kCapacity) abort();
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static auto* const segment = new Segment;
-    for (int reads = 0; size >= 9 && reads < 16; data += 9, size -= 9) {
+    using namespace VDIFrameworkCommon;
+    VDIClientInfo::getInstance().setClientType(VDIClientType::Crews);
+    const auto reader = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    if (!reader->Open(kName, kCapacity)) abort();
+    for (int reads = 0; size >= 9 && reads < 4; data += 9, size -= 9) {
         std::uint64_t value = 0;
         std::memcpy(&value, data + 1, sizeof value);
-        change(*segment->header, data[0] % 8, value);
+        change(header(), data[0] % 8, value);
         if (data[0] >= 0x80) {
-            read(*segment);
+            read(*reader);
             ++reads;
         }
     }
-    read(*segment);
+    read(*reader);
+    reader->Close();
     return 0;
 }
