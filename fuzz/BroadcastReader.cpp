@@ -15,6 +15,8 @@
 #include "SharedMemoryLayout.h"
 #include "VDIClientInfo.h"
 
+using namespace shared_memory;
+
 namespace {
 
 constexpr unsigned int kCapacity = 64;

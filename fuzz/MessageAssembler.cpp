@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+using namespace shared_memory;
+
 namespace {
 
 constexpr std::uint32_t kCapacity = 64;

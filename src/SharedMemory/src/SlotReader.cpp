@@ -50,14 +50,15 @@ SlotReader::Taken SlotReader::takeChunk(std::string& message) {
         if (chunk.length > m_slot.mappedCapacity()) m_slot.grow();
         const bool replaces = chunk.index == 1 && m_assembler.inProgress();
         const auto outcome = m_assembler.add(chunk, m_slot.data(), m_slot.mappedCapacity());
-        if (replaces) NORVO_LOG(Warning, "Previous message is broken!", m_slot.name());
+        if (replaces)
+            NORVO_LOG_REPEATED(m_replaced, Warning, "Previous message is broken!", m_slot.name());
         // Left in the slot, a later chunk is dropped as a stray; a first one never would be.
         const bool stays = outcome == MessageAssembler::Outcome::BadLength && chunk.index != 1;
         if (stays || m_slot.take()) return judge(outcome, chunk, message);
         m_assembler.retract();
         if (!hasUnread()) break;
     }
-    NORVO_LOG(Warning, "Receiving broken message", m_slot.name());
+    NORVO_LOG_REPEATED(m_broken, Warning, "Receiving broken message", m_slot.name());
     m_assembler.drop();
     return Taken::Nothing;
 }
@@ -72,12 +73,12 @@ SlotReader::Taken SlotReader::judge(MessageAssembler::Outcome outcome, const Chu
             message = m_assembler.take();
             return Taken::Message;
         case MessageAssembler::Outcome::Stray:
-            NORVO_LOG(Warning, "Receiving broken message", m_slot.name());
+            NORVO_LOG_REPEATED(m_broken, Warning, "Receiving broken message", m_slot.name());
             break;
         case MessageAssembler::Outcome::BadLength:
-            NORVO_LOG(Warning, "Invalid message length. Dismiss message.", m_slot.name(), ": ",
-                      chunk.length, " of ", chunk.total, " bytes where ", m_slot.mappedCapacity(),
-                      " fit");
+            NORVO_LOG_REPEATED(m_invalid, Warning, "Invalid message length. Dismiss message.",
+                               m_slot.name(), ": ", chunk.length, " of ", chunk.total,
+                               " bytes where ", m_slot.mappedCapacity(), " fit");
             break;
     }
     return Taken::Nothing;

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "LogRepeats.h"
 #include "MessageAssembler.h"
 #include "SegmentSlot.h"
 #include "WritersLock.h"
@@ -41,6 +42,9 @@ private:
     SegmentSlot& m_slot;
     MessageAssembler m_assembler;
     unsigned long m_chunksTaken = 0;
+    KLT::kltlogger::LogRepeats m_replaced;
+    KLT::kltlogger::LogRepeats m_broken;
+    KLT::kltlogger::LogRepeats m_invalid;
 };
 
 }  // namespace shared_memory

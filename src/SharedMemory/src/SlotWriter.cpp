@@ -35,7 +35,7 @@ bool SlotWriter::write(const void* data, unsigned int length, Clock::time_point 
         // The chunks before are lost with the object that they were placed in.
         const bool isBroken = soundness != SegmentSlot::Soundness::Sound && i > 0;
         if (isBroken || !waitWritable(now, std::min(deadline, now + kLongestWait))) {
-            NORVO_LOG(Error, "Memory is not writable: ", m_slot.name());
+            NORVO_LOG_REPEATED(m_notTaken, Error, "Memory is not writable: ", m_slot.name());
             return false;
         }
         const unsigned int sent = i * capacity;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LogRepeats.h"
 #include "SegmentSlot.h"
 #include "WritersLock.h"
 
@@ -27,6 +28,7 @@ private:
     bool waitWritable(Clock::time_point now, Clock::time_point deadline);
 
     SegmentSlot& m_slot;
+    KLT::kltlogger::LogRepeats m_notTaken;
 };
 
 }  // namespace shared_memory
