@@ -11,6 +11,8 @@ target_sources(norvo_tests PRIVATE
 target_link_libraries(norvo_tests PRIVATE norvo_agent norvo_packets norvo_streamclient)
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
     APPEND PROPERTY COMPILE_DEFINITIONS LLVMFuzzerTestOneInput=fuzzReceivePath)
+set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
+    APPEND PROPERTY INCLUDE_DIRECTORIES ${CMAKE_CURRENT_SOURCE_DIR})
 
 # Runs that take minutes, by hand: `cmake --build . --target full_runs`.
 add_custom_target(full_runs

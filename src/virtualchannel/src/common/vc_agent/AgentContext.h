@@ -62,7 +62,7 @@ public:
     // The observed channel; null when there is none.
     virtual NorvoVirtualChannel::VirtualChannel* channel() const = 0;
     // Whether the agents are connected: the data of streams is sent while they are, and waits else.
-    virtual void letStreamsSend(bool areConnected) NORVO_TAKES_LEAF = 0;
+    virtual void letStreamsSend(bool may) NORVO_TAKES_LEAF = 0;
     // Hands the message to the channel on this thread.
     virtual void SendMessageToChannel(const VCMessage& message) = 0;
     // Has the send thread do so with a message about a stream, after those that wait.

@@ -48,7 +48,7 @@ struct Agent::Parts final : AgentContext {
     void SendMessageToChannel(const VCMessage& message) override {
         m_link.SendMessageToChannel(message, false);
     }
-    void letStreamsSend(bool areConnected) override { m_link.setConnected(areConnected); }
+    void letStreamsSend(bool may) override { m_link.setConnected(may); }
     void SendMessageToChannelAboutStream(MessageTypeEnum type,
                                          const StreamDetails& stream) override {
         m_outgoing.SendMessageToChannelAboutStream(type, stream);
