@@ -1,0 +1,100 @@
+#!/usr/bin/env bash
+# Transfers by vcctl send and recv between two hosts on this machine, again and again, while things
+# go wrong:
+#
+#     tools/dev/transfer-runs.sh rate 20 1024 [KIND]    20 files of 1 GiB; beside each the same with --raw
+#     tools/dev/transfer-runs.sh cut 100 64 [KIND]      100 of 64 MiB, the channel cut at a random moment
+#     tools/dev/transfer-runs.sh kill 50 64 [KIND]      50, with --resume, a host or tool killed at one
+#
+# Prints a line for each and ends with 1 if any file did not arrive as it was. FOLDER (by default a
+# temporary one) holds the files: one in memory shows the rate without the disk's. SEED chooses other
+# moments, VCCTL another tool than build-release/tools/vcctl; RAW=0 leaves --raw out.
+set -u
+mode=${1:?rate, cut or kill}; count=${2:-1}; size=${3:-64}; kind=${4:-tcp}
+vcctl=$(realpath "${VCCTL:-$(dirname "$0")/../../build-release/tools/vcctl}")
+folder=${FOLDER:-$(mktemp -d)}; near=nvx${$}a; far=nvx${$}b; RANDOM=${SEED:-1}
+pids=()
+
+finish() {
+    for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null; done
+    wait 2>/dev/null
+    rm -f /dev/shm/$near.* /dev/shm/$far.* "$folder"/{original,copy,copy.part,raw,near,far}
+    [ -n "${FOLDER:-}" ] || rm -rf "$folder"
+}
+trap finish EXIT
+trap 'exit 130' INT TERM
+
+in_session() { NORVO_VDI_NAMESPACE=$1 HOME=$folder exec "${@:2}"; }
+now() { date +%s%N; }
+start_near() {
+    in_session $near "$vcctl" host --kind "$kind" --listen "$address" >"$folder/near" 2>&1 & near_host=$!
+    pids+=("$near_host")
+}
+start_far() {
+    in_session $far "$vcctl" host --kind "$kind" --connect "$address" >"$folder/far" 2>&1 & far_host=$!
+    pids+=("$far_host")
+}
+start_recv() { in_session $far "$vcctl" recv Media "$folder/copy" "${resume[@]}" & recv=$!; pids+=("$recv"); }
+start_send() { in_session $near "$vcctl" send Media "$folder/original" "${resume[@]}" & send=$!; pids+=("$send"); }
+peak() { awk '/VmHWM/ { print int($2 / 1024) }' "/proc/$1/status" 2>/dev/null || echo 0; }
+rate() { awk -v b="$size" -v n="$1" 'BEGIN { printf "%.1f", b / (n / 1e9) }'; }
+# A moment between 0 and as many milliseconds as a whole transfer took.
+pause_within() { sleep "$(awk -v r="$RANDOM" -v m="$1" 'BEGIN { printf "%.3f", r / 32768 * m / 1000 }')"; }
+
+go_wrong() {
+    case $mode in
+        cut) kill -HUP "$far_host" ;;
+        kill)
+            victim=$((RANDOM % 4))
+            case $victim in
+                0) kill -9 "$near_host"; wait "$near_host" 2>/dev/null; start_near ;;
+                1) kill -9 "$far_host"; wait "$far_host" 2>/dev/null; start_far ;;
+                2) if kill -9 "$recv" 2>/dev/null; then wait "$recv" 2>/dev/null; start_recv; fi ;;
+                3) if kill -9 "$send" 2>/dev/null; then wait "$send" 2>/dev/null; start_send; fi ;;
+            esac ;;
+    esac
+}
+
+# How long the same takes with plain messages, without a look at what arrived.
+raw_time() {
+    in_session $far "$vcctl" recv Generic --raw "$folder/raw" 2>/dev/null & local receiver=$!
+    pids+=("$receiver"); sleep 0.5
+    local begun; begun=$(now)
+    in_session $near "$vcctl" send Generic --raw "$folder/original" & wait $!
+    local took=$(($(now) - begun))
+    kill -TERM $receiver; wait $receiver 2>/dev/null; rm -f "$folder/raw"
+    echo $took
+}
+
+resume=(); [ "$mode" = kill ] && resume=(--resume --wait 15)
+address=127.0.0.1:0
+start_near
+for _ in $(seq 50); do
+    address=$(awk '/^listening on/ { print $NF; exit }' "$folder/near"); [ -n "$address" ] && break; sleep 0.1
+done
+start_far
+head -c "${size}M" /dev/urandom >"$folder/original"
+usual=1000; bad=0
+for i in $(seq "$count"); do
+    rm -f "$folder/copy" "$folder/copy.part"
+    begun=$(now)
+    start_recv; start_send
+    what=; if [ "$mode" != rate ] && [ "$i" -gt 1 ]; then
+        pause_within "$usual"
+        go_wrong; what=" victim ${victim:--}"
+    fi
+    tops="$(peak "$near_host") $(peak "$far_host")"
+    wait "$send"; sent=$?; took=$(($(now) - begun)); wait "$recv"; received=$?
+    [ "$i" = 1 ] && usual=$((took / 1000000))
+    result=good
+    # A sender that was killed after the receiver had everything finds nobody to ask.
+    [ "${victim:-}" = 3 ] && [ $received = 0 ] && sent=0
+    if [ $sent != 0 ] || [ $received != 0 ] || ! cmp -s "$folder/original" "$folder/copy"; then
+        result=BAD; bad=$((bad + 1))
+    fi
+    line="$i $result send $sent recv $received $((took / 1000000)) ms $(rate $took) MiB/s hosts MiB $tops$what"
+    [ "$mode" = rate ] && [ "${RAW:-1}" = 1 ] && line+=" raw $(rate "$(raw_time)") MiB/s"
+    echo "$line"
+done
+echo "$((count - bad)) of $count arrived"
+[ $bad = 0 ]
