@@ -12,7 +12,7 @@ using Kind = ConnectionFrame::Kind;
 namespace {
 
 constexpr milliseconds kFirstGreetingPause{100};
-constexpr milliseconds kLongestGreetingPause{1000};
+constexpr milliseconds kLongestGreetingPause{250};
 // Whoever said Hello and does not answer to the Welcome is not there any more.
 constexpr milliseconds kLongestWelcome{5000};
 constexpr milliseconds kPingPause{2000};

@@ -159,7 +159,9 @@ private:
             m_link.finish();
             m_link.settle(std::chrono::seconds(20));
         } catch (const LinkLost&) {
-            std::fprintf(stderr, "vcctl: note: the sender was lost before it heard of the end\n");
+            if (failed == 0)
+                std::fprintf(stderr,
+                             "vcctl: note: the sender was lost before it heard of the end\n");
         }
     }
 

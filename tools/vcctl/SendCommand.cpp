@@ -196,6 +196,7 @@ public:
         m_link.writeNumber(m_tally.checksum());
         m_link.finish();
         takeVerdict();
+        m_link.awaitEnd();
     }
 
 private:

@@ -66,6 +66,16 @@ bool TransferLink::hasInput() {
 
 void TransferLink::finish() { check(m_connection->finish()); }
 
+void TransferLink::awaitEnd() {
+    char bytes[256];
+    std::size_t got = 0;
+    for (;;) {
+        const Status status = m_connection->read(bytes, sizeof bytes, got, kPollTime);
+        if (status.reason() == Reason::Ended) return;
+        check(status);
+    }
+}
+
 bool TransferLink::settle(std::chrono::seconds limit) {
     const auto deadline = Clock::now() + limit;
     Status settled;

@@ -61,6 +61,8 @@ public:
     // Whether the partner has said something, at once.
     bool hasInput();
     void finish();
+    // Reads, and drops, until the partner has finished, too: only then is nobody cut off.
+    void awaitEnd();
     // Waits up to `limit` until the partner has everything; false when it has not.
     bool settle(std::chrono::seconds limit);
     std::uint64_t acknowledged() const { return m_connection->acknowledged(); }
