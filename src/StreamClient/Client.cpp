@@ -111,8 +111,8 @@ Status Client::Impl::close() {
     }
     m_view->close();
     m_requests.cancel();
-    m_toTell.close();
-    m_toCollect.close();
+    m_toTell.wake();
+    m_toCollect.wake();
     for (const auto& stream : streams) {
         if (const auto open = stream.lock()) open->close();
     }
@@ -143,8 +143,13 @@ void Client::Impl::askLoop() {
     }
 }
 
+void Client::Impl::add(NewsQueue& queue, News news) {
+    queue.push(std::move(news),
+               [](const News& each) { return std::holds_alternative<Notification>(each); });
+}
+
 void Client::Impl::announce(bool connected) {
-    if (m_options.onConnectionChange) m_toTell.add(connected);
+    if (m_options.onConnectionChange) add(m_toTell, connected);
 }
 
 void Client::Impl::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
@@ -155,14 +160,14 @@ void Client::Impl::onNewMessageReceived(std::string message, SharedMemoryI* /*so
     const auto heard = m_view->hear(notification, Clock::now());
     if (heard.connectionChange) announce(*heard.connectionChange);
     if (!heard.isNews) return;
-    (m_options.onNotification ? m_toTell : m_toCollect).add(std::move(notification));
+    add(m_options.onNotification ? m_toTell : m_toCollect, std::move(notification));
 }
 
 void Client::Impl::tellLoop() {
     m_tellerId = std::this_thread::get_id();
-    for (News news; m_toTell.take(news, Clock::time_point::max());) {
+    while (const auto news = m_toTell.pop([this] { return !m_closed; })) {
         try {
-            tell(news);
+            tell(*news);
         } catch (const std::exception& failure) {
             NORVO_LOG(Error, "a callback has thrown: ", failure.what());
         } catch (...) {
@@ -182,9 +187,9 @@ void Client::Impl::tell(const News& news) const {
 
 Status Client::Impl::nextNotification(Notification& notification, Clock::time_point deadline) {
     if (m_options.onNotification) return Reason::InvalidArgument;
-    News news;
-    if (!m_toCollect.take(news, deadline)) return m_closed ? Reason::Closed : Reason::Timeout;
-    notification = std::get<Notification>(std::move(news));
+    auto news = m_toCollect.popUntil(deadline, [this] { return !m_closed; });
+    if (!news) return m_closed ? Reason::Closed : Reason::Timeout;
+    notification = std::get<Notification>(std::move(*news));
     return {};
 }
 

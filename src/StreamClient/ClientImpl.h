@@ -4,11 +4,12 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include "AgentView.h"
+#include "BoundedQueue.h"
 #include "ForkGuard.h"
-#include "NewsQueue.h"
 #include "NorvoStreamClient.h"
 #include "RequestWriter.h"
 #include "SharedMemoryI.h"
@@ -39,6 +40,13 @@ public:
     void onNewMessageReceived(std::string message, SharedMemoryI* source) override;
 
 private:
+    // A notification, or the new state of the connection.
+    using News = std::variant<Notification, bool>;
+    using NewsQueue = VDIFrameworkCommon::BoundedQueue<News>;
+    static constexpr std::size_t kMostNews = 1024;
+
+    // A change of the connection is not dropped while a notification can go.
+    static void add(NewsQueue& queue, News news);
     void startThreads();
     void joinInfoSegments();
     void askLoop();
@@ -56,8 +64,8 @@ private:
     std::atomic<bool> m_listens = false;
     Status m_start;  // how setting up ended; written by the constructor alone
     const ForkGuard m_process;
-    NewsQueue m_toTell;     // for the callbacks
-    NewsQueue m_toCollect;  // for nextNotification
+    NewsQueue m_toTell{{kMostNews}};     // for the callbacks
+    NewsQueue m_toCollect{{kMostNews}};  // for nextNotification
 
     VDIFrameworkCommon::LocalMutex m_mutex;
     std::vector<std::weak_ptr<Stream::Impl>> m_streams NORVO_GUARDED_BY(m_mutex);

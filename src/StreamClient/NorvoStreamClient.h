@@ -52,9 +52,8 @@ struct Options {
     // constructor has returned. Empty: the notifications wait for nextNotification().
     std::function<void(const Notification&)> onNotification;
     // Called when the two agents find or lose each other, and within a few seconds when this end's
-    // agent goes away without a word; on the same thread, with the same rules. No change is
-    // dropped, except that a loss and the return after it may be left out together while more than
-    // 64 changes wait.
+    // agent goes away without a word; on the same thread, with the same rules, except that
+    // notifications are dropped before any change: the newest state is always told.
     std::function<void(bool connected)> onConnectionChange;
 };
 

@@ -114,8 +114,8 @@ std::string SessionClient::explain(const Status& status, const std::string& stre
                    "': the log of this host or of the far one says why";
         case Reason::InUseOtherDirection:
             return "the stream '" + streamName +
-                   "' is in use in the other direction; it keeps it while the hosts run: take "
-                   "another stream, or restart the hosts";
+                   "' is in use in the other direction: take another one, or wait until nobody has "
+                   "had it open for a minute";
         case Reason::Timeout:
             return "the host takes nothing from the stream '" + streamName + "'";
         case Reason::PeerGone:
