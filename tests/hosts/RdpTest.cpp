@@ -8,9 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cctype>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -174,12 +175,12 @@ public:
                    ? ""
                    : "no xrdp here (packages xrdp tigervnc-standalone-server)";
     }
-    std::string check() {
-        Subprocess check = startInDesktop("exec " NORVO_XRDP_AGENT
-                                          " --check --library " NORVO_PLUGIN " --xrdp-ini " +
-                                          m_side.file("xrdp.ini") + " 2>&1");
-        return check.readAll();
+    std::string outputOfAgent(const std::string& options) {
+        return startInDesktop("exec " NORVO_XRDP_AGENT " --library " NORVO_PLUGIN " " + options +
+                              " 2>&1")
+            .readAll();
     }
+    std::string check() { return outputOfAgent("--check --xrdp-ini " + m_side.file("xrdp.ini")); }
     // What is open in the agent, which runs and has no client.
     std::size_t descriptors() const {
         const auto folder = "/proc/" + std::to_string(m_host->pid()) + "/fd";
@@ -241,18 +242,21 @@ protected:
         for (const pid_t child : children) ::kill(child, SIGKILL);
     }
 
+    Subprocess startFreeRdp(const std::string& library, const std::string& output) {
+        return m_near.startShell(
+            "exec xfreerdp /v:127.0.0.1:" + std::to_string(m_relayPort) +
+                " /u:na /p:na /sec:tls /cert:ignore +auto-reconnect -clipboard "
+                "/vc:NRVOCW,library=" +
+                library + " >" + output + " 2>&1",
+            {"DISPLAY=:" + m_display->number(), "XDG_CONFIG_HOME=" + m_near.file("home"),
+             "LD_PRELOAD=" NORVO_RDP_PRELOAD, "NORVO_TEST_ADDIN=" NORVO_RDP_ADDIN,
+             "ASAN_OPTIONS=detect_leaks=0"});
+    }
     void startClient() {
         m_nearNews.emplace(m_near.start("watch"));
         if (!m_farNews) m_farNews.emplace(m_far.start("watch"));
         const auto begun = std::chrono::steady_clock::now();
-        m_client.emplace(m_near.startShell(
-            "exec xfreerdp /v:127.0.0.1:" + std::to_string(m_relayPort) +
-                " /u:na /p:na /sec:tls /cert:ignore +auto-reconnect -clipboard"
-                " /vc:NRVOCW,library=" NORVO_PLUGIN " >" +
-                m_near.file("client.log") + " 2>&1",
-            {"DISPLAY=:" + m_display->number(), "XDG_CONFIG_HOME=" + m_near.file("home"),
-             "LD_PRELOAD=" NORVO_RDP_PRELOAD, "NORVO_TEST_ADDIN=" NORVO_RDP_ADDIN,
-             "ASAN_OPTIONS=detect_leaks=0"}));
+        m_client.emplace(startFreeRdp(NORVO_PLUGIN, m_near.file("client.log")));
         expectNews("ChannelUp");
         std::cout << "joined after " << testsupport::since(begun).count() << " ms" << std::endl;
     }
@@ -372,6 +376,9 @@ TEST_P(RdpAcrossProcesses, ACutConnectionIsTakenUpAgainInTheMiddleOfAFile) {
 TEST_P(RdpAcrossProcesses, AKilledClientAndAKilledFarEndAreReplaced) {
     endClient();
     expectNewsOf(m_farNews, "ChannelDown");
+    EXPECT_NE(startFreeRdp("/no/such/library", m_near.file("refused")).wait(20s), 0);
+    testsupport::expectPart(contentOf(m_near.file("refused")),
+                            "NRVOCW: cannot load the plug-in library: /no/such/library");
     startClient();
     passesAFile(m_near, m_far, 100'000);
 
@@ -395,6 +402,8 @@ TEST(XrdpAgentAcrossProcesses, SaysWhatIsMissingLeaksNothingAndEndsWithItsDeskto
     EXPECT_EQ(checked.find("MISSING"), std::string::npos) << checked;
     std::ofstream(side.file("xrdp.ini")) << "[Channels]\nrdpdr=true\n";
     testsupport::expectPart(desktop.check(), "add the line NRVOCW=true");
+
+    testsupport::expectPart(desktop.outputOfAgent(""), "an agent runs in this desktop already");
 
     const std::size_t before = desktop.descriptors();
     desktop.endChannelServer();

@@ -296,11 +296,14 @@ TEST_F(VcctlAcrossProcesses, AUnixSocketIsForItsUserAndASilentPeerGivesWay) {
         m_nearHost->kill();
         m_nearHost->wait(10s);
     }
-    if (geteuid() == 0) {
-        std::filesystem::permissions(path, std::filesystem::perms{0666});
-        std::filesystem::permissions(m_near.file(""), std::filesystem::perms{0755});
-        const Subprocess other({"/usr/bin/setpriv", "--reuid=65534", "--clear-groups",
-                                "/usr/bin/socat", "-u", "UNIX-CONNECT:" + path, "-"});
+    const auto asAnother = [&](std::vector<std::string> command) {
+        command.insert(command.begin(), {"/usr/bin/setpriv", "--reuid=65534", "--clear-groups"});
+        return Subprocess(command);
+    };
+    std::filesystem::permissions(path, std::filesystem::perms{0666});
+    std::filesystem::permissions(m_near.file(""), std::filesystem::perms{0755});
+    if (geteuid() == 0 && asAnother({"/usr/bin/test", "-w", path}).wait(10s) == 0) {
+        const Subprocess other = asAnother({"/usr/bin/socat", "-u", "UNIX-CONNECT:" + path, "-"});
         lineStarting(*m_nearHost, "refused a connection of another user");
     }
     // One packet, of a message that asks for the connection, and no answer to what is asked.
