@@ -209,7 +209,7 @@ void AddIn::write(const void* data, std::uint32_t length) {
                                                            buffer->data(), length, buffer.get());
     if (result != CHANNEL_RC_OK) return;
     m_unsent += length;
-    buffer.release();  // until FreeRDP returns it
+    static_cast<void>(buffer.release());  // until FreeRDP returns it
 }
 
 }  // namespace hosts
