@@ -14,6 +14,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <list>
@@ -144,8 +145,8 @@ private:
 
     freerdp_peer* const m_peer;
     FarEnd& m_farEnd;
-    const HANDLE m_stop;
-    const HANDLE m_outgoing;
+    HANDLE m_stop;
+    HANDLE m_outgoing;
     HANDLE m_channel = nullptr;
     HANDLE m_incoming = nullptr;
     bool m_opened = false;
@@ -211,14 +212,12 @@ public:
 private:
     const Options& m_options;
     FarEnd m_farEnd;
-    const HANDLE m_stop;
+    HANDLE m_stop;
     freerdp_listener* const m_listener;
     std::list<Connection> m_connections;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int serve(int argc, char** argv) {
     Options options;
     CLI::App app("An RDP server on loopback whose only service is the virtual channel; for tests");
     app.add_option("--certificate", options.certificate)->required()->check(CLI::ExistingFile);
@@ -233,11 +232,19 @@ int main(int argc, char** argv) {
     WSADATA winsock;
     WSAStartup(MAKEWORD(2, 2), &winsock);
     WTSRegisterWtsApiFunctionTable(FreeRDP_InitWtsApi());
+    Server(options).run();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        Server(options).run();
-        return 0;
+        return serve(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "norvo-rdp-server: " << error.what() << '\n';
-        return 1;
+        std::fprintf(stderr, "norvo-rdp-server: %s\n", error.what());
+    } catch (...) {
+        std::fputs("norvo-rdp-server: failed\n", stderr);
     }
+    return 1;
 }

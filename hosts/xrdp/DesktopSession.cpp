@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -45,7 +45,9 @@ DesktopSession desktopSession(int display) {
 
 int displayNumber(const char* display) {
     const char* colon = display ? std::strrchr(display, ':') : nullptr;
-    return colon && std::isdigit(static_cast<unsigned char>(colon[1])) ? std::atoi(colon + 1) : -1;
+    int number = -1;
+    if (colon) std::from_chars(colon + 1, colon + std::strlen(colon), number);
+    return number;
 }
 
 bool allowsChannel(std::istream& xrdpIni, const std::string& name) {

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -116,9 +117,7 @@ int run(const Options& options) {
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int parseAndRun(int argc, char** argv) {
     Options options;
     CLI::App app(
         "The far end of the virtual channel in a desktop that xrdp shows.\n"
@@ -136,10 +135,18 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     if (!options.sessionNamespace.empty())
         setenv("NORVO_VDI_NAMESPACE", options.sessionNamespace.c_str(), 1);
+    return options.check ? check(options) : run(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        return options.check ? check(options) : run(options);
+        return parseAndRun(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "norvo-xrdp-agent: " << error.what() << '\n';
-        return 1;
+        std::fprintf(stderr, "norvo-xrdp-agent: %s\n", error.what());
+    } catch (...) {
+        std::fputs("norvo-xrdp-agent: failed\n", stderr);
     }
+    return 1;
 }

@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <set>
@@ -17,9 +17,8 @@ namespace {
 
 // It stands in a folder of its own, which the system does not search.
 constexpr const char* kPlaces[] = {
-    "libxrdpapi.so.0", NORVO_SYSTEM_LIBRARIES "/xrdp/libxrdpapi.so.0",
-    "/usr/lib/xrdp/libxrdpapi.so.0", "/usr/lib64/xrdp/libxrdpapi.so.0",
-    "/usr/local/lib/xrdp/libxrdpapi.so.0"};
+    "libxrdpapi.so.0", NORVO_XRDP_LIBRARY, "/usr/lib/xrdp/libxrdpapi.so.0",
+    "/usr/lib64/xrdp/libxrdpapi.so.0", "/usr/local/lib/xrdp/libxrdpapi.so.0"};
 
 void* loadFromItsPlaces() {
     for (const char* place : kPlaces) {
@@ -39,7 +38,9 @@ std::set<int> unixSockets() {
     std::set<int> found;
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ignored)) {
-        const int fd = std::atoi(entry.path().filename().c_str());
+        const std::string name = entry.path().filename();
+        int fd = -1;
+        std::from_chars(name.data(), name.data() + name.size(), fd);
         sockaddr_storage address{};
         socklen_t length = sizeof address;
         if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&

@@ -27,6 +27,7 @@ constexpr int kPatience = 2000;  // milliseconds
 // As a shell starts it: the signals that this process ignores are not ignored there.
 int spawn(pid_t* pid, int socket, const std::vector<std::string>& command) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& argument : command)
         arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
