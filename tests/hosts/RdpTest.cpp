@@ -96,7 +96,7 @@ protected:
 
 // The certificate that both kinds of server need.
 std::string makeCertificate(const Side& side) {
-    const std::string base = side.file("tls");
+    std::string base = side.file("tls");
     side.startShell(
             "exec 2>&1; openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost "
             "-keyout " +
@@ -249,8 +249,8 @@ protected:
                 "/vc:NRVOCW,library=" +
                 library + " >" + output + " 2>&1",
             {"DISPLAY=:" + m_display->number(), "XDG_CONFIG_HOME=" + m_near.file("home"),
-             "LD_PRELOAD=" NORVO_RDP_PRELOAD, "NORVO_TEST_ADDIN=" NORVO_RDP_ADDIN,
-             "ASAN_OPTIONS=detect_leaks=0"});
+             std::string("LD_PRELOAD=") + NORVO_RDP_PRELOAD,
+             std::string("NORVO_TEST_ADDIN=") + NORVO_RDP_ADDIN, "ASAN_OPTIONS=detect_leaks=0"});
     }
     void startClient() {
         m_nearNews.emplace(m_near.start("watch"));
@@ -326,20 +326,20 @@ TEST_P(RdpAcrossProcesses, TwentyStreamsCarryFilesBothWaysAndTheClientNeverWaits
     constexpr int kStreams = 20;
     std::vector<std::string> contents;
     for (int i = 0; i < kStreams; ++i)
-        contents.push_back(randomFile(i % 2 ? m_near : m_far, "in" + std::to_string(i),
-                                      static_cast<std::size_t>(1 + i * i * 500)));
-    const auto start = [](const Side& side, int own) {
-        std::string script = "cd \"$TMPDIR\"; all=; ";
-        for (int i = 0; i < kStreams; ++i) {
-            const std::string n = std::to_string(i);
-            script += VCCTL_PROGRAM;
-            script += i % 2 == own ? " send s" + n + " in" + n : " recv s" + n + " out" + n;
-            script += " --wait 60 2>>log & all=\"$all $!\"; ";
-        }
-        return side.startShell(script + "for each in $all; do wait $each || exit 1; done");
+        contents.push_back(
+            randomFile(i % 2 ? m_near : m_far, "in" + std::to_string(i),
+                       1 + 500 * static_cast<std::size_t>(i) * static_cast<std::size_t>(i)));
+    const auto start = [](const Side& side, const std::string& own) {
+        return side.startShell(
+            "cd \"$TMPDIR\"; all=; i=0; while [ $i -lt 20 ]; do "
+            "if [ $((i % 2)) = $OWN ]; then $VCCTL send s$i in$i --wait 60 2>>log & "
+            "else $VCCTL recv s$i out$i --wait 60 2>>log & fi; all=\"$all $!\"; i=$((i + 1)); "
+            "done; "
+            "for each in $all; do wait $each || exit 1; done",
+            {"OWN=" + own, std::string("VCCTL=") + VCCTL_PROGRAM});
     };
-    Subprocess near = start(m_near, 1);
-    Subprocess far = start(m_far, 0);
+    Subprocess near = start(m_near, "1");
+    Subprocess far = start(m_far, "0");
     EXPECT_EQ(near.wait(90s), 0) << contentOf(m_near.file("log"));
     EXPECT_EQ(far.wait(90s), 0) << contentOf(m_far.file("log"));
     for (int i = 0; i < kStreams; ++i) {

@@ -71,7 +71,7 @@ protected:
 
 TEST_F(VcctlAcrossProcesses, AFileGoesThroughWholeAndTheCaptureTellsTheStory) {
     const std::string capture = m_near.file("session.pcapng");
-    std::ofstream{capture};
+    { const std::ofstream readableByAll(capture); }
     joinHosts("--capture " + capture);
     EXPECT_EQ(std::filesystem::status(capture).permissions(), std::filesystem::perms{0600});
     std::string content(3'000'000, '\0');
