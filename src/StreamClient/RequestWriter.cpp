@@ -1,7 +1,5 @@
 #include "RequestWriter.h"
 
-#include <algorithm>
-
 #include "BroadcastCounts.h"
 #include "BroadcastWriter.h"
 #include "InfoSegments.h"
@@ -21,10 +19,10 @@ using VDIFrameworkCommon::LocalLock;
 namespace {
 
 // A reader that has not taken a message by then never will: it is gone, or the message was never
-// finished. So long a request may hold up those of others.
-constexpr auto kLongestTry = std::chrono::seconds(2);
+// finished.
+constexpr auto kLongestHoldUp = std::chrono::seconds(2);
 constexpr auto kLookEvery = std::chrono::milliseconds(10);
-constexpr auto kTurnSlice = std::chrono::milliseconds(100);
+constexpr auto kMutexWait = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -41,48 +39,53 @@ void RequestSlot::forget(const RegistryEntry& gone) {
     BroadcastCounts(m_slot.header()).remove(gone);
 }
 
-bool RequestSlot::mayPlace() {
+long RequestSlot::tryPlace(const std::string& text) {
     const auto now = Clock::now();
-    if (m_slot.check(now) == SegmentSlot::Soundness::Lost) return false;
+    if (m_slot.check(now) == SegmentSlot::Soundness::Lost || text.size() > m_slot.capacity()) {
+        return 0;
+    }
+    long id = 0;
+    {
+        const SegmentSlot::Section section(m_slot, kMutexWait);
+        if (!section || !mayPlace(now)) return 0;
+        id = place(text);
+    }
+    m_slot.notify(SegmentSlot::Signal::Written);
+    return id;
+}
+
+bool RequestSlot::mayPlace(Clock::time_point now) {
     if (now - m_lastLook >= kLookEvery) {
         m_lastLook = now;
-        const SegmentSlot::Section section(m_slot);
-        if (section) m_slot.forgetGone();
+        m_slot.forgetGone();
     }
     if (m_slot.header().lockWord2.load() > 0) return true;
     if (const long id = m_slot.header().newMessageId.load(); id != m_heldUpId) {
         m_heldUpId = id;
         m_heldUpSince = now;
     }
-    return now - m_heldUpSince > kLongestTry &&
+    return now - m_heldUpSince > kLongestHoldUp &&
            m_slot.registry().hasLiving(SegmentRegistry::Role::Reader);
 }
 
 long RequestSlot::place(const std::string& text) {
-    if (text.size() > m_slot.capacity()) return 0;
-    long id = 0;
-    {
-        const SegmentSlot::Section section(m_slot);
-        if (!section) return 0;
-        // Whatever a writer that died has left there: the turn is this process's.
-        m_slot.header().writerLockCount = 1;
-        storeBroadcast(m_slot, text.data(), static_cast<unsigned int>(text.size()));
-        m_slot.header().lockWord2 = 0;
-        m_slot.header().writerLockCount = 0;
-        id = m_slot.header().newMessageId;
-    }
+    // Whatever a writer that died has left there: nobody else writes without the mutex.
+    m_slot.header().writerLockCount = 1;
+    storeBroadcast(m_slot, text.data(), static_cast<unsigned int>(text.size()));
+    m_slot.header().lockWord2 = 0;
+    m_slot.header().writerLockCount = 0;
     m_heldUpId = -1;
-    m_slot.notify(SegmentSlot::Signal::Written);
-    return id;
+    return m_slot.header().newMessageId;
 }
 
-// Once another client's request is in the slot, only the registry tells.
+// Once another client's request is in the slot the registry tells, and without an agent that enters
+// itself there, that another was placed: a reader was ready for it.
 bool RequestSlot::isTaken(long id) {
     if (id == 0 || !m_slot.isMapped()) return false;
     if (m_slot.header().newMessageId == id) {
         return static_cast<int>(BroadcastCounts(m_slot.header()).taken()) > 0;
     }
-    bool isTaken = false;
+    bool isTaken = !m_slot.registry().has(SegmentRegistry::Role::Reader);
     m_slot.registry().forEachOther([&](const RegistryEntry& entry) {
         isTaken = isTaken || (entry.is(SegmentRegistry::Role::Reader) && entry.since < id &&
                               entry.lastSeenId >= id);
@@ -94,60 +97,24 @@ void RequestSlot::pause() {
     if (m_slot.isMapped()) m_slot.pause(SegmentSlot::Signal::Taken, 2);
 }
 
-bool RequestWriter::join() {
+bool RequestWriter::sendStep(const std::string& text, long& placed) {
     LocalLock lock(m_mutex);
-    if (m_isJoined) return true;
-    const std::string turn = shared_memory::kSegmentObjectPrefix + m_name + "_writers";
-    m_isJoined = m_turn.create(turn.c_str()) && m_slot.open(m_name);
-    return m_isJoined;
-}
-
-bool RequestWriter::mayPlace() {
-    LocalLock lock(m_mutex);
-    return m_slot.mayPlace();
-}
-
-bool RequestWriter::isTaken(long id) {
-    LocalLock lock(m_mutex);
-    return m_slot.isTaken(id);
-}
-
-template <class Step>
-bool RequestWriter::repeat(Clock::time_point deadline, Step step) {
-    while (!m_cancelled) {
-        if (step()) return true;
-        if (Clock::now() >= deadline) return false;
-        LocalLock lock(m_mutex);
-        m_slot.pause();
-    }
+    if (m_slot.isTaken(placed)) return true;
+    // Placed again when somebody has written over it, or an agent has come that did not see it.
+    if (const long id = m_slot.tryPlace(text); id != 0) placed = id;
     return false;
-}
-
-bool RequestWriter::takeTurn(Clock::time_point deadline) {
-    while (!m_cancelled && Clock::now() < deadline)
-        if (m_turn.lockFor(kTurnSlice)) return true;
-    return false;
-}
-
-bool RequestWriter::sendInTurn(const std::string& text, long& placed, Clock::time_point deadline) {
-    if (isTaken(placed)) return true;
-    if (!mayPlace()) return false;
-    {
-        LocalLock lock(m_mutex);
-        placed = m_slot.place(text);
-    }
-    return repeat(deadline, [&] { return isTaken(placed); });
 }
 
 bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {
-    if (m_cancelled || !join()) return false;
+    {
+        LocalLock lock(m_mutex);
+        if (m_cancelled || !m_slot.open(m_name)) return false;
+    }
     long placed = 0;
     bool taken = false;
-    while (!taken && repeat(deadline, [&] { return isTaken(placed) || mayPlace(); })) {
-        const auto until = std::min(deadline, Clock::now() + kLongestTry);
-        if (!takeTurn(until)) continue;
-        taken = sendInTurn(text, placed, until);
-        m_turn.unlock();
+    while (!m_cancelled && !(taken = sendStep(text, placed)) && Clock::now() < deadline) {
+        LocalLock lock(m_mutex);
+        m_slot.pause();
     }
     NORVO_LOG(Trace, taken ? "request taken: " : "request not taken: ", text);
     return taken;

@@ -6,7 +6,6 @@
 
 #include "AgentView.h"
 #include "LocalMutex.h"
-#include "NamedMutex.h"
 #include "SegmentSlot.h"
 
 namespace NorvoStreamClient {
@@ -27,15 +26,13 @@ public:
 
     // Opens the segment when it is not open.
     bool open(const std::string& name);
-    // Some reader that lives, as far as is known, is ready for a message; or the slot has not moved
-    // for so long that nobody will be robbed of one.
-    bool mayPlace();
-    // Replaces what is in the slot, taken or not. The ID of the message; 0 when it does not fit, or
-    // when the segment's mutex could not be had.
-    long place(const std::string& text);
+    // Places a message, and returns its ID, when some reader that lives, as far as is known, is
+    // ready for one: it has taken the message before. Also when nobody has taken that one for 2 s
+    // although a reader lives: nobody will be robbed of it. Else 0.
+    long tryPlace(const std::string& text);
     // The message of that ID was taken by a reader that was there when it was written.
     bool isTaken(long id);
-    // Waits for a reader to take something, for a moment.
+    // Waits for a reader to take something, for at most 2 ms.
     void pause();
 
     shared_memory::SegmentRegistry::Role role() const override {
@@ -45,6 +42,10 @@ public:
     void forget(const shared_memory::RegistryEntry& gone) override;
 
 private:
+    // With the segment's mutex held.
+    bool mayPlace(Clock::time_point now);
+    long place(const std::string& text);
+
     shared_memory::SlotGate m_gate;
     shared_memory::SegmentSlot m_slot{m_gate};
     // Since when no reader is ready for anything but the message of this ID.
@@ -53,38 +54,27 @@ private:
     Clock::time_point m_lastLook{};
 };
 
-// Writes requests, one client of the agent at a time: between the processes a named mutex lets the
-// next request wait until the agent has taken the one before, for at most 2 s. Thread-safe.
+// Writes requests for one client of the agent. A request waits until the agent has taken the one
+// before, of whichever client that is; it keeps nothing locked meanwhile. Thread-safe.
 class RequestWriter {
 public:
     explicit RequestWriter(std::string segmentName) : m_name(std::move(segmentName)) {}
 
     // True once an agent has taken `text`, which may be empty: a sign of life that the agent's
     // segment takes and the agent itself does not hear of. False when none did until `deadline`; a
-    // request that was left lying is not taken later by an agent that starts then. While no agent
-    // is there nobody else is held up.
+    // request that was left lying is not taken later by an agent that starts then.
     bool send(const std::string& text, Clock::time_point deadline);
 
     // Ends a send on another thread, and makes every later one fail.
     void cancel() { m_cancelled = true; }
 
 private:
-    // Repeats `step`, with a pause in between, until it says yes.
-    template <class Step>
-    bool repeat(Clock::time_point deadline, Step step);
-    bool takeTurn(Clock::time_point deadline);
-    // With the turn. `placed` is the ID of the request, when an earlier try has placed it.
-    bool sendInTurn(const std::string& text, long& placed, Clock::time_point deadline);
-    bool join();
-    bool mayPlace();
-    bool isTaken(long id);
+    bool sendStep(const std::string& text, long& placed);
 
     const std::string m_name;
     std::atomic<bool> m_cancelled{false};
-    // Not held while a request waits: only for a look at the slot, or a step of 2 ms.
+    // Held for one look at the slot, or a pause of 2 ms.
     VDIFrameworkCommon::LocalMutex m_mutex;
-    VDIFrameworkCommon::NamedMutex m_turn;
-    bool m_isJoined NORVO_GUARDED_BY(m_mutex) = false;
     RequestSlot m_slot NORVO_GUARDED_BY(m_mutex);
 };
 

@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <filesystem>
 #include <future>
 #include <random>
-#include <sstream>
 
 #include "ChildProcess.h"
-#include "FileContent.h"
 #include "Rounds.h"
 #include "SegmentSupport.h"
 
@@ -151,51 +148,6 @@ TEST(SegmentAcrossProcesses, AWriterGoesOnAfterEachReaderThatIsKilled) {
     stop = true;
     writer->Close();
     writing.join();
-}
-
-struct Idle {
-    double wakes = 0;
-    double processorShare = 0;
-};
-
-// How often the threads of a child other than its first have woken, and how many ns they have run.
-Idle usedBy(const ChildProcess& child) {
-    Idle sum;
-    const std::string own = std::to_string(child.pid());
-    for (const auto& task : std::filesystem::directory_iterator("/proc/" + own + "/task")) {
-        if (task.path().filename() == own) continue;
-        double nanoseconds = 0;
-        std::istringstream(contentOf(task.path() / "schedstat")) >> nanoseconds;
-        sum.processorShare += nanoseconds;
-        const auto status = contentOf(task.path() / "status");
-        const auto wakes = status.find("\nvoluntary_ctxt_switches:");
-        if (wakes != std::string::npos) sum.wakes += std::stod(status.substr(wakes + 25));
-    }
-    return sum;
-}
-
-Idle idleOf(const ChildProcess& child) {
-    const Idle before = usedBy(child);
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    const Idle after = usedBy(child);
-    return {(after.wakes - before.wakes) / 2,
-            (after.processorShare - before.processorShare) / 2 / 1e9};
-}
-
-TEST(SegmentAcrossProcesses, AnIdleReaderHardlyWakes) {
-    if (!std::filesystem::exists("/proc/self/task")) GTEST_SKIP() << "no /proc";
-    // Beside the read thread, the controller's checker wakes twice a second.
-    // A sanitizer's own thread wakes, too.
-    const double others = kSanitized ? 20 : 2.5;
-    const std::pair<const char*, double> types[] = {{"0", 10 + others}, {"1", 50 + others}};
-    for (const auto& [type, wakes] : types) {
-        ChildProcess reader("segmentIdleReader", {type, uniqueName()});
-        ASSERT_EQ(reader.readLine(), "ready");
-        const Idle idle = idleOf(reader);
-        EXPECT_LE(idle.wakes, wakes) << type;
-        EXPECT_GE(idle.wakes, 1) << type;
-        EXPECT_LT(idle.processorShare, kSanitized ? 0.05 : 0.005) << type;
-    }
 }
 
 }  // namespace

@@ -149,15 +149,4 @@ CHILD_ROLE(segmentScribbler) {
     return 0;
 }
 
-// type, name: a subscribed reader without traffic, until a line comes.
-CHILD_ROLE(segmentIdleReader) {
-    Collector collector;
-    const auto in = getSharedMemoryInstance(static_cast<ESharedMemoryType>(number(args[0])));
-    if (!in->Open(args[1], 65536)) return 1;
-    in->subscribeObserver(&collector);
-    say("ready");
-    hear();
-    return 0;
-}
-
 }  // namespace

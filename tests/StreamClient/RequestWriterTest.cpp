@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 
 #include "ChildProcess.h"
+#include "Eventually.h"
 #include "FakeAgent.h"
 #include "InfoSegments.h"
 #include "Rounds.h"
@@ -33,6 +35,16 @@ CHILD_ROLE(request_sender) {
     return sendNumbered(args.at(0), count) == count ? 0 : 1;
 }
 
+// An agent that opens its segment and takes nothing.
+CHILD_ROLE(request_reader) {
+    useCrewsSegments();
+    const auto segment = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    if (!segment->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize)) return 1;
+    testsupport::say("ready");
+    testsupport::hear();
+    return 0;
+}
+
 TEST(RequestWriterTest, IsTakenByTheAgentThatLivesAndByNobodyElse) {
     useCrewsSegments();
     RequestWriter writer(kSegment);
@@ -50,14 +62,40 @@ TEST(RequestWriterTest, IsTakenByTheAgentThatLivesAndByNobodyElse) {
 }
 
 TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
-    FakeAgent agent("RequestTest");
+    useCrewsSegments();
+    const auto agent = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    ASSERT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
     shared_memory::SegmentMapping slot;
     ASSERT_TRUE(slot.open(kSegment, VDIFrameworkCommon::kInfoSegmentSize, false));
     slot.header()->lockWord2 = 0;
     RequestWriter writer(kSegment);
-    EXPECT_TRUE(writer.send("after all", Clock::now() + 20s));
-    EXPECT_TRUE(agent.waitFor("after all"));
-    EXPECT_EQ(agent.countOf("after all"), 1);
+    auto sent = std::async([&] { return writer.send("after all", Clock::now() + 20s); });
+    ASSERT_TRUE(testsupport::eventually([&] { return slot.header()->newMessageId > 0; }, 10s));
+    unsigned int length = 0;
+    EXPECT_EQ(agent->ReadData(length, 0), "after all");
+    EXPECT_TRUE(sent.get());
+}
+
+TEST(RequestWriterAcrossProcesses, ARequestThatNobodyTakesHoldsUpNoOtherAndArrivesOnce) {
+    useCrewsSegments();
+    RequestWriter patient(kSegment);
+    RequestWriter other(kSegment);
+    auto waiting = std::async([&] { return patient.send("patient", Clock::now() + 20s); });
+    {
+        // What an agent leaves that was killed while it was ready: nobody takes what is placed.
+        testsupport::ChildProcess victim("request_reader");
+        ASSERT_EQ(victim.readLine(), "ready");
+        victim.kill();
+        victim.wait();
+    }
+    EXPECT_FALSE(other.send("in vain", Clock::now() + 100ms));
+    FakeAgent agent("RequestTest");
+    const auto start = Clock::now();
+    EXPECT_TRUE(other.send("other", start + 10s));
+    EXPECT_LT(Clock::now() - start, 1500ms);
+    EXPECT_TRUE(waiting.get());
+    EXPECT_TRUE(agent.waitFor("patient"));
+    EXPECT_EQ(agent.countOf("patient"), 1);
 }
 
 TEST(RequestWriterAcrossProcesses, EveryRequestOfEveryClientArrivesOnce) {

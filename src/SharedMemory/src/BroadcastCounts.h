@@ -63,6 +63,37 @@ public:
     // Takes those inside for dead.
     void clearInside() { m_header.readMessageId.exchange(0); }
 
+    // Gives the message in the slot another ID; readers that counted themselves after it stay so.
+    // False when it has not the ID `from`.
+    bool moveId(SegmentRegistry& registry, long from, long to) {
+        if (!m_header.newMessageId.compare_exchange_strong(from, to)) return false;
+        registry.forEach([&](RegistryEntry& entry) {
+            if (entry.is(SegmentRegistry::Role::Reader) && entry.countedAfterId == from) {
+                entry.countedAfterId = to;
+            }
+        });
+        return true;
+    }
+    // For a writer that starts and sets the ID to 0. All readers of the registry, which are still
+    // there, count as ready, also those that have not taken the message before: the writer waits
+    // for them from its first message on. Whether readers that the registry does not know are
+    // ready.
+    bool restart(SegmentRegistry& registry) {
+        const long before = m_header.newMessageId.exchange(0);
+        long known = 0;
+        long unknown = m_header.lockWord2;
+        registry.forEach([&](RegistryEntry& entry) {
+            if (!entry.is(SegmentRegistry::Role::Reader)) return;
+            ++known;
+            if (entry.countedAfterId == before) --unknown;
+            entry.countedAfterId = 0;
+        });
+        if (unknown < 0) unknown = 0;
+        m_header.lockWord2 = known + unknown;
+        m_header.chunkIndex = 1;
+        return unknown > 0;
+    }
+
     // Wraps: the IDs in a segment may be anything.
     static long idBefore(long id) { return static_cast<long>(static_cast<unsigned long>(id) - 1); }
 

@@ -35,7 +35,12 @@ long BroadcastReader::lastSeenByOthers() {
     return last;
 }
 
-void BroadcastReader::leave() { BroadcastCounts(m_slot.header()).remove(m_countedAfterId); }
+void BroadcastReader::leave() { BroadcastCounts(m_slot.header()).remove(countedAfterId()); }
+
+long BroadcastReader::countedAfterId() const {
+    const auto* own = m_slot.registry().own();
+    return own ? own->countedAfterId.load() : m_countedAfterId;
+}
 
 void BroadcastReader::forget(const RegistryEntry& gone) {
     BroadcastCounts(m_slot.header()).remove(gone);
@@ -58,7 +63,7 @@ void BroadcastReader::countAsOneThatCame() {
 }
 
 bool BroadcastReader::advance(bool update) {
-    long current = m_slot.header().newMessageId;
+    const long current = m_slot.header().newMessageId;
     if (current == m_lastSeenId) return false;
     if (current > m_lastSeenId) {
         if (update) remember(current);
@@ -67,7 +72,7 @@ bool BroadcastReader::advance(bool update) {
     // While the ID is 0 the writer has not written, and the one before the last was put there by a
     // reader that has yet to take the last: the slot holds an old message.
     const bool isOld = current == 0 || (current > 1 && current == m_lastSeenId - 1);
-    m_slot.header().newMessageId.compare_exchange_strong(current, m_lastSeenId);
+    BroadcastCounts(m_slot.header()).moveId(m_slot.registry(), current, m_lastSeenId);
     return !isOld;
 }
 
@@ -75,7 +80,7 @@ bool BroadcastReader::wait(std::chrono::milliseconds timeout) {
     const auto now = Clock::now();
     return m_slot.check(now) != SegmentSlot::Soundness::Lost &&
            m_slot.waitFor(SegmentSlot::Signal::Written, now, now + timeout,
-                          [this] { return advance(true); });
+                          [this] { return advance(false); });
 }
 
 void BroadcastReader::enterRead() {
@@ -90,6 +95,8 @@ void BroadcastReader::leaveRead() {
 
 std::string BroadcastReader::take() {
     std::string message;
+    const long newest = m_slot.header().newMessageId;
+    if (newest > m_lastSeenId) remember(newest);
     m_isCountLost = false;
     enterRead();
     const Copied copied = copy(message);
@@ -137,11 +144,14 @@ bool BroadcastReader::isUntouched(const ChunkHeader& chunk, long id, std::uint64
            (header.writerLockCount < 1 || m_slot.registry().has(SegmentRegistry::Role::Writer));
 }
 
-// A reader that the writer did not wait for with this message counts like one that opened.
+// A reader that the writer did not wait for with this message counts like one that opened. One that
+// a writer that was set up anew found late is counted already.
 void BroadcastReader::countAsReady() {
     const SegmentSlot::Section section(m_slot);
     if (!section || m_slot.header().newMessageId != m_lastSeenId) return;
-    if (m_countedAfterId == BroadcastCounts::idBefore(m_lastSeenId)) {
+    const long counted = countedAfterId();
+    if (counted == m_lastSeenId) return;
+    if (counted == BroadcastCounts::idBefore(m_lastSeenId)) {
         BroadcastCounts(m_slot.header()).addReady();
         rememberCount();
     } else {

@@ -13,13 +13,14 @@ class BroadcastReader : public SlotEnd {
 public:
     explicit BroadcastReader(SegmentSlot& slot) : m_slot(slot) {}
 
-    // Whether there is a message newer than the last one seen, which it then is when `update` says
-    // so. Puts the ID of a writer that was set up anew back behind the last one seen.
+    // With the segment's mutex held: whether there is a message newer than the last one seen, which
+    // it then is when `update` says so. Puts the ID of a writer that was set up anew back behind
+    // the last one seen.
     bool advance(bool update);
-    // Waits at most that long for advance(true).
+    // Waits at most that long for advance(false).
     bool wait(std::chrono::milliseconds timeout);
-    // Takes the message that advance(true) has found. Empty, after a log line, when its lengths
-    // cannot be right, or when its writer kept writing over it.
+    // Takes the newest message, which is then the last one seen. Empty, after a log line, when its
+    // lengths cannot be right, or when its writer kept writing over it.
     std::string take();
     // To be called after a wait without a message. A count of ready readers of 0 without a message
     // to take would keep every writer out for good: the second look that finds that raises it
@@ -45,10 +46,12 @@ private:
     long lastSeenByOthers();
     void remember(long lastSeenId);
     void rememberCount();
+    long countedAfterId() const;
 
     SegmentSlot& m_slot;
-    // The last message ID seen, and the one after which this reader counted itself as ready.
+    // The last message ID seen.
     long m_lastSeenId = 0;
+    // The one after which this reader counted itself as ready, unless the registry has that.
     long m_countedAfterId = 0;
     // The last look found the count to be 0 although this reader is counted.
     bool m_isCountLost = false;

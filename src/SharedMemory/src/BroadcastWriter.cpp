@@ -19,12 +19,13 @@ constexpr unsigned int kPauseMs = 1;
 // Readers that have seen an earlier writer's message take the next one for new only with a higher
 // ID.
 void raiseIdAboveReaders(SegmentSlot& slot) {
-    long last = slot.header().newMessageId;
+    const long current = slot.header().newMessageId;
+    long last = current;
     slot.registry().forEachOther([&](const RegistryEntry& entry) {
         if (entry.is(SegmentRegistry::Role::Reader)) last = std::max(last, entry.lastSeenId.load());
     });
-    if (last > slot.header().newMessageId && last < std::numeric_limits<long>::max()) {
-        slot.header().newMessageId = last;
+    if (last > current && last < std::numeric_limits<long>::max()) {
+        BroadcastCounts(slot.header()).moveId(slot.registry(), current, last);
     }
 }
 
@@ -43,9 +44,11 @@ void storeBroadcast(SegmentSlot& slot, const void* data, unsigned int length) {
 
 void BroadcastWriter::begin(bool isRenewed) {
     SharedMemoryHeader& header = m_slot.header();
-    m_settleMs = header.newMessageId == 0 || isRenewed ? 0 : kReadersSettleMs;
+    m_settleMs = 0;
     if (!isRenewed) {
-        header.newMessageId = 0;
+        const bool isFirst = header.newMessageId == 0;
+        const bool areUnknown = BroadcastCounts(header).restart(m_slot.registry());
+        if (areUnknown && !isFirst) m_settleMs = kReadersSettleMs;
         header.readMessageId = 0;
     }
     header.writerLockCount = 0;

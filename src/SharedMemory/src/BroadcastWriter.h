@@ -12,7 +12,8 @@ class BroadcastWriter : public SlotEnd {
 public:
     explicit BroadcastWriter(SegmentSlot& slot) : m_slot(slot) {}
 
-    // Readers that knew an earlier writer's IDs are given 100 ms to put them back in place.
+    // Readers that knew an earlier writer's IDs, and are not in the registry, are given 100 ms to
+    // put them back in place.
     bool hasSettled(unsigned int now) const { return now - m_createdAt >= m_settleMs; }
     // One try to get the slot for the next message.
     bool tryLock(unsigned int now);

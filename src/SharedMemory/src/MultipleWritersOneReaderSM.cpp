@@ -45,9 +45,15 @@ void MultipleWritersOneReaderSM::UnlockWrite() {
     m_lock.unlock();
 }
 
-std::string MultipleWritersOneReaderSM::readMessage(unsigned int timeout) {
-    std::string message = SharedMemoryMacosx::readMessage(timeout);
-    m_lock.watch(ElapsedMillisecond(), m_reader.chunksTaken(), message.empty());
+bool MultipleWritersOneReaderSM::waitForMessage(unsigned int timeout) {
+    const bool waits = SharedMemoryMacosx::waitForMessage(timeout);
+    m_lock.watch(ElapsedMillisecond(), m_reader.chunksTaken(), !waits);
+    return waits;
+}
+
+std::string MultipleWritersOneReaderSM::takeMessage(unsigned int silence) {
+    std::string message = SharedMemoryMacosx::takeMessage(silence);
+    m_lock.watch(ElapsedMillisecond(), m_reader.chunksTaken(), false);
     return message;
 }
 

@@ -24,9 +24,10 @@ protected:
     // False, without a log line, when the lock could not be had within 2000 ms.
     bool writeMessage(const void* data, unsigned int length) override
         NORVO_REQUIRES(m_operationLock);
-    // An empty read also releases a lock that is 2001 ms old, unless chunks still came in that
-    // time.
-    std::string readMessage(unsigned int timeout) override NORVO_REQUIRES(m_operationLock);
+    // A wait without a chunk also releases a lock that is 2001 ms old, unless chunks still came in
+    // that time.
+    bool waitForMessage(unsigned int timeout) override NORVO_REQUIRES(m_operationLock);
+    std::string takeMessage(unsigned int silence) override NORVO_REQUIRES(m_operationLock);
 
 private:
     bool waitForLock(unsigned int timeout) NORVO_REQUIRES(m_operationLock);

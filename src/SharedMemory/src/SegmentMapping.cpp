@@ -34,7 +34,7 @@ const char* clientPrefix() {
 }
 
 std::string objectNameOf(const std::string& name) {
-    return std::to_string(geteuid()) + clientPrefix() + name;
+    return std::to_string(geteuid()) + SegmentMapping::prefixed(name);
 }
 
 bool isLackOfSpace(int error) { return error == ENOSPC || error == ENOMEM || error == EFBIG; }
@@ -59,6 +59,8 @@ SegmentMapping::~SegmentMapping() {
 unsigned int SegmentMapping::sizeFor(unsigned int capacity) {
     return capacity + static_cast<unsigned int>(sizeof(SharedMemoryHeader));
 }
+
+std::string SegmentMapping::prefixed(const std::string& name) { return clientPrefix() + name; }
 
 bool SegmentMapping::remove(const std::string& name) {
     return shm_unlink_mac(objectNameOf(name)) == 0;

@@ -50,6 +50,8 @@ public:
 
     // Removes the object of that name from the system. What has it mapped keeps it.
     static bool remove(const std::string& name);
+    // The prefix of the client type, and `name`.
+    static std::string prefixed(const std::string& name);
     // Bytes of the object of a segment with a data area of `capacity` bytes.
     static unsigned int sizeFor(unsigned int capacity);
 

@@ -1,7 +1,6 @@
 #include "SegmentRegistry.h"
 
 #include "NamedObject.h"
-#include "SharedMemoryLayout.h"
 
 namespace shared_memory {
 
@@ -14,16 +13,14 @@ SegmentRegistry::~SegmentRegistry() { close(); }
 
 bool SegmentRegistry::open(const std::string& name) {
     close();
-    m_object =
-        NamedObject::open(NamedObject::Kind::Registry, (kSegmentObjectPrefix + name).c_str());
+    m_object = NamedObject::open(NamedObject::Kind::Registry, name.c_str());
     if (m_object) m_entries = static_cast<Entries*>(m_object->area());
     return m_object != nullptr;
 }
 
 bool SegmentRegistry::openExisting(const std::string& name) {
     close();
-    m_object = NamedObject::openExisting(NamedObject::Kind::Registry,
-                                         (kSegmentObjectPrefix + name).c_str());
+    m_object = NamedObject::openExisting(NamedObject::Kind::Registry, name.c_str());
     if (m_object) m_entries = static_cast<Entries*>(m_object->area());
     return m_object != nullptr;
 }

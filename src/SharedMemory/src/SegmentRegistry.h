@@ -51,7 +51,8 @@ public:
     SegmentRegistry(const SegmentRegistry&) = delete;
     SegmentRegistry& operator=(const SegmentRegistry&) = delete;
 
-    // Opens the registry of segment `name`; the second form does not make one.
+    // Opens the registry of segment `name`, which says the client type, too
+    // (SegmentMapping::prefixed); the second form does not make one.
     bool open(const std::string& name);
     bool openExisting(const std::string& name);
     void close();
@@ -83,9 +84,15 @@ public:
     // Calls `action` with each entry in use that is not this end's.
     template <class Action>
     void forEachOther(const Action& action) {
+        forEach([&](RegistryEntry& entry) {
+            if (&entry != m_own) action(entry);
+        });
+    }
+    template <class Action>
+    void forEach(const Action& action) {
         if (!m_entries) return;
         for (RegistryEntry& entry : *m_entries)
-            if (&entry != m_own && entry.process.load() != 0) action(entry);
+            if (entry.process.load() != 0) action(entry);
     }
 
 private:

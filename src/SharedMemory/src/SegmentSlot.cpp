@@ -60,7 +60,7 @@ bool SegmentSlot::start(unsigned int capacity, bool create, bool isRenewed) {
     m_capacity = capacity;
     m_restIsClear = false;
     m_lastLook = Clock::now();
-    m_registry.open(m_name);
+    m_registry.open(SegmentMapping::prefixed(m_name));
     forgetGone();
     m_registry.enter(m_end->role());
     logLockTaken();

@@ -22,7 +22,8 @@ constexpr std::chrono::milliseconds kMutexWait{100};
 
 bool isOpen(const std::string& name, bool exceptHere) {
     SegmentRegistry registry;
-    return registry.openExisting(name) && registry.hasLivingProcess(exceptHere);
+    return registry.openExisting(SegmentMapping::prefixed(name)) &&
+           registry.hasLivingProcess(exceptHere);
 }
 
 // The mutex last: who finds it gone finds all gone, and makes all anew.
@@ -30,7 +31,7 @@ void removeAll(const std::string& name) {
     const std::string object = kSegmentObjectPrefix + name;
     using Kind = NamedObject::Kind;
     SegmentMapping::remove(name);
-    NamedObject::remove(Kind::Registry, object.c_str());
+    NamedObject::remove(Kind::Registry, SegmentMapping::prefixed(name).c_str());
     NamedObject::remove(Kind::Condition, (object + kReadConditionSuffix).c_str());
     NamedObject::remove(Kind::Condition, (object + kWriteConditionSuffix).c_str());
     NamedObject::remove(Kind::Mutex, object.c_str());

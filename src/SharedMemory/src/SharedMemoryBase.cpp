@@ -15,6 +15,9 @@ using VDIFrameworkCommon::LocalLock;
 namespace {
 
 constexpr unsigned int kReadWaitMs = 200;
+// A message, and a stop, wake the read thread; it looks by itself whether the object is still
+// there.
+constexpr unsigned int kLongWaitMs = 1000;
 // A living writer gives a message up when a chunk of it has waited this long.
 constexpr milliseconds kLongestSilence{2000};
 
@@ -102,14 +105,17 @@ std::string SharedMemoryBase::ReadData(unsigned int& length, unsigned int timeou
     length = 0;
     if (!isOpen() || !mayOperate(Mode::Reader)) return message;
     LocalLock operation(m_operationLock);
-    if (m_gate.isPassable()) message = readMessage(timeout);
+    if (m_gate.isPassable() && waitForMessage(timeout)) message = takeMessage(timeout);
     length = static_cast<unsigned int>(message.size());
     return message;
 }
 
-std::string SharedMemoryBase::readMessage(unsigned int timeout) {
-    if (!m_reader.wait(Clock::now() + milliseconds(timeout))) return {};
-    return m_reader.take(milliseconds(timeout));
+bool SharedMemoryBase::waitForMessage(unsigned int timeout) {
+    return m_reader.wait(Clock::now() + milliseconds(timeout));
+}
+
+std::string SharedMemoryBase::takeMessage(unsigned int silence) {
+    return m_reader.take(milliseconds(silence));
 }
 
 bool SharedMemoryBase::ReadData(void** data, unsigned int& length) {
@@ -119,7 +125,7 @@ bool SharedMemoryBase::ReadData(void** data, unsigned int& length) {
     std::string message;
     {
         LocalLock operation(m_operationLock);
-        if (m_gate.isPassable()) message = takeMessage();
+        if (m_gate.isPassable()) message = takeMessageNow();
     }
     if (message.empty()) return false;
     auto* bytes = new (std::nothrow) char[message.size()];
@@ -130,7 +136,7 @@ bool SharedMemoryBase::ReadData(void** data, unsigned int& length) {
     return true;
 }
 
-std::string SharedMemoryBase::takeMessage() { return m_reader.takeNow(kLongestSilence); }
+std::string SharedMemoryBase::takeMessageNow() { return m_reader.takeNow(kLongestSilence); }
 
 bool SharedMemoryBase::NewMessage(bool /*update*/) {
     const SegmentSlot::Section section(m_slot);
@@ -155,13 +161,17 @@ void SharedMemoryBase::unsubscribeObserver(SharedMemoryObserverI* observer) {
 void SharedMemoryBase::unsubscribeAllObservers() { m_readThread.unsubscribeAll(); }
 
 std::string SharedMemoryBase::readForObservers() {
-    if (!follow(m_controller->canRead(), m_lastCanRead, "Canread")) {
+    if (!canRead()) {
         m_readThread.pause(kReadWaitMs);
         return {};
     }
     LocalLock operation(m_operationLock);
-    if (!m_gate.isPassable()) return {};
-    return readMessage(kReadWaitMs);
+    if (!m_gate.isPassable() || !waitForMessage(kLongWaitMs) || !canRead()) return {};
+    return takeMessage(kReadWaitMs);
+}
+
+bool SharedMemoryBase::canRead() {
+    return follow(m_controller->canRead(), m_lastCanRead, "Canread");
 }
 
 bool SharedMemoryBase::follow(bool allowed, bool& last, const char* flag) {

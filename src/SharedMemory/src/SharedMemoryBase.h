@@ -66,9 +66,11 @@ protected:
     virtual SlotEnd& end(Mode mode) NORVO_REQUIRES(m_operationLock);
     virtual bool writeMessage(const void* data, unsigned int length)
         NORVO_REQUIRES(m_operationLock);
-    virtual std::string readMessage(unsigned int timeout) NORVO_REQUIRES(m_operationLock);
+    virtual bool waitForMessage(unsigned int timeout) NORVO_REQUIRES(m_operationLock);
+    // After it: takes the message, whose chunks follow each other within `silence` ms.
+    virtual std::string takeMessage(unsigned int silence) NORVO_REQUIRES(m_operationLock);
     // Takes a message that waits, without waiting for it.
-    virtual std::string takeMessage() NORVO_REQUIRES(m_operationLock);
+    virtual std::string takeMessageNow() NORVO_REQUIRES(m_operationLock);
 
     bool isOpen() const { return m_gate.isOpen(); }
     Mode mode() const { return m_mode.load(); }
@@ -88,6 +90,7 @@ protected:
 private:
     bool setUp(const std::string& name, unsigned int size, Mode mode);
     std::string readForObservers();
+    bool canRead();
     bool follow(bool allowed, bool& last, const char* flag);
     void logIllegalOperation();
 

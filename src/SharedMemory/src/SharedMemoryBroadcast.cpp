@@ -84,18 +84,23 @@ std::string SharedMemoryBroadcast::ReadData(unsigned int& length, unsigned int /
     return mayOperate(Mode::Reader) ? SharedMemoryBase::ReadData(length, kPollMs) : std::string();
 }
 
-std::string SharedMemoryBroadcast::readMessage(unsigned int timeout) {
-    if (m_broadcastReader.wait(std::chrono::milliseconds(timeout))) return m_broadcastReader.take();
-    m_broadcastReader.stayCounted();
-    return {};
+bool SharedMemoryBroadcast::waitForMessage(unsigned int timeout) {
+    const bool waits = m_broadcastReader.wait(std::chrono::milliseconds(timeout));
+    if (!waits) m_broadcastReader.stayCounted();
+    return waits;
 }
 
-std::string SharedMemoryBroadcast::takeMessage() {
+std::string SharedMemoryBroadcast::takeMessage(unsigned int /*silence*/) {
+    return m_broadcastReader.take();
+}
+
+std::string SharedMemoryBroadcast::takeMessageNow() {
     return NewMessage(true) ? m_broadcastReader.take() : std::string();
 }
 
 bool SharedMemoryBroadcast::NewMessage(bool update) {
-    return m_slot.isMapped() && m_broadcastReader.advance(update);
+    const SegmentSlot::Section section(m_slot);
+    return section && m_slot.isMapped() && m_broadcastReader.advance(update);
 }
 
 }  // namespace shared_memory

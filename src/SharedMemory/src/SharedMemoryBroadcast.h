@@ -32,8 +32,9 @@ protected:
     // Refuses what is longer than the capacity; fails when the slot could not be had in 3000 ms.
     bool writeMessage(const void* data, unsigned int length) override
         NORVO_REQUIRES(m_operationLock);
-    std::string readMessage(unsigned int timeout) override NORVO_REQUIRES(m_operationLock);
-    std::string takeMessage() override NORVO_REQUIRES(m_operationLock);
+    bool waitForMessage(unsigned int timeout) override NORVO_REQUIRES(m_operationLock);
+    std::string takeMessage(unsigned int silence) override NORVO_REQUIRES(m_operationLock);
+    std::string takeMessageNow() override NORVO_REQUIRES(m_operationLock);
     bool NewMessage(bool update) override NORVO_REQUIRES(m_operationLock);
     SlotEnd& end(Mode mode) override NORVO_REQUIRES(m_operationLock);
 

@@ -17,6 +17,8 @@ namespace system_specific = process_identity_system;
 constexpr unsigned kTagShift = 44;
 constexpr unsigned kStartShift = 24;
 constexpr Word kFieldMask = 0xfffff;
+// The most that any of the systems can be set to.
+constexpr pid_t kHighestPid = 1 << 22;
 
 std::atomic<Word> g_own{0};
 
@@ -45,8 +47,6 @@ Word lookAtSelf() {
     return own;
 }
 
-bool isComparable(Word word) { return tagOf(word) == tagOf(ProcessIdentity::own()); }
-
 }  // namespace
 
 Word ProcessIdentity::own() {
@@ -66,15 +66,21 @@ Word ProcessIdentity::compose(std::uint64_t namespaceTag, std::uint64_t startTim
            (static_cast<Word>(pid) & (kUserBit - 1));
 }
 
+bool ProcessIdentity::isImpossible(Word word) {
+    return tagOf(word) == 0 || pid(word) == 0 || pid(word) > kHighestPid;
+}
+
+bool ProcessIdentity::isComparable(Word word) { return tagOf(word) == tagOf(own()); }
+
 bool ProcessIdentity::hasNoProcess(Word word) {
+    if (isImpossible(word)) return true;
     if (!isComparable(word)) return false;
-    // 0 would be the caller's process group, and is nobody's ID.
-    return pid(word) == 0 || (kill(pid(word), 0) != 0 && errno == ESRCH);
+    return kill(pid(word), 0) != 0 && errno == ESRCH;
 }
 
 bool ProcessIdentity::isGone(Word word) {
-    if (!isComparable(word)) return false;
     if (hasNoProcess(word)) return true;
+    if (!isComparable(word)) return false;
     const auto state = system_specific::look(pid(word));
     if (!state.known) return hasNoProcess(word);  // a zombie may have been reaped meanwhile
     return state.ended || !startedAt(word, state.startTime);

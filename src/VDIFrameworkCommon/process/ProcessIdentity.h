@@ -25,9 +25,15 @@ public:
     static pid_t pid(Word word) { return static_cast<pid_t>(word & (kUserBit - 1)); }
 
     // Whether that process has ended: it is not there, it is a zombie, or its ID belongs to a later
-    // one. False in doubt, and always for a process of another namespace, of which nothing can be
-    // known. About 6 us.
+    // one; or no process can have that word. False in doubt, and always for a process of another
+    // namespace, of which nothing can be known. About 6 us.
     static bool isGone(Word word);
+
+    // No process can have this word: it is not one that own() made, or has been written over.
+    static bool isImpossible(Word word);
+
+    // Whether the two functions here can judge it: it is of this process's own namespaces.
+    static bool isComparable(Word word);
 
     // A cheaper look, under 1 us, that takes a zombie and a reused ID for the process itself.
     static bool hasNoProcess(Word word);

@@ -17,7 +17,7 @@ namespace {
 using Identity = ProcessIdentity::Word;
 
 // A notifier may be killed between its count and its wake-up; a sleeper finds out after this time.
-constexpr std::chrono::milliseconds kSlice{250};
+constexpr std::chrono::milliseconds kSlice{1000};
 constexpr int kLooksPerClockRead = 8;
 constexpr std::uint32_t kMostCpus = 1U << 20U;
 

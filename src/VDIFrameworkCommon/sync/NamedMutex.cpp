@@ -16,6 +16,7 @@ using Identity = ProcessIdentity::Word;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLockLimit{2000};
+constexpr std::chrono::seconds kUnknownLimit{10};
 constexpr Identity kContended = ProcessIdentity::kUserBit;
 constexpr int kSpins = 40;
 
@@ -124,7 +125,7 @@ bool NamedMutex::lockFor(milliseconds limit) {
     NamedObjectWords& words = m_object->words();
     const Identity me = ProcessIdentity::own();
     if (!replaceOwner(words, 0, me) && !spinForLock(words, me) &&
-        !Waiter(*m_object, me, limit).wait()) {
+        !Waiter(*m_object, me, limit).wait() && !takeFromUnknown(me)) {
         return false;
     }
     m_holder.store(me, std::memory_order_relaxed);
@@ -136,6 +137,29 @@ bool NamedMutex::owns() const {
 }
 
 bool NamedMutex::isCurrent() const { return !m_object || m_object->isCurrent(); }
+
+// What stands there may also be garbage that somebody wrote.
+bool NamedMutex::takeFromUnknown(std::uint64_t me) {
+    NamedObjectWords& words = m_object->words();
+    Identity found = words.owner.load();
+    const Identity owner = found & ~kContended;
+    const std::uint64_t released = words.released.load();
+    const auto now = WaitClock::now();
+    const LocalLock lock(m_unknownMutex);
+    if (owner == 0 || ProcessIdentity::isComparable(owner) || owner != m_unknownOwner ||
+        released != m_unknownReleased) {
+        m_unknownOwner = owner;
+        m_unknownReleased = released;
+        m_unknownSince = now;
+        return false;
+    }
+    if (now - m_unknownSince < kUnknownLimit) return false;
+    m_unknownOwner = 0;
+    if (!words.owner.compare_exchange_strong(found, me | kContended)) return false;
+    NORVO_LOG(Warning, "Took over named mutex ", m_object->name(),
+              " from an owner of another namespace that has kept it for 10 s");
+    return true;
+}
 
 bool NamedMutex::unlock() {
     if (!m_object) return false;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "LocalMutex.h"
 #include "Mutex.h"
 
 namespace VDIFrameworkCommon {
@@ -33,7 +34,8 @@ public:
     // Waits for at most 2000 ms. False when a living owner kept the lock that long, or when the
     // handle was never created.
     bool lock() override;
-    // The same with another limit.
+    // The same with another limit. An owner of another process-ID namespace, of which nothing can
+    // be known, keeps its lock for 10 s from when this handle first found it in the way.
     bool lockFor(std::chrono::milliseconds limit);
 
     // Releases what this handle holds, or what a dead process left behind. False when there was
@@ -48,7 +50,14 @@ public:
     bool isCurrent() const;
 
 private:
+    bool takeFromUnknown(std::uint64_t me);
+
     std::shared_ptr<NamedObject> m_object;
+    LocalMutex m_unknownMutex;
+    // An owner that cannot be judged, how often the lock had been released then, and since when.
+    std::uint64_t m_unknownOwner NORVO_GUARDED_BY(m_unknownMutex) = 0;
+    std::uint64_t m_unknownReleased NORVO_GUARDED_BY(m_unknownMutex) = 0;
+    std::chrono::steady_clock::time_point m_unknownSince NORVO_GUARDED_BY(m_unknownMutex){};
     // The identity of this process while it holds the lock through this handle. A copy in a forked
     // child names the parent, which is right: the child holds nothing.
     std::atomic<std::uint64_t> m_holder{0};
