@@ -102,8 +102,8 @@ void Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, in
     const auto joined = link();
     waitForEnd(*joined, listener);
     joined->end("this host stops");
-    setLink(nullptr);
     m_plugin.ChannelActive(0);
+    setLink(nullptr);
     say("left " + peer + ": " + joined->closeReason());
 }
 
@@ -137,7 +137,7 @@ int Host::append(const void* data, std::uint32_t length, std::uintptr_t, void* c
     ++host->m_appending;
     if (const auto link = host->link()) {
         if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
-        link->send(data, length);
+        if (!link->send(data, length)) host->waitUntilLeft(link);
     }
     --host->m_appending;
     return 0;
@@ -169,8 +169,18 @@ std::shared_ptr<PacketLink> Host::link() {
 }
 
 void Host::setLink(std::shared_ptr<PacketLink> link) {
+    {
+        LocalLock lock(m_mutex);
+        m_link = std::move(link);
+    }
+    m_left.notify_all();
+}
+
+// A link that is closed takes nothing: what the plug-in has not handed over yet is not lost in it
+// while the plug-in is about to hear of the loss.
+void Host::waitUntilLeft(const std::shared_ptr<PacketLink>& link) {
     LocalLock lock(m_mutex);
-    m_link = std::move(link);
+    while (m_link == link) m_left.wait(m_mutex);
 }
 
 }  // namespace vcctl

@@ -51,6 +51,7 @@ private:
     void waitForEnd(PacketLink& link, int listener) const;
     std::shared_ptr<PacketLink> link();
     void setLink(std::shared_ptr<PacketLink> link);
+    void waitUntilLeft(const std::shared_ptr<PacketLink>& link);
     void refuseToBeTheSecond();
 
     const ChannelKind& m_kind;
@@ -64,6 +65,7 @@ private:
     unsigned int m_greetings = 0;
     std::atomic<bool> m_peerHasGreeted = false;
     VDIFrameworkCommon::LocalMutex m_mutex;
+    VDIFrameworkCommon::LocalCondition m_left;
     std::shared_ptr<PacketLink> m_link NORVO_GUARDED_BY(m_mutex);
 };
 

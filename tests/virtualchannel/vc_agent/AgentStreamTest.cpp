@@ -145,6 +145,42 @@ TEST_F(AgentStream, LocalDataTravelsWithItsStreamAndPriority) {
     }
 }
 
+TEST_F(AgentStream, IsNotReadWhileNobodyIsThereToSendTo) {
+    const auto segment = runningStream("Media", true);
+    const auto read = [&](const char* text) {
+        return std::async(std::launch::async, [=] { segment->localProcessWrites(text); });
+    };
+    const auto isOver = [](std::future<void>& reading) {
+        return reading.wait_for(std::chrono::milliseconds(20)) == std::future_status::ready;
+    };
+    m_channel.deliver(control(CTL_DISCONNECT));
+    auto inHand = read("in hand");
+    EXPECT_FALSE(isOver(inHand));
+
+    std::atomic<int> refused{0};
+    m_channel.onStreamData = [&] { return refused++ > 0; };
+    m_side.connect();
+    EXPECT_TRUE(eventually([&] { return refused == 1; }));
+    EXPECT_FALSE(isOver(inHand));  // not tried again in the same connection
+    EXPECT_EQ(refused, 1);
+    m_channel.deliver(control(CTL_DISCONNECT));
+    m_channel.deliver(control(CTL_CONNECTED));
+    inHand.get();
+    const auto goesOut = [&] {
+        for (const auto& sent : m_channel.takeSent()) {
+            if (sent.bytes == wireOf(routed("Media", "in hand"))) return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(goesOut());
+
+    m_channel.deliver(control(CTL_DISCONNECT));
+    auto waiting = read("never sent");
+    EXPECT_FALSE(isOver(waiting));
+    m_side.agent->stop();
+    waiting.get();
+}
+
 TEST_F(AgentStream, AFailedSegmentIsReportedAndSetUpAsSoonAsThatIsPossible) {
     m_side.machine->segmentsFail = true;
     m_side.request("CreateStream|Media|500");

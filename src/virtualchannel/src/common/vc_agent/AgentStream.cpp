@@ -93,7 +93,7 @@ void Agent::Stream::close() {
 void Agent::Stream::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
     if (!m_running || m_context.stopping || message.empty()) return;
     use.note();
-    m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority);
+    m_link.sendRoutedData(m_name, m_type, m_size, std::move(message), m_lowPriority, m_running);
 }
 
 void Agent::Stream::WriterProcessingThread() {
