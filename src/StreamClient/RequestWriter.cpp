@@ -35,8 +35,15 @@ bool RequestSlot::open(const std::string& name) {
     return m_gate.isOpen() || m_slot.open(name, kInfoSegmentSize, true, *this);
 }
 
+// One that has not taken the message in the slot is left in the count of those that came: without
+// it there the message would seem to be taken.
 void RequestSlot::forget(const RegistryEntry& gone) {
-    BroadcastCounts(m_slot.header()).remove(gone);
+    const bool isReady = gone.countedAfterId == m_slot.header().newMessageId;
+    if (isReady || !gone.is(SegmentRegistry::Role::Reader)) {
+        BroadcastCounts(m_slot.header()).remove(gone);
+    } else if (gone.isInside == 1) {
+        BroadcastCounts(m_slot.header()).removeInside();
+    }
 }
 
 long RequestSlot::tryPlace(const std::string& text) {

@@ -68,9 +68,11 @@ TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     shared_memory::SegmentMapping slot;
     ASSERT_TRUE(slot.open(kSegment, VDIFrameworkCommon::kInfoSegmentSize, false));
     slot.header()->lockWord2 = 0;
+    const long before = slot.header()->newMessageId;
     RequestWriter writer(kSegment);
     auto sent = std::async([&] { return writer.send("after all", Clock::now() + 20s); });
-    ASSERT_TRUE(testsupport::eventually([&] { return slot.header()->newMessageId > 0; }, 10s));
+    ASSERT_TRUE(
+        testsupport::eventually([&] { return slot.header()->newMessageId != before; }, 10s));
     unsigned int length = 0;
     EXPECT_EQ(agent->ReadData(length, 0), "after all");
     EXPECT_TRUE(sent.get());
