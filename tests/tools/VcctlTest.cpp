@@ -329,6 +329,8 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         int status;
         const char* text;
     } uses[] = {
+        {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
+        {"streams", 0, "no segments in this session"},
         {"", 2, "subcommand"},
         {"nonsense", 2, "'nonsense' is not a command"},
         {"host", 2, "--listen, --connect, --stdio and --exec"},
@@ -343,8 +345,6 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         {"host --kind morse --listen 127.0.0.1:0", 2, "--kind"},
         {"host --listen 127.0.0.1:0 --library /etc/hostname", 1, "cannot load the plug-in library"},
         {"host --listen 127.0.0.1:0 --capture /dev/full", 1, "No space left"},
-        {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
-        {"streams", 0, "no segments in this session"},
         {"ask Nonsense", 2, "RequestVCProcessId"},
         {"ask SetLogPath relative", 2, "'relative' cannot be the request's DIRECTORY"},
         {"ask OpenStream foo 999999999", 2, "'999999999' cannot be the request's SIZE"},
