@@ -35,8 +35,6 @@ void expectOwnCapabilities(const VCMessage& message) {
 }  // namespace
 
 TEST_F(AgentHandshake, AnAgentPresentsItselfOnTheInfoStreamWhenItIsMade) {
-    EXPECT_TRUE(m_log.contains(
-        "side - Virtual Channel Agent created (PRINT_MESSAGES: disabled), version: 1.0.679.0"));
     EXPECT_EQ(m_side.segment(infoOutputName())->text(), "created broadcast 10240");
     EXPECT_EQ(m_side.segment(infoInputName())->text(), "opened broadcast 10240");
     EXPECT_TRUE(m_side.segment(infoInputName())->isObserved());
@@ -99,10 +97,6 @@ TEST_F(AgentHandshake, EachFieldOfTheHandshakeIsOptional) {
             EXPECT_EQ(side.operations(expected.size()), expected);
         }
     }
-    for (const auto* line : {"No peer virtual channel version", "No peer internal version",
-                             "No peer client version", "Receive Peer Supported Streams is empty"}) {
-        EXPECT_TRUE(m_log.contains(std::string("side - ") + line)) << line;
-    }
 }
 
 TEST_F(AgentHandshake, TwoAgentsThatConnectAtOnceBothEndUpConnected) {
@@ -125,11 +119,6 @@ TEST_F(AgentHandshake, NoPartIsTakenWhileAnotherAgentIsActive) {
     }
     EXPECT_EQ(m_channel.sentCount(), 0U);
     EXPECT_FALSE(m_side.agent->IsConnected());
-    for (const auto* what : {"OnVirtualChannelAvailabilityChange", "CTL_CONNECT",
-                             "CTL_CONNECT_READY", "CTL_CONNECTED"}) {
-        EXPECT_TRUE(m_log.contains(
-            std::string("Another virtual channel agent is connected, so ignore ") + what + "."));
-    }
     m_side.machine->otherAgentIsActive = false;
     m_side.becomesAvailable();  // the change above was not stored
     EXPECT_EQ(m_channel.sentCount(), 1U);
@@ -166,8 +155,6 @@ TEST_F(AgentHandshake, AConnectionIsLostAndFoundInOrder) {
     EXPECT_FALSE(m_side.agent->IsConnected());
     EXPECT_FALSE(m_side.machine->isMarked);
     EXPECT_EQ(m_side.operations(1), Texts{"ChannelDown"});
-    EXPECT_EQ(m_log.count("Finishing SendMessageToChannelAboutStreamThread thread/method"), 1);
-    EXPECT_EQ(m_log.count("Finishing CheckStreamStatesThread thread/method"), 1);
     m_channel.deliver(routed("Media", "late"));  // the stream runs on
 
     m_side.forgetNotifications(1);
@@ -190,13 +177,11 @@ TEST_F(AgentHandshake, LosingTheChannelEndsTheConnectionWithoutAWordToTheFarSide
     m_side.becomesAvailable();
     m_side.connect();
     m_side.becomesAvailable();
-    EXPECT_TRUE(m_log.contains("Availability didn't actually change"));
     m_side.becomesAvailable(false);
     EXPECT_FALSE(m_side.agent->IsConnected());
     m_side.connect();
     m_channel.callObserver([](auto& o) { o.OnVirtualChannelShutdown(); });
     EXPECT_FALSE(m_side.agent->IsConnected());
-    EXPECT_TRUE(m_log.contains("setting disconnect"));
     EXPECT_EQ(m_channel.sentCount(), 0U);
 }
 
@@ -231,17 +216,6 @@ TEST_F(AgentHandshake, WhatCannotBeUnderstoodIsLoggedAndDroppedOrSentBack) {
     EXPECT_EQ(answer.message().getUnsupportedMessageType(), 200);
     m_channel.deliver(answer.bytes);
     EXPECT_EQ(m_channel.sentCount(), 0U);
-
-    std::string dump = "side - HEX DATA ( 300 bytes  ): ";
-    for (int i = 0; i < 128; ++i) dump += "ab ";
-    const auto lines = m_log.lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), dump), 1);
-    for (const auto* text :
-         {"NULL message received. Probably pre-TPL3307 protocol on the other side [DE18836]",
-          "Message broken and cannot be processed", "Unknown ctrlOp code received '8'",
-          "Message is not supported, type: 200", "Message type not supported by peer, type: 200"}) {
-        EXPECT_TRUE(m_log.contains(text)) << text;
-    }
 }
 
 TEST_F(AgentHandshake, AnAgentWithoutAChannelGetsOneLater) {

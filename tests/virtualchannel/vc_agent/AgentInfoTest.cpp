@@ -50,7 +50,6 @@ TEST_F(AgentInfo, TheEnvironmentIsNamedByTheChannel) {
 
 TEST_F(AgentInfo, RunningStreamsAreListedAsALocalProcessSeesThem) {
     m_side.request("RequestNotifyStream");
-    EXPECT_TRUE(m_log.contains("agent disconnected:"));
     auto handshake = control(CTL_CONNECTED);
     handshake.setChannelVersion("9.8");
     handshake.setSupportedStreams("Basic-");
@@ -75,7 +74,6 @@ TEST_F(AgentInfo, FlushLogReachesTheFarSide) {
     const auto sent = takeOne();
     EXPECT_EQ(sent.message().getMessageType(), CTL_LOGFLUSH);
     m_channel.deliver(sent.bytes);
-    EXPECT_TRUE(m_log.contains("Received CTL_LOGFLUSH."));
     EXPECT_EQ(m_channel.sentCount(), 0U);
 }
 

@@ -38,18 +38,15 @@ TEST_F(AgentStream, ALocalProcessAsksForAStreamAndTheFarSideConfirmsIt) {
     ASSERT_TRUE(segment);
     EXPECT_EQ(segment->text(), "created plain 500");
     m_side.request("OpenStream|Media|900");  // there is one, whatever its type
-    EXPECT_TRUE(m_log.contains("Stream is in use in the other direction: Media"));
     EXPECT_EQ(m_side.sentTexts(2), (Texts{"6 Media 1 500", "6 Media 1 500"}));
 
     m_channel.deliver(routed("Media", "before it runs"));
-    EXPECT_TRUE(m_log.contains(" NO, other side hasn't requested the stream yet"));
     EXPECT_EQ(segment->written(), Texts{});
     m_channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
     m_channel.deliver(routed("Media", "while it runs"));
     expectWritten(*segment, {"before it runs", "while it runs"});
 
     m_channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
-    EXPECT_TRUE(m_log.contains("Stream 'Media' is already being processed. "));
     EXPECT_EQ(m_side.segment(infoOutputName())->written(), Texts{});
     m_side.request("OpenStream|Media|900");
     EXPECT_EQ(m_side.notifications(1), Texts{"StreamUp|Media|READ"});
@@ -68,7 +65,6 @@ TEST_F(AgentStream, TheFarSideAsksForBothDirections) {
     EXPECT_TRUE(m_side.segment("Media")->isObserved());
 
     m_channel.deliver(aboutStream(CTL_S_CREATE, "Generic", 2));
-    EXPECT_TRUE(m_log.contains("Failed to Create Stream."));
     EXPECT_FALSE(m_side.segment("Generic"));
 }
 
@@ -100,37 +96,13 @@ TEST_F(AgentStream, TwoAgentsPairAStreamWhoeverAsks) {
 
 TEST_F(AgentStream, MessagesAboutUnknownStreamsMakeThemOrAreAnsweredWithAnError) {
     m_channel.deliver(routed("Media", "first"));
-    EXPECT_TRUE(m_log.contains(
-        "Received CTL_S_ROUTE, there was no receiveing stream found, so recreating it."));
     EXPECT_EQ(m_side.sentTexts(1), Texts{"6 Media 1 1000"});
     m_channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
     expectWritten(*m_side.segment("Media"), {"first"});
 
     m_channel.deliver(aboutStream(CTL_S_CREATED, "Nobody", kRead, 7));
-    EXPECT_TRUE(m_log.contains("Stream 'Nobody' doesn't exist locally."));
     m_channel.deliver(routed(infoOutputName() + "/", "x"));
-    EXPECT_TRUE(m_log.contains("Stream not found, and could no be recreated!."));
     EXPECT_EQ(m_side.sentTexts(2), (Texts{"10 Nobody 1 7", "10 " + infoOutputName() + "/ 1 1000"}));
-}
-
-TEST_F(AgentStream, MessagesWithoutStreamDetailsAreDropped) {
-    for (const auto type : {CTL_S_CREATE, CTL_S_CREATED, CTL_S_ROUTE, CTL_S_ERROR}) {
-        auto message = control(type);
-        message.setStreamName("Media");
-        message.setStreamSize(10);
-        m_channel.deliver(message);
-    }
-    m_channel.deliver(aboutStream(CTL_S_ERROR, "Media", kRead));
-    m_channel.deliver(aboutStream(CTL_S_CREATE, "Media", kRead));
-    m_channel.deliver(aboutStream(CTL_S_ROUTE, "Media", kRead));
-    for (const auto* text :
-         {"CTL_S_CREATE without stream details. Broken protocol!",
-          "Stream details not provided. Broken protocol!",
-          "Message routing not possible - destination not specified",
-          "Remote agent communicated a Stream related error, without specifying the Stream",
-          "Remote agent communicated an error in Media", "Route msssage is invalid."}) {
-        EXPECT_EQ(m_log.count(text), 1) << text;
-    }
 }
 
 TEST_F(AgentStream, LocalDataTravelsWithItsStreamAndPriority) {
@@ -184,7 +156,6 @@ TEST_F(AgentStream, IsNotReadWhileNobodyIsThereToSendTo) {
 TEST_F(AgentStream, AFailedSegmentIsReportedAndSetUpAsSoonAsThatIsPossible) {
     m_side.machine->segmentsFail = true;
     m_side.request("CreateStream|Media|500");
-    EXPECT_TRUE(m_log.contains("Failed open info stream from shared memory: Media"));
     m_side.request("OpenStream|Basic|500");
     EXPECT_EQ(m_side.sentTexts(2), (Texts{"6 Media 1 500", "6 Basic 0 500"}));
     m_channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
@@ -396,8 +367,6 @@ TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
     EXPECT_EQ(m_side.notifications(1), Texts{"EnviromentType|citrix"});
 
     m_side.request("CreateStream|" + infoOutputName() + "|500");
-    EXPECT_TRUE(
-        m_log.contains("It's only possible to subscribe to INFO Stream: " + infoOutputName()));
 }
 
 TEST_F(AgentStream, ManyStreamsOfTheFarSideLeaveRoomForThoseOfLocalProcesses) {

@@ -77,6 +77,10 @@ public:
         m_changed.notify_all();
         return true;
     }
+    shared_memory::OpenError openError() override {
+        using shared_memory::OpenFailure;
+        return {m_open ? OpenFailure::None : OpenFailure::NoSpace};
+    }
     std::string getName() override { return m_name; }
     // A stuck reader holds a writer as long as the real one would: 2000 ms, or until it is closed.
     bool WriteData(const void* data, const unsigned int& length) override {
@@ -213,6 +217,7 @@ public:
         m_peerSegments.erase(name);
     }
     bool hasOtherActiveAgent() override { return otherAgentIsActive; }
+    long activeAgentProcess() override { return 4711; }
     bool markActive() override {
         isMarked = true;
         return !otherAgentIsActive;

@@ -4,11 +4,14 @@ target_sources(norvo_tests PRIVATE
     ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp
     AgentInfoTest.cpp
     AgentLifecycleTest.cpp
+    AgentLogTest.cpp
     AgentStreamTest.cpp
     BackToBackTest.cpp
     PeerSegmentTest.cpp
     TrafficProcesses.cpp)
 target_link_libraries(norvo_tests PRIVATE norvo_agent norvo_packets norvo_streamclient)
+set_property(SOURCE AgentLogTest.cpp TARGET_DIRECTORY norvo_tests
+    APPEND PROPERTY COMPILE_DEFINITIONS SESSION_LOG="${CMAKE_CURRENT_LIST_DIR}/AgentSession.txt")
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
     APPEND PROPERTY COMPILE_DEFINITIONS LLVMFuzzerTestOneInput=fuzzReceivePath)
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests

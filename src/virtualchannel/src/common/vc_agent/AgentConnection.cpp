@@ -57,7 +57,8 @@ void AgentConnection::begin(const ConnectionState::Transition& transition) {
               "Virtual Channel Agents is loaded by process id: ", utils::GetProcessId());
     if (auto* const channel = m_context.channel()) channel->onAgentStateChange(true);
     if (!m_context.environment->markActive()) {
-        AGENT_LOG(m_context, Warning, "Another virtual channel agent is marked as the active one.");
+        AGENT_LOG(m_context, Warning, "Another virtual channel agent is marked as the active one.",
+                  m_context.activeAgent());
     }
     m_state.enter(transition);
     m_context.letStreamsSend(true);
@@ -127,7 +128,8 @@ void AgentConnection::availabilityChanged(bool available) {
     if (m_context.environment->hasOtherActiveAgent()) {
         AGENT_LOG(m_context, Notice,
                   "Another virtual channel agent is connected, so ignore "
-                  "OnVirtualChannelAvailabilityChange.");
+                  "OnVirtualChannelAvailabilityChange.",
+                  m_context.activeAgent());
         // No connection outlives its channel, whoever the active agent is.
         if (!available && m_context.connected) setDisconnected();
         return;

@@ -49,6 +49,12 @@ public:
     const std::string infoOutputName;  // the agent writes, local processes read
     const std::string infoInputName;   // local processes write, the agent reads
 
+    // For a log line that says that another agent is active: which one.
+    std::string activeAgent() const {
+        const long process = environment->activeAgentProcess();
+        return process == 0 ? std::string() : " It is process " + std::to_string(process) + '.';
+    }
+
     // Set first thing when the agent ends: nothing is begun after that.
     std::atomic<bool> stopping{false};
     // The handshake is done. Written by ConnectionState only.

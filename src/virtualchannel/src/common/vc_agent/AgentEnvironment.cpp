@@ -1,7 +1,10 @@
 #include "AgentEnvironment.h"
 
+#include <unistd.h>
+
 #include <thread>
 
+#include "AgentMark.h"
 #include "PeerSegmentRecord.h"
 #include "SegmentUse.h"
 #include "SharedMemoryFactory.h"
@@ -38,6 +41,9 @@ public:
 
     bool hasOtherActiveAgent() override {
         return SharedMemoryRWController::getInstance()->hasOtherActiveVirtualChannelAgent();
+    }
+    long activeAgentProcess() override {
+        return VDIFrameworkCommon::AgentMark::ofThisProcess().holderOf(geteuid()).value_or(0);
     }
     bool markActive() override {
         return SharedMemoryRWController::getInstance()->markCurrentVirtualChannelAgentAsActive();

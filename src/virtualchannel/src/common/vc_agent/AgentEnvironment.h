@@ -42,6 +42,8 @@ public:
 
     // The mark of the one agent that is active on this machine.
     virtual bool hasOtherActiveAgent() = 0;
+    // The process that has it; 0 when there is none, or its ID is not known.
+    virtual long activeAgentProcess() { return 0; }
     // False when another process has the mark.
     virtual bool markActive() = 0;
     virtual void clearActive() = 0;

@@ -14,7 +14,7 @@ bool ControlProtocol::ignoresHandshake(const char* messageName) {
     if (m_context.stopping) return true;
     if (!m_context.environment->hasOtherActiveAgent()) return false;
     AGENT_LOG(m_context, Notice, "Another virtual channel agent is connected, so ignore ",
-              messageName, ".");
+              messageName, ".", m_context.activeAgent());
     return true;
 }
 

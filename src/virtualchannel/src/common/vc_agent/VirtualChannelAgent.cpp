@@ -115,6 +115,11 @@ void Agent::begin(VirtualChannel* channel) {
     const AgentContext& context = *m_parts;
     AGENT_LOG(context, Notice, "Virtual Channel Agent created (PRINT_MESSAGES: ", "disabled",
               "), version: ", kChannelVersion);
+    if (context.environment->hasOtherActiveAgent()) {
+        AGENT_LOG(context, Warning,
+                  "Another virtual channel agent is active, and this one idle until it has ended.",
+                  context.activeAgent());
+    }
     SetVirtualChannel(channel);
     m_parts->m_service.beginInfoOutput(kInfoSegmentSize);
     if (const int left = context.environment->removePeerSegmentsOfTheDead()) {
