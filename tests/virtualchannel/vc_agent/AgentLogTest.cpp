@@ -31,6 +31,7 @@ public:
         all += "\n# the agent's own threads\n";
         for (const auto& line : m_others) all += line + '\n';
         all = std::regex_replace(all, std::regex(std::to_string(getpid())), "PID");
+        all = std::regex_replace(all, std::regex("more in [0-9]+ s"), "more in TIME");
         return std::regex_replace(all, std::regex("0x[0-9a-f]+"), "POINTER");
     }
 

@@ -110,3 +110,6 @@ inline std::string_view shown(std::string_view text) { return text.substr(0, 300
 
 // A log line of the agent that `context` belongs to.
 #define AGENT_LOG(context, severity, ...) NORVO_LOG(severity, (context).logPrefix, __VA_ARGS__)
+// The same for what may happen again and again: `repeats` sums it up (LogRepeats.h).
+#define AGENT_LOG_REPEATED(context, repeats, severity, ...) \
+    NORVO_LOG_REPEATED(repeats, severity, (context).logPrefix, __VA_ARGS__)

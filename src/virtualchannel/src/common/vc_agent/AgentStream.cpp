@@ -62,10 +62,11 @@ void Agent::Stream::enqueue(std::string message) {
         return !m_isInfoOutput || !isConnectionChange(text);
     };
     if (m_queue.push(std::move(message), mayGo) > 0) {
-        AGENT_LOG(m_context, Notice,
-                  "Sending buffer full, removing the oldest message to make space for a new one, "
-                  "stream name: ",
-                  m_name);
+        AGENT_LOG_REPEATED(
+            m_context, m_dropped, Notice,
+            "Sending buffer full, removing the oldest message to make space for a new one, "
+            "stream name: ",
+            m_name);
     }
 }
 
@@ -102,9 +103,9 @@ void Agent::Stream::WriterProcessingThread() {
     while (running()) {
         auto message = m_queue.pop(running);
         if (!message) continue;
-        m_delivering = true;
+        m_delivering.store(true, std::memory_order_relaxed);
         deliver(*message);
-        m_delivering = false;
+        m_delivering.store(false, std::memory_order_relaxed);
         m_spares.giveBack(std::move(*message));
     }
     AGENT_LOG(m_context, Info, "Thread processing '", m_name, "' exiting");
@@ -112,20 +113,21 @@ void Agent::Stream::WriterProcessingThread() {
 
 void Agent::Stream::deliver(const std::string& message) {
     const auto length = static_cast<unsigned int>(message.size());
-    int severity = KLT::kltlogger::Notice;
-    while (m_running) {
+    for (bool failed = false; m_running; failed = true) {
         if (m_segment && m_segment->WriteData(message.data(), length)) {
             AGENT_LOG(m_context, Trace, length, " bytes delivered to address: ", m_name);
+            if (failed) m_undelivered.settled();
             return;
         }
         if (m_isInfoOutput) {
-            AGENT_LOG(m_context, Notice, "Bytes not delivered in stream: ", m_name,
-                      ", those bytes will not be written again.");
+            AGENT_LOG_REPEATED(m_context, m_undelivered, Notice,
+                               "Bytes not delivered in stream: ", m_name,
+                               ", those bytes will not be written again.");
             return;
         }
         m_context.environment->pause(kRetryPause);
-        NORVO_LOG_AT(severity, m_context.logPrefix, "Bytes not delivered in stream: ", m_name);
-        severity = KLT::kltlogger::Trace;  // up to 200 a second for the same message
+        AGENT_LOG_REPEATED(m_context, m_undelivered, Notice,
+                           "Bytes not delivered in stream: ", m_name);
     }
 }
 

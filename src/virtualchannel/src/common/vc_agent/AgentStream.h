@@ -87,6 +87,9 @@ private:
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_delivering{false};
 
+    KLT::kltlogger::LogRepeats m_dropped;
+    KLT::kltlogger::LogRepeats m_undelivered;
+
     VDIFrameworkCommon::LocalMutex m_serviceMutex;
     bool m_closed NORVO_GUARDED_BY(m_serviceMutex) = false;
     AgentThread m_writer NORVO_GUARDED_BY(m_serviceMutex);

@@ -62,7 +62,7 @@ void ControlProtocol::receive(const void* data, unsigned int length) {
     }
     VCMessage message;
     if (!message.parseInPlace(data, length)) {
-        AGENT_LOG(m_context, Warning, "Message broken and cannot be processed");
+        AGENT_LOG_REPEATED(m_context, m_broken, Warning, "Message broken and cannot be processed");
         dumpBroken(data, length);
     } else if (!message.isMessageTypeSupported()) {
         rejectType(message.rawMessageType());
@@ -80,7 +80,7 @@ void ControlProtocol::dumpBroken(const void* data, unsigned int length) {
         char digits[2];
         dump.append(digits, std::to_chars(digits, digits + 2, bytes[i], 16).ptr).push_back(' ');
     }
-    AGENT_LOG(m_context, Info, "HEX DATA ( ", length, " bytes  ): ", dump);
+    AGENT_LOG_REPEATED(m_context, m_dumps, Info, "HEX DATA ( ", length, " bytes  ): ", dump);
 }
 
 void ControlProtocol::rejectType(unsigned char type) {

@@ -57,6 +57,8 @@ private:
     PeerCapabilities& m_peer;
     StreamService& m_streams;
     AgentConnection& m_connection;
+    KLT::kltlogger::LogRepeats m_broken;
+    KLT::kltlogger::LogRepeats m_dumps;
 };
 
 }  // namespace VirtualChannelAgent

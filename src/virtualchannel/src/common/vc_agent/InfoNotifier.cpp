@@ -31,14 +31,17 @@ const char* environmentName(int channelType) {
 
 }  // namespace
 
+StreamPtr InfoNotifier::infoStream() const {
+    StreamPtr stream = m_context.findStream(m_context.infoOutputName);
+    if (!stream) AGENT_LOG(m_context, Warning, "Cannot find INFO Stream!");
+    return stream;
+}
+
 void InfoNotifier::notifyInfoS(std::string message) {
-    const StreamPtr stream = m_context.findStream(m_context.infoOutputName);
-    if (!stream) {
-        AGENT_LOG(m_context, Warning, "Cannot find INFO Stream!");
-        return;
-    }
+    const StreamPtr info = infoStream();
+    if (!info) return;
     AGENT_LOG(m_context, Info, "INFO-S subscribers notified: '", shown(message), "'");
-    stream->enqueue(std::move(message));
+    info->enqueue(std::move(message));
 }
 
 void InfoNotifier::notifyEvent(const char* operation) {
@@ -100,7 +103,7 @@ void InfoNotifier::notifyRunningStreams() {
         AGENT_LOG(m_context, Info, "agent disconnected:");
         return;
     }
-    const StreamPtr info = m_context.findStream(m_context.infoOutputName);
+    const StreamPtr info = infoStream();
     if (!info || rollCallWaits(*info)) return;
     m_rollCallOf = m_context.streamsBegun.load();
     const std::uint64_t at = info->queued();
@@ -111,11 +114,16 @@ void InfoNotifier::notifyRunningStreams() {
 }
 
 void InfoNotifier::notifyStream(const Agent::Stream& stream) {
-    notifyInfoS(MessageBuilder()
-                    .append("StreamUp")
-                    .append(stream.name())
-                    .append(utils::STypeToString(utils::GetMirroredSType(stream.type())))
-                    .msg());
+    const StreamPtr info = infoStream();
+    if (!info) return;
+    std::string message = MessageBuilder()
+                              .append("StreamUp")
+                              .append(stream.name())
+                              .append(utils::STypeToString(utils::GetMirroredSType(stream.type())))
+                              .msg();
+    AGENT_LOG_REPEATED(m_context, m_streamsUp, Info, "INFO-S subscribers notified: '",
+                       shown(message), "'");
+    info->enqueue(std::move(message));
 }
 
 void InfoNotifier::notifyIsSeamlessMode() {

@@ -42,11 +42,13 @@ public:
     void notifyStream(const Agent::Stream& stream) NORVO_TAKES_STREAMS;
 
 private:
+    StreamPtr infoStream() const NORVO_TAKES_STREAMS;
     bool rollCallWaits(const Agent::Stream& info) const NORVO_TAKES_LEAF;
 
     AgentContext& m_context;
     const PeerCapabilities& m_peer;
 
+    KLT::kltlogger::LogRepeats m_streamsUp;
     static constexpr std::uint64_t kNone = ~std::uint64_t{0};
     // The place of the last roll call in the order of all notifications.
     std::atomic<std::uint64_t> m_rollCallAt{kNone};

@@ -103,8 +103,15 @@ void InfoRequests::setLogPath(const Fields& fields) {
     VirtualChannelLogger_init(directory + "VirtualChannel.log");
 }
 
+// Two questions are asked again and again by who waits for something to happen.
 void InfoRequests::printMessage(const std::string& caption, const std::string& message) {
-    AGENT_LOG(m_context, Info, caption, shown(message));
+    if (message == "RequestNotifyStream") {
+        AGENT_LOG_REPEATED(m_context, m_rollCalls, Info, caption, message);
+    } else if (message == "RequestVCProcessId") {
+        AGENT_LOG_REPEATED(m_context, m_processIds, Info, caption, message);
+    } else {
+        AGENT_LOG(m_context, Info, caption, shown(message));
+    }
 }
 
 }  // namespace VirtualChannelAgent

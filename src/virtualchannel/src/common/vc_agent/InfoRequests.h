@@ -47,6 +47,8 @@ private:
     InfoNotifier& m_notifier;
     AgentConnection& m_connection;
     const ClientInfo m_clientInfo;
+    KLT::kltlogger::LogRepeats m_rollCalls;
+    KLT::kltlogger::LogRepeats m_processIds;
 };
 
 }  // namespace VirtualChannelAgent

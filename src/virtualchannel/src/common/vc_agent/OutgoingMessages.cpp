@@ -11,9 +11,10 @@ constexpr std::chrono::milliseconds kPacedPause{5};
 void OutgoingMessages::SendMessageToChannelAboutStream(MessageTypeEnum type,
                                                        const StreamDetails& stream, Pace pace) {
     if (m_queue.push({stream, type, pace}) > 0) {
-        AGENT_LOG(m_context, Notice,
-                  "Sending buffer to virtual channel full, removing the oldest message to make "
-                  "space for a new one.");
+        AGENT_LOG_REPEATED(
+            m_context, m_dropped, Notice,
+            "Sending buffer to virtual channel full, removing the oldest message to make "
+            "space for a new one.");
     }
 }
 

@@ -40,6 +40,7 @@ private:
 
     AgentContext& m_context;
     VDIFrameworkCommon::BoundedQueue<Message> m_queue{{kMaxQueuedMessages}};
+    KLT::kltlogger::LogRepeats m_dropped;
     AgentThread m_thread NORVO_GUARDED_BY(lock_order::transition);
 };
 

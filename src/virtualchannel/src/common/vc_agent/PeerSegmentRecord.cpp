@@ -34,12 +34,17 @@ ProcessIdentity::Word finished(ProcessIdentity::Word process) {
     return process | ProcessIdentity::kUserBit;
 }
 
+enum class Missing { Make, Leave };
+
 // Calls `action` with each place until it returns true. Whether one did.
 template <class Action>
-bool anyPlace(const Action& action) {
+bool anyPlace(Missing missing, const Action& action) {
     for (std::size_t i = 0; i < kObjects; ++i) {
         const std::string name = "PeerSegments" + std::to_string(i);
-        const auto object = NamedObject::open(NamedObject::Kind::Registry, name.c_str());
+        constexpr auto kKind = NamedObject::Kind::Registry;
+        const auto object = missing == Missing::Make
+                                ? NamedObject::open(kKind, name.c_str())
+                                : NamedObject::openExisting(kKind, name.c_str());
         if (!object) return false;
         for (Place& place : *static_cast<Places*>(object->area())) {
             if (action(place)) return true;
@@ -67,13 +72,13 @@ bool claim(Place& place, const std::string& name) {
 
 void PeerSegmentRecord::add(const std::string& name) {
     if (!isUsableStreamName(name)) return;
-    anyPlace([&](Place& place) { return claim(place, name); });
+    anyPlace(Missing::Make, [&](Place& place) { return claim(place, name); });
 }
 
 void PeerSegmentRecord::remove(const std::string& name) {
     const auto own = finished(ProcessIdentity::own());
     const bool gone = shared_memory::removeSegmentIfUnused(name);
-    anyPlace([&](Place& place) {
+    anyPlace(Missing::Leave, [&](Place& place) {
         if (place.process != own || nameIn(place) != name) return false;
         if (gone) place.process = 0;
         return true;
@@ -82,7 +87,7 @@ void PeerSegmentRecord::remove(const std::string& name) {
 
 int PeerSegmentRecord::removeLeftovers() {
     int removed = 0;
-    anyPlace([&](Place& place) {
+    anyPlace(Missing::Leave, [&](Place& place) {
         ProcessIdentity::Word process = place.process;
         if (process == 0 || !ProcessIdentity::isGone(process)) return false;
         const std::string name = nameIn(place);

@@ -105,8 +105,8 @@ bool StreamService::admits(const StreamDetails& wanted, Requester requester) {
         isInfo ? "it is an INFO stream"
                : refusalOfStream(wanted.name, wanted.size, requester == Requester::FarSide, m_load);
     if (refusal.empty()) return true;
-    AGENT_LOG(m_context, Warning, "Stream refused, ", refusal, ": ", shown(wanted.name), ", size ",
-              wanted.size);
+    AGENT_LOG_REPEATED(m_context, m_refused, Warning, "Stream refused, ", refusal, ": ",
+                       shown(wanted.name), ", size ", wanted.size);
     return false;
 }
 
@@ -130,9 +130,11 @@ bool StreamService::IsStreamRoutable(const Agent::Stream& stream) const {
     AGENT_LOG(m_context, Trace, "Agent::IsStreamRoutable(", stream.name(), ", ", stream.type(),
               ")");
     if (!m_context.connected) {
-        AGENT_LOG(m_context, Info, " NO, because agents are not connected");
+        AGENT_LOG_REPEATED(m_context, m_notRoutable, Info,
+                           " NO, because agents are not connected: ", stream.name());
     } else if (!stream.isRunning()) {
-        AGENT_LOG(m_context, Info, " NO, other side hasn't requested the stream yet");
+        AGENT_LOG_REPEATED(m_context, m_notRoutable, Info,
+                           " NO, other side hasn't requested the stream yet: ", stream.name());
     } else {
         AGENT_LOG(m_context, Trace, " Agent::IsStreamRoutable(", stream.name(), ", ", stream.type(),
                   ") YES, it's being routed");
@@ -166,11 +168,12 @@ void StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* 
               stream ? stream->name() : std::string(), " )");
     if (!stream) return;
     if (stream->type() != StreamType::WRITE || stream->name() == m_context.infoOutputName) {
-        AGENT_LOG(m_context, Warning, "Stream takes no data of the far side: ", stream->name());
+        AGENT_LOG_REPEATED(m_context, m_notTaken, Warning,
+                           "Stream takes no data of the far side: ", stream->name());
         return;
     }
     if (!IsStreamRoutable(*stream)) {
-        AGENT_LOG(m_context, Info, "The data waits until it is: ", stream->name());
+        AGENT_LOG(m_context, Trace, "The data waits until it is: ", stream->name());
     }
     stream->enqueue(data, length);
 }

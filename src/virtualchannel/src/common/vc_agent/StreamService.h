@@ -83,6 +83,9 @@ private:
     StreamLoad m_load NORVO_GUARDED_BY(m_creationMutex);
     std::set<std::string> m_madeForPeer NORVO_GUARDED_BY(m_creationMutex);
     StreamSegments m_segments{m_context};
+    KLT::kltlogger::LogRepeats m_refused;
+    mutable KLT::kltlogger::LogRepeats m_notRoutable;
+    KLT::kltlogger::LogRepeats m_notTaken;
 };
 
 }  // namespace VirtualChannelAgent
