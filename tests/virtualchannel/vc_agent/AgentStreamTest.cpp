@@ -356,6 +356,7 @@ TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
         m_channel.deliver(aboutStream(CTL_S_CREATE, "Media", kWrite, size));
     }
     EXPECT_EQ(m_side.machine->segmentCount(), before);
+    EXPECT_EQ(m_side.segment(infoInputName())->text(), "opened broadcast 10240");
 
     m_channel.deliver(routed(infoOutputName(), "SessionDown"));
     m_channel.deliver(aboutStream(CTL_S_CREATE, "Basic", kWrite));
