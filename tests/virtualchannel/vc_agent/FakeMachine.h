@@ -71,7 +71,7 @@ public:
         return setUp(name, size, false);
     }
     bool Close() override {
-        std::this_thread::sleep_for(closeTakes.load());
+        if (m_open) std::this_thread::sleep_for(closeTakes.load());
         std::lock_guard lock(m_mutex);
         m_open = false;
         m_changed.notify_all();
