@@ -300,7 +300,7 @@ TEST(LoggerAcrossProcesses, TheEndOfAProcessAndItsForkedChildWritesOnceWhatIsBuf
         messages.insert(line.substr(line.rfind(": ") + 2));
     }
     EXPECT_EQ(messages, (std::multiset<std::string>{"buffered", "child", "parent", "repeated",
-                                                "repeated ... 2 more in 0 s"}));
+                                                    "repeated ... 2 more in 0 s"}));
     EXPECT_EQ(processes.size(), 2U);
     const Texts lines = linesOfAnEnd("threads");
     EXPECT_TRUE(!lines.empty() && lines.front().ends_with(": buffered"));
