@@ -141,9 +141,9 @@ void declareEnd(bench::Suite& suite, const std::string& kind) {
 }
 
 void declareOfEveryKind(bench::Suite& suite, const std::string& kind) {
-    for (const std::size_t files : {1, 8}) declareMedia(suite, kind, files);
+    for (const std::size_t files : {1U, 8U}) declareMedia(suite, kind, files);
     declareShares(suite, kind);
-    for (const std::size_t streams : {1, 64}) declareMemory(suite, kind, streams, false);
+    for (const std::size_t streams : {1U, 64U}) declareMemory(suite, kind, streams, false);
     declareMemory(suite, kind, 1, true);
     declareOpening(suite, kind);
     declareEnd(suite, kind);
@@ -158,9 +158,9 @@ BENCH_SUITE(flow, "streams that compete for one channel: delays, shares, memory,
     declarePing(suite, 4, 1, 0.95);
     declarePing(suite, 16, 1.5, 0.94);
     declarePing(suite, 64, 3, 0.86);
-    for (const std::size_t kibibytes : {64, 256, 1024}) declareOneStream(suite, kibibytes);
+    for (const std::size_t kibibytes : {64U, 256U, 1024U}) declareOneStream(suite, kibibytes);
     for (const auto& kind : bench::kPacedKinds) {
-        for (const std::size_t kibibytes : {8, 64}) declareCeiling(suite, kind, kibibytes);
+        for (const std::size_t kibibytes : {8U, 64U}) declareCeiling(suite, kind, kibibytes);
     }
     declareCuts(suite);
 }
