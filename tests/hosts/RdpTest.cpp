@@ -144,6 +144,9 @@ public:
         m_channels.emplace(startInDesktop("exec xrdp-chansrv >/dev/null 2>&1"));
         m_xrdp.emplace(
             side.startShell("exec xrdp -n -c " + side.file("xrdp.ini") + " >/dev/null 2>&1"));
+        EXPECT_TRUE(eventually([&] {
+            return std::filesystem::exists(kFolder + "/xrdp_chansrv_socket_" + m_display.number());
+        }));
         start();
     }
     // Ending the X server ends the connection's own process of xrdp, which outlives its parent.
