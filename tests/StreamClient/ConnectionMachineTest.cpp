@@ -36,7 +36,7 @@ public:
     }
 
     // A new program at that end; what the old one had sent stays on its way.
-    void restart(int index) {
+    void restart(std::size_t index) {
         Machine::Settings settings;
         settings.blockSize = kBlock;
         settings.capacity = kCapacity;
@@ -51,9 +51,9 @@ public:
         end.epoch = m_epoch;
         end.finished = false;
     }
-    Machine& machine(int index) { return *m_ends[index].machine; }
-    const std::string& sent(int index) const { return m_ends[index].sent; }
-    const std::string& got(int index) const { return m_ends[index].got; }
+    Machine& machine(std::size_t index) { return *m_ends[index].machine; }
+    const std::string& sent(std::size_t index) const { return m_ends[index].sent; }
+    const std::string& got(std::size_t index) const { return m_ends[index].got; }
     bool below(int percent) { return static_cast<int>(m_random() % 100) < percent; }
 
     // Nothing passes from here on, or again; what is on its way is lost.
@@ -64,7 +64,7 @@ public:
             end.machine->setPath(up, now);
         }
     }
-    void write(int index) {
+    void write(std::size_t index) {
         End& end = m_ends[index];
         if (end.finished) return;
         std::string text(m_random() % 40, ' ');
@@ -72,25 +72,26 @@ public:
             text[i] = static_cast<char>(index * 91 + m_epoch * 17 + (end.sent.size() + i) * 7);
         end.sent.append(text, 0, end.machine->write(text.data(), text.size()));
     }
-    void finish(int index) {
+    void finish(std::size_t index) {
         m_ends[index].finished = true;
         m_ends[index].machine->finish();
     }
-    void read(int index) {
+    void read(std::size_t index) {
         char bytes[64];
         End& end = m_ends[index];
         end.got.append(bytes, end.machine->read(bytes, 1 + m_random() % sizeof bytes));
     }
-    void pass(int index) {
+    void pass(std::size_t index) {
         now += std::chrono::microseconds(m_random() % 2000);
         emit(index);
         deliver(1 - index);
-        for (const int each : {0, 1}) EXPECT_LE(machine(each).framesUnderWay(), kMessages + 8u);
+        for (const std::size_t each : {0U, 1U})
+            EXPECT_LE(machine(each).framesUnderWay(), kMessages + 8u);
     }
     // Both go on until nothing is left to do, or `limit` is over.
     bool settle(std::chrono::seconds limit = 60s) {
         for (const Time end = now + limit; now < end; now += 1ms) {
-            for (const int index : {0, 1}) {
+            for (const std::size_t index : {0U, 1U}) {
                 pass(index);
                 read(index);
             }
@@ -98,9 +99,9 @@ public:
         }
         return false;
     }
-    bool isDone(int index) { return machine(index).isOver() && machine(index).isAtEnd(); }
+    bool isDone(std::size_t index) { return machine(index).isOver() && machine(index).isAtEnd(); }
     void expectPrefixes() {
-        for (const int index : {0, 1}) {
+        for (const std::size_t index : {0U, 1U}) {
             const std::string& whole = sent(1 - index);
             ASSERT_LE(got(index).size(), whole.size());
             ASSERT_EQ(whole.compare(0, got(index).size(), got(index)), 0);
@@ -120,7 +121,7 @@ private:
         bool finished = false;
     };
 
-    void emit(int index) {
+    void emit(std::size_t index) {
         End& end = m_ends[index];
         while (const auto message = end.machine->nextFrame(now)) {
             const auto frame = ConnectionFrame::parse(*message);
@@ -133,7 +134,7 @@ private:
             if (m_up && !below(m_trouble.loss)) end.onTheWay.push_back(*message);
         }
     }
-    void deliver(int to) {
+    void deliver(std::size_t to) {
         auto& queue = m_ends[1 - to].onTheWay;
         while (!queue.empty() && !below(30)) {
             if (queue.size() > 1 && below(m_trouble.disorder)) std::swap(queue[0], queue[1]);
@@ -156,7 +157,7 @@ TEST(ConnectionMachine, WhatIsWrittenArrivesWholeThroughLossRepetitionDisorderAn
          ++seed) {
         World world(seed, troubles[seed % std::size(troubles)]);
         for (int step = 0; step < 700; ++step) {
-            const int index = world.below(50) ? 1 : 0;
+            const std::size_t index = world.below(50) ? 1 : 0;
             world.pass(index);
             if (world.below(40)) world.write(index);
             if (world.below(40)) world.read(1 - index);
@@ -179,7 +180,7 @@ TEST(ConnectionMachine, NothingOfAFormerConnectionIsTakenForThisOne) {
          ++seed) {
         World world(seed, {static_cast<int>(seed % 3) * 5, static_cast<int>(seed % 5) * 5, 0});
         for (int step = 0; step < 400; ++step) {
-            const int index = world.below(50) ? 1 : 0;
+            const std::size_t index = world.below(50) ? 1 : 0;
             world.pass(index);
             world.write(index);
             world.read(1 - index);
@@ -188,7 +189,7 @@ TEST(ConnectionMachine, NothingOfAFormerConnectionIsTakenForThisOne) {
             world.restart(index);
             Machine& other = world.machine(1 - index);
             const bool wasOpen = other.isOpen();
-            for (int i = 0; wasOpen && other.isOpen() && i < 30000; ++i) {
+            for (unsigned int i = 0; wasOpen && other.isOpen() && i < 30000; ++i) {
                 world.pass(i % 2);
                 world.now += 1ms;
             }
@@ -210,12 +211,12 @@ TEST(ConnectionMachine, NothingOfAFormerConnectionIsTakenForThisOne) {
 class OpenMachines : public testing::Test {
 protected:
     void SetUp() override {
-        for (int i = 0; i < 100 && !world.machine(1).isOpen(); ++i) world.pass(i % 2);
+        for (unsigned int i = 0; i < 100 && !world.machine(1).isOpen(); ++i) world.pass(i % 2);
         ASSERT_TRUE(world.machine(0).isOpen());
         ASSERT_TRUE(world.machine(1).isOpen());
     }
     // How long, from now, until that end fails.
-    std::chrono::milliseconds failsAfter(int index) {
+    std::chrono::milliseconds failsAfter(std::size_t index) {
         const Time start = world.now;
         while (world.machine(index).isOpen() && world.now - start < 200s) {
             world.machine(index).nextFrame(world.now);
@@ -238,7 +239,7 @@ TEST_F(OpenMachines, ABrokenPathIsEnduredForTheStatedTime) {
 }
 
 TEST_F(OpenMachines, APartnerThatIdlesForLongIsStillThere) {
-    for (int i = 0; i < 100'000; ++i) {
+    for (unsigned int i = 0; i < 100'000; ++i) {
         world.pass(i % 2);
         world.now += 1ms;
     }
@@ -248,10 +249,10 @@ TEST_F(OpenMachines, APartnerThatIdlesForLongIsStillThere) {
 
 TEST_F(OpenMachines, OneDirectionGoesOnAfterTheOtherHasEnded) {
     world.finish(0);
-    for (int i = 0; i < 100; ++i) world.pass(i % 2);
+    for (unsigned int i = 0; i < 100; ++i) world.pass(i % 2);
     EXPECT_TRUE(world.machine(1).isAtEnd());
     EXPECT_FALSE(world.machine(0).isOver());
-    for (int i = 0; i < 20; ++i) world.write(1);
+    for (unsigned int i = 0; i < 20; ++i) world.write(1);
     world.finish(1);
     ASSERT_TRUE(world.settle());
     EXPECT_EQ(world.got(0), world.sent(1));
@@ -260,11 +261,11 @@ TEST_F(OpenMachines, OneDirectionGoesOnAfterTheOtherHasEnded) {
 
 TEST_F(OpenMachines, AnAbortIsToldToThePartnerWhichKeepsWhatHasCome) {
     world.write(0);
-    for (int i = 0; i < 20; ++i) world.pass(i % 2);
+    for (unsigned int i = 0; i < 20; ++i) world.pass(i % 2);
     world.machine(0).abort(world.now);
-    for (int i = 0; i < 20; ++i) world.pass(i % 2);
+    for (unsigned int i = 0; i < 20; ++i) world.pass(i % 2);
     EXPECT_EQ(world.machine(1).failure().reason(), Reason::PeerGone);
-    for (int i = 0; i < 20; ++i) world.read(1);
+    for (unsigned int i = 0; i < 20; ++i) world.read(1);
     EXPECT_EQ(world.got(1), world.sent(0));
 }
 

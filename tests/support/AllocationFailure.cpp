@@ -22,14 +22,31 @@ bool AllocationFailure::happened() const { return t_failed; }
 
 }  // namespace testsupport
 
-// The other forms of new and delete come down to these two pairs.
-void* operator new(std::size_t size) {
+namespace {
+
+void* allocate(std::size_t size) noexcept {
     if (t_untilFailure > 0 && --t_untilFailure == 0) {
         t_failed = true;
-        throw std::bad_alloc();
+        return nullptr;
     }
-    if (void* const memory = std::malloc(size ? size : 1)) return memory;
+    return std::malloc(size ? size : 1);
+}
+
+void* allocateOrThrow(std::size_t size) {
+    if (void* const memory = allocate(size)) return memory;
     throw std::bad_alloc();
 }
+
+}  // namespace
+
+// All forms but the aligned ones: a sanitizer's own would otherwise meet the memory of these.
+void* operator new(std::size_t size) { return allocateOrThrow(size); }
+void* operator new[](std::size_t size) { return allocateOrThrow(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
 void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }

@@ -164,10 +164,10 @@ TEST_F(Reassembly, GivesTheMemoryOfALargeMessageBack) {
     };
     const long before = resident();
     const std::string half(50 << 20, 'h');
-    for (const std::uint32_t sequence : {1, 2}) receivePart(1, sequence, 2, 100 << 20, half);
+    for (const std::uint32_t sequence : {1U, 2U}) receivePart(1, sequence, 2, 100 << 20, half);
     EXPECT_EQ(receiver.messages.size(), 1u);
     receiver.messages.clear();
-    for (const std::uint32_t sequence : {1, 2}) receivePart(2, sequence, 2, 4, "ab");
+    for (const std::uint32_t sequence : {1U, 2U}) receivePart(2, sequence, 2, 4, "ab");
     EXPECT_LT(resident() - before, 90) << "of which 50 are the test's own";
 }
 
