@@ -77,7 +77,7 @@ std::shared_ptr<KLT::kltlogger::LogRepeats> failuresOf(const std::string& what) 
     if (byName.size() == kMost && !byName.contains(what)) byName.swap(forgotten);
     auto& found = byName[what];
     if (!found) found = std::make_shared<LogRepeats>();
-    const auto result = found;
+    auto result = found;
     lock.unlock();
     return result;
 }
