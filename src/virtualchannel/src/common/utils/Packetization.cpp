@@ -23,9 +23,9 @@ std::uint32_t Packetization::PacketizeData(const void* data, unsigned int length
     std::vector<std::unique_ptr<Packet>> packets;
     packets.reserve(cutter.total());
     while (auto packet = cutter.next()) packets.push_back(std::move(packet));
-    for (auto packet = packets.rbegin(); packet != packets.rend(); ++packet) {
-        out.push_front(packet->get());
-        static_cast<void>(packet->release());
+    for (; !packets.empty(); packets.pop_back()) {
+        out.push_front(packets.back().get());
+        static_cast<void>(packets.back().release());
     }
     return static_cast<std::uint32_t>(out.size());
 }
