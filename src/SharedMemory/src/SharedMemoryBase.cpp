@@ -15,9 +15,6 @@ using VDIFrameworkCommon::LocalLock;
 namespace {
 
 constexpr unsigned int kReadWaitMs = 200;
-// A message, and a stop, wake the read thread; it looks by itself whether the object is still
-// there.
-constexpr unsigned int kLongWaitMs = 1000;
 // A living writer gives a message up when a chunk of it has waited this long.
 constexpr milliseconds kLongestSilence{2000};
 
@@ -166,7 +163,7 @@ std::string SharedMemoryBase::readForObservers() {
         return {};
     }
     LocalLock operation(m_operationLock);
-    if (!m_gate.isPassable() || !waitForMessage(kLongWaitMs) || !canRead()) return {};
+    if (!m_gate.isPassable() || !waitForMessage(kReadWaitMs) || !canRead()) return {};
     return takeMessage(kReadWaitMs);
 }
 
