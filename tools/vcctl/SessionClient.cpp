@@ -88,7 +88,8 @@ std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string
     const auto opened = m_client.openStream(name, direction, capacity);
     if (!opened) throw whyNotOpened(name, capacity, opened.status());
     noteUnusualName(name);
-    return opened;
+    std::shared_ptr<NorvoStreamClient::Stream> stream = opened;
+    return stream;
 }
 
 std::shared_ptr<NorvoStreamClient::Connection> SessionClient::connection(
@@ -96,7 +97,8 @@ std::shared_ptr<NorvoStreamClient::Connection> SessionClient::connection(
     const auto opened = connects ? m_client.connect(name, options) : m_client.accept(name, options);
     if (!opened) throw whyNotOpened(name, options.capacity, opened.status());
     noteUnusualName(name);
-    return opened;
+    std::shared_ptr<NorvoStreamClient::Connection> connection = opened;
+    return connection;
 }
 
 std::string SessionClient::explain(const Status& status, const std::string& streamName) {

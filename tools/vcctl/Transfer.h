@@ -110,13 +110,13 @@ void TransferLink::read(void* data, std::size_t length, Meanwhile meanwhile) {
     const std::size_t ahead = m_ahead.copy(to, length);
     m_ahead.erase(0, ahead);
     to += ahead;
-    length -= ahead;
-    while (length > 0) {
+    std::size_t left = length - ahead;
+    while (left > 0) {
         std::size_t got = 0;
-        const auto status = m_connection->read(to, length, got, kPollTime);
+        const auto status = m_connection->read(to, left, got, kPollTime);
         check(status);
         to += got;
-        length -= got;
+        left -= got;
         if (!status) meanwhile();
     }
 }
