@@ -55,6 +55,14 @@ void declareProcess() {
         VDIFrameworkCommon::VDIClientType::Crews);
 }
 
+// A stream whose calls all fail with `why`.
+std::shared_ptr<Stream::Impl> unopened(const std::string& name, Direction direction,
+                                       unsigned int capacity, const Status& why) {
+    NORVO_LOG(Warning, "cannot open the stream '", name, "' with the capacity ", capacity, ": ",
+              why.text());
+    return std::make_shared<Stream::Impl>(name, direction, why);
+}
+
 }  // namespace
 
 Client::Impl::Impl(Options options)
@@ -207,11 +215,7 @@ Status Client::Impl::request(const std::string& operation, const std::vector<std
 
 std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, Direction direction,
                                                        unsigned int capacity) {
-    const auto failed = [&](Status why) {
-        NORVO_LOG(Warning, "cannot open the stream '", name, "' with the capacity ", capacity, ": ",
-                  why.text());
-        return std::make_shared<Stream::Impl>(name, direction, why);
-    };
+    const auto failed = [&](const Status& why) { return unopened(name, direction, capacity, why); };
     if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) || capacity == 0 ||
         capacity > kLargestCapacity) {
         return failed(Reason::InvalidArgument);

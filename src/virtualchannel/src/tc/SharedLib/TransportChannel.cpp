@@ -144,8 +144,8 @@ int TransportChannel::SendData(const void* data, unsigned int length, bool lowPr
     }
     const auto parts = this->parts();
     if (!parts) return 0;
+    CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message", [&] {
-        CHANNEL_LOG(Trace, "Creating packet queue.");
         std::vector<WorkItem> packets;
         OutgoingMessage message(m_profile, data, length);
         message.cut(message.remaining(), packets);
@@ -160,8 +160,8 @@ StreamSend TransportChannel::SendStreamData(const void* data, unsigned int lengt
     const auto parts = this->parts();
     if (!parts) return StreamSend::NotSent;
     StreamSend result = StreamSend::Dropped;
+    CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message of a stream", [&] {
-        CHANNEL_LOG(Trace, "Creating packet queue.");
         OutgoingMessage message(m_profile, data, length);
         result = m_turnstile.pass(message, lowPriority, parts->worker, goesOn);
     });
