@@ -51,9 +51,7 @@ VCMessage handshake(MessageTypeEnum type) {
     return message;
 }
 
-void runSession(SessionLog& log) {
-    AgentSide side;
-    FakeChannel& channel = side.channel;
+void connect(SessionLog& log, AgentSide& side, FakeChannel& channel) {
     log.comment("another agent is active");
     side.machine->otherAgentIsActive = true;
     side.becomesAvailable();
@@ -66,6 +64,9 @@ void runSession(SessionLog& log) {
     channel.deliver(handshake(CTL_CONNECT));
     channel.deliver(handshake(CTL_CONNECT_READY));
     side.becomesAvailable();
+}
+
+void openStreams(SessionLog& log, AgentSide& side, FakeChannel& channel) {
     log.comment("streams");
     side.request("CreateStream|Media|500");
     side.request("OpenStream|Media|500");
@@ -82,6 +83,9 @@ void runSession(SessionLog& log) {
     side.machine->segmentsFail = true;
     side.request("CreateStream|upgrade|500");
     side.machine->segmentsFail = false;
+}
+
+void sendNonsense(SessionLog& log, AgentSide& side, FakeChannel& channel) {
     log.comment("what is not understood");
     for (const auto type : {CTL_S_CREATE, CTL_S_CREATED, CTL_S_ROUTE, CTL_S_ERROR}) {
         channel.deliver(control(type));
@@ -99,6 +103,9 @@ void runSession(SessionLog& log) {
     side.request("CreateStream|" + infoOutputName() + "|500");
     side.request("SetLogPath|/dev/null/x");
     side.request("nonsense");
+}
+
+void askAndEnd(SessionLog& log, AgentSide& side, FakeChannel& channel) {
     log.comment("questions and events");
     for (const auto* request :
          {"RequestVCProcessId", "RequestNotifyStream", "RequestInvalidStreams",
@@ -122,6 +129,13 @@ void runSession(SessionLog& log) {
     channel.deliver(handshake(CTL_CONNECTED));
     log.comment("the end");
     side.agent->stop();
+}
+
+void runSession(SessionLog& log) {
+    AgentSide side;
+    for (const auto part : {connect, openStreams, sendNonsense, askAndEnd}) {
+        part(log, side, side.channel);
+    }
 }
 
 }  // namespace
