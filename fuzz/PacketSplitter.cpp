@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t delivered = 0;
     for (size_t at = 1; at < size; at += cut) {
         splitter.add({data + at, std::min(cut, size - at)},
-                     [&](unsigned char* packet, std::uint32_t length) {
+                     [&](const unsigned char* packet, std::uint32_t length) {
                          if (length < 24 || length > 1500 || packet[2] != 91) abort();
                          volatile unsigned char last = packet[length - 1];
                          static_cast<void>(last);

@@ -98,6 +98,7 @@ private:
         m_channel.callObserver([=](auto& o) { o.OnSessionAvailabilityChange(up); });
     }
     void localProcessWrites(const std::vector<uint8_t>& bytes) {
+        if (!m_agent.IsConnected()) return;  // it would wait, and this thread is the only one
         if (const auto segment = m_machine->segment("Media")) {
             segment->localProcessWrites(std::string(bytes.begin(), bytes.end()));
         }

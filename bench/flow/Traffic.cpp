@@ -197,6 +197,7 @@ std::vector<Flow> equalFlows(const std::string& stream, std::size_t count, std::
 
 std::vector<std::string> streamsOf(const std::vector<Flow>& flows) {
     std::vector<std::string> names;
+    names.reserve(flows.size());
     for (const Flow& flow : flows) names.push_back(flow.stream);
     return names;
 }
