@@ -164,7 +164,7 @@ CHILD_ROLE(agentFileLocker) {
 }
 
 TEST_F(ActiveAgentAcrossProcesses, AFileThatOthersMayLockForWritingIsNotAMark) {
-    for (const mode_t mode : {0644U, 0666U}) {
+    for (const mode_t mode : {mode_t{0644}, mode_t{0666}}) {
         std::ofstream(m_path).flush();
         ASSERT_EQ(chmod(m_path.c_str(), mode), 0);
         ChildProcess locker("agentFileLocker", {m_path});
