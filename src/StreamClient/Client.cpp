@@ -12,6 +12,7 @@
 #include "MessageParser.h"
 #include "ProcessLife.h"
 #include "SegmentStatus.h"
+#include "SegmentUse.h"
 #include "SharedMemoryFactory.h"
 #include "StreamImpl.h"
 #include "VDIClientInfo.h"
@@ -214,12 +215,15 @@ Status Client::Impl::request(const std::string& operation, const std::vector<std
 }
 
 std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, Direction direction,
-                                                       unsigned int capacity) {
+                                                       unsigned int capacity, For users) {
     const auto failed = [&](const Status& why) { return unopened(name, direction, capacity, why); };
     if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) || capacity == 0 ||
         capacity > kLargestCapacity) {
         return failed(Reason::InvalidArgument);
     }
+    using Role = shared_memory::SegmentRegistry::Role;
+    const Role role = direction == Direction::Read ? Role::Reader : Role::Writer;
+    if (users == For::OneProgram && shared_memory::hasEnd(name, role)) return failed(Reason::InUse);
     LocalLock lock(m_mutex);
     if (const Status added = m_view->addStream(name, direction, capacity); !added)
         return failed(added);
@@ -241,8 +245,8 @@ Status Client::Impl::checkConnection(const std::string& name, const ConnectionOp
 }
 
 OpenedStream Client::Impl::openStream(const std::string& name, Direction direction,
-                                      unsigned int capacity) {
-    auto impl = makeStream(name, direction, capacity);
+                                      unsigned int capacity, For users) {
+    auto impl = makeStream(name, direction, capacity, users);
     const Status status = impl->status();
     return {std::shared_ptr<Stream>(new Stream(std::move(impl))), status};
 }

@@ -26,7 +26,10 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    OpenedStream openStream(const std::string& name, Direction direction, unsigned int capacity);
+    // A connection's streams are for one program alone: InUse while another has its end open.
+    enum class For { Anyone, OneProgram };
+    OpenedStream openStream(const std::string& name, Direction direction, unsigned int capacity,
+                            For users = For::Anyone);
     // Of a connection's name.
     static Status checkConnection(const std::string& name, const ConnectionOptions& options);
     Status request(const std::string& operation, const std::vector<std::string>& fields,
@@ -54,7 +57,7 @@ private:
     void tell(const News& news) const;
     void join();
     std::shared_ptr<Stream::Impl> makeStream(const std::string& name, Direction direction,
-                                             unsigned int capacity);
+                                             unsigned int capacity, For users);
     void announce(bool connected);
 
     const Options m_options;

@@ -272,10 +272,10 @@ std::optional<bool> Connection::Impl::lookUpPair() {
 
 Status Connection::Impl::openPair(bool inbound) {
     const auto in = m_client->openStream(inbound ? m_name : backOf(m_name), Direction::Read,
-                                         m_options.capacity);
+                                         m_options.capacity, Client::Impl::For::OneProgram);
     if (!in) return in.status();
     const auto out = m_client->openStream(inbound ? backOf(m_name) : m_name, Direction::Write,
-                                          m_options.capacity);
+                                          m_options.capacity, Client::Impl::For::OneProgram);
     if (!out) return out.status();
     m_in = in;
     m_out = out;

@@ -27,6 +27,7 @@ std::chrono::milliseconds timeoutOf(int milliseconds) {
 }
 
 static_assert(static_cast<int>(Reason::SystemError) == NORVO_SYSTEM_ERROR &&
+              static_cast<int>(Reason::InUse) == NORVO_IN_USE &&
               static_cast<int>(Reason::PeerGone) == NORVO_PEER_GONE &&
               static_cast<int>(Reason::NotTakenUp) == NORVO_NOT_TAKEN_UP &&
               static_cast<int>(Reason::InvalidArgument) == NORVO_INVALID);

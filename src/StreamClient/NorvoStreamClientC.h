@@ -50,6 +50,7 @@ enum {
     NORVO_ENDED = 15, /* the other end has finished; there is nothing more to read */
     NORVO_NO_MEMORY = 16,
     NORVO_SYSTEM_ERROR = 17, /* the system refused, and did not say why */
+    NORVO_IN_USE = 18,       /* another program uses it */
     NORVO_ERRNO = 1000       /* a code above it: the system refused with code - NORVO_ERRNO */
 };
 

@@ -40,6 +40,8 @@ const char* textOf(Reason reason) {
             return "no memory is left";
         case Reason::SystemError:
             return "the system refused";
+        case Reason::InUse:
+            return "another program uses it";
     }
     return "unknown reason";
 }

@@ -27,6 +27,7 @@ enum class Reason : int {
     Ended = 15,               // the other end has finished; there is nothing more to read
     NoMemory = 16,
     SystemError = 17,  // the system refused; systemError() says what it said
+    InUse = 18,        // another program uses it
 };
 
 // A sentence without a full stop, for example "no agent answers in this session". Never null.

@@ -40,9 +40,9 @@ struct ConnectionOptions {
 // A connection that has failed stays so. Calls then answer why: PeerGone: the other end's process
 // has ended, closed the connection before both directions were finished, started anew, or was
 // silent for too long; NoAgent, NotConnected or NotTakenUp: the streams were down for too long;
-// InUseOtherDirection: the pair of streams lies in no direction in which it could be used; Closed;
-// the reasons of Client::openStream: a stream could not be opened. What had come before can still
-// be read.
+// InUseOtherDirection: the pair of streams lies in no direction in which it could be used; InUse:
+// another program of this session has a connection of this name open; Closed; the reasons of
+// Client::openStream: a stream could not be opened. What had come before can still be read.
 class NORVO_STREAM_CLIENT_API Connection {
 public:
     // Closes.

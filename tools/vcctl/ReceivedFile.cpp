@@ -5,17 +5,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <utility>
 
 #include "CommandError.h"
+#include "WriteBack.h"
 
 namespace vcctl {
 
 namespace {
 
 constexpr std::size_t kBuffer = std::size_t{1} << 18;
+// The disk is told of so much at once: the end need not wait for the whole file.
+constexpr std::uint64_t kWriteBack = std::uint64_t{8} << 20;
 
 std::string resolved(const std::string& target) {
     std::error_code failure;
@@ -75,6 +79,7 @@ void ReceivedFile::count(TransferTally& tally) const {
 void ReceivedFile::clear() {
     flush();
     if (isPart()) check(ftruncate(m_lock.get(), 0) == 0);
+    m_writtenBack = 0;
 }
 
 void ReceivedFile::check(bool done) const {
@@ -83,6 +88,17 @@ void ReceivedFile::check(bool done) const {
 
 void ReceivedFile::write(const char* data, std::size_t length) {
     check(std::fwrite(data, 1, length, m_file) == length);
+    m_unwritten += length;
+    if (m_unwritten >= kWriteBack) writeBack();
+}
+
+void ReceivedFile::writeBack() {
+    m_unwritten = 0;
+    if (!isPart()) return;
+    flush();
+    const std::uint64_t end = size();
+    startWriteBack(fileno(m_file), m_writtenBack, end - std::min(end, m_writtenBack));
+    m_writtenBack = end;
 }
 
 void ReceivedFile::flush() { check(std::fflush(m_file) == 0); }

@@ -48,6 +48,7 @@ private:
     void check(bool done) const;
     void openPart(bool keep);
     void syncFolder() const;
+    void writeBack();
 
     const std::string m_target;  // with its symbolic links resolved
     std::string m_part;          // empty when the target is written to directly
@@ -55,6 +56,8 @@ private:
     File m_owned;
     std::FILE* m_file = nullptr;
     bool m_committed = false;
+    std::uint64_t m_unwritten = 0;    // bytes since the last writeBack()
+    std::uint64_t m_writtenBack = 0;  // up to where it came
 };
 
 }  // namespace vcctl

@@ -118,6 +118,9 @@ std::string SessionClient::explain(const Status& status, const std::string& stre
             return "the stream '" + streamName +
                    "' is in use in the other direction: take another one, or wait until nobody has "
                    "had it open for a minute";
+        case Reason::InUse:
+            return "another program in " + sessionText() + " uses the stream '" + streamName +
+                   "': wait for its end, or take another stream";
         case Reason::Timeout:
             return "the host takes nothing from the stream '" + streamName + "'";
         case Reason::PeerGone:

@@ -43,6 +43,11 @@ bool isSegmentInUse(const std::string& name) { return isOpen(name, false); }
 
 bool isSegmentInUseElsewhere(const std::string& name) { return isOpen(name, true); }
 
+bool hasEnd(const std::string& name, SegmentRegistry::Role role) {
+    SegmentRegistry registry;
+    return registry.openExisting(SegmentMapping::prefixed(name)) && registry.hasLiving(role);
+}
+
 bool removeSegmentIfUnused(const std::string& name) {
     NamedMutex mutex;
     if (!mutex.create((kSegmentObjectPrefix + name).c_str()) || !mutex.lockFor(kMutexWait)) {

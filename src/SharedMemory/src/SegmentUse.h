@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "SegmentRegistry.h"
+
 namespace shared_memory {
 
 // Whether a living process, this one included, has the segment `name` open.
@@ -11,6 +13,9 @@ bool isSegmentInUse(const std::string& name);
 
 // The same for a process other than this one.
 bool isSegmentInUseElsewhere(const std::string& name);
+
+// Whether a living process, this one included, has it open in that role.
+bool hasEnd(const std::string& name, SegmentRegistry::Role role);
 
 // Removes the segment from the system, with the mutex, conditions and registry that belong to it,
 // unless a living process has it open. False when it stays for that reason, or when somebody else
