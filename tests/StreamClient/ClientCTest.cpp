@@ -30,6 +30,7 @@ protected:
 };
 
 TEST_F(ClientCTest, ReadsAMessageOnceTheBufferIsLargeEnough) {
+    ASSERT_EQ(norvo_client_wait_connected(client, kLong), NORVO_OK);
     ASSERT_EQ(norvo_stream_open(client, "CCRead", NORVO_READ, 100, &stream), NORVO_OK);
     ASSERT_TRUE(end->Create("CCRead", 100));
     std::thread writer([&] { EXPECT_TRUE(end->WriteData("message", 7)); });

@@ -43,6 +43,7 @@ protected:
 TEST_F(ClientTest, AWriteGivesUpInTimeBeforeTheStreamIsUpAndWhenNobodyReads) {
     FakeAgent agent(kName);
     Client client(options());
+    ASSERT_TRUE(client.waitUntilConnected(kLong));
     auto stream = client.openStream("CTStuck", Direction::Write, 10);
     EXPECT_EQ(stream->write("early", 5, 1ms).reason(), Reason::NotTakenUp);
     ASSERT_TRUE(agentsEnd->Open("CTStuck", 10));
