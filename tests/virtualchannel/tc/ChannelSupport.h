@@ -80,10 +80,10 @@ inline int receive(TransportChannel& channel, const std::string& packet) {
 
 // Has the host note each packet in `entered` and wait at `door` before it takes it.
 inline void holdUp(FakeHost& host, Journal& entered, Door& door) {
-    host.onPacket = [&] {
+    host.callOnPacket([&] {
         entered.add("packet");
         door.pass();
-    };
+    });
 }
 
 }  // namespace testsupport

@@ -61,6 +61,11 @@ public:
     bool waitFor(std::size_t count) const {
         return eventually([&] { return packets().size() >= count; });
     }
+    // Sets onPacket, also while packets come.
+    void callOnPacket(std::function<void()> call) {
+        std::lock_guard lock(m_mutex);
+        onPacket = std::move(call);
+    }
     bool everyFlagWasOne() const {
         std::lock_guard lock(m_mutex);
         return m_flagsAreOne;
@@ -69,8 +74,11 @@ public:
 private:
     static int append(const void* data, std::uint32_t length, std::uintptr_t flag, void* context) {
         auto& self = *static_cast<FakeHost*>(context);
-        if (self.onPacket) self.onPacket();
-        std::lock_guard lock(self.m_mutex);
+        std::unique_lock lock(self.m_mutex);
+        const auto onPacket = self.onPacket;
+        lock.unlock();
+        if (onPacket) onPacket();
+        lock.lock();
         self.m_packets.emplace_back(static_cast<const char*>(data), length);
         self.m_flagsAreOne = self.m_flagsAreOne && flag == 1;
         return 7;
