@@ -46,7 +46,9 @@ void makeScript(const std::string& path, const char* commands = "while :; do sle
 
 class ProcessUtilsAcrossProcesses : public testing::Test {
 protected:
-    TestApplication app{"Companion", kIdentifier};
+    // A name finds programs of the whole machine, and so those of tests that run at the same time.
+    const std::string name = "Companion" + std::to_string(getpid());
+    TestApplication app{name, kIdentifier};
 };
 
 // What the process has open beside the null device.
@@ -89,21 +91,22 @@ TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArgumentsAndInheritsN
 }
 
 TEST_F(ProcessUtilsAcrossProcesses, AProgramIsFoundByNamePathBundleAndIdentifier) {
-    const std::vector<std::string> names{"Companion", app.program(), app.path(), kIdentifier,
-                                         "/Applications/Companion.app"};
-    for (const auto& name : names) EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
+    const std::vector<std::string> names{name, app.program(), app.path(), kIdentifier,
+                                         "/Applications/" + name + ".app"};
+    for (const auto& each : names) EXPECT_FALSE(ProcessUtils::isProcessRunning(each)) << each;
     ASSERT_TRUE(ProcessUtils::createProcess(app.path()));
-    for (const auto& name : names) EXPECT_TRUE(ProcessUtils::isProcessRunning(name)) << name;
-    for (const char* name : {"", "/", "companion", "Companion.app", "com.norvo.test"})
-        EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
+    for (const auto& each : names) EXPECT_TRUE(ProcessUtils::isProcessRunning(each)) << each;
+    for (const std::string& each : {std::string(), std::string("/"), 'c' + name.substr(1),
+                                    name + ".app", std::string("com.norvo.test")})
+        EXPECT_FALSE(ProcessUtils::isProcessRunning(each)) << each;
     kill(app.processes().at(0), SIGKILL);
     EXPECT_TRUE(eventually([] { return !ProcessUtils::isProcessRunning(kIdentifier); }));
 }
 
 TEST_F(ProcessUtilsAcrossProcesses, WhatCannotBeStartedIsReportedOnce) {
     fs::create_directories(app.folder() + "/Empty.app/Contents");
-    for (const char* name : {"/plain", "/broken"})
-        std::ofstream(app.folder() + name) << "not a program";
+    for (const char* file : {"/plain", "/broken"})
+        std::ofstream(app.folder() + file) << "not a program";
     fs::permissions(app.folder() + "/broken", fs::perms::owner_all);
     LogCapture log;
     std::vector<std::string> expected;
@@ -167,15 +170,15 @@ TEST_F(ProcessUtilsAcrossProcesses, FilesThatOtherProgramsNameAreLeftAlone) {
     const std::string reader = app.folder() + "/reader";
     fs::create_directories(folder);
     fs::copy_file(idleProgram(), reader);
-    ASSERT_EQ(mkfifo((folder + "/Companion").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((folder + '/' + name).c_str(), 0600), 0);
     ASSERT_EQ(mkfifo((app.folder() + "/Other.app/Contents/Info.plist").c_str(), 0600), 0);
     makeScript(folder + "/data");
-    for (const char* name : {"/Companion", "/data"})
-        ASSERT_TRUE(launchDetached(reader, {folder + name}));
+    for (const std::string& file : {name, std::string("data")})
+        ASSERT_TRUE(launchDetached(reader, {folder + '/' + file}));
     const OpenedFiles inFolder(folder);
     const OpenedFiles inBundle(app.folder() + "/Other.app/Contents");
-    for (const std::string& name : {std::string("Companion"), app.program(), app.path()})
-        EXPECT_FALSE(ProcessUtils::isProcessRunning(name)) << name;
+    for (const std::string& each : {name, app.program(), app.path()})
+        EXPECT_FALSE(ProcessUtils::isProcessRunning(each)) << each;
     EXPECT_EQ(inFolder.names(), "");
     // Of an application, the script is looked at, and nothing that is not a regular file.
     EXPECT_FALSE(ProcessUtils::isProcessRunning(kIdentifier));
