@@ -1,21 +1,12 @@
 // What another user puts in the way of the active agent's record. Needs root, to be two users.
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <string>
 
 #include "ActiveVirtualChannelAgentRecorder.h"
 #include "AgentMark.h"
-#include "ChildProcess.h"
-#include "LogCapture.h"
+#include "FrameworkSupport.h"
 
-using namespace testsupport;
-using namespace VDIFrameworkCommon;
+using namespace frameworktest;
 
 namespace {
 
@@ -59,8 +50,8 @@ TEST(ActiveAgentObstacleAcrossProcesses,
         {"closed", "/tmp/norvo (folder of user 0, mode 755)"}};
     for (const auto& [obstacle, named] : cases) {
         const std::string said = ChildProcess("agentObstructed", {obstacle}).readLine();
-        std::filesystem::remove_all(path);
-        std::filesystem::remove_all("/tmp/norvo-12345");
+        fs::remove_all(path);
+        fs::remove_all("/tmp/norvo-12345");
         if (said == "cannot mount") continue;
         EXPECT_TRUE(
             said.starts_with("marked, alone, cleared: Marked the active agent elsewhere, "

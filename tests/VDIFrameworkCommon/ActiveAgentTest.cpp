@@ -1,49 +1,41 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <string>
-
 #include "ActiveVirtualChannelAgentRecorder.h"
 #include "AgentMark.h"
-#include "ChildProcess.h"
-#include "FileContent.h"
-#include "Rounds.h"
-#include "SharedBlock.h"
+#include "Descriptor.h"
+#include "FrameworkSupport.h"
 
-using namespace testsupport;
-using namespace VDIFrameworkCommon;
+using namespace frameworktest;
 
 namespace {
 
-// Leaves no record behind, whatever a test did to it.
+bool mark() { return ActiveVirtualChannelAgentRecorder().markCurrentVirtualChannelAgentAsActive(); }
+void clear() { ActiveVirtualChannelAgentRecorder().clearActiveVirtualChannelAgent(); }
+bool seesAnother() {
+    return ActiveVirtualChannelAgentRecorder().hasOtherActiveVirtualChannelAgent();
+}
+
+// Leaves no record behind.
 class ActiveAgentAcrossProcesses : public ::testing::Test {
 protected:
     ~ActiveAgentAcrossProcesses() override {
-        m_recorder.clearActiveVirtualChannelAgent();
+        clear();
         unlink(m_path.c_str());
     }
     bool recordExists() const { return access(m_path.c_str(), F_OK) == 0; }
 
     const std::string m_path = AgentMark::pathOf(geteuid());
-    ActiveVirtualChannelAgentRecorder m_recorder;
 };
 
-// Marks itself when told to, says whether it is marked, and stays until told to go.
+// Claims the mark when told to, reports the result, and stays until told to leave.
 CHILD_ROLE(agent) {
-    ActiveVirtualChannelAgentRecorder recorder;
-    say("ready");
     hear();
-    say(recorder.markCurrentVirtualChannelAgentAsActive() ? "marked" : "not marked");
+    say(mark() ? "marked" : "not marked");
     hear();
-    recorder.clearActiveVirtualChannelAgent();
+    clear();
     return 0;
 }
 
 struct Agent : ChildProcess {
-    Agent() : ChildProcess("agent") { EXPECT_EQ(readLine(), "ready"); }
+    Agent() : ChildProcess("agent") {}
     std::string mark() {
         writeLine("mark");
         return readLine();
@@ -51,137 +43,114 @@ struct Agent : ChildProcess {
 };
 
 TEST_F(ActiveAgentAcrossProcesses, OneProcessAtATimeIsMarkedUntilItClearsTheMarkOrIsKilled) {
-    for (int i = 0; i < testsupport::rounds(20); ++i) {
-        ASSERT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
+    for (int i = 0; i < rounds(20); ++i) {
+        const bool killed = i % 2 != 0;
         Agent agent;
         ASSERT_EQ(agent.mark(), "marked");
-        ASSERT_TRUE(m_recorder.hasOtherActiveVirtualChannelAgent());
-        ASSERT_FALSE(m_recorder.markCurrentVirtualChannelAgentAsActive());
-        if (i % 2 == 0) {
-            agent.writeLine("leave");
-            ASSERT_EQ(agent.wait(), 0);
-            ASSERT_FALSE(recordExists());
-        } else {
-            agent.kill();
-            agent.wait();
-        }
+        ASSERT_TRUE(seesAnother());
+        ASSERT_FALSE(mark());
+        killed ? agent.kill() : agent.writeLine("leave");
+        ASSERT_EQ(agent.wait(), killed ? 128 + SIGKILL : 0);
+        ASSERT_EQ(recordExists(), killed);
+        ASSERT_FALSE(seesAnother());
     }
-    ASSERT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
-    EXPECT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
-    EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
-    EXPECT_EQ(Agent().mark(), "not marked");
 }
 
-struct Contest {
-    std::atomic<int> marked;
-    std::atomic<int> claims;
-    std::atomic<int> conflicts;
-};
-
+// While marked, a process makes a folder and removes it: with two at a time one of them fails.
 CHILD_ROLE(agentContender) {
-    SharedBlock<Contest> contest("contest");
-    ActiveVirtualChannelAgentRecorder recorder;
     say("ready");
     hear();
-    for (int i = testsupport::rounds(60000); i > 0; --i) {
-        if (!recorder.markCurrentVirtualChannelAgentAsActive()) continue;
-        ++contest->claims;
-        if (contest->marked.fetch_add(1) != 0) ++contest->conflicts;
-        --contest->marked;
-        recorder.clearActiveVirtualChannelAgent();
+    for (int i = rounds(60000); i > 0; --i) {
+        if (!mark()) continue;
+        if (mkdir(args[0].c_str(), 0700) != 0 || rmdir(args[0].c_str()) != 0) return 1;
+        clear();
     }
     return 0;
 }
 
 TEST_F(ActiveAgentAcrossProcesses, RemovingTheFileOnClearingNeverLetsTwoBeMarked) {
-    SharedBlock<Contest> contest("contest");
-    EXPECT_TRUE(runTogether(3, "agentContender"));
-    EXPECT_GT(contest->claims, 0);
-    EXPECT_EQ(contest->conflicts, 0);
+    EXPECT_TRUE(runTogether(3, "agentContender", {m_path + ".contest"}));
     EXPECT_FALSE(recordExists());
+    fs::remove(m_path + ".contest");
 }
 
-TEST_F(ActiveAgentAcrossProcesses, TheMarkIsTheProcesssAndSurvivesUnrelatedDescriptorsAndForks) {
-    EXPECT_TRUE(ActiveVirtualChannelAgentRecorder().markCurrentVirtualChannelAgentAsActive());
-    EXPECT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
-    for (int i = 0; i < 3; ++i) {
-        close(open("/tmp/norvo", O_RDONLY | O_DIRECTORY));
-        EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
-        EXPECT_EQ(AgentMark::ofThisProcess().holderOf(geteuid()), getpid());
-    }
+TEST_F(ActiveAgentAcrossProcesses,
+       TheMarkBelongsToTheProcessAndSurvivesUnrelatedDescriptorsAndForks) {
+    EXPECT_TRUE(mark());
+    EXPECT_TRUE(mark());
+    close(open("/tmp/norvo", O_RDONLY | O_DIRECTORY));
+    EXPECT_FALSE(seesAnother());
+    EXPECT_EQ(AgentMark::ofThisProcess().holderOf(geteuid()), getpid());
     EXPECT_TRUE(holdsInForkedChild([] {
-        ActiveVirtualChannelAgentRecorder recorder;
-        const bool right = recorder.hasOtherActiveVirtualChannelAgent() &&
-                           !recorder.markCurrentVirtualChannelAgentAsActive();
-        recorder.clearActiveVirtualChannelAgent();
+        const bool right = seesAnother() && !mark();
+        clear();
         return right;
     }));
     EXPECT_EQ(Agent().mark(), "not marked");
-    ActiveVirtualChannelAgentRecorder().clearActiveVirtualChannelAgent();
+    clear();
     EXPECT_EQ(Agent().mark(), "marked");
 }
 
-TEST_F(ActiveAgentAcrossProcesses, ARecordThatWasClearedAwayIsMadeAnewOrLostToWhoCameFirst) {
-    ASSERT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
+TEST_F(ActiveAgentAcrossProcesses, ARemovedRecordIsMadeAnewUnlessAnotherProcessHasComeFirst) {
+    ASSERT_TRUE(mark());
     ASSERT_EQ(unlink(m_path.c_str()), 0);
-    EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
+    EXPECT_FALSE(seesAnother());
     EXPECT_TRUE(recordExists());
 
     ASSERT_EQ(unlink(m_path.c_str()), 0);
     Agent agent;
     ASSERT_EQ(agent.mark(), "marked");
-    EXPECT_TRUE(m_recorder.hasOtherActiveVirtualChannelAgent());
-    EXPECT_FALSE(m_recorder.markCurrentVirtualChannelAgentAsActive());
+    EXPECT_TRUE(seesAnother());
+    EXPECT_FALSE(mark());
 }
 
-TEST_F(ActiveAgentAcrossProcesses, WhatIsPlantedUnderItsNameIsNotAMarkAndGivesWay) {
-    EXPECT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
-    m_recorder.clearActiveVirtualChannelAgent();
-    const auto expectClaim = [&] {
-        EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
-        EXPECT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
-        m_recorder.clearActiveVirtualChannelAgent();
-        EXPECT_FALSE(recordExists());
-    };
-    ASSERT_EQ(mkfifo(m_path.c_str(), 0666), 0);
-    expectClaim();
-    ASSERT_EQ(symlink("/etc/hostname", m_path.c_str()), 0);
-    expectClaim();
+TEST_F(ActiveAgentAcrossProcesses, AnythingElseUnderTheNameIsNotAMarkAndIsReplaced) {
+    EXPECT_TRUE(mark());  // makes the folder
+    clear();
     const std::string other = m_path + ".other";
     std::ofstream(other) << "precious";
-    ASSERT_EQ(link(other.c_str(), m_path.c_str()), 0);
-    expectClaim();
+    const auto plant = [&](const std::string& what) {
+        if (what == "FIFO") return mkfifo(m_path.c_str(), 0666);
+        if (what == "symbolic link") return symlink("/etc/hostname", m_path.c_str());
+        return link(other.c_str(), m_path.c_str());
+    };
+    for (const char* what : {"FIFO", "symbolic link", "hard link"}) {
+        ASSERT_EQ(plant(what), 0);
+        EXPECT_FALSE(seesAnother()) << what;
+        EXPECT_TRUE(mark()) << what;
+        clear();
+        EXPECT_FALSE(recordExists()) << what;
+    }
     EXPECT_EQ(contentOf(other), "precious");
     unlink(other.c_str());
 }
 
-CHILD_ROLE(agentFileLocker) {
+struct flock lockOf(short type) {
     struct flock lock {};
-    lock.l_type = F_WRLCK;
-    say(fcntl(open(args[0].c_str(), O_RDWR), F_SETLK, &lock) == 0 ? "locked" : "not locked");
-    hear();
-    return 0;
+    lock.l_type = type;
+    return lock;
 }
 
 TEST_F(ActiveAgentAcrossProcesses, AFileThatOthersMayLockForWritingIsNotAMark) {
+    EXPECT_TRUE(mark());
+    clear();
+    auto lock = lockOf(F_WRLCK);
     for (const mode_t mode : {mode_t{0644}, mode_t{0666}}) {
-        std::ofstream(m_path).flush();
-        ASSERT_EQ(chmod(m_path.c_str(), mode), 0);
-        ChildProcess locker("agentFileLocker", {m_path});
-        ASSERT_EQ(locker.readLine(), "locked");
-        EXPECT_EQ(m_recorder.hasOtherActiveVirtualChannelAgent(), mode == 0644);
+        const support::Descriptor file(open(m_path.c_str(), O_RDWR | O_CREAT, 0600));
+        ASSERT_EQ(fchmod(file.get(), mode), 0);
+        ASSERT_EQ(fcntl(file.get(), F_SETLK, &lock), 0);
+        EXPECT_TRUE(holdsInForkedChild([&] { return seesAnother() == (mode == 0644); })) << mode;
     }
 }
 
-// Becomes another user, looks at the record of the user given, and tries to appear marked.
+// Becomes another user, looks at the given user's record, and tries to forge it.
 CHILD_ROLE(agentStranger) {
     if (setgid(12345) != 0 || setuid(12345) != 0) return 1;
-    const uid_t victim = static_cast<uid_t>(std::stoul(args[0]));
+    const auto victim = static_cast<uid_t>(std::stoul(args[0]));
     const auto holder = AgentMark::ofThisProcess().holderOf(victim);
     const std::string path = AgentMark::pathOf(victim);
     const int file = open(path.c_str(), O_RDONLY);
-    struct flock lock {};
-    lock.l_type = F_RDLCK;
+    auto lock = lockOf(F_RDLCK);
     const bool readLocked = file >= 0 && fcntl(file, F_SETLK, &lock) == 0;
     const bool stopped = open(path.c_str(), O_RDWR) < 0 && unlink(path.c_str()) != 0;
     say((holder ? std::to_string(*holder) : "nobody") +
@@ -190,9 +159,9 @@ CHILD_ROLE(agentStranger) {
     return 0;
 }
 
-TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkAndCanNeitherForgeNorPreventIt) {
+TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkButCanNeitherForgeNorPreventIt) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
-    const std::vector<std::string> user{std::to_string(geteuid())};
+    const Texts user{std::to_string(geteuid())};
     Agent agent;
     ASSERT_EQ(agent.mark(), "marked");
     EXPECT_EQ(ChildProcess("agentStranger", user).readLine(),
@@ -202,8 +171,8 @@ TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkAndCanNeitherForgeNorPr
     ASSERT_TRUE(recordExists());
     ChildProcess stranger("agentStranger", user);
     EXPECT_EQ(stranger.readLine(), "nobody, read lock, stopped");
-    EXPECT_FALSE(m_recorder.hasOtherActiveVirtualChannelAgent());
-    EXPECT_TRUE(m_recorder.markCurrentVirtualChannelAgentAsActive());
+    EXPECT_FALSE(seesAnother());
+    EXPECT_TRUE(mark());
 }
 
 }  // namespace

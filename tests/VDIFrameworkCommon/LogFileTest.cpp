@@ -1,27 +1,21 @@
 #include "LogFile.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
+#include "FrameworkSupport.h"
 
-#include <filesystem>
-#include <fstream>
-
-#include "FileContent.h"
-#include "TempDir.h"
-
+using namespace frameworktest;
 using KLT::kltlogger::LogFile;
 
 namespace {
 
 class LogFileTest : public testing::Test {
 protected:
-    std::string content(const std::string& name) { return testsupport::contentOf(dir / name); }
+    std::string content(const std::string& name) { return contentOf(dir / name); }
     unsigned int modeOf(const std::string& name) {
         struct stat status {};
         EXPECT_EQ(stat((dir / name).c_str(), &status), 0) << name;
         return status.st_mode & 0777U;
     }
-    const testsupport::TempDir dir;
+    const TempDir dir;
     LogFile file{20};
 };
 
@@ -47,20 +41,20 @@ TEST_F(LogFileTest, AppendsAndRollsBeforeItsLimitAndKeepsThree) {
     EXPECT_EQ(content("x.log.1"), endless);
     EXPECT_EQ(content("x.log.2"), "b\n");
     EXPECT_EQ(content("x.log.3"), endless);
-    EXPECT_FALSE(std::filesystem::exists(dir / "x.log.4"));
+    EXPECT_FALSE(fs::exists(dir / "x.log.4"));
 }
 
 TEST_F(LogFileTest, FollowsItsPathWhenAnotherRolledOrRemovedTheFile) {
     ASSERT_TRUE(file.open(dir / "a/x.log"));
     file.write("first\n");
-    std::filesystem::rename(dir / "a/x.log", dir / "a/x.log.1");
+    fs::rename(dir / "a/x.log", dir / "a/x.log.1");
     file.write("second\n");
     EXPECT_EQ(content("a/x.log.1"), "first\n");
     EXPECT_EQ(content("a/x.log"), "second\n");
-    std::filesystem::remove_all(dir / "a");
+    fs::remove_all(dir / "a");
     std::ofstream(dir / "a") << "in the way";
     file.write("lost\n");
-    std::filesystem::remove(dir / "a");
+    fs::remove(dir / "a");
     file.write("written\n");
     EXPECT_EQ(content("a/x.log"), "written\n");
 }
@@ -68,10 +62,10 @@ TEST_F(LogFileTest, FollowsItsPathWhenAnotherRolledOrRemovedTheFile) {
 TEST_F(LogFileTest, WhatCannotBeAFileIsNoFileAndNoFailure) {
     std::ofstream(dir / "plain") << "";
     ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-    std::filesystem::create_directory(dir / "folder");
+    fs::create_directory(dir / "folder");
     std::ofstream(dir / "precious") << "precious";
-    std::filesystem::create_symlink(dir / "precious", dir / "link");
-    std::filesystem::create_hard_link(dir / "precious", dir / "second name");
+    fs::create_symlink(dir / "precious", dir / "link");
+    fs::create_hard_link(dir / "precious", dir / "second name");
     for (const std::string& path : {std::string(), dir / "plain/x.log", dir / "fifo",
                                     dir / "folder", dir / "link", dir / "second name"}) {
         EXPECT_FALSE(file.open(path)) << path;

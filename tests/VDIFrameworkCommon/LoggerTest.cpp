@@ -1,29 +1,16 @@
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <regex>
 #include <set>
-#include <thread>
 
-#include "ChildProcess.h"
-#include "Eventually.h"
-#include "FileContent.h"
+#include "FrameworkSupport.h"
 #include "Log.h"
 #include "LogAppender.h"
-#include "LogCapture.h"
 #include "LogLine.h"
 #include "Namespace.h"
-#include "ProcessUtils.h"
-#include "Rounds.h"
-#include "TempDir.h"
 
+using namespace frameworktest;
 using namespace KLT::kltlogger;
-using namespace std::chrono_literals;
-using namespace testsupport;
-using Texts = std::vector<std::string>;
 
 namespace {
 
@@ -46,35 +33,40 @@ std::string textOf(const LogRecord& record) {
     return text;
 }
 
-class LogAppenderTest : public testing::Test {
+// A file that is gone at the end of the test.
+class LogFileHolder : public testing::Test {
 protected:
-    LogAppenderTest() { appender.setFile(path); }
     Texts written() const { return messagesOf(path); }
 
     const TempDir dir;
     const std::string path = dir / "x.log";
+};
+
+class LogAppenderTest : public LogFileHolder {
+protected:
+    LogAppenderTest() { appender.setFile(path); }
     LogAppender appender{nullptr, off_t{1} << 40};
+};
+
+// The log of the process writes into the file.
+class LoggerFileTest : public LogFileHolder {
+protected:
+    LoggerFileTest() { VirtualChannelLogger_init(path); }
+    ~LoggerFileTest() override { VirtualChannelLogger_init(""); }
 };
 
 TEST(LogLine, SaysWhenWhoWhereAndWhat) {
     const std::string text = textOf(recordOf(Warning, "bad packet: 23 bytes"));
+    const std::regex form(
+        R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d)\.\d{6}Z (\d+)/\d+ \[(.*)\] WARN VirtualChannel )"
+        R"(src/a/File:42 operation: bad packet: 23 bytes\n)");
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(text, parts, form)) << text;
     std::tm time{};
-    int microseconds = -1;
-    int process = -1;
-    long thread = -1;
-    int rest = 0;
-    ASSERT_EQ(sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%6dZ %d/%ld %n", &time.tm_year,
-                     &time.tm_mon, &time.tm_mday, &time.tm_hour, &time.tm_min, &time.tm_sec,
-                     &microseconds, &process, &thread, &rest),
-              9)
-        << text;
-    EXPECT_EQ(text.substr(static_cast<std::size_t>(rest)),
-              '[' + VDIFrameworkCommon::sessionNamespace() +
-                  "] WARN VirtualChannel src/a/File:42 operation: bad packet: 23 bytes\n");
-    EXPECT_EQ(process, getpid());
-    time.tm_year -= 1900;
-    time.tm_mon -= 1;
+    strptime(parts.str(1).c_str(), "%Y-%m-%dT%H:%M:%S", &time);
     EXPECT_LE(std::abs(timegm(&time) - std::time(nullptr)), 5) << text;
+    EXPECT_EQ(parts.str(2), std::to_string(getpid()));
+    EXPECT_EQ(parts.str(3), sessionNamespace());
 }
 
 TEST(LogLine, OneRecordIsOneLineOfBoundedLengthWhateverItSays) {
@@ -118,24 +110,18 @@ TEST_F(LogAppenderTest, ABufferedRecordIsWrittenWithinASecondOrSo) {
 }
 
 TEST_F(LogAppenderTest, FourThreadsLoseAndTearNoLine) {
-    constexpr std::size_t kThreads = 4;
-    const int perThread = testsupport::rounds(250000);
-    std::vector<std::thread> threads;
-    for (std::size_t t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < perThread; ++i)
-                appender.append(recordOf(i % 10000 == 0 ? Warning : Info, compose(t, ' ', i)));
-        });
-    }
-    for (auto& thread : threads) thread.join();
+    constexpr int kThreads = 4;
+    const int perThread = rounds(250000);
+    onThreads(kThreads, [&](int number) {
+        for (int i = 0; i < perThread; ++i)
+            appender.append(recordOf(i % 10000 == 0 ? Warning : Info, compose(number, ' ', i)));
+    });
     appender.flush();
     std::vector<int> next(kThreads, 0);
-    for (const auto& line : linesOf(path)) {
-        const auto message = line.find("operation: ");
-        ASSERT_LT(message, 120U) << line;
-        const auto thread = static_cast<std::size_t>(line[message + 11] - '0');
-        ASSERT_LT(thread, kThreads) << line;
-        ASSERT_EQ(line.substr(message + 11), compose(thread, ' ', next[thread]++)) << line;
+    for (const auto& message : written()) {
+        const auto thread = static_cast<std::size_t>(message[0] - '0');
+        ASSERT_LT(thread, next.size()) << message;
+        ASSERT_EQ(message, compose(thread, ' ', next[thread]++));
     }
     EXPECT_EQ(next, std::vector<int>(kThreads, perThread));
 }
@@ -188,18 +174,15 @@ TEST(Logger, ThresholdIsClampedAndHoldsForTheLogObjectAndLoggersOfOneNameAreOne)
     EXPECT_STREQ(KLTLogger_getName(nullptr), "");
 }
 
-TEST(Logger, FlushIfAllowedSparesTheDiskInAStorm) {
-    const TempDir dir;
-    VirtualChannelLogger_init(dir / "x.log");
+TEST_F(LoggerFileTest, FlushIfAllowedSparesTheDiskInAStorm) {
     VirtualChannelLogger_flush();
     NORVO_LOG(Info, "one");
     VirtualChannelLogger_flushBufferIfAllowed();
-    const auto soonAfter = linesOf(dir / "x.log").size();
+    const auto soonAfter = written();
     std::this_thread::sleep_for(120ms);
     VirtualChannelLogger_flushBufferIfAllowed();
-    EXPECT_EQ(soonAfter, 0U);
-    EXPECT_EQ(messagesOf(dir / "x.log"), Texts{"one"});
-    VirtualChannelLogger_init("");
+    EXPECT_EQ(soonAfter, Texts());
+    EXPECT_EQ(written(), Texts{"one"});
 }
 
 LogRepeats::Time g_now;
@@ -236,29 +219,14 @@ TEST(LogRepeats, TellsTheFirstThenCountsAtGrowingDistances) {
                                   "lost in 0", "lost in 0 ... 2 more in 3 s"}));
 }
 
-TEST(LogRepeats, ACountThatNobodyTellsIsWrittenByTheLogItself) {
-    const TempDir dir;
-    VirtualChannelLogger_init(dir / "x.log");
+TEST_F(LoggerFileTest, ACountOfRepeatsThatNobodyTellsIsWrittenByTheLogItself) {
     static std::atomic<int> late = 0;
-    LogRepeats repeats([] { return std::chrono::steady_clock::now() + late.load() * 10s; });
+    LogRepeats repeats([] { return Clock::now() + late.load() * 10s; });
     for (int i = 0; i < 3; ++i) NORVO_LOG_REPEATED(repeats, Error, "lost");
     late = 1;
-    tellRepeatsBy(std::chrono::steady_clock::now());
-    EXPECT_TRUE(eventually([&] { return linesOf(dir / "x.log").size() == 2; }));
-    EXPECT_EQ(messagesOf(dir / "x.log").back(), "lost ... 2 more in 10 s");
-    VirtualChannelLogger_init("");
-}
-
-TEST(Logger, EachRecordNamesTheFileThatItsLineStandsIn) {
-    struct Sources : LogSink {
-        void write(const LogRecord& record) override { last = record.source; }
-        std::string last;
-    };
-    const auto sources = std::make_shared<Sources>();
-    setSink(sources);
-    VDIFrameworkCommon::ProcessUtils::createProcess("/missing");
-    setSink(nullptr);
-    EXPECT_EQ(sources->last, "src/VDIFrameworkCommon/process/ProcessUtils");
+    tellRepeatsBy(Clock::now());
+    EXPECT_TRUE(eventually([&] { return written().size() == 2; }));
+    EXPECT_EQ(written().back(), "lost ... 2 more in 10 s");
 }
 
 // Logs, then ends beside a forked child or beside threads that still log.

@@ -1,15 +1,11 @@
-#include <gtest/gtest.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include "ChildProcess.h"
+#include "FrameworkSupport.h"
 #include "NamedMutex.h"
-#include "Rounds.h"
 
-using testsupport::ChildProcess;
-using VDIFrameworkCommon::NamedMutex;
+using namespace frameworktest;
 
 // Locks where any system call but those that end it kills the process.
 CHILD_ROLE(mutexUserWithoutSystem) {
@@ -23,7 +19,7 @@ CHILD_ROLE(mutexUserWithoutSystem) {
 }
 
 TEST(NamedMutexWithoutSystemAcrossProcesses, AFreeMutexIsLockedAndUnlockedWithoutASystemCall) {
-    if (testsupport::kSanitized) GTEST_SKIP() << "sanitizers make system calls of their own";
+    if (kSanitized) GTEST_SKIP() << "sanitizers make system calls of their own";
     const int status = ChildProcess("mutexUserWithoutSystem").wait();
     if (status == 2) GTEST_SKIP() << "the system does not let us forbid system calls";
     EXPECT_EQ(status, 0);

@@ -1,26 +1,19 @@
 #include "NamedObject.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "Descriptor.h"
-#include "LogCapture.h"
+#include "FrameworkSupport.h"
+#include "NamedCondition.h"
 #include "NamedMutex.h"
-#include "PosixSharedMemory.h"
 
-using testsupport::LogCapture;
-using namespace VDIFrameworkCommon;
-using Kind = VDIFrameworkCommon::NamedObject::Kind;
+using namespace frameworktest;
+using Kind = NamedObject::Kind;
 
 namespace {
 
 // Makes an object under the name of a mutex as somebody else might.
 support::Descriptor plant(const std::string& name, off_t size, mode_t mode = 0600) {
     const std::string object = NamedObject::objectName(Kind::Mutex, name);
-    support::Descriptor file(
-        VDIFrameworkCommon::shm_open_mac(object, O_RDWR | O_CREAT | O_EXCL, 0600));
+    support::Descriptor file(shm_open_mac(object, O_RDWR | O_CREAT | O_EXCL, 0600));
     EXPECT_EQ(ftruncate(file.get(), size), 0);
     EXPECT_EQ(fchmod(file.get(), mode), 0);
     return file;
@@ -62,13 +55,24 @@ TEST(NamedObject, RefusesAnotherLayoutAndAnObjectThatOthersMayOpenAndLeavesThemA
         "Cannot open named mutex taken: Permission denied, user 12345 holds the name"));
 }
 
+TEST(NamedObject, AHandleThatWasNeverCreatedFailsAtOnce) {
+    NamedMutex mutex;
+    EXPECT_FALSE(mutex.lock() || mutex.unlock());
+    NamedCondition condition;
+    condition.notify();
+    EXPECT_FALSE(condition.timed_wait(mutex, 20000));
+    LogCapture log;
+    EXPECT_FALSE(mutex.create("") || mutex.create(nullptr) || condition.create(""));
+    EXPECT_EQ(log.count("A named mutex needs a name"), 2);
+}
+
 TEST(NamedObject, HandlesOfOneKindShareAMappingUntilTheNameIsRemovedFromTheSystem) {
     const auto mutex = NamedObject::open(Kind::Mutex, "both");
     const auto condition = NamedObject::open(Kind::Condition, "both");
     ASSERT_TRUE(mutex && condition);
     EXPECT_EQ(mutex, NamedObject::open(Kind::Mutex, "both"));
     EXPECT_NE(mutex->words().ident, condition->words().ident);
-    VDIFrameworkCommon::shm_unlink_mac(NamedObject::objectName(Kind::Mutex, "both"));
+    shm_unlink_mac(NamedObject::objectName(Kind::Mutex, "both"));
     const auto after = NamedObject::open(Kind::Mutex, "both");
     ASSERT_TRUE(after);
     EXPECT_NE(mutex, after);

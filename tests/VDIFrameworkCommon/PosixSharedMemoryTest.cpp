@@ -1,16 +1,11 @@
-#include "PosixSharedMemory.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 
-#include "ChildProcess.h"
+#include "FrameworkSupport.h"
 #include "Namespace.h"
 
-using namespace VDIFrameworkCommon;
+using namespace frameworktest;
 
 namespace {
 
@@ -20,21 +15,7 @@ protected:
         errno = 0;
         return shm_open_mac(name, flags, 0600);
     }
-    // Whether an object made anew cannot be opened after `change`.
-    template <class Change>
-    void refuses(int error, const Change& change) const {
-        const int fd = open();
-        ASSERT_GE(fd, 0);
-        change(fd);
-        close(fd);
-        EXPECT_EQ(open(), -1);
-        EXPECT_EQ(errno, error);
-        EXPECT_EQ(unlink(path.c_str()), 0);
-    }
-
     const std::string name = "object";
-    // Where the system keeps it.
-    const std::string path = "/dev/shm" + sharedMemoryObjectName(name);
 };
 
 struct stat statusOf(int fd) {
@@ -99,19 +80,8 @@ TEST_F(PosixSharedMemoryTest, GrowsToWhatTheSystemCanHoldAndNeverShrinksAndKeeps
     EXPECT_EQ(ftruncate_mac(-1, 100), -1);
 }
 
-TEST_F(PosixSharedMemoryTest, RefusesWhatIsNotThisUsersAloneAndWhatIsNoSharedMemory) {
-    refuses(EACCES, [](int fd) { EXPECT_EQ(fchmod(fd, 0620), 0); });
-    if (geteuid() == 0) refuses(EACCES, [](int fd) { EXPECT_EQ(fchown(fd, 12345, 12345), 0); });
-    refuses(EACCES, [&](int) {
-        EXPECT_EQ(unlink(path.c_str()), 0);
-        EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
-    });
-    ASSERT_EQ(symlink("/etc/passwd", path.c_str()), 0);
-    EXPECT_EQ(open(), -1);
-}
-
 CHILD_ROLE(namespaceTeller) {
-    testsupport::say(sessionNamespace() + ' ' + namespacedName("name"));
+    say(sessionNamespace() + ' ' + namespacedName("name"));
     return 0;
 }
 
@@ -123,7 +93,7 @@ TEST(SessionNamespaceAcrossProcesses, IsWorkedIntoNamesAndCleanedOfOddCharacters
         {"a/b .c", "a_b__c a_b__c.name"},
         {longest + "xxx", longest + ' ' + longest + ".name"}};
     for (const auto& [value, told] : cases) {
-        testsupport::ChildProcess child("namespaceTeller", {}, {"NORVO_VDI_NAMESPACE=" + value});
+        ChildProcess child("namespaceTeller", {}, {"NORVO_VDI_NAMESPACE=" + value});
         EXPECT_EQ(child.readLine(), told);
     }
 }

@@ -1,18 +1,11 @@
 #include "ProcessIdentity.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <thread>
+#include "FrameworkSupport.h"
 
-#include "ChildProcess.h"
-#include "Eventually.h"
-
-using namespace testsupport;
-using VDIFrameworkCommon::ProcessIdentity;
+using namespace frameworktest;
 
 namespace {
 
@@ -38,7 +31,7 @@ CHILD_ROLE(identityTeller) {
 }
 
 TEST(ProcessIdentityAcrossProcesses, AZombieIsGoneAndSoIsOneThatWasReaped) {
-    for (const std::vector<std::string>& args : {std::vector<std::string>(), {"no descriptors"}}) {
+    for (const Texts& args : {Texts(), {"no descriptors"}}) {
         ChildProcess child("identityTeller", args);
         const auto word = identityFrom(child);
         EXPECT_EQ(ProcessIdentity::pid(word), child.pid());

@@ -1,20 +1,15 @@
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <set>
-#include <thread>
-#include <vector>
 
 #include "CellPool.h"
-#include "Rounds.h"
+#include "FrameworkSupport.h"
 #include "SharedBytes.h"
 #include "SpareBlock.h"
 
-using namespace VDIFrameworkCommon;
+using namespace frameworktest;
 
 namespace {
 
@@ -24,12 +19,6 @@ bool isSpoilt(void* memory, std::size_t size, int number) {
     std::memset(bytes, number, size);
     std::this_thread::yield();
     return std::any_of(bytes, bytes + size, [=](unsigned char byte) { return byte != number; });
-}
-
-void onFourThreads(const std::function<void(int number)>& work) {
-    std::vector<std::thread> threads;
-    for (int number = 1; number <= 4; ++number) threads.emplace_back(work, number);
-    for (auto& thread : threads) thread.join();
 }
 
 TEST(CellPool, GivesCellsAgainAndKeepsNoMoreThanItsCount) {
@@ -49,8 +38,8 @@ TEST(CellPool, NeverGivesACellToTwoThreads) {
     static constinit CellPool<64, 8> pool;
     std::atomic<void*> passedOn{nullptr};
     std::atomic<int> spoilt{0};
-    onFourThreads([&](int number) {
-        for (int round = 0; round < testsupport::rounds(20000); ++round) {
+    onThreads(4, [&](int number) {
+        for (int round = 0; round < rounds(20000); ++round) {
             void* const cell = pool.allocate();
             spoilt += isSpoilt(cell, 64, number);
             pool.release(passedOn.exchange(cell));
@@ -87,9 +76,9 @@ TEST(SpareBlock, GivesTheLargestBlockAgainWhenItFits) {
 TEST(SpareBlock, IsSharedByThreads) {
     SpareBlock memory;
     std::atomic<int> spoilt{0};
-    onFourThreads([&](int number) {
-        for (int i = 0; i < testsupport::rounds(20'000); ++i) {
-            const std::size_t size = 1000u + static_cast<std::size_t>((i * number) % 3000);
+    onThreads(4, [&](int number) {
+        for (int i = 0; i < rounds(20'000); ++i) {
+            const std::size_t size = 1000u + static_cast<std::size_t>((i * (number + 1)) % 3000);
             std::size_t capacity = 0;
             void* const block = memory.allocate(size, capacity);
             spoilt += isSpoilt(block, size, number);

@@ -1,19 +1,42 @@
-// What the tests of cross-process services share.
+// What the tests of the framework share.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <type_traits>
+#include <vector>
 
+#include "ChildProcess.h"
+#include "Eventually.h"
+#include "FileContent.h"
+#include "LogCapture.h"
 #include "PosixSharedMemory.h"
+#include "Rounds.h"
+#include "TempDir.h"
+#include "Threads.h"
 #include "WaitOnAddress.h"
 
-namespace testsupport {
+namespace frameworktest {
+
+using namespace testsupport;
+using namespace VDIFrameworkCommon;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Texts = std::vector<std::string>;
+namespace fs = std::filesystem;
 
 // A T in memory shared by every process that names it; zero at first.
 template <class T>
@@ -21,8 +44,8 @@ class SharedBlock {
 public:
     explicit SharedBlock(const std::string& name) {
         static_assert(std::is_standard_layout_v<T>);
-        const int fd = VDIFrameworkCommon::shm_open_mac(name, O_RDWR | O_CREAT, 0600);
-        if (fd < 0 || VDIFrameworkCommon::ftruncate_mac(fd, sizeof(T)) != 0) {
+        const int fd = shm_open_mac(name, O_RDWR | O_CREAT, 0600);
+        if (fd < 0 || ftruncate_mac(fd, sizeof(T)) != 0) {
             throw std::runtime_error("cannot open the shared block " + name);
         }
         m_memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -41,8 +64,7 @@ private:
 };
 
 // "System" or "Polling"; children are told which by an argument. What it was before.
-inline VDIFrameworkCommon::WaitBackend useBackend(const std::string& name) {
-    using VDIFrameworkCommon::WaitBackend;
+inline WaitBackend useBackend(const std::string& name) {
     return setWaitBackend(name == "Polling" ? WaitBackend::Polling : WaitBackend::System);
 }
 
@@ -50,13 +72,13 @@ inline VDIFrameworkCommon::WaitBackend useBackend(const std::string& name) {
 class EachBackend : public ::testing::TestWithParam<const char*> {
 protected:
     EachBackend() : m_before(useBackend(GetParam())) {}
-    ~EachBackend() override { VDIFrameworkCommon::setWaitBackend(m_before); }
+    ~EachBackend() override { setWaitBackend(m_before); }
 
 private:
-    const VDIFrameworkCommon::WaitBackend m_before;
+    const WaitBackend m_before;
 };
 
-}  // namespace testsupport
+}  // namespace frameworktest
 
 #define INSTANTIATE_EACH_BACKEND(suite)                                       \
     INSTANTIATE_TEST_SUITE_P(, suite, ::testing::Values("System", "Polling"), \
