@@ -1,5 +1,4 @@
 // What the child processes of the segment tests do.
-#include <cstdio>
 #include <utility>
 
 #include "ActiveVirtualChannelAgentRecorder.h"
@@ -19,21 +18,7 @@ std::size_t lengthOf(std::uint32_t messageNumber, std::size_t longest) {
     return messageNumber * 2654435761U % longest;
 }
 
-// in, out, capacity: sends back what comes.
-CHILD_ROLE(segmentEcho) {
-    const auto in = plain();
-    const auto out = plain();
-    if (!in->Open(args[0], number(args[2])) || !out->Create(args[1], number(args[2]))) return 1;
-    say("ready");
-    for (;;) {
-        const std::string message = read(*in, 10000);
-        if (message.empty()) return 2;
-        if (message == "quit") return 0;
-        if (!write(*out, message)) return 3;
-    }
-}
-
-// type, name, capacity, source, count (0: no end): set up, say so, then numbered messages.
+// type, name, capacity, source, count (0: no end): writes numbered messages.
 CHILD_ROLE(segmentSource) {
     const auto out = getSharedMemoryInstance(static_cast<ESharedMemoryType>(number(args[0])));
     const unsigned int capacity = number(args[2]);
@@ -49,7 +34,7 @@ CHILD_ROLE(segmentSource) {
     return 0;
 }
 
-// name, capacity: says "good" once a whole message came and "bad" when one is damaged.
+// name, capacity: says "good" once a whole message came; ends when one is damaged.
 CHILD_ROLE(segmentSink) {
     const auto in = plain();
     if (!in->Open(args[0], number(args[1]))) return 1;
@@ -57,10 +42,7 @@ CHILD_ROLE(segmentSink) {
     for (bool first = true;;) {
         const std::string message = read(*in, 1000);
         if (message.empty()) continue;
-        if (!readNumbered(message)) {
-            say("bad");
-            return 2;
-        }
+        if (!readNumbered(message)) return 2;
         if (std::exchange(first, false)) say("good");
     }
 }
@@ -74,33 +56,28 @@ CHILD_ROLE(segmentLockHolder) {
     return 0;
 }
 
-// name, capacity, last, count: reads a broadcast; ends well after message number `last`, or closes
-// after `count` messages. Each message must be the successor of the one before.
+// name, capacity, last, count: reads a broadcast up to message number `last`, or `count` messages.
+// Each must follow the one before it.
 CHILD_ROLE(segmentListener) {
     const auto in = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
     if (!in->Open(args[0], number(args[1]))) return 1;
     say("ready");
-    std::optional<std::uint32_t> previous;
+    std::optional<Numbered> id;
     const unsigned int last = number(args[2]);
-    for (unsigned int left = number(args[3]); left > 0; --left) {
+    for (unsigned int left = number(args[3]); left > 0 && (!id || id->number != last); --left) {
+        const auto before = id;
         std::string message;
-        const auto start = Clock::now();
-        while (message.empty() && since(start) < std::chrono::seconds(20)) message = read(*in);
-        const auto id = readNumbered(message);
-        if (!id || (previous && id->number != *previous + 1)) {
-            std::printf("after %u came %ld\n", previous.value_or(0), id ? long{id->number} : -1L);
-            return 2;
-        }
-        if (!previous) say(std::to_string(id->number));
-        previous = id->number;
-        if (id->number == last) break;
+        if (!eventually([&] { return !(message = read(*in)).empty(); })) return 2;
+        id = readNumbered(message);
+        if (!id || (before && id->number != before->number + 1)) return 3;
+        if (!before) say(std::to_string(id->number));
     }
     in->Close();
-    say("left after " + std::to_string(*previous));
+    say("left after " + std::to_string(id->number));
     return 0;
 }
 
-// Marks itself as the active agent until a line comes, and again until the next.
+// Is the active agent until a line comes, and once more after the next line.
 CHILD_ROLE(segmentOtherAgent) {
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder recorder;
     for (int i = 0; i < 2; ++i) {
@@ -114,23 +91,7 @@ CHILD_ROLE(segmentOtherAgent) {
     return 0;
 }
 
-// in, out: a client that sends two messages back, and lets its controller look in between.
-CHILD_ROLE(segmentClient) {
-    Collector collector;
-    VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
-    const auto in = plain();
-    const auto out = plain();
-    if (!in->Open(args[0], 64) || !out->Create(args[1], 64)) return 1;
-    say("ready");
-    in->subscribeObserver(&collector);
-    for (std::size_t count = 1; count <= 2; ++count) {
-        if (!collector.waitForCount(count) || !write(*out, collector.messages().back())) return 2;
-        std::this_thread::sleep_for(milliseconds(700));
-    }
-    return 0;
-}
-
-// name, milliseconds: writes anything anywhere into the segment.
+// name, milliseconds: writes random values into the header.
 CHILD_ROLE(segmentScribbler) {
     RawSegment raw(args[0]);
     std::uint64_t state = 88172645463325252U;

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
+#include <cstring>
 #include <stdexcept>
 
 #include "PosixSharedMemory.h"
@@ -48,18 +48,9 @@ std::optional<Numbered> readNumbered(const std::string& message) {
     return id;
 }
 
-long residentKiB() {
-    long pages = 0;
-    long resident = 0;
-    std::ifstream("/proc/self/statm") >> pages >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-RawSegment::RawSegment(const std::string& name)
-    : RawSegment(std::to_string(geteuid()) + "DEFVDI_", name) {}
-
-RawSegment::RawSegment(const std::string& prefix, const std::string& name) {
-    const int fd = VDIFrameworkCommon::shm_open_mac(prefix + name, O_RDWR, 0);
+RawSegment::RawSegment(const std::string& name) {
+    const std::string object = std::to_string(geteuid()) + "DEFVDI_" + name;
+    const int fd = VDIFrameworkCommon::shm_open_mac(object, O_RDWR, 0);
     if (fd < 0) throw std::runtime_error("no segment " + name);
     struct stat status {};
     fstat(fd, &status);

@@ -6,15 +6,15 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Eventually.h"
@@ -32,14 +32,14 @@ using testsupport::since;
 // A segment name that no other test of this run has.
 std::string uniqueName();
 
-// A message that tells what it is, and in which every byte depends on that.
+// A message that carries its number, and whose bytes all depend on it.
 struct Numbered {
     std::uint32_t source;
     std::uint32_t number;
 };
 inline constexpr std::size_t kShortestNumbered = 12;
 std::string numberedMessage(Numbered id, std::size_t length);
-// Nothing when any byte is not as numberedMessage made it.
+// Empty if any byte differs from what numberedMessage wrote.
 std::optional<Numbered> readNumbered(const std::string& message);
 
 inline bool write(SharedMemoryI& segment, const std::string& message) {
@@ -67,7 +67,7 @@ struct PlainPair {
     const std::shared_ptr<SharedMemoryI> writer = plain();
 };
 
-// By how many KiB the most memory that this process has used grows from now on.
+// By how much the peak memory use of this process has grown since construction, in KiB.
 class PeakMemory {
 public:
     long growth() const { return now() - m_before; }
@@ -81,77 +81,63 @@ private:
     const long m_before = now();
 };
 
-// How much memory this process uses now.
-long residentKiB();
-
-// Checks numbered messages as they come: each undamaged, none twice, none missing within a source.
+// Checks numbered messages as they arrive: none is damaged, repeated or missing within its source.
+// The first wrong one fails the test.
 class Checker : public SharedMemoryObserverI {
 public:
     void onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) override {
         const auto id = readNumbered(message);
-        if (!id || id->number != m_expected[id->source]) note(id);
+        const bool right = id && id->number == m_expected[id->source];
+        if (!right && !std::exchange(m_isWrong, true))
+            ADD_FAILURE() << "after " << m_count << " came " << (id ? int(id->number) : -1);
         if (!id) return;
         m_expected[id->source] = id->number + 1;
         m_source = id->source;
         ++m_count;
     }
-    // The first that was wrong; empty when none was.
-    std::string wrong() const {
-        std::lock_guard lock(m_mutex);
-        return m_wrong;
-    }
     std::uint32_t count() const { return m_count; }
-    // Of the newest message.
+    // The source of the newest message.
     std::uint32_t source() const { return m_source; }
 
 private:
-    void note(const std::optional<Numbered>& id) {
-        std::lock_guard lock(m_mutex);
-        if (!m_wrong.empty()) return;
-        m_wrong = "after " + std::to_string(m_count) + " came ";
-        m_wrong += id ? std::to_string(id->source) + "/" + std::to_string(id->number) : "damage";
-    }
-    mutable std::mutex m_mutex;
-    std::string m_wrong;
+    bool m_isWrong = false;
     std::atomic<std::uint32_t> m_count{0};
     std::atomic<std::uint32_t> m_source{0};
     std::map<std::uint32_t, std::uint32_t> m_expected;
 };
 
-// Keeps what it observes.
+// Collects the messages it observes. `action` is called before each is stored.
 class Collector : public SharedMemoryObserverI {
 public:
-    void onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) override {
+    using Action = std::function<void(SharedMemoryI& source)>;
+    explicit Collector(Action action = {}) : m_action(std::move(action)) {}
+    void onNewMessageReceived(std::string message, SharedMemoryI* source) override {
+        if (m_action) m_action(*source);
         std::lock_guard lock(m_mutex);
         m_messages.push_back(std::move(message));
-        m_changed.notify_all();
-    }
-    bool waitForCount(std::size_t count, milliseconds limit = std::chrono::seconds(20)) {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, limit, [&] { return m_messages.size() >= count; });
-    }
-    bool waitForLast(const std::string& message, milliseconds limit) {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(
-            lock, limit, [&] { return !m_messages.empty() && m_messages.back() == message; });
     }
     std::vector<std::string> messages() const {
         std::lock_guard lock(m_mutex);
         return m_messages;
     }
+    std::string last() const {
+        std::lock_guard lock(m_mutex);
+        return m_messages.empty() ? std::string() : m_messages.back();
+    }
+    bool waitForCount(std::size_t count) const {
+        return eventually([&] { return messages().size() >= count; });
+    }
 
 private:
+    const Action m_action;
     mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
     std::vector<std::string> m_messages;
 };
 
-// The bytes of a segment's object, as another program would map them.
+// A segment's shared-memory object as another program would map it.
 class RawSegment {
 public:
-    // The second form takes the front of the object's name, too.
     explicit RawSegment(const std::string& name);
-    RawSegment(const std::string& prefix, const std::string& name);
     ~RawSegment();
     RawSegment(const RawSegment&) = delete;
     RawSegment& operator=(const RawSegment&) = delete;
@@ -187,7 +173,7 @@ protected:
     unsigned int ElapsedMillisecond() override { return kTime(); }
 };
 
-// A segment whose clock a test moves; one for all of a process's segments.
+// A segment whose clock is set by the test; all segments of the process share it.
 inline std::atomic<unsigned int> g_testTime{100000};
 inline unsigned int testTime() { return g_testTime; }
 template <class Segment>

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -5,8 +6,10 @@
 #include <future>
 #include <memory>
 
+#include "Descriptor.h"
 #include "LogCapture.h"
 #include "NamedCondition.h"
+#include "PosixSharedMemory.h"
 #include "SegmentSupport.h"
 #include "VDIClientInfo.h"
 
@@ -30,17 +33,29 @@ TEST_F(SegmentTest, AWrittenChunkLiesThereByteForByteAndNothingOfAnEarlierWriter
     for (std::size_t i = 48; i < 148; ++i) raw.put<char>(i, '!');
     ASSERT_TRUE(writer->Create(name, 100));
     ASSERT_TRUE(write(*writer, std::string(90, 'a')));
-    EXPECT_EQ(raw.word64(16), 1);
     EXPECT_EQ(raw.word64(24), 0);
     EXPECT_EQ(read(*reader), std::string(90, 'a'));
     EXPECT_EQ(raw.word64(24), 1);
 
     ASSERT_TRUE(write(*writer, "xyz"));
-    const std::string expected = std::string(16, '\0') + std::string("\2\0\0\0\0\0\0\0", 8) +
-                                 std::string("\1\0\0\0\0\0\0\0", 8) +
-                                 std::string("\1\0\0\0\1\0\0\0\3\0\0\0\3\0\0\0", 16) + "xyz" +
-                                 std::string(97, '\0');
-    EXPECT_EQ(raw.bytes(0, 148), expected);
+    const std::string expected(
+        "\2\0\0\0\0\0\0\0"
+        "\1\0\0\0\0\0\0\0"
+        "\1\0\0\0\1\0\0\0\3\0\0\0\3\0\0\0xyz",
+        35);
+    EXPECT_EQ(raw.bytes(0, 148), std::string(16, '\0') + expected + std::string(97, '\0'));
+}
+
+TEST_F(SegmentTest, MessagesOfEveryLengthCross) {
+    constexpr unsigned int kCapacity = 65536;
+    ASSERT_TRUE(reader->Open(name, kCapacity) && writer->Create(name, kCapacity));
+    for (const std::size_t length :
+         {1U, kCapacity - 1, kCapacity, kCapacity + 1, 10 * kCapacity + 7, 32U << 20U}) {
+        const std::string message = numberedMessage({1, 1}, length).substr(0, length);
+        auto written = std::async([&] { return write(*writer, message); });
+        ASSERT_TRUE(read(*reader) == message) << length;
+        EXPECT_TRUE(written.get());
+    }
 }
 
 TEST_F(SegmentTest, ChunksOfALongMessageAreNumberedFromOne) {
@@ -71,7 +86,9 @@ TEST_F(SegmentTest, TheObjectIsNamedByUserClientTypeAndSegment) {
         VDIFrameworkCommon::VDIClientInfo::getInstance().setClientType(type);
         const auto segment = plain();
         ASSERT_TRUE(segment->Create(name, 10));
-        EXPECT_NO_THROW(RawSegment raw(std::to_string(geteuid()) + prefix, name)) << prefix;
+        const support::Descriptor object(VDIFrameworkCommon::shm_open_mac(
+            std::to_string(geteuid()) + prefix + name, O_RDONLY, 0));
+        EXPECT_TRUE(object) << prefix;
     }
 }
 
