@@ -1,4 +1,4 @@
-// What another user puts in the way of the active agent's record. Needs root, to be two users.
+// Obstacles that another user creates for the active agent's record. Needs root to become a user.
 #include <sched.h>
 #include <sys/mount.h>
 
@@ -10,8 +10,8 @@ using namespace frameworktest;
 
 namespace {
 
-// Puts something in the way of a user, becomes that user, and tells whether one process of the
-// user, and only one, can be marked all the same.
+// Creates an obstacle for a user, becomes that user, and reports whether exactly one process of the
+// user can be marked in spite of it.
 CHILD_ROLE(agentObstructed) {
     constexpr uid_t kVictim = 12345;
     const std::string path = AgentMark::pathOf(kVictim);
@@ -37,8 +37,7 @@ CHILD_ROLE(agentObstructed) {
     return 0;
 }
 
-TEST(ActiveAgentObstacleAcrossProcesses,
-     WhatAnotherUserPutsInTheWayIsNamedAndTheMarkLiesElsewhere) {
+TEST(ActiveAgentObstacleAcrossProcesses, ObstaclesOfAnotherUserAreNamedAndTheMarkIsPutElsewhere) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
     ActiveVirtualChannelAgentRecorder recorder;  // makes the folder
     EXPECT_TRUE(recorder.markCurrentVirtualChannelAgentAsActive());

@@ -14,7 +14,7 @@ void repeat(int times, AdaptiveSpin& spin, AdaptiveSpin::Duration waited,
     for (int i = 0; i < times; ++i) spin.notified(waited, wakeUp);
 }
 
-TEST(AdaptiveSpin, BeginsAfterShortWaitsForAnotherProcessorAndEndsWhenItDoesNotPay) {
+TEST(AdaptiveSpin, StartsAfterShortWaitsForAnotherProcessorAndStopsWhenItDoesNotPay) {
     AdaptiveSpin spin;
     EXPECT_EQ(spin.budget(0, 1), kNone);
     repeat(10, spin, 25us, 5us);
@@ -37,7 +37,7 @@ TEST(AdaptiveSpin, WakeUpsOfBothSidesDoNotCountAsWaiting) {
     AdaptiveSpin longWaits;
     repeat(10, longWaits, 75us, 5us);
     EXPECT_EQ(longWaits.budget(0, 1), kNone);
-    // A wake-up that took that long says that the processor was busy.
+    // A wake-up that takes this long means that the processor was busy.
     AdaptiveSpin busyMachine;
     repeat(10, busyMachine, 5ms, 5ms);
     EXPECT_EQ(busyMachine.budget(0, 1), kNone);

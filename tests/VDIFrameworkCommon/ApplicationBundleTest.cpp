@@ -39,7 +39,7 @@ TEST(PropertyList, BrokenTextHasNoSuchKey) {
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
 }
 
-TEST(ApplicationBundle, ADescriptionThatCannotBeTrustedIsNone) {
+TEST(ApplicationBundle, AnInvalidDescriptionIsIgnored) {
     TempDir dir;
     const std::string path = dir / "X.app";
     fs::create_directories(path + "/Contents");
@@ -54,7 +54,7 @@ TEST(ApplicationBundle, ADescriptionThatCannotBeTrustedIsNone) {
     EXPECT_EQ(readBundle(dir / "missing.app").executable, "");
 }
 
-TEST(ApplicationBundle, IsTheInnermostAppFolderOnTheWay) {
+TEST(ApplicationBundle, IsTheInnermostAppFolderOfAPath) {
     EXPECT_EQ(bundlePathOf("/A/X.app/Contents/Helpers/Y.app/Contents/MacOS/y"),
               "/A/X.app/Contents/Helpers/Y.app");
     EXPECT_EQ(bundlePathOf("/A/X.application/x"), "");

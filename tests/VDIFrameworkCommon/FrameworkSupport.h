@@ -1,4 +1,4 @@
-// What the tests of the framework share.
+// Shared by the tests of the framework.
 #pragma once
 
 #include <fcntl.h>
@@ -19,11 +19,11 @@
 #include <type_traits>
 #include <vector>
 
-#include "ChildProcess.h"
 #include "Eventually.h"
 #include "FileContent.h"
 #include "LogCapture.h"
 #include "PosixSharedMemory.h"
+#include "ReadyChild.h"
 #include "Rounds.h"
 #include "TempDir.h"
 #include "Threads.h"
@@ -63,7 +63,7 @@ private:
     void* m_memory = nullptr;
 };
 
-// "System" or "Polling"; children are told which by an argument. What it was before.
+// Selects "System" or "Polling"; children get it as an argument. Returns the previous one.
 inline WaitBackend useBackend(const std::string& name) {
     return setWaitBackend(name == "Polling" ? WaitBackend::Polling : WaitBackend::System);
 }

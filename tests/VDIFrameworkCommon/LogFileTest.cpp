@@ -28,7 +28,7 @@ TEST_F(LogFileTest, MakesItsDirectoryForTheOwnerOnly) {
     EXPECT_EQ(modeOf("a/b/x.log") & 0077U, 0U);
 }
 
-TEST_F(LogFileTest, AppendsAndRollsBeforeItsLimitAndKeepsThree) {
+TEST_F(LogFileTest, AppendsAndRollsOverBeforeItsLimitAndKeepsThreeFiles) {
     std::ofstream(dir / "x.log") << "before\n";
     ASSERT_TRUE(file.open(dir / "x.log"));
     for (const char* text : {"1111111\n", "222\n", "333333333\n", "444444444\n"}) file.write(text);
@@ -44,7 +44,7 @@ TEST_F(LogFileTest, AppendsAndRollsBeforeItsLimitAndKeepsThree) {
     EXPECT_FALSE(fs::exists(dir / "x.log.4"));
 }
 
-TEST_F(LogFileTest, FollowsItsPathWhenAnotherRolledOrRemovedTheFile) {
+TEST_F(LogFileTest, ReopensItsPathWhenTheFileWasRenamedOrRemoved) {
     ASSERT_TRUE(file.open(dir / "a/x.log"));
     file.write("first\n");
     fs::rename(dir / "a/x.log", dir / "a/x.log.1");
@@ -59,7 +59,7 @@ TEST_F(LogFileTest, FollowsItsPathWhenAnotherRolledOrRemovedTheFile) {
     EXPECT_EQ(content("a/x.log"), "written\n");
 }
 
-TEST_F(LogFileTest, WhatCannotBeAFileIsNoFileAndNoFailure) {
+TEST_F(LogFileTest, APathThatCannotBeALogFileIsNotOpened) {
     std::ofstream(dir / "plain") << "";
     ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
     fs::create_directory(dir / "folder");

@@ -14,7 +14,7 @@ using namespace KLT::kltlogger;
 
 namespace {
 
-// What the lines of a log file say.
+// The messages of the lines of a log file.
 Texts messagesOf(const std::string& path) {
     Texts messages = linesOf(path);
     for (auto& line : messages) line.erase(0, line.rfind(": ") + 2);
@@ -33,7 +33,7 @@ std::string textOf(const LogRecord& record) {
     return text;
 }
 
-// A file that is gone at the end of the test.
+// A log file in a temporary folder.
 class LogFileHolder : public testing::Test {
 protected:
     Texts written() const { return messagesOf(path); }
@@ -48,14 +48,14 @@ protected:
     LogAppender appender{nullptr, off_t{1} << 40};
 };
 
-// The log of the process writes into the file.
+// The process logs into the file.
 class LoggerFileTest : public LogFileHolder {
 protected:
     LoggerFileTest() { VirtualChannelLogger_init(path); }
     ~LoggerFileTest() override { VirtualChannelLogger_init(""); }
 };
 
-TEST(LogLine, SaysWhenWhoWhereAndWhat) {
+TEST(LogLine, HasTimeProcessSourceAndMessage) {
     const std::string text = textOf(recordOf(Warning, "bad packet: 23 bytes"));
     const std::regex form(
         R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d)\.\d{6}Z (\d+)/\d+ \[(.*)\] WARN VirtualChannel )"
@@ -101,7 +101,7 @@ TEST_F(LogAppenderTest, KeepsNotableEventsUntilAFailureAFullBufferOrTheEnd) {
     EXPECT_EQ(messagesOf(dir / "b.log").size(), 2U);
 }
 
-TEST_F(LogAppenderTest, ABufferedRecordIsWrittenWithinASecondOrSo) {
+TEST_F(LogAppenderTest, ABufferedRecordIsWrittenAfterASecond) {
     for (const std::size_t expected : {1U, 2U}) {
         appender.append(recordOf(Info, "quiet"));
         EXPECT_EQ(written().size(), expected - 1);
@@ -109,7 +109,7 @@ TEST_F(LogAppenderTest, ABufferedRecordIsWrittenWithinASecondOrSo) {
     }
 }
 
-TEST_F(LogAppenderTest, FourThreadsLoseAndTearNoLine) {
+TEST_F(LogAppenderTest, FourThreadsNeitherLoseNorMixLines) {
     constexpr int kThreads = 4;
     const int perThread = rounds(250000);
     onThreads(kThreads, [&](int number) {
@@ -126,7 +126,7 @@ TEST_F(LogAppenderTest, FourThreadsLoseAndTearNoLine) {
     EXPECT_EQ(next, std::vector<int>(kThreads, perThread));
 }
 
-TEST(Logger, ALineThatIsOffComposesNothing) {
+TEST(Logger, ADisabledLineIsNotComposed) {
     LogCapture log(Notice);
     int composed = 0;
     const auto part = [&] {
@@ -139,7 +139,7 @@ TEST(Logger, ALineThatIsOffComposesNothing) {
     EXPECT_EQ(log.lines(), Texts{"text 7 1 (null)"});
 }
 
-TEST(Logger, IsOffWhileThereIsNowhereToWrite) {
+TEST(Logger, IsOffWithoutADestination) {
     EXPECT_FALSE(isEnabled(Fatal));
     {
         const LogCapture log;
@@ -154,7 +154,7 @@ TEST(Logger, IsOffWhileThereIsNowhereToWrite) {
     VirtualChannelLogger_setAppenderType(LogAppenderType::File);
 }
 
-TEST(Logger, ThresholdIsClampedAndHoldsForTheLogObjectAndLoggersOfOneNameAreOne) {
+TEST(Logger, TheThresholdIsClampedAndLoggersAreSharedByName) {
     LogCapture log;
     setThreshold(99);
     EXPECT_TRUE(isEnabled(Trace));
@@ -174,7 +174,7 @@ TEST(Logger, ThresholdIsClampedAndHoldsForTheLogObjectAndLoggersOfOneNameAreOne)
     EXPECT_STREQ(KLTLogger_getName(nullptr), "");
 }
 
-TEST_F(LoggerFileTest, FlushIfAllowedSparesTheDiskInAStorm) {
+TEST_F(LoggerFileTest, FlushIfAllowedIsLimitedToOncePerTenthOfASecond) {
     VirtualChannelLogger_flush();
     NORVO_LOG(Info, "one");
     VirtualChannelLogger_flushBufferIfAllowed();
@@ -187,7 +187,7 @@ TEST_F(LoggerFileTest, FlushIfAllowedSparesTheDiskInAStorm) {
 
 LogRepeats::Time g_now;
 
-TEST(LogRepeats, TellsTheFirstThenCountsAtGrowingDistances) {
+TEST(LogRepeats, LogsTheFirstThenCountsAtGrowingIntervals) {
     LogCapture log;
     g_now = {};
     auto repeats = std::make_unique<LogRepeats>([] { return g_now; });
@@ -219,7 +219,7 @@ TEST(LogRepeats, TellsTheFirstThenCountsAtGrowingDistances) {
                                   "lost in 0", "lost in 0 ... 2 more in 3 s"}));
 }
 
-TEST_F(LoggerFileTest, ACountOfRepeatsThatNobodyTellsIsWrittenByTheLogItself) {
+TEST_F(LoggerFileTest, ACountOfRepeatsIsWrittenWithoutAFurtherCall) {
     static std::atomic<int> late = 0;
     LogRepeats repeats([] { return Clock::now() + late.load() * 10s; });
     for (int i = 0; i < 3; ++i) NORVO_LOG_REPEATED(repeats, Error, "lost");
@@ -229,7 +229,7 @@ TEST_F(LoggerFileTest, ACountOfRepeatsThatNobodyTellsIsWrittenByTheLogItself) {
     EXPECT_EQ(written().back(), "lost ... 2 more in 10 s");
 }
 
-// Logs, then ends beside a forked child or beside threads that still log.
+// Logs, then exits beside a forked child or while other threads still log.
 CHILD_ROLE(loggingProcess) {
     VirtualChannelLogger_init(args[0]);
     NORVO_LOG(Info, "buffered");
@@ -251,8 +251,8 @@ CHILD_ROLE(loggingProcess) {
     return 0;
 }
 
-// The lines of a process that ends in that way. A leak check would stop at the threads that still
-// run, or in a forked child wait for a lock that a thread of the parent held.
+// The lines of a process that ends in the given way. A leak check would report the running threads,
+// or wait in the forked child for a lock that a thread of the parent held.
 Texts linesOfAnEnd(const std::string& way) {
     const TempDir dir;
     ChildProcess child("loggingProcess", {dir / "x.log", way}, {"ASAN_OPTIONS=detect_leaks=0"});

@@ -20,7 +20,7 @@ TEST(MessageText, FieldsOfEveryTypeHaveTheirForm) {
     EXPECT_EQ(builder.msg(), R"(ChannelUp|4294967295|1|0|-2|0||a\|b\\)");
 }
 
-TEST(MessageText, AnyTextIsSomeListOfFields) {
+TEST(MessageText, AnyTextParsesAsFields) {
     const std::pair<const char*, Fields> cases[] = {
         {"", {""}}, {"a\\", {"a\\"}}, {"\\a|\\", {"a", "\\"}}, {"||", {"", "", ""}}};
     for (const auto& [text, fields] : cases) EXPECT_EQ(MessageParser(text).parseMsg(), fields);

@@ -13,7 +13,7 @@ using namespace frameworktest;
 
 namespace {
 
-// Long enough that a wait that should end early never reaches it; short for one that must.
+// For waits that should be satisfied, and for waits that should time out.
 constexpr unsigned kLong = 20000;
 constexpr unsigned kShort = 20;
 
@@ -96,7 +96,7 @@ TEST_P(NamedConditionTest, AWaitForNobodyLastsItsTimeAndDoesNotBurnTheProcessor)
     EXPECT_LT(std::clock() - before, 60 * CLOCKS_PER_SEC / 1000);
 }
 
-TEST_P(NamedConditionTest, AMutexThatIsNotFreeAgainIsReported) {
+TEST_P(NamedConditionTest, AMutexThatCannotBeLockedAgainIsReported) {
     LogCapture log;
     NamedMutex thief;
     ASSERT_TRUE(thief.create("condition mutex") && m_mutex.lock());
@@ -108,8 +108,8 @@ TEST_P(NamedConditionTest, AMutexThatIsNotFreeAgainIsReported) {
     EXPECT_TRUE(thief.unlock());
 }
 
-// Overflows show under the sanitizer.
-TEST_P(NamedConditionTest, WhatAnotherProcessWroteIntoTheWordsHarmsNobody) {
+// Sanitizers find overflows.
+TEST_P(NamedConditionTest, GarbageInTheSharedWordsIsHarmless) {
     const auto object = NamedObject::open(NamedObject::Kind::Condition, "condition");
     for (const std::uint64_t word : {0ULL, 1ULL, 1ULL << 31U, 1ULL << 63U, ~0ULL}) {
         object->words().parkedAt = word;
@@ -157,12 +157,11 @@ CHILD_ROLE(conditionReturner) {
     return 1;
 }
 
-// Plays `rounds`, or for half a minute on a machine that has no time for it.
+// Plays `rounds`, for half a minute at most.
 void playPingPong(const std::string& backend, const std::string& name, int rounds) {
     AdaptiveSpin::setEnabled(name == "spin");
     Table table(name);
-    ChildProcess peer("conditionReturner", {backend, name});
-    ASSERT_EQ(peer.readLine(), "ready");
+    const ReadyChild peer("conditionReturner", {backend, name});
     const auto start = Clock::now();
     auto now = start;
     int played = 0;
@@ -219,7 +218,7 @@ CHILD_ROLE(conditionNotifier) {
     NamedCondition condition;
     if (!condition.create(args[0].c_str())) return 1;
     condition.notify();
-    say("notified");
+    say("ready");
     hear();
     return 0;
 }
@@ -231,10 +230,9 @@ TEST(NewConditionHandleAcrossProcesses, CountsWhatALivingProcessNotifiedAndNotWh
         EXPECT_TRUE(mutex.create("table") && condition.create(name));
         return waits(condition, mutex, kShort);
     };
-    // Each of these notifies as it is set up, like a writer that no reader has ever answered.
+    // Each visitor notifies and exits, like a writer that no reader has ever answered.
     const auto visit = [](const char* name) {
-        ChildProcess visitor("conditionNotifier", {name});
-        ASSERT_EQ(visitor.readLine(), "notified");
+        ReadyChild visitor("conditionNotifier", {name});
         visitor.closeInput();
         EXPECT_EQ(visitor.wait(), 0);
     };
@@ -242,8 +240,7 @@ TEST(NewConditionHandleAcrossProcesses, CountsWhatALivingProcessNotifiedAndNotWh
         visit("unanswered");
         EXPECT_FALSE(counts("unanswered"));
     }
-    ChildProcess partner("conditionNotifier", {"partner"});
-    ASSERT_EQ(partner.readLine(), "notified");
+    ReadyChild partner("conditionNotifier", {"partner"});
     for (int i = 0; i < 3; ++i) visit("partner");
     EXPECT_TRUE(counts("partner"));
     partner.kill();

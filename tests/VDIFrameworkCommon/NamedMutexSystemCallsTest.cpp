@@ -7,7 +7,7 @@
 
 using namespace frameworktest;
 
-// Locks where any system call but those that end it kills the process.
+// Locks and unlocks while any system call except exit kills the process.
 CHILD_ROLE(mutexUserWithoutSystem) {
     NamedMutex mutex;
     if (!mutex.create("quiet") || !mutex.lock() || !mutex.unlock()) return 1;

@@ -61,7 +61,7 @@ TEST_P(NamedMutexTest, AWaiterIsWokenWhenTheLockIsReleased) {
 }
 
 TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorAnotherPidNamespaceForDead) {
-    // This process as it would be known with another start time, and in another namespace, too.
+    // This process with another start time, and in another PID namespace as well.
     const ProcessIdentity::Word gone = ProcessIdentity::own() ^ ProcessIdentity::Word{1} << 30U;
     const ProcessIdentity::Word foreign = gone ^ ProcessIdentity::Word{1} << 50U;
     std::atomic<ProcessIdentity::Word>& owner = m_object->words().owner;
@@ -79,7 +79,7 @@ TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorAnotherPidNamespa
     EXPECT_FALSE(m_mutex.lockFor(30ms));
     EXPECT_EQ(owner & ~ProcessIdentity::kUserBit, foreign);
 
-    // No process has such a word: somebody has written over it.
+    // Words that no process has.
     for (const ProcessIdentity::Word garbage :
          {foreign & ~(ProcessIdentity::kUserBit - 1), foreign | (ProcessIdentity::kUserBit - 1),
           ProcessIdentity::Word{1}, ~ProcessIdentity::Word{0}}) {
@@ -91,7 +91,7 @@ TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorAnotherPidNamespa
 
 class NamedMutexAcrossProcesses : public EachBackend {};
 
-// Of each name's mutex; changed under it only.
+// One count per mutex, changed only under that mutex.
 using Counts = std::array<int, 50>;
 
 // backend, names, rounds: makes each name's mutex, and has two threads count with one handle.
@@ -115,7 +115,7 @@ CHILD_ROLE(mutexCounter) {
     return right ? 0 : 1;
 }
 
-TEST_P(NamedMutexAcrossProcesses, EightCountExactlyAndSixteenThatCreateANameAtOnceShareIt) {
+TEST_P(NamedMutexAcrossProcesses, EightProcessesCountExactlyAndSixteenCreatingANameAtOnceShareIt) {
     SharedBlock<Counts> counts("counts");
     const auto expectExactly = [&](int processes, int names, int rounds) {
         *counts = {};
@@ -141,7 +141,7 @@ CHILD_ROLE(mutexWorker) {
     say("ready");
     for (;; ++work->done) {
         bool right = mutex.lock();
-        // One that was killed inside is still written there.
+        // A worker that was killed inside is still registered.
         ProcessIdentity::Word me = ProcessIdentity::own();
         const ProcessIdentity::Word before = work->inside.exchange(me);
         right = right && (before == 0 || ProcessIdentity::isGone(before));
@@ -154,10 +154,9 @@ TEST_P(NamedMutexAcrossProcesses, MutualExclusionHoldsWhileWorkersAreKilled) {
     SharedBlock<Work> work("work");
     work->inside = 0;
     work->done = 0;
-    std::deque<ChildProcess> workers;
+    std::deque<ReadyChild> workers;
     for (int started = 0; started < 3 + rounds(200); ++started) {
         workers.emplace_back("mutexWorker", Texts{GetParam()});
-        ASSERT_EQ(workers.back().readLine(), "ready");
         if (workers.size() > 3) workers.pop_front();  // which kills it
     }
     NamedMutex mutex;
@@ -172,7 +171,7 @@ TEST_P(NamedMutexAcrossProcesses, MutualExclusionHoldsWhileWorkersAreKilled) {
 CHILD_ROLE(mutexHolder) {
     NamedMutex mutex;
     if (!mutex.create("held") || !mutex.lock()) return 1;
-    say("held");
+    say("ready");
     hear();
     return mutex.unlock() ? 0 : 2;
 }
@@ -180,8 +179,7 @@ CHILD_ROLE(mutexHolder) {
 TEST_P(NamedMutexAcrossProcesses, ALivingHolderKeepsItsLockForTwoSecondsAndADeadOneFreesIt) {
     NamedMutex mutex;
     ASSERT_TRUE(mutex.create("held"));
-    ChildProcess holder("mutexHolder");
-    ASSERT_EQ(holder.readLine(), "held");
+    ReadyChild holder("mutexHolder");
     EXPECT_FALSE(mutex.unlock());
     const auto start = Clock::now();
     EXPECT_FALSE(mutex.lock());
@@ -193,10 +191,9 @@ TEST_P(NamedMutexAcrossProcesses, ALivingHolderKeepsItsLockForTwoSecondsAndADead
 
     auto quickest = Clock::duration::max();
     for (int i = 0; i < 10; ++i) {
-        ChildProcess victim("mutexHolder");
-        ASSERT_EQ(victim.readLine(), "held");
+        ReadyChild victim("mutexHolder");
         victim.kill();
-        // Its output ends when it has become a zombie; it need not be reaped.
+        // Its output ends once it is a zombie, reaped or not.
         EXPECT_EQ(victim.readLine(), "");
         if (i % 2 == 0) victim.wait();
         const auto ended = Clock::now();

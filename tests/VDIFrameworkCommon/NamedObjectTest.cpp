@@ -10,7 +10,7 @@ using Kind = NamedObject::Kind;
 
 namespace {
 
-// Makes an object under the name of a mutex as somebody else might.
+// Makes an object under the name of a mutex as another program might.
 support::Descriptor plant(const std::string& name, off_t size, mode_t mode = 0600) {
     const std::string object = NamedObject::objectName(Kind::Mutex, name);
     support::Descriptor file(shm_open_mac(object, O_RDWR | O_CREAT | O_EXCL, 0600));
@@ -21,7 +21,7 @@ support::Descriptor plant(const std::string& name, off_t size, mode_t mode = 060
 
 bool canCreate(const char* name) { return NamedMutex().create(name); }
 
-TEST(NamedObject, AdoptsAnEmptyOrAllZeroObjectThatAKilledCreatorLeft) {
+TEST(NamedObject, AdoptsAnEmptyOrAllZeroObjectLeftByAKilledCreator) {
     plant("empty", 0);
     EXPECT_TRUE(canCreate("empty"));
     plant("zero", NamedObject::kSize);
@@ -29,7 +29,7 @@ TEST(NamedObject, AdoptsAnEmptyOrAllZeroObjectThatAKilledCreatorLeft) {
     EXPECT_TRUE(canCreate("zero"));
 }
 
-TEST(NamedObject, RefusesAnotherLayoutAndAnObjectThatOthersMayOpenAndLeavesThemAsTheyAre) {
+TEST(NamedObject, RefusesForeignLayoutsAndObjectsOpenToOthersWithoutChangingThem) {
     LogCapture log;
     const auto foreign = plant("foreign", NamedObject::kSize);
     EXPECT_EQ(pwrite(foreign.get(), "something else", 14, 0), 14);
@@ -66,7 +66,7 @@ TEST(NamedObject, AHandleThatWasNeverCreatedFailsAtOnce) {
     EXPECT_EQ(log.count("A named mutex needs a name"), 2);
 }
 
-TEST(NamedObject, HandlesOfOneKindShareAMappingUntilTheNameIsRemovedFromTheSystem) {
+TEST(NamedObject, HandlesOfOneKindShareAMappingUntilTheObjectIsRemoved) {
     const auto mutex = NamedObject::open(Kind::Mutex, "both");
     const auto condition = NamedObject::open(Kind::Condition, "both");
     ASSERT_TRUE(mutex && condition);

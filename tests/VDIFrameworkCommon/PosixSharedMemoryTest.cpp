@@ -24,7 +24,7 @@ struct stat statusOf(int fd) {
     return status;
 }
 
-TEST(SharedMemoryObjectName, IsCutToAReadableStartAndAHashWhenItDoesNotFit) {
+TEST(SharedMemoryObjectName, IsShortenedToAReadablePrefixAndAHash) {
     const std::string fitting(255 - 1 - namespacedName("").size(), 'x');
     EXPECT_EQ(sharedMemoryObjectName(fitting, 255), '/' + namespacedName(fitting));
     const std::string name = "501CWVDI_a stream with quite a long name";
@@ -72,7 +72,7 @@ TEST_F(PosixSharedMemoryTest, GrowsToWhatTheSystemCanHoldAndNeverShrinksAndKeeps
     char bytes[5] = {};
     EXPECT_EQ(pread(fd, bytes, 4, 4996), 4);
     EXPECT_STREQ(bytes, "kept");
-    // What somebody else sized without memory behind it is given memory.
+    // An object that was sized without memory behind it gets memory.
     EXPECT_EQ(ftruncate(fd, 1 << 20), 0);
     EXPECT_EQ(ftruncate_mac(fd, 1 << 20), 0);
     EXPECT_GE(statusOf(fd).st_blocks, (1 << 20) / 512);
@@ -85,7 +85,7 @@ CHILD_ROLE(namespaceTeller) {
     return 0;
 }
 
-TEST(SessionNamespaceAcrossProcesses, IsWorkedIntoNamesAndCleanedOfOddCharacters) {
+TEST(SessionNamespaceAcrossProcesses, IsPartOfNamesWithoutInvalidCharacters) {
     const std::string longest(32, 'x');
     const std::pair<std::string, std::string> cases[] = {
         {"", " name"},

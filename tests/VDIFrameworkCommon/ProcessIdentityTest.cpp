@@ -17,7 +17,7 @@ bool comesToBeGone(ProcessIdentity::Word word) {
     return eventually([&] { return ProcessIdentity::isGone(word); });
 }
 
-// Told to, it can no longer look at its own start time.
+// With an argument it uses up its descriptors, so that it cannot read its own start time.
 CHILD_ROLE(identityTeller) {
     if (!args.empty()) {
         const rlimit few{64, 64};
@@ -30,7 +30,7 @@ CHILD_ROLE(identityTeller) {
     return 0;
 }
 
-TEST(ProcessIdentityAcrossProcesses, AZombieIsGoneAndSoIsOneThatWasReaped) {
+TEST(ProcessIdentityAcrossProcesses, AZombieAndAReapedProcessAreGone) {
     for (const Texts& args : {Texts(), {"no descriptors"}}) {
         ChildProcess child("identityTeller", args);
         const auto word = identityFrom(child);
@@ -57,7 +57,7 @@ CHILD_ROLE(identityLeaver) {
     pthread_exit(nullptr);
 }
 
-TEST(ProcessIdentityAcrossProcesses, AProcessWhoseFirstThreadHasLeftStillLives) {
+TEST(ProcessIdentityAcrossProcesses, AProcessWhoseFirstThreadHasExitedIsAlive) {
     ChildProcess child("identityLeaver");
     const auto word = identityFrom(child);
     child.writeLine("speak");

@@ -33,12 +33,12 @@ void makeScript(const std::string& path, const char* commands = "while :; do sle
 
 class ProcessUtilsAcrossProcesses : public testing::Test {
 protected:
-    // A name finds programs of the whole machine, and so those of tests that run at the same time.
+    // A search by name sees all processes of the user, including those of tests running beside.
     const std::string name = "Companion" + std::to_string(getpid());
     TestApplication app{name, kIdentifier};
 };
 
-// What the process has open beside the null device.
+// The files that the process has open, except the null device.
 std::string filesOf(pid_t pid) {
     std::string files;
     for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
@@ -88,7 +88,7 @@ TEST_F(ProcessUtilsAcrossProcesses, AProgramIsFoundByNamePathBundleAndIdentifier
     EXPECT_TRUE(eventually([] { return !ProcessUtils::isProcessRunning(kIdentifier); }));
 }
 
-TEST_F(ProcessUtilsAcrossProcesses, WhatCannotBeStartedIsReportedOnce) {
+TEST_F(ProcessUtilsAcrossProcesses, AFailureToStartIsReportedOnce) {
     fs::create_directories(app.folder() + "/Empty.app/Contents");
     for (const char* file : {"/plain", "/broken"})
         std::ofstream(app.folder() + file) << "not a program";
@@ -104,7 +104,7 @@ TEST_F(ProcessUtilsAcrossProcesses, WhatCannotBeStartedIsReportedOnce) {
     EXPECT_EQ(log.lines(), expected);
 }
 
-TEST_F(ProcessUtilsAcrossProcesses, AProgramThatIsWaitedForTellsByItsStatusWhetherItDidItsWork) {
+TEST_F(ProcessUtilsAcrossProcesses, RunningAProgramReportsWhetherItSucceeded) {
     EXPECT_TRUE(runDetached("/bin/sh", {"-c", "sleep 0.05; exit 0"}));
     EXPECT_FALSE(runDetached("/bin/sh", {"-c", "sleep 0.05; exit 1"}));
     EXPECT_FALSE(runDetached("/bin/sh", {"-c", "kill -9 $$"}));
@@ -120,7 +120,7 @@ TEST_F(ProcessUtilsAcrossProcesses, AScriptIsFoundAsTheProgramOfItsBundle) {
     for (int i = 0; i < 2; ++i) ASSERT_TRUE(ProcessUtils::createProcess(kIdentifier));
     EXPECT_TRUE(ProcessUtils::isProcessRunning(kIdentifier));
     const auto running = [&] { return processesNamed(app.program()).size(); };
-    // Between fork and exec, what the shell starts looks like the shell.
+    // Between fork and exec, a command of the shell looks like the shell.
     EXPECT_TRUE(eventually([&] { return running() == 1; }));
     ProcessUtils::terminateProcess(kIdentifier);
     EXPECT_EQ(running(), 0U);
@@ -128,22 +128,15 @@ TEST_F(ProcessUtilsAcrossProcesses, AScriptIsFoundAsTheProgramOfItsBundle) {
     ProcessUtils::terminateProcess(reader);
 }
 
-// Which files of a folder have been opened since.
-class OpenedFiles {
+class OpenedFile {
 public:
-    explicit OpenedFiles(const std::string& folder) {
-        inotify_add_watch(m_events.get(), folder.c_str(), IN_OPEN);
+    explicit OpenedFile(const std::string& path) {
+        EXPECT_NE(inotify_add_watch(m_events.get(), path.c_str(), IN_OPEN), -1);
     }
-    std::string names() const {
-        alignas(inotify_event) char bytes[4096];
-        std::string names;
-        const ssize_t size = read(m_events.get(), bytes, sizeof bytes);
-        for (ssize_t at = 0; at < size;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(bytes + at);
-            if (event->len > 0) names += std::string(event->name) + ' ';
-            at += static_cast<ssize_t>(sizeof *event + event->len);
-        }
-        return names;
+    // Whether anybody has opened it since the last call.
+    bool wasOpened() const {
+        char events[4096];
+        return read(m_events.get(), events, sizeof events) > 0;
     }
 
 private:
@@ -151,37 +144,37 @@ private:
 };
 
 TEST_F(ProcessUtilsAcrossProcesses, FilesThatOtherProgramsNameAreLeftAlone) {
-    const std::string folder = app.folder() + "/Other.app/Contents/MacOS";
+    const std::string contents = app.folder() + "/Other.app/Contents";
+    const std::string fifo = contents + "/MacOS/" + name;
+    const std::string script = contents + "/MacOS/data";
     const std::string reader = app.folder() + "/reader";
-    fs::create_directories(folder);
+    fs::create_directories(contents + "/MacOS");
     fs::copy_file(idleProgram(), reader);
-    ASSERT_EQ(mkfifo((folder + '/' + name).c_str(), 0600), 0);
-    ASSERT_EQ(mkfifo((app.folder() + "/Other.app/Contents/Info.plist").c_str(), 0600), 0);
-    makeScript(folder + "/data");
-    for (const std::string& file : {name, std::string("data")})
-        ASSERT_TRUE(launchDetached(reader, {folder + '/' + file}));
-    const OpenedFiles inFolder(folder);
-    const OpenedFiles inBundle(app.folder() + "/Other.app/Contents");
-    // Another test may search at the same time, and open the script.
+    makeScript(script);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((contents + "/Info.plist").c_str(), 0600), 0);
+    for (const auto& file : {fifo, script}) ASSERT_TRUE(launchDetached(reader, {file}));
+    const OpenedFile openedFifo(fifo);
+    const OpenedFile openedList(contents + "/Info.plist");
+    const OpenedFile openedScript(script);
+    // A test running beside may search, too, and open the script.
     const auto opensNothing = [&](const std::string& program) {
         return eventually([&] {
-            inFolder.names();
-            return !ProcessUtils::isProcessRunning(program) && inFolder.names().empty();
+            openedScript.wasOpened();
+            return !ProcessUtils::isProcessRunning(program) && !openedScript.wasOpened();
         });
     };
     for (const std::string& each : {name, app.program(), app.path()})
         EXPECT_TRUE(opensNothing(each)) << each;
-    // Of an application, the script is looked at, and nothing that is not a regular file.
+    // A search by identifier reads the script, and only regular files.
     EXPECT_FALSE(ProcessUtils::isProcessRunning(kIdentifier));
-    const std::string opened = inFolder.names();
-    EXPECT_TRUE(opened.find("data ") != std::string::npos && opened.find(name) == std::string::npos)
-        << opened;
+    EXPECT_TRUE(openedScript.wasOpened());
     EXPECT_EQ(readBundle(app.folder() + "/Other.app").executable, "");
-    EXPECT_EQ(inBundle.names(), "");
+    EXPECT_FALSE(openedFifo.wasOpened() || openedList.wasOpened());
     ProcessUtils::terminateProcess(reader);
 }
 
-TEST_F(ProcessUtilsAcrossProcesses, AWatchSearchesAgainWhenItsProcessHasGoneOrChanged) {
+TEST_F(ProcessUtilsAcrossProcesses, AWatchSearchesAgainWhenItsProcessHasEndedOrChanged) {
     makeScript(app.program(), "read line; exec sleep 60");
     const std::string description = app.path() + "/Contents/Info.plist";
     ProcessWatch watch;
@@ -198,7 +191,7 @@ TEST_F(ProcessUtilsAcrossProcesses, AWatchSearchesAgainWhenItsProcessHasGoneOrCh
     }
 }
 
-TEST_F(ProcessUtilsAcrossProcesses, WhatWillNotEndIsEndedByForce) {
+TEST_F(ProcessUtilsAcrossProcesses, AProgramThatIgnoresTerminationIsKilledAfterASecond) {
     ASSERT_TRUE(launchDetached(app.program(), {}));
     ASSERT_TRUE(launchDetached(app.program(), {"stubborn"}));
     const auto ignoresTerm = [](pid_t pid) {

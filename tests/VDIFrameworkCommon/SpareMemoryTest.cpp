@@ -13,7 +13,7 @@ using namespace frameworktest;
 
 namespace {
 
-// Fills memory with this thread's number; says whether any other wrote there meanwhile.
+// Fills memory with this thread's number. Whether another thread wrote there meanwhile.
 bool isSpoilt(void* memory, std::size_t size, int number) {
     auto* const bytes = static_cast<unsigned char*>(memory);
     std::memset(bytes, number, size);
@@ -21,7 +21,7 @@ bool isSpoilt(void* memory, std::size_t size, int number) {
     return std::any_of(bytes, bytes + size, [=](unsigned char byte) { return byte != number; });
 }
 
-TEST(CellPool, GivesCellsAgainAndKeepsNoMoreThanItsCount) {
+TEST(CellPool, ReusesCellsAndKeepsNoMoreThanItsCount) {
     constexpr std::size_t kCount = 4;
     static constinit CellPool<64, kCount> pool;
     for (int lap = 0; lap < 3; ++lap) {
@@ -49,12 +49,12 @@ TEST(CellPool, NeverGivesACellToTwoThreads) {
     EXPECT_EQ(spoilt, 0);
 }
 
-TEST(SharedBytes, OfNoBytesAreNotAnEmptyHandleAndBeyondReasonAre) {
+TEST(SharedBytes, ZeroBytesGiveAHandleAndTooManyDoNot) {
     EXPECT_TRUE(SharedBytes::allocate(0));
     EXPECT_FALSE(SharedBytes::allocate(SIZE_MAX));
 }
 
-TEST(SpareBlock, GivesTheLargestBlockAgainWhenItFits) {
+TEST(SpareBlock, ReusesTheLargestBlockWhenItFits) {
     SpareBlock memory;
     std::size_t capacity = 0;
     void* const first = memory.allocate(SpareBlock::kLargest, capacity);

@@ -1,4 +1,4 @@
-// norvo_bench as its user meets it; what it measures is not looked at.
+// norvo_bench on the command line; the figures themselves are not checked.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -33,8 +33,8 @@ int sharedObjectsOf(pid_t process) {
     return count;
 }
 
-// Processes that were started by `process` or its children, by their session namespace. A process
-// that has ended has no environment any more.
+// The number of processes started by `process` or its children, found by their session namespace.
+// A process that has ended has no environment.
 int livingPeersOf(pid_t process) {
     int count = 0;
     std::error_code gone;
@@ -57,7 +57,7 @@ TEST(NorvoBenchAcrossProcesses, ListsWhatItMeasuresAndRefusesWrongUseWithStatusT
         EXPECT_EQ(bench({wrong}).wait(), 2) << wrong;
 }
 
-// Of a row; a quoted field may hold commas.
+// The number of commas in a row outside quotes.
 std::size_t columnsOf(const std::string& row) {
     bool quoted = false;
     return static_cast<std::size_t>(std::count_if(row.begin(), row.end(), [&](char c) {
@@ -84,7 +84,7 @@ TEST(NorvoBenchAcrossProcesses, WritesFiguresAndVerdicts) {
     EXPECT_GT(goals, 0);
 }
 
-TEST(NorvoBenchAcrossProcesses, ShowsWhatItHasMeasuredWhenItIsStopped) {
+TEST(NorvoBenchAcrossProcesses, ReportsItsMeasurementsWhenItIsInterrupted) {
     using namespace std::chrono_literals;
     std::string text;
     for (auto patience = 200ms; text.empty() && patience < 20s; patience *= 2) {

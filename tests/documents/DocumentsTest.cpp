@@ -1,4 +1,4 @@
-// That what the documents say is so.
+// The documents agree with the programs.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -103,7 +103,7 @@ TEST(Documents, ReadmeShowsTheExamplesAsTheyAreCompiled) {
     }
 }
 
-TEST(Documents, LinksLeadToFilesThatAreThere) {
+TEST(Documents, LinksLeadToExistingFiles) {
     std::vector<std::filesystem::path> pages(std::filesystem::directory_iterator(kRoot / "docs"),
                                              {});
     pages.insert(pages.end(), {kRoot / "README.md", kRoot / "CONTRIBUTING.md"});
