@@ -1,25 +1,20 @@
-#include <gtest/gtest.h>
-
-#include "ChildProcess.h"
-#include "LogCapture.h"
 #include "SegmentSupport.h"
 #include "SharedMemoryRWController.h"
 
 namespace {
 
 using namespace segmenttest;
-using namespace testsupport;
 
 class RWControllerAcrossProcesses : public ::testing::Test {
 protected:
     RWControllerAcrossProcesses() { pair.reader->subscribeObserver(&collector); }
-    // What runs next in this process may write at once.
+    // Later tests in this process can write at once.
     ~RWControllerAcrossProcesses() override {
         EXPECT_TRUE(comesTo([&] { return controller->canRead() && controller->canWrite(); }));
         pair.reader->Close();
     }
 
-    // A check every 500 ms, and room for a loaded machine.
+    // The check runs every 500 ms; the rest is for a loaded machine.
     template <class Predicate>
     bool comesTo(const Predicate& predicate) {
         return eventually(predicate, milliseconds(2500));

@@ -1,22 +1,17 @@
 #include "MessageAssembler.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "Rounds.h"
 #include "SegmentSupport.h"
 
 namespace {
 
 using shared_memory::ChunkHeader;
 using shared_memory::MessageAssembler;
+using testsupport::kSanitized;
 using Outcome = MessageAssembler::Outcome;
 constexpr std::uint32_t kCapacity = 8;
 constexpr char kSlot[] = "abcdefgh";
 
-TEST(MessageAssemblerTest, JoinsChunksInOrderAndBeginsAnewWithAFirstOne) {
+TEST(MessageAssemblerTest, JoinsChunksInOrderAndStartsOverAtAFirstChunk) {
     MessageAssembler assembler;
     EXPECT_EQ(assembler.add({2, 1, 16, 8}, kSlot, kCapacity), Outcome::Incomplete);
     EXPECT_EQ(assembler.add({3, 1, 20, 8}, kSlot, kCapacity), Outcome::Incomplete);
@@ -41,7 +36,7 @@ TEST(MessageAssemblerTest, AChunkThatDoesNotFollowIsAStray) {
     }
 }
 
-TEST(MessageAssemblerTest, RefusesLengthsThatCannotBeRight) {
+TEST(MessageAssemblerTest, RefusesInvalidLengths) {
     const std::vector<ChunkHeader> starts = {
         {0, 1, 0, 0},            // no chunks at all
         {1, 1, 9, 8},            // more than its chunks can hold
@@ -64,7 +59,7 @@ TEST(MessageAssemblerTest, RefusesLengthsThatCannotBeRight) {
     EXPECT_EQ(assembler.add({2, 2, 10, 3}, kSlot, kCapacity), Outcome::BadLength);
 }
 
-TEST(MessageAssemblerTest, AChunkThatIsTakenBackLeavesWhatWasThereBefore) {
+TEST(MessageAssemblerTest, ARetractedChunkLeavesWhatWasThereBefore) {
     MessageAssembler assembler;
     ASSERT_EQ(assembler.add({2, 1, 16, 8}, kSlot, kCapacity), Outcome::Incomplete);
     for (int i = 0; i < 2; ++i) {
@@ -77,7 +72,7 @@ TEST(MessageAssemblerTest, AChunkThatIsTakenBackLeavesWhatWasThereBefore) {
     EXPECT_FALSE(assembler.inProgress());
 }
 
-TEST(MessageAssemblerTest, WhatABrokenMessageTookIsGivenBackAndALongerOneThanAllowedIsRefused) {
+TEST(MessageAssemblerTest, ABrokenMessageReleasesItsMemoryAndATooLongOneIsRefused) {
     constexpr std::uint32_t kChunk = 1 << 20;
     const std::string slot(kChunk, 'x');
     const segmenttest::PeakMemory memory;
@@ -89,7 +84,7 @@ TEST(MessageAssemblerTest, WhatABrokenMessageTookIsGivenBackAndALongerOneThanAll
         EXPECT_EQ(assembler.add({1, 1, 8, 8}, slot.data(), kChunk), Outcome::Complete);
         EXPECT_EQ(assembler.take(), "xxxxxxxx");
     }
-    EXPECT_LT(memory.growth(), (testsupport::kSanitized ? 400 : 140) * 1024);
+    EXPECT_LT(memory.growth(), (kSanitized ? 400 : 140) * 1024);
     EXPECT_EQ(
         assemblers[0].add({1024, 1, MessageAssembler::kLongest + 1, kChunk}, slot.data(), kChunk),
         Outcome::BadLength);
@@ -103,7 +98,7 @@ TEST(MessageAssemblerTest, AnAnnouncedTotalTakesNoMemoryBeforeItArrives) {
         EXPECT_EQ(assembler.add({65536, 1, MessageAssembler::kLongest, 65536}, slot.data(), 65536),
                   Outcome::Incomplete);
     }
-    EXPECT_LT(memory.growth(), (testsupport::kSanitized ? 256 : 32) * 1024);
+    EXPECT_LT(memory.growth(), (kSanitized ? 256 : 32) * 1024);
 }
 
 }  // namespace

@@ -1,16 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <future>
-
-#include "ChildProcess.h"
 #include "MultipleWritersOneReaderSM.h"
-#include "Rounds.h"
 #include "SegmentSupport.h"
 
 namespace {
 
 using namespace segmenttest;
-using namespace testsupport;
 
 using ClockedSegment = Clocked<MultipleWritersOneReaderSM>;
 
@@ -20,7 +13,7 @@ protected:
         ASSERT_TRUE(reader.Open(name, 64) && first.Create(name, 64) && second.Create(name, 64));
     }
     bool isLocked() const { return RawSegment(name).word64(0) == 1; }
-    // What a read that finds nothing does to the lock.
+    // Whether it is still locked after a read without a message.
     bool isLockedAfterARead() {
         EXPECT_EQ(read(reader, 0), "");
         return isLocked();
@@ -32,7 +25,7 @@ protected:
     ClockedSegment second;
 };
 
-TEST_F(MultipleWritersTest, OneWriterAtATimeHoldsTheLockUntilAnEmptyReadFindsItOldEnough) {
+TEST_F(MultipleWritersTest, OneWriterAtATimeHoldsTheLockUntilAnIdleReaderFindsItExpired) {
     const RawSegment raw(name);
     ASSERT_TRUE(first.LockWrite(0));
     EXPECT_EQ(raw.word64(8), g_testTime);
@@ -49,7 +42,7 @@ TEST_F(MultipleWritersTest, OneWriterAtATimeHoldsTheLockUntilAnEmptyReadFindsItO
     EXPECT_FALSE(isLockedAfterARead());
     EXPECT_EQ(raw.bytes(0, 16), std::string(16, '\0'));
 
-    // Its owner lives after all, and must not release another's lock.
+    // The former owner is alive after all, and must not release another writer's lock.
     ASSERT_TRUE(second.LockWrite(0));
     first.UnlockWrite();
     EXPECT_TRUE(isLocked());
@@ -57,7 +50,7 @@ TEST_F(MultipleWritersTest, OneWriterAtATimeHoldsTheLockUntilAnEmptyReadFindsItO
     EXPECT_FALSE(isLocked());
 }
 
-TEST_F(MultipleWritersTest, ACountThatDyingWritersLeftIsClearedInTime) {
+TEST_F(MultipleWritersTest, ALockCountLeftByDyingWritersIsClearedAfterTwoSeconds) {
     RawSegment raw(name);
     raw.put<long>(0, 3);
     EXPECT_EQ(read(reader, 0), "");
@@ -73,7 +66,7 @@ TEST_F(MultipleWritersTest, ACountThatDyingWritersLeftIsClearedInTime) {
     EXPECT_TRUE(isLocked());
 }
 
-TEST_F(MultipleWritersTest, ALongMessageThatStillComesInKeepsItsLock) {
+TEST_F(MultipleWritersTest, ALongMessageStillBeingReceivedKeepsItsLock) {
     const RawSegment raw(name);
     Clocked<SharedMemoryMacosx> slow;
     ASSERT_TRUE(slow.Create(name, 64));
@@ -96,9 +89,8 @@ TEST(MultipleWritersAcrossProcesses, MessagesOfTwoWritersNeverInterleave) {
     MultipleWritersOneReaderSM reader;
     ASSERT_TRUE(reader.Open(name, 64));
     reader.subscribeObserver(&messages);
-    ChildProcess one("segmentSource", {"2", name, "64", "1", count});
-    ChildProcess two("segmentSource", {"2", name, "64", "2", count});
-    for (auto* source : {&one, &two}) ASSERT_EQ(source->readLine(), "ready");
+    ReadyChild one("segmentSource", {"2", name, "64", "1", count});
+    ReadyChild two("segmentSource", {"2", name, "64", "2", count});
     for (auto* source : {&one, &two}) source->writeLine("go");
     for (auto* source : {&one, &two}) EXPECT_EQ(source->wait(), 0);
     EXPECT_TRUE(eventually([&] { return messages.count() == 2U * rounds(3000); }));

@@ -1,9 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <future>
-
-#include "LogCapture.h"
 #include "SegmentSupport.h"
 #include "Threads.h"
 
@@ -18,7 +12,7 @@ protected:
         reader->subscribeObserver(&m_observers.back());
         return m_observers.back();
     }
-    // Whether `observer` has `count` messages when this one has been sent.
+    // Whether sending `message` makes it the last of `count` messages of `observer`.
     bool reaches(const Collector& observer, std::size_t count, const std::string& message) {
         return write(*writer, message) && observer.waitForCount(count) &&
                observer.last() == message && observer.messages().size() == count;
@@ -81,7 +75,7 @@ TEST_F(ObserverTest, ManyThreadsMayComeAndGo) {
     auto source = std::async([&] {
         while (!stop) write(*writer, "message");
     });
-    testsupport::onThreads(3, [&](int) {
+    onThreads(3, [&](int) {
         for (int round = 0; round < 20; ++round) {
             Collector mine;
             reader->subscribeObserver(&mine);
@@ -94,8 +88,8 @@ TEST_F(ObserverTest, ManyThreadsMayComeAndGo) {
     writer->Close();
 }
 
-TEST_F(ObserverTest, MisuseIsRefusedAndDoesNotHang) {
-    testsupport::LogCapture log;
+TEST_F(ObserverTest, MisuseIsRefusedWithoutHanging) {
+    LogCapture log;
     const std::string line = "Illegal operation!" + reader->getName();
     Collector& closing = observe([](SharedMemoryI& source) { EXPECT_FALSE(source.Close()); });
     EXPECT_TRUE(reaches(closing, 1, "one"));

@@ -1,17 +1,10 @@
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <future>
 #include <random>
 
-#include "ChildProcess.h"
-#include "Rounds.h"
 #include "SegmentSupport.h"
 
 namespace {
 
 using namespace segmenttest;
-using namespace testsupport;
 
 TEST(SegmentAcrossProcesses, ManyMessagesKeepContentAndOrder) {
     const auto count = static_cast<std::uint32_t>(rounds(100000));
@@ -37,10 +30,9 @@ void killWriters(ESharedMemoryType type, unsigned int capacity, std::size_t read
     }
     std::mt19937 random(1);
     for (std::uint32_t generation = 1; generation <= static_cast<unsigned>(kills); ++generation) {
-        ChildProcess writer("segmentSource",
-                            {std::to_string(static_cast<int>(type)), name, std::to_string(capacity),
-                             std::to_string(generation), "0"});
-        ASSERT_EQ(writer.readLine(), "ready");
+        ReadyChild writer("segmentSource",
+                          {std::to_string(static_cast<int>(type)), name, std::to_string(capacity),
+                           std::to_string(generation), "0"});
         const auto start = Clock::now();
         for (auto& checker : checkers)
             ASSERT_TRUE(eventually([&] { return checker.source() == generation; }));
@@ -51,12 +43,12 @@ void killWriters(ESharedMemoryType type, unsigned int capacity, std::size_t read
     }
 }
 
-TEST(SegmentAcrossProcesses, ReadersGoOnAtOnceWithEachWriterThatComesAfterOneThatWasKilled) {
+TEST(SegmentAcrossProcesses, ReadersContinueAtOnceWithTheNextWriterAfterOneIsKilled) {
     killWriters(ESharedMemoryType::Plain, 64, 1, rounds(250));
     killWriters(ESharedMemoryType::Broadcast, 200, 2, rounds(50));
 }
 
-TEST(SegmentAcrossProcesses, AWriterGoesOnWithAReaderThatComesLateOrAfterOneThatWasKilled) {
+TEST(SegmentAcrossProcesses, AWriterContinuesWithALateReaderAndAfterOneIsKilled) {
     const std::string name = uniqueName();
     const auto writer = plain();
     ASSERT_TRUE(writer->Create(name, 64));
@@ -66,8 +58,7 @@ TEST(SegmentAcrossProcesses, AWriterGoesOnWithAReaderThatComesLateOrAfterOneThat
     });
     std::mt19937 random(2);
     for (int i = 0; i < rounds(250) && !testing::Test::HasFailure(); ++i) {
-        ChildProcess sink("segmentSink", {name, "64"});
-        EXPECT_EQ(sink.readLine(), "ready");
+        ReadyChild sink("segmentSink", {name, "64"});
         const auto start = Clock::now();
         EXPECT_EQ(sink.readLine(), "good") << i;
         EXPECT_LT(since(start), milliseconds(1500)) << i;

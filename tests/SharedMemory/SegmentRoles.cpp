@@ -1,15 +1,12 @@
-// What the child processes of the segment tests do.
-#include <utility>
+// The roles of the child processes.
 
 #include "ActiveVirtualChannelAgentRecorder.h"
-#include "ChildProcess.h"
 #include "MultipleWritersOneReaderSM.h"
 #include "SegmentSupport.h"
 
 namespace {
 
 using namespace segmenttest;
-using namespace testsupport;
 
 unsigned int number(const std::string& text) { return static_cast<unsigned int>(std::stoul(text)); }
 

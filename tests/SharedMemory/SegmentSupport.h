@@ -1,4 +1,4 @@
-// What the segment tests share.
+// Shared by the segment tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,8 +6,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,16 +21,18 @@
 #include <vector>
 
 #include "Eventually.h"
+#include "LogCapture.h"
+#include "ReadyChild.h"
+#include "Rounds.h"
 #include "SharedMemoryFactory.h"
 #include "SharedMemoryMacosx.h"
 
 namespace segmenttest {
 
 using namespace shared_memory;
+using namespace testsupport;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-using testsupport::eventually;
-using testsupport::since;
 
 // A segment name that no other test of this run has.
 std::string uniqueName();
@@ -50,6 +55,10 @@ inline std::string read(SharedMemoryI& segment, unsigned int timeout = 5000) {
     std::string message = segment.ReadData(length, timeout);
     EXPECT_EQ(length, message.size());
     return message;
+}
+
+inline bool crosses(SharedMemoryI& from, SharedMemoryI& to, const std::string& message) {
+    return write(from, message) && read(to) == message;
 }
 
 inline std::shared_ptr<SharedMemoryI> plain() {

@@ -1,13 +1,9 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <array>
-#include <future>
-#include <memory>
 
 #include "Descriptor.h"
-#include "LogCapture.h"
 #include "NamedCondition.h"
 #include "PosixSharedMemory.h"
 #include "SegmentSupport.h"
@@ -16,7 +12,6 @@
 namespace {
 
 using namespace segmenttest;
-using testsupport::LogCapture;
 
 class SegmentTest : public testing::Test {
 protected:
@@ -25,7 +20,7 @@ protected:
     const std::shared_ptr<SharedMemoryI> writer = plain();
 };
 
-TEST_F(SegmentTest, AWrittenChunkLiesThereByteForByteAndNothingOfAnEarlierWriter) {
+TEST_F(SegmentTest, AChunkHasTheDocumentedLayoutAndNoRestOfAnEarlierOne) {
     ASSERT_TRUE(reader->Open(name, 100));
     RawSegment raw(name);
     EXPECT_EQ(raw.size(), 148U);
@@ -92,7 +87,7 @@ TEST_F(SegmentTest, TheObjectIsNamedByUserClientTypeAndSegment) {
     }
 }
 
-TEST_F(SegmentTest, StepsOfSettingUpAreLoggedInOrderAndFailuresEndThem) {
+TEST_F(SegmentTest, TheStepsOfOpeningAreLoggedInOrder) {
     LogCapture log;
     ASSERT_TRUE(reader->Open(name, 10));
     const std::vector<std::string> steps = {
@@ -114,7 +109,7 @@ TEST_F(SegmentTest, StepsOfSettingUpAreLoggedInOrderAndFailuresEndThem) {
     EXPECT_TRUE(log.contains("CreateMutex for shared memory start succeed, stream: " + name));
 }
 
-TEST_F(SegmentTest, OperationsThatDoNotFitAreRefusedWithALine) {
+TEST_F(SegmentTest, InvalidOperationsAreRefusedAndLogged) {
     LogCapture log;
     void* data = nullptr;
     unsigned int length = 7;
@@ -133,7 +128,7 @@ TEST_F(SegmentTest, OperationsThatDoNotFitAreRefusedWithALine) {
         EXPECT_EQ(getSharedMemoryInstance(static_cast<ESharedMemoryType>(unknown)), nullptr);
 }
 
-TEST_F(SegmentTest, EndsOfDifferentCapacitiesUnderstandEachOtherInEitherOrder) {
+TEST_F(SegmentTest, EndsOfDifferentCapacitiesWorkTogetherInEitherOrder) {
     const std::string message(250000, 'x');
     for (const bool writerFirst : {true, false}) {
         const std::string both = uniqueName();
@@ -160,7 +155,7 @@ TEST_F(SegmentTest, AWholeMessageCanBeTakenAsAnArray) {
     EXPECT_TRUE(written.get());
 }
 
-TEST_F(SegmentTest, AReaderThatOpensDropsWhatWaitsAndFreesTheWriter) {
+TEST_F(SegmentTest, ANewReaderDropsTheWaitingChunkAndUnblocksTheWriter) {
     ASSERT_TRUE(reader->Open(name, 16) && writer->Create(name, 16));
     ASSERT_TRUE(write(*writer, "old"));
     auto written = std::async([&] { return write(*writer, "new"); });
@@ -170,7 +165,7 @@ TEST_F(SegmentTest, AReaderThatOpensDropsWhatWaitsAndFreesTheWriter) {
     EXPECT_TRUE(written.get());
 }
 
-TEST_F(SegmentTest, AWriterThatNobodyEverAnsweredWaitsItsTimeAndThenWrites) {
+TEST_F(SegmentTest, AWriterWithoutAReaderWaitsTwoSecondsAndThenWrites) {
     ASSERT_TRUE(writer->Create(name, 16));
     const auto start = Clock::now();
     EXPECT_TRUE(write(*writer, "first"));
@@ -180,7 +175,7 @@ TEST_F(SegmentTest, AWriterThatNobodyEverAnsweredWaitsItsTimeAndThenWrites) {
     EXPECT_TRUE(log.contains("Memory is not writable: " + name));
 }
 
-// Puts the first chunk of a message into the slot that nobody ends.
+// Puts the first chunk of an unfinished message into the slot.
 void beginMessage(const std::string& name) {
     RawSegment raw(name);
     std::size_t offset = 32;
@@ -191,7 +186,7 @@ void beginMessage(const std::string& name) {
     raw.put<long>(16, raw.word64(16) + 1);
 }
 
-TEST_F(SegmentTest, AMessageThatItsWriterDoesNotEndIsReportedAndReplacedByTheNext) {
+TEST_F(SegmentTest, AnUnfinishedMessageIsReportedAndReplacedByTheNext) {
     ASSERT_TRUE(reader->Open(name, 4) && writer->Create(name, 4));
     LogCapture log;
     beginMessage(name);
@@ -206,7 +201,7 @@ TEST_F(SegmentTest, AMessageThatItsWriterDoesNotEndIsReportedAndReplacedByTheNex
     EXPECT_EQ(log.count("The message is not received in full." + name), 1);
 }
 
-TEST_F(SegmentTest, WaitsOnOtherThreadsHoldNobodyUpAndEndByClosing) {
+TEST_F(SegmentTest, WaitsOnOtherThreadsBlockNobodyAndEndWhenTheSegmentCloses) {
     ASSERT_TRUE(reader->Open(name, 4) && writer->Create(name, 4));
     const auto start = Clock::now();
     auto reading = std::async([&] { return read(*reader, 20000); });

@@ -1,13 +1,7 @@
-// One end of a segment while the other does what it should not, or is gone.
-#include <gtest/gtest.h>
+// One end of a segment while the other misbehaves or is gone.
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <future>
-
-#include "ChildProcess.h"
-#include "LogCapture.h"
 #include "MultipleWritersOneReaderSM.h"
 #include "PosixSharedMemory.h"
 #include "SegmentSupport.h"
@@ -16,8 +10,6 @@
 namespace {
 
 using namespace segmenttest;
-using testsupport::ChildProcess;
-using testsupport::LogCapture;
 
 class SlotTest : public testing::Test {
 protected:
@@ -30,7 +22,7 @@ protected:
     SlotReader reader{slot};
 };
 
-TEST_F(SlotTest, AChunkThatAWriterSetUpAnewWroteOverIsNotAcknowledged) {
+TEST_F(SlotTest, AChunkOverwrittenByANewWriterIsNotAcknowledged) {
     const auto writer = plain();
     ASSERT_TRUE(slot.open(name, 16, true, reader));
     ASSERT_TRUE(writer->Create(name, 16) && write(*writer, "old"));
@@ -41,13 +33,13 @@ TEST_F(SlotTest, AChunkThatAWriterSetUpAnewWroteOverIsNotAcknowledged) {
     EXPECT_FALSE(slot.take());
     EXPECT_EQ(slot.header().readMessageId, 0);
     EXPECT_EQ(reader.takeNow(milliseconds(0)), "new");
-    // Nor one of the same writer that nobody has waited for.
+    // Nor is a chunk whose ID has changed since the reader waited for it.
     ASSERT_TRUE(write(*next, "seen") && waitForChunk());
     slot.header().newMessageId.fetch_add(1);
     EXPECT_FALSE(slot.take());
 }
 
-TEST_F(SlotTest, ABroadcastMessageThatItsWriterTouchesIsNotTaken) {
+TEST_F(SlotTest, ABroadcastMessageIsNotTakenWhileItsWriterChangesIt) {
     SharedMemoryBroadcast listener;
     ASSERT_TRUE(listener.Open(name, 16));
     RawSegment raw(name);
@@ -55,7 +47,8 @@ TEST_F(SlotTest, ABroadcastMessageThatItsWriterTouchesIsNotTaken) {
         raw.put<std::uint32_t>(40, total);
         raw.put<std::uint32_t>(44, length);
     };
-    // A writer that is not ours holds its lock while it copies, and ours spoils the length.
+    // Another implementation's writer holds its lock while it copies; ours makes the length
+    // invalid.
     LogCapture log;
     fields(3, 3);
     raw.put<long>(0, 1);
@@ -72,43 +65,34 @@ TEST_F(SlotTest, ABroadcastMessageThatItsWriterTouchesIsNotTaken) {
     EXPECT_EQ(read(listener).size(), 3U);
 }
 
-TEST_F(SlotTest, ARefusedBroadcastWriteLeavesTheMessageBefore) {
+TEST_F(SlotTest, ARefusedBroadcastWriteLeavesThePreviousMessage) {
     SharedMemoryBroadcast writer;
     SharedMemoryBroadcast listener;
     ASSERT_TRUE(listener.Open(name, 16) && writer.Create(name, 16));
-    ASSERT_TRUE(write(writer, "AAAAAAAAAA"));
-    EXPECT_EQ(read(listener), "AAAAAAAAAA");
-    const RawSegment raw(name);
+    ASSERT_TRUE(crosses(writer, listener, "AAAAAAAAAA"));
     VDIFrameworkCommon::NamedMutex mutex;
     ASSERT_TRUE(mutex.create(("ED992248_" + name).c_str()) && mutex.lock());
     EXPECT_FALSE(write(writer, "BBBB"));
     mutex.unlock();
-    EXPECT_EQ(raw.bytes(48, 10), "AAAAAAAAAA");
-    EXPECT_TRUE(write(writer, "BBBB"));
-    EXPECT_EQ(read(listener), "BBBB");
+    EXPECT_EQ(RawSegment(name).bytes(48, 10), "AAAAAAAAAA");
+    EXPECT_TRUE(crosses(writer, listener, "BBBB"));
 }
 
-TEST_F(SlotTest, AReaderThatOpensWhileAWriterStartsAnewDoesNotTakeAnOldMessageForANewOne) {
-    SharedMemoryBroadcast writer;
+TEST_F(SlotTest, AReaderThatOpensWhileTheWriterRestartsDoesNotTakeAnOldMessage) {
+    SharedMemoryBroadcast writers[3];
     SharedMemoryBroadcast listener;
-    ASSERT_TRUE(listener.Open(name, 16) && writer.Create(name, 16));
-    ASSERT_TRUE(write(writer, "old"));
-    EXPECT_EQ(read(listener), "old");
-    SharedMemoryBroadcast next;
     SharedMemoryBroadcast late;
-    ASSERT_TRUE(next.Create(name, 16));
-    ASSERT_TRUE(late.Open(name, 16));
-    EXPECT_EQ(read(listener), "");
-    EXPECT_EQ(read(late), "");
-    // Written before any reader has put its ID back, it is new for all of them.
-    SharedMemoryBroadcast third;
-    ASSERT_TRUE(third.Create(name, 16));
-    ASSERT_TRUE(write(third, "new"));
-    EXPECT_EQ(read(listener), "new");
+    ASSERT_TRUE(listener.Open(name, 16) && writers[0].Create(name, 16));
+    ASSERT_TRUE(crosses(writers[0], listener, "old"));
+    ASSERT_TRUE(writers[1].Create(name, 16) && late.Open(name, 16));
+    EXPECT_EQ(read(listener) + read(late), "");
+    // A message written before any reader has restored the ID is new to all readers.
+    ASSERT_TRUE(writers[2].Create(name, 16));
+    EXPECT_TRUE(crosses(writers[2], listener, "new"));
     EXPECT_EQ(read(late), "new");
 }
 
-TEST_F(SlotTest, AnObjectThatIsRemovedOrCutUnderneathIsMadeAnewByBothEnds) {
+TEST_F(SlotTest, ARemovedOrTruncatedObjectIsMadeAnewByBothEnds) {
     const std::string object = std::to_string(geteuid()) + "DEFVDI_" + name;
     const std::string path = "/dev/shm" + VDIFrameworkCommon::sharedMemoryObjectName(object);
     Collector collector;
@@ -121,11 +105,7 @@ TEST_F(SlotTest, AnObjectThatIsRemovedOrCutUnderneathIsMadeAnewByBothEnds) {
     for (const bool isCut : {false, true}) {
         ASSERT_TRUE(write(*out, "before") && collector.waitForCount(++count));
         const RawSegment raw(name);
-        if (isCut) {
-            ASSERT_EQ(truncate(path.c_str(), 0), 0);
-        } else {
-            ASSERT_EQ(unlink(path.c_str()), 0);
-        }
+        ASSERT_EQ(isCut ? truncate(path.c_str(), 0) : unlink(path.c_str()), 0);
         ASSERT_TRUE(eventually([&] { return write(*out, std::string(8192, 'a')); }));
         ASSERT_TRUE(collector.waitForCount(++count)) << isCut;
         EXPECT_EQ(collector.last().size(), 8192U);
@@ -135,28 +115,23 @@ TEST_F(SlotTest, AnObjectThatIsRemovedOrCutUnderneathIsMadeAnewByBothEnds) {
     in->Close();
 }
 
-TEST(SlotAcrossProcesses, AnEndWhoseProcessIsKilledHoldsNobodyUp) {
+TEST(SlotAcrossProcesses, AKilledProcessHoldsNobodyUp) {
     const std::string name = uniqueName();
     const auto soon = milliseconds(1000);
-    // A broadcast's reader, with a message that it has not taken.
+    // A broadcast reader that has not taken the last message.
     SharedMemoryBroadcast writer;
     ASSERT_TRUE(writer.Create(name, 64));
-    ChildProcess listener("segmentListener", {name, "64", "-1", "1"});
-    ASSERT_EQ(listener.readLine(), "ready");
+    ReadyChild listener("segmentListener", {name, "64", "-1", "1"});
     SharedMemoryBroadcast reader;
     ASSERT_TRUE(reader.Open(name, 64));
     ASSERT_EQ(kill(listener.pid(), SIGSTOP), 0);
-    ASSERT_TRUE(write(writer, "not taken"));
-    EXPECT_EQ(read(reader), "not taken");
+    ASSERT_TRUE(crosses(writer, reader, "not taken"));
     listener.kill();
     listener.wait();
     auto start = Clock::now();
-    for (const std::string message : {"one", "two"}) {
-        ASSERT_TRUE(write(writer, message));
-        EXPECT_EQ(read(reader), message);
-    }
+    for (const std::string message : {"one", "two"}) EXPECT_TRUE(crosses(writer, reader, message));
     EXPECT_LT(since(start), soon);
-    // One of several writers, with the lock.
+    // One of several writers, holding the lock.
     const std::string shared = uniqueName();
     MultipleWritersOneReaderSM other;
     ASSERT_TRUE(other.Create(shared, 64));
@@ -169,7 +144,7 @@ TEST(SlotAcrossProcesses, AnEndWhoseProcessIsKilledHoldsNobodyUp) {
     EXPECT_LT(since(start), soon);
 }
 
-TEST_F(SlotTest, AMutexThatAnotherProcessKeepsBoundsAReadByItsTimeOut) {
+TEST_F(SlotTest, AReadKeepsToItsTimeOutWhileAnotherProcessHoldsTheMutex) {
     ASSERT_TRUE(slot.open(name, 16, true, reader));
     VDIFrameworkCommon::NamedMutex mutex;
     ASSERT_TRUE(mutex.create(("ED992248_" + name).c_str()) && mutex.lock());
