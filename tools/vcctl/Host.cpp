@@ -72,7 +72,8 @@ void Host::refuseToBeTheSecond() {
 
 void Host::say(const std::string& text) const {
     if (m_quiet) return;
-    (m_quietOutput ? std::cerr : std::cout) << text << std::endl;
+    // In one piece, as another host may write to the same terminal or pipe.
+    (m_quietOutput ? std::cerr : std::cout) << text + '\n' << std::flush;
 }
 
 void Host::serve(Descriptor socket, const std::string& peer, int listener) {
