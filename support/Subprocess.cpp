@@ -2,19 +2,17 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <map>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
-extern char** environ;
+#include "StartProcess.h"
 
 namespace support {
 
@@ -30,26 +28,6 @@ RunningChildren& runningChildren() {
     return all;
 }
 
-int spawn(pid_t* pid, int input, int output, std::vector<char*> argv, std::vector<char*> env) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-    auto& running = runningChildren();
-    std::lock_guard lock(running.mutex);
-    const int failed = posix_spawn(pid, argv[0], &actions, &attributes, argv.data(), env.data());
-    if (!failed) running.pids.insert(*pid);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
-    return failed;
-}
-
 // Forgets the child in the same step, so that endAll() never signals a reused process ID.
 pid_t reap(pid_t pid, int* status) {
     auto& running = runningChildren();
@@ -57,28 +35,6 @@ pid_t reap(pid_t pid, int* status) {
     const pid_t done = waitpid(pid, status, WNOHANG);
     if (done != 0) running.pids.erase(pid);
     return done;
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (auto& text : texts) pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-// Each name once: programs do not agree on which of two counts.
-std::vector<std::string> ownEnvironmentWith(const std::vector<std::string>& changes) {
-    std::map<std::string, std::string> entries;
-    const auto add = [&](const std::string& entry) {
-        entries[entry.substr(0, entry.find('='))] = entry;
-    };
-    for (char** entry = environ; *entry; ++entry) add(*entry);
-    for (const std::string& entry : changes) add(entry);
-    std::vector<std::string> texts;
-    texts.reserve(entries.size());
-    for (auto& [name, entry] : entries) texts.push_back(std::move(entry));
-    return texts;
 }
 
 struct Pipe {
@@ -96,12 +52,17 @@ Pipe openPipe() {
 
 }  // namespace
 
-Subprocess::Subprocess(std::vector<std::string> argv, const std::vector<std::string>& environment) {
+Subprocess::Subprocess(const std::vector<std::string>& argv,
+                       const std::vector<std::string>& environment) {
     Pipe input = openPipe();
     Pipe output = openPipe();
-    std::vector<std::string> env = ownEnvironmentWith(environment);
-    if (spawn(&m_pid, input.out.get(), output.in.get(), pointersTo(argv), pointersTo(env)) != 0)
-        throw std::runtime_error("cannot start " + argv[0]);
+    {
+        auto& running = runningChildren();
+        std::lock_guard lock(running.mutex);
+        if (startProcess(&m_pid, input.out.get(), output.in.get(), argv, environment) != 0)
+            throw std::runtime_error("cannot start " + argv[0]);
+        running.pids.insert(m_pid);
+    }
     m_input = std::move(input.in);
     m_output = std::move(output.out);
 }

@@ -1,5 +1,5 @@
 // A child process with pipes to its standard input and output, owned by the object: it ends with
-// it. A child starts with no signal blocked. For tests, benchmarks and tools.
+// it. It starts as startProcess() says. For tests, benchmarks and tools.
 #pragma once
 
 #include <sys/types.h>
@@ -14,9 +14,9 @@ namespace support {
 
 class Subprocess {
 public:
-    // Starts argv[0] (a path) with those arguments. `environment` adds to ("NAME=value"), or
-    // replaces in, this process's environment. Throws std::runtime_error.
-    explicit Subprocess(std::vector<std::string> argv,
+    // Starts argv[0] with those arguments; `environment` as for startProcess(). Throws
+    // std::runtime_error.
+    explicit Subprocess(const std::vector<std::string>& argv,
                         const std::vector<std::string>& environment = {});
     // Kills the child if it still runs, and reaps it.
     ~Subprocess();

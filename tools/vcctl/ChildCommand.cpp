@@ -1,7 +1,6 @@
 #include "ChildCommand.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,8 +12,7 @@
 #include <thread>
 
 #include "CommandError.h"
-
-extern char** environ;
+#include "StartProcess.h"
 
 namespace vcctl {
 
@@ -23,31 +21,6 @@ using support::Descriptor;
 namespace {
 
 constexpr int kPatience = 2000;  // milliseconds
-
-// As a shell starts it: the signals that this process ignores are not ignored there.
-int spawn(pid_t* pid, int socket, const std::vector<std::string>& command) {
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string& argument : command)
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, socket, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, socket, STDOUT_FILENO);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t restored;
-    sigemptyset(&restored);
-    sigaddset(&restored, SIGPIPE);
-    posix_spawnattr_setsigdefault(&attributes, &restored);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-    const int failed =
-        posix_spawnp(pid, arguments[0], &actions, &attributes, arguments.data(), environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
-    return failed;
-}
 
 }  // namespace
 
@@ -58,7 +31,7 @@ ChildCommand::ChildCommand(const std::vector<std::string>& command) {
     for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
     m_socket.reset(ends[0]);
     const Descriptor theirs(ends[1]);
-    if (const int failed = spawn(&m_pid, theirs.get(), command))
+    if (const int failed = support::startProcess(&m_pid, theirs.get(), theirs.get(), command))
         throw systemError("cannot start '" + command[0] + "'", failed);
 }
 
