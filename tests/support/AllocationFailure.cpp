@@ -5,24 +5,9 @@
 #include <new>
 
 namespace {
+
 thread_local int t_untilFailure = 0;  // 0: never
 thread_local bool t_failed = false;
-}  // namespace
-
-namespace testsupport {
-
-AllocationFailure::AllocationFailure(int nth) {
-    t_untilFailure = nth;
-    t_failed = false;
-}
-
-AllocationFailure::~AllocationFailure() { t_untilFailure = 0; }
-
-bool AllocationFailure::happened() const { return t_failed; }
-
-}  // namespace testsupport
-
-namespace {
 
 void* allocate(std::size_t size) noexcept {
     if (t_untilFailure > 0 && --t_untilFailure == 0) {
@@ -39,7 +24,17 @@ void* allocateOrThrow(std::size_t size) {
 
 }  // namespace
 
-// All forms but the aligned ones: a sanitizer's own would otherwise meet the memory of these.
+int testsupport::failEachAllocation(const std::function<void()>& step) {
+    for (int nth = 1;; ++nth) {
+        t_failed = false;
+        t_untilFailure = nth;
+        step();
+        t_untilFailure = 0;
+        if (!t_failed) return nth;
+    }
+}
+
+// All forms but the aligned ones, so that none of a sanitizer's own frees memory of these.
 void* operator new(std::size_t size) { return allocateOrThrow(size); }
 void* operator new[](std::size_t size) { return allocateOrThrow(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }

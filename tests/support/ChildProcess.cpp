@@ -18,23 +18,17 @@ std::map<std::string, ChildMain>& roles() {
     return all;
 }
 
-std::vector<std::string> commandLine(const std::string& role,
-                                     const std::vector<std::string>& args) {
-    std::vector<std::string> argv{support::ownPath(), kRoleFlag, role};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
+std::vector<std::string> commandLine(const std::string& role, std::vector<std::string> args) {
+    args.insert(args.begin(), {support::ownPath(), kRoleFlag, role});
+    return args;
 }
 
 }  // namespace
 
 ChildRole::ChildRole(const char* name, ChildMain main) { roles()[name] = main; }
 
-bool isChildRole(int argc, char** argv) {
-    return argc >= 3 && std::strcmp(argv[1], kRoleFlag) == 0;
-}
-
 int runChildRole(int argc, char** argv) {
-    if (!isChildRole(argc, argv)) return -1;
+    if (argc < 3 || std::strcmp(argv[1], kRoleFlag) != 0) return -1;
     const auto role = roles().find(argv[2]);
     if (role == roles().end()) return 127;
     return role->second(std::vector<std::string>(argv + 3, argv + argc));

@@ -8,8 +8,6 @@
 //     child.kill();                              // kill -9
 //     EXPECT_EQ(child.wait(), 0);
 //
-// A child starts with no signal blocked.
-//
 // A suite that starts processes has a name that ends in "AcrossProcesses": emulated runs leave it
 // out.
 #pragma once
@@ -55,8 +53,7 @@ bool holdsInForkedChild(const Predicate& holds) {
     return waitpid(child, &status, 0) == child && status == 0;
 }
 
-// For main(): whether the command line names a role, and running it (-1 when it names none).
-bool isChildRole(int argc, char** argv);
+// For main(): runs the role that the command line names; -1 when it names none.
 int runChildRole(int argc, char** argv);
 
 }  // namespace testsupport

@@ -5,29 +5,11 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
-#include <system_error>
 
 #include "ChildProcess.h"
 #include "SessionObjects.h"
-
-namespace {
-
-// The plug-in writes its log below the user's home.
-std::string makeHome() {
-    std::string path = std::filesystem::temp_directory_path() / "norvo-tests-XXXXXX";
-    if (!mkdtemp(path.data())) return {};
-    setenv("HOME", path.c_str(), 1);
-    return path;
-}
-
-void removeHome(const std::string& path) {
-    std::error_code ignored;
-    if (!path.empty()) std::filesystem::remove_all(path, ignored);
-}
-
-}  // namespace
+#include "TempDir.h"
 
 int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
@@ -35,9 +17,9 @@ int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     const std::string sessionNamespace = "nvt" + std::to_string(getpid());
     setenv("NORVO_VDI_NAMESPACE", sessionNamespace.c_str(), 1);
-    const std::string home = makeHome();
+    const testsupport::TempDir home;  // the plug-in writes its log there
+    setenv("HOME", home.path().c_str(), 1);
     const int result = RUN_ALL_TESTS();
-    removeHome(home);
     support::removeSessionObjects(sessionNamespace);
     return result;
 }
