@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <set>
-#include <thread>
 
 #include "LogCapture.h"
 #include "PacketBytes.h"
-#include "Rounds.h"
 
 using namespace packettest;
 using NorvoVirtualChannel::UIDGenerator;
@@ -72,29 +69,9 @@ TEST(Packetization, MakesNothingOfAMessageThatCannotBeCut) {
 }
 
 TEST(Packetization, LetsAPacketOutliveTheOthersOfItsMessage) {
-    std::unique_ptr<Packet> kept;
-    {
-        Packetization packetization(nullptr, kMaxPacket);
-        kept = std::move(cut(packetization, pattern(250))[1]);
-    }
+    const auto kept =
+        std::move(cut(*std::make_unique<Packetization>(nullptr, kMaxPacket), pattern(250))[1]);
     EXPECT_EQ(textOf(kept->Payload()), pattern(250).substr(100, 100));
-}
-
-TEST(Packetization, CutsOnSeveralThreadsAtOnce) {
-    Packetization packetization(nullptr, kMaxPacket);
-    constexpr int kThreads = 4;
-    const int messages = testsupport::rounds(500);
-    std::vector<std::vector<std::uint32_t>> ids(kThreads);
-    std::vector<std::thread> threads;
-    for (auto& own : ids)
-        threads.emplace_back([&] {
-            for (int i = 0; i < messages; ++i)
-                own.push_back(cut(packetization, "message").front()->GetPacketID());
-        });
-    for (auto& thread : threads) thread.join();
-    std::set<std::uint32_t> all;
-    for (const auto& own : ids) all.insert(own.begin(), own.end());
-    EXPECT_EQ(all.size(), static_cast<std::size_t>(kThreads * messages));
 }
 
 TEST(UIDGenerator, StartsAtTheTimeAndGoesOnAtZeroAfterTheLargestID) {

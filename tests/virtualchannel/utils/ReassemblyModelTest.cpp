@@ -28,13 +28,11 @@ public:
         log("Message has multiple packets, will need to queue.");
         m_queue.push_front({header, payload});
         const auto key = static_cast<std::int32_t>(header.packetId);
-        const auto found = m_table.find(key);
-        log(found == m_table.end() ? "This is the first packet from this message."
-                                   : "An exisiting packet in this message has already been added.");
-        Counts counts{0, header.totalPackets};
-        if (found != m_table.end()) counts = found->second;
+        const auto [entry, isFirst] = m_table.try_emplace(key, Counts{0, header.totalPackets});
+        log(isFirst ? "This is the first packet from this message."
+                    : "An exisiting packet in this message has already been added.");
+        Counts& counts = entry->second;
         ++counts.arrived;
-        m_table[key] = counts;
         if (counts.arrived == 1 || counts.arrived == counts.total)
             log("receive message id: " + id + "Total: " + std::to_string(counts.total) +
                 " Arrived: " + std::to_string(counts.arrived));
@@ -60,16 +58,13 @@ private:
     }
 
     std::vector<Queued> takeFromQueue(std::int32_t id) {
-        std::vector<Queued> taken;
-        for (auto at = m_queue.begin(); at != m_queue.end();) {
-            if (static_cast<std::int32_t>(at->header.packetId) != id) {
-                ++at;
-                continue;
-            }
-            taken.push_back(*at);
-            at = m_queue.erase(at);
-        }
-        return taken;
+        const auto taken =
+            std::stable_partition(m_queue.begin(), m_queue.end(), [&](const auto& queued) {
+                return static_cast<std::int32_t>(queued.header.packetId) != id;
+            });
+        std::vector<Queued> parts(taken, m_queue.end());
+        m_queue.erase(taken, m_queue.end());
+        return parts;
     }
 
     void reassemble() {
