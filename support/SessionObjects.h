@@ -1,5 +1,5 @@
 // Removes what the processes of a session namespace left: the marks of agents that were killed, and
-// shared memory where the system lists its objects (not on macOS).
+// shared memory where the system lists its objects (not on macOS). Returns how much that was.
 #pragma once
 
 #include <sys/mman.h>
@@ -10,20 +10,21 @@
 
 namespace support {
 
-inline void removeSessionObjects(const std::string& sessionNamespace) {
+inline std::size_t removeSessionObjects(const std::string& sessionNamespace) {
     std::error_code ignored;
-    std::vector<std::string> left;
+    std::vector<std::string> memory;
     for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
         const std::string name = entry.path().filename();
-        if (name.find(sessionNamespace + '.') != std::string::npos) left.push_back('/' + name);
+        if (name.find(sessionNamespace + '.') != std::string::npos) memory.push_back('/' + name);
     }
-    for (const std::string& name : left) shm_unlink(name.c_str());
-    left.clear();
+    for (const std::string& name : memory) shm_unlink(name.c_str());
+    std::vector<std::filesystem::path> marks;
     for (const auto& entry : std::filesystem::directory_iterator("/tmp/norvo", ignored)) {
         if (entry.path().filename().string().starts_with(sessionNamespace + '.'))
-            left.push_back(entry.path());
+            marks.push_back(entry.path());
     }
-    for (const std::string& path : left) std::filesystem::remove(path, ignored);
+    for (const auto& mark : marks) std::filesystem::remove(mark, ignored);
+    return memory.size() + marks.size();
 }
 
 }  // namespace support

@@ -129,7 +129,6 @@ TEST(HostsAcrossProcesses, StreamsOutliveEveryLossOfAHostAndOfTheConnection) {
         }));
     }
     EXPECT_NE(hosts.log(Side::Near).find("connected"), std::string::npos);
-    EXPECT_GT(hosts.residentBytes(Side::Near), 1U << 20);
 }
 
 TEST(HostsAcrossProcesses, AHostEndsAtOnceWhileItsStreamsAreInUse) {

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "TempDir.h"
+#include "UserEnd.h"
 
 namespace testsupport {
 
@@ -27,8 +27,8 @@ enum class Side { Near, Far };
 
 class HostPair {
 public:
-    // Joined when it returns. `options` go to both hosts.
-    explicit HostPair(std::string kind = "tcp", std::vector<std::string> options = {});
+    // Joined when it returns.
+    explicit HostPair(std::string kind = "tcp");
     // Ends the hosts that run as stop() does, and removes what is left of their sessions.
     ~HostPair();
     HostPair(const HostPair&) = delete;
@@ -44,28 +44,21 @@ public:
     // Sends a signal, such as SIGSTOP and SIGCONT.
     void signal(Side side, int number) { host(side)->signal(number); }
 
-    pid_t pid(Side side) { return host(side)->pid(); }
-    std::size_t residentBytes(Side side);
-    // The plug-in's log so far; what a living host has not written out yet is missing.
-    std::string log(Side side) const;
-    // A path that no other side or test has.
-    std::string file(Side side, const std::string& name) const;
-
-    // Local processes of a side: a role of the test program, and `vcctl ARGUMENTS` as in a shell,
-    // its standard error joined to its standard output.
+    std::string log(Side side) const { return end(side).log(); }
+    std::vector<std::string> environment(Side side) const { return end(side).environment(); }
+    // A local process of a side: a role of the test program.
     ChildProcess run(Side side, const std::string& role, const std::vector<std::string>& args = {});
-    support::Subprocess vcctl(Side side, const std::string& arguments);
-    std::vector<std::string> environment(Side side) const;
 
 private:
     using Host = std::optional<support::Subprocess>;
     Host& host(Side side) { return m_hosts[static_cast<std::size_t>(side)]; }
+    const UserEnd& end(Side side) const { return side == Side::Near ? m_near : m_far; }
     void launch(Side side);
     void awaitJoined();
 
     const std::string m_kind;
-    const std::vector<std::string> m_options;
-    const TempDir m_directory;
+    const UserEnd m_near;
+    const UserEnd m_far;
     std::string m_address = "127.0.0.1:0";
     std::array<Host, 2> m_hosts;
 };

@@ -2,34 +2,32 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <string>
+
+#include "PacketBytes.h"
 
 namespace hosts {
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using packettest::part;
+using packettest::wireOf;
 
-Bytes packet(std::uint32_t sequence, std::uint32_t total, std::uint32_t payload,
-             std::uint32_t message, unsigned char fill = 0) {
-    const std::uint32_t fields[] = {0x005B005B, sequence, total, 7, payload, message + 24};
-    Bytes bytes(sizeof fields + payload, fill);
-    std::memcpy(bytes.data(), fields, sizeof fields);
-    return bytes;
+std::span<const unsigned char> bytesOf(const std::string& text) {
+    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
 // Messages as a channel of packets of 1500 bytes cuts them, their bytes such that many look like a
 // header's beginning.
-std::vector<Bytes> randomPackets(std::minstd_rand& random) {
-    std::vector<Bytes> packets;
+std::vector<std::string> randomPackets(std::minstd_rand& random) {
+    packettest::Packetization packetizer(nullptr, 1500);
+    std::vector<std::string> packets;
     while (packets.size() < 30) {
-        const auto size =
-            static_cast<std::uint32_t>(random() % 2 ? random() % 100 : random() % 6000);
-        const std::uint32_t total = std::max(1U, (size + 1475) / 1476);
-        for (std::uint32_t i = total; i > 0; --i)
-            packets.push_back(packet(i, total, i == total ? size - (total - 1) * 1476 : 1476, size,
-                                     random() % 2 ? 91 : 0));
+        const std::size_t bound = random() % 2 ? 100 : 6000;
+        const char fill = random() % 2 ? 91 : 0;
+        const std::string message(random() % bound, fill);
+        for (const auto& packet : packettest::cut(packetizer, message))
+            packets.push_back(packettest::textOf(packet->WireBytes()));
     }
     return packets;
 }
@@ -38,17 +36,18 @@ TEST(PacketSplitter, FindsThePacketsHoweverTheStreamIsCutAndWhereverItBegins) {
     std::minstd_rand random(1);
     for (int run = 0; run < 300; ++run) {
         const auto packets = randomPackets(random);
-        Bytes stream;
-        for (const Bytes& each : packets) stream.insert(stream.end(), each.begin(), each.end());
+        std::string stream;
+        for (const auto& each : packets) stream += each;
         const bool fromTheMiddle = run % 3 == 0;
         const std::size_t missing = fromTheMiddle ? 1 + random() % packets[0].size() : 0;
         PacketSplitter splitter(1500, 4000);
-        std::vector<Bytes> found;
+        std::vector<std::string> found;
         for (std::size_t at = missing; at < stream.size();) {
             const auto size = std::min<std::size_t>(1 + random() % 3000, stream.size() - at);
-            splitter.add({stream.data() + at, size}, [&](unsigned char* bytes, std::uint32_t n) {
-                found.emplace_back(bytes, bytes + n);
-            });
+            splitter.add(bytesOf(stream).subspan(at, size),
+                         [&](unsigned char* bytes, std::uint32_t n) {
+                             found.emplace_back(bytes, bytes + n);
+                         });
             at += size;
         }
         ASSERT_EQ(found.size(), packets.size() - fromTheMiddle) << "run " << run;
@@ -58,28 +57,29 @@ TEST(PacketSplitter, FindsThePacketsHoweverTheStreamIsCutAndWhereverItBegins) {
 }
 
 TEST(PacketSplitter, SkipsWhatCannotBeAHeaderAndForgetsAHalfPacketWhenToldTo) {
-    const Bytes good = packet(1, 1, 10, 10);
-    const struct {
-        const char* what;
-        Bytes bytes;
-    } rows[] = {
-        {"text", {'G', 'E', 'T', ' ', '/', ' '}},         {"sequence 0", packet(0, 1, 10, 10)},
-        {"sequence above total", packet(2, 1, 10, 10)},   {"too long", packet(1, 1, 1477, 1477)},
-        {"longer than its message", packet(1, 1, 10, 9)},
+    const std::string payload(10, 'x');
+    const std::string good = wireOf(part(7, 1, 1, 10), payload);
+    const std::pair<const char*, std::string> rows[] = {
+        {"text", "GET / "},
+        {"sequence 0", wireOf(part(7, 0, 1, 10), payload)},
+        {"sequence above total", wireOf(part(7, 2, 1, 10), payload)},
+        {"too long", wireOf(part(7, 1, 1, 1477), std::string(1477, 'x'))},
+        {"longer than its message", wireOf(part(7, 1, 1, 9), payload)},
     };
-    for (const auto& row : rows) {
+    for (const auto& [what, bytes] : rows) {
+        SCOPED_TRACE(what);
         PacketSplitter splitter(1500);
         int found = 0;
         const auto count = [&](unsigned char*, std::uint32_t length) { found += length == 34; };
-        splitter.add(row.bytes, count);
-        splitter.add(good, count);
-        EXPECT_EQ(found, 1) << row.what;
-        EXPECT_EQ(splitter.skipped(), row.bytes.size()) << row.what;
+        splitter.add(bytesOf(bytes), count);
+        splitter.add(bytesOf(good), count);
+        EXPECT_EQ(found, 1);
+        EXPECT_EQ(splitter.skipped(), bytes.size());
 
-        splitter.add({good.data(), 30}, count);
+        splitter.add(bytesOf(good).first(30), count);
         splitter.reset();
-        splitter.add(good, count);
-        EXPECT_EQ(found, 2) << row.what;
+        splitter.add(bytesOf(good), count);
+        EXPECT_EQ(found, 2);
     }
 }
 

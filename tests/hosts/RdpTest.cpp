@@ -1,14 +1,11 @@
 // The plug-in in a real RDP client, joined to real far ends: a server of our own, and an xrdp
 // desktop. Without an account, and over loopback alone.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -16,7 +13,7 @@
 #include <optional>
 #include <sstream>
 
-#include "Descriptor.h"
+#include "Endpoint.h"
 #include "Eventually.h"
 #include "FileContent.h"
 #include "Subprocess.h"
@@ -34,15 +31,11 @@ using Side = testsupport::UserEnd;
 
 const std::string kFolder = "/run/xrdp/sockdir";  // a constant of xrdp's
 
-unsigned short freePort() {
-    const support::Descriptor fd(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* place = reinterpret_cast<sockaddr*>(&address);
-    if (bind(fd.get(), place, length) != 0 || getsockname(fd.get(), place, &length) != 0) return 0;
-    return ntohs(address.sin_port);
+std::string portOf(const std::string& address) { return address.substr(address.rfind(':') + 1); }
+
+std::string freePort() {
+    const auto any = vcctl::Endpoint::parse("127.0.0.1:0", false);
+    return portOf(any.boundText(any.listen().get()));
 }
 
 bool isThere(std::initializer_list<const char*> programs) {
@@ -74,27 +67,7 @@ private:
     const std::string m_number;
 };
 
-class FarEnd {
-public:
-    explicit FarEnd(const Side& side) : m_side(side) {}
-    virtual ~FarEnd() = default;
-    virtual unsigned short port() const = 0;
-    // The process that has loaded the plug-in.
-    virtual void start() = 0;
-    void kill() {
-        m_host->kill();
-        m_host->wait(5s);
-        m_host.reset();
-    }
-    // Whether the client learns that the far end is gone.
-    virtual bool isMissed() const = 0;
-
-protected:
-    const Side& m_side;
-    std::optional<Subprocess> m_host;
-};
-
-// The certificate that both kinds of server need.
+// The path, without its ending, of a certificate (.pem) and its key (.key).
 std::string makeCertificate(const Side& side) {
     std::string base = side.file("tls");
     side.startShell(
@@ -106,37 +79,54 @@ std::string makeCertificate(const Side& side) {
     return base;
 }
 
+class FarEnd {
+public:
+    virtual ~FarEnd() = default;
+    const std::string& port() const { return m_port; }
+    // Whether the client learns that the far end is gone.
+    bool isMissed() const { return m_isMissed; }
+    // The process that has loaded the plug-in.
+    virtual void start() = 0;
+    void kill() {
+        m_host->kill();
+        m_host->wait(5s);
+        m_host.reset();
+    }
+
+protected:
+    FarEnd(const Side& side, bool isMissed)
+        : m_side(side), m_isMissed(isMissed), m_tls(makeCertificate(side)) {}
+
+    const Side& m_side;
+    const bool m_isMissed;
+    const std::string m_tls;
+    std::string m_port;
+    std::optional<Subprocess> m_host;
+};
+
 class OwnServer : public FarEnd {
 public:
-    explicit OwnServer(const Side& side) : FarEnd(side), m_tls(makeCertificate(side)) { start(); }
-    unsigned short port() const override { return m_port; }
-    bool isMissed() const override { return true; }
+    explicit OwnServer(const Side& side) : FarEnd(side, true) { start(); }
     void start() override {
         m_host.emplace(m_side.startShell(
             "exec " NORVO_RDP_SERVER " --library " NORVO_PLUGIN " --certificate " + m_tls +
                 ".pem --key " + m_tls + ".key 2>" + m_side.file("server.log"),
             {"ASAN_OPTIONS=detect_leaks=0"}));
-        const std::string line = lineStarting(*m_host, "listening on ");
-        m_port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
+        m_port = portOf(lineStarting(*m_host, "listening on "));
     }
-
-private:
-    const std::string m_tls;
-    unsigned short m_port = 0;
 };
 
 // A desktop without a log-in: xrdp shows a VNC server, and the channel server belongs to it.
 class XrdpDesktop : public FarEnd {
 public:
     explicit XrdpDesktop(const Side& side)
-        : FarEnd(side),
-          m_display(side, "Xtigervnc -geometry 320x240 -SecurityTypes None -localhost"),
-          m_port(freePort()) {
-        const std::string tls = makeCertificate(side);
+        : FarEnd(side, false),
+          m_display(side, "Xtigervnc -geometry 320x240 -SecurityTypes None -localhost") {
+        m_port = freePort();
         std::ofstream(side.file("xrdp.ini"))
             << "[Globals]\nport=tcp://.:" << m_port
             << "\nallow_channels=true\nautorun=Light\nsecurity_layer=tls\n"
-            << "ssl_protocols=TLSv1.2, TLSv1.3\ncertificate=" << tls << ".pem\nkey_file=" << tls
+            << "ssl_protocols=TLSv1.2, TLSv1.3\ncertificate=" << m_tls << ".pem\nkey_file=" << m_tls
             << ".key\n[Logging]\nLogFile=" << side.file("xrdp.log")
             << "\n[Channels]\nNRVOCW=true\n[Light]\nname=Light\nlib=libvnc.so\nusername=na\n"
             << "password=na\nip=127.0.0.1\nport=" << 5900 + std::stoi(m_display.number())
@@ -162,8 +152,6 @@ public:
         }
         for (const auto& path : left) std::filesystem::remove(path, ignored);
     }
-    unsigned short port() const override { return m_port; }
-    bool isMissed() const override { return false; }
     void start() override {
         m_host.emplace(startInDesktop("exec " NORVO_XRDP_AGENT " --library " NORVO_PLUGIN " 2>&1"));
         EXPECT_NE(m_host->readLine(), "");  // what it waits for, or that it does not have to
@@ -204,7 +192,6 @@ private:
     std::optional<Subprocess> m_channels;
     std::optional<Subprocess> m_xrdp;
     Display m_display;
-    const unsigned short m_port;
 };
 
 class RdpAcrossProcesses : public ::testing::TestWithParam<const char*> {
@@ -232,22 +219,19 @@ protected:
 
     // FreeRDP comes back to the same port: cutting is ending the relay in between.
     void startRelay() {
-        m_relay.emplace(m_near.startShell(
-            "exec 2>&1; exec socat TCP-LISTEN:" + std::to_string(m_relayPort) +
-            ",bind=127.0.0.1,reuseaddr,fork TCP:127.0.0.1:" + std::to_string(m_farEnd->port())));
+        m_relay.emplace(
+            m_near.startShell("exec 2>&1; exec socat TCP-LISTEN:" + m_relayPort +
+                              ",bind=127.0.0.1,reuseaddr,fork TCP:127.0.0.1:" + m_farEnd->port()));
     }
     void cut() {
-        std::ifstream list("/proc/" + std::to_string(m_relay->pid()) + "/task/" +
-                           std::to_string(m_relay->pid()) + "/children");
-        std::vector<pid_t> children;
-        for (pid_t child = 0; list >> child;) children.push_back(child);
+        const auto children = testsupport::childrenOf(m_relay->pid());
         EXPECT_FALSE(children.empty());
         for (const pid_t child : children) ::kill(child, SIGKILL);
     }
 
     Subprocess startFreeRdp(const std::string& library, const std::string& output) {
         return m_near.startShell(
-            "exec xfreerdp /v:127.0.0.1:" + std::to_string(m_relayPort) +
+            "exec xfreerdp /v:127.0.0.1:" + m_relayPort +
                 " /u:na /p:na /sec:tls /cert:ignore +auto-reconnect -clipboard "
                 "/vc:NRVOCW,library=" +
                 library + " >" + output + " 2>&1",
@@ -276,30 +260,19 @@ protected:
         m_nearNews.reset();
     }
     static void expectNewsOf(std::optional<Subprocess>& news, const std::string& name) {
-        std::string line;
-        do {
-            line = news->readLine(30s);
-        } while (!line.empty() && line.find(' ' + name) == std::string::npos);
-        EXPECT_NE(line, "") << "no " << name;
+        testsupport::lineWith(*news, ' ' + name);
     }
     void expectNews(const std::string& name) {
         expectNewsOf(m_nearNews, name);
         expectNewsOf(m_farNews, name);
     }
 
-    static std::string randomFile(const Side& side, const std::string& name, std::size_t size) {
-        std::ifstream source("/dev/urandom", std::ios::binary);
-        std::string content(size, '\0');
-        source.read(content.data(), static_cast<std::streamsize>(size));
-        std::ofstream(side.file(name), std::ios::binary) << content;
-        return content;
-    }
     // A stream has one direction for as long as its hosts live. `during` runs while it is on its
     // way. What was under way when a connection broke may be lost; then it is sent again.
     void passesAFile(
         const Side& from, const Side& to, std::size_t size,
         const std::function<void()>& during = [] {}) {
-        const std::string content = randomFile(from, "original", size);
+        const std::string content = testsupport::makeFile(from.file("original"), size);
         const std::string stream = &from == &m_near ? "Media" : "Generic";
         for (int attempt = 0; attempt < 3; ++attempt) {
             Subprocess receiver = to.start("recv " + stream + " --wait 30 " + to.file("copy"));
@@ -318,7 +291,7 @@ protected:
     Side m_far;
     std::unique_ptr<FarEnd> m_farEnd;
     std::optional<Display> m_display;
-    unsigned short m_relayPort = 0;
+    std::string m_relayPort;
     std::optional<Subprocess> m_relay;
     std::optional<Subprocess> m_client;
     std::optional<Subprocess> m_nearNews;
@@ -330,8 +303,8 @@ TEST_P(RdpAcrossProcesses, TwentyStreamsCarryFilesBothWaysAndTheClientNeverWaits
     std::vector<std::string> contents;
     for (int i = 0; i < kStreams; ++i)
         contents.push_back(
-            randomFile(i % 2 ? m_near : m_far, "in" + std::to_string(i),
-                       1 + 500 * static_cast<std::size_t>(i) * static_cast<std::size_t>(i)));
+            testsupport::makeFile((i % 2 ? m_near : m_far).file("in" + std::to_string(i)),
+                                  1 + 500 * static_cast<std::size_t>(i * i)));
     const auto start = [](const Side& side, const std::string& own) {
         return side.startShell(
             "cd \"$TMPDIR\"; all=; i=0; while [ $i -lt 20 ]; do "
@@ -354,8 +327,7 @@ TEST_P(RdpAcrossProcesses, TwentyStreamsCarryFilesBothWaysAndTheClientNeverWaits
     cut();
     expectNews("ChannelDown");
     m_near.run("ask FlushLog");
-    const std::string log =
-        contentOf(m_near.file("home/Library/Logs/norvouvdi/VirtualChannel.log"));
+    const std::string log = m_near.log();
     constexpr char kWaited[] = "the client waited at most ";
     const std::size_t at = log.find(kWaited);
     ASSERT_NE(at, std::string::npos) << log;

@@ -1,3 +1,0 @@
-#include "OpenFileLimit.h"
-
-long setOpenFileLimit(pid_t /*process*/, long /*limit*/) { return -1; }
