@@ -1,10 +1,13 @@
 // What each kind of channel has of its own; what all have in common is in ChannelTest.cpp.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "ChannelSupport.h"
 #include "DataWorkers.h"
 #include "LanguageAbstraction.h"
 #include "LogCapture.h"
+#include "ObserverSlot.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;
@@ -18,6 +21,28 @@ TEST(DataWorkerTest, SendsACopyOfTheBytesItIsMadeFrom) {
     bytes.assign(6, '?');
     EXPECT_EQ(worker.DoWork(), 0);
     EXPECT_EQ(host.packets(), Calls{"packet"});
+}
+
+TEST(ObserverSlotTest, IsEmptyOnlyWhenNoThreadIsInsideTheObserver) {
+    for (const auto calls : {ObserverCalls::OneAtATime, ObserverCalls::Concurrent}) {
+        ObserverSlot slot(calls);
+        FakeObserver observer;
+        Door entered;
+        Door leaves;
+        slot.set(&observer);
+        std::thread caller([&] {
+            slot.notify([&](auto&) {
+                entered.open();
+                leaves.pass();
+            });
+        });
+        EXPECT_TRUE(entered.pass());
+        EXPECT_FALSE(slot.clearAndWait(std::chrono::milliseconds(1)));
+        leaves.open();
+        EXPECT_TRUE(slot.clearAndWait(std::chrono::seconds(20)));
+        caller.join();
+        EXPECT_FALSE(slot.notify([](auto&) {}));
+    }
 }
 
 TEST(CitrixVirtualChannelTest, ShutdownLeavesACallbackBehindThatDoesNotReturn) {
