@@ -1,4 +1,5 @@
-// What each kind of channel has of its own; what all have in common is in ChannelTest.cpp.
+// What each kind of channel has of its own, and the parts of channels. What all channels have in
+// common is in ChannelTest.cpp.
 #include <gtest/gtest.h>
 
 #include <thread>
