@@ -84,7 +84,7 @@ protected:
     std::optional<Subprocess> m_farHost;
 };
 
-TEST_F(VcctlAcrossProcesses, AFileGoesThroughWholeAndTheCaptureTellsTheStory) {
+TEST_F(VcctlAcrossProcesses, AFileArrivesWholeAndTheCaptureShowsTheSession) {
     const std::string capture = m_near.file("session.pcapng");
     { const std::ofstream readableByAll(capture); }
     joinHosts("--capture " + capture);
@@ -147,7 +147,7 @@ TEST_F(VcctlAcrossProcesses, LinesArriveOneByOneAndInBothDirections) {
     EXPECT_EQ(end(waiting, SIGINT), 130);
 }
 
-TEST_F(VcctlAcrossProcesses, QuestionsAreAnsweredAndNewsIsPrinted) {
+TEST_F(VcctlAcrossProcesses, RequestsAreAnsweredAndNotificationsArePrinted) {
     joinHosts();
     m_near.succeeds("ask RequestEnviromentType", "EnviromentType tcp");
     m_near.succeeds("ask FlushLog");
@@ -239,7 +239,7 @@ TEST_F(VcctlAcrossProcesses, ATransferIsResumedAfterTheKillOfEitherToolAndTheLos
     EXPECT_FALSE(std::filesystem::exists(part));
 }
 
-TEST_F(VcctlAcrossProcesses, AConnectionGoesTheOtherWayRoundOnceItIsFree) {
+TEST_F(VcctlAcrossProcesses, AStreamChangesItsDirectionOnceNobodyUsesIt) {
     joinHosts();
     sendsAFileThatArrives();
     sendsAFile(m_far, m_near);
@@ -248,7 +248,7 @@ TEST_F(VcctlAcrossProcesses, AConnectionGoesTheOtherWayRoundOnceItIsFree) {
     expectPart(wrong.text, "in use in the other direction");
 }
 
-TEST_F(VcctlAcrossProcesses, AStrangerEndsItsConnectionAndNotTheHost) {
+TEST_F(VcctlAcrossProcesses, APeerThatIsNoHostLosesItsConnectionOnly) {
     listen();
     const Outcome unanswered = m_near.run("ask RequestPeerVersion --wait 5");
     EXPECT_EQ(unanswered.status, 1);
@@ -390,7 +390,7 @@ long ticksOf(const Subprocess& process) {
     return std::stol(all.at(11)) + std::stol(all.at(12));
 }
 
-TEST_F(VcctlAcrossProcesses, AHangUpEndsACommandAndMeansNothingToAHostThatWaits) {
+TEST_F(VcctlAcrossProcesses, SighupEndsACommandAndIsIgnoredByAHostThatWaits) {
     struct sigaction hangUp {};
     sigaction(SIGHUP, nullptr, &hangUp);
     if (hangUp.sa_handler != SIG_IGN) {
@@ -411,7 +411,7 @@ TEST_F(VcctlAcrossProcesses, AHangUpEndsACommandAndMeansNothingToAHostThatWaits)
     EXPECT_EQ(end(*m_farHost), 0);
 }
 
-TEST_F(VcctlAcrossProcesses, TheExampleOfAHostJoinsTwoSessions) {
+TEST_F(VcctlAcrossProcesses, TheExampleHostJoinsTwoSessions) {
     const auto startHost = [](const Side& side, const std::string& in, const std::string& out) {
         return side.startShell("export LD_LIBRARY_PATH=" NORVO_PLUGIN_FOLDER "; exec 3<>" + in +
                                " 4<>" + out + "; exec " NORVO_EXAMPLE_HOST " <&3 >&4");
