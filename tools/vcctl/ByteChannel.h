@@ -33,7 +33,7 @@ private:
     support::Descriptor m_interruption[2];
 };
 
-// A connected socket. Of what is written, at most 256 KiB wait in it.
+// A connected socket. Of what is written, at most 192 KiB wait in it.
 std::unique_ptr<ByteChannel> overSocket(support::Descriptor socket);
 // Two descriptors of any kind, as standard input and output are.
 std::unique_ptr<ByteChannel> overPipes(support::Descriptor in, support::Descriptor out);

@@ -11,7 +11,7 @@ namespace vcctl {
 
 // Bytes that a connection's socket holds for a peer, or from one, that takes no more: what is
 // queued further away is nobody's to drop or to pass.
-inline constexpr int kSocketBuffer = 256 << 10;
+inline constexpr int kSocketBuffer = 192 << 10;
 
 // The next connection to `listener`; empty, with errno set, when there is none. A connection of
 // another user over a Unix-domain socket is refused: EACCES.

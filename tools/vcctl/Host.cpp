@@ -12,6 +12,7 @@
 #include "AgentMark.h"
 #include "CommandError.h"
 #include "Endpoint.h"
+#include "FreeMemory.h"
 #include "PacketHeader.h"
 #include "PluginLibrary.h"
 #include "StopSignal.h"
@@ -111,13 +112,17 @@ void Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, in
 void Host::waitForEnd(PacketLink& link, int listener) const {
     // An agent that is up greets at once.
     constexpr auto kLongestSilence = std::chrono::seconds(2);
+    constexpr int kLookAtMemory = 1000;  // ms
+    MemoryAfterTraffic memory;
     const auto begun = std::chrono::steady_clock::now();
     pollfd waited[3] = {{link.closedDescriptor(), POLLIN, 0},
                         {StopSignal::descriptor(), POLLIN, 0},
                         {listener, POLLIN, 0}};
     for (;;) {
         if (StopSignal::takeHangUp()) link.close("dropped on request");
-        if (poll(waited, 3, -1) < 0) continue;
+        const int events = poll(waited, 3, kLookAtMemory);
+        if (events == 0) memory.look(m_bytesSent + m_bytesReceived);
+        if (events <= 0) continue;
         if (waited[1].revents) StopSignal::drain();
         if (waited[0].revents || StopSignal::requested()) return;
         if (!waited[2].revents) continue;
@@ -136,6 +141,7 @@ void Host::waitForEnd(PacketLink& link, int listener) const {
 int Host::append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
     auto* host = static_cast<Host*>(context);
     ++host->m_appending;
+    host->m_bytesSent.fetch_add(length, std::memory_order_relaxed);
     if (const auto link = host->link()) {
         if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
         if (!link->send(data, length)) host->waitUntilLeft(link);
@@ -145,6 +151,7 @@ int Host::append(const void* data, std::uint32_t length, std::uintptr_t, void* c
 }
 
 void Host::receive(unsigned char* packet, std::uint32_t length) {
+    m_bytesReceived.fetch_add(length, std::memory_order_relaxed);
     if (m_capture) m_capture->write(Direction::Inbound, packet, length);
     if (!m_peerHasGreeted) noteGreeting(packet, length);
     m_plugin.ReceiveData(packet, length);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -61,6 +62,8 @@ private:
     const hosts::Plugin m_plugin;
     std::unique_ptr<CaptureWriter> m_capture;
     std::atomic<int> m_appending = 0;
+    std::atomic<std::uint64_t> m_bytesSent = 0;
+    std::atomic<std::uint64_t> m_bytesReceived = 0;
     // Types of agent messages that the peer has sent: the reader thread's, until it has greeted.
     unsigned int m_greetings = 0;
     std::atomic<bool> m_peerHasGreeted = false;

@@ -32,7 +32,7 @@ public:
     PacketLink& operator=(const PacketLink&) = delete;
 
     // Sends one packet, at the latest with the packet of its message that leaves last. Waits while
-    // the peer takes nothing: up to 256 KiB are on their way in either system then, and no more.
+    // the peer takes nothing: up to 192 KiB are on their way in either system then, and no more.
     // False once the link is closed, which also ends the waiting. Any thread.
     bool send(const void* packet, std::uint32_t length);
 

@@ -5,13 +5,17 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <new>
+#include <thread>
 
 namespace VDIFrameworkCommon {
 
-// Keeps up to `Count` cells of `Size` bytes for use again: an allocator that gets memory back on
-// another thread than it gave it to takes a lock, over which the two threads then quarrel. What is
-// kept stays for the life of the process. `Count` is a power of two. Thread-safe, without a lock.
+// Has `Count` cells of `Size` bytes, and takes from the heap what is needed beyond them: an
+// allocator that gets memory back on another thread than it gave it to takes a lock, and the two
+// threads contend on it. The cells lie side by side and not among larger blocks of the heap, which
+// could not give its memory back to the system otherwise. `Count` is a power of two. Thread-safe,
+// without a lock.
 template <std::size_t Size, std::size_t Count>
 class CellPool {
 public:
@@ -23,17 +27,26 @@ public:
 
     // `Size` bytes, aligned for anything, of any content; null when there is no memory.
     void* allocate() noexcept {
-        void* const kept = take();
-        return kept ? kept : ::operator new(Size, std::nothrow);
+        if (void* const used = take()) return used;
+        if (m_firstUnused.load(std::memory_order_relaxed) < Count) {
+            const std::size_t cell = m_firstUnused.fetch_add(1, std::memory_order_relaxed);
+            if (cell < Count) return m_cells[cell].bytes;
+        }
+        return ::operator new(Size, std::nothrow);
     }
 
     // Takes back what `allocate` gave; null is nothing.
     void release(void* cell) noexcept {
-        if (cell && !keep(cell)) ::operator delete(cell);
+        if (!isOwn(cell)) return ::operator delete(cell);
+        // There is room for all; a thread may be about to leave the place, though.
+        while (!keep(cell)) std::this_thread::yield();
     }
 
 private:
     static_assert(Count > 0 && (Count & (Count - 1)) == 0);
+
+    // Twice as many as can be in it: a slow thread is seldom met.
+    static constexpr std::size_t kSlots = 2 * Count;
 
     // A ring, whose positions count on for ever. A slot's turn says which lap may use it next: it
     // may be filled in the lap that begins at position p when its turn is p, and emptied at p + 1,
@@ -43,14 +56,19 @@ private:
         void* cell = nullptr;
     };
 
-    static std::size_t lapOf(std::size_t position) { return position - position % Count; }
+    static std::size_t lapOf(std::size_t position) { return position - position % kSlots; }
+
+    bool isOwn(const void* cell) const {
+        const std::less<const void*> before;
+        return !before(cell, m_cells.data()) && before(cell, m_cells.data() + Count);
+    }
 
     // The next slot whose turn is `offset` past its lap, which is then the caller's own, with its
     // position; null when it is not that far.
     Slot* claim(std::atomic<std::size_t>& next, std::size_t offset, std::size_t& position) {
         position = next.load(std::memory_order_relaxed);
         for (;;) {
-            Slot& slot = m_slots[position % Count];
+            Slot& slot = m_slots[position % kSlots];
             const std::size_t turn = slot.turn.load(std::memory_order_acquire);
             const auto ahead = static_cast<std::intptr_t>(turn - (lapOf(position) + offset));
             if (ahead < 0) return nullptr;
@@ -68,7 +86,7 @@ private:
         Slot* const slot = claim(m_nextToEmpty, 1, position);
         if (!slot) return nullptr;
         void* const cell = slot->cell;
-        slot->turn.store(lapOf(position) + Count, std::memory_order_release);
+        slot->turn.store(lapOf(position) + kSlots, std::memory_order_release);
         return cell;
     }
 
@@ -85,7 +103,13 @@ private:
 
     alignas(kCacheLine) std::atomic<std::size_t> m_nextToFill{0};
     alignas(kCacheLine) std::atomic<std::size_t> m_nextToEmpty{0};
-    alignas(kCacheLine) std::array<Slot, Count> m_slots{};
+    alignas(kCacheLine) std::array<Slot, kSlots> m_slots{};
+
+    struct alignas(std::max_align_t) Cell {
+        std::byte bytes[Size];
+    };
+    std::atomic<std::size_t> m_firstUnused{0};
+    std::array<Cell, Count> m_cells{};
 };
 
 }  // namespace VDIFrameworkCommon
