@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -53,6 +54,15 @@ void endAndWait(std::optional<Subprocess>& process) {
     process.reset();
 }
 
+// All threads, user and system, since the process started.
+std::chrono::nanoseconds processorTimeOf(pid_t process) {
+    clockid_t clock{};
+    timespec time{};
+    EXPECT_EQ(clock_getcpuclockid(process, &clock), 0);
+    EXPECT_EQ(clock_gettime(clock, &time), 0);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 // An X server without a screen, on a display that it has chosen itself.
 class Display {
 public:
@@ -87,6 +97,7 @@ public:
     bool isMissed() const { return m_isMissed; }
     // The process that has loaded the plug-in.
     virtual void start() = 0;
+    std::chrono::nanoseconds processorTime() const { return processorTimeOf(m_host->pid()); }
     void kill() {
         m_host->kill();
         m_host->wait(5s);
@@ -365,6 +376,29 @@ TEST_P(RdpAcrossProcesses, AKilledClientAndAKilledFarEndAreReplaced) {
     startRelay();
     expectNewsOf(m_farNews, "ChannelUp");
     passesAFile(m_near, m_far, 100'000);
+}
+
+// By hand (full_runs), on a machine that does nothing else.
+TEST_P(RdpAcrossProcesses, AFileFillsTheChannelAndAnIdleSessionCostsNothing) {
+    if (!getenv("NORVO_FULL_RUNS")) GTEST_SKIP() << "full_runs runs it";
+    constexpr std::size_t kSize = 64U << 20U;
+    constexpr double kMostPerSecond = 1476 * 10 / 0.003;  // 3 ms of pause after every 10 packets
+    constexpr auto kIdle = 10s;
+    for (const bool up : {true, false}) {
+        const auto begun = std::chrono::steady_clock::now();
+        passesAFile(up ? m_near : m_far, up ? m_far : m_near, kSize);
+        const double share =
+            kSize / kMostPerSecond * 1000 / static_cast<double>(testsupport::since(begun).count());
+        std::cout << (up ? "up: " : "down: ") << share << " of what the channel lets through\n";
+        EXPECT_GE(share, 0.95);
+    }
+    std::this_thread::sleep_for(2s);
+    const auto busy = [&] { return processorTimeOf(m_client->pid()) + m_farEnd->processorTime(); };
+    const auto before = busy();
+    std::this_thread::sleep_for(kIdle);
+    const double share = std::chrono::duration<double>(busy() - before) / kIdle;
+    std::cout << "idle: " << 100 * share << " % of a core, both ends together\n";
+    EXPECT_LE(share, 0.02);
 }
 
 TEST(XrdpAgentAcrossProcesses, SaysWhatIsMissingLeaksNothingAndEndsWithItsDesktop) {

@@ -27,8 +27,12 @@ std::vector<std::string> commandLine(const std::string& role, std::vector<std::s
 
 ChildRole::ChildRole(const char* name, ChildMain main) { roles()[name] = main; }
 
+bool isChildRole(int argc, char** argv) {
+    return argc >= 3 && std::strcmp(argv[1], kRoleFlag) == 0;
+}
+
 int runChildRole(int argc, char** argv) {
-    if (argc < 3 || std::strcmp(argv[1], kRoleFlag) != 0) return -1;
+    if (!isChildRole(argc, argv)) return -1;
     const auto role = roles().find(argv[2]);
     if (role == roles().end()) return 127;
     return role->second(std::vector<std::string>(argv + 3, argv + argc));

@@ -53,7 +53,8 @@ bool holdsInForkedChild(const Predicate& holds) {
     return waitpid(child, &status, 0) == child && status == 0;
 }
 
-// For main(): runs the role that the command line names; -1 when it names none.
+// For main(): whether the command line names a role; runs it; -1 when it names none.
+bool isChildRole(int argc, char** argv);
 int runChildRole(int argc, char** argv);
 
 }  // namespace testsupport

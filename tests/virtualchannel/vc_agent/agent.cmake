@@ -26,4 +26,6 @@ add_custom_target(full_runs
             $<TARGET_FILE:norvo_tests> --gtest_filter=AgentHostile.*:BackToBack*
     COMMAND $<TARGET_FILE:norvo_tests> --gtest_filter=KilledSender* --gtest_repeat=25
             --gtest_fail_fast
+    COMMAND ${CMAKE_COMMAND} -E env NORVO_FULL_RUNS=1 NORVO_TEST_XRDP=1
+            $<TARGET_FILE:norvo_tests> --gtest_filter=*AFileFillsTheChannel*
     USES_TERMINAL VERBATIM)
