@@ -1,7 +1,7 @@
-
-
 #include <cerrno>
+#include <functional>
 
+#include "FileDescriptor.h"
 #include "FrameworkSupport.h"
 #include "Namespace.h"
 
@@ -16,6 +16,9 @@ protected:
         return shm_open_mac(name, flags, 0600);
     }
     const std::string name = "object";
+    // Where the system keeps it.
+    const std::string path = "/dev/shm" + sharedMemoryObjectName(name);
+    const std::string ownPath = "/dev/shm" + ownSharedMemoryObjectName(name);
 };
 
 struct stat statusOf(int fd) {
@@ -78,6 +81,49 @@ TEST_F(PosixSharedMemoryTest, GrowsToWhatTheSystemCanHoldAndNeverShrinksAndKeeps
     EXPECT_GE(statusOf(fd).st_blocks, (1 << 20) / 512);
     close(fd);
     EXPECT_EQ(ftruncate_mac(-1, 100), -1);
+}
+
+using Obstacle = std::function<bool(const char* path)>;
+std::vector<Obstacle> obstacles() {
+    const auto makeFile = [](const char* path) { return std::ofstream(path).put('x').good(); };
+    std::vector<Obstacle> result{
+        [=](const char* path) { return makeFile(path) && chmod(path, 0620) == 0; },
+        [](const char* path) { return mkfifo(path, 0600) == 0; },
+        [](const char* path) { return symlink("/etc/passwd", path) == 0; },
+        [](const char* path) { return mkdir(path, 0700) == 0; }};
+    if (geteuid() == 0) {
+        result.push_back(
+            [=](const char* path) { return makeFile(path) && !chown(path, 65534, 0); });
+    }
+    return result;
+}
+
+TEST_F(PosixSharedMemoryTest, WhatIsNotThisUsersAloneIsPassedOverAlikeWheneverOneComes) {
+    LogCapture log;
+    for (const auto& plant : obstacles()) {
+        ASSERT_TRUE(plant(path.c_str()));
+        EXPECT_EQ(open(O_RDWR), -1);
+        EXPECT_EQ(errno, ENOENT);
+        const FileDescriptor first(open());
+        const FileDescriptor second(open());
+        fs::remove(path);
+        const FileDescriptor afterwards(open());
+        ASSERT_TRUE(first && second && afterwards);
+        EXPECT_EQ(statusOf(second.get()).st_ino, statusOf(first.get()).st_ino);
+        EXPECT_EQ(statusOf(afterwards.get()).st_ino, statusOf(first.get()).st_ino);
+        EXPECT_EQ(openedSharedMemoryObject(name), ownSharedMemoryObjectName(name));
+        EXPECT_EQ(shm_unlink_mac(name), 0);
+
+        // Nothing under the user's own name keeps the documented one from being used.
+        ASSERT_TRUE(plant(ownPath.c_str()));
+        EXPECT_TRUE(FileDescriptor(open()));
+        EXPECT_EQ(openedSharedMemoryObject(name), sharedMemoryObjectName(name));
+        ASSERT_TRUE(fs::remove(path) && plant(path.c_str()));
+        EXPECT_EQ(open(), -1) << "both names are held";
+        fs::remove(path);
+        fs::remove(ownPath);
+    }
+    EXPECT_EQ(log.count("is held by something of user"), 1) << "told once for each name";
 }
 
 CHILD_ROLE(namespaceTeller) {

@@ -1,5 +1,5 @@
-#include <algorithm>
 #include <filesystem>
+#include <set>
 
 #include "PosixSharedMemory.h"
 #include "SegmentList.h"
@@ -7,16 +7,17 @@
 namespace vcctl {
 
 std::vector<std::string> sessionSegments() {
-    const std::string start =
-        VDIFrameworkCommon::sharedMemoryObjectName(segmentObject("")).substr(1);
-    std::vector<std::string> names;
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
-        const std::string object = entry.path().filename().string();
-        if (object.rfind(start, 0) == 0) names.push_back(object.substr(start.size()));
+    std::set<std::string> names;
+    for (const std::string& start :
+         {VDIFrameworkCommon::sharedMemoryObjectName(segmentObject("")),
+          VDIFrameworkCommon::ownSharedMemoryObjectName(segmentObject(""))}) {
+        std::error_code ignored;
+        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", ignored)) {
+            const std::string object = '/' + entry.path().filename().string();
+            if (object.starts_with(start)) names.insert(object.substr(start.size()));
+        }
     }
-    std::sort(names.begin(), names.end());
-    return names;
+    return {names.begin(), names.end()};
 }
 
 }  // namespace vcctl

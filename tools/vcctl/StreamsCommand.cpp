@@ -93,7 +93,7 @@ std::string table(const Looks& before, const Looks& after) {
             "{:<28} {:>10} {:>12} {:>12}  {:<24} {:<7} {:<7} {}\n", readable(name), look.capacity,
             look.newId, isBroadcast(name) ? "-" : std::to_string(look.readWord),
             waitingText(name, look), writes ? "moves" : "still", reads ? "moves" : "still",
-            readable(VDIFrameworkCommon::sharedMemoryObjectName(segmentObject(name))));
+            readable(VDIFrameworkCommon::openedSharedMemoryObject(segmentObject(name))));
     }
     if (after.empty()) text += "no segments in this session\n";
     return text;

@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 
+#include "FileDescriptor.h"
+#include "Log.h"
 #include "Namespace.h"
 #include "PosixSharedMemorySystem.h"
 
@@ -17,6 +20,7 @@ namespace VDIFrameworkCommon {
 namespace {
 
 constexpr std::size_t kHashDigits = 22;
+constexpr std::uint64_t kHashBasis = 0xcbf29ce484222325U;
 
 // 64-bit FNV-1a. Format: http://www.isthe.com/chongo/tech/comp/fnv/
 std::uint64_t fnv1a(std::string_view text, std::uint64_t basis) {
@@ -28,7 +32,7 @@ std::uint64_t fnv1a(std::string_view text, std::uint64_t basis) {
 
 std::string hashDigits(std::string_view text) {
     constexpr char digits[] = "0123456789abcdef";
-    std::uint64_t low = fnv1a(text, 0xcbf29ce484222325U);
+    std::uint64_t low = fnv1a(text, kHashBasis);
     std::uint64_t high = fnv1a(text, low ^ 0x9e3779b97f4a7c15U);
     std::string result;
     for (std::size_t i = 0; i < kHashDigits; ++i) {
@@ -46,19 +50,22 @@ bool isOursAlone(const struct stat& status) {
            (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-int openChecked(const char* name, int flags) {
-    const int fd = shared_memory_system::openExisting(name, flags & ~(O_CREAT | O_EXCL));
+int openChecked(const std::string& object, int flags) {
+    FileDescriptor file(
+        shared_memory_system::openExisting(object.c_str(), flags & ~(O_CREAT | O_EXCL)));
     struct stat status;
-    if (fd < 0 || (fstat(fd, &status) == 0 && isOursAlone(status))) return fd;
-    close(fd);
+    if (!file || (fstat(file.get(), &status) == 0 && isOursAlone(status))) return file.release();
     errno = EACCES;
     return -1;
 }
 
-}  // namespace
+// Whether openChecked() failed because of what stands under the name; EINVAL is for folders.
+bool isObstacle(int error) {
+    return error == EACCES || error == EPERM || error == ELOOP || error == EISDIR ||
+           error == EINVAL || error == ENXIO || error == ENODEV;
+}
 
-std::string sharedMemoryObjectName(std::string_view name, std::size_t limit) {
-    std::string full = namespacedName(name);
+std::string fittingName(std::string full, std::size_t limit) {
     if (full.size() + 1 <= limit && full.find('/') == std::string::npos) return '/' + full;
     const std::string hash = hashDigits(full);
     full.resize(std::min(full.size(), limit - kHashDigits - 2));
@@ -66,23 +73,103 @@ std::string sharedMemoryObjectName(std::string_view name, std::size_t limit) {
     return '/' + full + '_' + hash;
 }
 
+// The two objects that may stand for a name. Which of them does, every process of the user must
+// decide alike, whenever it comes: the first that exists and is the user's alone; else the
+// documented one is made, unless something is in its way.
+class Names {
+public:
+    explicit Names(const std::string& name)
+        : m_documented(sharedMemoryObjectName(name)), m_own(ownSharedMemoryObjectName(name)) {}
+
+    // The object that stands for the name; -1, errno ENOENT, when none does. The documented one is
+    // all that is looked at as long as it is there.
+    int openExisting(int flags) {
+        int fd = openChecked(m_documented, flags);
+        m_error = fd >= 0 ? 0 : errno;
+        if (fd >= 0 || (m_error != ENOENT && !isObstacle(m_error))) return fd;
+        fd = openChecked(m_own, flags);
+        if (fd >= 0 && m_error != ENOENT) tell();
+        if (fd >= 0 || errno == ENOENT || !isObstacle(errno)) return fd;
+        errno = m_error;
+        return -1;
+    }
+
+    // Which object that was.
+    const std::string& opened() const { return m_error == 0 ? m_documented : m_own; }
+
+    // After that: makes one. EEXIST when another process was faster.
+    int createNew(int flags, int mode) {
+        if (m_error == ENOENT) {
+            return shared_memory_system::createNew(m_documented.c_str(), flags, mode);
+        }
+        const int fd = shared_memory_system::createNew(m_own.c_str(), flags, mode);
+        if (fd < 0) return fd;
+        // What was in the way may have gone, and another process may have made the documented one.
+        const FileDescriptor documented(openChecked(m_documented, flags));
+        if (!documented) {
+            tell();
+            return fd;
+        }
+        close(fd);
+        shm_unlink(m_own.c_str());
+        errno = EEXIST;
+        return -1;
+    }
+
+private:
+    // Once for each name: an object is opened several times for one segment.
+    void tell() const {
+        static std::array<std::atomic<std::uint64_t>, 64> told;
+        const std::uint64_t hash = fnv1a(m_documented, kHashBasis);
+        if (told[hash % told.size()].exchange(hash) == hash) return;
+        struct stat status {};
+        const bool known = shared_memory_system::statusOf(m_documented.c_str(), status);
+        const std::string holder = known ? "user " + std::to_string(status.st_uid) : "another user";
+        NORVO_LOG(Warning, "The name ", m_documented, " is held by something of ", holder,
+                  " that cannot be used; using ", m_own, " instead");
+    }
+
+    const std::string m_documented;
+    const std::string m_own;
+    // Why the documented object could not be opened.
+    int m_error = 0;
+};
+
+}  // namespace
+
+std::string sharedMemoryObjectName(std::string_view name, std::size_t limit) {
+    return fittingName(namespacedName(name), limit);
+}
+
 std::string sharedMemoryObjectName(std::string_view name) {
     return sharedMemoryObjectName(name, shared_memory_system::nameLimit());
+}
+
+std::string ownSharedMemoryObjectName(std::string_view name) {
+    return fittingName('~' + std::to_string(geteuid()) + '.' + namespacedName(name),
+                       shared_memory_system::nameLimit());
 }
 
 // An existing object is opened without O_CREAT: with it, some systems refuse objects of others in a
 // sticky directory before they could be looked at.
 int shm_open_mac(const std::string& name, int flags, int mode) {
-    const std::string object = sharedMemoryObjectName(name);
-    const bool create = (flags & O_CREAT) != 0;
-    const bool exclusive = create && (flags & O_EXCL) != 0;
+    if ((flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) {
+        return shared_memory_system::createNew(sharedMemoryObjectName(name).c_str(), flags, mode);
+    }
+    Names names(name);
     for (int attempt = 0; attempt < 100; ++attempt) {
-        int fd = exclusive ? -1 : openChecked(object.c_str(), flags);
-        if (fd >= 0 || (!exclusive && (errno != ENOENT || !create))) return fd;
-        fd = shared_memory_system::createNew(object.c_str(), flags, mode);
-        if (fd >= 0 || exclusive || errno != EEXIST) return fd;
+        int fd = names.openExisting(flags);
+        if (fd >= 0 || errno != ENOENT || (flags & O_CREAT) == 0) return fd;
+        fd = names.createNew(flags, mode);
+        if (fd >= 0 || errno != EEXIST) return fd;
     }
     return -1;
+}
+
+std::string openedSharedMemoryObject(const std::string& name) {
+    Names names(name);
+    const FileDescriptor file(names.openExisting(O_RDONLY));
+    return file ? names.opened() : std::string();
 }
 
 int ftruncate_mac(int fd, long long length) {
@@ -101,7 +188,11 @@ int ftruncate_mac(int fd, long long length) {
 }
 
 int shm_unlink_mac(const std::string& name) {
-    return shm_unlink(sharedMemoryObjectName(name).c_str());
+    const bool wasThere = shm_unlink(sharedMemoryObjectName(name).c_str()) == 0;
+    const int error = errno;
+    if (shm_unlink(ownSharedMemoryObjectName(name).c_str()) == 0 || wasThere) return 0;
+    errno = error;
+    return -1;
 }
 
 ObjectHolder holderOfSharedMemory(const std::string& name) {
