@@ -162,7 +162,7 @@ TEST_F(BroadcastTest, AnInvalidWriteIsRefusedAndLogged) {
     ClockedBroadcast notSetUp;
     EXPECT_FALSE(write(notSetUp, "x") || write(reader, "a reader"));
     EXPECT_TRUE(takes(writer, ""));
-    EXPECT_EQ(log.count("Illegal operation!"), 3);
+    EXPECT_EQ(log.count("Illegal operation!"), 3) << "one for each object";
     EXPECT_FALSE(writer.WriteData(nullptr, 1));
     EXPECT_TRUE(log.contains("Null data pointer!"));
     EXPECT_FALSE(write(writer, std::string(65, 'x')));

@@ -14,8 +14,6 @@
 #include "SegmentUse.h"
 #include "VDIClientInfo.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/SegmentMapping")
-
 using namespace VDIFrameworkCommon;
 
 namespace shared_memory {
@@ -79,17 +77,17 @@ bool SegmentMapping::open(const std::string& name, unsigned int capacity, bool c
     for (int attempt = 0; attempt < 3 && sized == Sized::Again; ++attempt) {
         if (!openObject(name, create)) return false;
         sized = size(name, sizeFor(capacity), create);
-        if (sized == Sized::Again) closeDescriptor();
+        if (sized == Sized::Again) m_file.reset();
     }
     if (sized == Sized::Yes && map(name, create)) return true;
-    closeDescriptor();
+    m_file.reset();
     return false;
 }
 
 bool SegmentMapping::openObject(const std::string& name, bool create) {
     m_objectName = objectNameOf(name);
-    m_descriptor = shm_open_mac(m_objectName, O_RDWR | (create ? O_CREAT : 0), 0600);
-    if (m_descriptor >= 0) return true;
+    m_file.reset(shm_open_mac(m_objectName, O_RDWR | (create ? O_CREAT : 0), 0600));
+    if (m_file) return true;
     fail(failureFor(errno), errno);
     const ObjectHolder holder = holderOfSharedMemory(m_objectName);
     if (holder.isForeign) {
@@ -105,7 +103,7 @@ bool SegmentMapping::openObject(const std::string& name, bool create) {
 SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int totalSize,
                                            bool create) {
     struct stat status {};
-    if (fstat(m_descriptor, &status) == 0 && ftruncate_mac(m_descriptor, totalSize) == 0) {
+    if (fstat(m_file.get(), &status) == 0 && ftruncate_mac(m_file.get(), totalSize) == 0) {
         return Sized::Yes;
     }
     fail(failureFor(errno), errno);
@@ -131,10 +129,10 @@ SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int
 
 bool SegmentMapping::map(const std::string& name, bool create) {
     struct stat status {};
-    if (fstat(m_descriptor, &status) == 0) {
+    if (fstat(m_file.get(), &status) == 0) {
         m_mappedSize = mappableSize(status);
         void* address =
-            mmap(nullptr, m_mappedSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, 0);
+            mmap(nullptr, m_mappedSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), 0);
         if (address != MAP_FAILED) {
             m_address = address;
             m_capacity = m_mappedSize - sizeFor(0);
@@ -149,11 +147,11 @@ bool SegmentMapping::map(const std::string& name, bool create) {
 
 bool SegmentMapping::growToObject() {
     struct stat status {};
-    if (fstat(m_descriptor, &status) != 0 || mappableSize(status) <= m_mappedSize) return false;
+    if (fstat(m_file.get(), &status) != 0 || mappableSize(status) <= m_mappedSize) return false;
     // Another process may have grown it without memory behind it.
-    if (ftruncate_mac(m_descriptor, mappableSize(status)) != 0) return false;
+    if (ftruncate_mac(m_file.get(), mappableSize(status)) != 0) return false;
     void* address =
-        mmap(nullptr, mappableSize(status), PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, 0);
+        mmap(nullptr, mappableSize(status), PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), 0);
     if (address == MAP_FAILED) return false;
     munmap(m_address, m_mappedSize);
     m_address = address;
@@ -164,7 +162,7 @@ bool SegmentMapping::growToObject() {
 
 SegmentMapping::State SegmentMapping::look() const {
     struct stat status {};
-    if (fstat(m_descriptor, &status) != 0 || mappableSize(status) < m_mappedSize) {
+    if (fstat(m_file.get(), &status) != 0 || mappableSize(status) < m_mappedSize) {
         return State::Shrunk;
     }
     if (isSharedMemoryRemoved(status)) return State::Removed;
@@ -177,15 +175,9 @@ bool SegmentMapping::close() {
     }
     m_address = nullptr;
     m_capacity = 0;
-    const bool closed = ::close(m_descriptor) == 0;
-    m_descriptor = -1;
+    const bool closed = ::close(m_file.release()) == 0;
     if (!closed) NORVO_LOG(Error, "Closing the shared memory failure.", m_objectName);
     return closed;
-}
-
-void SegmentMapping::closeDescriptor() {
-    ::close(m_descriptor);
-    m_descriptor = -1;
 }
 
 void SegmentMapping::fail(OpenFailure failure, int error) {

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "FileDescriptor.h"
 #include "OpenFailure.h"
 #include "SharedMemoryLayout.h"
 
@@ -62,10 +63,9 @@ private:
     Sized size(const std::string& name, unsigned int totalSize, bool create);
     bool map(const std::string& name, bool create);
     void fail(OpenFailure failure, int error);
-    void closeDescriptor();
 
     std::string m_objectName;
-    int m_descriptor = -1;
+    VDIFrameworkCommon::FileDescriptor m_file;
     void* m_address = nullptr;
     unsigned int m_mappedSize = 0;
     unsigned int m_capacity = 0;

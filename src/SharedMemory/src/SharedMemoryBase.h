@@ -1,13 +1,12 @@
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "LocalMutex.h"
 #include "ReadThread.h"
+#include "SegmentAccess.h"
 #include "SegmentSlot.h"
 #include "SharedMemoryI.h"
-#include "SharedMemoryRWController.h"
 #include "SlotReader.h"
 #include "SlotWriter.h"
 
@@ -25,27 +24,35 @@ public:
     SharedMemoryBase(const SharedMemoryBase&) = delete;
     SharedMemoryBase& operator=(const SharedMemoryBase&) = delete;
 
-    bool Create(const std::string& name, unsigned int size) override;
-    bool Open(const std::string& name, unsigned int size) override;
-    OpenError openError() override;
+    bool Create(const std::string& name, unsigned int size) override {
+        return setUp(name, size, Mode::Writer);
+    }
+    bool Open(const std::string& name, unsigned int size) override {
+        return setUp(name, size, Mode::Reader);
+    }
+    OpenError openError() override { return m_access.error(); }
     // Refused inside an observer's call: the read thread cannot wait for its own end.
     bool Close() override;
-    std::string getName() override;
+    std::string getName() override { return m_access.name(); }
     bool WriteData(const void* data, const unsigned int& length) override;
     // A message whose next chunk does not come within `timeout` is kept as far as it came; a later
     // call goes on with it. Takes at most 20 ms longer when another process holds the mutex.
     std::string ReadData(unsigned int& length, unsigned int timeout) override;
-    void subscribeObserver(SharedMemoryObserverI* observer) override;
+    void subscribeObserver(SharedMemoryObserverI* observer) override {
+        m_readThread.subscribe(observer);
+    }
     void unsubscribeObserver(SharedMemoryObserverI* observer) override;
-    void unsubscribeAllObservers() override;
+    void unsubscribeAllObservers() override { m_readThread.unsubscribeAll(); }
     // Gives up after 2000 ms without a chunk, and keeps what it has as above.
     bool ReadData(void** data, unsigned int& length) override;
 
     // Bytes of the object of a segment with a data area of `capacity` bytes.
-    static unsigned int CalculateSharedMemorySize(unsigned int capacity);
+    static unsigned int CalculateSharedMemorySize(unsigned int capacity) {
+        return SegmentMapping::sizeFor(capacity);
+    }
 
 protected:
-    enum class Mode { NotSetUp = 0, Writer = 1, Reader = 2 };
+    using Mode = SegmentAccess::Mode;
 
     // --- supplied by a backend
     // A monotonic clock in milliseconds, cut to 32 bits: compare differences.
@@ -65,19 +72,21 @@ protected:
     virtual bool NewMessage(bool update) NORVO_REQUIRES(m_operationLock);
     virtual SlotEnd& end(Mode mode) NORVO_REQUIRES(m_operationLock);
     virtual bool writeMessage(const void* data, unsigned int length)
-        NORVO_REQUIRES(m_operationLock);
+        NORVO_REQUIRES(m_operationLock) {
+        return m_writer.write(data, length);
+    }
     virtual bool waitForMessage(unsigned int timeout) NORVO_REQUIRES(m_operationLock);
     // After it: takes the message, whose chunks follow each other within `silence` ms.
-    virtual std::string takeMessage(unsigned int silence) NORVO_REQUIRES(m_operationLock);
+    virtual std::string takeMessage(unsigned int silence) NORVO_REQUIRES(m_operationLock) {
+        return m_reader.take(std::chrono::milliseconds(silence));
+    }
     // Takes a message that waits, without waiting for it.
     virtual std::string takeMessageNow() NORVO_REQUIRES(m_operationLock);
 
     bool isOpen() const { return m_gate.isOpen(); }
-    Mode mode() const { return m_mode.load(); }
+    Mode mode() const { return m_access.mode(); }
     // Whether the segment is open and set up for `mode`; logs when not.
-    bool mayOperate(Mode mode);
-    // Whether this process may write now, and whether there is something to write; logs when not.
-    bool mayWrite(const void* data) NORVO_REQUIRES(m_operationLock);
+    bool mayOperate(Mode mode) { return m_access.mayOperate(mode); }
     bool HasObservers() const { return m_readThread.hasObservers(); }
     bool IsReadRunning() const { return m_readThread.isRunning(); }
 
@@ -90,19 +99,9 @@ protected:
 private:
     bool setUp(const std::string& name, unsigned int size, Mode mode);
     std::string readForObservers();
-    bool canRead();
-    bool follow(bool allowed, bool& last, const char* flag);
-    void logIllegalOperation();
 
-    std::atomic<Mode> m_mode{Mode::NotSetUp};
-    // For getName(), which must not wait as long as a reader does.
-    VDIFrameworkCommon::LocalMutex m_nameLock NORVO_ACQUIRED_AFTER(m_operationLock);
-    std::string m_name NORVO_GUARDED_BY(m_nameLock);
-    OpenError m_openError NORVO_GUARDED_BY(m_nameLock);
-    const std::shared_ptr<SharedMemoryRWController> m_controller;
-    // Only the read thread asks for the first.
-    bool m_lastCanRead = true;
-    bool m_lastCanWrite NORVO_GUARDED_BY(m_operationLock) = true;
+    // Asked without the operation lock, which a reader holds while it waits.
+    SegmentAccess m_access{m_gate};
     ReadThread m_readThread;
 };
 

@@ -2,6 +2,8 @@
 // in memory, and the test plays the local processes at their other ends.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -14,6 +16,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "AgentEnvironment.h"
@@ -22,7 +25,8 @@
 namespace testsupport {
 
 // A segment as the agent set it up, seen from its other end.
-class FakeSegment : public SharedMemoryI, public std::enable_shared_from_this<FakeSegment> {
+class FakeSegment : public shared_memory::SharedMemoryI,
+                    public std::enable_shared_from_this<FakeSegment> {
 public:
     enum class Reader { Takes, Refuses, IsStuck };
     using Kind = VirtualChannelAgent::AgentEnvironment::SegmentKind;
@@ -73,6 +77,7 @@ public:
     bool Close() override {
         if (m_open) std::this_thread::sleep_for(closeTakes.load());
         std::lock_guard lock(m_mutex);
+        EXPECT_FALSE(std::exchange(m_isClosed, true)) << "closed twice";
         m_open = false;
         m_changed.notify_all();
         return true;
@@ -97,11 +102,11 @@ public:
     }
     std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
     bool ReadData(void**, unsigned int&) override { return false; }
-    void subscribeObserver(SharedMemoryObserverI* observer) override {
+    void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override {
         std::lock_guard delivering(m_delivery);
         m_observers.insert(observer);
     }
-    void unsubscribeObserver(SharedMemoryObserverI* observer) override {
+    void unsubscribeObserver(shared_memory::SharedMemoryObserverI* observer) override {
         std::lock_guard delivering(m_delivery);
         m_observers.erase(observer);
     }
@@ -124,9 +129,10 @@ private:
     std::atomic<unsigned int> m_size{0};
     std::atomic<bool> m_created{false};
     std::atomic<bool> m_open{false};
+    bool m_isClosed = false;
     std::atomic<int> m_failedWrites{0};
     mutable std::mutex m_delivery;
-    std::set<SharedMemoryObserverI*> m_observers;
+    std::set<shared_memory::SharedMemoryObserverI*> m_observers;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     Reader m_reader = Reader::Takes;
@@ -200,7 +206,7 @@ public:
         m_waiting--;
         return set;
     }
-    std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) override {
+    std::shared_ptr<shared_memory::SharedMemoryI> makeSegment(SegmentKind kind) override {
         return std::make_shared<FakeSegment>(
             kind, [this](FakeSegment& self) { return registerSegment(self); });
     }

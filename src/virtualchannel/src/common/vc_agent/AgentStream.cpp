@@ -2,8 +2,6 @@
 
 #include <utility>
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
@@ -26,7 +24,7 @@ bool isConnectionChange(const std::string& notification) {
 }  // namespace
 
 Agent::Stream::Stream(AgentContext& context, ChannelLink& link, std::string name, StreamType type,
-                      unsigned int size, std::shared_ptr<SharedMemoryI> segment)
+                      unsigned int size, std::shared_ptr<shared_memory::SharedMemoryI> segment)
     : m_context(context),
       m_link(link),
       m_name(std::move(name)),
@@ -83,7 +81,7 @@ void Agent::Stream::requestStop() {
 void Agent::Stream::close() {
     requestStop();  // or the segment's read thread, which close() waits for, might wait for a turn
     // Closing the segment wakes a writer that waits for its reader.
-    if (m_segment) {
+    if (m_segment && !m_isSegmentClosed.exchange(true)) {
         m_segment->unsubscribeAllObservers();
         m_segment->Close();
     }
@@ -91,7 +89,8 @@ void Agent::Stream::close() {
     m_writer.join();
 }
 
-void Agent::Stream::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
+void Agent::Stream::onNewMessageReceived(std::string message,
+                                         shared_memory::SharedMemoryI* /*source*/) {
     if (!m_running || m_context.stopping || message.empty()) return;
     use.note();
     m_link.sendRoutedData(m_name, m_type, m_size, std::move(message), m_lowPriority, m_running);

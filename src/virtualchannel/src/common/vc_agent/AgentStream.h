@@ -22,12 +22,12 @@ namespace VirtualChannelAgent {
 // One stream of an agent: a segment shared with a local process, and what moves data between it and
 // the channel. Made idle; runs from start() to close(), through any number of connections: running
 // also says that the far side has confirmed it. Thread-safe.
-class Agent::Stream : public SharedMemoryObserverI {
+class Agent::Stream : public shared_memory::SharedMemoryObserverI {
 public:
     // `type` is the agent's own part. `segment` is set up; empty when that has failed: the stream
     // is then known to both sides, but nothing comes through. `context` and `link` outlive it.
     Stream(AgentContext& context, ChannelLink& link, std::string name, StreamType type,
-           unsigned int size, std::shared_ptr<SharedMemoryI> segment);
+           unsigned int size, std::shared_ptr<shared_memory::SharedMemoryI> segment);
     // As close().
     ~Stream() override;
 
@@ -58,7 +58,7 @@ public:
     void close() NORVO_TAKES_SERVICE;
 
     // A message of the local process, on the segment's read thread.
-    void onNewMessageReceived(std::string message, SharedMemoryI* source) override;
+    void onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* source) override;
 
     // What says how long the stream must be kept (StreamService.h).
     StreamUse use;
@@ -81,7 +81,8 @@ private:
     const unsigned int m_size;
     const bool m_isInfoOutput;
     const bool m_lowPriority;
-    const std::shared_ptr<SharedMemoryI> m_segment;
+    const std::shared_ptr<shared_memory::SharedMemoryI> m_segment;
+    std::atomic<bool> m_isSegmentClosed{false};
     VDIFrameworkCommon::BoundedQueue<std::string> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
     SpareStrings m_spares;
     std::atomic<bool> m_running{false};

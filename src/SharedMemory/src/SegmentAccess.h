@@ -1,0 +1,52 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "LocalMutex.h"
+#include "LogRepeats.h"
+#include "SegmentSlot.h"
+#include "SharedMemoryRWController.h"
+
+namespace shared_memory {
+
+// What an object may do with its segment: by the end that it was set up as, by the gate, and by
+// what the controller allows this process. Each refusal is logged. Also keeps what others ask while
+// the slot is in use: its name, and why it could not be set up. Thread-safe.
+class SegmentAccess {
+public:
+    enum class Mode { NotSetUp = 0, Writer = 1, Reader = 2 };
+
+    explicit SegmentAccess(const SlotGate& gate);
+
+    void setMode(Mode mode) { m_mode = mode; }
+    Mode mode() const { return m_mode.load(); }
+    // After a set-up, which may have failed.
+    void setUp(const SegmentSlot& slot, bool isReady);
+    std::string name();
+    OpenError error();
+
+    // Whether the segment is open and set up for `mode`.
+    bool mayOperate(Mode mode);
+    // Whether the controller lets this process read now. Every change is logged, and no refusal.
+    bool mayRead();
+    // The same for writing `data`, which must not be null; and the segment must be open for it.
+    bool mayWrite(const void* data);
+    void logIllegalOperation();
+
+private:
+    bool follow(bool allowed, std::atomic<bool>& last, const char* flag);
+
+    const SlotGate& m_gate;
+    const std::shared_ptr<SharedMemoryRWController> m_controller;
+    std::atomic<Mode> m_mode{Mode::NotSetUp};
+    std::atomic<bool> m_lastCanRead{true};
+    std::atomic<bool> m_lastCanWrite{true};
+    VDIFrameworkCommon::LocalMutex m_mutex;
+    std::string m_name NORVO_GUARDED_BY(m_mutex);
+    OpenError m_error NORVO_GUARDED_BY(m_mutex);
+    KLT::kltlogger::LogRepeats m_illegal;
+};
+
+}  // namespace shared_memory
