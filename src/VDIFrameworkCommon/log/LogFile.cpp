@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "FileUtils.h"
+#include "RegularFile.h"
 
 namespace KLT::kltlogger {
 
@@ -23,20 +24,13 @@ bool mayBeLog(const struct stat& status) {
 
 }  // namespace
 
-LogFile::~LogFile() { close(); }
-
 bool LogFile::open(const std::string& path) {
     m_path = path;
     return openPath();
 }
 
-void LogFile::close() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
-}
-
 bool LogFile::openPath() {
-    close();
+    m_file.reset();
     if (m_path.empty()) return false;
     if (const auto end = m_path.rfind('/'); end != std::string::npos && end > 0)
         FileUtils::createDirectory(m_path.substr(0, end));
@@ -44,20 +38,20 @@ bool LogFile::openPath() {
     struct stat status {};
     if (lstat(m_path.c_str(), &status) == 0 && !mayBeLog(status)) return false;
     constexpr int kFlags = O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY;
-    m_fd = ::open(m_path.c_str(), O_WRONLY | kFlags, 0600);
-    if (m_fd >= 0 && (fstat(m_fd, &status) != 0 || !mayBeLog(status))) close();
+    m_file.reset(::open(m_path.c_str(), O_WRONLY | kFlags, 0600));
+    if (m_file && (fstat(m_file.get(), &status) != 0 || !mayBeLog(status))) m_file.reset();
     return isOpen();
 }
 
 void LogFile::write(std::string_view lines) {
     followPath();
     struct stat status {};
-    if (m_fd >= 0 && fstat(m_fd, &status) == 0 && status.st_size > 0 &&
+    if (m_file && fstat(m_file.get(), &status) == 0 && status.st_size > 0 &&
         status.st_size + static_cast<off_t>(lines.size()) > m_limit) {
         roll();
     }
-    while (m_fd >= 0 && !lines.empty()) {
-        const ssize_t written = ::write(m_fd, lines.data(), lines.size());
+    while (m_file && !lines.empty()) {
+        const ssize_t written = ::write(m_file.get(), lines.data(), lines.size());
         if (written < 0 && errno == EINTR) continue;
         if (written <= 0) return;
         lines.remove_prefix(static_cast<std::size_t>(written));
@@ -68,8 +62,9 @@ void LogFile::write(std::string_view lines) {
 void LogFile::followPath() {
     struct stat ours {};
     struct stat named {};
-    const bool same = m_fd >= 0 && fstat(m_fd, &ours) == 0 && lstat(m_path.c_str(), &named) == 0 &&
-                      ours.st_dev == named.st_dev && ours.st_ino == named.st_ino;
+    const bool same = m_file && fstat(m_file.get(), &ours) == 0 &&
+                      lstat(m_path.c_str(), &named) == 0 &&
+                      VDIFrameworkCommon::isSameFile(ours, named);
     if (!same) openPath();
 }
 

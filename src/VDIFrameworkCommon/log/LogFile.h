@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "FileDescriptor.h"
+
 namespace KLT::kltlogger {
 
 // A log file that rolls: when a write would take it past its limit, it becomes <path>.1, what was
@@ -17,29 +19,25 @@ public:
     static constexpr int kKept = 3;
 
     explicit LogFile(off_t limit = kDefaultLimit) : m_limit(limit) {}
-    ~LogFile();
-    LogFile(const LogFile&) = delete;
-    LogFile& operator=(const LogFile&) = delete;
 
     // Closes the present file and opens `path` for appending, readable by the owner only, making
     // its directory when it is missing. False when that fails, or when something else than a
     // regular file of this user's with one name stands there; then there is no file, and each write
     // tries again. An empty path means no file.
     bool open(const std::string& path);
-    bool isOpen() const { return m_fd >= 0; }
+    bool isOpen() const { return bool(m_file); }
 
     // Appends whole lines. What the system refuses (a full disk) is dropped.
     void write(std::string_view lines);
 
 private:
     bool openPath();
-    void close();
     void followPath();
     void roll();
 
     const off_t m_limit;
     std::string m_path;
-    int m_fd = -1;
+    VDIFrameworkCommon::FileDescriptor m_file;
 };
 
 }  // namespace KLT::kltlogger

@@ -102,15 +102,14 @@ public:
         if (m_error == ENOENT) {
             return shared_memory_system::createNew(m_documented.c_str(), flags, mode);
         }
-        const int fd = shared_memory_system::createNew(m_own.c_str(), flags, mode);
-        if (fd < 0) return fd;
+        FileDescriptor own(shared_memory_system::createNew(m_own.c_str(), flags, mode));
+        if (!own) return -1;
         // What was in the way may have gone, and another process may have made the documented one.
         const FileDescriptor documented(openChecked(m_documented, flags));
         if (!documented) {
             tell();
-            return fd;
+            return own.release();
         }
-        close(fd);
         shm_unlink(m_own.c_str());
         errno = EEXIST;
         return -1;

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "FileDescriptor.h"
 #include "PosixSharedMemorySystem.h"
 
 namespace VDIFrameworkCommon::shared_memory_system {
@@ -45,11 +46,8 @@ int reserve(int, long long) { return 0; }
 bool tellsRemoval() { return false; }
 
 bool statusOf(const char* name, struct stat& status) {
-    const int fd = shm_open(name, O_RDONLY, 0);
-    if (fd < 0) return false;
-    const bool known = fstat(fd, &status) == 0;
-    close(fd);
-    return known;
+    const FileDescriptor file(shm_open(name, O_RDONLY, 0));
+    return file && fstat(file.get(), &status) == 0;
 }
 
 }  // namespace VDIFrameworkCommon::shared_memory_system

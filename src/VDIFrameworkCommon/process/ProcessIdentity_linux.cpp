@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "FileDescriptor.h"
 #include "ProcessIdentity.h"
 
 namespace VDIFrameworkCommon::process_identity_system {
@@ -20,10 +21,8 @@ bool readStatus(pid_t pid, char* text, std::size_t size) {
     char path[64];
     // Emulators fake the status of a whole process, but not that of its first thread.
     std::snprintf(path, sizeof path, "/proc/%d/task/%d/stat", pid, pid);
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const ssize_t length = read(fd, text, size - 1);
-    close(fd);
+    const FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+    const ssize_t length = file ? read(file.get(), text, size - 1) : 0;
     if (length <= 0) return false;
     text[length] = '\0';
     return true;

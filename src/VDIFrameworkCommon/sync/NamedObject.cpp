@@ -11,11 +11,10 @@
 #include <map>
 #include <utility>
 
+#include "FileDescriptor.h"
 #include "LocalMutex.h"
 #include "Log.h"
 #include "PosixSharedMemory.h"
-
-NORVO_LOG_SOURCE("src/VDIFrameworkCommon/NamedObject")
 
 namespace VDIFrameworkCommon {
 
@@ -131,12 +130,10 @@ void NamedObject::remove(Kind kind, const char* name) {
 
 bool NamedObject::isCurrent() const {
     if (!isSharedMemoryRemovalSeen()) return true;
-    const int fd = shm_open_mac(m_objectName, O_RDWR, 0);
-    if (fd < 0) return errno != ENOENT;
+    const FileDescriptor file(shm_open_mac(m_objectName, O_RDWR, 0));
+    if (!file) return errno != ENOENT;
     struct stat status;
-    const bool known = fstat(fd, &status) == 0;
-    close(fd);
-    return !known || m_place == Place{status.st_dev, status.st_ino};
+    return fstat(file.get(), &status) != 0 || m_place == Place{status.st_dev, status.st_ino};
 }
 
 std::shared_ptr<NamedObject> NamedObject::openWith(Kind kind, const char* name, int flags) {
@@ -145,9 +142,9 @@ std::shared_ptr<NamedObject> NamedObject::openWith(Kind kind, const char* name, 
         return nullptr;
     }
     const std::string objectName = NamedObject::objectName(kind, name);
-    const int fd = shm_open_mac(objectName, flags, S_IRUSR | S_IWUSR);
-    if (fd < 0 && errno == ENOENT && (flags & O_CREAT) == 0) return nullptr;
-    if (fd < 0) {
+    const FileDescriptor file(shm_open_mac(objectName, flags, S_IRUSR | S_IWUSR));
+    if (!file && errno == ENOENT && (flags & O_CREAT) == 0) return nullptr;
+    if (!file) {
         const std::string reason = std::strerror(errno);
         const ObjectHolder holder = holderOfSharedMemory(objectName);
         NORVO_LOG(Error, "Cannot open named ", textOf(kind), ' ', name, ": ", reason,
@@ -155,9 +152,7 @@ std::shared_ptr<NamedObject> NamedObject::openWith(Kind kind, const char* name, 
                                    : std::string());
         return nullptr;
     }
-    auto object = map(kind, name, objectName, fd);
-    close(fd);
-    return object;
+    return map(kind, name, objectName, file.get());
 }
 
 std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name,
