@@ -45,7 +45,7 @@ constexpr std::uint64_t kUnderWay = 500;
 constexpr std::chrono::seconds kPatience{30};
 
 // A segment whose other end takes everything at once: copied into the slot, and counted.
-class InstantSegment : public SharedMemoryI {
+class InstantSegment : public shared_memory::SharedMemoryI {
 public:
     explicit InstantSegment(Arrivals& arrivals) : m_arrivals(arrivals), m_slot(kCapacity) {}
 
@@ -63,8 +63,12 @@ public:
     }
     std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
     bool ReadData(void**, unsigned int&) override { return false; }
-    void subscribeObserver(SharedMemoryObserverI* observer) override { m_observer = observer; }
-    void unsubscribeObserver(SharedMemoryObserverI*) override { m_observer = nullptr; }
+    void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override {
+        m_observer = observer;
+    }
+    void unsubscribeObserver(shared_memory::SharedMemoryObserverI*) override {
+        m_observer = nullptr;
+    }
     void unsubscribeAllObservers() override { m_observer = nullptr; }
 
     // The local process.
@@ -74,7 +78,7 @@ private:
     Arrivals& m_arrivals;
     std::vector<char> m_slot;
     std::string m_name;
-    SharedMemoryObserverI* m_observer = nullptr;
+    shared_memory::SharedMemoryObserverI* m_observer = nullptr;
 };
 
 // The real machine, except that its segments may be instant ones.
@@ -82,7 +86,7 @@ class BenchMachine : public AgentEnvironment {
 public:
     BenchMachine(bool instant, Arrivals& arrivals) : m_instant(instant), m_arrivals(arrivals) {}
 
-    std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) override {
+    std::shared_ptr<shared_memory::SharedMemoryI> makeSegment(SegmentKind kind) override {
         if (!m_instant) return m_real->makeSegment(kind);
         last = std::make_shared<InstantSegment>(m_arrivals);
         return last;
@@ -106,10 +110,12 @@ private:
 };
 
 // Takes every message of a local reader.
-class Taker : public SharedMemoryObserverI {
+class Taker : public shared_memory::SharedMemoryObserverI {
 public:
     explicit Taker(Arrivals& arrivals) : m_arrivals(arrivals) {}
-    void onNewMessageReceived(std::string, SharedMemoryI*) override { m_arrivals.add(); }
+    void onNewMessageReceived(std::string, shared_memory::SharedMemoryI*) override {
+        m_arrivals.add();
+    }
 
 private:
     Arrivals& m_arrivals;
@@ -207,10 +213,12 @@ private:
         }
     }
     void openLocalEnds() {
-        m_localReader = getSharedMemoryInstance(ESharedMemoryType::Plain);
+        m_localReader =
+            shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
         m_localReader->Open("in", kCapacity);
         m_localReader->subscribeObserver(&m_taker);
-        m_localWriter = getSharedMemoryInstance(ESharedMemoryType::Plain);
+        m_localWriter =
+            shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
         m_localWriter->Create("out", kCapacity);
     }
 
@@ -222,8 +230,8 @@ private:
     Packetization m_packets{nullptr, 1500};
     std::unique_ptr<Agent> m_agent;
     std::shared_ptr<InstantSegment> m_outSegment;
-    std::shared_ptr<SharedMemoryI> m_localReader;
-    std::shared_ptr<SharedMemoryI> m_localWriter;
+    std::shared_ptr<shared_memory::SharedMemoryI> m_localReader;
+    std::shared_ptr<shared_memory::SharedMemoryI> m_localWriter;
 };
 
 // Runs `one` `count` times, at most kUnderWay ahead of what has arrived.
@@ -273,22 +281,22 @@ void measureIn(bool instant, std::size_t size, std::uint64_t count, Sample& samp
 }
 
 // A local process that listens to the agent until it hears that the channel is up.
-class Listener : public SharedMemoryObserverI {
+class Listener : public shared_memory::SharedMemoryObserverI {
 public:
     explicit Listener(const std::string& segmentName) {
         m_segment->Open(segmentName, VDIFrameworkCommon::kInfoSegmentSize);
         m_segment->subscribeObserver(this);
     }
     ~Listener() override { m_segment->Close(); }
-    void onNewMessageReceived(std::string message, SharedMemoryI*) override {
+    void onNewMessageReceived(std::string message, shared_memory::SharedMemoryI*) override {
         if (message == "ChannelUp") m_heard.add();
     }
     void waitForChannelUp() const { m_heard.waitFor(1); }
 
 private:
     Arrivals m_heard;
-    std::shared_ptr<SharedMemoryI> m_segment =
-        getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    std::shared_ptr<shared_memory::SharedMemoryI> m_segment =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
 };
 
 // While nobody takes its news, an agent looks out for a listener every millisecond, for 3 s per

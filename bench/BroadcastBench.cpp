@@ -35,7 +35,8 @@ std::vector<std::unique_ptr<bench::PeerProcess>> startReaders(const std::string&
 // message at its readers in µs.
 void measureBroadcast(int readerCount, std::uint64_t messages, bench::Sample& sample) {
     const std::string name = uniqueName();
-    const auto writer = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    const auto writer =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     if (!writer->Create(name, kCapacity)) throw std::runtime_error("cannot set the segment up");
     const auto readers = startReaders(name, readerCount, messages);
     const auto start = bench::nowNanoseconds();
@@ -53,7 +54,8 @@ void measureBroadcast(int readerCount, std::uint64_t messages, bench::Sample& sa
 }
 
 BENCH_ROLE(broadcast_reader) {
-    const auto reader = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    const auto reader =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     if (!reader->Open(args.at(0), kCapacity)) return 1;
     bench::say("ready");
     const std::uint64_t messages = std::stoull(args.at(1));

@@ -12,8 +12,6 @@
 #include "Log.h"
 #include "support/TempDir.h"
 
-NORVO_LOG_SOURCE("bench/LoggerBench")
-
 namespace {
 
 using testsupport::TempDir;

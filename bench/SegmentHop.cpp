@@ -12,7 +12,8 @@ namespace {
 class SegmentHop : public Hop {
 public:
     SegmentHop(const HopEnd& end, bool spins)
-        : m_segment(getSharedMemoryInstance(ESharedMemoryType::Plain)) {
+        : m_segment(
+              shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain)) {
         VDIFrameworkCommon::AdaptiveSpin::setEnabled(spins);
         const auto capacity = static_cast<unsigned int>(end.capacity);
         const bool ready = end.writes ? m_segment->Create(end.name, capacity)
@@ -32,7 +33,7 @@ public:
     }
 
 private:
-    std::shared_ptr<SharedMemoryI> m_segment;
+    std::shared_ptr<shared_memory::SharedMemoryI> m_segment;
 };
 
 const HopKindRegistrar spinning("segment", [](const HopEnd& end) -> std::unique_ptr<Hop> {

@@ -23,20 +23,20 @@ constexpr unsigned int kCapacity = 64;
 constexpr char kName[] = "fuzz";
 
 // One segment for all inputs, so that what one leaves behind is part of the next.
-SharedMemoryHeader& header() {
-    static SharedMemoryHeader* const mapped = [] {
+shared_memory::SharedMemoryHeader& header() {
+    static shared_memory::SharedMemoryHeader* const mapped = [] {
         const std::string object = std::to_string(geteuid()) + "CWVDI_" + kName;
         const int fd = VDIFrameworkCommon::shm_open_mac(object, O_RDWR, 0);
-        void* memory =
-            mmap(nullptr, sizeof(SharedMemoryHeader), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        void* memory = mmap(nullptr, sizeof(shared_memory::SharedMemoryHeader),
+                            PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         if (fd < 0 || memory == MAP_FAILED) abort();
         close(fd);
-        return static_cast<SharedMemoryHeader*>(memory);
+        return static_cast<shared_memory::SharedMemoryHeader*>(memory);
     }();
     return *mapped;
 }
 
-void change(SharedMemoryHeader& segment, uint8_t what, std::uint64_t value) {
+void change(shared_memory::SharedMemoryHeader& segment, uint8_t what, std::uint64_t value) {
     SharedWord* const words[] = {&segment.writerLockCount, &segment.lockWord2,
                                  &segment.newMessageId, &segment.readMessageId};
     SharedCount* const counts[] = {&segment.chunkCount, &segment.chunkIndex, &segment.messageLength,
@@ -48,7 +48,7 @@ void change(SharedMemoryHeader& segment, uint8_t what, std::uint64_t value) {
     }
 }
 
-void read(SharedMemoryI& reader) {
+void read(shared_memory::SharedMemoryI& reader) {
     // Otherwise the reader waits for the writer that holds the lock, or for a message.
     header().writerLockCount = 0;
     header().newMessageId.fetch_add(1);
@@ -62,7 +62,8 @@ void read(SharedMemoryI& reader) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace VDIFrameworkCommon;
     VDIClientInfo::getInstance().setClientType(VDIClientType::Crews);
-    const auto reader = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    const auto reader =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     if (!reader->Open(kName, kCapacity)) abort();
     for (int reads = 0; size >= 9 && reads < 4; data += 9, size -= 9) {
         std::uint64_t value = 0;

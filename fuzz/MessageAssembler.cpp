@@ -24,7 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::size_t taken = 0;
     std::size_t announced = 0;  // by the first chunk; the others' word for it does not count
     for (; size >= 5; data += 5, size -= 5) {
-        const ChunkHeader chunk{wordOf(data[0]), wordOf(data[1]), wordOf(data[2]), wordOf(data[3])};
+        const shared_memory::ChunkHeader chunk{wordOf(data[0]), wordOf(data[1]), wordOf(data[2]),
+                                               wordOf(data[3])};
         std::memset(area.data(), data[4], area.size());
         if (chunk.index == 1) {
             taken = 0;

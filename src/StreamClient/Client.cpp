@@ -17,8 +17,6 @@
 #include "StreamImpl.h"
 #include "VDIClientInfo.h"
 
-NORVO_LOG_SOURCE("src/StreamClient/Client")
-
 namespace NorvoStreamClient {
 
 using VDIFrameworkCommon::kInfoSegmentSize;
@@ -83,7 +81,7 @@ Client::Impl::Impl(Options options)
 
 void Client::Impl::joinInfoSegments() {
     const std::string name = VDIFrameworkCommon::infoNotificationsName(m_options.clientName);
-    m_info = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    m_info = shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     m_listens = m_info->Open(name, kInfoSegmentSize);
     if (m_listens) {
         m_info->subscribeObserver(this);
@@ -161,7 +159,8 @@ void Client::Impl::announce(bool connected) {
     if (m_options.onConnectionChange) add(m_toTell, connected);
 }
 
-void Client::Impl::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
+void Client::Impl::onNewMessageReceived(std::string message,
+                                        shared_memory::SharedMemoryI* /*source*/) {
     auto fields = VDIFrameworkCommon::MessageParser(std::move(message)).parseMsg();
     Notification notification{std::move(fields.front()), {}};
     notification.fields.assign(std::make_move_iterator(fields.begin() + 1),

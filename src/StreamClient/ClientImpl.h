@@ -19,7 +19,7 @@ namespace NorvoStreamClient {
 // Joins the parts. Three threads: the INFO output segment's read thread hears the agent, the asker
 // sends what the view says is due, and the teller calls the program's callbacks, so that a slow
 // callback holds up neither of them, nor the agent and its other clients.
-class Client::Impl : public SharedMemoryObserverI {
+class Client::Impl : public shared_memory::SharedMemoryObserverI {
 public:
     explicit Impl(Options options);
     ~Impl() override { close(); }
@@ -40,7 +40,7 @@ public:
     Status close();
     bool isForkedChild() const { return m_process.isForkedChild(); }
 
-    void onNewMessageReceived(std::string message, SharedMemoryI* source) override;
+    void onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* source) override;
 
 private:
     // A notification, or the new state of the connection.
@@ -63,7 +63,7 @@ private:
     const Options m_options;
     const std::shared_ptr<AgentView> m_view;
     RequestWriter m_requests;
-    std::shared_ptr<SharedMemoryI> m_info;
+    std::shared_ptr<shared_memory::SharedMemoryI> m_info;
     std::atomic<bool> m_listens = false;
     Status m_start;  // how setting up ended; written by the constructor alone
     const ForkGuard m_process;

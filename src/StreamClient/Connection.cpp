@@ -7,8 +7,6 @@
 #include "Log.h"
 #include "StreamImpl.h"
 
-NORVO_LOG_SOURCE("src/StreamClient/Connection")
-
 namespace NorvoStreamClient {
 
 using namespace std::chrono_literals;

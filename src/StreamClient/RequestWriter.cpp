@@ -5,8 +5,6 @@
 #include "InfoSegments.h"
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/StreamClient/RequestWriter")
-
 namespace NorvoStreamClient {
 
 using shared_memory::BroadcastCounts;

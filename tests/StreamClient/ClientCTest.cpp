@@ -24,7 +24,8 @@ protected:
     FakeAgent agent{kName};
     norvo_client* client = norvo_client_open(kName);
     norvo_stream* stream = nullptr;
-    const std::shared_ptr<SharedMemoryI> end = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    const std::shared_ptr<shared_memory::SharedMemoryI> end =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
     char buffer[100] = {};
     size_t length = 0;
 };

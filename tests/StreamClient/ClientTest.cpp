@@ -36,8 +36,8 @@ protected:
             if (news.name == name) return news;
         return std::nullopt;
     }
-    const std::shared_ptr<SharedMemoryI> agentsEnd =
-        getSharedMemoryInstance(ESharedMemoryType::Plain);
+    const std::shared_ptr<shared_memory::SharedMemoryI> agentsEnd =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
 };
 
 TEST_F(ClientTest, AWriteGivesUpInTimeBeforeTheStreamIsUpAndWhenNobodyReads) {

@@ -48,7 +48,8 @@ bool FakeAgent::waitFor(const std::string& request, int count) const {
     return true;
 }
 
-void FakeAgent::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
+void FakeAgent::onNewMessageReceived(std::string message,
+                                     shared_memory::SharedMemoryI* /*source*/) {
     std::set<std::pair<std::string, std::string>> up;
     {
         LocalLock lock(m_mutex);

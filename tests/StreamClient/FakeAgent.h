@@ -14,7 +14,7 @@
 // Segments are named after the client type of their process: that of the agent's.
 void useCrewsSegments();
 
-class FakeAgent : public SharedMemoryObserverI {
+class FakeAgent : public shared_memory::SharedMemoryObserverI {
 public:
     explicit FakeAgent(const std::string& clientName, unsigned int processId = 1,
                        bool connected = true);
@@ -29,7 +29,7 @@ public:
     int countOf(const std::string& request) const;
     bool waitFor(const std::string& request, int count = 1) const;
 
-    void onNewMessageReceived(std::string message, SharedMemoryI* source) override;
+    void onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* source) override;
 
 private:
     static constexpr unsigned int kCapacity = 10240;
@@ -37,8 +37,10 @@ private:
 
     const unsigned int m_processId;
     const bool m_connected;
-    std::shared_ptr<SharedMemoryI> m_out = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
-    std::shared_ptr<SharedMemoryI> m_in = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    std::shared_ptr<shared_memory::SharedMemoryI> m_out =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
+    std::shared_ptr<shared_memory::SharedMemoryI> m_in =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     mutable VDIFrameworkCommon::LocalMutex m_mutex;
     mutable VDIFrameworkCommon::LocalCondition m_changed;
     std::vector<std::string> m_requests NORVO_GUARDED_BY(m_mutex);

@@ -38,7 +38,8 @@ CHILD_ROLE(request_sender) {
 // An agent that opens its segment and takes nothing.
 CHILD_ROLE(request_reader) {
     useCrewsSegments();
-    const auto segment = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    const auto segment =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     if (!segment->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize)) return 1;
     testsupport::say("ready");
     testsupport::hear();
@@ -63,7 +64,8 @@ TEST(RequestWriterTest, IsTakenByTheAgentThatLivesAndByNobodyElse) {
 
 TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     useCrewsSegments();
-    const auto agent = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    const auto agent =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     ASSERT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
     shared_memory::SegmentMapping slot;
     ASSERT_TRUE(slot.open(kSegment, VDIFrameworkCommon::kInfoSegmentSize, false));

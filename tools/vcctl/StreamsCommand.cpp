@@ -38,23 +38,24 @@ struct Look {
     long newId;
     long readWord;      // plain: read message ID; broadcast: readers inside a read
     long readersReady;  // broadcast
-    ChunkHeader chunk;
+    shared_memory::ChunkHeader chunk;
 };
 
 std::optional<Look> lookAt(const std::string& name) {
     const Descriptor fd(VDIFrameworkCommon::shm_open_mac(segmentObject(name), O_RDONLY, 0));
     struct stat status {};
     if (!fd || fstat(fd.get(), &status) != 0 ||
-        static_cast<std::size_t>(status.st_size) < sizeof(SharedMemoryHeader)) {
+        static_cast<std::size_t>(status.st_size) < sizeof(shared_memory::SharedMemoryHeader)) {
         return std::nullopt;
     }
-    void* address = mmap(nullptr, sizeof(SharedMemoryHeader), PROT_READ, MAP_SHARED, fd.get(), 0);
+    void* address = mmap(nullptr, sizeof(shared_memory::SharedMemoryHeader), PROT_READ, MAP_SHARED,
+                         fd.get(), 0);
     if (address == MAP_FAILED) return std::nullopt;
-    const auto& header = *static_cast<const SharedMemoryHeader*>(address);
+    const auto& header = *static_cast<const shared_memory::SharedMemoryHeader*>(address);
     const Look look{static_cast<std::uint64_t>(status.st_size) - sizeof header,
                     header.newMessageId.load(), header.readMessageId.load(),
-                    header.lockWord2.load(), ChunkHeader::load(header)};
-    munmap(address, sizeof(SharedMemoryHeader));
+                    header.lockWord2.load(), shared_memory::ChunkHeader::load(header)};
+    munmap(address, sizeof(shared_memory::SharedMemoryHeader));
     return look;
 }
 

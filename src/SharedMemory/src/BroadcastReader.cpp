@@ -7,8 +7,6 @@
 #include "Log.h"
 #include "SharedMemoryUtilities.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/BroadcastReader")
-
 namespace shared_memory {
 
 namespace {

@@ -6,8 +6,6 @@
 
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/SegmentSlot")
-
 namespace shared_memory {
 
 using std::chrono::milliseconds;

@@ -9,8 +9,6 @@
 #include "SegmentRegistry.h"
 #include "SharedMemoryLayout.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/SegmentUse")
-
 namespace shared_memory {
 
 using VDIFrameworkCommon::NamedMutex;

@@ -2,8 +2,6 @@
 
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/SharedMemoryBroadcast")
-
 namespace shared_memory {
 
 using VDIFrameworkCommon::LocalLock;

@@ -16,6 +16,3 @@ enum class ESharedMemoryType : int {
 std::shared_ptr<SharedMemoryI> getSharedMemoryInstance(ESharedMemoryType type);
 
 }  // namespace shared_memory
-
-using shared_memory::ESharedMemoryType;
-using shared_memory::getSharedMemoryInstance;

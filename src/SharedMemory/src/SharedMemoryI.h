@@ -54,6 +54,3 @@ public:
 };
 
 }  // namespace shared_memory
-
-using shared_memory::SharedMemoryI;
-using shared_memory::SharedMemoryObserverI;

@@ -79,6 +79,3 @@ struct ChunkHeader {
 };
 
 }  // namespace shared_memory
-
-using shared_memory::ChunkHeader;
-using shared_memory::SharedMemoryHeader;

@@ -53,5 +53,3 @@ private:
 };
 
 }  // namespace shared_memory
-
-using shared_memory::SharedMemoryRWController;

@@ -2,8 +2,6 @@
 
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/SlotReader")
-
 namespace shared_memory {
 
 namespace {

@@ -5,8 +5,6 @@
 #include "Log.h"
 #include "MessageAssembler.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/SlotWriter")
-
 namespace shared_memory {
 
 namespace {

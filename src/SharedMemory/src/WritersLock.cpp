@@ -5,8 +5,6 @@
 
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/WritersLock")
-
 namespace shared_memory {
 
 namespace {

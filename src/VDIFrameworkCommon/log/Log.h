@@ -66,8 +66,6 @@ void write(int severity, std::string_view source, int line, std::string_view ope
 #define NORVO_SOURCE __FILE__
 #endif
 
-#define NORVO_LOG_SOURCE(path)
-
 #define NORVO_LOG_AT(severity, ...)                                             \
     do {                                                                        \
         if (::KLT::kltlogger::isEnabled(severity)) {                            \

@@ -8,8 +8,6 @@
 #include "NamedMutex.h"
 #include "NamedObject.h"
 
-NORVO_LOG_SOURCE("src/VDIFrameworkCommon/NamedCondition")
-
 namespace VDIFrameworkCommon {
 
 namespace {

@@ -6,8 +6,6 @@
 #include "Log.h"
 #include "NamedObject.h"
 
-NORVO_LOG_SOURCE("src/VDIFrameworkCommon/NamedMutex")
-
 namespace VDIFrameworkCommon {
 
 namespace {

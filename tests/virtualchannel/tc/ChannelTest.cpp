@@ -164,7 +164,8 @@ TEST_P(ChannelTest, AnAgentEndsWhileItsStreamsWaitForTheHost) {
     receiveAll(agentMessage(vca::CTL_S_CREATE, "Media", 1));
     receiveAll(agentMessage(vca::CTL_S_CREATED, "Media", 1));
     m_host.holdUp();
-    const auto segment = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    const auto segment =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
     ASSERT_TRUE(segment->Create("Media", 1000));
     const std::string message = pattern(100 * 4992);
     EXPECT_TRUE(segment->WriteData(message.data(), static_cast<unsigned int>(message.size())));

@@ -11,10 +11,11 @@ namespace {
 
 // Makes the named segments as an agent does, and keeps them until it is killed.
 CHILD_ROLE(holdPeerSegments) {
-    std::vector<std::shared_ptr<SharedMemoryI>> segments;
+    std::vector<std::shared_ptr<shared_memory::SharedMemoryI>> segments;
     for (const auto& name : args) {
         PeerSegmentRecord::add(name);
-        segments.push_back(getSharedMemoryInstance(ESharedMemoryType::Plain));
+        segments.push_back(
+            shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain));
         segments.back()->Create(name, 1000);
     }
     testsupport::say("done");
@@ -28,7 +29,8 @@ TEST(PeerSegmentsAcrossProcesses, ThoseOfTheDeadAreRemovedUnlessALivingProcessUs
     testsupport::ChildProcess agent("holdPeerSegments", {"left", "used"});
     ASSERT_EQ(agent.readLine(), "done");
     EXPECT_EQ(PeerSegmentRecord::removeLeftovers(), 0);
-    const auto used = getSharedMemoryInstance(ESharedMemoryType::Plain);
+    const auto used =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
     ASSERT_TRUE(used->Open("used", 1000));
     agent.kill();
     agent.wait();

@@ -4,8 +4,6 @@
 
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/SharedMemory/src/Macosx/SharedMemoryMacosx")
-
 namespace shared_memory {
 
 SharedMemoryMacosx::~SharedMemoryMacosx() {

@@ -4,8 +4,6 @@
 #include "PacketBlock.h"
 #include "Packets.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/utils/Packets")
-
 namespace NorvoVirtualChannel {
 
 namespace {

@@ -4,8 +4,6 @@
 #include "Log.h"
 #include "Packets.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/utils/Packets")
-
 namespace NorvoVirtualChannel {
 
 Packetization::Packetization(PacketizationObserver* observer, int maxPacketSize)

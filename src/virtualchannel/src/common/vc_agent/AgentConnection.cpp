@@ -4,8 +4,6 @@
 
 #include "AgentStream.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;

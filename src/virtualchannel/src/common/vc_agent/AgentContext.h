@@ -93,7 +93,7 @@ public:
     virtual std::vector<StreamPtr> streams() const NORVO_TAKES_STREAMS = 0;
     // A stream that is in no table yet. `segment` is set up, or empty.
     virtual StreamPtr makeStream(const StreamDetails& stream,
-                                 std::shared_ptr<SharedMemoryI> segment) = 0;
+                                 std::shared_ptr<shared_memory::SharedMemoryI> segment) = 0;
     // Ends the streams that nobody needs any more.
     virtual void freeUnusedStreams() NORVO_TAKES_CREATION = 0;
 

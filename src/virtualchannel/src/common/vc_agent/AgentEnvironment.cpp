@@ -27,9 +27,10 @@ public:
         return event.timedWait(static_cast<long>(duration.count()));
     }
 
-    std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) override {
-        return getSharedMemoryInstance(kind == SegmentKind::Broadcast ? ESharedMemoryType::Broadcast
-                                                                      : ESharedMemoryType::Plain);
+    std::shared_ptr<shared_memory::SharedMemoryI> makeSegment(SegmentKind kind) override {
+        return shared_memory::getSharedMemoryInstance(
+            kind == SegmentKind::Broadcast ? shared_memory::ESharedMemoryType::Broadcast
+                                           : shared_memory::ESharedMemoryType::Plain);
     }
 
     bool isSegmentInUseElsewhere(const std::string& name) override {
@@ -40,18 +41,22 @@ public:
     int removePeerSegmentsOfTheDead() override { return PeerSegmentRecord::removeLeftovers(); }
 
     bool hasOtherActiveAgent() override {
-        return SharedMemoryRWController::getInstance()->hasOtherActiveVirtualChannelAgent();
+        return shared_memory::SharedMemoryRWController::getInstance()
+            ->hasOtherActiveVirtualChannelAgent();
     }
     long activeAgentProcess() override {
         return VDIFrameworkCommon::AgentMark::ofThisProcess().holderOf(geteuid()).value_or(0);
     }
     bool markActive() override {
-        return SharedMemoryRWController::getInstance()->markCurrentVirtualChannelAgentAsActive();
+        return shared_memory::SharedMemoryRWController::getInstance()
+            ->markCurrentVirtualChannelAgentAsActive();
     }
     void clearActive() override {
-        SharedMemoryRWController::getInstance()->clearActiveVirtualChannelAgent();
+        shared_memory::SharedMemoryRWController::getInstance()->clearActiveVirtualChannelAgent();
     }
-    void endActivityWatch() override { SharedMemoryRWController::getInstance()->shutdown(); }
+    void endActivityWatch() override {
+        shared_memory::SharedMemoryRWController::getInstance()->shutdown();
+    }
 };
 
 }  // namespace

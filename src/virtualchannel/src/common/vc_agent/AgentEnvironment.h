@@ -28,7 +28,7 @@ public:
     virtual bool wait(VDIFrameworkCommon::Event& event, std::chrono::milliseconds duration) = 0;
 
     // A segment that is not set up yet.
-    virtual std::shared_ptr<SharedMemoryI> makeSegment(SegmentKind kind) = 0;
+    virtual std::shared_ptr<shared_memory::SharedMemoryI> makeSegment(SegmentKind kind) = 0;
 
     // Whether a living process other than this one has the segment open. One that does not use this
     // framework is not seen.

@@ -10,7 +10,8 @@
 namespace VirtualChannelAgent {
 
 // Subscribes and says whether the segment's read thread could be started.
-inline bool subscribe(SharedMemoryI& segment, SharedMemoryObserverI* observer) {
+inline bool subscribe(shared_memory::SharedMemoryI& segment,
+                      shared_memory::SharedMemoryObserverI* observer) {
     try {
         segment.subscribeObserver(observer);
     } catch (const std::system_error&) {

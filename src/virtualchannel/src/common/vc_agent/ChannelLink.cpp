@@ -2,8 +2,6 @@
 
 #include "VCMessage.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;

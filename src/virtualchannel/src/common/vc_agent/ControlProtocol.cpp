@@ -6,8 +6,6 @@
 #include "AgentStream.h"
 #include "StreamRules.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 // What is done with one type of message.

@@ -4,8 +4,6 @@
 #include "StreamRules.h"
 #include "VDIClientInfo.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using VDIFrameworkCommon::VDIClientInfo;

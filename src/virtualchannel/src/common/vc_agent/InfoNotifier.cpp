@@ -5,8 +5,6 @@
 #include "ProcessUtils.h"
 #include "StreamType.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using VDIFrameworkCommon::MessageBuilder;

@@ -8,8 +8,6 @@
 #include "InfoSegments.h"
 #include "MessageParser.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using VDIFrameworkCommon::FileUtils;

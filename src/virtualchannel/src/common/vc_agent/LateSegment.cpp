@@ -49,14 +49,14 @@ bool LateSegment::ReadData(void** data, unsigned int& length) {
     return m_isSetUp && m_segment->ReadData(data, length);
 }
 
-void LateSegment::subscribeObserver(SharedMemoryObserverI* observer) {
+void LateSegment::subscribeObserver(shared_memory::SharedMemoryObserverI* observer) {
     LocalLock lock(m_mutex);
     m_observers.push_back(observer);
     if (m_isSetUp) m_segment->subscribeObserver(observer);
 }
 
 // The segment waits for a call of the observer that is under way, so without the lock.
-void LateSegment::unsubscribeObserver(SharedMemoryObserverI* observer) {
+void LateSegment::unsubscribeObserver(shared_memory::SharedMemoryObserverI* observer) {
     {
         LocalLock lock(m_mutex);
         std::erase(m_observers, observer);

@@ -19,7 +19,8 @@ struct SegmentSetup {
     const char* unavailable;
     const char* failed;
 
-    bool run(SharedMemoryI& segment, const std::string& name, unsigned int size) const {
+    bool run(shared_memory::SharedMemoryI& segment, const std::string& name,
+             unsigned int size) const {
         return creates ? segment.Create(name, size) : segment.Open(name, size);
     }
 };
@@ -27,7 +28,7 @@ struct SegmentSetup {
 // A segment that could not be set up when it was asked for, for example because there was no room
 // left for it. Until tryAgain() has succeeded it takes and gives nothing; its observers wait.
 // Thread-safe.
-class LateSegment final : public SharedMemoryI {
+class LateSegment final : public shared_memory::SharedMemoryI {
 public:
     // Makes a segment that is not set up yet.
     using Make = std::function<std::shared_ptr<SharedMemoryI>()>;
@@ -45,8 +46,8 @@ public:
     bool WriteData(const void* data, const unsigned int& length) override;
     std::string ReadData(unsigned int& length, unsigned int timeout) override;
     bool ReadData(void** data, unsigned int& length) override;
-    void subscribeObserver(SharedMemoryObserverI* observer) override;
-    void unsubscribeObserver(SharedMemoryObserverI* observer) override;
+    void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override;
+    void unsubscribeObserver(shared_memory::SharedMemoryObserverI* observer) override;
     void unsubscribeAllObservers() override;
 
 private:
@@ -56,10 +57,10 @@ private:
     const SegmentSetup& m_setup;
 
     VDIFrameworkCommon::LocalMutex m_mutex;
-    std::vector<SharedMemoryObserverI*> m_observers NORVO_GUARDED_BY(m_mutex);
+    std::vector<shared_memory::SharedMemoryObserverI*> m_observers NORVO_GUARDED_BY(m_mutex);
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
     std::atomic<bool> m_isSetUp{false};
-    std::shared_ptr<SharedMemoryI> m_segment;  // written once, before m_isSetUp
+    std::shared_ptr<shared_memory::SharedMemoryI> m_segment;  // written once, before m_isSetUp
 };
 
 }  // namespace VirtualChannelAgent

@@ -1,7 +1,5 @@
 #include "OutgoingMessages.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 namespace {

@@ -2,8 +2,6 @@
 
 #include <utility>
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using SegmentKind = AgentEnvironment::SegmentKind;

@@ -28,8 +28,8 @@ public:
     ~StreamSegments();
 
     struct Segment {
-        std::shared_ptr<SharedMemoryI> memory;  // empty when there cannot be one
-        bool isSetUp = false;                   // otherwise it will be, as soon as that is possible
+        std::shared_ptr<shared_memory::SharedMemoryI> memory;  // empty when there cannot be one
+        bool isSetUp = false;  // otherwise it will be, as soon as that is possible
     };
     Segment setUp(const std::string& name, unsigned int size, const SegmentSetup& setup);
 

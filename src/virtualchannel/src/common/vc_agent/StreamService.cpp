@@ -3,8 +3,6 @@
 #include <deque>
 #include <utility>
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;

@@ -18,8 +18,6 @@
 #include "StreamService.h"
 #include "StreamTable.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VirtualChannelAgent")
-
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
@@ -62,7 +60,7 @@ struct Agent::Parts final : AgentContext {
     StreamPtr findStream(std::string_view name) const override { return m_streams.find(name); }
     std::vector<StreamPtr> streams() const override { return m_streams.snapshot(); }
     StreamPtr makeStream(const StreamDetails& stream,
-                         std::shared_ptr<SharedMemoryI> segment) override {
+                         std::shared_ptr<shared_memory::SharedMemoryI> segment) override {
         return std::make_shared<Stream>(*this, m_link, stream.name, stream.type, stream.size,
                                         std::move(segment));
     }
@@ -91,7 +89,7 @@ struct Agent::Parts final : AgentContext {
                             [this] { return clientInfo(); }};
 
     // The segment of local processes' requests; empty when it could not be set up.
-    std::shared_ptr<SharedMemoryI> m_infoReader;
+    std::shared_ptr<shared_memory::SharedMemoryI> m_infoReader;
 
     VDIFrameworkCommon::LocalMutex m_valuesMutex;
     std::shared_ptr<HvdClientInfoManager> m_clientInfo NORVO_GUARDED_BY(m_valuesMutex);
@@ -223,7 +221,7 @@ void Agent::OnChannelBlockedByPolicySetting(bool blocked) {
     m_parts->m_notifier.notifyChannelBlocked(blocked);
 }
 
-void Agent::onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) {
+void Agent::onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* /*source*/) {
     dropIfItDoesNotFit(*m_parts, [&] { m_parts->m_requests.handle(message); });
 }
 

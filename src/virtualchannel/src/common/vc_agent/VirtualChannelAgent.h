@@ -23,7 +23,7 @@ class AgentEnvironment;
 // What the agent calls: the window questions of its channel may call any Observer operation of the
 // agent back, from inside. GetType, SendData and onAgentStateChange may not, on the calling thread;
 // they may use the channel itself and IsConnected(). Nothing is ever thrown.
-class Agent : public NorvoVirtualChannel::Observer, public SharedMemoryObserverI {
+class Agent : public NorvoVirtualChannel::Observer, public shared_memory::SharedMemoryObserverI {
 public:
     // One stream between the agent and a local process (AgentStream.h).
     class Stream;
@@ -69,7 +69,7 @@ public:
     void OnChannelBlockedByPolicySetting(bool blocked) override;
 
     // A request of a local process, from the INFO input segment.
-    void onNewMessageReceived(std::string message, SharedMemoryI* source) override;
+    void onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* source) override;
 
 private:
     struct Parts;

@@ -8,8 +8,6 @@
 #include "HostCallbacks.h"
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/tc/SharedLib/DataWorkers")
-
 namespace NorvoVirtualChannel::tc {
 
 namespace {

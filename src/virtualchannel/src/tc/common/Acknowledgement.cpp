@@ -5,8 +5,6 @@
 
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/tc/common/Acknowledgement")
-
 namespace NorvoVirtualChannel::tc {
 
 using VDIFrameworkCommon::LocalLock;

@@ -2,8 +2,6 @@
 
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/tc/common/Contained")
-
 namespace NorvoVirtualChannel::tc {
 
 void reportFailure(const char* what, const char* why) noexcept {

@@ -8,8 +8,6 @@
 #include "CurrentCpu.h"
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/tc/common/WorkerThread")
-
 namespace NorvoVirtualChannel::tc {
 
 using VDIFrameworkCommon::AdaptiveSpin;

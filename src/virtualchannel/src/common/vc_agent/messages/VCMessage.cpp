@@ -5,8 +5,6 @@
 
 #include "Log.h"
 
-NORVO_LOG_SOURCE("src/virtualchannel/src/common/vc_agent/VCMessage")
-
 namespace VirtualChannelAgent {
 
 namespace {
