@@ -1,6 +1,7 @@
 // The plug-in inside a FreeRDP client, as an add-in for the static virtual channel NRVOCW.
 #pragma once
 
+#include <freerdp/settings.h>
 #include <freerdp/svc.h>
 
 #include <chrono>
