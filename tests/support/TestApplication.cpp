@@ -13,24 +13,16 @@ namespace testsupport {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-std::string describe(const std::string& name, const std::string& identifier) {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-           "<key>CFBundleExecutable</key>\n<string>" +
-           name + "</string>\n<key>CFBundleIdentifier</key>\n<string>" + identifier +
-           "</string>\n</dict>\n</plist>\n";
-}
-
-}  // namespace
-
 TestApplication::TestApplication(const std::string& name, const std::string& identifier)
     : m_canonicalFolder(fs::canonical(m_folder.path())),
       m_path(m_canonicalFolder + '/' + name + ".app"),
       m_program(m_path + "/Contents/MacOS/" + name) {
     fs::create_directories(m_path + "/Contents/MacOS");
     fs::copy_file(idleProgram(), m_program);
-    std::ofstream(m_path + "/Contents/Info.plist") << describe(name, identifier);
+    std::ofstream(m_path + "/Contents/Info.plist")
+        << "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key><string>" << name
+        << "</string><key>CFBundleIdentifier</key><string>" << identifier
+        << "</string></dict></plist>\n";
     VDIFrameworkCommon::redirectApplications(m_canonicalFolder);
 }
 

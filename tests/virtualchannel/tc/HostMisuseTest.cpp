@@ -20,6 +20,7 @@
 #include "LanguageAbstraction.h"
 #include "LogCapture.h"
 #include "Rounds.h"
+#include "Threads.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;
@@ -132,16 +133,11 @@ void initialiseAgain(std::uint32_t kind) {
 }
 
 void manyThreadsInitialiseAtOnce(std::uint32_t kind) {
-    constexpr int kThreads = 4;
-    std::barrier start(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            start.arrive_and_wait();
-            initialise(kind);
-        });
-    }
-    for (auto& thread : threads) thread.join();
+    std::barrier start(4);
+    onThreads(4, [&](int) {
+        start.arrive_and_wait();
+        initialise(kind);
+    });
     EXPECT_EQ(receiveOne(), 0U);
     Shutdown();
 }
@@ -337,32 +333,29 @@ TEST_P(ShutdownRaceTest, ReceivesSendsAndAvailabilityRaceShutdown) {
         const auto channel = GetParam().make({});
         channel->OnChannelInitialize();
         std::atomic<bool> over{false};
-        std::barrier start(4);
-        std::vector<std::thread> racers;
-        const auto race = [&](const auto& act) {
-            racers.emplace_back([&, act] {
-                start.arrive_and_wait();
-                while (!over) {
-                    act();
-                    std::this_thread::yield();
-                }
-            });
-        };
-        race([&] {
+        const auto receives = [&] {
             for (const auto& packet : packets) receive(*channel, packet);
+        };
+        const auto sends = [&] { send(*channel, "message"); };
+        const auto comesAndGoes = [&] {
+            for (const int state : {1, 0}) channel->ChannelActive(state);
+        };
+        const auto ends = [&] {
+            if (round % 2) std::this_thread::yield();
+            channel->Shutdown();
+            channel->OnChannelInitialize();
+            channel->Shutdown();
+            over = true;
+        };
+        const std::function<void()> acts[] = {receives, sends, comesAndGoes, ends};
+        std::barrier start(4);
+        onThreads(4, [&](int number) {
+            start.arrive_and_wait();
+            do {
+                acts[number]();
+                std::this_thread::yield();
+            } while (!over);
         });
-        race([&] { send(*channel, "message"); });
-        race([&] {
-            channel->ChannelActive(1);
-            channel->ChannelActive(0);
-        });
-        start.arrive_and_wait();
-        if (round % 2) std::this_thread::yield();
-        channel->Shutdown();
-        channel->OnChannelInitialize();
-        channel->Shutdown();
-        over = true;
-        for (auto& racer : racers) racer.join();
         channel->ChannelActive(1);
     }
 }

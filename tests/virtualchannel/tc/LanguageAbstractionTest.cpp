@@ -16,26 +16,11 @@
 #include "LogCapture.h"
 #include "Rounds.h"
 #include "TempDir.h"
+#include "Threads.h"
 #include "WorkRecord.h"
 
 using testsupport::ChildProcess;
 using testsupport::LogCapture;
-
-namespace {
-
-// A home folder that goes with the test.
-class Home {
-public:
-    std::string variable() const { return "HOME=" + m_folder.path(); }
-    std::string log() const {
-        return testsupport::contentOf(m_folder / "Library/Logs/norvouvdi/VirtualChannel.log");
-    }
-
-private:
-    testsupport::TempDir m_folder;
-};
-
-}  // namespace
 
 // ---- The library, whose threads run on when the host has closed it
 
@@ -64,20 +49,19 @@ CHILD_ROLE(logsFromTheHost) {
     LogMessage_VDI(0, "dropped");
     VirtualChannelLogger_flush();
     testsupport::say("set up");
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) threads.emplace_back([] { LogMessage_VDI(1, "from a thread"); });
-    for (auto& thread : threads) thread.join();
+    testsupport::onThreads(4, [](int) { LogMessage_VDI(1, "from a thread"); });
     Shutdown();
     return 0;
 }
 
 TEST(LogFileAcrossProcesses, TheFirstCallMakesTheFileWhateverItsLevel) {
     EXPECT_EQ(ChildProcess("logsFromTheHost", {}, {"HOME="}).wait(), 0);  // and none without a home
-    const Home home;
-    ChildProcess child("logsFromTheHost", {}, {home.variable()});
+    const testsupport::TempDir home;
+    ChildProcess child("logsFromTheHost", {}, {"HOME=" + home.path()});
     EXPECT_EQ(child.readLine(), "set up");
     EXPECT_EQ(child.wait(), 0);
-    const std::string log = home.log();
+    const std::string log =
+        testsupport::contentOf(home / "Library/Logs/norvouvdi/VirtualChannel.log");
     const std::regex line("src/virtualchannel/src/tc/SharedLib/LanguageAbstraction.*from a thread");
     EXPECT_EQ(
         std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()),
@@ -108,17 +92,13 @@ TEST(LanguageAbstractionTest, AMutexMadeByManyThreadsAtOnceIsOne) {
     for (int round = 0; round < testsupport::rounds(200); ++round) {
         MutexHandle mutex = round % 2 ? nullptr : MutexCreate();
         int counter = 0;
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                for (int j = 0; j < 10; ++j) {
-                    MutexLock(&mutex);
-                    ++counter;
-                    MutexUnlock(&mutex);
-                }
-            });
-        }
-        for (auto& thread : threads) thread.join();
+        testsupport::onThreads(4, [&](int) {
+            for (int j = 0; j < 10; ++j) {
+                MutexLock(&mutex);
+                ++counter;
+                MutexUnlock(&mutex);
+            }
+        });
         EXPECT_EQ(counter, 40);
         MutexDestroy(mutex);
     }

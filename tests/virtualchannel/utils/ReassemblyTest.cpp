@@ -6,13 +6,13 @@
 #include <ctime>
 #include <random>
 #include <sstream>
-#include <thread>
 
 #include "ChildProcess.h"
 #include "FileContent.h"
 #include "LogCapture.h"
 #include "PacketBytes.h"
 #include "Rounds.h"
+#include "Threads.h"
 
 using namespace packettest;
 using testsupport::LogCapture;
@@ -183,20 +183,16 @@ TEST_F(Reassembly, DropsAMessageThatThereIsNoMemoryFor) {
 // A host should receive on one thread; one that does not must not corrupt anything. No two messages
 // get the same ID: parts of both would be joined.
 TEST_F(Reassembly, CutsAndJoinsOnSeveralThreadsAtOnce) {
-    constexpr std::size_t kThreads = 4;
+    const auto messageOf = [](int thread) { return pattern(250U + static_cast<unsigned>(thread)); };
     const auto messages = static_cast<std::size_t>(testsupport::rounds(1000));
+    testsupport::onThreads(4, [&](int thread) {
+        for (std::size_t i = 0; i < messages; ++i)
+            for (const auto& packet : cut(packetization, messageOf(thread)))
+                packetization.EnqueuePacket(packet.get());
+    });
     Texts expected;
-    std::vector<std::thread> threads;
-    for (std::size_t thread = 0; thread < kThreads; ++thread) {
-        const std::string message = pattern(250 + thread);
-        expected.insert(expected.end(), messages, message);
-        threads.emplace_back([&, message] {
-            for (std::size_t i = 0; i < messages; ++i)
-                for (const auto& packet : cut(packetization, message))
-                    packetization.EnqueuePacket(packet.get());
-        });
-    }
-    for (auto& thread : threads) thread.join();
+    for (int thread = 0; thread < 4; ++thread)
+        expected.insert(expected.end(), messages, messageOf(thread));
     std::sort(receiver.messages.begin(), receiver.messages.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_TRUE(receiver.messages == expected);
