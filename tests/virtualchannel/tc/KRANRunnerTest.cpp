@@ -10,18 +10,18 @@
 #include <thread>
 
 #include "ApplicationBundle.h"
-#include "ChildProcess.h"
 #include "Eventually.h"
 #include "FileUtils.h"
 #include "LogCapture.h"
 #include "ProcessUtils.h"
+#include "ReadyChild.h"
 #include "TestApplication.h"
 #include "VDIClientInfo.h"
 
 using namespace NorvoVirtualChannel::tc;
-using testsupport::ChildProcess;
 using testsupport::eventually;
 using testsupport::LogCapture;
+using testsupport::ReadyChild;
 using testsupport::TestApplication;
 using VDIFrameworkCommon::FileUtils;
 using VDIFrameworkCommon::VDIClientInfo;
@@ -64,6 +64,8 @@ protected:
             return now.size() == 1 && now[0] != process;
         }));
     }
+
+    const TestApplication m_app{"TelvaVDIPlugin", kLauncherIdentifier};
 };
 
 using Arguments = std::vector<std::string>;
@@ -93,35 +95,32 @@ TEST_F(KRANRunnerAcrossProcesses, TheApplicationIsKeptRunningUntilTheStop) {
 }
 
 TEST_F(KRANRunnerAcrossProcesses, AMarkerKeepsItStoppedAndItsRemovalLaunchesIt) {
-    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
     StopMarker marker;
     LogCapture log;
     startKRAN();
     const std::string line =
         "thinclient stopped running, but " + marker.path + " file exists, so we won't restart it";
     ASSERT_TRUE(eventually([&] { return log.count(line) >= 2; }));
-    EXPECT_TRUE(app.processes().empty());
+    EXPECT_TRUE(m_app.processes().empty());
     EXPECT_FALSE(log.contains("run thin client."));
 
     const auto removed = std::chrono::steady_clock::now();
     marker.remove();
-    ASSERT_EQ(app.waitForProcesses(1).size(), 1U);
+    ASSERT_EQ(m_app.waitForProcesses(1).size(), 1U);
     EXPECT_LT(std::chrono::steady_clock::now() - removed, std::chrono::seconds(10));
 }
 
 TEST_F(KRANRunnerAcrossProcesses, AnotherUsersMarkerStopsNothing) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another user";
-    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
     StopMarker marker;
     ASSERT_EQ(chown(marker.path.c_str(), 12345, 12345), 0);
     LogCapture log;
     startKRAN();
-    EXPECT_EQ(app.waitForProcesses(1).size(), 1U);
+    EXPECT_EQ(m_app.waitForProcesses(1).size(), 1U);
     EXPECT_TRUE(log.contains(marker.path + " is ignored: it is a file of user 12345, mode "));
 }
 
 TEST_F(KRANRunnerAcrossProcesses, AnotherClientTypeRunsNothingAndStartAndStopAreTraced) {
-    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
     VDIClientInfo::getInstance().setClientType(VDIClientType::Unknown);
     LogCapture log;
     startKRAN();
@@ -129,7 +128,7 @@ TEST_F(KRANRunnerAcrossProcesses, AnotherClientTypeRunsNothingAndStartAndStopAre
     startKRAN();
     stopKRAN();
     stopKRAN();
-    EXPECT_TRUE(app.processes().empty());
+    EXPECT_TRUE(m_app.processes().empty());
     EXPECT_EQ(log.lines(),
               (std::vector<std::string>{
                   "Requesting KRAN runner thread to start.", "KRAN runner thread start.",
@@ -167,41 +166,36 @@ CHILD_ROLE(runningPlugin) {
 }
 
 TEST_F(KRANRunnerAcrossProcesses, PluginsThatConnectAtOnceStartItOnce) {
-    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
-    std::vector<ChildProcess> plugins;
-    for (int i = 0; i < 3; ++i) {
-        plugins.emplace_back("runningPlugin", Arguments{app.folder(), "disconnect"});
-    }
-    for (auto& plugin : plugins) ASSERT_EQ(plugin.readLine(), "ready");
+    std::vector<ReadyChild> plugins;
+    for (int i = 0; i < 3; ++i)
+        plugins.emplace_back("runningPlugin", Arguments{m_app.folder(), "disconnect"});
     for (auto& plugin : plugins) plugin.writeLine("");
     for (auto& plugin : plugins) EXPECT_EQ(plugin.readLine(), "running");
-    const auto processes = app.processes();
+    const auto processes = m_app.processes();
     ASSERT_EQ(processes.size(), 1U);
 
-    killAndAwaitAnother(app, processes[0]);
+    killAndAwaitAnother(m_app, processes[0]);
     // Long enough for each of them to have had its round.
     std::this_thread::sleep_for(std::chrono::milliseconds(2200));
-    EXPECT_EQ(app.processes().size(), 1U);
+    EXPECT_EQ(m_app.processes().size(), 1U);
 
     for (auto& plugin : plugins) plugin.writeLine("");
     for (auto& plugin : plugins) EXPECT_EQ(plugin.wait(), 0);
-    EXPECT_TRUE(app.processes().empty());
+    EXPECT_TRUE(m_app.processes().empty());
 }
 
 TEST_F(KRANRunnerAcrossProcesses, AnApplicationOutlivesAHostThatDoesNotDisconnectAndIsTakenOver) {
-    TestApplication app("TelvaVDIPlugin", kLauncherIdentifier);
-    ChildProcess plugin("runningPlugin", {app.folder(), "leave"});
-    ASSERT_EQ(plugin.readLine(), "ready");
+    ReadyChild plugin("runningPlugin", {m_app.folder(), "leave"});
     plugin.writeLine("");
     EXPECT_EQ(plugin.readLine(), "running");
     plugin.writeLine("");
     EXPECT_EQ(plugin.wait(), 0);
-    EXPECT_EQ(app.processes().size(), 1U) << "it ends on disconnection only";
+    EXPECT_EQ(m_app.processes().size(), 1U) << "it ends on disconnection only";
 
     LogCapture log;
     startKRAN();
     ASSERT_TRUE(eventually([&] { return log.contains("KRAN runner thread start."); }));
     stopKRAN();
     EXPECT_FALSE(log.contains("run thin client."));
-    EXPECT_TRUE(app.processes().empty());
+    EXPECT_TRUE(m_app.processes().empty());
 }
