@@ -10,21 +10,14 @@ namespace {
 
 constexpr milliseconds kFirstPatience{1000};
 constexpr milliseconds kLongestPatience{4000};
-constexpr std::size_t kMostSpares = 32;
 // A stream keeps its newest 1001 messages; whatever the other end says, stay far below that.
 constexpr std::uint32_t kMostMessages = 256;
 
 }  // namespace
 
 SendingHalf::Block SendingHalf::makeBlock() {
-    if (m_spares.empty()) {
-        auto block = std::make_shared<std::string>();
-        block->reserve(ConnectionFrame::kHeaderSize + m_blockSize);
-        block->resize(ConnectionFrame::kHeaderSize);
-        return block;
-    }
-    Block block = std::move(m_spares.back());
-    m_spares.pop_back();
+    auto block = std::make_shared<std::string>();
+    block->reserve(ConnectionFrame::kHeaderSize + m_blockSize);
     block->resize(ConnectionFrame::kHeaderSize);
     return block;
 }
@@ -77,9 +70,6 @@ bool SendingHalf::hear(const ConnectionFrame& frame, Time now) {
 void SendingHalf::forget(std::uint64_t before) {
     m_acked = before;
     while (!m_blocks.empty() && m_blocks.front().after() <= before) {
-        Block& block = m_blocks.front().frame;
-        if (block.use_count() == 1 && m_spares.size() < kMostSpares)
-            m_spares.push_back(std::move(block));
         m_blocks.pop_front();
         m_unsent -= m_unsent > 0 ? 1 : 0;
     }

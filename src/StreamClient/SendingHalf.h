@@ -7,7 +7,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "ConnectionFrame.h"
 
@@ -88,7 +87,6 @@ private:
     bool m_finished = false;
     std::optional<Time> m_resendAt;
     std::chrono::milliseconds m_patience{0};
-    std::vector<Block> m_spares;
 };
 
 }  // namespace NorvoStreamClient
