@@ -19,6 +19,30 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// Little-endian, as all numbers are.
+std::string number(unsigned int value) {
+    std::string bytes(sizeof value, '\0');
+    for (int i = 0; i < 4; ++i)
+        bytes[static_cast<unsigned int>(i)] = static_cast<char>(value >> 8 * i);
+    return bytes;
+}
+
+// A header and what follows it; `size` is what the size field says.
+std::string record(char flag, unsigned char type, std::size_t size, const std::string& content) {
+    return std::string(2, flag) + std::string(2, '\0') + static_cast<char>(type) +
+           number(static_cast<unsigned int>(size)) + std::string(11, '\0') + content;
+}
+std::string block(unsigned char type, const std::string& value) {
+    return record('\xCD', type, 20 + value.size(), value);
+}
+std::string message(unsigned char type, const std::string& blocks) {
+    return record('\xCB', type, 20 + blocks.size(), blocks);
+}
+
+void setSize(std::string& bytes, std::size_t record, unsigned int size) {
+    std::memcpy(bytes.data() + record + 5, &size, sizeof size);
+}
+
 std::string serialised(const VCMessage& message) {
     std::string bytes(message.byteSize(), '?');
     EXPECT_TRUE(message.serializeToArray(bytes.data(), message.byteSize()));
@@ -28,18 +52,8 @@ std::string serialised(const VCMessage& message) {
 bool parse(VCMessage& message, const std::string& bytes) {
     return message.parseFromArray(bytes.data(), static_cast<unsigned int>(bytes.size()));
 }
-
-void setSize(std::string& bytes, std::size_t record, unsigned int size) {
-    std::memcpy(bytes.data() + record + 5, &size, sizeof size);
-}
-
-// CTL_S_CREATE with the field StreamName "Basic".
-std::string example() {
-    return {
-        "\xCB\xCB\x00\x00\x06\x2D\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
-        "\xCD\xCD\x00\x00\x02\x19\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
-        "Basic",
-        45};
+bool parseInPlace(VCMessage& message, const std::string& bytes) {
+    return message.parseInPlace(bytes.data(), static_cast<unsigned int>(bytes.size()));
 }
 
 std::string routeData(const VCMessage& message) {
@@ -48,24 +62,31 @@ std::string routeData(const VCMessage& message) {
     return {data, length};
 }
 
+void expectInvalid(const VCDataBlock& block) {
+    EXPECT_FALSE(block.isValid());
+    EXPECT_EQ(block.data(), nullptr);
+    EXPECT_EQ(block.size() + block.getType() + block.getIntData(), 0u);
+    EXPECT_EQ(block.getStrData(), "");
+}
+
 }  // namespace
 
 TEST(VCMessage, HasTheBytesOfTheFormat) {
-    VCMessage message;
-    message.setMessageType(CTL_S_CREATE);
-    message.setStreamName("Basic");
-    EXPECT_EQ(message.getTotalDataSize(), 25u);
-    EXPECT_EQ(serialised(message), example());
-    EXPECT_EQ(wireOf(message), example());
-
-    std::string noop(20, '\0');
-    noop[0] = noop[1] = '\xCB';
-    setSize(noop, 0, 20);
-    VCMessage empty;
-    EXPECT_FALSE(empty.isInitialized());
-    EXPECT_EQ(serialised(empty), noop);
-    ASSERT_TRUE(parse(empty, noop));
-    EXPECT_TRUE(empty.isInitialized());
+    VCMessage sent;
+    EXPECT_FALSE(sent.isInitialized());
+    EXPECT_EQ(serialised(sent), message(0, ""));
+    sent.setMessageType(CTL_S_CREATE);
+    EXPECT_TRUE(sent.isInitialized());
+    sent.setStreamName("Basic");
+    EXPECT_EQ(sent.getTotalDataSize(), 25u);
+    const std::string example(
+        "\xCB\xCB\x00\x00\x06\x2D\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
+        "\xCD\xCD\x00\x00\x02\x19\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
+        "Basic",
+        45);
+    EXPECT_EQ(serialised(sent), example);
+    EXPECT_EQ(wireOf(sent), example);
+    EXPECT_EQ(message(6, block(2, "Basic")), example);
 }
 
 TEST(VCMessage, CarriesEveryFieldToTheOtherEnd) {
@@ -86,11 +107,16 @@ TEST(VCMessage, CarriesEveryFieldToTheOtherEnd) {
     sent.addDataBlock(nullptr);
     sent.addDataBlock(std::make_shared<VCDataBlock>());
 
-    const std::string bytes = serialised(sent);
+    const std::string bytes = message(
+        4, block(200, number(1)) + block(1, number(0xFE)) + block(2, "Generic") +
+               block(2, "only the first counts") + block(3, number(1)) +
+               block(4, number(0xFFFFFFFF)) + block(5, std::string("a\0b", 3)) +
+               block(6, "Basic-Media-") + block(7, "1.0.679.0") + block(8, "-1") + block(9, ""));
+    EXPECT_EQ(serialised(sent), bytes);
     VCMessage copied;
     VCMessage inPlace;
     ASSERT_TRUE(parse(copied, bytes));
-    ASSERT_TRUE(inPlace.parseInPlace(bytes.data(), static_cast<unsigned int>(bytes.size())));
+    ASSERT_TRUE(parseInPlace(inPlace, bytes));
     for (const VCMessage* received : {&copied, &inPlace}) {
         EXPECT_EQ(received->getMessageType(), CTL_CONNECTED);
         EXPECT_EQ(received->getUnsupportedMessageType(), 0xFE);
@@ -108,16 +134,15 @@ TEST(VCMessage, CarriesEveryFieldToTheOtherEnd) {
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(VCMessage, SaysWhichFieldIsMissing) {
-    const VCMessage message;
+TEST(VCMessage, LogsWhichFieldIsMissing) {
+    const VCMessage empty;
     char* data = nullptr;
     LogCapture log;
-    EXPECT_EQ(message.getUnsupportedMessageType() + message.getStreamType() +
-                  message.getStreamSize() + message.getRouteData(&data),
+    EXPECT_EQ(empty.getUnsupportedMessageType() + empty.getStreamType() + empty.getStreamSize() +
+                  empty.getRouteData(&data),
               0u);
-    EXPECT_EQ(message.getStreamName() + message.getSupportedStreams() +
-                  message.getChannelVersion() + message.getInternalVersion() +
-                  message.getClientVersion(),
+    EXPECT_EQ(empty.getStreamName() + empty.getSupportedStreams() + empty.getChannelVersion() +
+                  empty.getInternalVersion() + empty.getClientVersion(),
               "");
     EXPECT_EQ(data, nullptr);
     Lines lines = log.lines();
@@ -126,22 +151,26 @@ TEST(VCMessage, SaysWhichFieldIsMissing) {
               (Lines{"getClientVersion failed", "getMessageType failed", "getRouteData failed",
                      "getStreamName failed", "getStreamSize failed", "getStreamType failed",
                      "getSupportedStreams failed", "getVersion failed", "getVersion failed"}));
-    EXPECT_FALSE(message.hasUnsupportedMessageType() || message.hasStreamName() ||
-                 message.hasStreamType() || message.hasStreamSize() || message.hasRouteData() ||
-                 message.hasSupportedStreams() || message.hasChannelVersion() ||
-                 message.hasInternalVersion() || message.hasClientVersion());
+    EXPECT_FALSE(empty.hasUnsupportedMessageType() || empty.hasStreamName() ||
+                 empty.hasStreamType() || empty.hasStreamSize() || empty.hasRouteData() ||
+                 empty.hasSupportedStreams() || empty.hasChannelVersion() ||
+                 empty.hasInternalVersion() || empty.hasClientVersion());
 }
 
-TEST(VCMessage, OfAnUnknownTypeReadsAsNoOperation) {
-    std::string bytes = example();
-    for (const int type : {8, 11, 12, 255}) {
-        bytes[4] = static_cast<char>(type);
+TEST(VCMessage, MayHaveAnyTypeAndAnyChecksum) {
+    for (const int type : {0, 8, 11, 12, 255}) {
+        const std::string sent = message(static_cast<unsigned char>(type), block(2, "Basic"));
+        std::string received = sent;
+        received[2] = received[3] = '\x7F';  // the checksum
         VCMessage message;
-        ASSERT_TRUE(parse(message, bytes));
+        ASSERT_TRUE(parse(message, received));
         EXPECT_EQ(message.isMessageTypeSupported(), type < 12);
         EXPECT_EQ(message.getMessageType(), type < 12 ? type : 0);
         EXPECT_EQ(message.rawMessageType(), type);
         EXPECT_EQ(message.getStreamName(), "Basic");
+        EXPECT_EQ(wireOf(message), sent);
+        ASSERT_TRUE(parseInPlace(message, received));
+        EXPECT_EQ(serialised(message), sent);
     }
 }
 
@@ -157,9 +186,9 @@ TEST(VCMessage, NeedsABufferOfItsSize) {
     EXPECT_EQ(buffer, std::string(message.byteSize(), '?'));
 }
 
-// One field of a good message is damaged at a time.
-TEST(VCMessage, ReportsWhatIsWrongWithAReceivedMessage) {
-    constexpr char kParseError[] = "Parse error.";
+// A good message of two blocks, which begin at 20 and 45, is damaged in one place at a time.
+TEST(VCMessage, ReportsWhatIsWrongWithAReceivedMessageAndKeepsTheBlocksBeforeIt) {
+    const std::string good = message(7, block(2, "Basic") + block(3, number(1)));
     const auto cutTo = [](unsigned int size) {
         return [size](std::string& bytes) {
             bytes.resize(size);
@@ -167,12 +196,12 @@ TEST(VCMessage, ReportsWhatIsWrongWithAReceivedMessage) {
         };
     };
     const auto blockSize = [](unsigned int size) {
-        return [size](std::string& bytes) { setSize(bytes, 20, size); };
+        return [size](std::string& bytes) { setSize(bytes, 45, size); };
     };
     const struct {
         const char* what;
         std::function<void(std::string&)> damage;
-        const char* line;
+        std::string line = "Parse error.";
     } cases[] = {
         {"nothing", [](auto& bytes) { bytes.clear(); }, "Wrong message received, size: 0"},
         {"header cut off", [](auto& bytes) { bytes.resize(19); },
@@ -180,70 +209,37 @@ TEST(VCMessage, ReportsWhatIsWrongWithAReceivedMessage) {
         {"flag of a block", [](auto& bytes) { bytes[1] = '\xCD'; },
          "Wrong message received, data flag not matched"},
         {"one byte short", [](auto& bytes) { bytes.pop_back(); },
-         "Wrong message received. Actual message size 45 != received size 44"},
+         "Wrong message received. Actual message size 69 != received size 68"},
         {"size of 0", [](auto& bytes) { setSize(bytes, 0, 0); },
-         "Wrong message received. Actual message size 0 != received size 45"},
-        {"one byte after the header", cutTo(21), kParseError},
-        {"19 bytes after the header", cutTo(39), kParseError},
-        {"block size 0", blockSize(0), kParseError},
-        {"block size 19", blockSize(19), kParseError},
-        {"block one byte short", blockSize(24), kParseError},
-        {"block one byte long", blockSize(26), kParseError},
-        {"block size wraps", blockSize(0xFFFFFFFF), kParseError},
-        {"flag of a message", [](auto& bytes) { bytes[20] = bytes[21] = '\xCB'; }, kParseError},
+         "Wrong message received. Actual message size 0 != received size 69"},
+        {"one byte of a block", cutTo(46)},
+        {"19 bytes of a block", cutTo(64)},
+        {"block size 0", blockSize(0)},
+        {"block size 19", blockSize(19)},
+        {"block one byte short", blockSize(23)},
+        {"block one byte long", blockSize(25)},
+        {"block size wraps", blockSize(0xFFFFFFFF)},
+        {"flag of a message", [](auto& bytes) { bytes[45] = bytes[46] = '\xCB'; }},
     };
     for (const auto& [what, damage, line] : cases) {
         SCOPED_TRACE(what);
-        std::string bytes = example();
+        std::string bytes = good;
         damage(bytes);
-        VCMessage message = routed("Media", "of an earlier use");
+        VCMessage received = routed("Media", "of an earlier use");
         LogCapture log;
-        EXPECT_FALSE(parse(message, bytes));
-        EXPECT_FALSE(message.parseInPlace(bytes.data(), static_cast<unsigned int>(bytes.size())));
-        EXPECT_EQ(log.lines(), (Lines{line, line}));
-        EXPECT_FALSE(message.hasRouteData());
-        EXPECT_EQ(message.isInitialized(), line == std::string(kParseError));
-    }
-    VCMessage message;
-    EXPECT_FALSE(message.parseFromArray(nullptr, 45));
-}
-
-TEST(VCMessage, TakesAnyChecksumAndSendsNone) {
-    std::string bytes = example();
-    bytes[2] = bytes[3] = '\x7F';
-    VCMessage message;
-    ASSERT_TRUE(parse(message, bytes));
-    EXPECT_EQ(wireOf(message), example());
-    ASSERT_TRUE(message.parseInPlace(bytes.data(), 45));
-    EXPECT_EQ(serialised(message), example());
-}
-
-TEST(VCMessage, KeepsTheBlocksBeforeABrokenOne) {
-    const std::string whole = serialised(testsupport::aboutStream(CTL_S_CREATED, "Basic", 1));
-    for (const bool isTooLong : {false, true}) {
-        std::string bytes = whole;
-        isTooLong ? setSize(bytes, 45, 1000) : void(bytes[45] = 0);
-        VCMessage received;
+        EXPECT_FALSE(parseInPlace(received, bytes));
         EXPECT_FALSE(parse(received, bytes));
+        EXPECT_EQ(log.lines(), (Lines{line, line}));
+        EXPECT_FALSE(received.hasRouteData());
+        EXPECT_EQ(received.isInitialized(), line == "Parse error.");
+        if (!received.isInitialized()) continue;
         EXPECT_EQ(received.getMessageType(), CTL_S_CREATED);
         EXPECT_EQ(received.getStreamName(), "Basic");
-        EXPECT_EQ(received.byteSize(), 45u);
         VCMessage again;
         EXPECT_TRUE(parse(again, serialised(received)));
     }
-}
-
-TEST(VCMessage, CarriesRouteDataOfAnySize) {
-    for (const std::size_t length : {0ul, 1ul, 90ul, 150ul, 4096ul, 1ul << 20, 64ul << 20}) {
-        if (testsupport::kSanitized && length > 1ul << 20) continue;
-        const std::string data(length, 'r');
-        const VCMessage sent = routed("Media", data);
-        EXPECT_EQ(sent.byteSize(), 20 + 25 + 24 + 24 + 20 + length);
-        VCMessage received;
-        ASSERT_TRUE(parse(received, wireOf(sent)));
-        EXPECT_TRUE(received.hasRouteData());
-        EXPECT_TRUE(routeData(received) == data) << length;
-    }
+    VCMessage received;
+    EXPECT_FALSE(received.parseFromArray(nullptr, 45));
 }
 
 TEST(VCMessage, LeavesOutAFieldThatDoesNotFit) {
@@ -263,31 +259,78 @@ TEST(VCMessage, LeavesOutAFieldThatDoesNotFit) {
     EXPECT_TRUE(parse(received, serialised(message)));
 }
 
-TEST(VCMessage, CopiesShareDataUntilOneOfThemChanges) {
-    for (const std::size_t length : {10ul, 10'000ul}) {
-        const VCMessage original = routed("Media", std::string(length, 'd'));
-        const std::string bytes = serialised(original);
-        VCMessage copy = original;
-        EXPECT_EQ(copy.wireBytes().data() == original.wireBytes().data(), length == 10'000);
-        copy.setClientVersion("more");
-        copy.setMessageType(CTL_NOOP);
-        EXPECT_EQ(serialised(original), bytes);
-        EXPECT_EQ(copy.byteSize(), original.byteSize() + 24);
-        EXPECT_EQ(routeData(copy), std::string(length, 'd'));
+TEST(VCMessage, CopiesAreIndependentOfEachOtherAndOfTheReceivedBytes) {
+    for (const std::size_t length : {0ul, 1ul, 90ul, 150ul, 10'000ul, 64ul << 20}) {
+        if (testsupport::kSanitized && length > 1ul << 20) continue;
+        const std::string data(length, 'd');
+        const VCMessage original = routed("Media", data);
+        auto bytes = std::make_unique<std::string>(serialised(original));
+        VCMessage sharing = original;
+        EXPECT_EQ(sharing.wireBytes().data() == original.wireBytes().data(),
+                  original.byteSize() > 240);
+        VCMessage view;
+        ASSERT_TRUE(parseInPlace(view, *bytes));
+        EXPECT_EQ(view.wireBytes().data(), static_cast<const void*>(bytes->data()));
+        const VCMessage copy = view;
+        for (VCMessage* changed : {&sharing, &view}) {
+            changed->setClientVersion("more");
+            changed->setMessageType(CTL_NOOP);
+        }
+        EXPECT_TRUE(serialised(original) == *bytes);
+        bytes.reset();
+        EXPECT_TRUE(serialised(copy) == serialised(original));
+        for (const VCMessage* changed : {&sharing, &view}) {
+            EXPECT_EQ(changed->byteSize(), original.byteSize() + 24);
+            EXPECT_EQ(changed->getClientVersion(), "more");
+            EXPECT_TRUE(changed->hasRouteData());
+            EXPECT_TRUE(routeData(*changed) == data) << length;
+        }
     }
 }
 
-TEST(VCMessage, ReadInPlaceNeedsTheReceivedBytesOnlyUntilItIsCopied) {
-    for (const std::size_t length : {10ul, 10'000ul}) {
-        auto bytes = std::make_unique<std::string>(wireOf(routed("x", std::string(length, 'd'))));
-        VCMessage view;
-        ASSERT_TRUE(view.parseInPlace(bytes->data(), static_cast<unsigned int>(bytes->size())));
-        EXPECT_EQ(view.wireBytes().data(), static_cast<const void*>(bytes->data()));
-        const VCMessage copy = view;
-        view.setClientVersion("changed");
-        bytes.reset();
-        EXPECT_EQ(routeData(copy), std::string(length, 'd'));
-        EXPECT_EQ(routeData(view), std::string(length, 'd'));
-        EXPECT_EQ(view.getClientVersion(), "changed");
+TEST(VCDataBlock, HasTheBytesOfTheFormatAndGivesItsValueBack) {
+    const auto bytesOf = [](const VCDataBlock& block) {
+        return std::string(block.data(), block.size());
+    };
+    EXPECT_EQ(bytesOf(VCDataBlock(2, std::string("Basic"))), block(2, "Basic"));
+    EXPECT_EQ(bytesOf(VCDataBlock(3, 0x01020304u)), block(3, number(0x01020304)));
+    EXPECT_EQ(bytesOf(VCDataBlock(5, "\0x", 2)), block(5, std::string("\0x", 2)));
+    EXPECT_EQ(bytesOf(VCDataBlock(5, nullptr, 3u)), block(5, std::string(3, '\0')));
+    EXPECT_EQ(bytesOf(VCDataBlock(9, std::vector<unsigned int>{1, 0xFF000000})),
+              block(9, number(1) + number(0xFF000000)));
+    std::string received = block(2, "four");
+    received[15] = 'r';  // reserved bytes may hold anything, and are kept
+    const VCDataBlock text(received.data(), 24u);
+    EXPECT_EQ(bytesOf(text), received);
+    EXPECT_EQ(text.getType(), 2);
+    EXPECT_EQ(text.getStrData(), "four");
+    EXPECT_EQ(text.getIntData(), 0x72756F66u);  // "four" as an integer
+    EXPECT_EQ(VCDataBlock(2, std::string("fives")).getIntData(), 0u);
+    char* value = nullptr;
+    EXPECT_EQ(text.getByteData(nullptr), 0u);
+    EXPECT_EQ(text.getByteData(&value), 4u);
+    EXPECT_EQ(VCDataBlock(2, std::string()).getByteData(&value), 0u);
+    EXPECT_EQ(value, text.data() + 20);
+}
+
+TEST(VCDataBlock, IsInvalidWhenItIsNotABlock) {
+    const std::string cases[] = {block(2, "Basic").substr(0, 24),
+                                 block(2, "Basic") + "!",
+                                 record('\xCB', 2, 25, "Basic"),
+                                 record('\xCD', 2, 26, "Basic"),
+                                 record('\xCD', 2, 0, ""),
+                                 block(2, "").substr(0, 19),
+                                 ""};
+    for (const auto& bytes : cases) {
+        const auto length = static_cast<unsigned int>(bytes.size());
+        EXPECT_FALSE(VCDataBlock::verifyData(bytes.data(), length));
+        expectInvalid(VCDataBlock(bytes.data(), length));
     }
+    expectInvalid(VCDataBlock(static_cast<const char*>(nullptr), 25u));
+    VCDataBlock cleared(2, std::string("Basic"));
+    cleared.clear();
+    expectInvalid(cleared);
+    const LogCapture log;
+    expectInvalid(VCDataBlock(5, nullptr, 0xFFFFFFF0u));
+    EXPECT_EQ(log.lines(), Lines{"Malloc failed, size: 4294967300"});
 }
