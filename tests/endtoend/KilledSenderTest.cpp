@@ -1,4 +1,4 @@
-// A host is killed in the middle of what it sends, again and again.
+// A host is killed, or its connection cut, in the middle of what it sends, again and again.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -76,6 +76,8 @@ TEST(KilledSenderAcrossProcesses, LeavesNoMessageOfTwoHalves) {
         ASSERT_TRUE(threeAreWritten());
         hosts.kill(Side::Near);
         hosts.start(Side::Near);
+        ASSERT_TRUE(threeAreWritten());
+        hosts.reconnect();
     }
     EXPECT_TRUE(threeAreWritten());
     over = true;
