@@ -30,11 +30,13 @@ inline std::string infoInputName() {
 
 // One side of a channel.
 struct AgentSide {
-    std::shared_ptr<FakeMachine> machine = std::make_shared<FakeMachine>();
+    std::shared_ptr<FakeMachine> machine;
     FakeChannel channel;
     std::unique_ptr<VirtualChannelAgent::Agent> agent;
 
-    explicit AgentSide(const std::string& name = "side") {
+    explicit AgentSide(const std::string& name = "side",
+                       std::shared_ptr<FakeMachine> on = std::make_shared<FakeMachine>())
+        : machine(std::move(on)) {
         agent = std::make_unique<VirtualChannelAgent::Agent>(&channel, name, machine);
     }
     ~AgentSide() {
@@ -54,25 +56,17 @@ struct AgentSide {
     void request(const std::string& text) { segment(infoInputName())->localProcessWrites(text); }
     std::shared_ptr<FakeSegment> segment(const std::string& name) { return machine->segment(name); }
 
-    // Stream messages that leave through the send thread, as "type name streamType size".
+    // The messages that leave, through the send thread as a rule: at least `count`.
     Texts sentTexts(std::size_t count) {
         Texts texts;
         EXPECT_TRUE(eventually([&] {
-            for (const auto& sent : channel.takeSent()) texts.push_back(textOf(sent));
+            for (const auto& sent : channel.takeSent()) texts.push_back(sent.text());
             return texts.size() >= count;
         }));
         return texts;
     }
-    static std::string textOf(const FakeChannel::Sent& sent) {
-        const auto message = sent.message();
-        std::string text = std::to_string(message.rawMessageType());
-        if (!message.hasStreamName()) return text;
-        return text + ' ' + message.getStreamName() + ' ' +
-               std::to_string(message.getStreamType()) + ' ' +
-               std::to_string(message.getStreamSize());
-    }
 
-    // What local processes were told since the last forgetNotifications(), waiting for `count`
+    // What local processes were told since the last forgetNotifications(): at least `count`
     // messages.
     Texts notifications(std::size_t count) {
         const auto info = segment(infoOutputName());

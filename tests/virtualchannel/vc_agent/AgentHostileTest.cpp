@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
+#include <iterator>
 #include <random>
 
 #include "AgentFixture.h"
@@ -26,65 +26,64 @@ std::string anyBytes(Random& random, std::size_t longest) {
     return bytes;
 }
 
+template <class Choices>
+auto anyOf(Random& random, const Choices& choices) {
+    return std::data(choices)[below(random, std::size(choices))];
+}
+
 std::string anyName(Random& random) {
-    static const char* const names[] = {
-        "Media",  "Basic", "LogCollection", "upgrade",  "Generic", "/",   "..", "",
-        "a/../b", "-",     "\x01",          "\xFF\xFE", "s|t\\u",  "%s%n"};
-    const std::string unusual[] = {infoInputName(), infoOutputName(), std::string(300, 'n')};
-    switch (below(random, 4)) {
-        case 0:
-            return anyBytes(random, 12);
-        case 1:
-            return "s" + std::to_string(below(random, 5000));
-        case 2:
-            return unusual[below(random, std::size(unusual))];
-        default:
-            return names[below(random, std::size(names))];
-    }
+    const std::string names[] = {"Media",
+                                 "Basic",
+                                 "LogCollection",
+                                 "upgrade",
+                                 "Generic",
+                                 "/",
+                                 "..",
+                                 "",
+                                 "a/../b",
+                                 "-",
+                                 "\x01",
+                                 "\xFF\xFE",
+                                 "s|t\\u",
+                                 "%s%n",
+                                 infoInputName(),
+                                 infoOutputName(),
+                                 std::string(300, 'n'),
+                                 anyBytes(random, 12),
+                                 "s" + std::to_string(below(random, 5000))};
+    return anyOf(random, names);
 }
 
-unsigned int anySize(Random& random) {
-    static const unsigned int sizes[] = {
-        0, 1, 1000, 10240, kMaxStreamSize, kMaxStreamSize + 1, 0xFFFFFFFF};
-    return sizes[below(random, std::size(sizes))];
-}
-
+// With any fields, and any values in them.
 VCMessage anyMessage(Random& random) {
+    constexpr unsigned int kSizes[] = {
+        0, 1, 1000, 10240, kMaxStreamSize, kMaxStreamSize + 1, 0xFFFFFFFF};
     auto message = control(static_cast<MessageTypeEnum>(below(random, 14)));
     const auto present = random();
     if (present & 7) message.setStreamName(anyName(random));
     if (present & 14) message.setStreamType(static_cast<unsigned int>(below(random, 4)));
-    if (present & 28) message.setStreamSize(anySize(random));
+    if (present & 28) message.setStreamSize(anyOf(random, kSizes));
     if (present & 64) {
         const auto data = anyBytes(random, 600);
         message.setRouteData(data.data(), static_cast<unsigned int>(data.size()));
     }
-    if (present & 128) message.setSupportedStreams(anyBytes(random, 100));
-    if (present & 256) message.setChannelVersion(anyBytes(random, 50));
-    if (present & 512) message.setInternalVersion(std::to_string(static_cast<int>(random())));
-    if (present & 1024) message.setClientVersion(anyBytes(random, 50));
-    if (present & 2048) message.setUnsupportedMessageType(static_cast<unsigned char>(random()));
+    if (present & 128) {
+        message.setSupportedStreams(anyBytes(random, 100));
+        message.setChannelVersion(anyBytes(random, 50));
+        message.setInternalVersion(std::to_string(static_cast<int>(random())));
+        message.setUnsupportedMessageType(static_cast<unsigned char>(random()));
+    }
     return message;
 }
 
-// Damages a good message: bits, lengths, a cut, or something added.
+// Damages a good message: bits, a cut, or something added.
 void mutate(Random& random, std::string& bytes) {
-    switch (below(random, 4)) {
-        case 0:
-            for (int i = 0; i < 3; ++i)
-                bytes[below(random, bytes.size())] ^= static_cast<char>(random());
-            break;
-        case 1:
-            bytes.resize(below(random, bytes.size() + 1));
-            break;
-        case 2:
-            bytes += anyBytes(random, 40);
-            break;
-        default:
-            if (bytes.size() > 29) {
-                const auto size = static_cast<std::uint32_t>(random());
-                std::memcpy(bytes.data() + 25, &size, sizeof size);
-            }
+    if (below(random, 2) == 0) {
+        for (int i = 0; i < 3; ++i)
+            bytes[below(random, bytes.size())] ^= static_cast<char>(random());
+    } else {
+        bytes.resize(below(random, bytes.size() + 1));
+        bytes += anyBytes(random, 40);
     }
 }
 
@@ -93,17 +92,9 @@ void appendRecord(Random& random, std::string& input) {
     auto message = anyMessage(random);
     message.setClientVersion(std::string(3 - (message.byteSize() + 3) % 4, 'x'));
     std::string bytes = wireOf(message);
-    switch (below(random, 6)) {
-        case 0:
-            bytes = anyBytes(random, 300);
-            break;
-        case 1:
-        case 2:
-            mutate(random, bytes);
-            break;
-        default:
-            break;
-    }
+    const auto kind = below(random, 6);
+    if (kind == 0) bytes = anyBytes(random, 300);
+    if (kind == 1) mutate(random, bytes);
     bytes.resize(std::min<std::size_t>(bytes.size(), 1020) / 4 * 4);
     input += static_cast<char>(below(random, 3));
     input += static_cast<char>(bytes.size() / 4);

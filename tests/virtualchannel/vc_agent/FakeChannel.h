@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -31,18 +32,40 @@ public:
             parsed.parseFromArray(bytes.data(), static_cast<unsigned int>(bytes.size()));
             return parsed;
         }
+        // Its type and the fields that it has: "6 Media 1 500".
+        std::string text() const {
+            using VirtualChannelAgent::VCMessage;
+            const auto parsed = message();
+            std::ostringstream text;
+            text << +parsed.rawMessageType();
+            const auto add = [&](auto has, auto get) {
+                if ((parsed.*has)()) text << ' ' << (parsed.*get)();
+            };
+            add(&VCMessage::hasStreamName, &VCMessage::getStreamName);
+            add(&VCMessage::hasStreamType, &VCMessage::getStreamType);
+            add(&VCMessage::hasStreamSize, &VCMessage::getStreamSize);
+            add(&VCMessage::hasSupportedStreams, &VCMessage::getSupportedStreams);
+            add(&VCMessage::hasChannelVersion, &VCMessage::getChannelVersion);
+            add(&VCMessage::hasInternalVersion, &VCMessage::getInternalVersion);
+            add(&VCMessage::hasClientVersion, &VCMessage::getClientVersion);
+            char* data = nullptr;
+            const auto length = parsed.hasRouteData() ? parsed.getRouteData(&data) : 0;
+            if (length > 0) text << ' ' << std::string(data, length);
+            if (parsed.hasUnsupportedMessageType())
+                text << ' ' << +parsed.getUnsupportedMessageType();
+            return text.str() + (lowPriority ? ", low priority" : "");
+        }
     };
 
     int type = 1;
     bool seamless = false;
-    // Called from inside the agent's calls.
-    std::function<void()> onSend;
-    std::function<void(bool)> onStateChange;
-    std::function<void()> onQuestion;
-    std::function<bool()> onStreamData;  // whether it is taken
-    std::function<void()> onWaitUntilSent;
+    std::atomic<int> refusals{0};  // so many times, the data of a stream is not taken
+    // Called from inside the agent's calls, with one of "send", "up", "down", "wait" (until all is
+    // sent), "forget" (incomplete messages) and "question".
+    std::function<void(const std::string& call)> onCall = [](const std::string&) {};
+    std::function<void(const Sent&)> onSent = [](const Sent&) {};
 
-    // To the agent, under the observer lock as a real channel does it.
+    // To the agent, one call at a time.
     void deliver(const std::string& bytes) {
         callObserver([&](auto& observer) {
             observer.OnVirtualChannelReceiveData(bytes.data(),
@@ -69,22 +92,20 @@ public:
         std::lock_guard lock(m_sentMutex);
         return m_sent.size();
     }
-    std::vector<bool> stateChanges() const {
-        std::lock_guard lock(m_sentMutex);
-        return m_stateChanges;
-    }
 
     int GetMaxMsgSize() override { return 4992; }
     int SendData(const void* data, unsigned int length, bool lowPriority) override {
-        if (onSend) onSend();
+        onCall("send");
+        Sent sent{{static_cast<const char*>(data), length}, lowPriority};
+        onSent(sent);
         std::lock_guard lock(m_sentMutex);
-        m_sent.push_back({std::string(static_cast<const char*>(data), length), lowPriority});
+        m_sent.push_back(std::move(sent));
         return 0;
     }
     NorvoVirtualChannel::StreamSend SendStreamData(const void* data, unsigned int length,
                                                    bool lowPriority,
                                                    const std::function<bool()>& goesOn) override {
-        if (onStreamData && !onStreamData()) return NorvoVirtualChannel::StreamSend::NotSent;
+        if (refusals > 0 && refusals-- > 0) return NorvoVirtualChannel::StreamSend::NotSent;
         return VirtualChannel::SendStreamData(data, length, lowPriority, goesOn);
     }
     void AddObserver(NorvoVirtualChannel::Observer* observer) override {
@@ -95,24 +116,21 @@ public:
     int GetType() override { return type; }
     void ResetChannel() override {}
     bool IsSeamlessMode() override {
-        if (onQuestion) onQuestion();
+        onCall("question");
         return seamless;
     }
     bool IsMultiSession() override {
-        if (onQuestion) onQuestion();
+        onCall("question");
         return false;
     }
     void* GetClientWindowHandleFromServerWindowHandle(void* serverWindow) override {
-        if (onQuestion) onQuestion();
+        onCall("question");
         return reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(serverWindow) + 1);
     }
-    void onAgentStateChange(bool connected) override {
-        if (onStateChange) onStateChange(connected);
-        std::lock_guard lock(m_sentMutex);
-        m_stateChanges.push_back(connected);
-    }
+    void onAgentStateChange(bool connected) override { onCall(connected ? "up" : "down"); }
+    void ForgetIncompleteMessages() override { onCall("forget"); }
     bool WaitUntilSent(std::chrono::milliseconds) override {
-        if (onWaitUntilSent) onWaitUntilSent();
+        onCall("wait");
         return true;
     }
 
@@ -121,19 +139,7 @@ private:
     NorvoVirtualChannel::Observer* m_observer = nullptr;
     mutable std::mutex m_sentMutex;
     std::vector<Sent> m_sent;
-    std::vector<bool> m_stateChanges;
 };
-
-// Delivers what each of the two channels has sent to the other one's agent, in order, until
-// `predicate()` holds. False when that took more than 20 s.
-template <class Predicate>
-bool exchangeUntil(FakeChannel& a, FakeChannel& b, const Predicate& predicate) {
-    return eventually([&] {
-        for (const auto& sent : a.takeSent()) b.deliver(sent.bytes);
-        for (const auto& sent : b.takeSent()) a.deliver(sent.bytes);
-        return predicate();
-    });
-}
 
 // Messages of the far side.
 inline VirtualChannelAgent::VCMessage control(VirtualChannelAgent::MessageTypeEnum type) {

@@ -2,12 +2,11 @@
 // in memory, and the test plays the local processes at their other ends.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
@@ -31,10 +30,14 @@ public:
     enum class Reader { Takes, Refuses, IsStuck };
     using Kind = VirtualChannelAgent::AgentEnvironment::SegmentKind;
 
-    explicit FakeSegment(Kind kind, std::function<bool(FakeSegment&)> registerSelf)
-        : m_kind(kind), m_registerSelf(std::move(registerSelf)) {}
-
-    std::atomic<std::chrono::milliseconds> closeTakes{std::chrono::milliseconds(0)};
+    // `onSetUp` says whether the segment can be set up.
+    FakeSegment(Kind kind, std::chrono::milliseconds closeTakes,
+                std::function<bool(FakeSegment&)> onSetUp,
+                std::function<void(FakeSegment&, const std::string&)> onWritten)
+        : m_kind(kind),
+          m_closeTakes(closeTakes),
+          m_onSetUp(std::move(onSetUp)),
+          m_onWritten(std::move(onWritten)) {}
 
     // The local process.
     void setReader(Reader reader) {
@@ -53,39 +56,33 @@ public:
     // As the segment's read thread does it: whoever unsubscribes waits for the call to end.
     void localProcessWrites(const std::string& message) {
         std::lock_guard delivering(m_delivery);
-        for (auto* observer : m_observers) observer->onNewMessageReceived(message, this);
+        if (m_observer) m_observer->onNewMessageReceived(message, this);
     }
     // How the agent set it up: "opened plain 1000".
-    std::string text() const {
-        return std::string(m_created ? "created " : "opened ") +
-               (m_kind == Kind::Broadcast ? "broadcast " : "plain ") + std::to_string(m_size);
-    }
+    std::string text() const { return m_text; }
     bool isOpen() const { return m_open; }
     bool isObserved() const {
         std::lock_guard delivering(m_delivery);
-        return !m_observers.empty();
+        return m_observer != nullptr;
     }
     int failedWrites() const { return m_failedWrites; }
 
     // The agent.
     bool Create(const std::string& name, unsigned int size) override {
-        return setUp(name, size, true);
+        return setUp("created ", name, size);
     }
     bool Open(const std::string& name, unsigned int size) override {
-        return setUp(name, size, false);
+        return setUp("opened ", name, size);
     }
     bool Close() override {
-        if (m_open) std::this_thread::sleep_for(closeTakes.load());
+        if (std::exchange(m_isClosed, true)) std::abort();  // twice
+        if (m_open) std::this_thread::sleep_for(m_closeTakes);
         std::lock_guard lock(m_mutex);
-        EXPECT_FALSE(std::exchange(m_isClosed, true)) << "closed twice";
         m_open = false;
         m_changed.notify_all();
         return true;
     }
-    shared_memory::OpenError openError() override {
-        using shared_memory::OpenFailure;
-        return {m_open ? OpenFailure::None : OpenFailure::NoSpace};
-    }
+    shared_memory::OpenError openError() override { return {shared_memory::OpenFailure::NoSpace}; }
     std::string getName() override { return m_name; }
     // A stuck reader holds a writer as long as the real one would: 2000 ms, or until it is closed.
     bool WriteData(const void* data, const unsigned int& length) override {
@@ -93,46 +90,44 @@ public:
         m_changed.wait_for(lock, std::chrono::milliseconds(2000),
                            [&] { return !m_open || m_reader != Reader::IsStuck; });
         const bool taken = m_open && m_reader == Reader::Takes;
-        if (taken) {
-            m_written.emplace_back(static_cast<const char*>(data), length);
-        } else {
+        if (!taken) {
             m_failedWrites++;
+            return false;
         }
-        return taken;
+        m_written.emplace_back(static_cast<const char*>(data), length);
+        m_onWritten(*this, m_written.back());
+        return true;
     }
     std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
     bool ReadData(void**, unsigned int&) override { return false; }
     void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override {
         std::lock_guard delivering(m_delivery);
-        m_observers.insert(observer);
+        m_observer = observer;
     }
-    void unsubscribeObserver(shared_memory::SharedMemoryObserverI* observer) override {
-        std::lock_guard delivering(m_delivery);
-        m_observers.erase(observer);
+    void unsubscribeObserver(shared_memory::SharedMemoryObserverI*) override {
+        subscribeObserver(nullptr);
     }
-    void unsubscribeAllObservers() override {
-        std::lock_guard delivering(m_delivery);
-        m_observers.clear();
-    }
+    void unsubscribeAllObservers() override { subscribeObserver(nullptr); }
 
 private:
-    bool setUp(const std::string& name, unsigned int size, bool created) {
+    bool setUp(const char* how, const std::string& name, unsigned int size) {
         m_name = name;
-        m_size = size;
-        m_created = created;
-        return m_open = m_registerSelf(*this);
+        m_text = how + std::string(m_kind == Kind::Broadcast ? "broadcast " : "plain ") +
+                 std::to_string(size);
+        return m_open = m_onSetUp(*this);
     }
 
     const Kind m_kind;
-    const std::function<bool(FakeSegment&)> m_registerSelf;
+    const std::chrono::milliseconds m_closeTakes;
+    const std::function<bool(FakeSegment&)> m_onSetUp;
+    const std::function<void(FakeSegment&, const std::string&)> m_onWritten;
     std::string m_name;
-    std::atomic<unsigned int> m_size{0};
-    std::atomic<bool> m_created{false};
+    std::string m_text;
     std::atomic<bool> m_open{false};
-    bool m_isClosed = false;
     std::atomic<int> m_failedWrites{0};
+    bool m_isClosed = false;
     mutable std::mutex m_delivery;
-    std::set<shared_memory::SharedMemoryObserverI*> m_observers;
+    shared_memory::SharedMemoryObserverI* m_observer = nullptr;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     Reader m_reader = Reader::Takes;
@@ -147,7 +142,9 @@ public:
     std::atomic<std::uint64_t> clock{1'000'000};
     std::atomic<std::chrono::microseconds> pauseTakes{std::chrono::microseconds(200)};
     std::atomic<std::chrono::milliseconds> closeTakes{std::chrono::milliseconds(0)};
-    std::function<void(const std::string&)> onSegmentSetUp;  // on the agent's thread
+    // Called on the agent's threads.
+    std::function<void(FakeSegment&)> onSegmentSetUp = [](FakeSegment&) {};
+    std::function<void(FakeSegment&, const std::string&)> onWritten = [](auto&, auto&) {};
     // What other processes have open; everything unless the test says so.
     void setOpenElsewhere(std::set<std::string> names) {
         std::lock_guard lock(m_mutex);
@@ -207,8 +204,14 @@ public:
         return set;
     }
     std::shared_ptr<shared_memory::SharedMemoryI> makeSegment(SegmentKind kind) override {
-        return std::make_shared<FakeSegment>(
-            kind, [this](FakeSegment& self) { return registerSegment(self); });
+        const auto onSetUp = [this](FakeSegment& segment) {
+            onSegmentSetUp(segment);
+            if (segmentsFail) return false;
+            std::lock_guard lock(m_mutex);
+            m_byName[segment.getName()] = segment.shared_from_this();
+            return true;
+        };
+        return std::make_shared<FakeSegment>(kind, closeTakes.load(), onSetUp, onWritten);
     }
     bool isSegmentInUseElsewhere(const std::string& name) override {
         std::lock_guard lock(m_mutex);
@@ -232,16 +235,6 @@ public:
     void endActivityWatch() override { watchesEnded++; }
 
 private:
-    bool registerSegment(FakeSegment& segment) {
-        const std::string name = segment.getName();
-        if (onSegmentSetUp) onSegmentSetUp(name);
-        if (segmentsFail) return false;
-        segment.closeTakes = closeTakes.load();
-        std::lock_guard lock(m_mutex);
-        m_byName[name] = segment.shared_from_this();
-        return true;
-    }
-
     mutable std::mutex m_mutex;
     std::map<std::string, std::shared_ptr<FakeSegment>> m_byName;
     std::set<std::string> m_peerSegments;

@@ -1,19 +1,14 @@
 target_sources(norvo_tests PRIVATE
-    AgentHandshakeTest.cpp
     AgentHostileTest.cpp
     ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp
     AgentInfoTest.cpp
     AgentLifecycleTest.cpp
-    AgentLogTest.cpp
+    AgentSessionTest.cpp
     AgentStreamTest.cpp
-    PeerSegmentTest.cpp
-    TrafficProcesses.cpp)
-if(TARGET vcctl)
-    target_sources(norvo_tests PRIVATE BackToBackTest.cpp)  # between two of its hosts
-endif()
-target_link_libraries(norvo_tests PRIVATE norvo_agent norvo_packets norvo_streamclient)
-set_property(SOURCE AgentLogTest.cpp TARGET_DIRECTORY norvo_tests
-    APPEND PROPERTY COMPILE_DEFINITIONS SESSION_LOG="${CMAKE_CURRENT_LIST_DIR}/AgentSession.txt")
+    PeerSegmentTest.cpp)
+target_link_libraries(norvo_tests PRIVATE norvo_agent norvo_packets)
+set_property(SOURCE AgentSessionTest.cpp TARGET_DIRECTORY norvo_tests
+    APPEND PROPERTY COMPILE_DEFINITIONS SESSION_TRANSCRIPT="${CMAKE_CURRENT_LIST_DIR}/AgentSession.txt")
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
     APPEND PROPERTY COMPILE_DEFINITIONS LLVMFuzzerTestOneInput=fuzzReceivePath)
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
@@ -22,10 +17,9 @@ set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY 
 # Runs that take minutes, by hand: `cmake --build . --target full_runs`.
 add_custom_target(full_runs
     COMMAND ${CMAKE_COMMAND} -E env NORVO_HOSTILE_MESSAGES=1000000
-            NORVO_BACK_TO_BACK_MESSAGES=100000 NORVO_BACK_TO_BACK_ROUNDS=100
-            $<TARGET_FILE:norvo_tests> --gtest_filter=AgentHostile.*:BackToBack*
-    COMMAND $<TARGET_FILE:norvo_tests> --gtest_filter=KilledSender* --gtest_repeat=25
-            --gtest_fail_fast
+            $<TARGET_FILE:norvo_tests> --gtest_filter=AgentHostile.*
+    COMMAND $<TARGET_FILE:norvo_tests> --gtest_filter=KilledSender*:HostsAcross*:*EndToEnd*tcp
+            --gtest_repeat=25 --gtest_fail_fast
     COMMAND ${CMAKE_COMMAND} -E env NORVO_FULL_RUNS=1 NORVO_TEST_XRDP=1
             $<TARGET_FILE:norvo_tests> --gtest_filter=*AFileFillsTheChannel*
     USES_TERMINAL VERBATIM)

@@ -1,0 +1,209 @@
+// What an agent logs, sends and sets up in whole sessions. AgentSession.txt is the transcript:
+// behind each line "> what happens" stand the lines that come of it, indented and sorted when they
+// are of another thread than the test's. NORVO_WRITE_SESSION=FILE writes what the test has seen.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <regex>
+#include <sstream>
+
+#include "AgentFixture.h"
+#include "FileContent.h"
+
+using namespace testsupport;
+using namespace VirtualChannelAgent;
+
+namespace {
+
+// The lines since the last look.
+class Transcript : public KLT::kltlogger::LogSink {
+public:
+    void write(const KLT::kltlogger::LogRecord& record) override {
+        static const std::regex sum(" more in [0-9]+ s$");  // of repeated lines; says when it likes
+        if (!std::regex_search(std::string(record.message), sum)) note(record.message);
+    }
+    void note(std::string_view line) {
+        const bool isOwn = std::this_thread::get_id() == m_thread;
+        std::lock_guard lock(m_mutex);
+        (isOwn ? m_own : m_others).push_back((isOwn ? "" : "  ") + std::string(line));
+    }
+    // At least `count` lines, unless they do not come in time.
+    Texts take(std::size_t count, std::chrono::milliseconds limit) {
+        const auto isComplete = [&] {
+            std::lock_guard lock(m_mutex);
+            return m_own.size() + m_others.size() >= count;
+        };
+        eventually(isComplete, limit);
+        std::lock_guard lock(m_mutex);
+        std::sort(m_others.begin(), m_others.end());
+        Texts lines = std::exchange(m_own, {});
+        lines.insert(lines.end(), m_others.begin(), m_others.end());
+        m_others.clear();
+        for (auto& line : lines) {
+            line = std::regex_replace(line, std::regex("\\b" + std::to_string(getpid())), "PID");
+            line = std::regex_replace(line, std::regex("0x[0-9a-f]+"), "POINTER");
+        }
+        return lines;
+    }
+
+private:
+    const std::thread::id m_thread = std::this_thread::get_id();
+    std::mutex m_mutex;
+    Texts m_own;
+    Texts m_others;
+};
+
+// The type of the message, then the name, type and size of a stream and data for it, or the
+// streams, channel version, internal version and client version of a handshake; "-" for one that is
+// missing.
+VCMessage messageOf(const std::string& text) {
+    std::istringstream words(text);
+    int type = 0;
+    words >> type;
+    auto message = control(static_cast<MessageTypeEnum>(type));
+    const Texts values(std::istream_iterator<std::string>(words), {});
+    const auto set = [&](std::size_t index, auto setter) {
+        if (index < values.size() && values[index] != "-") setter(values[index]);
+    };
+    const auto number = [](const std::string& digits) {
+        return static_cast<unsigned int>(std::stoul(digits));
+    };
+    if (type < CTL_S_CREATE) {
+        set(0, [&](const auto& value) { message.setSupportedStreams(value); });
+        set(1, [&](const auto& value) { message.setChannelVersion(value); });
+        set(2, [&](const auto& value) { message.setInternalVersion(value); });
+        set(3, [&](const auto& value) { message.setClientVersion(value); });
+    } else {
+        set(0, [&](const auto& value) { message.setStreamName(value); });
+        set(1, [&](const auto& value) { message.setStreamType(number(value)); });
+        set(2, [&](const auto& value) { message.setStreamSize(number(value)); });
+        set(3, [&](const auto& value) {
+            message.setRouteData(value.data(), static_cast<unsigned int>(value.size()));
+        });
+    }
+    return message;
+}
+
+const std::map<std::string, void (*)(AgentSide&)> kEvents{
+    {"channel available", [](AgentSide& side) { side.becomesAvailable(); }},
+    {"channel not available", [](AgentSide& side) { side.becomesAvailable(false); }},
+    {"channel shuts down",
+     [](AgentSide& side) {
+         side.channel.callObserver([](auto& o) { o.OnVirtualChannelShutdown(); });
+     }},
+    {"session up, platform, policy, session down",
+     [](AgentSide& side) {
+         side.channel.callObserver([](auto& o) {
+             o.OnSessionAvailabilityChange(true);
+             o.OnThinClientPlatformChange(4000000000U);
+             o.OnChannelBlockedByPolicySetting(true);
+             o.OnSessionAvailabilityChange(false);
+         });
+     }},
+    {"no message",
+     [](AgentSide& side) {
+         side.channel.callObserver([](auto& o) { o.OnVirtualChannelReceiveData(nullptr, 40); });
+     }},
+    {"garbage", [](AgentSide& side) { side.channel.deliver(std::string(300, '\xAB')); }},
+    {"another agent is active", [](AgentSide& side) { side.machine->otherAgentIsActive = true; }},
+    {"no other agent is active", [](AgentSide& side) { side.machine->otherAgentIsActive = false; }},
+    {"segments fail", [](AgentSide& side) { side.machine->segmentsFail = true; }},
+    {"segments do not fail", [](AgentSide& side) { side.machine->segmentsFail = false; }},
+    {"the wall clock is set back", [](AgentSide& side) { side.machine->clock -= 100'000; }},
+    {"agent stops", [](AgentSide& side) { side.agent->stop(); }},
+};
+
+class Session {
+public:
+    explicit Session(Transcript& transcript) : m_transcript(transcript) {}
+
+    void happens(const std::string& what) {
+        if (what == "agent starts") return start();
+        const auto event = kEvents.find(what);
+        if (event != kEvents.end()) return event->second(*m_side);
+        const auto [who, text] = cut(what);
+        if (who == "far") {
+            m_side->channel.deliver(messageOf(text));
+        } else if (who == "local") {
+            m_side->request(text);
+        } else if (who == "pass") {
+            EXPECT_TRUE(m_side->machine->pass(std::stoul(text)));
+        } else {
+            ASSERT_EQ(who, "write");
+            const auto [name, data] = cut(text);
+            m_side->segment(name)->localProcessWrites(data);
+        }
+    }
+
+private:
+    // What stands before the first space, and behind it.
+    static std::pair<std::string, std::string> cut(const std::string& text) {
+        const auto space = std::min(text.find(' '), text.size() - 1);
+        return {text.substr(0, space), text.substr(space + 1)};
+    }
+    void start() {
+        const auto machine = std::make_shared<FakeMachine>();
+        machine->onSegmentSetUp = [this](FakeSegment& segment) {
+            m_transcript.note("segment " + segment.getName() + " is " + segment.text());
+        };
+        machine->onWritten = [this](FakeSegment& segment, const std::string& text) {
+            if (segment.getName() == infoOutputName()) return;  // the log shows these
+            m_transcript.note("segment " + segment.getName() + " has '" + text + "'");
+        };
+        m_side.emplace("side", machine);
+        m_side->channel.onCall = [this](const std::string& call) {
+            if (call != "send" && call != "question") m_transcript.note("channel: " + call);
+        };
+        m_side->channel.onSent = [this](const FakeChannel::Sent& sent) {
+            m_transcript.note("channel: send " + sent.text());
+        };
+    }
+
+    Transcript& m_transcript;
+    std::optional<AgentSide> m_side;
+};
+
+struct Step {
+    std::string comments;
+    std::string what;
+    Texts lines;  // that come of it
+};
+
+std::vector<Step> stepsOf(const std::string& file) {
+    std::vector<Step> steps;
+    std::string comments;
+    for (const auto& line : linesOf(file)) {
+        if (line.empty() || line[0] == '#') {
+            comments += line + '\n';
+        } else if (line[0] == '>') {
+            steps.push_back({std::exchange(comments, ""), line.substr(2), {}});
+        } else {
+            steps.back().lines.push_back(line);
+        }
+    }
+    return steps;
+}
+
+}  // namespace
+
+TEST(AgentSession, GoesAsItsTranscriptSays) {
+    const char* const output = std::getenv("NORVO_WRITE_SESSION");
+    const auto transcript = std::make_shared<Transcript>();
+    const auto before = KLT::kltlogger::setSink(transcript);
+    std::ostringstream seen;
+    Session session(*transcript);
+    for (const auto& [comments, what, expected] : stepsOf(SESSION_TRANSCRIPT)) {
+        session.happens(what);
+        const Texts lines = output ? transcript->take(1000, std::chrono::milliseconds(300))
+                                   : transcript->take(expected.size(), std::chrono::seconds(20));
+        EXPECT_EQ(lines, expected) << "> " << what;
+        seen << comments << "> " << what << '\n';
+        for (const auto& line : lines) seen << line << '\n';
+    }
+    KLT::kltlogger::setSink(before);
+    if (output) std::ofstream(output) << seen.str();
+}
