@@ -37,20 +37,13 @@ protected:
         hear("VCProcessId", {"77", "1"});
         sendDue();
     }
-    void raiseMedia() {
-        meetAgent();
-        view.addStream("Media", Direction::Write, 100);
-        EXPECT_EQ(sendDue(), (Texts{"OpenStream|Media|100", "RequestNotifyStream"}));
-        hear("StreamUp", {"Media", "WRITE"});
-        EXPECT_TRUE(view.isUp("Media"));
-    }
 
     AgentView view;
     Clock::time_point now = Clock::now();
     std::optional<bool> lastChange;
 };
 
-TEST_F(AgentViewTest, AnAgentThatStartsDuringARequestAndMissesItIsThere) {
+TEST_F(AgentViewTest, AnAgentThatStartsDuringARequestAndMissesItIsFound) {
     const auto due = view.due(now);
     ASSERT_TRUE(due);
     now += 100ms;
@@ -86,7 +79,7 @@ TEST_F(AgentViewTest, RepeatsARequestUntilTheStreamIsUpInItsDirection) {
     EXPECT_FALSE(asksFor("OpenStream|Media|100"));
 }
 
-TEST_F(AgentViewTest, AStreamThatIsOpenedAnewWhileItsOldRequestIsUnderWayIsAskedForAtOnce) {
+TEST_F(AgentViewTest, AStreamOpenedAgainDuringItsOldRequestIsAskedForAtOnce) {
     meetAgent();
     view.addStream("Media", Direction::Write, 100);
     const auto old = view.due(now);
@@ -97,7 +90,7 @@ TEST_F(AgentViewTest, AStreamThatIsOpenedAnewWhileItsOldRequestIsUnderWayIsAsked
     EXPECT_TRUE(asksFor("CreateStream|Media|100"));
 }
 
-TEST_F(AgentViewTest, CallsTheRollEverMoreRarelyWhileAStreamIsDown) {
+TEST_F(AgentViewTest, AsksForAllStreamsEverMoreRarelyWhileOneIsDown) {
     meetAgent();
     view.addStream("Media", Direction::Write, 100);
     int calls = 0;
@@ -110,7 +103,10 @@ TEST_F(AgentViewTest, CallsTheRollEverMoreRarelyWhileAStreamIsDown) {
 }
 
 TEST_F(AgentViewTest, ALostConnectionOrANewAgentTakesTheStreamsDownAndTheyAreAskedForAgain) {
-    raiseMedia();
+    meetAgent();
+    view.addStream("Media", Direction::Write, 100);
+    EXPECT_EQ(sendDue(), (Texts{"OpenStream|Media|100", "RequestNotifyStream"}));
+    hear("StreamUp", {"Media", "WRITE"});
     EXPECT_EQ(hear("ChannelDown").connectionChange, false);
     EXPECT_FALSE(view.isUp("Media"));
     EXPECT_EQ(hear("ChannelDown").connectionChange, std::nullopt);
@@ -123,7 +119,7 @@ TEST_F(AgentViewTest, ALostConnectionOrANewAgentTakesTheStreamsDownAndTheyAreAsk
     EXPECT_TRUE(asksFor("OpenStream|Media|100"));
 }
 
-TEST_F(AgentViewTest, AnAgentThatLeavesASignOfLifeLieIsGone) {
+TEST_F(AgentViewTest, AnAgentThatDoesNotTakeASignOfLifeIsGone) {
     meetAgent();
     EXPECT_EQ(sendDue(), Texts());
     now += 2s;
@@ -136,7 +132,7 @@ TEST_F(AgentViewTest, AnAgentThatLeavesASignOfLifeLieIsGone) {
     EXPECT_EQ(view.agentProcessId(), 0u);
 }
 
-TEST_F(AgentViewTest, AsksAnewAfterTheProcessWasSuspended) {
+TEST_F(AgentViewTest, AsksAgainAfterTheProcessWasSuspended) {
     meetAgent();
     now += 60s;
     EXPECT_TRUE(asksFor("RequestVCProcessId"));

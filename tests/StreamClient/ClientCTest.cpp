@@ -21,6 +21,18 @@ protected:
         norvo_stream_close(stream);
         norvo_client_close(client);
     }
+    // The next news of that name.
+    std::string newsOf(const std::string& name) {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(norvo_client_next_notification(client, buffer, 1, &length, kLong),
+                      NORVO_TOO_SMALL);
+            EXPECT_EQ(norvo_client_next_notification(client, buffer, sizeof buffer, &length, 0),
+                      NORVO_OK);
+            if (buffer == name) return {buffer, length};
+        }
+        return {};
+    }
+
     FakeAgent agent{kName};
     norvo_client* client = norvo_client_open(kName);
     norvo_stream* stream = nullptr;
@@ -43,22 +55,19 @@ TEST_F(ClientCTest, ReadsAMessageOnceTheBufferIsLargeEnough) {
     writer.join();
 }
 
-TEST_F(ClientCTest, GivesNotificationsAsTextsInARow) {
+TEST_F(ClientCTest, PassesRequestsOnAndGivesNotificationsAsTextsInARow) {
     ASSERT_EQ(norvo_client_wait_connected(client, -1), NORVO_OK);
     EXPECT_EQ(norvo_client_is_connected(client), 1);
-    const char* fields[] = {"1", "2"};
+    const char* fields[] = {"1", "with|bar"};
     EXPECT_EQ(norvo_client_request(client, "SetHVDClientInfo", fields, 2, kLong), NORVO_OK);
-    EXPECT_TRUE(agent.waitFor("SetHVDClientInfo|1|2"));
-    agent.notify({"ChannelVersion", "1.0", ""});
-    std::string got;
-    for (int i = 0; i < 10 && got.find("ChannelVersion") != 0; ++i) {
-        EXPECT_EQ(norvo_client_next_notification(client, buffer, 1, &length, kLong),
-                  NORVO_TOO_SMALL);
-        ASSERT_EQ(norvo_client_next_notification(client, buffer, sizeof buffer, &length, 0),
-                  NORVO_OK);
-        got.assign(buffer, length);
-    }
-    EXPECT_EQ(got, std::string("ChannelVersion\0001.0\0\0", 20));
+    EXPECT_TRUE(agent.waitFor("SetHVDClientInfo|1|with\\|bar"));
+    const std::string longText(20000, 'x');
+    const char* longField = longText.c_str();
+    EXPECT_EQ(norvo_client_request(client, "SetLogPath", &longField, 1, kLong), NORVO_TOO_LONG);
+    agent.notify({"InvalidStreams", "a|b\\-", ""});
+    EXPECT_EQ(newsOf("InvalidStreams"), std::string("InvalidStreams\0a|b\\-\0\0", 22));
+    EXPECT_EQ(norvo_client_request(client, "RequestVCProcessId", nullptr, 0, kLong), NORVO_OK);
+    EXPECT_EQ(newsOf("VCProcessId"), std::string("VCProcessId\0001\0001\0", 16));
 }
 
 TEST_F(ClientCTest, ClosingAHandleEndsTheWaitsOfOtherThreads) {

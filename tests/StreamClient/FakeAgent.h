@@ -1,48 +1,79 @@
 // The agent's INFO side, made of segments: hears the requests of clients and answers as told.
 #pragma once
 
-#include <chrono>
+#include <algorithm>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "LocalMutex.h"
+#include "Eventually.h"
+#include "InfoSegments.h"
+#include "MessageBuilder.h"
 #include "SharedMemoryFactory.h"
-#include "SharedMemoryI.h"
+#include "VDIClientInfo.h"
 
 // Segments are named after the client type of their process: that of the agent's.
-void useCrewsSegments();
+inline void useCrewsSegments() {
+    VDIFrameworkCommon::VDIClientInfo::getInstance().setClientType(
+        VDIFrameworkCommon::VDIClientType::Crews);
+}
 
 class FakeAgent : public shared_memory::SharedMemoryObserverI {
 public:
     explicit FakeAgent(const std::string& clientName, unsigned int processId = 1,
-                       bool connected = true);
-    ~FakeAgent() override;
+                       bool connected = true)
+        : m_processId(processId), m_connected(connected) {
+        using namespace VDIFrameworkCommon;
+        useCrewsSegments();
+        m_out->Create(infoNotificationsName(clientName), kInfoSegmentSize);
+        m_in->Open(infoRequestsName(clientName), kInfoSegmentSize);
+        m_in->subscribeObserver(this);
+    }
+    ~FakeAgent() override { m_in->unsubscribeAllObservers(); }
     FakeAgent(const FakeAgent&) = delete;
     FakeAgent& operator=(const FakeAgent&) = delete;
 
-    void notify(const std::vector<std::string>& fields);
+    void notify(const std::vector<std::string>& fields) {
+        VDIFrameworkCommon::MessageBuilder text;
+        for (const auto& field : fields) text.append(field);
+        m_out->WriteData(text.msg().data(), static_cast<unsigned int>(text.msg().size()));
+    }
     // RequestNotifyStream is answered with this stream from now on.
-    void raise(const std::string& stream, const std::string& localType);
+    void raise(const std::string& stream, const std::string& localType) {
+        std::lock_guard lock(m_mutex);
+        m_up.insert({stream, localType});
+    }
+    int countOf(const std::string& request) const {
+        std::lock_guard lock(m_mutex);
+        return static_cast<int>(std::count(m_requests.begin(), m_requests.end(), request));
+    }
+    bool waitFor(const std::string& request, int count = 1) const {
+        return testsupport::eventually([&] { return countOf(request) >= count; });
+    }
 
-    int countOf(const std::string& request) const;
-    bool waitFor(const std::string& request, int count = 1) const;
-
-    void onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* source) override;
+    void onNewMessageReceived(std::string message,
+                              shared_memory::SharedMemoryI* /*source*/) override {
+        std::unique_lock lock(m_mutex);
+        m_requests.push_back(message);
+        const auto up = m_up;
+        lock.unlock();
+        if (message == "RequestVCProcessId")
+            notify({"VCProcessId", std::to_string(m_processId), m_connected ? "1" : "0"});
+        if (message != "RequestNotifyStream") return;
+        for (const auto& [stream, type] : up) notify({"StreamUp", stream, type});
+    }
 
 private:
-    static constexpr unsigned int kCapacity = 10240;
-    static constexpr auto kPatience = std::chrono::seconds(20);
-
     const unsigned int m_processId;
     const bool m_connected;
     std::shared_ptr<shared_memory::SharedMemoryI> m_out =
         shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     std::shared_ptr<shared_memory::SharedMemoryI> m_in =
         shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
-    mutable VDIFrameworkCommon::LocalMutex m_mutex;
-    mutable VDIFrameworkCommon::LocalCondition m_changed;
-    std::vector<std::string> m_requests NORVO_GUARDED_BY(m_mutex);
-    std::set<std::pair<std::string, std::string>> m_up NORVO_GUARDED_BY(m_mutex);
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_requests;
+    std::set<std::pair<std::string, std::string>> m_up;
 };
