@@ -1,4 +1,5 @@
 #include <limits>
+#include <random>
 #include <type_traits>
 
 #include "MultipleWritersOneReaderSM.h"
@@ -81,18 +82,31 @@ TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
     });
 }
 
-TEST(GarbageAcrossProcesses, AnythingMayChangeWhileItIsRead) {
+// Writes random values into the header and the start of the data for a while.
+void scribble(const std::string& name) {
+    RawSegment raw(name);
+    std::mt19937_64 random(1);
+    const auto start = Clock::now();
+    while (since(start) < milliseconds(kSanitized ? 300 : 1000)) {
+        const std::uint64_t bits = random();
+        const auto value = static_cast<std::uint32_t>(bits >> 20U);
+        raw.put<std::uint32_t>(16 + bits % 64 / 4 * 4, bits & 1U ? value % 70 : value);
+        if (bits % 64 == 0) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+}
+
+TEST(Garbage, AnythingMayChangeWhileItIsRead) {
     const std::string name = uniqueName();
     const PeakMemory memory;
     {
         Collector collector;
         SharedMemoryMacosx reader;
+        SharedMemoryMacosx disturbed;
         ASSERT_TRUE(reader.Open(name, kCapacity));
         reader.subscribeObserver(&collector);
-        ReadyChild scribbler("segmentScribbler", {name, kSanitized ? "300" : "1000"});
-        SharedMemoryMacosx disturbed;
+        const auto scribbling = std::async(scribble, name);
         ASSERT_TRUE(disturbed.Create(name, kCapacity));
-        while (scribbler.wait(milliseconds(0)) == -1)
+        while (scribbling.wait_for(milliseconds(0)) != std::future_status::ready)
             write(disturbed, numberedMessage({1, 1}, 300));
     }
     EXPECT_LT(memory.growth(), 128 * 1024);

@@ -1,6 +1,4 @@
 // The roles of the child processes.
-
-#include "ActiveVirtualChannelAgentRecorder.h"
 #include "MultipleWritersOneReaderSM.h"
 #include "SegmentSupport.h"
 
@@ -48,7 +46,7 @@ CHILD_ROLE(segmentSink) {
 CHILD_ROLE(segmentLockHolder) {
     MultipleWritersOneReaderSM out;
     if (!out.Create(args[0], number(args[1])) || !out.LockWrite(2000)) return 1;
-    say("locked");
+    say("ready");
     hear();
     return 0;
 }
@@ -71,39 +69,6 @@ CHILD_ROLE(segmentListener) {
     }
     in->Close();
     say("left after " + std::to_string(id->number));
-    return 0;
-}
-
-// Is the active agent until a line comes, and once more after the next line.
-CHILD_ROLE(segmentOtherAgent) {
-    VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder recorder;
-    for (int i = 0; i < 2; ++i) {
-        if (!recorder.markCurrentVirtualChannelAgentAsActive()) return 1;
-        say("active");
-        hear();
-        recorder.clearActiveVirtualChannelAgent();
-        say("inactive");
-        hear();
-    }
-    return 0;
-}
-
-// name, milliseconds: writes random values into the header.
-CHILD_ROLE(segmentScribbler) {
-    RawSegment raw(args[0]);
-    std::uint64_t state = 88172645463325252U;
-    const auto start = Clock::now();
-    say("ready");
-    while (since(start) < milliseconds(number(args[1]))) {
-        state ^= state << 13U;
-        state ^= state >> 7U;
-        state ^= state << 17U;
-        const std::size_t offset = 16 + state % 64 / 4 * 4;
-        const auto small = static_cast<std::uint32_t>(state >> 40U) % 70;
-        raw.put<std::uint32_t>(offset,
-                               state & 1U ? small : static_cast<std::uint32_t>(state >> 20U));
-        if (state % 64 == 0) std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
     return 0;
 }
 

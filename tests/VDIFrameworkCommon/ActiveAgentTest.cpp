@@ -25,31 +25,22 @@ protected:
     const std::string m_path = AgentMark::pathOf(geteuid());
 };
 
-// Claims the mark when told to, reports the result, and stays until told to leave.
+// Claims the mark, reports the result, and stays until told to leave.
 CHILD_ROLE(agent) {
-    hear();
     say(mark() ? "marked" : "not marked");
     hear();
     clear();
     return 0;
 }
 
-struct Agent : ChildProcess {
-    Agent() : ChildProcess("agent") {}
-    std::string mark() {
-        writeLine("mark");
-        return readLine();
-    }
-};
-
 TEST_F(ActiveAgentAcrossProcesses, OneProcessAtATimeIsMarkedUntilItClearsTheMarkOrIsKilled) {
     for (int i = 0; i < rounds(20); ++i) {
         const bool killed = i % 2 != 0;
-        Agent agent;
-        ASSERT_EQ(agent.mark(), "marked");
+        ChildProcess agent("agent");
+        ASSERT_EQ(agent.readLine(), "marked");
         ASSERT_TRUE(seesAnother());
         ASSERT_FALSE(mark());
-        killed ? agent.kill() : agent.writeLine("leave");
+        killed ? agent.kill() : agent.closeInput();
         ASSERT_EQ(agent.wait(), killed ? 128 + SIGKILL : 0);
         ASSERT_EQ(recordExists(), killed);
         ASSERT_FALSE(seesAnother());
@@ -86,9 +77,9 @@ TEST_F(ActiveAgentAcrossProcesses,
         clear();
         return right;
     }));
-    EXPECT_EQ(Agent().mark(), "not marked");
+    EXPECT_EQ(ChildProcess("agent").readLine(), "not marked");
     clear();
-    EXPECT_EQ(Agent().mark(), "marked");
+    EXPECT_EQ(ChildProcess("agent").readLine(), "marked");
 }
 
 TEST_F(ActiveAgentAcrossProcesses, ARemovedRecordIsMadeAnewUnlessAnotherProcessHasComeFirst) {
@@ -98,8 +89,8 @@ TEST_F(ActiveAgentAcrossProcesses, ARemovedRecordIsMadeAnewUnlessAnotherProcessH
     EXPECT_TRUE(recordExists());
 
     ASSERT_EQ(unlink(m_path.c_str()), 0);
-    Agent agent;
-    ASSERT_EQ(agent.mark(), "marked");
+    ChildProcess agent("agent");
+    ASSERT_EQ(agent.readLine(), "marked");
     EXPECT_TRUE(seesAnother());
     EXPECT_FALSE(mark());
 }
@@ -162,8 +153,8 @@ CHILD_ROLE(agentStranger) {
 TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkButCanNeitherForgeNorPreventIt) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
     const Texts user{std::to_string(geteuid())};
-    Agent agent;
-    ASSERT_EQ(agent.mark(), "marked");
+    ChildProcess agent("agent");
+    ASSERT_EQ(agent.readLine(), "marked");
     EXPECT_EQ(ChildProcess("agentStranger", user).readLine(),
               std::to_string(agent.pid()) + ", no read lock, stopped");
     agent.kill();

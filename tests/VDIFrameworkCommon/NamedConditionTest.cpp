@@ -157,7 +157,7 @@ CHILD_ROLE(conditionReturner) {
     return 1;
 }
 
-// Plays `rounds`, for half a minute at most.
+// Plays `rounds`, for 15 s at most.
 void playPingPong(const std::string& backend, const std::string& name, int rounds) {
     AdaptiveSpin::setEnabled(name == "spin");
     Table table(name);
@@ -165,7 +165,7 @@ void playPingPong(const std::string& backend, const std::string& name, int round
     const auto start = Clock::now();
     auto now = start;
     int played = 0;
-    for (int late = 0; played < rounds && now - start < 30s; ++played) {
+    for (int late = 0; played < rounds && now - start < 15s; ++played) {
         table.ball.notify();
         ASSERT_TRUE(waits(table.back, table.mutex, kLong)) << "after " << played;
         const auto before = std::exchange(now, Clock::now());
