@@ -23,6 +23,7 @@ void BroadcastReader::begin(bool isRenewed) {
     remember(isRenewed ? 0 : std::max(current, lastSeenByOthers()));
     if (auto* own = m_slot.registry().own()) own->since = m_lastSeenId;
     countAsOneThatCame();
+    m_slot.notify(SegmentSlot::Signal::Taken);
 }
 
 long BroadcastReader::lastSeenByOthers() {
@@ -33,7 +34,10 @@ long BroadcastReader::lastSeenByOthers() {
     return last;
 }
 
-void BroadcastReader::leave() { BroadcastCounts(m_slot.header()).remove(countedAfterId()); }
+void BroadcastReader::leave() {
+    BroadcastCounts(m_slot.header()).remove(countedAfterId());
+    m_slot.notify(SegmentSlot::Signal::Taken);
+}
 
 long BroadcastReader::countedAfterId() const {
     const auto* own = m_slot.registry().own();

@@ -14,7 +14,11 @@ constexpr unsigned int kReaderIsGoneAfterMs = 2000;
 constexpr unsigned int kReaderInsideIsGoneAfterMs = 500;
 constexpr unsigned int kReadersSettleMs = 100;
 constexpr unsigned int kLookEveryMs = 10;
-constexpr unsigned int kPauseMs = 1;
+// A reader that opens, leaves or takes a message wakes the writer; one that does not, as it is not
+// ours, is found by looking, ever less often.
+constexpr unsigned int kFirstPauseMs = 1;
+constexpr unsigned int kLongestPauseMs = 10;
+constexpr unsigned int kLongestPauseForNobodyMs = 100;
 
 // Readers that have seen an earlier writer's message take the next one for new only with a higher
 // ID.
@@ -124,8 +128,16 @@ bool BroadcastWriter::publish(const void* data, unsigned int length, unsigned in
     return true;
 }
 
+void BroadcastWriter::beginWait(unsigned int now) {
+    m_lastLook = now;
+    m_pauseMs = kFirstPauseMs;
+}
+
 void BroadcastWriter::waitForReaders(unsigned int now) {
-    m_slot.pause(SegmentSlot::Signal::Taken, kPauseMs);
+    m_slot.pause(SegmentSlot::Signal::Taken, m_pauseMs);
+    const bool isNobodyThere =
+        BroadcastCounts(m_slot.header()).ready() == 0 && m_readersAtLastWrite == 0;
+    m_pauseMs = std::min(2 * m_pauseMs, isNobodyThere ? kLongestPauseForNobodyMs : kLongestPauseMs);
     if (now - m_lastLook < kLookEveryMs) return;
     m_lastLook = now;
     const SegmentSlot::Section section(m_slot);

@@ -21,9 +21,10 @@ public:
     // Writes the message into the slot, which is locked, and unlocks it. False, and nothing has
     // changed, when the mutex could not be had.
     bool publish(const void* data, unsigned int length, unsigned int now);
-    // A wait for readers to take the message: its begin, and again and again a step of at most 1
-    // ms. From 10 ms on, readers whose process is gone are taken out of the counts.
-    void beginWait(unsigned int now) { m_lastLook = now; }
+    // A wait for readers to take the message: its begin, and again and again a step of 1 to 100 ms,
+    // which a reader of ours ends. From 10 ms on, readers whose process is gone are taken out of
+    // the counts.
+    void beginWait(unsigned int now);
     void waitForReaders(unsigned int now);
     // The time, for begin(); to be set before the slot is opened.
     void setTime(unsigned int now) { m_createdAt = now; }
@@ -48,6 +49,7 @@ private:
     bool m_isFirst = true;
     // When the registry was looked at last, or the wait began.
     unsigned int m_lastLook = 0;
+    unsigned int m_pauseMs = 0;
     // Since when a late write has been kept waiting by a reader inside a read.
     bool m_isHeldUp = false;
     unsigned int m_heldUpSince = 0;
