@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 #include "ChildProcess.h"
@@ -17,9 +19,14 @@ int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     const std::string sessionNamespace = "nvt" + std::to_string(getpid());
     setenv("NORVO_VDI_NAMESPACE", sessionNamespace.c_str(), 1);
-    const testsupport::TempDir home;  // the plug-in writes its log there
-    setenv("HOME", home.path().c_str(), 1);
-    const int result = RUN_ALL_TESTS();
-    support::removeSessionObjects(sessionNamespace);
-    return result;
+    try {
+        const testsupport::TempDir home;  // the plug-in writes its log there
+        setenv("HOME", home.path().c_str(), 1);
+        const int result = RUN_ALL_TESTS();
+        support::removeSessionObjects(sessionNamespace);
+        return result;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
 }
