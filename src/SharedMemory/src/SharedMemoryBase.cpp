@@ -1,5 +1,7 @@
 #include "SharedMemoryBase.h"
 
+#include <algorithm>
+
 #include "Log.h"
 #include "SharedMemoryUtilities.h"
 
@@ -10,11 +12,11 @@ using VDIFrameworkCommon::LocalLock;
 
 namespace {
 
-// How long the read thread waits at a time. A message, a stop and a close wake it; only what
-// notifies nobody, as a removed object or the lock of a writer that died, is found this late.
-constexpr unsigned int kReadWaitMs = 1000;
-// How long it waits for the next chunk of a message, and to be allowed to read again.
-constexpr unsigned int kSilenceMs = 200;
+// How long the read thread waits at a time: a message, a stop and a close wake it. What notifies
+// nobody, as a removed object, is found this late; later after ten waits that brought nothing.
+constexpr unsigned int kReadWaitMs = 200;
+constexpr unsigned int kQuietReadWaitMs = 1000;
+constexpr unsigned int kWaitsUntilQuiet = 10;
 // A living writer gives a message up when a chunk of it has waited this long.
 constexpr milliseconds kLongestSilence{2000};
 
@@ -104,12 +106,15 @@ void SharedMemoryBase::unsubscribeObserver(SharedMemoryObserverI* observer) {
 
 std::string SharedMemoryBase::readForObservers() {
     if (!m_access.mayRead()) {
-        m_readThread.pause(kSilenceMs);
+        m_readThread.pause(kReadWaitMs);
         return {};
     }
     LocalLock operation(m_operationLock);
-    if (!m_gate.isPassable() || !waitForMessage(kReadWaitMs) || !m_access.mayRead()) return {};
-    return takeMessage(kSilenceMs);
+    const unsigned int wait = m_vainWaits < kWaitsUntilQuiet ? kReadWaitMs : kQuietReadWaitMs;
+    m_vainWaits = std::min(m_vainWaits + 1, kWaitsUntilQuiet);
+    if (!m_gate.isPassable() || !waitForMessage(wait) || !m_access.mayRead()) return {};
+    m_vainWaits = 0;
+    return takeMessage(kReadWaitMs);
 }
 
 }  // namespace shared_memory

@@ -102,6 +102,8 @@ private:
 
     // Asked without the operation lock, which a reader holds while it waits.
     SegmentAccess m_access{m_gate};
+    // How often the read thread has waited for nothing since the last message, as far as it counts.
+    unsigned int m_vainWaits NORVO_GUARDED_BY(m_operationLock) = 0;
     ReadThread m_readThread;
 };
 
