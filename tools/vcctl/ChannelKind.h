@@ -1,25 +1,21 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 
+#include "ChannelKinds.h"
 #include "PacketHeader.h"
 
 namespace vcctl {
 
-struct ChannelKind {
-    const char* name;
-    std::uint32_t number;     // what InitialiseChannel takes
-    std::uint32_t maxPacket;  // bytes, header included
-};
-
-inline constexpr ChannelKind kChannelKinds[] = {
-    {"citrix", 1, 4992}, {"vmware", 2, 1000}, {"rdp", 3, 1500}, {"tcp", 4, 1500}};
+using NorvoVirtualChannel::ChannelKind;
+using NorvoVirtualChannel::kChannelKinds;
 
 // A packet without payload.
 inline constexpr std::uint32_t kMinPacket = NorvoVirtualChannel::kPacketHeaderSize;
 
 // The kind of that name; throws CommandError for another text.
 const ChannelKind& channelKind(const std::string& name);
+// Their names, as a sentence has them: "a, b or c".
+std::string channelKindNames();
 
 }  // namespace vcctl

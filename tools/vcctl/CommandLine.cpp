@@ -105,7 +105,7 @@ void Command::run(const std::function<void()>& action) { m_app->callback(action)
 void addKindOption(Command& command, std::string& kind) {
     std::vector<std::string> names;
     for (const ChannelKind& each : kChannelKinds) names.emplace_back(each.name);
-    command.argument("--kind", kind, "Transport: citrix, vmware, rdp or tcp")
+    command.argument("--kind", kind, ("Transport: " + channelKindNames()).c_str())
         .oneOf(names)
         .showDefault();
 }

@@ -42,7 +42,7 @@ Host::Host(const HostOptions& options)
         m_capture = std::make_unique<CaptureWriter>(
             options.capture, std::string(m_plugin.getChannelName()) + " " + m_kind.name);
     }
-    m_plugin.InitialiseChannel(&Host::append, m_kind.number, this);
+    m_plugin.InitialiseChannel(&Host::append, static_cast<std::uint32_t>(m_kind.type), this);
 }
 
 // Some kinds of channel leave a call of append() behind that does not return at once.

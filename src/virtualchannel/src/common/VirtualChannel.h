@@ -4,6 +4,8 @@
 #include <chrono>
 #include <functional>
 
+#include "ChannelKinds.h"
+
 namespace NorvoVirtualChannel {
 
 // A channel's upward side. A channel calls these on its host's threads with no lock held, so an
@@ -19,9 +21,6 @@ public:
     virtual void OnChannelBlockedByPolicySetting(bool blocked) = 0;
     virtual ~Observer() = default;
 };
-
-// The kinds of transport, by the numbers that hosts know them by (LanguageAbstraction.h).
-enum ChannelType : int { kCitrix = 1, kVMware = 2, kRdp = 3, kTcpSocket = 4 };
 
 // How a message of a stream has fared.
 enum class StreamSend {

@@ -1,6 +1,7 @@
 #include "InfoNotifier.h"
 
 #include "AgentStream.h"
+#include "ChannelKinds.h"
 #include "MessageBuilder.h"
 #include "ProcessUtils.h"
 #include "StreamType.h"
@@ -13,18 +14,8 @@ using VDIFrameworkCommon::ProcessUtils;
 namespace {
 
 const char* environmentName(int channelType) {
-    switch (channelType) {
-        case NorvoVirtualChannel::kCitrix:
-            return "citrix";
-        case NorvoVirtualChannel::kVMware:
-            return "vmware";
-        case NorvoVirtualChannel::kRdp:
-            return "rdp";
-        case NorvoVirtualChannel::kTcpSocket:
-            return "tcp";
-        default:
-            return "unknown";
-    }
+    const auto* const kind = NorvoVirtualChannel::findChannelKind(channelType);
+    return kind ? kind->name : "unknown";
 }
 
 }  // namespace

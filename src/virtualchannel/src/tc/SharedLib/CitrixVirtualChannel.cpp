@@ -11,7 +11,7 @@ namespace NorvoVirtualChannel::tc {
 namespace {
 constexpr ChannelProfile kProfile{
     .type = kCitrix,
-    .maxMsgSize = 4992,
+    .maxMsgSize = maxPacketOf(kCitrix),
     .packetsToSendPerBreak = 10,
     .breakTime = 3,
     .observerCalls = ObserverCalls::OneAtATime,

@@ -9,7 +9,7 @@ namespace NorvoVirtualChannel::tc {
 namespace {
 constexpr ChannelProfile kProfile{
     .type = kRdp,
-    .maxMsgSize = 1500,
+    .maxMsgSize = maxPacketOf(kRdp),
     .packetsToSendPerBreak = 10,
     .breakTime = 3,
     .observerCalls = ObserverCalls::Concurrent,

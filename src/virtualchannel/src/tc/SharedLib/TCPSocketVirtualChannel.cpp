@@ -9,7 +9,7 @@ namespace NorvoVirtualChannel::tc {
 namespace {
 constexpr ChannelProfile kProfile{
     .type = kTcpSocket,
-    .maxMsgSize = 1500,
+    .maxMsgSize = maxPacketOf(kTcpSocket),
     .packetsToSendPerBreak = 0,
     .breakTime = 0,
     .observerCalls = ObserverCalls::OneAtATime,

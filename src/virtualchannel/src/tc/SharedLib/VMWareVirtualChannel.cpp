@@ -9,7 +9,7 @@ namespace NorvoVirtualChannel::tc {
 namespace {
 constexpr ChannelProfile kProfile{
     .type = kVMware,
-    .maxMsgSize = 1000,
+    .maxMsgSize = maxPacketOf(kVMware),
     .packetsToSendPerBreak = 10,
     .breakTime = 10,
     .observerCalls = ObserverCalls::OneAtATime,
