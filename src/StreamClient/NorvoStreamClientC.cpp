@@ -12,6 +12,7 @@
 
 using NorvoStreamClient::Client;
 using NorvoStreamClient::Connection;
+using NorvoStreamClient::ConnectionOptions;
 using NorvoStreamClient::Direction;
 using NorvoStreamClient::Notification;
 using NorvoStreamClient::Options;
@@ -98,6 +99,17 @@ std::string flat(const Notification& notification) {
     return text;
 }
 
+ConnectionOptions optionsOf(const norvo_connection_options* given) {
+    ConnectionOptions options;
+    if (!given) return options;
+    if (given->capacity > 0) options.capacity = given->capacity;
+    if (given->window > 0) options.window = given->window;
+    if (given->peer_timeout_ms > 0)
+        options.peerTimeout = std::chrono::milliseconds(given->peer_timeout_ms);
+    if (given->outage_ms > 0) options.outage = std::chrono::milliseconds(given->outage_ms);
+    return options;
+}
+
 struct ClientState {
     explicit ClientState(Options options) : client(std::move(options)) {}
     Client client;
@@ -155,8 +167,13 @@ norvo_client* norvo_client_open_with(const char* client_name, norvo_connection_c
     return client;
 }
 
-void norvo_client_close(norvo_client* client) {
-    if (client && client->state->client.close()) delete client;
+int norvo_client_close(norvo_client* client) {
+    if (!client) return NORVO_INVALID;
+    return guarded([&] {
+        const Status closed = client->state->client.close();
+        if (closed) delete client;
+        return closed;
+    });
 }
 
 int norvo_client_status(const norvo_client* client) {
@@ -264,12 +281,20 @@ int norvo_stream_read(norvo_stream* stream, void* buffer, size_t size, size_t* l
 
 int norvo_connection_open(norvo_client* client, const char* name, int role,
                           norvo_connection** connection) {
+    return norvo_connection_open_with(client, name, role, nullptr, connection);
+}
+
+int norvo_connection_open_with(norvo_client* client, const char* name, int role,
+                               const norvo_connection_options* options,
+                               norvo_connection** connection) {
     if (connection) *connection = nullptr;
     if (!client || !name || !connection) return NORVO_INVALID;
     if (role != NORVO_CONNECT && role != NORVO_ACCEPT) return NORVO_INVALID;
     return guarded([&] {
         auto& of = client->state->client;
-        const auto opened = role == NORVO_CONNECT ? of.connect(name) : of.accept(name);
+        const auto chosen = optionsOf(options);
+        const auto opened =
+            role == NORVO_CONNECT ? of.connect(name, chosen) : of.accept(name, chosen);
         if (opened) *connection = new norvo_connection{opened};
         return opened.status();
     });
@@ -307,6 +332,10 @@ int norvo_connection_flush(norvo_connection* connection, int timeout_ms) {
     if (!connection) return NORVO_INVALID;
     const auto state = connection->state;
     return guarded([&] { return state->flush(timeoutOf(timeout_ms)); });
+}
+
+unsigned long long norvo_connection_acknowledged(const norvo_connection* connection) {
+    return connection ? connection->state->acknowledged() : 0;
 }
 
 int norvo_connection_read(norvo_connection* connection, void* buffer, size_t size, size_t* length,

@@ -71,8 +71,8 @@ NORVO_STREAM_CLIENT_C_API norvo_client* norvo_client_open_with(const char* clien
                                                                norvo_connection_callback callback,
                                                                void* context);
 /* Closes the client and what is open on it; its streams are still to be closed by their owner.
- * Does nothing in the client's own callback. */
-NORVO_STREAM_CLIENT_C_API void norvo_client_close(norvo_client* client);
+ * NORVO_INVALID, and nothing is closed, in the client's own callback. */
+NORVO_STREAM_CLIENT_C_API int norvo_client_close(norvo_client* client);
 /* NORVO_OK while the agent can be heard if there is one. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_status(const norvo_client* client);
 /* 1 when that is NORVO_OK, else 0. */
@@ -118,6 +118,18 @@ NORVO_STREAM_CLIENT_C_API int norvo_stream_read(norvo_stream* stream, void* buff
 enum { NORVO_CONNECT = 0, NORVO_ACCEPT = 1 };
 NORVO_STREAM_CLIENT_C_API int norvo_connection_open(norvo_client* client, const char* name,
                                                     int role, norvo_connection** connection);
+/* The same with options (NULL: none), of which 0 stands for the usual: the streams' capacity and
+ * the window in bytes, and how long the other end may be silent and the streams may be down. */
+typedef struct norvo_connection_options { /* NOLINT(modernize-use-using): this is C */
+    unsigned int capacity;
+    size_t window;
+    unsigned int peer_timeout_ms;
+    unsigned int outage_ms;
+} norvo_connection_options;
+NORVO_STREAM_CLIENT_C_API int norvo_connection_open_with(norvo_client* client, const char* name,
+                                                         int role,
+                                                         const norvo_connection_options* options,
+                                                         norvo_connection** connection);
 NORVO_STREAM_CLIENT_C_API void norvo_connection_close(norvo_connection* connection);
 /* NORVO_OK while it is open or may still open; otherwise why it has failed. */
 NORVO_STREAM_CLIENT_C_API int norvo_connection_status(const norvo_connection* connection);
@@ -131,6 +143,9 @@ NORVO_STREAM_CLIENT_C_API int norvo_connection_write(norvo_connection* connectio
 NORVO_STREAM_CLIENT_C_API int norvo_connection_finish(norvo_connection* connection);
 /* Waits until the other end's process has everything that was written. */
 NORVO_STREAM_CLIENT_C_API int norvo_connection_flush(norvo_connection* connection, int timeout_ms);
+/* How many of the bytes written the other end's process has. */
+NORVO_STREAM_CLIENT_C_API unsigned long long norvo_connection_acknowledged(
+    const norvo_connection* connection);
 /* Takes 1 to `size` bytes; `*length` says how many. NORVO_ENDED after the last one. */
 NORVO_STREAM_CLIENT_C_API int norvo_connection_read(norvo_connection* connection, void* buffer,
                                                     size_t size, size_t* length, int timeout_ms);

@@ -43,6 +43,9 @@ struct ConnectionOptions {
 // InUseOtherDirection: the pair of streams lies in no direction in which it could be used; InUse:
 // another program of this session has a connection of this name open; Closed; the reasons of
 // Client::openStream: a stream could not be opened. What had come before can still be read.
+//
+// A call whose time is over answers Timeout, or what the streams lack at present (NoAgent,
+// NotConnected, NotTakenUp): the connection goes on then, and status() tells no failure.
 class NORVO_STREAM_CLIENT_API Connection {
 public:
     // Closes.
@@ -54,27 +57,26 @@ public:
 
     // No failure while the connection is open or may still open.
     Status status() const;
-    // Waits until both ends have met. NoAgent, NotConnected or NotTakenUp: what was lacking when
-    // `timeout` was over; Timeout: nobody came at the other end.
+    // Waits until both ends have met. Timeout: the streams are up, and nobody came at the other
+    // end.
     Status waitUntilOpen(std::chrono::milliseconds timeout);
 
     // Takes over `length` bytes, waiting up to `timeout` for room; the connection need not be open
-    // yet. Timeout: the other end has not taken enough of what was written before. `*accepted`, if
-    // given, is how many bytes were taken over in any case.
-    // InvalidArgument: after finish(), or no data.
+    // yet. `*accepted`, if given, is how many bytes were taken over in any case.
+    // Timeout: the other end has not taken enough of what was written before; InvalidArgument:
+    // after finish(), or no data.
     Status write(const void* data, std::size_t length, std::chrono::milliseconds timeout,
                  std::size_t* accepted = nullptr);
     // Ends this direction: the other end reads Ended after the last byte. The other direction goes
     // on.
     Status finish();
     // Waits until the other end's process has everything that was written, the end included.
-    // Timeout.
     Status flush(std::chrono::milliseconds timeout);
     // How many of the bytes written the other end's process has.
     std::uint64_t acknowledged() const;
 
     // Takes 1 to `size` bytes, waiting up to `timeout` for the first; `length` says how many.
-    // Ended: the other end has finished, and all of it was read; Timeout; InvalidArgument: no room.
+    // Ended: the other end has finished, and all of it was read; InvalidArgument: no room.
     Status read(void* buffer, std::size_t size, std::size_t& length,
                 std::chrono::milliseconds timeout);
 

@@ -120,12 +120,21 @@ TEST(ConnectionAcrossProcesses, SaysWhatIsLackingAndWhoIsGone) {
 
     norvo_client* c = norvo_client_open(nullptr);
     norvo_connection* connection = nullptr;
-    ASSERT_EQ(norvo_connection_open(c, "Generic", NORVO_CONNECT, &connection), NORVO_OK);
+    const norvo_connection_options options{0, 1u << 20, 0, 30000};
+    ASSERT_EQ(norvo_connection_open_with(c, "Generic", NORVO_CONNECT, &options, &connection),
+              NORVO_OK);
     EXPECT_EQ(norvo_connection_wait_open(connection, 60000), NORVO_OK);
+    norvo_client* other = norvo_client_open(nullptr);
+    norvo_connection* second = nullptr;
+    ASSERT_EQ(norvo_connection_open(other, "Generic", NORVO_CONNECT, &second), NORVO_OK);
+    EXPECT_EQ(norvo_connection_wait_open(second, 60000), NORVO_IN_USE);
+    norvo_connection_close(second);
+    EXPECT_EQ(norvo_client_close(other), NORVO_OK);
     EXPECT_EQ(norvo_connection_write(connection, "hello", 5, &length, 60000), NORVO_OK);
     EXPECT_EQ(length, 5U);
     EXPECT_EQ(norvo_connection_finish(connection), NORVO_OK);
     EXPECT_EQ(norvo_connection_flush(connection, 60000), NORVO_OK);
+    EXPECT_EQ(norvo_connection_acknowledged(connection), 5U);
     EXPECT_EQ(norvo_connection_read(connection, bytes, sizeof bytes, &length, 60000), NORVO_OK);
     EXPECT_EQ(std::string(bytes, length), "hello");
     EXPECT_EQ(norvo_connection_read(connection, bytes, 5, &length, 60000), NORVO_ENDED);

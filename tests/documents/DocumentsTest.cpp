@@ -118,4 +118,21 @@ TEST(Documents, LinksLeadToExistingFiles) {
     EXPECT_GE(links, 5U);
 }
 
+TEST(Documents, NameTestsThatThereAre) {
+    std::set<std::string> tests;
+    const auto& all = *testing::UnitTest::GetInstance();
+    for (int i = 0; i < all.total_test_suite_count(); ++i) {
+        const auto& suite = *all.GetTestSuite(i);
+        const std::string name = std::filesystem::path(suite.name()).filename();
+        for (int j = 0; j < suite.total_test_count(); ++j) {
+            const std::string test = suite.GetTestInfo(j)->name();
+            tests.insert(name + '.' + test.substr(0, test.find('/')));
+        }
+    }
+    for (const auto& file : std::filesystem::directory_iterator(kRoot / "docs")) {
+        for (const auto& test : matchesOf(contentOf(file.path()), "`([A-Z]\\w+\\.[A-Z][a-z]\\w+)`"))
+            EXPECT_TRUE(tests.contains(test)) << file.path().filename() << ": " << test;
+    }
+}
+
 }  // namespace

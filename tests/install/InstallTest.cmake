@@ -13,15 +13,13 @@ run(${CMAKE_COMMAND} -S ${ROOT}/tests/install/outside -B ${STAGE}/build
 run(${CMAKE_COMMAND} --build ${STAGE}/build)
 
 # The static library's own names must not meet those of a program that links it.
-find_program(NM nm)
-if(NM)
-    run(${NM} -C --defined-only -g ${STAGE}/usr/${LIBDIR}/libNorvoStreamClient.a)
-    string(REGEX MATCHALL "[0-9a-f]+ [TDBRSC] [^\n]+" strong "${text}")
-    list(FILTER strong EXCLUDE REGEX
-        " (norvo_[a-z_]+|(NorvoStreamClient::)(Client|Connection|Status|Stream|textOf)(::|[(]).*)$")
-    if(strong OR NOT text MATCHES " T norvo_client_open")
-        message(FATAL_ERROR "names in the static library that are not in its headers:\n${strong}")
-    endif()
+find_program(NM nm REQUIRED)
+run(${NM} -C --defined-only -g ${STAGE}/usr/${LIBDIR}/libNorvoStreamClient.a)
+string(REGEX MATCHALL "[0-9a-f]+ [TDBRSC] [^\n]+" strong "${text}")
+list(FILTER strong EXCLUDE REGEX
+    " (norvo_[a-z_]+|(NorvoStreamClient::)(Client|Connection|Status|Stream|textOf)(::|[(]).*)$")
+if(strong OR NOT text MATCHES " T norvo_client_open")
+    message(FATAL_ERROR "names in the static library that are not in its headers:\n${strong}")
 endif()
 
 # Nobody answers in this namespace, and a program that could start says so.

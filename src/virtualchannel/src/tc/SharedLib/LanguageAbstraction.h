@@ -98,8 +98,8 @@ NORVO_EXPORT void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void
 /*
  * Takes in one received packet, which stays the caller's. What it completes is handed to the agent
  * before the function returns; calls from several threads are served one after the other.
- * Usually that takes microseconds. When a session is taken up again, the agent announces its
- * streams in here, 5 ms apart: some 115 ms with 22 streams, up to twice. A thread that draws must
+ * Usually that takes microseconds. A message that sets up a stream makes its segment in here, and
+ * one that ends a connection waits for the threads that serve its streams. A thread that draws must
  * not call it.
  *
  * 0: taken, or dropped as broken (null, shorter than 24 bytes, wrong lengths or version; the log
