@@ -13,10 +13,10 @@ using VDIFrameworkCommon::LocalLock;
 namespace {
 
 // How long the read thread waits at a time: a message, a stop and a close wake it. What notifies
-// nobody, as a removed object, is found this late; later after ten waits that brought nothing.
+// nobody, as a removed object, is found this late; later after three waits that brought nothing.
 constexpr unsigned int kReadWaitMs = 200;
 constexpr unsigned int kQuietReadWaitMs = 1000;
-constexpr unsigned int kWaitsUntilQuiet = 10;
+constexpr unsigned int kWaitsUntilQuiet = 3;
 // A living writer gives a message up when a chunk of it has waited this long.
 constexpr milliseconds kLongestSilence{2000};
 
