@@ -157,6 +157,18 @@ TEST_F(BroadcastTest, ALostCountOfReadyReadersIsRestored) {
     EXPECT_TRUE(takes(another, ""));
 }
 
+TEST_F(BroadcastTest, ReadersRestoreTheIdOfAWriterThatIsSetUpAnew) {
+    const RawSegment raw(name);
+    EXPECT_TRUE(crosses("first") && crosses("second"));
+    ClockedBroadcast next;
+    ASSERT_TRUE(next.Create(name, 64));
+    EXPECT_EQ(raw.word64(16), 0);
+    EXPECT_TRUE(takes(reader, ""));
+    EXPECT_EQ(raw.word64(16), 2);
+    g_testTime += 100;
+    EXPECT_TRUE(write(next, "third") && takes(reader, "third"));
+}
+
 TEST_F(BroadcastTest, AnInvalidWriteIsRefusedAndLogged) {
     LogCapture log;
     ClockedBroadcast notSetUp;
