@@ -67,7 +67,7 @@ TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
     // is new then shows only with the one after it, and with one more for a reader that had no
     // processor meanwhile.
     const auto waits = std::is_same_v<TypeParam, SharedMemoryBroadcast>
-                           ? std::vector<milliseconds>{milliseconds(500), seconds(5), seconds(20)}
+                           ? std::vector<milliseconds>{milliseconds(150), seconds(5), seconds(20)}
                            : std::vector<milliseconds>{seconds(20)};
     std::uint32_t number = 0;
     forEachGarbage(raw, [&] {
