@@ -287,6 +287,20 @@ void callbackInitialises(std::uint32_t kind) {
     Shutdown();
 }
 
+// Objects that the library made are gone by then, or must outlive it.
+void callsWhileTheProcessEnds(std::uint32_t kind) {
+    static std::uint32_t g_kind = 0;
+    g_kind = kind;
+    begin(kind);
+    sendFrom(kind, 2);
+    receiveOne();
+    std::atexit([] {
+        sendFrom(g_kind, 2);
+        receiveOne();
+        ChannelActive(0);
+    });
+}
+
 const std::map<std::string, std::function<void(std::uint32_t kind)>> kCases{
     {"beforeInitialisation", beforeInitialisation},
     {"unknownKinds", unknownKinds},
@@ -296,6 +310,7 @@ const std::map<std::string, std::function<void(std::uint32_t kind)>> kCases{
     {"slowCallback", slowCallback},
     {"callbackCallsBack", callbackCallsBack},
     {"callbackInitialises", callbackInitialises},
+    {"callsWhileTheProcessEnds", callsWhileTheProcessEnds},
     {"noMemory", noMemory},
     {"noThread", noThread},
     {"callbackTakesTheHostsLock", callbackTakesTheHostsLock},
