@@ -85,7 +85,7 @@ public:
     // failure. Waits, up to `timeout` in all, for the stream to be up and for the agent to take
     // what was written before. No failure once the whole message is in the segment. After a failure
     // the message may have been written in part; the reader then drops it. Those of waitUntilUp();
-    // Timeout: the agent does not take what was written before; TooLong: 4 GiB or more;
+    // Timeout: the agent does not take what was written before; TooLong: more than 512 MiB;
     // InvalidArgument: a Read stream, or no data.
     Status write(const void* data, std::size_t length, std::chrono::milliseconds timeout);
 

@@ -1,8 +1,8 @@
 #include <algorithm>
-#include <limits>
 #include <thread>
 #include <utility>
 
+#include "MessageAssembler.h"
 #include "ProcessLife.h"
 #include "SegmentStatus.h"
 #include "StreamImpl.h"
@@ -28,7 +28,7 @@ Status Stream::Impl::setUp(unsigned int capacity) {
 Status Stream::Impl::write(const void* data, std::size_t length, Clock::time_point deadline) {
     if (m_closed) return m_end;
     if (m_direction != Direction::Write || (!data && length > 0)) return Reason::InvalidArgument;
-    if (length > std::numeric_limits<unsigned int>::max()) return Reason::TooLong;
+    if (length > shared_memory::MessageAssembler::kLongest) return Reason::TooLong;
     if (length == 0) return {};
     for (;;) {
         if (const Status up = waitUntilUp(deadline); !up) return up;

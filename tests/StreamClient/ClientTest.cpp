@@ -68,6 +68,9 @@ TEST_F(ClientTest, RefusesStreamsThatCannotBe) {
     EXPECT_EQ(second->write("x", 1, 1ms).reason(), Reason::AlreadyOpen);
     first.reset();
     EXPECT_TRUE(client.openStream("CTSize", Direction::Write, 10));
+    EXPECT_EQ(
+        client.openStream("CTLong", Direction::Write)->write("x", (512U << 20U) + 1, 1ms).reason(),
+        Reason::TooLong);
     EXPECT_EQ(client.openStream("CTRead", Direction::Read)->write("x", 1, 1ms).reason(),
               Reason::InvalidArgument);
 }

@@ -3,6 +3,8 @@
 #include <deque>
 #include <utility>
 
+#include "MessageAssembler.h"
+
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
@@ -168,6 +170,11 @@ void StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* 
     if (stream->type() != StreamType::WRITE || stream->name() == m_context.infoOutputName) {
         AGENT_LOG_REPEATED(m_context, m_notTaken, Warning,
                            "Stream takes no data of the far side: ", stream->name());
+        return;
+    }
+    if (length > shared_memory::MessageAssembler::kLongest) {
+        AGENT_LOG_REPEATED(m_context, m_tooLong, Warning, "Message too long for a segment, ",
+                           length, " bytes: ", stream->name());
         return;
     }
     if (!IsStreamRoutable(*stream)) {

@@ -86,6 +86,7 @@ private:
     KLT::kltlogger::LogRepeats m_refused;
     mutable KLT::kltlogger::LogRepeats m_notRoutable;
     KLT::kltlogger::LogRepeats m_notTaken;
+    KLT::kltlogger::LogRepeats m_tooLong;
 };
 
 }  // namespace VirtualChannelAgent
