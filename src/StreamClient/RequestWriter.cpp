@@ -86,7 +86,7 @@ long RequestSlot::place(const std::string& text) {
 // Once another client's request is in the slot the registry tells, and without an agent that enters
 // itself there, that another was placed: a reader was ready for it.
 bool RequestSlot::isTaken(long id) {
-    if (id == 0 || !m_slot.isMapped()) return false;
+    if (id == 0 || !m_slot.isMapped() || m_slot.isCut()) return false;
     if (m_slot.header().newMessageId == id) {
         return static_cast<int>(BroadcastCounts(m_slot.header()).taken()) > 0;
     }

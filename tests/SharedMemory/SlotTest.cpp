@@ -1,5 +1,6 @@
 // One end of a segment while the other misbehaves or is gone.
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "MultipleWritersOneReaderSM.h"
@@ -10,6 +11,11 @@
 namespace {
 
 using namespace segmenttest;
+
+std::string objectPath(const std::string& name) {
+    const std::string object = std::to_string(geteuid()) + "DEFVDI_" + name;
+    return "/dev/shm" + VDIFrameworkCommon::sharedMemoryObjectName(object);
+}
 
 class SlotTest : public testing::Test {
 protected:
@@ -94,8 +100,7 @@ TEST_F(SlotTest, AReaderThatOpensWhileTheWriterRestartsDoesNotTakeAnOldMessage) 
 }
 
 TEST_F(SlotTest, ARemovedOrTruncatedObjectIsMadeAnewByBothEnds) {
-    const std::string object = std::to_string(geteuid()) + "DEFVDI_" + name;
-    const std::string path = "/dev/shm" + VDIFrameworkCommon::sharedMemoryObjectName(object);
+    const std::string path = objectPath(name);
     Collector collector;
     const auto in = plain();
     const auto out = plain();
@@ -114,6 +119,31 @@ TEST_F(SlotTest, ARemovedOrTruncatedObjectIsMadeAnewByBothEnds) {
     EXPECT_GE(log.count("was removed from the system, made anew: " + name), 1);
     EXPECT_GE(log.count("was cut by another process, made anew: " + name), 1);
     in->Close();
+}
+
+TEST(SlotAcrossProcesses, IdleReadersAndAClosingWriterSurviveThatTheirObjectIsCut) {
+    const std::string names[] = {uniqueName(), uniqueName()};
+    const auto out = plain();
+    SharedMemoryBroadcast broadcast;
+    ASSERT_TRUE(out->Create(names[0], 64) && broadcast.Create(names[1], 64));
+    ReadyChild sink("segmentSink", {names[0], "64"});
+    ReadyChild listener("segmentListener", {names[1], "64", "7", "1"});
+    for (const std::string& name : names) {
+        ASSERT_EQ(truncate(objectPath(name).c_str(), 0), 0);
+        struct stat status {};
+        ASSERT_TRUE(eventually([&] {
+            return stat(objectPath(name).c_str(), &status) == 0 && status.st_size > 0;
+        })) << "the reader did not make it anew: "
+            << name;
+    }
+    const std::string message = numberedMessage({1, 7}, 64);
+    EXPECT_TRUE(write(*out, message) && write(broadcast, message));
+    EXPECT_EQ(sink.readLine(), "good");
+    EXPECT_EQ(listener.readLine(), "7");
+    sink.kill();
+    sink.wait();
+    ASSERT_EQ(truncate(objectPath(names[0]).c_str(), 0), 0);
+    EXPECT_TRUE(out->Close());
 }
 
 TEST(SlotAcrossProcesses, AKilledProcessHoldsNobodyUp) {

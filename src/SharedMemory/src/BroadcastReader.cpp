@@ -86,13 +86,14 @@ bool BroadcastReader::wait(std::chrono::milliseconds timeout) {
 }
 
 void BroadcastReader::enterRead() {
+    if (m_slot.isCut()) return;
     BroadcastCounts(m_slot.header()).addInside();
     if (auto* own = m_slot.registry().own()) own->isInside = 1;
 }
 
 void BroadcastReader::leaveRead() {
     if (auto* own = m_slot.registry().own()) own->isInside = 0;
-    BroadcastCounts(m_slot.header()).removeInside();
+    if (!m_slot.isCut()) BroadcastCounts(m_slot.header()).removeInside();
 }
 
 std::string BroadcastReader::take() {
@@ -105,16 +106,19 @@ std::string BroadcastReader::take() {
     countAsReady();
     leaveRead();
     m_slot.notify(SegmentSlot::Signal::Taken);
-    if (copied == Copied::Invalid) NORVO_LOG(Warning, "Invalid message length!", m_slot.name());
+    if (copied == Copied::Invalid) {
+        NORVO_LOG_REPEATED(m_invalid, Warning, "Invalid message length!", m_slot.name());
+    }
     if (copied == Copied::Overtaken) {
-        NORVO_LOG(Warning, "A message was written over while it was read, stream: ", m_slot.name());
+        NORVO_LOG_REPEATED(m_overtaken, Warning,
+                           "A message was written over while it was read, stream: ", m_slot.name());
     }
     return copied == Copied::Whole ? message : std::string();
 }
 
 // A writer that has given this reader up may be writing the next message already.
 BroadcastReader::Copied BroadcastReader::copy(std::string& message) {
-    for (int attempt = 0; attempt < kCopies; ++attempt) {
+    for (int attempt = 0; attempt < kCopies && !m_slot.isCut(); ++attempt) {
         const long id = m_slot.header().newMessageId;
         const std::uint64_t generation = m_slot.generation();
         const ChunkHeader chunk = ChunkHeader::load(m_slot.header());
@@ -163,7 +167,7 @@ void BroadcastReader::countAsReady() {
 
 // Looked at twice, because an end that is not ours may zero it a moment before it raises the ID.
 void BroadcastReader::stayCounted() {
-    if (!m_slot.isMapped()) return;
+    if (!m_slot.isMapped() || m_slot.isCut()) return;
     SharedMemoryHeader& header = m_slot.header();
     if (header.lockWord2 != 0) {
         m_isCountLost = false;

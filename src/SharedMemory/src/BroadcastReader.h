@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "LogRepeats.h"
 #include "SegmentSlot.h"
 
 namespace shared_memory {
@@ -55,6 +56,8 @@ private:
     long m_countedAfterId = 0;
     // The last look found the count to be 0 although this reader is counted.
     bool m_isCountLost = false;
+    KLT::kltlogger::LogRepeats m_invalid;
+    KLT::kltlogger::LogRepeats m_overtaken;
 };
 
 }  // namespace shared_memory

@@ -31,8 +31,7 @@ bool MultipleWritersOneReaderSM::LockWrite(unsigned int timeout) {
 bool MultipleWritersOneReaderSM::waitForLock(unsigned int timeout) {
     const unsigned int start = ElapsedMillisecond();
     m_lock.beginWait(start);
-    m_slot.check(Clock::now());
-    for (unsigned int now = start; isOpen() && m_slot.isMapped(); now = ElapsedMillisecond()) {
+    for (unsigned int now = start; isSound(); now = ElapsedMillisecond()) {
         if (m_lock.tryLock(now)) return true;
         utilities::sleep(1);
         if (now - start >= timeout) return false;

@@ -16,6 +16,10 @@ constexpr std::chrono::microseconds kLookIsFresh{50};
 constexpr milliseconds kShortestMutexWait{20};
 constexpr milliseconds kLostPause{20};
 
+bool isFresh(Clock::time_point look, Clock::time_point now) {
+    return now - look < kLookIsFresh && now >= look;
+}
+
 // Wraps: the IDs in a segment may be anything.
 long distance(long from, long to) {
     return static_cast<long>(static_cast<unsigned long>(to) - static_cast<unsigned long>(from));
@@ -108,9 +112,8 @@ bool SegmentSlot::close() {
 
 SegmentSlot::Soundness SegmentSlot::check(Clock::time_point now) {
     if (!isMapped()) return renew();
-    if (now - m_lastLook < kLookIsFresh && now >= m_lastLook) return Soundness::Sound;
-    m_lastLook = now;
-    switch (m_mapping.look()) {
+    if (isFresh(m_lastLook, now)) return Soundness::Sound;
+    switch (look(now)) {
         case SegmentMapping::State::Shrunk:
             logLost("was cut by another process");
             return renew();
@@ -122,6 +125,21 @@ SegmentSlot::Soundness SegmentSlot::check(Clock::time_point now) {
             break;
     }
     return Soundness::Sound;
+}
+
+bool SegmentSlot::isCut() {
+    if (!isMapped()) return false;
+    const auto now = Clock::now();
+    return !isFresh(m_lastLook, now) && look(now) == SegmentMapping::State::Shrunk;
+}
+
+// A look that finds the object lost does not count: the next check() must find that again.
+SegmentMapping::State SegmentSlot::look(Clock::time_point now) {
+    const auto state = m_mapping.look();
+    const bool isLost =
+        state == SegmentMapping::State::Shrunk || state == SegmentMapping::State::Removed;
+    m_lastLook = isLost ? Clock::time_point{} : now;
+    return state;
 }
 
 void SegmentSlot::logLost(const char* reason) {
@@ -172,7 +190,7 @@ bool SegmentSlot::isUnread() {
     const long ahead = distance(header().readMessageId, newId);
     if (ahead < 0) {
         // Neither readable nor writable: only a misbehaving process leaves this behind.
-        NORVO_LOG(Warning, "Message IDs went backwards, stream: ", m_name);
+        NORVO_LOG_REPEATED(m_backwards, Warning, "Message IDs went backwards, stream: ", m_name);
         header().readMessageId = newId;
         notify(Signal::Taken);
     }

@@ -4,6 +4,7 @@
 #include <string>
 #include <type_traits>
 
+#include "LogRepeats.h"
 #include "NamedCondition.h"
 #include "NamedMutex.h"
 #include "SegmentMapping.h"
@@ -74,11 +75,15 @@ public:
     // object that was removed or cut is made anew. When that is impossible the slot is lost and not
     // mapped until a later call succeeds, each of which takes 20 ms.
     Soundness check(Clock::time_point now);
+    // Whether another process has cut the object. To be asked before the memory is touched where
+    // time may have passed since the last look, which counts for 50 us here, too. The next check()
+    // makes the object anew. False while it is not mapped.
+    bool isCut();
     // Maps what another end has let the object grow to.
     bool grow() { return m_mapping.growToObject(); }
 
     // Holds the segment's mutex for a scope, if it could be had: ask. A failure is one log line
-    // until the mutex could be had again.
+    // until the mutex could be had again. Says no, too, when the object has been cut meanwhile.
     class Section {
     public:
         static constexpr std::chrono::milliseconds kLongestWait{2000};
@@ -88,7 +93,7 @@ public:
         }
         Section(const Section&) = delete;
         Section& operator=(const Section&) = delete;
-        explicit operator bool() const { return m_slot.m_mutex.owns(); }
+        explicit operator bool() const { return m_slot.m_mutex.owns() && !m_slot.isCut(); }
 
     private:
         SegmentSlot& m_slot;
@@ -99,8 +104,9 @@ public:
 
     // Waits first and tests then, with the mutex held: without a notification `test` is asked only
     // when the deadline has passed, or when `silence`, which is asked after 10 ms without a
-    // notification and then every 200 ms, says so. False also when the slot is closed or halted, or
-    // when the mutex could not be had; that takes at most 20 ms beyond the deadline.
+    // notification and then every 200 ms, says so. False also when the slot is closed or halted,
+    // when the object was cut meanwhile, or when the mutex could not be had; that takes at most 20
+    // ms beyond the deadline.
     template <class Test, class Silence>
     bool waitFor(Signal signal, Clock::time_point now, Clock::time_point deadline, const Test& test,
                  const Silence& silence);
@@ -137,6 +143,7 @@ private:
     bool openAll(unsigned int capacity, bool create, bool isRenewed);
     bool createObjects();
     bool start(unsigned int capacity, bool create, bool isRenewed);
+    SegmentMapping::State look(Clock::time_point now);
     Soundness renew();
     void logLost(const char* reason);
     VDIFrameworkCommon::NamedCondition& condition(Signal signal) {
@@ -166,6 +173,7 @@ private:
     // The new message ID, and the generation, at which a chunk was last found unread.
     long m_unreadId = 0;
     std::uint64_t m_unreadGeneration = 0;
+    KLT::kltlogger::LogRepeats m_backwards;
 };
 
 template <class Test, class Silence>
@@ -177,10 +185,10 @@ bool SegmentSlot::waitFor(Signal signal, Clock::time_point now, Clock::time_poin
     const auto relock = mutexWait(now, deadline);
     const Section section(*this, relock);
     std::chrono::milliseconds longest = kAsks ? kFirstSlice : std::chrono::milliseconds(1000);
-    while (section) {
+    while (m_mutex.owns()) {
         if (!m_gate.isPassable()) return false;
         const Waited waited = waitOnce(signal, now, deadline, longest, relock);
-        if (waited == Waited::Ended || !m_gate.isPassable()) return false;
+        if (waited == Waited::Ended || !m_gate.isPassable() || isCut()) return false;
         const bool isAsked = waited == Waited::Notified || (kAsks && silence());
         if (isAsked && test()) return true;
         now = Clock::now();

@@ -84,6 +84,10 @@ protected:
     virtual std::string takeMessageNow() NORVO_REQUIRES(m_operationLock);
 
     bool isOpen() const { return m_gate.isOpen(); }
+    // Open, and its memory may be used (SegmentSlot::check).
+    bool isSound() NORVO_REQUIRES(m_operationLock) {
+        return isOpen() && m_slot.check(Clock::now()) != SegmentSlot::Soundness::Lost;
+    }
     Mode mode() const { return m_access.mode(); }
     // Whether the segment is open and set up for `mode`; logs when not.
     bool mayOperate(Mode mode) { return m_access.mayOperate(mode); }

@@ -25,7 +25,7 @@ SlotEnd& SharedMemoryBroadcast::end(Mode mode) {
 
 bool SharedMemoryBroadcast::LockWrite() {
     LocalLock operation(m_operationLock);
-    return m_slot.isMapped() && m_broadcastWriter.tryLock(ElapsedMillisecond());
+    return isSound() && m_broadcastWriter.tryLock(ElapsedMillisecond());
 }
 
 bool SharedMemoryBroadcast::WaitLockWrite(unsigned int timeout) {
@@ -36,7 +36,7 @@ bool SharedMemoryBroadcast::WaitLockWrite(unsigned int timeout) {
 bool SharedMemoryBroadcast::waitForTurn(unsigned int timeout) {
     const unsigned int start = ElapsedMillisecond();
     m_broadcastWriter.beginWait(start);
-    for (unsigned int now = start; isOpen() && m_slot.isMapped(); now = ElapsedMillisecond()) {
+    for (unsigned int now = start; isSound(); now = ElapsedMillisecond()) {
         if (HasObservers() && !IsReadRunning()) return false;
         if (!HasObservers()) {
             if (m_broadcastWriter.hasSettled(now) && m_broadcastWriter.tryLock(now)) return true;
@@ -66,12 +66,11 @@ void SharedMemoryBroadcast::UnlockRead() {
 
 bool SharedMemoryBroadcast::writeMessage(const void* data, unsigned int length) {
     if (length > m_slot.capacity()) {
-        NORVO_LOG(Warning, "Message too long!", m_slot.name());
+        NORVO_LOG_REPEATED(m_tooLong, Warning, "Message too long!", m_slot.name());
         return false;
     }
-    m_slot.check(Clock::now());
     if (!waitForTurn(kWriteWaitMs)) {
-        NORVO_LOG(Error, "Failed to lock for writing!", m_slot.name());
+        NORVO_LOG_REPEATED(m_notTaken, Error, "Failed to lock for writing!", m_slot.name());
         return false;
     }
     return m_broadcastWriter.publish(data, length, ElapsedMillisecond());
@@ -93,7 +92,7 @@ std::string SharedMemoryBroadcast::takeMessage(unsigned int /*silence*/) {
 }
 
 std::string SharedMemoryBroadcast::takeMessageNow() {
-    return NewMessage(true) ? m_broadcastReader.take() : std::string();
+    return isSound() && NewMessage(true) ? m_broadcastReader.take() : std::string();
 }
 
 bool SharedMemoryBroadcast::NewMessage(bool update) {

@@ -4,6 +4,7 @@
 
 #include "BroadcastReader.h"
 #include "BroadcastWriter.h"
+#include "LogRepeats.h"
 #include "SharedMemoryMacosx.h"
 
 namespace shared_memory {
@@ -43,6 +44,8 @@ private:
 
     BroadcastReader m_broadcastReader NORVO_GUARDED_BY(m_operationLock){m_slot};
     BroadcastWriter m_broadcastWriter NORVO_GUARDED_BY(m_operationLock){m_slot};
+    KLT::kltlogger::LogRepeats m_tooLong;
+    KLT::kltlogger::LogRepeats m_notTaken;
 };
 
 }  // namespace shared_memory

@@ -21,7 +21,8 @@ void SlotWriter::begin(bool isRenewed) {
 
 bool SlotWriter::write(const void* data, unsigned int length, Clock::time_point deadline) {
     if (length > MessageAssembler::kLongest) {
-        NORVO_LOG(Warning, "Message too long!", m_slot.name(), ": ", length, " bytes");
+        NORVO_LOG_REPEATED(m_tooLong, Warning, "Message too long!", m_slot.name(), ": ", length,
+                           " bytes");
         return false;
     }
     const unsigned int capacity = m_slot.capacity();

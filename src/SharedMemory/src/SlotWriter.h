@@ -17,8 +17,8 @@ public:
     // message is not sent; returns true.
     bool write(const void* data, unsigned int length,
                Clock::time_point deadline = Clock::time_point::max());
-    // Whether the slot is free: the reader has taken all.
-    bool isDrained() { return !m_slot.isMapped() || m_slot.isFree(); }
+    // Whether the slot is free: the reader has taken all. False while the object is cut.
+    bool isDrained() { return !m_slot.isMapped() || (!m_slot.isCut() && m_slot.isFree()); }
 
     SegmentRegistry::Role role() const override { return SegmentRegistry::Role::Writer; }
     void begin(bool isRenewed) override;
@@ -28,6 +28,7 @@ private:
     bool waitWritable(Clock::time_point now, Clock::time_point deadline);
 
     SegmentSlot& m_slot;
+    KLT::kltlogger::LogRepeats m_tooLong;
     KLT::kltlogger::LogRepeats m_notTaken;
 };
 

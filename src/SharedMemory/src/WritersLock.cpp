@@ -56,7 +56,7 @@ void WritersLock::unlock() {
     const long lockedAt = std::exchange(m_lockedAt, 0L);
     if (lockedAt == 0 || !m_slot.isMapped()) return;
     noteInRegistry();
-    release(m_slot.header(), lockedAt);
+    if (!m_slot.isCut()) release(m_slot.header(), lockedAt);
 }
 
 void WritersLock::noteInRegistry() {
@@ -76,7 +76,7 @@ void WritersLock::watch(unsigned int now, unsigned long chunksTaken, bool wasEmp
         m_chunksSeen = chunksTaken;
         m_lastChunkSeenAt = now;
     }
-    if (wasEmpty && m_slot.isMapped()) breakDeadLock(now);
+    if (wasEmpty && m_slot.isMapped() && !m_slot.isCut()) breakDeadLock(now);
 }
 
 void WritersLock::breakDeadLock(unsigned int now) {
