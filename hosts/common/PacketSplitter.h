@@ -52,6 +52,11 @@ public:
     // Forgets a packet that has begun. To be called wherever the stream begins anew: two halves of
     // different packets would be delivered as one.
     void reset() { m_begin = m_end = 0; }
+    // The same where bytes are missing: the next ones may be from the middle of a packet.
+    void resetInside() {
+        reset();
+        m_searching = true;
+    }
 
     // Bytes that were no packet's, since the construction.
     std::uint64_t skipped() const { return m_skipped; }

@@ -20,6 +20,7 @@ void PluginThread::setActive(bool active) {
     {
         std::lock_guard lock(m_mutex);
         m_data.clear();
+        m_dropped = false;
         m_states.push_back(active);
         ++m_connection;
     }
@@ -30,7 +31,8 @@ void PluginThread::receive(std::span<const unsigned char> bytes) {
     bool dropped = false;
     {
         std::lock_guard lock(m_mutex);
-        if (m_data.size() + bytes.size() <= kMostPending)
+        // One hole, at the end of what is pending: where bytes are missing is certain then.
+        if (!m_dropped && m_data.size() + bytes.size() <= kMostPending)
             m_data.insert(m_data.end(), bytes.begin(), bytes.end());
         else
             dropped = !std::exchange(m_dropped, true);
@@ -56,17 +58,19 @@ void PluginThread::run() {
     std::vector<bool> states;
     std::unique_lock lock(m_mutex);
     for (;;) {
-        m_changed.wait(lock, [&] { return m_ending || !m_data.empty() || !m_states.empty(); });
+        m_changed.wait(
+            lock, [&] { return m_ending || m_dropped || !m_data.empty() || !m_states.empty(); });
         data.swap(m_data);
         states.swap(m_states);
         const bool ending = m_ending;
         const std::uint64_t connection = m_connection;
-        m_dropped = false;
+        const bool dropped = std::exchange(m_dropped, false);
         lock.unlock();
 
         if (!states.empty()) m_splitter.reset();
         for (const bool state : states) m_plugin.ChannelActive(state ? 1 : 0);
         passOn(data, connection);
+        if (dropped) m_splitter.resetInside();
         if (ending) {
             m_plugin.Shutdown();
             return;

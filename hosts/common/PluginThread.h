@@ -18,7 +18,8 @@ namespace hosts {
 // again. Thread-safe; no call here waits, but for end() and the destructor.
 class PluginThread {
 public:
-    // Data that have not been passed on: what a peer sends beyond that is dropped and logged.
+    // Data that have not been passed on: what a peer sends beyond that is dropped and logged, with
+    // all that follows until they have been. No packet is joined from what was before and after.
     static constexpr std::size_t kMostPending = 4u << 20;
 
     // `plugin` is initialised, and outlives this object. Throws std::system_error when there is no
