@@ -20,6 +20,20 @@ std::string withoutSpaceAndCase(const std::string& text) {
     return result;
 }
 
+// False also where the section does not have it.
+bool isOn(std::istream& ini, const std::string& section, const std::string& name) {
+    bool inSection = false;
+    const std::string key = withoutSpaceAndCase(name) + '=';
+    for (std::string raw; std::getline(ini, raw);) {
+        const std::string line = withoutSpaceAndCase(raw);
+        if (line.starts_with('[')) inSection = line == section;
+        if (!inSection || !line.starts_with(key)) continue;
+        const std::string value = line.substr(key.size());
+        return value == "true" || value == "yes" || value == "1" || value == "on";
+    }
+    return false;
+}
+
 }  // namespace
 
 // Each line: number, references, protocol, flags, type, state, inode, path.
@@ -50,17 +64,10 @@ int displayNumber(const char* display) {
     return number;
 }
 
+bool allowsChannels(std::istream& xrdpIni) { return isOn(xrdpIni, "[globals]", "allow_channels"); }
+
 bool allowsChannel(std::istream& xrdpIni, const std::string& name) {
-    bool inSection = false;
-    const std::string key = withoutSpaceAndCase(name) + '=';
-    for (std::string raw; std::getline(xrdpIni, raw);) {
-        const std::string line = withoutSpaceAndCase(raw);
-        if (line.starts_with('[')) inSection = line == "[channels]";
-        if (!inSection || !line.starts_with(key)) continue;
-        const std::string value = line.substr(key.size());
-        return value == "true" || value == "yes" || value == "1" || value == "on";
-    }
-    return false;
+    return isOn(xrdpIni, "[channels]", name);
 }
 
 }  // namespace hosts

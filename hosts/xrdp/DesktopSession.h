@@ -20,7 +20,8 @@ DesktopSession desktopSession(int display);
 // The number in ":10.0"; -1 for another text, and for null.
 int displayNumber(const char* display);
 
-// Whether the text of an xrdp.ini lets the channel `name` through.
+// Whether the text of an xrdp.ini allows channels at all, and whether it lets `name` through then.
+bool allowsChannels(std::istream& xrdpIni);
 bool allowsChannel(std::istream& xrdpIni, const std::string& name);
 
 }  // namespace hosts

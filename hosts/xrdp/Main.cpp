@@ -58,9 +58,11 @@ int check(const Options& options) {
     list.addAttempt("plug-in library " + options.library,
                     [&] { const hosts::Plugin plugin(options.library); });
     list.addAttempt("xrdp's library libxrdpapi.so.0", [] { const hosts::XrdpApi api; });
-    std::ifstream xrdpIni(options.xrdpIni);
-    list.add(xrdpIni && hosts::allowsChannel(xrdpIni, kChannel),
-             "the channel in " + options.xrdpIni,
+    std::ifstream globals(options.xrdpIni);
+    list.add(hosts::allowsChannels(globals), "channels at all in " + options.xrdpIni,
+             "set allow_channels=true below [Globals], and restart xrdp");
+    std::ifstream channels(options.xrdpIni);
+    list.add(hosts::allowsChannel(channels, kChannel), "the channel in " + options.xrdpIni,
              "add the line " + std::string(kChannel) + "=true below [Channels], and restart xrdp");
     const int display = hosts::displayNumber(std::getenv("DISPLAY"));
     list.add(display >= 0, "DISPLAY", "run this inside the desktop, as its user");

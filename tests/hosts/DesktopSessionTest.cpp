@@ -33,6 +33,12 @@ TEST(DesktopSession, IsToldByTheChannelServersSocketAndAllowsTheChannelsThatXrdp
         std::istringstream ini(text);
         EXPECT_EQ(allowsChannel(ini, "NRVOCW"), allowed) << text;
     }
+    for (const auto& [text, allowed] :
+         {std::pair{"[Globals]\nallow_channels=true\n", true},
+          {"[Globals]\nallow_channels = no\n[Channels]\nallow_channels=true\n", false}}) {
+        std::istringstream ini(text);
+        EXPECT_EQ(allowsChannels(ini), allowed) << text;
+    }
 }
 
 }  // namespace

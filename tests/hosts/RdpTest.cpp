@@ -142,7 +142,7 @@ public:
             << "\n[Channels]\nNRVOCW=true\n[Light]\nname=Light\nlib=libvnc.so\nusername=na\n"
             << "password=na\nip=127.0.0.1\nport=" << 5900 + std::stoi(m_display.number())
             << "\nchansrvport=DISPLAY(" << m_display.number() << ")\n";
-        m_channels.emplace(startInDesktop("exec xrdp-chansrv >/dev/null 2>&1"));
+        startChannelServer();
         m_xrdp.emplace(
             side.startShell("exec xrdp -n -c " + side.file("xrdp.ini") + " >/dev/null 2>&1"));
         EXPECT_TRUE(eventually([&] {
@@ -189,8 +189,13 @@ public:
         return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
                                                       std::filesystem::directory_iterator{}));
     }
+    void startChannelServer() {
+        m_channels.emplace(startInDesktop("exec xrdp-chansrv >/dev/null 2>&1"));
+    }
     void endChannelServer() { endAndWait(m_channels); }
-    bool says(const std::string& text) { return m_host->readLine(1s).starts_with(text); }
+    bool comesToSay(const std::string& text) {
+        return eventually([&] { return m_host->readLine(1s).starts_with(text); });
+    }
     int agentsStatus() { return m_host->wait(20s); }
 
 private:
@@ -278,27 +283,18 @@ protected:
         expectNewsOf(m_farNews, name);
     }
 
-    // A stream has one direction for as long as its hosts live. `during` runs while it is on its
-    // way. What was under way when a connection broke may be lost; then it is sent again.
-    // Returns how long the last attempt took.
+    // `during` runs while the file is on its way. Returns how long it took.
     std::chrono::milliseconds passesAFile(
         const Side& from, const Side& to, std::size_t size,
         const std::function<void()>& during = [] {}) {
         const std::string content = testsupport::makeFile(from.file("original"), size);
-        const std::string stream = &from == &m_near ? "Media" : "Generic";
-        std::chrono::milliseconds took{};
-        for (int attempt = 0; attempt < 3; ++attempt) {
-            const auto begun = std::chrono::steady_clock::now();
-            Subprocess receiver = to.start("recv " + stream + " --wait 30 " + to.file("copy"));
-            Subprocess sender =
-                from.start("send " + stream + " --wait 30 " + from.file("original"));
-            if (attempt == 0) during();
-            const int sent = sender.wait(60s);
-            took = testsupport::since(begun);
-            if (sent == 0 && receiver.wait(8s) == 0) break;
-            receiver.signal(SIGINT);
-            receiver.wait(5s);
-        }
+        const auto begun = std::chrono::steady_clock::now();
+        Subprocess receiver = to.start("recv Media --wait 30 " + to.file("copy"));
+        Subprocess sender = from.start("send Media --wait 30 " + from.file("original"));
+        during();
+        EXPECT_EQ(sender.wait(60s), 0) << sender.readAll(1s);
+        const auto took = testsupport::since(begun);
+        EXPECT_EQ(receiver.wait(8s), 0);
         EXPECT_TRUE(contentOf(to.file("copy")) == content);
         return took;
     }
@@ -413,17 +409,39 @@ TEST(XrdpAgentAcrossProcesses, SaysWhatIsMissingLeaksNothingAndEndsWithItsDeskto
     const std::string checked = desktop.check();
     testsupport::expectPart(checked, "no client is attached");
     EXPECT_EQ(checked.find("MISSING"), std::string::npos) << checked;
-    std::ofstream(side.file("xrdp.ini")) << "[Channels]\nrdpdr=true\n";
+    std::ofstream(side.file("xrdp.ini")) << "[Globals]\nallow_channels=false\n";
+    testsupport::expectPart(desktop.check(), "set allow_channels=true");
     testsupport::expectPart(desktop.check(), "add the line NRVOCW=true");
 
     testsupport::expectPart(desktop.outputOfAgent(""), "an agent runs in this desktop already");
 
     const std::size_t before = desktop.descriptors();
     desktop.endChannelServer();
-    EXPECT_TRUE(eventually([&] { return desktop.says("waiting for xrdp's channel server"); }));
+    EXPECT_TRUE(desktop.comesToSay("waiting for xrdp's channel server"));
+    desktop.startChannelServer();
+    EXPECT_TRUE(desktop.comesToSay("waiting for a client"));
+    desktop.endChannelServer();
+    EXPECT_TRUE(desktop.comesToSay("waiting for xrdp's channel server"));
     std::this_thread::sleep_for(3500ms);  // another attempt to open the channel, which fails
     EXPECT_EQ(desktop.descriptors(), before);
     EXPECT_EQ(desktop.agentsStatus(), 0);
+}
+
+TEST(XrdpAgentAcrossProcesses, OutsideXrdpSaysWhatIsMissingAndIsNotStartedByDesktops) {
+    const Side side;
+    const auto run = [&](const std::string& options) {
+        Subprocess agent =
+            side.startShell("unset XRDP_SESSION; exec " NORVO_XRDP_AGENT " " + options + " 2>&1",
+                            {"DISPLAY=", "ASAN_OPTIONS=detect_leaks=0"});
+        const std::string text = agent.readAll();
+        return text + std::to_string(agent.wait());
+    };
+    const std::string checked = run("--check --library /no/such");
+    testsupport::expectPart(checked, "MISSING  plug-in library /no/such");
+    testsupport::expectPart(checked, "MISSING  DISPLAY");
+    EXPECT_TRUE(checked.ends_with("\n1")) << checked;
+    EXPECT_EQ(run("--autostart"), "0");
+    testsupport::expectPart(run(""), "DISPLAY is not set");
 }
 
 INSTANTIATE_TEST_SUITE_P(FarEnds, RdpAcrossProcesses, ::testing::Values("server", "xrdp"),
