@@ -35,6 +35,9 @@ expect_contents("the package" ${package}
 
 run(dpkg-deb --field ${package} Depends)
 expect("what the package depends on" "${text}" "libc6.*libstdc\\+\\+6")
+if(text MATCHES "freerdp|winpr|xrdp")
+    message(FATAL_ERROR "the package depends on what only its RDP hosts need: ${text}")
+endif()
 set(contents_freerdp ./usr/lib/[a-z0-9_-]+/freerdp[23]/libNRVOCW-client.so)
 set(contents_xrdp ./usr/bin/norvo-xrdp-agent ./etc/xdg/autostart/norvo-xrdp-agent.desktop
     ${share}/doc/norvo-virtual-channel-xrdp/README.Debian)
