@@ -58,8 +58,8 @@ extern "C" {
  *
  * The call may block, and should while the connection takes no more: that is how the plug-in learns
  * to take no more from local processes. A callback that puts packets into a queue without end only
- * moves the queue into the host. 256 KiB are enough to keep a fast connection busy; each call
- * should end when the connection does.
+ * moves the queue into the host. 64 to 192 KiB that have not left are enough to keep a fast
+ * connection busy; each call should end when the connection does.
  */
 typedef int (*AppendBufferFunc)(const void* data, uint32_t length, uintptr_t flag, void* context);
 
