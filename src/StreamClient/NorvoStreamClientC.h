@@ -42,11 +42,11 @@ enum {
     NORVO_NOT_TAKEN_UP = 7,  /* the far end's agent has not taken up the stream */
     NORVO_ALREADY_OPEN = 8,  /* this client has the stream open already */
     NORVO_IN_USE_OTHER_DIRECTION = 9, /* the agents carry the stream in the other direction */
-    NORVO_CAPACITY_MISMATCH = 10,     /* the segment exists, in use, with another capacity */
+    NORVO_CAPACITY_MISMATCH = 10,     /* the segment is in use, too small, and cannot grow here */
     NORVO_NO_SPACE = 11,              /* no room for the segment */
     NORVO_NO_PERMISSION = 12,         /* the segment belongs to somebody else */
     NORVO_TOO_LONG = 13,              /* longer than a message or request can be */
-    NORVO_PEER_GONE = 14,             /* whoever should have taken the data is gone */
+    NORVO_PEER_GONE = 14,             /* the other end, or the agent that served it, is gone */
     NORVO_ENDED = 15, /* the other end has finished; there is nothing more to read */
     NORVO_NO_MEMORY = 16,
     NORVO_SYSTEM_ERROR = 17, /* the system refused, and did not say why */

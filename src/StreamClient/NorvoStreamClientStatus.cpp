@@ -25,7 +25,7 @@ const char* textOf(Reason reason) {
         case Reason::InUseOtherDirection:
             return "the stream is in use in the other direction";
         case Reason::CapacityMismatch:
-            return "the stream's segment is in use with another capacity";
+            return "the stream's segment is in use, too small, and cannot grow here";
         case Reason::NoSpace:
             return "no space is left for the stream's segment";
         case Reason::NoPermission:
@@ -33,7 +33,7 @@ const char* textOf(Reason reason) {
         case Reason::TooLong:
             return "it is too long";
         case Reason::PeerGone:
-            return "the receiver is gone";
+            return "the other end is gone";
         case Reason::Ended:
             return "the other end has finished";
         case Reason::NoMemory:

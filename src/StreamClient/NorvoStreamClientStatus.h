@@ -19,11 +19,11 @@ enum class Reason : int {
     NotTakenUp = 7,           // the far end's agent has not taken up the stream
     AlreadyOpen = 8,          // this client has the stream open already
     InUseOtherDirection = 9,  // the agents carry the stream in the other direction
-    CapacityMismatch = 10,    // the segment exists, in use, with another capacity
+    CapacityMismatch = 10,    // the segment is in use, too small, and cannot grow here
     NoSpace = 11,             // no room for the segment
     NoPermission = 12,        // the segment belongs to somebody else
     TooLong = 13,             // longer than a message or request can be
-    PeerGone = 14,            // whoever should have taken the data is gone
+    PeerGone = 14,            // the other end, or the agent that served it, is gone
     Ended = 15,               // the other end has finished; there is nothing more to read
     NoMemory = 16,
     SystemError = 17,  // the system refused; systemError() says what it said

@@ -370,6 +370,50 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
     }
 }
 
+void fails(const Side& side, const std::string& arguments, const std::string& text) {
+    const Outcome outcome = side.run(arguments);
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    expectPart(outcome.text, text);
+}
+
+TEST_F(VcctlAcrossProcesses, EachTroubleOfATransferIsNamed) {
+    const std::string large = m_near.file("large");
+    makeFile(large, 8'000'000);
+    makeFile(m_near.file("message"), 256u << 10);
+    listen();
+    fails(m_near, "send Media --wait 0.5 " + large, "its channel is not connected to a far end");
+    join();
+    fails(m_near, "send Media --wait 2 " + large, "nobody receives: start vcctl recv Media there");
+    fails(m_far, "recv Media --wait 2", "nobody sends: start vcctl send Media there");
+
+    for (const bool isAll : {true, false}) {
+        Subprocess receiver = m_far.start("recv Media --count 1 " + m_far.file("first"));
+        if (isAll) m_near.succeeds("send Media " + m_near.file("message"));
+        if (!isAll) fails(m_near, "send Media " + large, "took only 262144 of 8000000 bytes");
+        EXPECT_EQ(receiver.wait(20s), 0);
+    }
+
+    Subprocess receiver = m_far.start("recv Media " + m_far.file("copy"));
+    Subprocess sender = m_near.start("send Media");
+    sender.writeLine("begun");
+    ASSERT_TRUE(testsupport::eventually([&] { return sizeOf(m_far.file("copy.part")) > 0; }));
+    fails(m_far, "recv Media", "another program in session namespace '" + m_far.name() + '\'');
+    fails(m_near, "send Media " + large, "another program in session namespace");
+    EXPECT_EQ(end(sender, SIGINT), 130);
+    EXPECT_EQ(receiver.wait(20s), 1);
+    expectPart(receiver.readAll(),
+               "the sender is gone; what came is in " + m_far.file("copy.part"));
+
+    Subprocess full = m_near.startShell("trap '' XFSZ; ulimit -f 300; exec " VCCTL_PROGRAM
+                                        " send Large --raw --size 1M " +
+                                        large + " 2>&1");
+    expectPart(full.readAll(), "no space is left");
+    m_farHost->signal(SIGSTOP);
+    fails(m_near, "send Media --raw --wait 1 " + large, "the host takes nothing from the stream");
+    fails(m_near, "send Late --raw --wait 1 " + large, "has not taken up the stream 'Late'");
+    m_farHost->signal(SIGCONT);
+}
+
 TEST_F(VcctlAcrossProcesses, AReceiverIsInterruptedWhileMessagesKeepComing) {
     joinHosts();
     std::string lines;

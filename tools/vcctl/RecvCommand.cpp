@@ -96,7 +96,7 @@ public:
             giveVerdict(1, failure.what());
             throw;
         }
-        giveVerdict(0, "");
+        giveVerdict(0, std::to_string(m_tally.bytes()));
     }
 
 private:

@@ -185,6 +185,20 @@ public:
     void run() {
         m_link.waitUntilOpen();
         begin();
+        try {
+            sendAll();
+        } catch (const LinkLost&) {  // a receiver that goes early leaves its verdict
+            if (!m_hasVerdict && !m_link.hasInput()) throw;
+        }
+        if (!m_hasVerdict) takeVerdict();
+        try {
+            m_link.awaitEnd();
+        } catch (const LinkLost&) {  // the verdict was the last word: the receiver has it all
+        }
+    }
+
+private:
+    void sendAll() {
         std::string message;
         std::uint64_t messages = 0;
         while (messages < m_options.count && m_input.next(message)) {
@@ -195,11 +209,8 @@ public:
         m_link.writeNumber(m_tally.bytes());
         m_link.writeNumber(m_tally.checksum());
         m_link.finish();
-        takeVerdict();
-        m_link.awaitEnd();
     }
 
-private:
     void begin() {
         m_link.expectTag("NVXOFFER");
         const std::uint64_t offered = m_link.readNumber();
@@ -213,13 +224,15 @@ private:
 
     void sendMessage(const std::string& message) {
         const auto length = static_cast<std::uint32_t>(message.size());
-        if (m_link.hasInput()) takeVerdict();
+        const std::uint64_t sent = m_tally.bytes();
         m_tally.add(message.data(), message.size());
+        if (m_hasVerdict) tookOnly(std::to_string(sent));
+        if (m_link.hasInput()) takeVerdict();
         m_overhead += sizeof length;
         m_link.write(&length, sizeof length);
         m_link.write(message.data(), message.size(), [this] {
             showProgress();
-            if (m_link.hasInput()) takeVerdict();
+            if (!m_hasVerdict && m_link.hasInput()) takeVerdict();
         });
     }
 
@@ -228,7 +241,12 @@ private:
         m_progress.set(m_begin + (acked > m_overhead ? acked - m_overhead : 0));
     }
 
-    // Throws Refused unless it is a good one.
+    [[noreturn]] void tookOnly(const std::string& bytes) const {
+        const std::uint64_t all = m_input.size().value_or(m_tally.bytes());
+        throw Refused("the receiver took only " + bytes + " of " + std::to_string(all) + " bytes");
+    }
+
+    // Throws Refused unless the receiver has taken all that was sent.
     void takeVerdict() {
         std::uint32_t failed = 0;
         std::uint32_t length = 0;
@@ -237,6 +255,8 @@ private:
         std::string text(std::min<std::size_t>(length, kLongestVerdict), ' ');
         m_link.read(text.data(), text.size());
         if (failed != 0) throw Refused("the receiver: " + readable(text));
+        if (text != std::to_string(m_tally.bytes())) tookOnly(readable(text));
+        m_hasVerdict = true;
         m_progress.set(m_tally.bytes());
     }
 
@@ -245,6 +265,7 @@ private:
     Progress& m_progress;
     TransferLink m_link;
     TransferTally m_tally;
+    bool m_hasVerdict = false;
     std::uint64_t m_begin = 0;
     std::uint64_t m_overhead = 0;  // of what was written to the connection
 };

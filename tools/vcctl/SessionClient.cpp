@@ -31,7 +31,7 @@ const char* nextStep(Reason reason) {
             return ": a name is 1 to 64 letters, digits, '-', '_' and '.', a capacity 1 byte to 64 "
                    "MiB";
         case Reason::CapacityMismatch:
-            return ": give the same with --size, or end the programs that use it (vcctl streams)";
+            return ": give no more with --size, or end the programs that use it (vcctl streams)";
         case Reason::NoSpace:
             return ": take a smaller --size, or remove what fills the shared memory (on Linux "
                    "/dev/shm)";

@@ -5,7 +5,8 @@
 //   sender:   "NVXSTART", where it starts (what the receiver has, or 0), the whole length or ~0
 //             messages: length (4 bytes), bytes
 //             end: ~0 (4 bytes), then of the whole file its length and checksum
-//   receiver: verdict, as soon as there is one: 0 or 1 (4 bytes), length of a text (4 bytes), text
+//   receiver: verdict, as soon as there is one: 0 or 1 (4 bytes), length of a text (4 bytes), text:
+//             for 0 how many bytes it has taken, in decimal, for 1 why it failed
 //
 // A checksum is XXH3_64bits, seed 0.
 #pragma once
