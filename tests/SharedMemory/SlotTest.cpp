@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "AllocationFailure.h"
 #include "MultipleWritersOneReaderSM.h"
 #include "PosixSharedMemory.h"
 #include "SegmentSupport.h"
@@ -43,6 +44,22 @@ TEST_F(SlotTest, AChunkOverwrittenByANewWriterIsNotAcknowledged) {
     ASSERT_TRUE(write(*next, "seen") && waitForChunk());
     slot.header().newMessageId.fetch_add(1);
     EXPECT_FALSE(slot.take());
+}
+
+TEST_F(SlotTest, AMessageThatThereIsNoMemoryForWaitsUntilThereIs) {
+    const auto writer = plain();
+    ASSERT_TRUE(slot.open(name, 64, true, reader) && writer->Create(name, 64));
+    const std::string text(64, 'm');
+    ASSERT_TRUE(write(*writer, text) && waitForChunk());
+    LogCapture log;
+    // The first allocation of a read is the message's own.
+    bool isFirst = true;
+    failEachAllocation([&] {
+        if (!std::exchange(isFirst, false)) return;
+        EXPECT_EQ(reader.takeNow(milliseconds(0)), "");
+    });
+    EXPECT_EQ(reader.takeNow(milliseconds(0)), text);
+    EXPECT_EQ(log.count("No memory for a message of 64 bytes, stream: " + name), 1);
 }
 
 TEST_F(SlotTest, ABroadcastMessageIsNotTakenWhileItsWriterChangesIt) {

@@ -30,11 +30,7 @@ MessageAssembler::Outcome MessageAssembler::add(const ChunkHeader& chunk, const 
     if (chunk.length > capacity || chunk.length > m_total - m_message.size()) {
         return refuse(Outcome::BadLength);
     }
-    try {
-        m_message.append(data, chunk.length);
-    } catch (const std::bad_alloc&) {
-        return refuse(Outcome::BadLength);
-    }
+    if (!append(chunk, data)) return refuse(Outcome::NoMemory);
     if (chunk.index < m_count) {
         m_nextIndex = chunk.index + 1;
         return Outcome::Incomplete;
@@ -48,8 +44,13 @@ bool MessageAssembler::begin(const ChunkHeader& chunk, std::uint32_t capacity) {
     if (!isPlausibleStart(chunk, capacity)) return false;
     m_total = chunk.total;
     m_count = chunk.count;
+    return true;
+}
+
+bool MessageAssembler::append(const ChunkHeader& chunk, const char* data) {
     try {
-        m_message.reserve(std::min(m_total, kReservedAtOnce));
+        if (chunk.index == 1) m_message.reserve(std::min(m_total, kReservedAtOnce));
+        m_message.append(data, chunk.length);
     } catch (const std::bad_alloc&) {
         return false;
     }

@@ -17,6 +17,7 @@ public:
         Complete,    // taken; take() has the message
         Stray,       // no first chunk, or not the one that had to follow; what was begun is dropped
         BadLength,   // its lengths cannot be right; what was begun is dropped
+        NoMemory,    // there is no memory for it; what was begun is dropped
     };
 
     // `data` is the slot's area of `capacity` bytes. A first chunk drops what was begun before.
@@ -37,6 +38,7 @@ public:
 
 private:
     bool begin(const ChunkHeader& chunk, std::uint32_t capacity);
+    bool append(const ChunkHeader& chunk, const char* data);
     Outcome refuse(Outcome outcome);
 
     std::string m_message;

@@ -145,19 +145,21 @@ bool SegmentMapping::map(const std::string& name, bool create) {
     return false;
 }
 
-bool SegmentMapping::growToObject() {
+SegmentMapping::Growth SegmentMapping::growToObject() {
     struct stat status {};
-    if (fstat(m_file.get(), &status) != 0 || mappableSize(status) <= m_mappedSize) return false;
+    if (fstat(m_file.get(), &status) != 0 || mappableSize(status) <= m_mappedSize) {
+        return Growth::NotLarger;
+    }
     // Another process may have grown it without memory behind it.
-    if (ftruncate_mac(m_file.get(), mappableSize(status)) != 0) return false;
+    if (ftruncate_mac(m_file.get(), mappableSize(status)) != 0) return Growth::Refused;
     void* address =
         mmap(nullptr, mappableSize(status), PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), 0);
-    if (address == MAP_FAILED) return false;
+    if (address == MAP_FAILED) return Growth::Refused;
     munmap(m_address, m_mappedSize);
     m_address = address;
     m_mappedSize = mappableSize(status);
     m_capacity = m_mappedSize - sizeFor(0);
-    return true;
+    return Growth::Done;
 }
 
 SegmentMapping::State SegmentMapping::look() const {

@@ -25,9 +25,13 @@ public:
     // system cannot let it grow, it is replaced if no living process has it open. False, after one
     // log line, when it fails: error() says why, and an object that was not empty stays.
     bool open(const std::string& name, unsigned int capacity, bool create);
-    // Maps it anew at the size that the object has by now. False when that fails; the old mapping
-    // then stays.
-    bool growToObject();
+    enum class Growth {
+        Done,
+        NotLarger,  // the object has no more than is mapped
+        Refused,    // the system has no memory or address space for it; the old mapping stays
+    };
+    // Maps it anew at the size that the object has by now.
+    Growth growToObject();
     // False when the system refused to close the descriptor. The mapping is gone in either case.
     bool close();
 

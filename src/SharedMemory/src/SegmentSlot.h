@@ -80,7 +80,7 @@ public:
     // makes the object anew. False while it is not mapped.
     bool isCut();
     // Maps what another end has let the object grow to.
-    bool grow() { return m_mapping.growToObject(); }
+    SegmentMapping::Growth grow() { return m_mapping.growToObject(); }
 
     // Holds the segment's mutex for a scope, if it could be had: ask. A failure is one log line
     // until the mutex could be had again. Says no, too, when the object has been cut meanwhile.

@@ -8,6 +8,8 @@ namespace {
 
 // How often a chunk is copied again because its writer was set up anew meanwhile.
 constexpr int kCopies = 3;
+// Longer than the 2000 ms after which a writer gives its next chunk up.
+constexpr std::chrono::milliseconds kLeftForLackOfMemory{3000};
 
 }  // namespace
 
@@ -45,14 +47,11 @@ bool SlotReader::hasUnread() {
 SlotReader::Taken SlotReader::takeChunk(std::string& message) {
     for (int copy = 0; copy < kCopies; ++copy) {
         const ChunkHeader chunk = ChunkHeader::load(m_slot.header());
-        if (chunk.length > m_slot.mappedCapacity()) m_slot.grow();
         const bool replaces = chunk.index == 1 && m_assembler.inProgress();
-        const auto outcome = m_assembler.add(chunk, m_slot.data(), m_slot.mappedCapacity());
+        const auto outcome = add(chunk);
         if (replaces)
             NORVO_LOG_REPEATED(m_replaced, Warning, "Previous message is broken!", m_slot.name());
-        // Left in the slot, a later chunk is dropped as a stray; a first one never would be.
-        const bool stays = outcome == MessageAssembler::Outcome::BadLength && chunk.index != 1;
-        if (stays || m_slot.take()) return judge(outcome, chunk, message);
+        if (staysInSlot(outcome, chunk) || m_slot.take()) return judge(outcome, chunk, message);
         m_assembler.retract();
         if (!hasUnread()) break;
     }
@@ -61,9 +60,31 @@ SlotReader::Taken SlotReader::takeChunk(std::string& message) {
     return Taken::Nothing;
 }
 
+MessageAssembler::Outcome SlotReader::add(const ChunkHeader& chunk) {
+    const bool isLonger = chunk.length > m_slot.mappedCapacity();
+    if (isLonger && m_slot.grow() == SegmentMapping::Growth::Refused) {
+        m_assembler.drop();
+        return MessageAssembler::Outcome::NoMemory;
+    }
+    return m_assembler.add(chunk, m_slot.data(), m_slot.mappedCapacity());
+}
+
+// Left in the slot, a later chunk is dropped as a stray; a first one never would be. One that there
+// is no memory for is left there until its writer has told its caller, and no longer: what is
+// written next must get through.
+bool SlotReader::staysInSlot(MessageAssembler::Outcome outcome, const ChunkHeader& chunk) {
+    const bool lacksMemory = outcome == MessageAssembler::Outcome::NoMemory;
+    if (chunk.index != 1) return lacksMemory || outcome == MessageAssembler::Outcome::BadLength;
+    const auto now = lacksMemory ? Clock::now() : Clock::time_point();
+    if (lacksMemory && !m_lacksMemorySince) m_lacksMemorySince = now;
+    if (lacksMemory && now - *m_lacksMemorySince < kLeftForLackOfMemory) return true;
+    m_lacksMemorySince.reset();
+    return false;
+}
+
 SlotReader::Taken SlotReader::judge(MessageAssembler::Outcome outcome, const ChunkHeader& chunk,
                                     std::string& message) {
-    ++m_chunksTaken;
+    if (outcome != MessageAssembler::Outcome::NoMemory) ++m_chunksTaken;
     switch (outcome) {
         case MessageAssembler::Outcome::Incomplete:
             return Taken::Part;
@@ -72,6 +93,10 @@ SlotReader::Taken SlotReader::judge(MessageAssembler::Outcome outcome, const Chu
             return Taken::Message;
         case MessageAssembler::Outcome::Stray:
             NORVO_LOG_REPEATED(m_broken, Warning, "Receiving broken message", m_slot.name());
+            break;
+        case MessageAssembler::Outcome::NoMemory:
+            NORVO_LOG_REPEATED(m_noMemory, Error, "No memory for a message of ", chunk.total,
+                               " bytes, stream: ", m_slot.name());
             break;
         case MessageAssembler::Outcome::BadLength:
             NORVO_LOG_REPEATED(m_invalid, Warning, "Invalid message length. Dismiss message.",

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "LogRepeats.h"
@@ -35,6 +36,8 @@ private:
     enum class Taken { Message, Part, Nothing };
 
     Taken takeChunk(std::string& message);
+    MessageAssembler::Outcome add(const ChunkHeader& chunk);
+    bool staysInSlot(MessageAssembler::Outcome outcome, const ChunkHeader& chunk);
     Taken judge(MessageAssembler::Outcome outcome, const ChunkHeader& chunk, std::string& message);
     bool hasUnread();
     void drop();
@@ -42,9 +45,12 @@ private:
     SegmentSlot& m_slot;
     MessageAssembler m_assembler;
     unsigned long m_chunksTaken = 0;
+    // Since when the first chunk in the slot has been left there for lack of memory.
+    std::optional<Clock::time_point> m_lacksMemorySince;
     KLT::kltlogger::LogRepeats m_replaced;
     KLT::kltlogger::LogRepeats m_broken;
     KLT::kltlogger::LogRepeats m_invalid;
+    KLT::kltlogger::LogRepeats m_noMemory;
 };
 
 }  // namespace shared_memory
