@@ -65,12 +65,13 @@ void SharedMemoryBroadcast::UnlockRead() {
 }
 
 bool SharedMemoryBroadcast::writeMessage(const void* data, unsigned int length) {
+    const std::string& name = m_slot.name();
     if (length > m_slot.capacity()) {
-        NORVO_LOG_REPEATED(m_tooLong, Warning, "Message too long!", m_slot.name());
+        NORVO_LOG_REPEATED(m_tooLong, Warning, "Message too long!", name);
         return false;
     }
     if (!waitForTurn(kWriteWaitMs)) {
-        NORVO_LOG_REPEATED(m_notTaken, Error, "Failed to lock for writing!", m_slot.name());
+        NORVO_LOG_REPEATED(m_notTaken, Error, "Failed to lock for writing!", name);
         return false;
     }
     return m_broadcastWriter.publish(data, length, ElapsedMillisecond());
