@@ -6,6 +6,7 @@
 #include "ActiveVirtualChannelAgentRecorder.h"
 #include "ClientImpl.h"
 #include "ConnectionImpl.h"
+#include "Contained.h"
 #include "InfoSegments.h"
 #include "Log.h"
 #include "MessageBuilder.h"
@@ -31,6 +32,7 @@ constexpr auto kLongestSleep = std::chrono::milliseconds(500);
 // For a request to an agent whose process has ended; more than none, because the process ID it
 // reports need not be the agent's own.
 constexpr auto kPatienceWithTheDead = std::chrono::milliseconds(300);
+constexpr auto kPauseAfterFailure = std::chrono::milliseconds(100);
 
 bool isPossibleName(const std::string& name) {
     const auto isPossible = [](unsigned char c) {
@@ -136,18 +138,23 @@ void Client::Impl::join() {
 
 void Client::Impl::askLoop() {
     while (m_view->waitForDue(Clock::now() + kLongestSleep)) {
-        const unsigned int agent = m_view->agentProcessId();
-        const bool dead = agent != 0 && !isProcessAlive(agent);
-        if (dead) m_view->suspect();
-        const auto due = m_view->due(Clock::now());
-        if (!due) continue;
-        const auto patience =
-            dead ? std::min<std::chrono::milliseconds>(due->patience, kPatienceWithTheDead)
-                 : due->patience;
-        const bool taken = m_requests.send(due->text, Clock::now() + patience);
-        const auto change = m_view->finished(*due, taken, Clock::now());
-        if (change) announce(*change);
+        if (!VDIFrameworkCommon::contained("Asking the agent", [this] { ask(); }))
+            std::this_thread::sleep_for(kPauseAfterFailure);
     }
+}
+
+void Client::Impl::ask() {
+    const unsigned int agent = m_view->agentProcessId();
+    const bool dead = agent != 0 && !isProcessAlive(agent);
+    if (dead) m_view->suspect();
+    const auto due = m_view->due(Clock::now());
+    if (!due) return;
+    const auto patience =
+        dead ? std::min<std::chrono::milliseconds>(due->patience, kPatienceWithTheDead)
+             : due->patience;
+    const bool taken = m_requests.send(due->text, Clock::now() + patience);
+    const auto change = m_view->finished(*due, taken, Clock::now());
+    if (change) announce(*change);
 }
 
 void Client::Impl::add(NewsQueue& queue, News news) {

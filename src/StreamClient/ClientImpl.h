@@ -53,6 +53,7 @@ private:
     void startThreads();
     void joinInfoSegments();
     void askLoop();
+    void ask();
     void tellLoop();
     void tell(const News& news) const;
     void join();

@@ -3,9 +3,16 @@
 #include <iterator>
 #include <utility>
 
+#include "Contained.h"
+
 namespace shared_memory {
 
+using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::LocalLock;
+
+namespace {
+constexpr char kFailure[] = "An observer of a segment";
+}
 
 void ObserverSet::insert(SharedMemoryObserverI* observer) {
     if (!observer) return;
@@ -33,11 +40,11 @@ void ObserverSet::eraseAll() {
 void ObserverSet::deliver(std::string message, SharedMemoryI* source) {
     Call call = beginCallAfter(nullptr);
     for (; call.observer && !call.isLast; call = beginCallAfter(call.observer)) {
-        call.observer->onNewMessageReceived(message, source);
+        contained(kFailure, [&] { call.observer->onNewMessageReceived(message, source); });
         endCall();
     }
     if (!call.observer) return;
-    call.observer->onNewMessageReceived(std::move(message), source);
+    contained(kFailure, [&] { call.observer->onNewMessageReceived(std::move(message), source); });
     endCall();
 }
 

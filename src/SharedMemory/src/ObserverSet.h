@@ -21,6 +21,7 @@ public:
     bool empty() const { return m_empty.load(); }
 
     // Calls each observer in the set's order; the last gets `message` itself, the others a copy.
+    // What one throws is logged and keeps the message from none of the others.
     void deliver(std::string message, SharedMemoryI* source);
 
 private:

@@ -4,7 +4,13 @@
 
 #include <utility>
 
+#include "Contained.h"
+
 namespace shared_memory {
+
+namespace {
+constexpr unsigned int kPauseAfterFailureMs = 100;
+}
 
 using VDIFrameworkCommon::LocalLock;
 
@@ -68,8 +74,12 @@ void ReadThread::stop() {
 void ReadThread::run() {
     m_id = std::this_thread::get_id();
     while (m_isRunning && !endsByItself()) {
-        std::string message = m_source.read();
-        if (m_isRunning && !message.empty()) m_observers.deliver(std::move(message), &m_segment);
+        const bool done = VDIFrameworkCommon::contained("Reading for the observers", [this] {
+            std::string message = m_source.read();
+            if (m_isRunning && !message.empty())
+                m_observers.deliver(std::move(message), &m_segment);
+        });
+        if (!done) pause(kPauseAfterFailureMs);
     }
     m_id = std::thread::id();
 }

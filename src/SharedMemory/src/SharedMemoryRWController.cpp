@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "Contained.h"
 #include "LocalMutex.h"
 
 namespace shared_memory {
@@ -63,9 +64,11 @@ void SharedMemoryRWController::shutdown() {
 
 void SharedMemoryRWController::checkActiveVirtualChannelAgent() {
     while (m_running) {
-        const bool allowed = !hasOtherActiveVirtualChannelAgent();
-        m_canRead = allowed;
-        m_canWrite = allowed;
+        VDIFrameworkCommon::contained("Looking for another active agent", [this] {
+            const bool allowed = !hasOtherActiveVirtualChannelAgent();
+            m_canRead = allowed;
+            m_canWrite = allowed;
+        });
         m_event.timedWait(kCheckEveryMs);
     }
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <system_error>
 
+#include "Contained.h"
 #include "LogLine.h"
 
 namespace KLT::kltlogger {
@@ -127,8 +128,12 @@ void LogAppender::runTimer() {
             m_due = Time::max();
             m_recordWaits = false;
             lock.unlock();
-            const Time next = m_beforeWriting ? m_beforeWriting() : Time::max();
-            drain(1);
+            Time next = Time::min();  // after a failure it is tried again in a period
+            VDIFrameworkCommon::contained("Writing the log", [&] {
+                const Time wanted = m_beforeWriting ? m_beforeWriting() : Time::max();
+                drain(1);
+                next = wanted;
+            });
             lock.lock();
             setDue(std::max(next, now + kPeriod));
         }

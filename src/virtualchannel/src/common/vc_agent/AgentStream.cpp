@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Contained.h"
+
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
@@ -103,7 +105,7 @@ void Agent::Stream::WriterProcessingThread() {
         auto message = m_queue.pop(running);
         if (!message) continue;
         m_delivering.store(true, std::memory_order_relaxed);
-        deliver(*message);
+        VDIFrameworkCommon::contained("Delivering a message", [&] { deliver(*message); });
         m_delivering.store(false, std::memory_order_relaxed);
         m_spares.giveBack(std::move(*message));
     }

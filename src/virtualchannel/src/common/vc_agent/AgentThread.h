@@ -1,10 +1,11 @@
 #pragma once
 
+#include <exception>
 #include <functional>
-#include <system_error>
 #include <thread>
 #include <utility>
 
+#include "Contained.h"
 #include "SharedMemoryI.h"
 
 namespace VirtualChannelAgent {
@@ -14,7 +15,7 @@ inline bool subscribe(shared_memory::SharedMemoryI& segment,
                       shared_memory::SharedMemoryObserverI* observer) {
     try {
         segment.subscribeObserver(observer);
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         return false;
     }
     return true;
@@ -28,12 +29,15 @@ public:
     AgentThread(const AgentThread&) = delete;
     AgentThread& operator=(const AgentThread&) = delete;
 
-    // False when the system has no thread left to give.
+    // False when the system has no thread or no memory left to give. What `body` throws ends the
+    // thread and is logged.
     bool start(std::function<void()> body) {
         join();
         try {
-            m_thread = std::thread(std::move(body));
-        } catch (const std::system_error&) {
+            m_thread = std::thread([body = std::move(body)] {
+                VDIFrameworkCommon::contained("A thread of the agent", body);
+            });
+        } catch (const std::exception&) {
             return false;
         }
         return true;

@@ -1,5 +1,7 @@
 #include "OutgoingMessages.h"
 
+#include "Contained.h"
+
 namespace VirtualChannelAgent {
 
 namespace {
@@ -30,7 +32,7 @@ void OutgoingMessages::SendMessageToChannelAboutStreamThread() {
     const auto connected = [this] { return m_context.connected.load(); };
     // One thread sends, so the order holds although the queue is not locked meanwhile.
     while (const auto message = m_queue.pop(connected)) {
-        send(*message);
+        VDIFrameworkCommon::contained("Sending about a stream", [&] { send(*message); });
         if (!connected()) break;
         if (message->pace == Pace::Paced) m_context.environment->pause(kPacedPause);
     }

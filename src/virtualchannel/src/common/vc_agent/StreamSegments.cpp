@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Contained.h"
+
 namespace VirtualChannelAgent {
 
 using SegmentKind = AgentEnvironment::SegmentKind;
@@ -66,7 +68,9 @@ void StreamSegments::tryLater(std::shared_ptr<LateSegment> segment) {
 void StreamSegments::RetryThread() {
     while (!m_ended) {
         m_context.environment->wait(m_wake, kRetryPeriod);
-        if (m_ended || tryAll()) return;
+        bool done = m_ended;
+        if (!done) VDIFrameworkCommon::contained("Setting up segments", [&] { done = tryAll(); });
+        if (done) return;
     }
 }
 

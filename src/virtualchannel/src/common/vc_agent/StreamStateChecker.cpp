@@ -1,6 +1,7 @@
 #include "StreamStateChecker.h"
 
 #include "AgentStream.h"
+#include "Contained.h"
 
 namespace VirtualChannelAgent {
 
@@ -25,8 +26,10 @@ void StreamStateChecker::CheckStreamStatesThread() {
     AGENT_LOG(m_context, Info, "CheckStreamStatesThread started.");
     while (m_running) {
         m_context.environment->wait(m_wake, kCheckPeriod);
-        askAgain();
-        m_context.freeUnusedStreams();
+        VDIFrameworkCommon::contained("Looking after the streams", [this] {
+            askAgain();
+            m_context.freeUnusedStreams();
+        });
     }
     AGENT_LOG(m_context, Info, "Finishing CheckStreamStatesThread thread/method");
 }

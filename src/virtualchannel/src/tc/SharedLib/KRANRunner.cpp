@@ -3,10 +3,11 @@
 #include <fcntl.h>
 
 #include <atomic>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <vector>
 
+#include "Contained.h"
 #include "Event.h"
 #include "FileUtils.h"
 #include "LocalMutex.h"
@@ -21,6 +22,7 @@
 
 namespace NorvoVirtualChannel::tc {
 
+using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::FileUtils;
 using VDIFrameworkCommon::LocalLock;
 using VDIFrameworkCommon::ProcessUtils;
@@ -133,13 +135,16 @@ void stopThinclient() {
 void runKRANThread() {
     NORVO_LOG(Trace, "KRAN runner thread start.");
     Companion companion;
-    if (!companion.isMarkedToStop() && !companion.isRunning()) {
+    contained("Launching the thin client", [&] {
+        if (companion.isMarkedToStop() || companion.isRunning()) return;
         NORVO_LOG(Trace, "run thin client.");
         launch();
-    }
+    });
     while (runner().running) {
         runner().stop.timedWait(kRoundMilliseconds);
-        if (runner().running && !companion.isRunning()) companion.relaunchUnlessMarked();
+        contained("Looking after the thin client", [&] {
+            if (runner().running && !companion.isRunning()) companion.relaunchUnlessMarked();
+        });
     }
     stopThinclient();
     NORVO_LOG(Trace, "KRAN runner thread stopped.");
@@ -155,8 +160,8 @@ void startKRAN() {
     }
     state.running = true;
     try {
-        state.thread = std::thread(runKRANThread);
-    } catch (const std::system_error& error) {
+        state.thread = std::thread([] { contained("The runner thread", runKRANThread); });
+    } catch (const std::exception& error) {
         state.running = false;
         NORVO_LOG(Error, "cannot start the runner thread: ", error.what());
     }

@@ -19,6 +19,7 @@
 #include "VMWareVirtualChannel.h"
 
 using namespace NorvoVirtualChannel::tc;
+using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::VDIClientInfo;
 
 static_assert(offsetof(ICAWindowInfo, hwnd) == 0 && offsetof(ICAWindowInfo, reserved) == 8 &&
@@ -62,7 +63,7 @@ void containedButForThreads(const char* what, const Call& call) {
     } catch (const std::system_error&) {
         throw;
     } catch (const std::exception& failure) {
-        reportFailure(what, failure.what());
+        VDIFrameworkCommon::reportFailure(what, failure.what());
     }
 }
 

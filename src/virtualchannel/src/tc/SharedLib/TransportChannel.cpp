@@ -15,6 +15,7 @@
 
 namespace NorvoVirtualChannel::tc {
 
+using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::LocalLock;
 using namespace std::chrono_literals;
 

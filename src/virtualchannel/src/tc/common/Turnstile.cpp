@@ -8,6 +8,7 @@
 
 namespace NorvoVirtualChannel::tc {
 
+using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::LocalLock;
 
 namespace {

@@ -11,6 +11,7 @@
 namespace NorvoVirtualChannel::tc {
 
 using VDIFrameworkCommon::AdaptiveSpin;
+using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::cpuRelax;
 using VDIFrameworkCommon::currentCpu;
 using VDIFrameworkCommon::LocalLock;

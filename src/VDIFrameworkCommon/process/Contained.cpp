@@ -2,7 +2,7 @@
 
 #include "Log.h"
 
-namespace NorvoVirtualChannel::tc {
+namespace VDIFrameworkCommon {
 
 void reportFailure(const char* what, const char* why) noexcept {
     try {
@@ -11,4 +11,4 @@ void reportFailure(const char* what, const char* why) noexcept {
     }
 }
 
-}  // namespace NorvoVirtualChannel::tc
+}  // namespace VDIFrameworkCommon

@@ -2,7 +2,7 @@
 
 #include <exception>
 
-namespace NorvoVirtualChannel::tc {
+namespace VDIFrameworkCommon {
 
 // Logs that `what` has failed because of `why`, if there is memory for that.
 void reportFailure(const char* what, const char* why) noexcept;
@@ -22,4 +22,4 @@ bool contained(const char* what, const Call& call) noexcept {
     return false;
 }
 
-}  // namespace NorvoVirtualChannel::tc
+}  // namespace VDIFrameworkCommon
