@@ -57,10 +57,9 @@ TEST_F(ObserverTest, WhatOneObserverThrowsHarmsNobody) {
     const auto fail = [](auto&) { throw std::bad_alloc(); };
     Collector& failing = observe(fail);
     Collector& staying = observe();
-    const Collector& failingToo = observe(fail);
+    observe(fail);
     EXPECT_TRUE(reaches(staying, 1, "one"));
     EXPECT_TRUE(reaches(staying, 2, "two"));
-    EXPECT_TRUE(failingToo.waitForCount(2));
     reader->unsubscribeObserver(&failing);
     EXPECT_TRUE(reaches(staying, 3, "three"));
 }

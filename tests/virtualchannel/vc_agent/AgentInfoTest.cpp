@@ -73,6 +73,19 @@ TEST_F(AgentInfo, RunningStreamsAreListedAsALocalProcessSeesThem) {
                                               "StreamUp|" + infoOutputName() + "|READ"}));
 }
 
+TEST_F(AgentInfo, AStreamThatBothEndsUseAlikeIsToldToBeOfTheOtherDirection) {
+    m_side.connect();
+    m_side.request("OpenStream|Basic|10");
+    m_channel.deliver(aboutStream(CTL_S_CREATE, "Basic", kRead));
+    m_side.request("RequestNotifyStream");
+    EXPECT_TRUE(m_side.wasTold("StreamUp|Basic|READ"));
+    for (const auto& [farEnd, use] : {std::pair{kWrite, "WRITE"}, {kRead, "READ"}}) {
+        m_side.segment(infoOutputName())->forget();
+        m_channel.deliver(aboutStream(CTL_S_CREATED, "Basic", farEnd));
+        EXPECT_TRUE(m_side.wasTold(std::string("StreamUp|Basic|") + use));
+    }
+}
+
 TEST_F(AgentInfo, TheLogIsWrittenOutAtBothEndsAndMovesToAnotherDirectory) {
     TempDir dir;
     for (const std::string ending : {"/a/b", "/c/"}) {

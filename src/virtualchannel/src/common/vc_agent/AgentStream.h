@@ -66,6 +66,9 @@ public:
     // Whether a message waits for the local process or is being handed to it.
     bool hasUndelivered() const NORVO_TAKES_LEAF { return m_delivering || queued() != passed(); }
 
+    // The far side has said that its end has this one's direction: nothing can come through.
+    std::atomic<bool> conflictsWithPeer{false};
+
     // When the far side was last asked to create its end, in wall-clock milliseconds.
     std::atomic<std::uint64_t> lastCreateRequestMs{0};
 

@@ -82,7 +82,7 @@ void ControlProtocol::dumpBroken(const void* data, unsigned int length) {
 }
 
 void ControlProtocol::rejectType(unsigned char type) {
-    AGENT_LOG(m_context, Warning, "Message is not supported, type: ", type);
+    AGENT_LOG_REPEATED(m_context, m_rejected, Warning, "Message is not supported, type: ", type);
     VCMessage reply;
     reply.setMessageType(CTL_MESSAGE_TYPE_NOTSUPPORTED);
     reply.setUnsupportedMessageType(type);
@@ -92,8 +92,8 @@ void ControlProtocol::rejectType(unsigned char type) {
 void ControlProtocol::dispatch(const VCMessage& message) {
     const Handler* const handler = handlerOf(message.rawMessageType());
     if (!handler) {
-        AGENT_LOG(m_context, Warning, "Unknown ctrlOp code received '", message.rawMessageType(),
-                  "'");
+        AGENT_LOG_REPEATED(m_context, m_unknown, Warning, "Unknown ctrlOp code received '",
+                           message.rawMessageType(), "'");
         return;
     }
     if (*handler->announcement) {
@@ -124,6 +124,7 @@ void ControlProtocol::createStream(const Received& received) {
     const StreamDetails& wanted = received.stream;
     AGENT_LOG(m_context, Info, "Received CTL_S_CREATE - ", shown(wanted.name));
     if (const StreamPtr stream = findOpposite(wanted)) {
+        noteDirection(*stream, wanted.type);
         AGENT_LOG(m_context, Info,
                   "Opposite Stream exists locally. Confirm to remote agent, and start processing "
                   "it.");
@@ -145,12 +146,13 @@ void ControlProtocol::createStream(const Received& received) {
 void ControlProtocol::streamCreated(const Received& received) {
     AGENT_LOG(m_context, Info, "Received CTL_S_CREATED: ", shown(received.stream.name));
     if (const StreamPtr stream = findOpposite(received.stream)) {
+        noteDirection(*stream, received.stream.type);
         AGENT_LOG(m_context, Info, "Stream exists locally. Start processing it.");
         m_streams.StartStreamProcessor(stream, true);
         return;
     }
-    AGENT_LOG(m_context, Warning, "Stream '", shown(received.stream.name),
-              "' doesn't exist locally.");
+    AGENT_LOG_REPEATED(m_context, m_absent, Warning, "Stream '", shown(received.stream.name),
+                       "' doesn't exist locally.");
     sendError(received.stream);
 }
 
@@ -179,7 +181,7 @@ void ControlProtocol::route(const StreamPtr& stream, const Received& received) {
     const unsigned int length =
         received.message.hasRouteData() ? received.message.getRouteData(&data) : 0;
     if (length == 0 || !data) {
-        AGENT_LOG(m_context, Warning, "Route msssage is invalid.");
+        AGENT_LOG_REPEATED(m_context, m_empty, Warning, "Route msssage is invalid.");
         return;
     }
     m_streams.ProcessRoutableMessage(stream, data, length);
@@ -195,9 +197,17 @@ StreamPtr ControlProtocol::findOpposite(const StreamDetails& stream) {
     StreamPtr found = m_streams.FindInternalStream(stream.name, ours);
     if (found) found->use.note();
     if (found && utils::IsStreamTypeValid(ours) && found->type() != ours) {
-        AGENT_LOG(m_context, Warning, "Stream has the same direction at both ends: ", stream.name);
+        AGENT_LOG_REPEATED(m_context, m_conflicts, Warning,
+                           "Stream has the same direction at both ends: ", stream.name);
     }
     return found;
+}
+
+void ControlProtocol::noteDirection(Agent::Stream& stream, StreamType peers) {
+    if (stream.name() == m_context.infoOutputName) return;
+    const bool conflicts = utils::IsStreamTypeValid(peers) && stream.type() == peers;
+    if (stream.conflictsWithPeer.exchange(conflicts) == conflicts) return;
+    if (m_context.connected && stream.isRunning()) m_context.notifyStream(stream);
 }
 
 void ControlProtocol::sendError(const StreamDetails& stream) {

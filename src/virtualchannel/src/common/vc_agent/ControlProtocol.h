@@ -49,6 +49,8 @@ private:
     void sendCapabilities(MessageTypeEnum type);
 
     StreamPtr findOpposite(const StreamDetails& stream) NORVO_TAKES_STREAMS;
+    // Keeps whether both ends have the same direction, and tells local processes when that changes.
+    void noteDirection(Agent::Stream& stream, StreamType peers) NORVO_TAKES_STREAMS;
     StreamPtr recreate(const StreamDetails& wanted) NORVO_TAKES_CREATION;
     void route(const StreamPtr& stream, const Received& received) NORVO_TAKES_STREAMS;
     void sendError(const StreamDetails& stream) NORVO_TAKES_LEAF;
@@ -59,6 +61,11 @@ private:
     AgentConnection& m_connection;
     KLT::kltlogger::LogRepeats m_broken;
     KLT::kltlogger::LogRepeats m_dumps;
+    KLT::kltlogger::LogRepeats m_rejected;
+    KLT::kltlogger::LogRepeats m_unknown;
+    KLT::kltlogger::LogRepeats m_absent;
+    KLT::kltlogger::LogRepeats m_empty;
+    KLT::kltlogger::LogRepeats m_conflicts;
 };
 
 }  // namespace VirtualChannelAgent

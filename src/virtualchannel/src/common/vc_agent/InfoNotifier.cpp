@@ -105,10 +105,13 @@ void InfoNotifier::notifyRunningStreams() {
 void InfoNotifier::notifyStream(const Agent::Stream& stream) {
     const StreamPtr info = infoStream();
     if (!info) return;
+    // Of a stream that both ends use alike, only the other direction would be of use.
+    const StreamType use =
+        stream.conflictsWithPeer ? stream.type() : utils::GetMirroredSType(stream.type());
     std::string message = MessageBuilder()
                               .append("StreamUp")
                               .append(stream.name())
-                              .append(utils::STypeToString(utils::GetMirroredSType(stream.type())))
+                              .append(utils::STypeToString(use))
                               .msg();
     AGENT_LOG_REPEATED(m_context, m_streamsUp, Info, "INFO-S subscribers notified: '",
                        shown(message), "'");
