@@ -42,6 +42,12 @@ std::string requestText(const NamedEntry& stream) {
 
 }  // namespace
 
+Status AgentView::mayAddStream(const std::string& name) const {
+    LocalLock lock(m_mutex);
+    if (m_closed) return Reason::Closed;
+    return m_streams.contains(name) ? Reason::AlreadyOpen : Status();
+}
+
 Status AgentView::addStream(const std::string& name, Direction direction, unsigned int capacity) {
     LocalLock lock(m_mutex);
     if (m_closed) return Reason::Closed;

@@ -39,7 +39,9 @@ public:
         unsigned int generation;  // grows whenever the agent was lost or replaced
     };
 
-    // AlreadyOpen or Closed when it fails.
+    // AlreadyOpen or Closed when it cannot be added.
+    Status mayAddStream(const std::string& name) const;
+    // The same when it fails.
     Status addStream(const std::string& name, Direction direction, unsigned int capacity);
     void removeStream(const std::string& name);
 

@@ -32,6 +32,7 @@ constexpr auto kLongestSleep = std::chrono::milliseconds(500);
 // For a request to an agent whose process has ended; more than none, because the process ID it
 // reports need not be the agent's own.
 constexpr auto kPatienceWithTheDead = std::chrono::milliseconds(300);
+constexpr auto kListenPause = std::chrono::seconds(1);
 constexpr auto kPauseAfterFailure = std::chrono::milliseconds(100);
 
 bool isPossibleName(const std::string& name) {
@@ -72,25 +73,36 @@ Client::Impl::Impl(Options options)
       m_requests(VDIFrameworkCommon::infoRequestsName(m_options.clientName)) {
     declareProcess();
     try {
-        joinInfoSegments();
+        m_start = listen();
+        if (!m_start) NORVO_LOG(Error, "cannot listen to the agent: ", m_start.text());
         startThreads();
     } catch (const std::system_error& failure) {
         NORVO_LOG(Error, "cannot start the client's threads: ", failure.what());
-        m_start = Status(Reason::SystemError, failure.code().value());
+        {
+            LocalLock lock(m_startMutex);
+            m_start = Status(Reason::SystemError, failure.code().value());
+        }
         close();
     }
 }
 
-void Client::Impl::joinInfoSegments() {
+Status Client::Impl::listen() {
     const std::string name = VDIFrameworkCommon::infoNotificationsName(m_options.clientName);
+    m_nextListen = Clock::now() + kListenPause;
     m_info = shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
-    m_listens = m_info->Open(name, kInfoSegmentSize);
-    if (m_listens) {
-        m_info->subscribeObserver(this);
-    } else {
-        m_start = statusOf(m_info->openError());
-        NORVO_LOG(Error, "cannot listen to the agent, no segment ", name, ": ", m_start.text());
-    }
+    if (!m_info->Open(name, kInfoSegmentSize)) return statusOf(m_info->openError());
+    m_info->subscribeObserver(this);
+    m_listens = true;
+    return {};
+}
+
+// The system may have had no memory for the segment when the client started.
+void Client::Impl::listenAfterAll() {
+    if (m_listens || Clock::now() < m_nextListen) return;
+    const Status now = listen();
+    if (now) NORVO_LOG(Notice, "listening to the agent after all");
+    LocalLock lock(m_startMutex);
+    m_start = now;
 }
 
 void Client::Impl::startThreads() {
@@ -100,7 +112,10 @@ void Client::Impl::startThreads() {
 }
 
 Status Client::Impl::status() const {
-    if (!m_start) return m_start;
+    {
+        LocalLock lock(m_startMutex);
+        if (!m_start) return m_start;
+    }
     return m_closed ? Reason::Closed : Status();
 }
 
@@ -144,6 +159,7 @@ void Client::Impl::askLoop() {
 }
 
 void Client::Impl::ask() {
+    listenAfterAll();
     const unsigned int agent = m_view->agentProcessId();
     const bool dead = agent != 0 && !isProcessAlive(agent);
     if (dead) m_view->suspect();
@@ -231,10 +247,12 @@ std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, 
     const Role role = direction == Direction::Read ? Role::Reader : Role::Writer;
     if (users == For::OneProgram && shared_memory::hasEnd(name, role)) return failed(Reason::InUse);
     LocalLock lock(m_mutex);
-    if (const Status added = m_view->addStream(name, direction, capacity); !added)
-        return failed(added);
+    if (const Status free = m_view->mayAddStream(name); !free) return failed(free);
     auto impl = std::make_shared<Stream::Impl>(name, direction, m_view);
     if (const Status ready = impl->setUp(capacity); !ready) return failed(ready);
+    // The agent is asked from here on, and is to find that this process has the segment open.
+    if (const Status added = m_view->addStream(name, direction, capacity); !added)
+        return failed(added);
     std::erase_if(m_streams, [](const auto& stream) { return stream.expired(); });
     m_streams.push_back(impl);
     return impl;

@@ -51,7 +51,9 @@ private:
     // A change of the connection is not dropped while a notification can go.
     static void add(NewsQueue& queue, News news);
     void startThreads();
-    void joinInfoSegments();
+    // Opens the segment of the notifications and listens; why that failed otherwise.
+    Status listen();
+    void listenAfterAll();
     void askLoop();
     void ask();
     void tellLoop();
@@ -64,9 +66,12 @@ private:
     const Options m_options;
     const std::shared_ptr<AgentView> m_view;
     RequestWriter m_requests;
+    // The asker's alone while that runs.
     std::shared_ptr<shared_memory::SharedMemoryI> m_info;
+    Clock::time_point m_nextListen{};
     std::atomic<bool> m_listens = false;
-    Status m_start;  // how setting up ended; written by the constructor alone
+    mutable VDIFrameworkCommon::LocalMutex m_startMutex;
+    Status m_start NORVO_GUARDED_BY(m_startMutex);  // how setting up ended
     const ForkGuard m_process;
     NewsQueue m_toTell{{kMostNews}};     // for the callbacks
     NewsQueue m_toCollect{{kMostNews}};  // for nextNotification

@@ -163,7 +163,8 @@ public:
     OpenedConnection accept(const std::string& name, const ConnectionOptions& options = {});
 
     // No failure while the agent can be heard if there is one. Otherwise why its segment could not
-    // be opened (those of openStream()), or SystemError: no thread could be started.
+    // be opened (those of openStream()), which is tried again every second, or SystemError: no
+    // thread could be started.
     Status status() const;
     bool isListening() const { return static_cast<bool>(status()); }
     // True while the agents at the two ends are connected, as far as this process has heard.

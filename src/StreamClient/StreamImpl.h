@@ -14,7 +14,7 @@ namespace NorvoStreamClient {
 
 class Stream::Impl {
 public:
-    // The view knows the stream already, and forgets it when this is closed.
+    // The view is told of the stream once that is set up, and forgets it when this is closed.
     Impl(std::string name, Direction direction, std::shared_ptr<AgentView> view)
         : m_name(std::move(name)), m_direction(direction), m_view(std::move(view)) {}
     // One that could not be opened, and why.

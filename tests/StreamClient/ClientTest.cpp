@@ -86,6 +86,23 @@ TEST_F(ClientTest, SaysWhyASegmentCannotBeSetUp) {
     EXPECT_EQ(stream->write("x", 1, 1ms).reason(), Reason::CapacityMismatch);
 }
 
+TEST_F(ClientTest, HearsTheAgentOnceItsSegmentCanBeSetUp) {
+    useCrewsSegments();
+    auto late = options();
+    late.clientName = "CTLate";
+    const auto taken =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
+    ASSERT_TRUE(taken->Create("CTLate_Info_VC2STREAM", 10));
+    const bool grow = VDIFrameworkCommon::setExistingObjectsGrow(false);
+    Client client(late);
+    EXPECT_EQ(client.status().reason(), Reason::CapacityMismatch);
+    VDIFrameworkCommon::setExistingObjectsGrow(grow);
+    taken->Close();
+    FakeAgent agent("CTLate");
+    EXPECT_TRUE(client.waitUntilConnected(kLong));
+    EXPECT_TRUE(client.status());
+}
+
 TEST_F(ClientTest, ASlowCallbackHoldsUpNobodyAndIsToldOfTheLastChangeOfTheConnection) {
     FakeAgent agent(kName);
     std::promise<void> release;

@@ -311,6 +311,22 @@ TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProces
                                                   kMaxTotalStreamSize / kMaxStreamSize - 1}));
 }
 
+TEST_F(AgentStream, IsFreedWhenItsSegmentWasOpenOnlyAfterTheRequestAndNowIsNot) {
+    m_side.machine->setOpenElsewhere({});
+    const int own = m_side.machine->openSegments();
+    m_side.request("CreateStream|Media|10");
+    const auto passMinutes = [this](int count) {
+        for (; count > 0; --count) ASSERT_TRUE(m_side.machine->pass(60'000));
+    };
+    passMinutes(3);
+    EXPECT_EQ(m_side.machine->openSegments(), own + 1);
+    m_side.machine->setOpenElsewhere({"Media"});
+    passMinutes(1);
+    m_side.machine->setOpenElsewhere({});
+    passMinutes(2);
+    EXPECT_EQ(m_side.machine->openSegments(), own);
+}
+
 TEST(SpareStrings, LendMemoryThatWasGivenBackAndKeepNoMoreThanTheyMay) {
     constexpr std::size_t kMoreThanHalf = SpareStrings::kMostBytes / 2 + 1;
     const std::string message(SpareStrings::kSmallest, 'x');

@@ -186,8 +186,9 @@ void StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* 
 bool StreamService::isUnused(Agent::Stream& stream, std::uint64_t nowMs) {
     if (stream.name() == m_context.infoOutputName) return false;
     const std::uint64_t idleMs = stream.use.idleMs(nowMs);
-    if (idleMs < kFreeAfterMs || stream.use.isKept() || stream.hasUndelivered()) return false;
-    if (!m_context.environment->isSegmentInUseElsewhere(stream.name())) return true;
+    if (idleMs < kFreeAfterMs || stream.hasUndelivered()) return false;
+    // Asked first: the process may have opened the segment after it asked for the stream.
+    if (!m_context.environment->isSegmentInUseElsewhere(stream.name())) return !stream.use.isKept();
     stream.use.seenOpen();
     stream.use.note();
     return false;
