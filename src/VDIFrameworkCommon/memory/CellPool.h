@@ -59,8 +59,10 @@ private:
     static std::size_t lapOf(std::size_t position) { return position - position % kSlots; }
 
     bool isOwn(const void* cell) const {
-        const std::less<const void*> before;
-        return !before(cell, m_cells.data()) && before(cell, m_cells.data() + Count);
+        const std::less<> before;
+        const void* const first = m_cells.data();
+        const void* const end = m_cells.data() + Count;
+        return !before(cell, first) && before(cell, end);
     }
 
     // The next slot whose turn is `offset` past its lap, which is then the caller's own, with its
