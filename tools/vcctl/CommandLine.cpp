@@ -104,6 +104,7 @@ void Command::run(const std::function<void()>& action) { m_app->callback(action)
 
 void addKindOption(Command& command, std::string& kind) {
     std::vector<std::string> names;
+    names.reserve(kChannelKinds.size());
     for (const ChannelKind& each : kChannelKinds) names.emplace_back(each.name);
     command.argument("--kind", kind, ("Transport: " + channelKindNames()).c_str())
         .oneOf(names)
