@@ -1,5 +1,6 @@
 #include "OpenFailure.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace shared_memory {
@@ -29,6 +30,15 @@ std::string reason(const OpenError& error) {
 }
 
 }  // namespace
+
+OpenError openErrorFor(int error) {
+    const bool lacksSpace = error == ENOSPC || error == ENOMEM || error == EFBIG;
+    const bool isRefused = error == EACCES || error == EPERM;
+    return {lacksSpace  ? OpenFailure::NoSpace
+            : isRefused ? OpenFailure::NoPermission
+                        : OpenFailure::SystemError,
+            error, 0, -1};
+}
 
 std::string describe(const OpenError& error) {
     std::string text = reason(error);

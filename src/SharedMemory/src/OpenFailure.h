@@ -26,6 +26,9 @@ struct OpenError {
     long holder = -1;
 };
 
+// What the system's refusal with this errno means.
+OpenError openErrorFor(int error);
+
 // One clause without a full stop: "no memory is left for it (No space left on device)".
 std::string describe(const OpenError& error);
 

@@ -35,13 +35,6 @@ std::string objectNameOf(const std::string& name) {
     return std::to_string(geteuid()) + SegmentMapping::prefixed(name);
 }
 
-bool isLackOfSpace(int error) { return error == ENOSPC || error == ENOMEM || error == EFBIG; }
-
-OpenFailure failureFor(int error) {
-    if (isLackOfSpace(error)) return OpenFailure::NoSpace;
-    return error == EACCES || error == EPERM ? OpenFailure::NoPermission : OpenFailure::SystemError;
-}
-
 unsigned int mappableSize(const struct stat& status) {
     constexpr auto kMost = std::numeric_limits<unsigned int>::max();
     return static_cast<unsigned int>(
@@ -88,7 +81,7 @@ bool SegmentMapping::openObject(const std::string& name, bool create) {
     m_objectName = objectNameOf(name);
     m_file.reset(shm_open_mac(m_objectName, O_RDWR | (create ? O_CREAT : 0), 0600));
     if (m_file) return true;
-    fail(failureFor(errno), errno);
+    m_error = openErrorFor(errno);
     const ObjectHolder holder = holderOfSharedMemory(m_objectName);
     if (holder.isForeign) {
         m_error.failure = OpenFailure::NameTaken;
@@ -106,7 +99,7 @@ SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int
     if (fstat(m_file.get(), &status) == 0 && ftruncate_mac(m_file.get(), totalSize) == 0) {
         return Sized::Yes;
     }
-    fail(failureFor(errno), errno);
+    m_error = openErrorFor(errno);
     const bool cannotGrow = status.st_size > 0 && m_error.error == EINVAL;
     if (cannotGrow && create && !isSegmentInUse(name)) {
         NORVO_LOG(Notice, "Shared memory is too small and nobody uses it, made anew: ", name);
@@ -139,7 +132,7 @@ bool SegmentMapping::map(const std::string& name, bool create) {
             return true;
         }
     }
-    fail(failureFor(errno), errno);
+    m_error = openErrorFor(errno);
     NORVO_LOG(Error, "mmap failure, failed to map shared memory: ", name, ": ", describe(m_error));
     if (create && !isSegmentInUse(name)) shm_unlink_mac(m_objectName);
     return false;

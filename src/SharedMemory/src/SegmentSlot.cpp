@@ -1,6 +1,7 @@
 #include "SegmentSlot.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <thread>
 
@@ -74,6 +75,7 @@ bool SegmentSlot::start(unsigned int capacity, bool create, bool isRenewed) {
 bool SegmentSlot::createObjects() {
     const std::string object = kSegmentObjectPrefix + m_name;
     if (!m_mutex.create(object.c_str())) {
+        m_error = openErrorFor(errno);
         NORVO_LOG(Error, "CreateMutex for shared memory start failed, stream: ", m_name);
         return false;
     }
@@ -83,12 +85,14 @@ bool SegmentSlot::createObjects() {
     // Frees it if its owner has died.
     m_mutex.unlock();
     if (!m_readCondition.create((object + kReadConditionSuffix).c_str())) {
+        m_error = openErrorFor(errno);
         NORVO_LOG(Error,
                   "Create condition for reading shared memory start failed, stream: ", m_name);
         return false;
     }
     NORVO_LOG(Info, "Create condition for reading shared memory start succeed, stream: ", m_name);
     if (!m_writeCondition.create((object + kWriteConditionSuffix).c_str())) {
+        m_error = openErrorFor(errno);
         NORVO_LOG(Error,
                   "Create condition for writing to  shared memory start failed, stream: ", m_name);
         return false;

@@ -145,11 +145,13 @@ std::shared_ptr<NamedObject> NamedObject::openWith(Kind kind, const char* name, 
     const FileDescriptor file(shm_open_mac(objectName, flags, S_IRUSR | S_IWUSR));
     if (!file && errno == ENOENT && (flags & O_CREAT) == 0) return nullptr;
     if (!file) {
-        const std::string reason = std::strerror(errno);
+        const int error = errno;
+        const std::string reason = std::strerror(error);
         const ObjectHolder holder = holderOfSharedMemory(objectName);
         NORVO_LOG(Error, "Cannot open named ", textOf(kind), ' ', name, ": ", reason,
                   holder.isForeign ? ", user " + std::to_string(holder.user) + " holds the name"
                                    : std::string());
+        errno = error;
         return nullptr;
     }
     return map(kind, name, objectName, file.get());
@@ -159,12 +161,15 @@ std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name
                                               const std::string& objectName, int fd) {
     struct stat status;
     if (!sizeObject(fd, status)) {
-        NORVO_LOG(Error, "Cannot size named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
+        const int error = errno;
+        NORVO_LOG(Error, "Cannot size named ", textOf(kind), ' ', name, ": ", std::strerror(error));
+        errno = error;
         return nullptr;
     }
     if (!isPrivate(status) || status.st_size < static_cast<off_t>(NamedObject::kSize)) {
         NORVO_LOG(Warning, "Refused named ", textOf(kind), ' ', name,
                   ": its object is open to other users or has the wrong size");
+        errno = EACCES;
         return nullptr;
     }
     const Place place{status.st_dev, status.st_ino};
@@ -172,13 +177,16 @@ std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name
     if (auto known = registry.find(objectName, place)) return known;
     void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (memory == MAP_FAILED) {
-        NORVO_LOG(Error, "Cannot map named ", textOf(kind), ' ', name, ": ", std::strerror(errno));
+        const int error = errno;
+        NORVO_LOG(Error, "Cannot map named ", textOf(kind), ' ', name, ": ", std::strerror(error));
+        errno = error;
         return nullptr;
     }
     if (!claimIdent(*static_cast<NamedObjectWords*>(memory), identOf(kind))) {
         NORVO_LOG(Warning, "Refused named ", textOf(kind), ' ', name,
                   ": its object has another layout");
         munmap(memory, kSize);
+        errno = EACCES;
         return nullptr;
     }
     return registry.add(

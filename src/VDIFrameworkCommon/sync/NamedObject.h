@@ -63,7 +63,7 @@ public:
 
     // Opens the object of that kind and name for this user and session namespace, making it when
     // there is none. Null, after one log line, when the system refuses, or when what has that name
-    // is of another user, open to others, or not of this layout.
+    // is of another user, open to others, or not of this layout (EACCES); errno says why.
     static std::shared_ptr<NamedObject> open(Kind kind, const char* name);
     // The same without making one: null, without a log line, when there is none.
     static std::shared_ptr<NamedObject> openExisting(Kind kind, const char* name);
