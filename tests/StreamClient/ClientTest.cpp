@@ -100,7 +100,7 @@ TEST_F(ClientTest, HearsTheAgentOnceItsSegmentCanBeSetUp) {
     taken->Close();
     FakeAgent agent("CTLate");
     EXPECT_TRUE(client.waitUntilConnected(kLong));
-    EXPECT_TRUE(client.status());
+    EXPECT_TRUE(testsupport::eventually([&] { return client.isListening(); }));
 }
 
 TEST_F(ClientTest, ASlowCallbackHoldsUpNobodyAndIsToldOfTheLastChangeOfTheConnection) {
