@@ -124,6 +124,12 @@ private:
     KLT::kltlogger::LogRepeats m_ignored;
 };
 
+void launchUnlessRunning(Companion& companion) {
+    if (companion.isMarkedToStop() || companion.isRunning()) return;
+    NORVO_LOG(Trace, "run thin client.");
+    launch();
+}
+
 void stopThinclient() {
     NORVO_LOG(Trace, "kill thinclient processes");
     const std::string identifier = applicationIdentifier();
@@ -135,11 +141,7 @@ void stopThinclient() {
 void runKRANThread() {
     NORVO_LOG(Trace, "KRAN runner thread start.");
     Companion companion;
-    contained("Launching the thin client", [&] {
-        if (companion.isMarkedToStop() || companion.isRunning()) return;
-        NORVO_LOG(Trace, "run thin client.");
-        launch();
-    });
+    contained("Launching the thin client", [&] { launchUnlessRunning(companion); });
     while (runner().running) {
         runner().stop.timedWait(kRoundMilliseconds);
         contained("Looking after the thin client", [&] {
