@@ -21,7 +21,6 @@ using bench::Sample;
 
 constexpr char kOurs[] = "vcctl host";
 constexpr char kBaseline[] = "baseline";
-constexpr const char* kKinds[] = {"tcp", "citrix", "rdp", "vmware"};
 
 constexpr Bounds mustBeAtMost(double must) { return atMost(must, must); }
 constexpr Bounds mustBeAtLeast(double must) { return atLeast(must, must); }
@@ -154,7 +153,8 @@ void declareOfEveryKind(bench::Suite& suite, const std::string& kind) {
 BENCH_SUITE(flow, "streams that compete for one channel: delays, shares, memory, cuts, the end") {
     if (suite.settings().baselineLibrary.empty())
         suite.note("without --baseline-library nothing is compared with an earlier build");
-    for (const char* kind : kKinds) declareOfEveryKind(suite, kind);
+    for (const auto& kind : NorvoVirtualChannel::kChannelKinds)
+        declareOfEveryKind(suite, kind.name);
     declarePing(suite, 4, 1, 0.95);
     declarePing(suite, 16, 1.5, 0.94);
     declarePing(suite, 64, 3, 0.86);

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstddef>
 
+#include "ChannelKinds.h"
+
 namespace bench {
 
 struct PacedKind {
@@ -12,10 +14,15 @@ struct PacedKind {
     double pause;           // seconds, after every 10 packets
 };
 
+constexpr PacedKind pacedKind(NorvoVirtualChannel::ChannelType type, double pause) {
+    const auto* const kind = NorvoVirtualChannel::findChannelKind(type);
+    return {kind->name, kind->maxPacket, pause};
+}
+
 inline constexpr std::array<PacedKind, 3> kPacedKinds{{
-    {"citrix", 4992, 0.003},
-    {"rdp", 1500, 0.003},
-    {"vmware", 1000, 0.010},
+    pacedKind(NorvoVirtualChannel::kCitrix, 0.003),
+    pacedKind(NorvoVirtualChannel::kRdp, 0.003),
+    pacedKind(NorvoVirtualChannel::kVMware, 0.010),
 }};
 
 // Stream messages of `size` bytes in a second at most; the last packet of each may be short.
