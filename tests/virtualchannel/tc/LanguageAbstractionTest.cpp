@@ -39,8 +39,9 @@ CHILD_ROLE(closesTheLibrary) {
     return channelName() == std::string("NRVOCW") ? 0 : 3;
 }
 
+// The leak check cannot look at the threads of a library that was closed, and crashes.
 TEST(PluginLibraryAcrossProcesses, StaysWhenTheHostClosesIt) {
-    EXPECT_EQ(ChildProcess("closesTheLibrary").wait(), 0);
+    EXPECT_EQ(ChildProcess("closesTheLibrary", {}, {"ASAN_OPTIONS=detect_leaks=0"}).wait(), 0);
 }
 
 // ---- The log
