@@ -7,7 +7,7 @@
 
 namespace NorvoVirtualChannel {
 
-// By the numbers that hosts know them by (LanguageAbstraction.h).
+// The numbers that hosts use (LanguageAbstraction.h).
 enum ChannelType : int { kCitrix = 1, kVMware = 2, kRdp = 3, kTcpSocket = 4 };
 
 struct ChannelKind {
@@ -23,7 +23,7 @@ inline constexpr std::array<ChannelKind, 4> kChannelKinds{{
     {kTcpSocket, "tcp", 1500},
 }};
 
-// Null for a number that is no kind's.
+// Null for an unknown number.
 constexpr const ChannelKind* findChannelKind(int type) {
     const auto* const found =
         std::find_if(kChannelKinds.begin(), kChannelKinds.end(),

@@ -1,10 +1,9 @@
-# libNorvoCrewsVirtualChannel: the layer below, whole, with the functions of exports.txt visible and
-# nothing else.
+# libNorvoCrewsVirtualChannel: the whole layer below, exporting only the functions in exports.txt.
 set(exports ${CMAKE_CURRENT_SOURCE_DIR}/SharedLib/exports.txt)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${exports})
 file(STRINGS ${exports} names)
 
-# No source of its own is worth compiling; CMake wants to know the language.
+# The library has no source of its own; the empty one tells CMake the language.
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/plugin.cpp "")
 add_library(NorvoCrewsVirtualChannel SHARED ${CMAKE_CURRENT_BINARY_DIR}/plugin.cpp)
 target_link_libraries(NorvoCrewsVirtualChannel
@@ -34,7 +33,7 @@ else()
     target_link_options(NorvoCrewsVirtualChannel PRIVATE
         "LINKER:--version-script,${list}" "LINKER:--no-undefined-version"
         "LINKER:-Bsymbolic-functions" "LINKER:-z,nodelete")
-    # A sanitizer's runtime is in the program.
+    # A sanitizer's runtime is linked into the program.
     if(NOT NORVO_SANITIZE)
         target_link_options(NorvoCrewsVirtualChannel PRIVATE "LINKER:--no-undefined")
     endif()

@@ -7,7 +7,7 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// Kind 1. Shutdown() ends it for good, worker included, once an observer has been attached.
+// Kind 1. Shutdown() ends it for good, and if an observer is attached, also its worker and agent.
 class CitrixVirtualChannel final : public TransportChannel {
 public:
     // Made on the first call, from any thread, and never deleted.
@@ -19,7 +19,7 @@ public:
     int SendData(const void* data, unsigned int length, bool lowPriority) override;
     int ReceiveData(const void* data, unsigned int length) override;
 
-    // The session's window as the host tells it; zeros when it does not.
+    // The session's window as reported by the host; zeros without a callback.
     ICAWindowInfo GetICAWindowInfo();
 
 private:

@@ -12,17 +12,17 @@ namespace NorvoVirtualChannel::tc {
 // One wire packet on its way to the host.
 class DataWorker final : public WorkObject {
 public:
-    // Copies the `size` bytes at `data`. `verbose` is the flag that goes with them to the host;
+    // Copies the `size` bytes at `data`. `verbose` is the flag passed to the host with them;
     // `packetId` is only traced.
     DataWorker(const void* data, unsigned int size, bool verbose, int packetId);
-    // Takes a valid packet over and sends it from where it lies.
+    // Takes ownership of a valid packet and sends it without a copy.
     DataWorker(std::unique_ptr<Packet> packet, bool verbose);
     ~DataWorker() override;
-    // Made by senders, destroyed by the worker.
+    // Allocated by senders, freed by the worker.
     static void* operator new(std::size_t size);
     static void operator delete(void* memory);
 
-    // Hands the bytes to the host's append callback, once, if the outgoing gate is open. Always 0.
+    // Passes the bytes once to the host's append callback if the outgoing gate is open. Returns 0.
     int DoWork() override;
 
 private:

@@ -6,8 +6,8 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// A channel that drops packets, either way, unless the host has called it active while an observer
-// was attached.
+// A channel that drops packets in both directions unless the host has called it active while an
+// observer was attached.
 class GatedChannel : public TransportChannel {
 protected:
     using TransportChannel::TransportChannel;

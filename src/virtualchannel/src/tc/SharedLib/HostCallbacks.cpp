@@ -8,7 +8,7 @@ namespace NorvoVirtualChannel::tc {
 using VDIFrameworkCommon::LocalLock;
 
 namespace {
-constexpr char kQuestion = 0;  // its address is the mark of a thread that asks the host
+constexpr char kQuestion = 0;  // its address marks a thread that is inside a host callback
 }
 
 HostCallbacks& HostCallbacks::GetInstance() {

@@ -8,8 +8,8 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// What the host has lent the plug-in, and the gate that outgoing packets pass. One per process.
-// Thread-safe; no lock is held while a callback runs.
+// The host's callbacks, and the gate for outgoing packets. One per process. Thread-safe; no lock is
+// held while a callback runs.
 class HostCallbacks {
 public:
     static HostCallbacks& GetInstance();
@@ -18,11 +18,11 @@ public:
     HostCallbacks(const HostCallbacks&) = delete;
     HostCallbacks& operator=(const HostCallbacks&) = delete;
 
-    // Null takes the callback away. A call of the old one may still be under way on return.
+    // Null removes the callback. A call of the old one may still be running on return.
     void setAppendBuffer(AppendBufferFunc append, void* context);
     void setActive(bool active) { m_active = active; }
-    // Hands the bytes to the host's callback if the gate is open; else drops them with a log line.
-    // Always 0.
+    // Passes the bytes to the host's callback if the gate is open; else drops them with a log line.
+    // Returns 0.
     std::uint32_t appendData(const void* data, std::uint32_t length, bool flag);
 
     void setIsSeamlessMode(IsSeamlessModeFunc function) { m_isSeamlessMode = function; }
@@ -31,12 +31,12 @@ public:
         m_getClientWindow = function;
     }
 
-    // The callbacks' answers; without a callback -1, zeros and null.
+    // The callbacks' results; without a callback -1, zeros and null.
     int isSeamlessMode() const;
     ICAWindowInfo windowInfo() const;
     void* clientWindow(void* serverWindow) const;
 
-    // True on a thread that is inside one of the three questions above.
+    // Whether the calling thread is inside one of these three callbacks.
     static bool askedByThisThread();
 
 private:

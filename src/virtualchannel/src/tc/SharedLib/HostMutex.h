@@ -4,7 +4,7 @@
 #include <mutex>
 #include <thread>
 
-// The mutex lent to the host: not recursive, and checked, since the host may misuse it.
+// The mutex type offered to the host: not recursive, and checked, since the host may misuse it.
 struct NorvoMutex {
 public:
     NorvoMutex() = default;
@@ -13,10 +13,11 @@ public:
     NorvoMutex(const NorvoMutex&) = delete;
     NorvoMutex& operator=(const NorvoMutex&) = delete;
 
-    // A thread that holds the mutex already gets a log line instead of a deadlock.
+    // On a thread that already holds the mutex, lock() logs a line instead of deadlocking, and
+    // tryLock() returns false.
     void lock();
     bool tryLock();
-    // Nothing but a log line when the calling thread does not hold the mutex.
+    // Only logs a line when the calling thread does not hold the mutex.
     void unlock();
 
 private:
@@ -28,8 +29,8 @@ private:
 
 namespace NorvoVirtualChannel::tc {
 
-// The mutex that `*slot` points at, made first when there is none; threads that do so at once get
-// the same one. Null, with a log line, for a null `slot`.
+// The mutex that `*slot` points to, made first if null; threads that do so at once get the same
+// one. Null, with a log line, for a null `slot`.
 NorvoMutex* mutexIn(NorvoMutex** slot);
 
 }  // namespace NorvoVirtualChannel::tc

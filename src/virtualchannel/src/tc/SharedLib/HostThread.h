@@ -6,13 +6,14 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// The place of one thread that the host has started through the plug-in. Thread-safe.
+// Holds one thread that the host has started through the plug-in. Thread-safe.
 class HostThread {
 public:
-    // Runs `entry` on a new thread; nothing for a null one. Ends the process when the place is
-    // taken. Throws std::system_error, "thread constructor failed", when the system has no thread.
+    // Runs `entry` on a new thread; a null one is ignored. Ends the process if there is a thread
+    // already. Throws std::system_error, "thread constructor failed", when no thread can be
+    // created.
     void create(void (*entry)());
-    // Joins the thread and empties the place; nothing when it is empty, or on the thread itself.
+    // Joins and removes the thread; does nothing without one, or on the thread itself.
     void destroy();
 
 private:

@@ -41,7 +41,7 @@ struct Runner {
     VDIFrameworkCommon::Event stop{true};
 };
 
-// Never destroyed: the thread may run until the process is gone.
+// Never destroyed: the thread may run until the process exits.
 Runner& runner() {
     static auto* const instance = new Runner;
     return *instance;
@@ -53,7 +53,7 @@ const char* launchMutexName() {
                : kStartCrewsMutex;
 }
 
-// Empty for a client type without a companion.
+// Empty for a client type without a companion application.
 std::string applicationIdentifier() {
     switch (VDIClientInfo::getInstance().getClientType()) {
         case VDIClientType::Crews:
@@ -85,12 +85,12 @@ void launch() {
     }
 }
 
-// What the runner's thread keeps from round to round.
+// State that the runner's thread keeps between rounds.
 class Companion {
 public:
     Companion() {
         m_launchMutex.create(launchMutexName());
-        m_launchMutex.unlock();  // what a dead process may have left locked
+        m_launchMutex.unlock();  // in case a dead process left it locked
     }
 
     bool isRunning() {
@@ -98,7 +98,7 @@ public:
         return !identifier.empty() && m_watch.isRunning(identifier);
     }
 
-    // Anybody can put a file there, so whose it is matters.
+    // Anybody can put a file there, so check its owner.
     bool isMarkedToStop() {
         if (!FileUtils::fileExists(m_marker)) return false;
         if (FileUtils::isOwnFile(m_marker)) return true;
@@ -179,7 +179,7 @@ void stopKRAN() {
         return;
     }
     state.running = false;
-    // The thread may have taken the first signal before it could see the flag.
+    // The thread may have consumed the first signal before the flag was cleared.
     state.stop.set();
     state.thread.join();
     NORVO_LOG(Trace, "KRAN runner thread stopped.");

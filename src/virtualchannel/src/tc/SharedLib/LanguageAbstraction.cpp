@@ -40,7 +40,7 @@ namespace {
 
 std::atomic<std::uint32_t> g_kind{0};
 
-// The channel of a kind, made on first use; null for an unknown one.
+// The channel of a kind, made on first use; null for an unknown kind.
 TransportChannel* channelOf(std::uint32_t kind) {
     using GetChannel = TransportChannel* (*)();
     constexpr GetChannel kChannels[] = {
@@ -52,10 +52,10 @@ TransportChannel* channelOf(std::uint32_t kind) {
     return kind >= 1 && kind <= std::size(kChannels) ? kChannels[kind - 1]() : nullptr;
 }
 
-// The one that the host has chosen.
+// The channel that the host has chosen.
 TransportChannel* currentChannel() { return channelOf(g_kind); }
 
-// What contained() does, for functions that are to say that there is no thread to be had.
+// Like contained(), but lets the error through that no thread could be created.
 template <class Call>
 void containedButForThreads(const char* what, const Call& call) {
     try {
@@ -69,7 +69,7 @@ void containedButForThreads(const char* what, const Call& call) {
 
 HostCallbacks& host() { return HostCallbacks::GetInstance(); }
 
-// Never destroyed: a thread that the host has left running must not end the process at its exit.
+// Never destroyed: destroying a thread that the host left running would terminate the process.
 HostThread& pluginThread() {
     static HostThread* const only = new HostThread;
     return *only;
@@ -90,7 +90,7 @@ void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
         VDIClientInfo::getInstance().setClientType(VDIFrameworkCommon::VDIClientType::Crews);
         logMessage(host_level::kEvent, "InitialiseChannel()");
         logMessage(host_level::kEvent, VDIClientInfo::getInstance().getClientName().c_str());
-        // First, as a channel that cannot be made must not take the place of one that runs.
+        // First: a channel that cannot be made must not replace a running one.
         if (TransportChannel* const channel = channelOf(kind)) channel->OnChannelInitialize();
         host().setAppendBuffer(append, context);
         g_kind = kind;

@@ -13,21 +13,21 @@ namespace NorvoVirtualChannel::tc {
 // Whether an observer is called by one thread at a time.
 enum class ObserverCalls { OneAtATime, Concurrent };
 
-// The place of a channel's one observer, which is not owned. Thread-safe; no lock is held while the
-// observer runs, and it may come back into the slot on its own thread.
+// Holds a channel's one observer, not owned. Thread-safe; no lock is held while the observer runs,
+// and it may call back into the slot on its own thread.
 class ObserverSlot {
 public:
     explicit ObserverSlot(ObserverCalls calls) : m_calls(calls) {}
 
-    // Replaces the observer; null empties the place. With OneAtATime, calls of the old one by other
-    // threads are over on return.
+    // Replaces the observer; null removes it. With OneAtATime, other threads' calls of the old one
+    // have ended on return.
     void set(Observer* observer);
 
-    // Empties the place and waits until no other thread is inside the observer. False when one
-    // still was after `limit`.
+    // Removes the observer and waits until no other thread is inside it. False when one still is
+    // after `limit`.
     bool clearAndWait(std::chrono::milliseconds limit);
 
-    // Calls `call` with the observer, when there is one. Whether there was.
+    // Calls `call` with the observer, if any. Returns whether there was one.
     template <class Call>
     bool notify(const Call& call) {
         Observer* const observer = enter();
@@ -41,12 +41,12 @@ public:
     bool insideOnThisThread() const { return ReentryMark::isSet(this); }
 
 private:
-    // Ends a call, however it ends.
+    // Ends a call, also when it throws.
     class Visit {
     public:
         explicit Visit(ObserverSlot& slot) : m_slot(slot) { m_mark.emplace(&slot); }
         ~Visit() {
-            m_mark.reset();  // leave() asks whether this was the thread's outermost call
+            m_mark.reset();  // leave() checks whether this was the thread's outermost call
             m_slot.leave();
         }
         Visit(const Visit&) = delete;
@@ -67,10 +67,10 @@ private:
     VDIFrameworkCommon::LocalMutex m_mutex;
     VDIFrameworkCommon::LocalCondition m_left;
     Observer* m_observer NORVO_GUARDED_BY(m_mutex) = nullptr;
-    // With OneAtATime, threads are served in the order they came.
+    // With OneAtATime, threads are served in order of arrival.
     std::uint64_t m_nextTicket NORVO_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_turn NORVO_GUARDED_BY(m_mutex) = 0;
-    int m_inside NORVO_GUARDED_BY(m_mutex) = 0;  // calls under way, nested ones counted too
+    int m_inside NORVO_GUARDED_BY(m_mutex) = 0;  // running calls, nested ones included
 };
 
 }  // namespace NorvoVirtualChannel::tc

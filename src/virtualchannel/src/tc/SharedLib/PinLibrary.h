@@ -2,7 +2,7 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// Keeps the library that this code lies in loaded until the process ends, whatever the host closes:
+// Keeps the library that contains this code loaded until the process ends, even after dlclose():
 // its threads must not lose their code.
 void pinLibrary();
 

@@ -9,7 +9,7 @@ namespace NorvoVirtualChannel::tc {
 
 namespace {
 
-// The host knows this log by the function it calls.
+// Names the source of the function that the host calls.
 constexpr char kSource[] = "src/virtualchannel/src/tc/SharedLib/LanguageAbstraction";
 
 std::string logFilePath() {

@@ -12,9 +12,9 @@ inline constexpr int kError = 5;
 inline constexpr int kFatal = 6;
 }  // namespace host_level
 
-// Writes one line at one of the host's levels; others are dropped. The first call, whatever its
-// level, sets up the log file: HOME + "/Library/Logs/norvouvdi/VirtualChannel.log", or no file
-// without a HOME. Thread-safe.
+// Writes one line at one of the host's levels; lines at other levels are dropped. The first call,
+// at any level, sets up the log file: HOME + "/Library/Logs/norvouvdi/VirtualChannel.log", or none
+// when HOME is not set. Thread-safe.
 void logMessage(int level, const char* message);
 
 }  // namespace NorvoVirtualChannel::tc

@@ -4,8 +4,8 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// Kind 3. Calls its observer from several threads at once, counts a runner with every
-// initialisation, and goes on carrying packets after Shutdown().
+// Kind 3. Calls its observer from several threads at once, adds a runner on every initialisation,
+// and still carries packets after Shutdown().
 class RDPVirtualChannel final : public TransportChannel {
 public:
     // Made on the first call, from any thread, and never deleted.

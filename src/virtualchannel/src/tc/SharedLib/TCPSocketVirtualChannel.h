@@ -4,8 +4,8 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// Kind 4. Sends without pauses, everything at high priority. Shutdown() closes it until the host
-// calls it active again.
+// Kind 4. Sends without pauses and at high priority only. Shutdown() closes it until the host calls
+// it active again.
 class TCPSocketVirtualChannel final : public GatedChannel {
 public:
     // Made on the first call, from any thread, and never deleted.

@@ -37,7 +37,7 @@ struct TransportChannel::Parts {
     WorkerThread worker;
 };
 
-// A message on its way out, made into the work of handing its packets to the host.
+// An outgoing message, cut into work items that pass its packets to the host.
 class TransportChannel::OutgoingMessage final : public Turnstile::Message {
 public:
     OutgoingMessage(const ChannelProfile& profile, const void* data, unsigned int length)
@@ -82,7 +82,7 @@ std::shared_ptr<TransportChannel::Parts> TransportChannel::parts() {
 
 // ---- Life
 
-// Both operations wait for threads that may be waiting for the callback to return.
+// OnChannelInitialize() and Shutdown() wait for threads that may wait for the callback to return.
 bool TransportChannel::insideCallback(const char* operation) const {
     if (!HostCallbacks::askedByThisThread() && !m_observer.insideOnThisThread()) return false;
     CHANNEL_LOG(Warning, operation, " from inside a callback is ignored.");

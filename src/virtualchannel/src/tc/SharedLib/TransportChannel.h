@@ -1,5 +1,5 @@
-// What all kinds of channel have in common. A kind is a class of its own over it that states its
-// profile and the few steps that differ.
+// The common base of all kinds of channel. Each kind derives a class with its profile and the few
+// steps that differ.
 #pragma once
 
 #include <atomic>
@@ -20,7 +20,7 @@ class Agent;
 
 namespace NorvoVirtualChannel::tc {
 
-// What makes a kind.
+// The parameters of a kind.
 struct ChannelProfile {
     ChannelType type;
     int maxMsgSize;  // largest packet in bytes, header included
@@ -33,11 +33,11 @@ struct ChannelProfile {
 };
 
 // One transport: cuts messages into packets that its worker hands to the host, joins received
-// packets for its observer, and owns the agent. Any operation on any thread, in any order, also
-// while another one runs Shutdown().
+// packets for its observer, and owns the agent. Any operation may be called on any thread, in any
+// order, also during a Shutdown() on another.
 //
-// A concrete class ends what the constructor began by calling release() in its destructor; a
-// channel is destroyed only when nobody uses it any more.
+// A concrete class must call release() in its destructor. A channel is destroyed only when it is no
+// longer in use.
 class TransportChannel : public VirtualChannel, public PacketizationObserver {
 public:
     ~TransportChannel() override;
@@ -46,15 +46,17 @@ public:
 
     // ---- The host's side
 
-    // Makes the agent, unless there is one. 0.
+    // Makes the agent, unless there is one. Returns 0.
     virtual int OnChannelInitialize();
-    // Takes in one received packet; what it completes is delivered before the call returns. 0, also
-    // when the packet is dropped; -1 when the channel refuses packets for good. A packet that comes
-    // from inside a delivery, on its thread, is dropped.
+    // Takes one received packet; a message that it completes is delivered before the call returns.
+    // 0, also when the packet is dropped; -1 when the channel refuses packets for good. A packet
+    // received inside a delivery, on the same thread, is dropped.
     virtual int ReceiveData(const void* data, unsigned int length);
-    // 1 available, 0 not available; other states are ignored, and so is any without an observer.
+    // 1: available, 0: not available; other states are ignored. Without an observer, a GatedChannel
+    // neither opens nor closes.
     void ChannelActive(int state);
-    // Ends the agent, and what else the kind ends. Ignored inside a question to the host.
+    // Ends the agent, and what else the kind ends. Ignored inside a host callback or an observer
+    // call.
     void Shutdown();
 
     // ---- VirtualChannel
@@ -82,53 +84,52 @@ protected:
     // Starts the worker. `pause` as in WorkerThread.
     TransportChannel(const ChannelProfile& profile, WorkerThread::Pause pause);
 
-    // ---- What a kind may have of its own
+    // ---- What a kind may override
 
-    virtual bool isOpen() { return true; }                  // packets pass, either way
-    virtual void beforeAvailabilityChange(bool available);  // called inside the observer's turn
+    virtual bool isOpen() { return true; }                  // packets pass, in both directions
+    virtual void beforeAvailabilityChange(bool available);  // called within the observer call
     virtual void shutdownSteps() NORVO_REQUIRES(m_lifeMutex) = 0;
 
-    // ---- Steps to build them from
+    // ---- Steps for use in overrides
 
     int takePacket(const void* data, unsigned int length);
-    // To be called when what isOpen() answers has changed.
+    // To be called when the result of isOpen() has changed.
     void noteAvailability();
     void setObserver(Observer* observer) { m_observer.set(observer); }
-    // Tells the observer of the shutdown. False when there is none.
+    // Tells the observer of the shutdown. False when there is no observer.
     bool notifyShutdown();
-    // Both leave the agent's place empty; nothing is left of the agent then.
+    // Both end and delete the agent; one that does not return from a call is abandoned instead.
     void stopAndDeleteAgent() NORVO_REQUIRES(m_lifeMutex);
     void deleteAgent() NORVO_REQUIRES(m_lifeMutex);
-    // Stops and deletes worker and packetizer: the channel carries nothing any more.
+    // Stops and deletes worker and packetizer: the channel carries nothing from then on.
     void deleteParts();
     void release();
 
     const ChannelProfile m_profile;
-    // Held for the whole of OnChannelInitialize() and Shutdown(), and never taken by anything that
-    // they wait for.
+    // Held throughout OnChannelInitialize() and Shutdown(); nothing that they wait for takes it.
     VDIFrameworkCommon::LocalMutex m_lifeMutex;
 
 private:
     struct Parts;
     class OutgoingMessage;
 
-    // A call of the channel that is under way keeps what it uses.
+    // A running call keeps alive what it uses.
     std::shared_ptr<Parts> parts();
     bool insideCallback(const char* operation) const;
 
     ObserverSlot m_observer;
-    std::atomic<bool> m_available{false};  // as the host said last
+    std::atomic<bool> m_available{false};  // as last set by the host
     std::unique_ptr<VirtualChannelAgent::Agent> m_agent NORVO_GUARDED_BY(m_lifeMutex);
-    Turnstile m_turnstile;  // outlives the worker, which takes from it
+    Turnstile m_turnstile;  // must outlive the worker, which takes from it
     VDIFrameworkCommon::LocalMutex m_partsMutex;
     std::shared_ptr<Parts> m_parts NORVO_GUARDED_BY(m_partsMutex);
-    // Parts whose worker did not come back from the host when it was stopped.
+    // Parts whose worker did not return from the host when it was stopped.
     std::shared_ptr<Parts> m_leftBehind NORVO_GUARDED_BY(m_partsMutex);
 };
 
 }  // namespace NorvoVirtualChannel::tc
 
-// A log line in the name of the channel's own class.
+// A log line with the concrete class's source name.
 #define CHANNEL_LOG(severity, ...)                                                          \
     do {                                                                                    \
         if (::KLT::kltlogger::isEnabled(::KLT::kltlogger::severity)) {                      \

@@ -18,7 +18,7 @@ struct Slot {
 };
 
 Slot& slot() {
-    static Slot* const only = new Slot;  // outlives every thread that may still ask for it
+    static Slot* const only = new Slot;  // outlives every thread that may use it
     return *only;
 }
 

@@ -2,9 +2,8 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// Says, while it lives, that the calling thread is inside `owner`: code that the thread gets to
-// from there can tell a call that has come back in from one of another thread. Marks of a thread
-// end in the reverse order of their making.
+// Marks the calling thread as being inside `owner` while it lives. Code can thus tell a re-entrant
+// call from another thread's. A thread's marks must end in reverse order.
 class ReentryMark {
 public:
     explicit ReentryMark(const void* owner);

@@ -58,7 +58,7 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
         if (!sender.begun) epoch = m_epoch;
         if (!m_open || epoch != m_epoch) return sender.outcome(StreamSend::NotSent);
         enter(sender, lowPriority);
-        // A worker that is quicker than this thread waits for its next slice.
+        // A worker faster than this thread waits for the next slice.
         if (!sender.isShort) noteWaiting();
         fill(lowPriority, worker);
         noteWaiting();
@@ -100,7 +100,7 @@ void Turnstile::leave(Sender& sender, bool lowPriority) {
     noteWaiting();
 }
 
-// Whoever is taken out of a lane is also woken.
+// Also wakes the removed sender.
 void Turnstile::remove(Senders& senders, Senders::iterator place) {
     Sender& sender = **place;
     sender.place.splice(sender.place.end(), senders, place);

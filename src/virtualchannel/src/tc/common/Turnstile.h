@@ -14,52 +14,53 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// How much stream data is on its way, in packets.
+// Limits on stream data in transit, in packets.
 struct FlowLimits {
-    std::size_t slice;    // taken from one message at a time; a message of at most so many is short
-    std::size_t quantum;  // taken from one message before the next one's turn comes
-    std::size_t backlog;  // in a queue of the worker at most
-    std::size_t lowWater;  // a queue this short is filled up again
-    std::size_t stage;     // cut ahead of a message that waits
+    std::size_t slice;     // taken from a message at a time; a message that fits in one is short
+    std::size_t quantum;   // taken from a message before it is the next one's turn
+    std::size_t backlog;   // most packets in one queue of the worker
+    std::size_t lowWater;  // a queue this short is refilled
+    std::size_t stage;     // cut ahead from a waiting message
 };
 
-// Where messages of streams wait, cut into packets as far as the next stage of each, until the
-// worker has room for them. Long messages take turns of a quantum; short ones come between their
-// slices, three for one. Each priority is a lane of its own, for one of the worker's queues.
+// Holds messages of streams until the worker has room for them. Of each, the next stage is already
+// cut into packets. Long messages take turns of one quantum; up to three short ones go between two
+// of their slices. Each priority has its own lane, for one of the worker's queues.
 //
-// So no more is accepted from a stream than the transport carries: the thread that brings a message
-// waits here, and takes nothing more from its segment.
+// This is the streams' flow control: the sending thread waits here and meanwhile takes nothing more
+// from its segment.
 //
-// Thread-safe. Its lock is taken before the worker's, and held while packets are put into the
-// worker's queues or dropped from them: what was brought before a reset is never queued after it.
+// Thread-safe. Its lock is taken before the worker's and held while packets enter the worker's
+// queues or are dropped from them: nothing sent before a reset is queued after it.
 class Turnstile final : public WorkSource {
 public:
-    // What remains of one message. Thread of the sender only.
+    // The rest of one message. Used on the sender's thread only.
     class Message {
     public:
         virtual ~Message() = default;
         virtual std::size_t remaining() const = 0;  // packets
-        // Puts the next `count` packets, or as many as remain, behind `stage`.
+        // Appends the next `count` packets, or as many as remain, to `stage`.
         virtual void cut(std::size_t count, std::vector<WorkItem>& stage) = 0;
     };
 
     explicit Turnstile(const FlowLimits& limits) : m_limits(limits) {}
 
-    // Closed at first, and not available: there is nobody to send to.
+    // Initially closed and not available.
     void open();
-    // Sends those away who wait.
+    // Makes all waiting senders return.
     void close();
-    // Whether the transport takes packets at present. While it does not, senders wait. `worker` is
-    // null when the channel has none any more.
+    // Whether the transport takes packets. While it does not, senders wait. `worker` is null when
+    // the channel no longer has one.
     void setAvailable(bool available, WorkerThread* worker);
-    // Drops the messages that wait here and what the worker (may be null) has not sent yet.
+    // Drops the waiting messages and what the worker (may be null) has not sent yet.
     void reset(WorkerThread* worker);
 
-    // As VirtualChannel::SendStreamData(). Throws std::bad_alloc; the message is then dropped.
+    // Like VirtualChannel::SendStreamData(), but throws std::bad_alloc; the message is then
+    // dropped.
     StreamSend pass(Message& message, bool lowPriority, WorkerThread& worker,
                     const std::function<bool()>& goesOn);
     void wakeSenders();
-    // How many messages wait here.
+    // The number of waiting messages.
     std::size_t waiting() const;
 
     void refill(WorkerThread& worker) override;
@@ -68,8 +69,8 @@ private:
     struct Sender;
     using Senders = std::list<Sender*>;
 
-    // A message that waits here, on the stack of the thread that has brought it. Guarded by
-    // m_mutex but for `stage` and `next`, which are the thread's while the sender does not wait.
+    // A message in the turnstile, on its sending thread's stack. Guarded by m_mutex, except that
+    // `stage` and `next` belong to the thread while the sender does not wait.
     struct Sender {
         explicit Sender(bool isShortOne) : isShort(isShortOne) {}
         std::size_t left() const { return stage.size() - next; }
@@ -79,12 +80,13 @@ private:
 
         const bool isShort;
         std::vector<WorkItem> stage;
-        std::size_t next = 0;  // of the stage
-        bool begun = false;    // some of the message has been queued
-        bool waits = false;    // is in a lane
+        std::size_t next = 0;  // index in the stage
+        bool begun = false;    // part of the message has been queued
+        bool waits = false;    // in a lane
         StreamSend ifNotBegun = StreamSend::NotSent;
         VDIFrameworkCommon::LocalCondition changed;
-        Senders place{this};  // its node, while it is in no lane: nothing is allocated on the way
+        Senders place{
+            this};  // holds its list node while in no lane, so entering one allocates nothing
     };
 
     struct Lane {
@@ -92,10 +94,10 @@ private:
         Senders& sendersLike(const Sender& one) { return one.isShort ? shortOnes : longOnes; }
 
         Senders shortOnes;
-        Senders longOnes;      // the one in front has the turn
-        std::size_t turn = 0;  // packets of it so far
+        Senders longOnes;      // it is the front one's turn
+        std::size_t turn = 0;  // packets taken in this turn
         unsigned int shortInARow = 0;
-        // Somebody waits for room: for the worker, which looks before each packet.
+        // A sender waits for room. Polled by the worker before each packet.
         std::atomic<bool> waits{false};
     };
 
@@ -115,7 +117,7 @@ private:
     bool m_open NORVO_GUARDED_BY(m_mutex) = false;
     bool m_available NORVO_GUARDED_BY(m_mutex) = false;
     std::uint64_t m_epoch NORVO_GUARDED_BY(m_mutex) = 0;  // counts resets
-    Lane m_lanes[2];  // by low priority; but for `waits`, under m_mutex
+    Lane m_lanes[2];  // index: low priority; under m_mutex except `waits`
 };
 
 }  // namespace NorvoVirtualChannel::tc

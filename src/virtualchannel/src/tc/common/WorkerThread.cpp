@@ -45,7 +45,7 @@ void WorkerThread::Start() {
 void WorkerThread::run() {
     m_threadId = std::this_thread::get_id();
     DoWork();
-    // What was queued before a Stop() that came ahead of the thread's first step, or of its last.
+    // What was queued before a Stop() that came before the thread's first step or its last.
     drain();
     m_threadId = std::thread::id();
     LocalLock lock(m_workMutex);
@@ -69,7 +69,7 @@ void WorkerThread::AddWork(std::span<WorkItem> items, bool lowPriority) {
                       ", size = ", queue.items.size());
         }
     } catch (...) {
-        traceAndWake();  // for those that were queued
+        traceAndWake();  // for the items already queued
         throw;
     }
     traceAndWake();
@@ -173,7 +173,7 @@ void WorkerThread::waitForWork() {
     NORVO_LOG(Trace, "work Mutex locked at DoWork(), END waiting for condition");
 }
 
-// Items that follow each other closely are met without the price of a wake-up.
+// Items in quick succession cost no wake-up.
 bool WorkerThread::spinForWork(Clock::time_point start) const {
     const auto budget = m_spin.budget(m_wakerCpu.load(std::memory_order_relaxed), currentCpu());
     if (budget == AdaptiveSpin::Duration::zero()) return false;
@@ -208,8 +208,7 @@ void WorkerThread::drain() {
     }
 }
 
-// A burst ends, and with it the count towards the next pause, when the queues are empty: so they
-// are refilled first.
+// Empty queues end a burst and its count towards the next pause, so refill them first.
 bool WorkerThread::hasWork() {
     if (m_source && m_running) m_source->refill(*this);
     return QueueSize() != 0;
@@ -229,8 +228,8 @@ void WorkerThread::pauseIfDue(int& countdown) {
     countdown = m_packetsPerBreak - 1;
 }
 
-// A sleeping thread always wakes a little late. What one pause took too long is taken off the next,
-// so that the rate that the pauses set is also reached.
+// A sleeping thread always wakes a little late. The overrun of one pause is taken off the next, so
+// that the intended rate is reached.
 void WorkerThread::sleep(std::chrono::milliseconds time) {
     const Clock::duration slack = std::min<Clock::duration>(m_overslept, time / 2);
     const Clock::time_point deadline = Clock::now() + time - slack;
@@ -306,7 +305,8 @@ void WorkerThread::ResetQueue() {
 }
 
 void WorkerThread::clear(Queue& queue) {
-    std::deque<WorkItem> dropped;  // made before the lock, so that its items go after it
+    std::deque<WorkItem>
+        dropped;  // declared before the lock, so its items are destroyed after unlocking
     LocalLock lock(queue.mutex);
     dropped.swap(queue.items);
     queue.size -= dropped.size();

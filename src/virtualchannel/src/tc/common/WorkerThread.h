@@ -14,7 +14,7 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// One piece of work. The worker that ran it, or dropped it unrun, destroys it.
+// One piece of work. Destroyed by the worker that ran or dropped it.
 class WorkObject {
 public:
     virtual ~WorkObject() = default;
@@ -25,57 +25,57 @@ using WorkItem = std::unique_ptr<WorkObject>;
 
 class WorkerThread;
 
-// Where a worker looks for more to do, besides its queues.
+// Supplies a worker with more work when its queues run low.
 class WorkSource {
 public:
     virtual ~WorkSource() = default;
-    // Queues what is due with AddWork(). Called on the worker's thread before it looks whether its
-    // queues are empty, which is before each item: must be cheap when there is nothing to do.
+    // Queues what is due with AddWork(). Called on the worker's thread before each item: must be
+    // cheap when there is nothing to do.
     virtual void refill(WorkerThread& worker) = 0;
 };
 
-// Runs work items on one thread of its own, in the order they were queued within a priority; while
-// both priorities wait, every fourth item is a low-priority one. Paces its output: with a break
-// time set, it pauses after the first (packets to send per break + 1) items of a burst and then
-// after every (packets to send per break) items.
+// Runs work items on its own thread, within a priority in the order they were queued. While both
+// priorities have items, every fourth item is a low-priority one. Paces its output: with a break
+// time set, it pauses after the first (packets to send per break + 1) items of a burst, then after
+// every (packets to send per break) items.
 //
 // Thread-safe, with two exceptions: Start() is called once, and the worker is not destroyed on its
 // own thread. No lock is held while an item runs or is destroyed.
 class WorkerThread {
 public:
-    // Waits that long; called on the worker's thread.
+    // Waits for the given time; called on the worker's thread.
     using Pause = std::function<void(std::chrono::milliseconds)>;
 
-    // `pause` stands in for the real pauses, which Stop() cuts short when nothing is left to send.
-    // `source` (not owned; may be null) is asked while the worker is not stopped, and outlives it.
+    // `pause` replaces the real pauses, which Stop() cuts short when nothing is left to send.
+    // `source` (not owned; may be null) is polled until the worker is stopped, and must outlive it.
     explicit WorkerThread(Pause pause = {}, WorkSource* source = nullptr);
-    // Stops the thread when the owner has not, and drops what is still queued.
+    // Stops the thread if the owner has not, and drops what is still queued.
     ~WorkerThread();
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
 
-    // Meant to be set before Start(). A break time of 0 ms means no pauses at all.
+    // Set before Start(). A break time of 0 ms means no pauses.
     void setPacketsToSendPerBreak(int packets);
     void setBreakTime(int milliseconds);
 
-    // Throws std::system_error when the system has no thread to give. Starting a worker that runs
-    // ends the process.
+    // Throws std::system_error when no thread can be created. Starting a running worker ends the
+    // process.
     void Start();
 
     // An empty item is queued and skipped.
     void AddWork(WorkItem item, bool lowPriority);
-    // Takes all items, which are left empty, and queues them in their order, next to each other,
-    // with one wake-up. Throws std::bad_alloc with the items that it could not queue still there.
+    // Queues all items in order and contiguously, with one wake-up, and leaves them empty. On
+    // std::bad_alloc the items that could not be queued are still there.
     void AddWork(std::span<WorkItem> items, bool lowPriority);
 
-    // The steps of AddWork() without the wake-up.
+    // Like AddWork(), without the wake-up.
     void addLowPriorityWork(WorkItem item);
     void addHighPriorityWork(WorkItem item);
 
-    // Empty when the queue is.
+    // Return null when the queue is empty.
     WorkItem popLowPriorityWork();
     WorkItem popHighPriorityWork();
-    // The next item in the order the worker runs them. Counts towards that order.
+    // The next item in the order in which the worker runs them. Counts towards that order.
     WorkItem popWork();
 
     std::size_t lowPriorityQueueSize() const;
@@ -89,19 +89,19 @@ public:
     // The thread's body: returns 0 once the worker is stopped and what was queued has been run.
     int DoWork();
 
-    // Lets the thread run what is queued, and joins it. Called on the worker's own thread, it only
-    // asks the thread to end. Items added later stay queued.
+    // Lets the thread run what is queued, then joins it. On the worker's own thread, only asks it
+    // to end. Items added later stay queued.
     void Stop();
-    // The same, but gives up waiting after `limit`, or at once on the worker's own thread: false
-    // when the thread has not ended by then. It ends by itself as soon as the running item returns
-    // and the queues are empty, and the destructor waits for that.
+    // The same, but waits at most `limit`, or not at all on the worker's own thread. False when the
+    // thread has not ended by then: it ends by itself once the running item returns and the queues
+    // are empty, and the destructor waits for that.
     bool StopWithin(std::chrono::milliseconds limit);
 
-    // Drops everything queued, unrun.
+    // Drops everything queued, without running it.
     void ResetQueue();
 
-    // Waits until everything queued has been run. False when that takes longer than `limit`, and on
-    // the worker's own thread.
+    // Waits until everything queued has been run. False after `limit`, and on the worker's own
+    // thread.
     bool WaitUntilIdle(std::chrono::milliseconds limit);
 
 private:
@@ -145,13 +145,13 @@ private:
 
     const Pause m_pause;
     WorkSource* const m_source;
-    // How much longer than asked the last pause took; only on the worker's thread.
+    // By how much the last pause overran; worker's thread only.
     std::chrono::steady_clock::duration m_overslept{0};
 
-    // Whoever changes m_queued or m_running and then finds m_parked set passes through the mutex
-    // before notifying; the worker sets m_parked before it looks at the two a last time. So a
-    // thread between its look and its wait misses nothing. Taken before a queue's mutex, never
-    // after.
+    // A thread that changes m_queued or m_running and then finds m_parked set locks and unlocks
+    // this mutex before it notifies. The worker sets m_parked before it checks the two a last time.
+    // So it cannot miss a change between its check and its wait. Taken before a queue's mutex,
+    // never after.
     VDIFrameworkCommon::LocalMutex m_workMutex;
     VDIFrameworkCommon::LocalCondition m_workCondition;
     VDIFrameworkCommon::LocalCondition m_stopCondition;
