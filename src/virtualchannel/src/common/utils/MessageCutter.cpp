@@ -11,10 +11,10 @@ namespace NorvoVirtualChannel {
 
 namespace {
 
-// Packets that share one block of memory, which lives as long as the last of them.
+// Packets that share one block of memory, which is freed with the last of them.
 constexpr std::uint32_t kPacketsPerBlock = 128;
 
-// 0 when there is no room for any.
+// 0 when there is no room for payload.
 std::uint32_t payloadMaxOf(int maxPacketSize) {
     return static_cast<std::uint32_t>(
         std::max(maxPacketSize - static_cast<int>(kPacketHeaderSize), 0));

@@ -8,7 +8,7 @@ namespace NorvoVirtualChannel {
 
 namespace {
 
-// Compared so that no sum can wrap.
+// Compared without a sum, which could wrap.
 bool payloadExceedsMessage(const Header& header) {
     return header.messageSize < kPacketHeaderSize ||
            header.payloadSize > header.messageSize - kPacketHeaderSize;

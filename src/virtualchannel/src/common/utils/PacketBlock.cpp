@@ -7,7 +7,7 @@ namespace NorvoVirtualChannel {
 
 namespace {
 
-// Most messages fit in a cell; larger ones follow each other less closely.
+// Most messages fit in a cell; larger ones come less often.
 using Cells = VDIFrameworkCommon::CellPool<256, 1024>;
 constinit Cells g_cells;
 VDIFrameworkCommon::SpareBlock g_memory;

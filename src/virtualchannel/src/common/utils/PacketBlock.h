@@ -10,18 +10,18 @@
 namespace NorvoVirtualChannel {
 
 // The heap block of the packets that one message was cut into: the packets themselves, then their
-// bytes. It goes when the last packet has been released.
+// bytes. It is freed when the last packet has been released.
 class PacketBlock {
 public:
-    // Room for `packets` packets and their `wireSize` bytes in all, every packet counted as alive.
-    // Null when there is no memory.
+    // Room for `packets` packets, all counted as alive, and `wireSize` bytes in total. Null when
+    // there is no memory.
     static PacketBlock* allocate(std::uint32_t packets, std::size_t wireSize);
 
-    // Where packet number `index`, from 0, is to be built, and where the bytes begin.
+    // Where to build packet `index` (from 0), and where the bytes begin.
     void* place(std::uint32_t index) { return packets() + index * sizeof(Packet); }
     std::byte* wire() { return packets() + m_count * sizeof(Packet); }
 
-    // Counts one packet as gone; the block may be gone after that. Any thread.
+    // Releases one packet; the block may be freed by that. Any thread.
     void release();
 
 private:
@@ -36,14 +36,14 @@ private:
 static_assert(sizeof(PacketBlock) % alignof(Packet) == 0);
 
 inline void PacketBlock::release() {
-    // The last one needs no read-modify-write: nobody else is left to change the count.
+    // The last release needs no read-modify-write: nobody else can change the count.
     if (m_alive.load(std::memory_order_acquire) == 1 ||
         m_alive.fetch_sub(1, std::memory_order_acq_rel) == 1)
         free();
 }
 
-// Copying a header that has just been written field by field is slow, as the processor then waits
-// for the fields to reach memory. So the copies come from one that has long been there.
+// Copying a header that has just been written field by field is slow: the load waits for the stores
+// of the fields. So copy one that was written earlier.
 inline Packet::Packet(const Header& common, std::uint32_t sequence,
                       std::span<const std::byte> payload, PacketBlock& block, std::byte* wire)
     : m_header(common), m_payload(wire + kPacketHeaderSize), m_block(&block) {

@@ -1,4 +1,4 @@
-// A packet on the wire is a 24-byte header and the payload behind it:
+// A packet on the wire is a 24-byte header followed by the payload:
 //
 //     offset  width  field
 //          0      2  secondary version, written as 91, any value accepted
@@ -9,7 +9,7 @@
 //         16      4  payload size: bytes behind this header
 //         20      4  message size: bytes of the whole message + 24, the same in all of its packets
 //
-// All integers are little-endian and copied as the machine holds them.
+// All integers are little-endian, as in memory.
 #pragma once
 
 #include <bit>

@@ -1,6 +1,5 @@
-// The packet layer: messages are cut into packets of at most the transport's size, and put together
-// again at the other end.
-// The bytes of a packet: PacketHeader.h.
+// The packet layer: cuts messages into packets of at most the transport's size and reassembles
+// received ones. Wire format: PacketHeader.h.
 #pragma once
 
 #include <atomic>
@@ -19,13 +18,12 @@ namespace NorvoVirtualChannel {
 
 class PacketBlock;
 
-// One packet. A packet that cannot be built or parsed logs why and is invalid: drop it. Not
+// One packet. If it cannot be built or parsed, it logs why and is invalid: drop it. Not
 // synchronised: one thread at a time.
 //
-// The bytes of a packet lie together as they go on the wire, so that it can be sent from where it
-// is (`WireBytes`). The packets that one message was cut into lie with their bytes in one heap
-// block, which goes with the last of them: they are deleted like any others, one by one and on any
-// threads.
+// A packet's bytes are contiguous, as on the wire, so it can be sent without a copy (`WireBytes`).
+// Packets cut from one message share a heap block, which is freed with the last of them. They are
+// deleted one by one like any others, on any thread.
 class Packet {
 public:
     static void* operator new(std::size_t size);
@@ -35,20 +33,20 @@ public:
     // Builds a packet to send; copies `header.payloadSize` bytes of payload. A payload of 0 bytes
     // is valid, a null payload of more is not.
     Packet(Header header, const void* payload);
-    // Parses the `length` bytes of one received packet and copies them. Fewer than 24 bytes, or
-    // none at all (null), are a broken packet.
+    // Parses the `length` bytes of one received packet and copies them. Null or fewer than 24 bytes
+    // is a broken packet.
     Packet(const void* raw, unsigned int length);
-    // Parses them in the same way without a copy: `raw` must outlive the packet.
+    // The same without a copy: `raw` must outlive the packet.
     static Packet Borrow(const void* raw, unsigned int length);
 
     Packet(const Packet&) = delete;
     Packet& operator=(const Packet&) = delete;
 
-    // Versions 91, all counters 0; the message size and the payload stay as they are, and so do
-    // `WireBytes`.
+    // Sets the versions to 91 and all other header fields but the message size to 0. Payload and
+    // `WireBytes` are unchanged.
     void Initialise();
-    // A packet of its own with the same header and a copy of the payload, validated again. Owned by
-    // the caller.
+    // A new packet with the same header and a copy of the payload, validated again. Owned by the
+    // caller.
     Packet* CopyPacket() const;
 
     bool isPacketValid() const { return m_payload != nullptr; }
@@ -59,21 +57,21 @@ public:
     std::uint32_t GetPacketID() const { return m_header.packetId; }
     std::uint32_t GetMessageSize() const { return m_header.messageSize; }
 
-    // Copies the payload to `out`, when that is not null, and returns its size; 0 when invalid.
+    // Copies the payload to `out`, unless that is null, and returns its size; 0 when invalid.
     std::uint32_t GetPayloadData(void* out) const;
-    // Copies header and payload, `GetPacketSize()` bytes, to `out`, when that is not null. Returns
-    // the message size field, which is more than was written for a packet of a split message; 0
-    // when invalid.
+    // Copies header and payload, `GetPacketSize()` bytes, to `out`, unless that is null. Returns
+    // the message size field (for a packet of a split message, more than was written); 0 when
+    // invalid.
     std::uint32_t GetPacketData(void* out) const;
 
-    // The packet as it goes on the wire, or the payload alone, where they lie; empty when invalid.
-    // Valid while the packet (and, when borrowed, the received bytes) is.
+    // Views of the packet's wire bytes, or of the payload alone; empty when invalid. Valid as long
+    // as the packet (and, when borrowed, the received bytes).
     std::span<const std::byte> WireBytes() const;
     std::span<const std::byte> Payload() const {
         return {m_payload, m_payload ? GetPayloadSize() : 0};
     }
 
-    // Orders the packets of one message: a's sequence is less than b's, as signed numbers.
+    // Orders packets of one message: true when a's sequence is less than b's, as signed numbers.
     static bool PacketSort(const Packet* a, const Packet* b);
 
 private:
@@ -81,25 +79,25 @@ private:
     friend class Packetization;
     struct BorrowTag {};
     Packet(BorrowTag, const void* raw, unsigned int length);
-    // One packet of a block, whose place for the bytes begins at `wire`. `common` is the header but
-    // for sequence and payload size. The arguments are the packetizer's own and not validated.
+    // One packet of a block, with its bytes at `wire`. `common` is the header without sequence and
+    // payload size. The arguments come from the packetizer and are not validated.
     Packet(const Header& common, std::uint32_t sequence, std::span<const std::byte> payload,
            PacketBlock& block, std::byte* wire);
-    // The checks on received bytes; fills the header as far as it is sound.
+    // Checks received bytes and fills the header as far as it is valid.
     bool parse(const void* raw, unsigned int length);
     void store(const void* payload);
 
     Header m_header;
     const std::byte* m_payload = nullptr;  // within m_own, m_block or the received bytes
-    std::unique_ptr<std::byte[]> m_own;    // what it has copied on its own
-    PacketBlock* m_block = nullptr;        // the block that this packet lies in, if any
+    std::unique_ptr<std::byte[]> m_own;    // its own copy, if any
+    PacketBlock* m_block = nullptr;        // the block that holds this packet, if any
 };
 
-// Gets whole messages.
+// Receives whole messages.
 class PacketizationObserver {
 public:
     // `data` is never null, and valid during the call only. Called with the packetizer's mutex
-    // held: must not call back into the same packetizer's receiving side.
+    // held: do not call the receiving operations of the same packetizer.
     virtual void OnFullPacketReceived(const void* data, unsigned int size) = 0;
     virtual ~PacketizationObserver() = default;
 };
@@ -107,26 +105,26 @@ public:
 // Hands out message IDs. Thread-safe.
 class UIDGenerator {
 public:
-    // The process-wide generator, made on first use; its first ID is the seconds since the epoch
-    // at that time + 1.
+    // The process-wide generator, made on first use. Its first ID is the time then in seconds since
+    // the epoch, plus 1.
     static UIDGenerator* GetInstance();
-    // The next ID; goes on at 0 after the largest.
+    // The next ID; wraps around to 0 after the largest.
     unsigned int GetNextUID();
 
-    // A generator of its own, whose first ID is `last` + 1.
+    // A separate generator, whose first ID is `last` + 1.
     explicit UIDGenerator(unsigned int last) : m_last(last) {}
 
 private:
     std::atomic<unsigned int> m_last;
 };
 
-// One message on its way out, cut into packets one by one, from its last packet to its first. One
-// thread at a time.
+// Cuts one outgoing message into packets, one by one, from the last to the first. One thread at a
+// time.
 class MessageCutter {
 public:
-    // Takes the next message ID. `data` must stay as it is until everything has been cut.
-    // `maxPacketSize` includes the header. There is nothing to cut of a message that cannot be:
-    // longer than 2 GiB - 25, null with a length, or with no room for payload in a packet.
+    // Takes the next message ID. `data` must stay unchanged until everything has been cut.
+    // `maxPacketSize` includes the header. A message longer than 2 GiB - 25, null with a length, or
+    // without room for payload in a packet yields no packets.
     MessageCutter(const void* data, unsigned int length, int maxPacketSize);
     ~MessageCutter();
     MessageCutter(const MessageCutter&) = delete;
@@ -147,7 +145,7 @@ private:
     const std::uint32_t m_total;
     const std::uint32_t m_id;
     std::uint32_t m_remaining;
-    // Where the next packets are built: as many of the block's places are left.
+    // Where the next packets are built.
     PacketBlock* m_block = nullptr;
     std::byte* m_wire = nullptr;
     std::uint32_t m_built = 0;
@@ -157,15 +155,14 @@ private:
 // Cuts and joins the messages of one channel.
 //
 // Sending: any number of threads at once. Receiving: meant for one thread; calls from several are
-// taken one after the other.
+// serialised.
 //
-// An incomplete message is kept until its packets are there, however long that takes, or until
-// `ForgetIncompleteMessages()`; it uses
-// memory in proportion to what has arrived, not to what its headers announce. A message counts as
-// complete when as many packets have arrived as its first one announced. Duplicates are not
-// recognised: they count, and the size check at the end is what stops them. So only the message of
-// the packet just queued can ever be complete, and the cost of a packet does not depend on how many
-// other messages are open.
+// An incomplete message is kept until its packets have arrived, however long that takes, or until
+// `ForgetIncompleteMessages()`. It uses memory in proportion to what has arrived, not to what its
+// headers announce. A message is complete when as many packets have arrived as its first one
+// announced. Duplicates are counted, not detected; the size check at the end catches them. Only the
+// message of the packet just queued can be complete, so the cost of a packet does not depend on how
+// many other messages are open.
 class Packetization {
 public:
     // `observer` is not owned and outlives this object. `maxPacketSize` includes the header.
@@ -176,23 +173,20 @@ public:
 
     std::uint32_t GetMaxPayloadSize() const;
 
-    // Cuts a message into packets, each put at the FRONT of `out`, so that the last packet of the
-    // message comes first; what `out` held before stays behind them. The packets belong to the
-    // caller. Returns how many entries `out` then has. Nothing is added for a message that cannot
-    // be cut (MessageCutter).
+    // Cuts a message into packets and puts each at the FRONT of `out`: the message's last packet
+    // comes first, what `out` held before follows its first. The packets belong to the caller.
+    // Returns the new size of `out`. Adds nothing for an invalid message (MessageCutter).
     std::uint32_t PacketizeData(const void* data, unsigned int length, std::deque<Packet*>& out);
 
-    // Takes in one valid packet, which stays the caller's, and delivers the message that it
-    // completes, if any, before it returns. The payload of an unsplit message is delivered from
-    // where it lies; that of a split one is copied once, unless its packets come in neither rising
-    // nor falling order.
+    // Takes one valid packet, which stays the caller's, and delivers the message that it completes,
+    // if any, before it returns. The payload of an unsplit message is delivered without a copy.
+    // That of a split one is copied once if its packets come in rising or falling order.
     void EnqueuePacket(const Packet* packet) NORVO_EXCLUDES(m_Mutex);
     // Delivers what is complete. `EnqueuePacket` does so itself.
     void ReassemblePackets() NORVO_EXCLUDES(m_Mutex);
-    // No packet taken in so far counts any more: a sender that starts anew numbers its messages
-    // from the clock again, and its packets must not complete what its predecessor began. Any
-    // thread, also from inside `OnFullPacketReceived`. The memory is freed with the next packet at
-    // the latest.
+    // Discards all packets taken so far: a restarted sender numbers its messages from the clock
+    // again, and its packets must not complete messages of its predecessor. Any thread, also from
+    // inside `OnFullPacketReceived`. The memory is freed with the next packet at the latest.
     void ForgetIncompleteMessages() { m_forget = true; }
 
 private:
@@ -207,10 +201,9 @@ private:
     VDIFrameworkCommon::LocalMutex m_Mutex;
     PacketizationObserver* const m_observer NORVO_PT_GUARDED_BY(m_Mutex);
     PendingMessages m_pending NORVO_GUARDED_BY(m_Mutex);
-    // The message that a packet has just been added to, the only one that can be complete.
+    // The message that the last packet was added to, the only one that can be complete.
     PendingMessage* m_latest NORVO_GUARDED_BY(m_Mutex) = nullptr;
-    // Without the mutex, which a delivery holds: what the delivered message asks for is done after
-    // it.
+    // Not guarded, as a delivery holds the mutex: a request from inside it takes effect after it.
     std::atomic<bool> m_forget{false};
 };
 

@@ -30,7 +30,7 @@ void PendingMessage::add(const Header& header, const std::byte* payload) {
     noteSize(header);
     if (m_lost) return;
     m_order = orderWith(header.sequence, payload != nullptr);
-    // The first packet tells the direction that the others will most likely come from.
+    // The first packet shows in which order the others will most likely come.
     const bool inFront = m_order == Order::Falling ||
                          (m_order == Order::Unknown && sequenceBefore(1, header.sequence));
     if (payload && !makeRoom(header, inFront)) return lose();
@@ -46,7 +46,7 @@ void PendingMessage::add(const Header& header, const std::byte* payload) {
     if (piece.size > 0) std::memcpy(at(piece.position), payload, piece.size);
 }
 
-// A message with a hole in it must not pass for a whole one.
+// An incomplete message must not pass for a whole one.
 void PendingMessage::lose() {
     NORVO_LOG(Error, "No memory for a packet; its message is lost, ID: ", m_id);
     m_lost = true;
@@ -96,7 +96,7 @@ std::optional<std::span<const std::byte>> PendingMessage::join() {
     return std::span<const std::byte>(at(m_begin), static_cast<std::size_t>(size));
 }
 
-// Of packets with the same sequence the later one comes first.
+// Of two packets with the same sequence, the later one comes first.
 void PendingMessage::sortPieces() {
     std::reverse(m_pieces.begin(), m_pieces.end());
     std::stable_sort(m_pieces.begin(), m_pieces.end(), [](const Piece& a, const Piece& b) {
@@ -121,8 +121,7 @@ std::int64_t PendingMessage::measure(std::int64_t limit) const {
 }
 
 bool PendingMessage::gather(std::int64_t carried, std::int64_t size) {
-    // Memory that the system hands out zeroed costs nothing until it is touched, however large an
-    // announced size may be.
+    // Zeroed memory from the system costs nothing until touched, however large the announced size.
     const auto bytes = static_cast<std::size_t>(std::max(size, std::int64_t{1}));
     Block whole(
         static_cast<std::byte*>(size > carried ? std::calloc(bytes, 1) : std::malloc(bytes)));

@@ -21,16 +21,16 @@ constexpr bool sequenceBefore(std::uint32_t a, std::uint32_t b) {
 
 // The packets of one split message that have arrived so far. Not synchronised.
 //
-// Payloads go into one growing block. While the packets come in falling order, each is put in front
-// of what is there, else behind it. Packets in rising or falling order so lie in order at the end,
-// and the message is delivered from there without another copy. The block is never larger than four
-// times what has arrived, or what an earlier message left.
+// Payloads go into one growing block. While packets come in falling order, each is put in front of
+// the earlier ones, otherwise behind them. So packets in rising or falling order end up in order,
+// and the message is delivered from the block without another copy. The block is never larger than
+// four times what has arrived, or than an earlier message left it.
 class PendingMessage {
 public:
-    // Makes this message `id`, of `total` packets and empty, keeping the memory it has.
+    // Makes this an empty message `id` of `total` packets; keeps its memory.
     void start(std::int32_t id, std::uint32_t total);
-    // Counts a packet and copies its payload, of the size that its header says. One without a
-    // payload (null) leaves a gap. When there is no memory, the whole message is lost.
+    // Counts a packet and copies its payload, whose size is in its header. A null payload leaves a
+    // gap. When there is no memory, the whole message is lost.
     void add(const Header& header, const std::byte* payload);
 
     std::int32_t id() const { return m_id; }
@@ -39,24 +39,24 @@ public:
     bool isComplete() const { return m_arrived == m_total; }
     std::size_t packetCount() const { return m_pieces.size(); }
 
-    // The message: payloads in the order of their sequences, then zeros up to the size that the
-    // first of them announces. Valid until the next call of another operation. Nothing, after a log
-    // line, when they exceed that size or when there is no memory for it. To be called once.
+    // The message: payloads in sequence order, then zeros up to the size that the first of them
+    // announces. Valid until another operation is called. Nothing, after a log line, when they
+    // exceed that size or there is no memory. Call it once.
     std::optional<std::span<const std::byte>> join();
 
-    // Whether the memory kept is little enough to be held for the next message.
+    // Whether its memory is small enough to be kept for the next message.
     bool isWorthKeeping() const;
 
 private:
     struct Piece {
         std::uint32_t sequence;
         std::uint32_t size;
-        std::int64_t position;  // relative to where the first piece begins; kMissing without bytes
+        std::int64_t position;  // relative to the start of the first piece; kMissing without bytes
     };
     static constexpr std::int64_t kTooMuch = -1;
     static constexpr std::int64_t kMissing = std::numeric_limits<std::int64_t>::min();
-    // How the sequences have come so far. Rising and falling ones all have their bytes, which so
-    // lie in order.
+    // The order of the sequences so far. In rising and falling order every piece has its bytes, so
+    // the bytes are in order too.
     enum class Order { Unknown, Rising, Falling, Mixed };
     struct Free {
         void operator()(std::byte* block) const { std::free(block); }
@@ -69,7 +69,7 @@ private:
     void lose();
     std::byte* at(std::int64_t position) const { return m_block.get() + (m_origin + position); }
     void noteSize(const Header& header);
-    // How many bytes have arrived with the message; `kTooMuch` when that exceeds `limit`.
+    // How many payload bytes have arrived; `kTooMuch` when more than `limit`.
     std::int64_t measure(std::int64_t limit) const;
     void sortPieces();
     bool gather(std::int64_t carried, std::int64_t size);
@@ -78,12 +78,12 @@ private:
     std::uint32_t m_arrived = 0;
     std::uint32_t m_total = 0;
     std::uint32_t m_lowestSequence = 0;
-    std::uint32_t m_messageSize = 0;  // as the packet with the lowest sequence has it
+    std::uint32_t m_messageSize = 0;  // from the packet with the lowest sequence
     Order m_order = Order::Unknown;
     bool m_lost = false;          // there was no memory for a packet
     std::vector<Piece> m_pieces;  // in order of arrival until they are joined
 
-    // What is used of the block is [m_begin, m_end), as positions; position 0 is m_origin bytes
+    // The used part of the block is [m_begin, m_end), as positions; position 0 is m_origin bytes
     // behind its start.
     Block m_block;
     std::int64_t m_capacity = 0;
@@ -109,7 +109,7 @@ inline bool PendingMessage::makeRoom(const Header& header, bool inFront) {
     return room >= header.payloadSize || grow(header, inFront);
 }
 
-// Of packets with the same sequence the later one counts.
+// Of two packets with the same sequence, the later one counts.
 inline void PendingMessage::noteSize(const Header& header) {
     if (m_arrived > 1 && sequenceBefore(m_lowestSequence, header.sequence)) return;
     m_lowestSequence = header.sequence;

@@ -5,7 +5,7 @@
 namespace NorvoVirtualChannel {
 
 UIDGenerator* UIDGenerator::GetInstance() {
-    // Never deleted: channels may cut messages while the process ends.
+    // Never deleted: channels may cut messages while the process exits.
     static auto* const instance = new UIDGenerator(static_cast<unsigned int>(time(nullptr)));
     return instance;
 }
