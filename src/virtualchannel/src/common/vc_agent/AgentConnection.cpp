@@ -12,8 +12,8 @@ using Phase = ConnectionState::Phase;
 
 namespace {
 
-// For CTL_DISCONNECT and what the streams had handed on before it. A channel takes a few tens of
-// milliseconds for that, unless its host takes nothing at all.
+// For CTL_DISCONNECT and the stream data queued before it. That takes a channel a few tens of
+// milliseconds, unless its host takes nothing at all.
 constexpr std::chrono::milliseconds kGoodbyeLimit{250};
 
 VCMessage bareMessage(MessageTypeEnum type) {
@@ -70,8 +70,8 @@ void AgentConnection::setDisconnected() {
     leave(Goodbye::Unsaid);
 }
 
-// No stream hands data to the channel any more once the phase has changed: what is told to the far
-// side or to the channel after that comes behind a bounded backlog.
+// Once the phase has changed, streams send no more data to the channel, so later messages to the
+// peer or the channel wait behind a bounded backlog only.
 void AgentConnection::leave(Goodbye goodbye) {
     const auto& transition = m_state.next(Cause::Loss);
     m_state.enter(transition);
@@ -90,7 +90,7 @@ void AgentConnection::leave(Goodbye goodbye) {
     assert(IsConsistent());
 }
 
-// The channel drops what it has queued when it hears that the agents have lost each other.
+// The channel drops its queue when told that the agents are disconnected, so wait first.
 void AgentConnection::sayGoodbye() {
     m_context.SendMessageToChannel(bareMessage(CTL_DISCONNECT));
     if (auto* const channel = m_context.channel()) channel->WaitUntilSent(kGoodbyeLimit);
@@ -128,7 +128,7 @@ void AgentConnection::availabilityChanged(bool available) {
                   "Another virtual channel agent is connected, so ignore "
                   "OnVirtualChannelAvailabilityChange.",
                   m_context.activeAgent());
-        // No connection outlives its channel, whoever the active agent is.
+        // No connection outlives its channel, whichever agent is active.
         if (!available && m_context.connected) setDisconnected();
         return;
     }
@@ -152,8 +152,7 @@ void AgentConnection::channelShutsDown() {
 }
 
 void AgentConnection::end(bool tellPeer) {
-    // A transition that began before stopping was set has ended when this lock is free again, and
-    // later ones see it.
+    // Waits for a transition that began before stopping was set; later ones see it.
     { OrderedLock lock(m_transitionMutex, lock_order::transition); }
     if (!m_context.connected) return;
     if (tellPeer) {

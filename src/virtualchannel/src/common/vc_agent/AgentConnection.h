@@ -9,32 +9,32 @@
 
 namespace VirtualChannelAgent {
 
-// Entering and leaving the connected state, and what leads there. Any thread, except that the
-// connected state cannot be left on the agent's two connection threads, which end with it.
+// Enters and leaves the connected state. Any thread, but do not leave it on the agent's two
+// connection threads, which end with it.
 class AgentConnection {
 public:
     AgentConnection(AgentContext& context, OutgoingMessages& outgoing, InfoNotifier& notifier)
         : m_context(context), m_outgoing(outgoing), m_notifier(notifier), m_checker(context) {}
 
-    // The far side has finished a handshake. Enters the connected state, or refreshes it: local
-    // processes are told, and the far side is asked again for its ends of the streams unless this
-    // is the first connection.
+    // Call when the peer has finished a handshake. Enters the connected state or refreshes it:
+    // notifies local processes and, unless this is the first connection, asks the peer again for
+    // its ends of the streams.
     void setConnected() NORVO_TAKES_TRANSITION;
-    // Leaves it. Local processes are told also when there was no connection.
+    // Leaves it. Local processes are notified even if there was no connection.
     void setDisconnected() NORVO_TAKES_TRANSITION;
 
     void requestConnect();
-    // Leaves the connected state and tells the far side, which hears it unless the channel takes
+    // Leaves the connected state and tells the peer. The message may be lost if the channel takes
     // longer than 250 ms to send what was queued before.
     void requestDisconnect() NORVO_TAKES_TRANSITION;
-    // Has both sides write their logs out.
+    // Makes both sides flush their logs.
     void sendFlushLogs();
 
     void availabilityChanged(bool available) NORVO_TAKES_TRANSITION;
     void channelShutsDown() NORVO_TAKES_TRANSITION;
 
-    // To be called when context.stopping has been set: there is no connection afterwards, and none
-    // can begin. `tellPeer`: an existing one ends with CTL_DISCONNECT.
+    // Call after context.stopping has been set: then there is no connection, and none can begin.
+    // `tellPeer`: an existing one ends with CTL_DISCONNECT.
     void end(bool tellPeer) NORVO_TAKES_TRANSITION;
 
 private:
@@ -45,7 +45,7 @@ private:
     void leave(Goodbye goodbye)
         NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_CREATION;
     void sayGoodbye();
-    // What must exist in each phase does, and nothing else.
+    // Whether exactly the threads of the current phase exist.
     bool IsConsistent() const NORVO_REQUIRES(m_transitionMutex, lock_order::transition);
 
     AgentContext& m_context;
@@ -55,7 +55,7 @@ private:
     VDIFrameworkCommon::LocalMutex m_transitionMutex;
     ConnectionState m_state NORVO_GUARDED_BY(m_transitionMutex){m_context.connected};
     StreamStateChecker m_checker;
-    std::atomic<bool> m_channelAvailable{false};  // as the channel said last
+    std::atomic<bool> m_channelAvailable{false};  // as last reported by the channel
 };
 
 }  // namespace VirtualChannelAgent

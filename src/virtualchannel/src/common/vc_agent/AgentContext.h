@@ -24,15 +24,15 @@ inline constexpr char kChannelVersion[] = "1.0.679.0";
 
 using StreamPtr = std::shared_ptr<Agent::Stream>;
 
-// A stream as messages name it.
+// A stream as described in messages.
 struct StreamDetails {
     std::string name;
     StreamType type = StreamType::INVALID;
     unsigned int size = 0;  // bytes
 };
 
-// What the parts of one agent share, and all that they may ask of each other without knowing each
-// other. Any thread.
+// What the parts of one agent share, and the calls they may make to each other without depending on
+// each other. Any thread.
 class AgentContext {
 public:
     AgentContext(const std::string& name, std::shared_ptr<AgentEnvironment> machine)
@@ -49,40 +49,40 @@ public:
     const std::string infoOutputName;  // the agent writes, local processes read
     const std::string infoInputName;   // local processes write, the agent reads
 
-    // For a log line that says that another agent is active: which one.
+    // Names the active agent's process, for log lines about another active agent.
     std::string activeAgent() const {
         const long process = environment->activeAgentProcess();
         return process == 0 ? std::string() : " It is process " + std::to_string(process) + '.';
     }
 
-    // Set first thing when the agent ends: nothing is begun after that.
+    // Set first when the agent ends: nothing new begins after that.
     std::atomic<bool> stopping{false};
     // The handshake is done. Written by ConnectionState only.
     std::atomic<bool> connected{false};
 
-    // How many streams have begun to run so far.
+    // How many streams have been started so far.
     std::atomic<std::uint64_t> streamsBegun{0};
 
-    // ---- The far side
+    // ---- The peer
 
     // The observed channel; null when there is none.
     virtual NorvoVirtualChannel::VirtualChannel* channel() const = 0;
-    // Whether the agents are connected: the data of streams is sent while they are, and waits else.
+    // Whether the agents are connected: stream data is sent while they are, otherwise it waits.
     virtual void letStreamsSend(bool may) NORVO_TAKES_LEAF = 0;
     // Hands the message to the channel on this thread.
     virtual void SendMessageToChannel(const VCMessage& message) = 0;
-    // Has the send thread do so with a message about a stream, after those that wait.
+    // Queues a message about a stream for the send thread.
     virtual void SendMessageToChannelAboutStream(MessageTypeEnum type,
                                                  const StreamDetails& stream) NORVO_TAKES_LEAF = 0;
-    // The far side has announced a stream of that name.
+    // Whether the peer has announced a stream of that name.
     virtual bool peerSupports(const std::string& streamName) const NORVO_TAKES_LEAF = 0;
 
     // ---- Local processes
 
-    // Queues one message for all that listen.
+    // Queues one message for all listeners.
     virtual void notifyInfoS(std::string message) NORVO_TAKES_STREAMS = 0;
     virtual void notifyInvalidStreams() NORVO_TAKES_STREAMS = 0;
-    // Tells which stream that is, and its direction.
+    // Tells them the stream's name and direction.
     virtual void notifyStream(const Agent::Stream& stream) NORVO_TAKES_STREAMS = 0;
 
     // ---- Streams
@@ -91,10 +91,10 @@ public:
     virtual StreamPtr findStream(std::string_view name) const NORVO_TAKES_STREAMS = 0;
     // All of them, in name order.
     virtual std::vector<StreamPtr> streams() const NORVO_TAKES_STREAMS = 0;
-    // A stream that is in no table yet. `segment` is set up, or empty.
+    // A stream that is not in the table yet. `segment` is set up, or empty.
     virtual StreamPtr makeStream(const StreamDetails& stream,
                                  std::shared_ptr<shared_memory::SharedMemoryI> segment) = 0;
-    // Ends the streams that nobody needs any more.
+    // Frees streams that are no longer needed.
     virtual void freeUnusedStreams() NORVO_TAKES_CREATION = 0;
 
 private:
@@ -103,13 +103,13 @@ private:
     }
 };
 
-// A text from outside as far as a log line shows it.
+// A text from outside, cut to what a log line shows.
 inline std::string_view shown(std::string_view text) { return text.substr(0, 300); }
 
 }  // namespace VirtualChannelAgent
 
 // A log line of the agent that `context` belongs to.
 #define AGENT_LOG(context, severity, ...) NORVO_LOG(severity, (context).logPrefix, __VA_ARGS__)
-// The same for what may happen again and again: `repeats` sums it up (LogRepeats.h).
+// The same for repeated events: `repeats` summarises them (LogRepeats.h).
 #define AGENT_LOG_REPEATED(context, repeats, severity, ...) \
     NORVO_LOG_REPEATED(repeats, severity, (context).logPrefix, __VA_ARGS__)

@@ -12,13 +12,13 @@ namespace {
 
 constexpr std::chrono::milliseconds kRetryPause{5};
 
-// Bulk data of the background: it must not hold up calls and meetings.
+// Background bulk data: it must not delay calls and meetings.
 bool isLowPriority(const std::string& streamName) {
     return streamName.find("LogCollection") != std::string::npos ||
            streamName.find("upgrade") != std::string::npos;
 }
 
-// What a local process must not miss, however much else it is told.
+// What a local process must not miss, however many notifications it gets.
 bool isConnectionChange(const std::string& notification) {
     return notification == "ChannelUp" || notification == "ChannelDown";
 }
@@ -81,7 +81,8 @@ void Agent::Stream::requestStop() {
 }
 
 void Agent::Stream::close() {
-    requestStop();  // or the segment's read thread, which close() waits for, might wait for a turn
+    requestStop();  // first, as the segment's read thread, which close() waits for, may be waiting
+                    // to send
     // Closing the segment wakes a writer that waits for its reader.
     if (m_segment && !m_isSegmentClosed.exchange(true)) {
         m_segment->unsubscribeAllObservers();

@@ -19,16 +19,16 @@
 
 namespace VirtualChannelAgent {
 
-// One stream of an agent: a segment shared with a local process, and what moves data between it and
-// the channel. Made idle; runs from start() to close(), through any number of connections: running
-// also says that the far side has confirmed it. Thread-safe.
+// One stream of an agent: a segment shared with a local process, and the transfer of data between
+// it and the channel. Initially idle; runs from start() to close(), across any number of
+// connections. A running stream has been confirmed by the peer. Thread-safe.
 class Agent::Stream : public shared_memory::SharedMemoryObserverI {
 public:
-    // `type` is the agent's own part. `segment` is set up; empty when that has failed: the stream
-    // is then known to both sides, but nothing comes through. `context` and `link` outlive it.
+    // `type` is the agent's own direction. `segment` is set up, or empty if that failed: then both
+    // sides know the stream, but it carries nothing. `context` and `link` outlive it.
     Stream(AgentContext& context, ChannelLink& link, std::string name, StreamType type,
            unsigned int size, std::shared_ptr<shared_memory::SharedMemoryI> segment);
-    // As close().
+    // Calls close().
     ~Stream() override;
 
     const std::string& name() const { return m_name; }
@@ -38,38 +38,38 @@ public:
     bool isRunning() const { return m_running; }
 
     // WRITE: starts the thread that writes queued messages into the segment. READ: has the
-    // segment's messages sent to the far side. False when the stream was running already, has been
+    // segment's messages sent to the peer. False when the stream was running already, has been
     // closed, or could not be started.
     bool start() NORVO_TAKES_SERVICE;
 
     // Queues one message, or a copy of it, for the local process. The oldest are dropped when more
-    // wait than StreamRules.h allows; of the notifications, those of a connection's changes last.
+    // wait than StreamRules.h allows; among notifications, connection changes are dropped last.
     void enqueue(const char* data, std::size_t length) NORVO_TAKES_LEAF;
     void enqueue(std::string message) NORVO_TAKES_LEAF;
 
-    // How many messages have been queued so far, and how many of them wait no longer.
+    // How many messages have been queued so far, and how many of them have left the queue.
     std::uint64_t queued() const NORVO_TAKES_LEAF { return m_queue.pushed(); }
     std::uint64_t passed() const NORVO_TAKES_LEAF { return m_queue.left(); }
 
-    // Makes the stream stop soon, for good, without waiting for it.
+    // Makes the stream stop for good, without waiting for it.
     void requestStop() NORVO_TAKES_SERVICE;
-    // Stops it for good: nothing of it runs any more afterwards, and the segment is closed. Not on
-    // a thread of this stream or its segment.
+    // Stops it for good: its threads have ended on return, and the segment is closed. Not on a
+    // thread of this stream or its segment.
     void close() NORVO_TAKES_SERVICE;
 
     // A message of the local process, on the segment's read thread.
     void onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* source) override;
 
-    // What says how long the stream must be kept (StreamService.h).
+    // Determines how long the stream must be kept (StreamService.h).
     StreamUse use;
 
-    // Whether a message waits for the local process or is being handed to it.
+    // Whether a message for the local process waits or is being written.
     bool hasUndelivered() const NORVO_TAKES_LEAF { return m_delivering || queued() != passed(); }
 
-    // The far side has said that its end has this one's direction: nothing can come through.
+    // The peer's end has the same direction as this one, so nothing can be transferred.
     std::atomic<bool> conflictsWithPeer{false};
 
-    // When the far side was last asked to create its end, in wall-clock milliseconds.
+    // When the peer was last asked to create its end, in wall-clock milliseconds.
     std::atomic<std::uint64_t> lastCreateRequestMs{0};
 
 private:

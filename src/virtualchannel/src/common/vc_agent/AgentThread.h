@@ -10,7 +10,7 @@
 
 namespace VirtualChannelAgent {
 
-// Subscribes and says whether the segment's read thread could be started.
+// Subscribes; returns whether the segment's read thread could be started.
 inline bool subscribe(shared_memory::SharedMemoryI& segment,
                       shared_memory::SharedMemoryObserverI* observer) {
     try {
@@ -29,8 +29,8 @@ public:
     AgentThread(const AgentThread&) = delete;
     AgentThread& operator=(const AgentThread&) = delete;
 
-    // False when the system has no thread or no memory left to give. What `body` throws ends the
-    // thread and is logged.
+    // False when there is no thread or no memory. An exception from `body` ends the thread and is
+    // logged.
     bool start(std::function<void()> body) {
         join();
         try {
@@ -43,7 +43,7 @@ public:
         return true;
     }
 
-    // It has been started and not been joined yet.
+    // Started and not yet joined.
     bool isRunning() const { return m_thread.joinable(); }
 
     void join() {

@@ -9,7 +9,7 @@ using NorvoVirtualChannel::StreamSend;
 using NorvoVirtualChannel::VirtualChannel;
 
 namespace {
-constexpr std::uint64_t kNone = ~std::uint64_t{0};  // a generation that never comes
+constexpr std::uint64_t kNone = ~std::uint64_t{0};  // a generation never reached
 }
 
 void ChannelLink::SendMessageToChannel(const VCMessage& message, bool lowPriority) {

@@ -4,8 +4,7 @@
 
 namespace VirtualChannelAgent {
 
-// Where an agent stands with the one at the far end. Not thread-safe, except for the flag that it
-// publishes.
+// The state of an agent's connection to its peer. Not thread-safe, except for the published flag.
 class ConnectionState {
 public:
     enum class Phase {
@@ -14,27 +13,27 @@ public:
         Lost,  // was connected, and may be again
     };
     enum class Cause {
-        Handshake,  // the far side has finished one
-        Loss,       // either side has said goodbye, or the channel is gone
+        Handshake,  // the peer has finished a handshake
+        Loss,       // either side has disconnected, or the channel is gone
     };
 
-    // What a change asks for.
+    // A change of state and its consequences.
     struct Transition {
         Phase from;
         Cause cause;
         Phase to;
-        bool announcesChannelUp;   // local processes are told of the connection
-        bool reannouncesStreams;   // the far side may have forgotten them
-        bool beginsOrEndsThreads;  // and the agent becomes, or no longer is, the active one
+        bool announcesChannelUp;   // local processes are notified
+        bool reannouncesStreams;   // the peer may have forgotten them
+        bool beginsOrEndsThreads;  // and the agent becomes active or inactive
     };
 
     // `connected` is true exactly in the phase Connected, and written here only.
     explicit ConnectionState(std::atomic<bool>& connected) : m_connected(connected) {}
 
     Phase phase() const { return m_phase; }
-    // The transition that `cause` leads to now. There is one for each cause in each phase.
+    // The transition for `cause` in the current phase. Every phase has one for each cause.
     const Transition& next(Cause cause) const;
-    // Makes it.
+    // Performs it.
     void enter(const Transition& transition);
 
 private:

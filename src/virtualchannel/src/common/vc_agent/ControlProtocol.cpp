@@ -8,7 +8,7 @@
 
 namespace VirtualChannelAgent {
 
-// What is done with one type of message.
+// How one type of message is handled.
 struct ControlProtocol::Handler {
     unsigned char type;
     const char* announcement;  // log line on receipt; empty when the handler has one of its own
@@ -211,7 +211,7 @@ void ControlProtocol::noteDirection(Agent::Stream& stream, StreamType peers) {
 }
 
 void ControlProtocol::sendError(const StreamDetails& stream) {
-    // No agent has a stream of such a name, and 1001 of them may wait in the queue.
+    // No agent has a stream with so long a name, and up to 1001 such messages may be queued.
     if (stream.name.size() > kMaxStreamNameLength) return;
     m_context.SendMessageToChannelAboutStream(
         CTL_S_ERROR, {stream.name, utils::GetMirroredSType(stream.type), stream.size});

@@ -8,9 +8,9 @@
 
 namespace VirtualChannelAgent {
 
-// Takes the far side's messages apart and carries them out: the handshake, the streams' creation
-// and data, errors and log flushes. Called on the thread that delivers messages, one at a time.
-// Whatever the bytes are, they do no more harm than a log line.
+// Parses the peer's messages and carries them out: the handshake, creation and data of streams,
+// errors and log flushes. Called on the thread that delivers messages, one at a time. Invalid bytes
+// do no more harm than a log line.
 class ControlProtocol {
 public:
     ControlProtocol(AgentContext& context, PeerCapabilities& peer, StreamService& streams,
@@ -23,7 +23,7 @@ public:
 private:
     struct Received {
         const VCMessage& message;
-        StreamDetails stream;  // in the far side's words, as far as the message names one
+        StreamDetails stream;  // as the peer describes it, if the message names one
     };
     struct Handler;
     static const Handler* handlerOf(unsigned char type);
@@ -41,7 +41,7 @@ private:
     void routeData(const Received& received) NORVO_TAKES_CREATION;
     void streamError(const Received& received);
 
-    // Another agent is active; or this one is ending, and must not seem to be there.
+    // True when another agent is active, or when this one is ending and must not answer.
     bool ignoresHandshake(const char* messageName);
     void takeHandshake(const VCMessage& message) NORVO_TAKES_TRANSITION;
     void takeVersions(const VCMessage& message) NORVO_TAKES_LEAF;
@@ -49,7 +49,7 @@ private:
     void sendCapabilities(MessageTypeEnum type);
 
     StreamPtr findOpposite(const StreamDetails& stream) NORVO_TAKES_STREAMS;
-    // Keeps whether both ends have the same direction, and tells local processes when that changes.
+    // Records whether both ends have the same direction; notifies local processes of a change.
     void noteDirection(Agent::Stream& stream, StreamType peers) NORVO_TAKES_STREAMS;
     StreamPtr recreate(const StreamDetails& wanted) NORVO_TAKES_CREATION;
     void route(const StreamPtr& stream, const Received& received) NORVO_TAKES_STREAMS;

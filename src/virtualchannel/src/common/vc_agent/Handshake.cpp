@@ -16,7 +16,7 @@ bool ControlProtocol::ignoresHandshake(const char* messageName) {
     return true;
 }
 
-// A far side that looks for a peer has just begun, or begins anew.
+// A peer that sends this has just started or restarted.
 void ControlProtocol::connect(const Received& /*received*/) {
     if (auto* const channel = m_context.channel()) channel->ForgetIncompleteMessages();
     if (!ignoresHandshake("CTL_CONNECT")) sendCapabilities(CTL_CONNECT_READY);
@@ -25,7 +25,7 @@ void ControlProtocol::connect(const Received& /*received*/) {
 void ControlProtocol::connectReady(const Received& received) {
     if (ignoresHandshake("CTL_CONNECT_READY")) return;
     takeHandshake(received.message);
-    if (m_context.stopping) return;  // the goodbye must be the last that the far side hears
+    if (m_context.stopping) return;  // CTL_DISCONNECT must be the last message to the peer
     AGENT_LOG(m_context, Info, "reply with CTL_CONNECTED and supported streams list");
     sendCapabilities(CTL_CONNECTED);
 }

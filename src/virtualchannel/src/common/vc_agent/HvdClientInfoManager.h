@@ -4,8 +4,8 @@
 
 namespace VirtualChannelAgent {
 
-// What local processes last said about the client on the hosted desktop: two numbers whose meaning
-// is theirs. Thread-safe; the two are not read as a pair.
+// What local processes last reported about the client on the hosted desktop: two numbers, opaque to
+// the agent. Thread-safe; the two are not read atomically as a pair.
 class HvdClientInfoManager {
 public:
     void setInfo(unsigned int first, unsigned int second) {

@@ -34,7 +34,7 @@ void InfoNotifier::notifyInfoS(std::string message) {
 }
 
 void InfoNotifier::notifyEvent(const char* operation) {
-    m_rollCallAt = kNone;  // who hears of a lost connection forgets the streams
+    m_rollCallAt = kNone;  // a process told of a lost connection forgets the streams
     notifyInfoS(MessageBuilder().append(operation).msg());
 }
 
@@ -105,7 +105,7 @@ void InfoNotifier::notifyRunningStreams() {
 void InfoNotifier::notifyStream(const Agent::Stream& stream) {
     const StreamPtr info = infoStream();
     if (!info) return;
-    // Of a stream that both ends use alike, only the other direction would be of use.
+    // When both ends have the same direction, only the opposite one is of use to a process.
     const StreamType use =
         stream.conflictsWithPeer ? stream.type() : utils::GetMirroredSType(stream.type());
     std::string message = MessageBuilder()

@@ -15,12 +15,12 @@ using VDIFrameworkCommon::toUnsignedInt;
 
 namespace {
 
-// A request taken apart may need more than 32 times its memory.
+// A parsed request may need more than 32 times its memory.
 constexpr std::size_t kLongestRequest = VDIFrameworkCommon::kInfoSegmentSize;
 
 }  // namespace
 
-// One request: its name, how many fields follow at least, and what it does.
+// One request: its name, its minimum number of fields, and its handler.
 struct InfoRequests::Operation {
     const char* name;
     std::size_t fields;
@@ -60,7 +60,7 @@ const InfoRequests::Operation* InfoRequests::find(const Fields& fields) {
 }
 
 void InfoRequests::handle(const std::string& message) {
-    if (m_context.stopping) return;  // the goodbye must be the last that the far side hears
+    if (m_context.stopping) return;  // CTL_DISCONNECT must be the last message to the peer
     printMessage("onNewMessageReceived: ", message);
     const Fields fields = message.size() > kLongestRequest
                               ? Fields()
@@ -93,7 +93,7 @@ void InfoRequests::setLogPath(const Fields& fields) {
     std::string directory = fields[1];
     const std::string separator = FileUtils::FileSeparator();
     if (!VDIFrameworkCommon::endsWith(directory, separator)) directory += separator;
-    // A relative one would lie wherever the host was started.
+    // A relative path would depend on where the host was started.
     if (!fields[1].starts_with('/') || !FileUtils::createDirectory(directory)) {
         AGENT_LOG(m_context, Warning, "Cannot use this directory for the log: ", shown(fields[1]));
         return;
@@ -101,7 +101,7 @@ void InfoRequests::setLogPath(const Fields& fields) {
     VirtualChannelLogger_init(directory + "VirtualChannel.log");
 }
 
-// Two questions are asked again and again by who waits for something to happen.
+// Processes that wait for a change poll with these two requests.
 void InfoRequests::printMessage(const std::string& caption, const std::string& message) {
     if (message == "RequestNotifyStream") {
         AGENT_LOG_REPEATED(m_context, m_rollCalls, Info, caption, message);

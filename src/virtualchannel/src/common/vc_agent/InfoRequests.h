@@ -13,8 +13,8 @@
 
 namespace VirtualChannelAgent {
 
-// Carries out the requests of local processes: texts made of an operation name and its fields
-// (MessageParser.h). Any thread; nothing that a request says can do more harm than a log line.
+// Carries out requests of local processes: an operation name and its fields as text
+// (MessageParser.h). Any thread. An invalid request does no more harm than a log line.
 class InfoRequests {
 public:
     using ClientInfo = std::function<std::shared_ptr<HvdClientInfoManager>()>;

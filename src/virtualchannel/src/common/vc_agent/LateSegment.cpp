@@ -55,7 +55,7 @@ void LateSegment::subscribeObserver(shared_memory::SharedMemoryObserverI* observ
     if (m_isSetUp) m_segment->subscribeObserver(observer);
 }
 
-// The segment waits for a call of the observer that is under way, so without the lock.
+// Without the lock, as the segment waits for a running call of the observer.
 void LateSegment::unsubscribeObserver(shared_memory::SharedMemoryObserverI* observer) {
     {
         LocalLock lock(m_mutex);

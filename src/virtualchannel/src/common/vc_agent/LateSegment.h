@@ -11,7 +11,7 @@
 
 namespace VirtualChannelAgent {
 
-// How a segment is set up, and what the log says of it.
+// How a segment is set up, and the log texts for it.
 struct SegmentSetup {
     const char* begun;
     bool isBroadcast;
@@ -25,9 +25,8 @@ struct SegmentSetup {
     }
 };
 
-// A segment that could not be set up when it was asked for, for example because there was no room
-// left for it. Until tryAgain() has succeeded it takes and gives nothing; its observers wait.
-// Thread-safe.
+// A segment that could not be set up when requested, for example for lack of memory. Until
+// tryAgain() succeeds, reads and writes fail and observers wait. Thread-safe.
 class LateSegment final : public shared_memory::SharedMemoryI {
 public:
     // Makes a segment that is not set up yet.
@@ -35,10 +34,10 @@ public:
 
     LateSegment(Make make, std::string name, unsigned int size, const SegmentSetup& setup);
 
-    // Whether no further try is needed: it is set up, or has been closed.
+    // True when no further try is needed: it is set up, or has been closed.
     bool tryAgain();
 
-    // Set up by tryAgain() only.
+    // Always fail: only tryAgain() sets it up.
     bool Create(const std::string& name, unsigned int size) override;
     bool Open(const std::string& name, unsigned int size) override;
     bool Close() override;

@@ -1,8 +1,8 @@
-// The order in which the locks of one agent are taken, checked by Clang's thread-safety analysis.
+// The order of one agent's locks, checked by Clang's thread-safety analysis.
 //
 // A rank is not a lock but a place in the order. Take locks with OrderedLock, which names the
-// lock's rank too. An operation that takes locks inside says so with one of the NORVO_TAKES_
-// macros; it cannot be called where a later rank is held.
+// lock's rank too. An operation that takes locks declares it with a NORVO_TAKES_ macro; it cannot
+// be called while a later rank is held.
 #pragma once
 
 #include "LocalMutex.h"
@@ -14,7 +14,7 @@ class NORVO_CAPABILITY("rank") Rank {};
 inline Rank lifecycle;                                   // stop() and the destructor
 inline Rank transition NORVO_ACQUIRED_AFTER(lifecycle);  // entering and leaving the connected state
 inline Rank creation NORVO_ACQUIRED_AFTER(transition);   // making a stream and its segment
-inline Rank service NORVO_ACQUIRED_AFTER(creation);      // one stream's beginning and end
+inline Rank service NORVO_ACQUIRED_AFTER(creation);      // starting and ending one stream
 inline Rank streams NORVO_ACQUIRED_AFTER(service);       // the stream table
 inline Rank leaf NORVO_ACQUIRED_AFTER(streams);          // queues and small values: nothing follows
 

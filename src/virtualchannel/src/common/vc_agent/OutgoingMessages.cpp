@@ -30,7 +30,7 @@ void OutgoingMessages::stop() {
 void OutgoingMessages::SendMessageToChannelAboutStreamThread() {
     AGENT_LOG(m_context, Info, "SendMessageToChannelAboutStreamThread started. ");
     const auto connected = [this] { return m_context.connected.load(); };
-    // One thread sends, so the order holds although the queue is not locked meanwhile.
+    // Only one thread sends, so order is kept although the queue is not locked meanwhile.
     while (const auto message = m_queue.pop(connected)) {
         VDIFrameworkCommon::contained("Sending about a stream", [&] { send(*message); });
         if (!connected()) break;

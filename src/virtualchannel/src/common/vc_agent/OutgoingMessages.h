@@ -8,14 +8,14 @@
 
 namespace VirtualChannelAgent {
 
-// Control messages about streams on their way to the far side, and the thread that sends them in
-// order while the agents are connected. What is queued without a connection waits for the next one.
+// The queue of control messages about streams, and the thread that sends them in order while the
+// agents are connected. Messages queued without a connection wait for the next one.
 class OutgoingMessages {
 public:
     explicit OutgoingMessages(AgentContext& context) : m_context(context) {}
 
-    // The send thread waits for 5 ms behind a paced message, so that a host that paces its packets
-    // keeps up with many.
+    // The send thread waits 5 ms after a paced message, so that a host that paces its packets can
+    // keep up.
     enum class Pace { AtOnce, Paced };
 
     // Any thread. When 1001 messages wait, the oldest is dropped.
@@ -23,7 +23,7 @@ public:
                                          Pace pace = Pace::AtOnce) NORVO_TAKES_LEAF;
 
     // Call start() after context.connected has been set, and stop() after it has been cleared: at
-    // most one more message leaves then. False when the thread could not be started.
+    // most one more message is sent then. False when the thread could not be started.
     bool start() NORVO_REQUIRES(lock_order::transition);
     void stop() NORVO_REQUIRES(lock_order::transition) NORVO_TAKES_LEAF;
 

@@ -7,21 +7,21 @@
 
 namespace VirtualChannelAgent {
 
-// What the far side has announced in the handshake. Thread-safe.
+// What the peer has announced in the handshake. Thread-safe.
 class PeerCapabilities {
 public:
-    // The far side's channel version; empty when it gave none.
+    // The peer's channel version; empty when it sent none.
     void setChannelVersion(const std::string& version) NORVO_TAKES_LEAF;
     std::string channelVersion() const NORVO_TAKES_LEAF;
 
-    // Takes the stream names out of `list` (each followed by "-"; only its first 64 KiB count).
+    // Parses the stream names in `list` (each followed by "-"; only its first 64 KiB count).
     void setStreams(const std::string& list) NORVO_TAKES_LEAF;
-    // The far side gave no list: what it said before is kept, but no longer taken as known.
+    // The peer sent no list: the previous names are kept, but no longer count as known.
     void forgetStreams() NORVO_TAKES_LEAF;
     bool streamsAreKnown() const NORVO_TAKES_LEAF;
     bool supports(const std::string& streamName) const NORVO_TAKES_LEAF;
 
-    // The names that this side announces and the far side did not, "-" after each.
+    // The names that this side announces and the peer did not, each followed by "-".
     std::string getInvalidStreams() const NORVO_TAKES_LEAF;
 
 private:

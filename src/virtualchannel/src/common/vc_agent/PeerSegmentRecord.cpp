@@ -17,15 +17,15 @@ using VDIFrameworkCommon::ProcessIdentity;
 
 namespace {
 
-// One segment. The process that claims a free place (by compare-and-swap of `process`) writes the
-// name, and then sets the user bit of `process`: a name without it is not finished.
+// One segment. A process claims a free place by compare-and-swap of `process`, writes the name,
+// then sets the user bit of `process`. Without that bit the name is incomplete.
 struct Place {
     std::atomic<ProcessIdentity::Word> process;  // 0 while the place is free
     char name[kMaxStreamNameLength + 1];         // ends with a zero byte
 };
 static_assert(sizeof(Place) == 264);
 
-// The places are spread over several objects, each of the size of all named objects.
+// The places are spread over several objects, as named objects have a fixed size.
 constexpr std::size_t kPerObject = NamedObject::kAreaSize / sizeof(Place);
 constexpr std::size_t kObjects = kMaxPeerStreams / kPerObject + 1;
 using Places = std::array<Place, kPerObject>;
@@ -36,7 +36,7 @@ ProcessIdentity::Word finished(ProcessIdentity::Word process) {
 
 enum class Missing { Make, Leave };
 
-// Calls `action` with each place until it returns true. Whether one did.
+// Calls `action` with each place until it returns true. Returns whether one did.
 template <class Action>
 bool anyPlace(Missing missing, const Action& action) {
     for (std::size_t i = 0; i < kObjects; ++i) {

@@ -4,17 +4,17 @@
 
 namespace VirtualChannelAgent {
 
-// The segments that this process has made at the far side's wish, in a record that outlives it: if
-// it is killed, the next agent of the user and session namespace removes them, as the far side
-// could otherwise fill the system's memory with ever new names. No segment is removed that a living
-// process has open. Thread-safe; the record's words are read as anyone's who can write there.
+// Records the segments that this process has made at the peer's request, and outlives it. If it is
+// killed, the next agent of the user and session namespace removes them; otherwise the peer could
+// fill the system's memory with ever new names. A segment that a live process has open is not
+// removed. Thread-safe; the record's contents are not trusted.
 class PeerSegmentRecord {
 public:
-    // The segment is about to be made.
+    // Call when the segment is about to be made.
     static void add(const std::string& name);
-    // It is not needed any more: removes it from the system, and then from the record.
+    // Call when it is no longer needed: removes it from the system, then from the record.
     static void remove(const std::string& name);
-    // Does so with those of processes that have ended. How many are gone.
+    // Does so for processes that have ended. Returns how many segments were removed.
     static int removeLeftovers();
 };
 

@@ -9,17 +9,17 @@
 
 namespace VirtualChannelAgent {
 
-// The memory of messages that are done with, for those that come next. Allocators give the memory
-// of large strings back to the system as soon as a few of them are free, and then get it again page
-// by page. Thread-safe.
+// Keeps the memory of finished messages for later ones. Allocators return the memory of large
+// strings to the system as soon as a few are free, and then fault it in again page by page.
+// Thread-safe.
 class SpareStrings {
 public:
-    // Smaller strings are quicker to get from the allocator.
+    // For smaller strings the allocator is faster.
     static constexpr std::size_t kSmallest = 4096;
-    // As much is kept at most, for as long as the object lives.
+    // The most that is kept, for as long as the object lives.
     static constexpr std::size_t kMostBytes = 1024 * 1024;
 
-    // A copy of `size` bytes, in memory that has been given back if there is any.
+    // A copy of `size` bytes, in kept memory if there is any.
     std::string copyOf(const char* data, std::size_t size) NORVO_TAKES_LEAF {
         std::string copy;
         if (size >= kSmallest) copy = take();
@@ -37,7 +37,7 @@ public:
     }
 
 private:
-    // The one that came last is the likeliest to lie in the processor's cache.
+    // The last one returned is the most likely to be in the cache.
     std::string take() NORVO_TAKES_LEAF {
         lock_order::OrderedLock lock(m_mutex, lock_order::leaf);
         if (m_strings.empty()) return {};

@@ -13,8 +13,8 @@
 
 namespace VirtualChannelAgent {
 
-// Sets up the segments of an agent. One that cannot be set up is tried again every second, by a
-// thread that lives only as long as there is one. Thread-safe.
+// Sets up the segments of an agent. Failed ones are retried every second, by a thread that runs
+// only while there are any. Thread-safe.
 class StreamSegments {
 public:
     static const SegmentSetup kInfoOutput;
@@ -24,12 +24,12 @@ public:
     static const SegmentSetup kWrittenMemory;
 
     explicit StreamSegments(AgentContext& context) : m_context(context) {}
-    // As end().
+    // Calls end().
     ~StreamSegments();
 
     struct Segment {
-        std::shared_ptr<shared_memory::SharedMemoryI> memory;  // empty when there cannot be one
-        bool isSetUp = false;  // otherwise it will be, as soon as that is possible
+        std::shared_ptr<shared_memory::SharedMemoryI> memory;  // empty when none is possible
+        bool isSetUp = false;                                  // otherwise as soon as possible
     };
     Segment setUp(const std::string& name, unsigned int size, const SegmentSetup& setup);
 

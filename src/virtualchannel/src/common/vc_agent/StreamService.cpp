@@ -98,7 +98,7 @@ void StreamService::tellDirection(const Agent::Stream& stream, StreamType wanted
 
 bool StreamService::admits(const StreamDetails& wanted, Requester requester) {
     if (m_context.stopping) return false;
-    // Who could write into the requests' segment would give orders in a local process's place.
+    // With access to the request segment, the peer could make requests as a local process.
     const bool isInfo =
         wanted.name == m_context.infoInputName || wanted.name == m_context.infoOutputName;
     const std::string_view refusal =
@@ -187,7 +187,7 @@ bool StreamService::isUnused(Agent::Stream& stream, std::uint64_t nowMs) {
     if (stream.name() == m_context.infoOutputName) return false;
     const std::uint64_t idleMs = stream.use.idleMs(nowMs);
     if (idleMs < kFreeAfterMs || stream.hasUndelivered()) return false;
-    // Asked first: the process may have opened the segment after it asked for the stream.
+    // Checked first: the process may have opened the segment after it requested the stream.
     if (!m_context.environment->isSegmentInUseElsewhere(stream.name())) return !stream.use.isKept();
     stream.use.seenOpen();
     stream.use.note();
@@ -209,7 +209,7 @@ void StreamService::freeUnused() {
     closeTogether(unused);
 }
 
-// Each may have to wait for a lock that a process holds which stands still, so all at once.
+// Closed in parallel, as each may have to wait for a lock held by a stopped process.
 void StreamService::closeTogether(const std::vector<StreamPtr>& streams) {
     for (const auto& stream : streams) stream->requestStop();
     std::deque<AgentThread> threads;

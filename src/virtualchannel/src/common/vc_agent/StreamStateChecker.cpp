@@ -11,7 +11,7 @@ constexpr std::uint64_t kRetryAfterMs = 2999;
 }  // namespace
 
 bool StreamStateChecker::start() {
-    m_wake.timedWait(0);  // what the end of the last connection may have left behind
+    m_wake.timedWait(0);  // clears an event left from the last connection
     m_running = true;
     return m_thread.start([this] { CheckStreamStatesThread(); });
 }
@@ -38,7 +38,7 @@ void StreamStateChecker::askAgain() {
     const std::uint64_t now = m_context.environment->nowMs();
     for (const auto& stream : m_context.streams()) {
         if (stream->isRunning() || stream->name() == m_context.infoOutputName) continue;
-        // Unsigned: a clock that was set back makes the difference huge, and the request is due.
+        // Unsigned: if the clock was set back, the difference is huge and the request is due.
         if (now - stream->lastCreateRequestMs <= kRetryAfterMs) continue;
         AGENT_LOG(m_context, Info, "retry to create stream: ", stream->name());
         m_context.SendMessageToChannelAboutStream(CTL_S_CREATE, stream->details());

@@ -9,15 +9,14 @@
 
 namespace VirtualChannelAgent {
 
-// While the agents are connected: asks the far side again, every 3 s, for the other end of each
-// stream that it has not confirmed.
+// While the agents are connected, asks the peer every 3 s for its end of each unconfirmed stream.
 class StreamStateChecker {
 public:
     explicit StreamStateChecker(AgentContext& context) : m_context(context) {}
 
     // False when the thread could not be started.
     bool start() NORVO_REQUIRES(lock_order::transition);
-    // Without waiting for the end of the thread; stop() waits.
+    // Does not wait for the thread to end; stop() does.
     void requestStop() { m_running = false; }
     void stop() NORVO_REQUIRES(lock_order::transition);
     bool isRunning() const NORVO_REQUIRES(lock_order::transition) { return m_thread.isRunning(); }

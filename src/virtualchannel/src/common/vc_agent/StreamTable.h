@@ -12,8 +12,8 @@
 
 namespace VirtualChannelAgent {
 
-// Every stream of an agent by name, the outgoing INFO stream included. Loops work on a snapshot, in
-// name order: what they call may need the table. Thread-safe.
+// Every stream of an agent by name, the outgoing INFO stream included. Loops use a snapshot, in
+// name order, as what they call may need the table. Thread-safe.
 class StreamTable {
 public:
     // Empty when there is none.
@@ -22,7 +22,7 @@ public:
     bool insert(const StreamPtr& stream) NORVO_TAKES_STREAMS;
     void remove(std::string_view name) NORVO_TAKES_STREAMS;
     std::vector<StreamPtr> snapshot() const NORVO_TAKES_STREAMS;
-    // The same, and nothing can be inserted any more.
+    // The same, and no more can be inserted.
     std::vector<StreamPtr> close() NORVO_TAKES_STREAMS;
 
 private:

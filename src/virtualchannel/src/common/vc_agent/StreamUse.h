@@ -5,13 +5,13 @@
 
 namespace VirtualChannelAgent {
 
-// On whose wish a stream is made.
+// Who requested a stream.
 enum class Requester { LocalProcess, FarSide };
 
-// Who needs a stream, as far as its agent can tell. Thread-safe.
+// Tracks who needs a stream, as far as the agent can tell. Thread-safe.
 class StreamUse {
 public:
-    // Either side has said something about the stream, or something has passed through it.
+    // Either side has sent a message about the stream, or data has passed through it.
     void note() {
         if (!m_noted.load(std::memory_order_relaxed)) m_noted = true;
     }
@@ -23,10 +23,10 @@ public:
     void seenOpen() { m_seenOpen = true; }
 
     bool isPeers() const { return m_byPeer && !m_byLocal; }
-    // A local process has asked for it, and it cannot be seen whether that still has it open.
+    // A local process has requested it, but was never seen to have it open.
     bool isKept() const { return m_byLocal && !m_seenOpen; }
 
-    // For how long, in milliseconds, nothing has been noted. One caller, which asks regularly.
+    // For how many milliseconds nothing has been noted. For one caller, which calls regularly.
     std::uint64_t idleMs(std::uint64_t nowMs) {
         if (m_noted.exchange(false) || nowMs < m_idleSinceMs) m_idleSinceMs = nowMs;
         return nowMs - m_idleSinceMs;

@@ -26,7 +26,7 @@ using VDIFrameworkCommon::kInfoSegmentSize;
 
 namespace {
 
-// What a message makes grow may not fit any more; the thread that brought it cannot be thrown at.
+// Handling a message may run out of memory; nothing may be thrown to its thread.
 template <class Handle>
 void dropIfItDoesNotFit(const AgentContext& context, const Handle& handle) {
     try {
@@ -38,7 +38,7 @@ void dropIfItDoesNotFit(const AgentContext& context, const Handle& handle) {
 
 }  // namespace
 
-// An agent in pieces, each after those it uses.
+// The parts of an agent, each after those it uses.
 struct Agent::Parts final : AgentContext {
     using AgentContext::AgentContext;
 
@@ -88,7 +88,7 @@ struct Agent::Parts final : AgentContext {
     InfoRequests m_requests{*this, m_service, m_notifier, m_connection,
                             [this] { return clientInfo(); }};
 
-    // The segment of local processes' requests; empty when it could not be set up.
+    // The segment for requests of local processes; empty when it could not be set up.
     std::shared_ptr<shared_memory::SharedMemoryI> m_infoReader;
 
     VDIFrameworkCommon::LocalMutex m_valuesMutex;
@@ -104,7 +104,7 @@ Agent::Agent(VirtualChannel* channel, const std::string& name,
     try {
         begin(channel);
     } catch (...) {
-        end(Ending::Silent);  // the channel must not keep an observer that is no more
+        end(Ending::Silent);  // the channel must not keep a destroyed observer
         throw;
     }
 }
@@ -150,7 +150,7 @@ void Agent::end(Ending ending) {
         m_parts->m_infoReader->unsubscribeObserver(this);
         m_parts->m_infoReader->Close();
     };
-    AgentThread closing;  // of its own, as it may have to wait for the segment's mutex
+    AgentThread closing;  // a separate thread, as it may have to wait for the segment's mutex
     if (!closing.start(closeReader)) closeReader();
     m_parts->m_connection.end(ending == Ending::Orderly);
     m_parts->m_service.closeAll();
@@ -173,7 +173,7 @@ void Agent::SetVirtualChannel(VirtualChannel* channel) {
                   "Stop observing underline channel: ", static_cast<const void*>(old));
         old->RemoveObserver(this);
     }
-    // An agent that has ended would never take its place in the channel back.
+    // An agent that has ended would never detach from the new channel.
     if (context.stopping) channel = nullptr;
     link.setChannel(channel);
     if (channel) {

@@ -10,7 +10,7 @@ using VDIFrameworkCommon::SharedBytes;
 
 namespace {
 
-// Spare room in a block that grew: fields are added one by one.
+// Spare room in a block that has grown, as fields are added one by one.
 constexpr std::uint32_t kSlack = 1024;
 
 }  // namespace

@@ -8,8 +8,8 @@ namespace VirtualChannelAgent {
 
 static_assert(std::endian::native == std::endian::little);
 
-// The 20 bytes before the value of a block and, with another flag, before the blocks of a message.
-// Little-endian and packed on the wire:
+// The 20-byte header of a block or, with another flag, of a message. Little-endian and packed on
+// the wire:
 //
 //     offset  width  field
 //          0      2  flag: 0xCDCD for a block, 0xCBCB for a message

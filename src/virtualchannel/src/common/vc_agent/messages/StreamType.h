@@ -1,4 +1,4 @@
-// A stream's direction, and small helpers of the agent.
+// A stream's direction, and small helpers for the agent.
 #pragma once
 
 #include <set>
@@ -6,12 +6,12 @@
 
 namespace VirtualChannelAgent {
 
-// What the local side does with a stream. The far end of the same stream has the opposite
-// direction. Travels as this number in agent messages and as "READ" or "WRITE" in INFO messages.
+// What the local side does with a stream. The peer's end has the opposite direction. Sent as this
+// number in agent messages and as "READ" or "WRITE" in INFO messages.
 enum class StreamType : unsigned int { READ = 0, WRITE = 1, INVALID = 2 };
 
-// Pure functions: any thread, no log. Every number and text that is not a direction is INVALID, and
-// the text of INVALID is empty. Texts are compared whole and case-sensitively.
+// Pure functions: any thread, no log. Any other number or text is INVALID, and the text of INVALID
+// is empty. Texts are compared in full and case-sensitively.
 namespace utils {
 
 std::string STypeToString(StreamType type);
@@ -19,15 +19,15 @@ StreamType StringToSType(const std::string& text);
 StreamType intToSType(int value);
 bool IsStreamTypeValid(StreamType type);
 bool IsStreamTypeValid(const std::string& text);
-// The direction of the far end.
+// The direction of the peer's end.
 StreamType GetMirroredSType(StreamType type);
 std::string GetMirroredSType(const std::string& text);
 
 // The calling process's ID in decimal.
 std::string GetProcessId();
 
-// Replaces `out` by the pieces of `text` between the characters of `delimiters`, each of which
-// separates on its own. There are no empty pieces.
+// Replaces `out` by the pieces of `text` between characters of `delimiters`. Empty pieces are left
+// out.
 void split(const std::string& text, std::set<std::string>& out, const std::string& delimiters);
 
 }  // namespace utils

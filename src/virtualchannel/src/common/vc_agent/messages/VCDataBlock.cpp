@@ -29,7 +29,7 @@ VCDataBlock::VCDataBlock(const char* raw, unsigned int length) {
     if (!verifyData(raw, length)) return;
     const RecordHeader header = RecordHeader::read(raw);
     build(header.type, raw + RecordHeader::kSize, length - RecordHeader::kSize);
-    // What a received block holds in its reserved bytes stays there.
+    // Keeps the reserved bytes of a received block.
     if (m_pBuffer) std::memcpy(m_pBuffer.data(), raw, RecordHeader::kSize);
 }
 

@@ -11,13 +11,13 @@
 
 namespace VirtualChannelAgent {
 
-// One block: its header and value, in one heap buffer of its own. A block that cannot be built or
-// parsed is invalid, and its accessors then return nothing (0, empty or null). Not synchronised.
+// One block: header and value in its own heap buffer. A block that cannot be built or parsed is
+// invalid: its accessors return 0, empty or null. Not synchronised.
 class VCDataBlock {
 public:
     VCDataBlock() = default;
-    // From a value. The text has no terminator and no length before it. Null `bytes` with a length
-    // are that many zeros. Integers are 4 bytes each, with no count. Logs when there is no memory
+    // From a value. Text has no terminator and no length prefix. Null `bytes` with a length stand
+    // for that many zeros. Integers are 4 bytes each, without a count. Logs when there is no memory
     // for the block, or when its size does not fit 32 bits.
     VCDataBlock(unsigned char type, const std::string& text);
     VCDataBlock(unsigned char type, unsigned int value);
@@ -37,17 +37,17 @@ public:
     }
 
     bool isValid() const;
-    // The serialised block, and its size, header included.
+    // The serialised block, and its size including the header.
     const char* data() const;
     unsigned int size() const;
 
     unsigned char getType() const;
-    // The value, whatever it was built from, as text.
+    // The value as text, whatever it was built from.
     std::string getStrData() const;
     // The value when it is 4 bytes long, else 0.
     unsigned int getIntData() const;
-    // Points `out` at the value, which stays this block's own, and returns its length. 0, with
-    // `out` untouched, when that is null or the value is empty.
+    // Points `out` at the value, which the block keeps, and returns its length. Returns 0 and
+    // leaves `out` unchanged when `out` is null or the value is empty.
     unsigned int getByteData(char** out) const;
 
     void clear();

@@ -24,7 +24,7 @@ enum Field : std::uint8_t {
     ClientVersion = 9,
 };
 
-// How far the blocks of a message of `size` bytes are well-formed: `size` when all are.
+// The offset up to which a message's blocks are well-formed: `size` when all are.
 std::uint32_t endOfGoodBlocks(const std::byte* message, std::uint32_t size) {
     std::uint32_t offset = kHeaderSize;
     while (size - offset >= kHeaderSize) {
@@ -72,7 +72,7 @@ MessageTypeEnum VCMessage::getMessageType() const {
 
 bool VCMessage::isMessageTypeSupported() const { return m_type < kTypeCount; }
 
-// The bytes of the new block's value; null when there is no room for them.
+// The value's bytes of the new block; null when there is no memory.
 std::byte* VCMessage::addBlock(std::uint8_t code, std::size_t valueSize) {
     const bool fits = valueSize <= std::numeric_limits<std::uint32_t>::max() - kHeaderSize;
     const auto blockSize = static_cast<std::uint32_t>(kHeaderSize + valueSize);

@@ -1,8 +1,7 @@
 // The messages that the agents at the two ends of a virtual channel exchange.
 //
-// A message on the wire is a 20-byte header (RecordHeader with the message flag) and its blocks,
-// one after another, in the order in which they were added. Each block is one field
-// (VCDataBlock.h).
+// On the wire, a message is a 20-byte header (RecordHeader with the message flag) followed by its
+// blocks in the order they were added. Each block is one field (VCDataBlock.h).
 #pragma once
 
 #include <cstdint>
@@ -31,27 +30,26 @@ enum MessageTypeEnum : unsigned char {
     CTL_LOGFLUSH = 11,
 };
 
-// A message type and fields. The message is held as it goes on the wire: building one writes each
-// value once, sending one needs no further copy (`wireBytes`), and a received one may be read where
-// it lies (`parseInPlace`). Up to about 240 bytes need no heap. Not synchronised; copies are
-// independent of each other and may be used on different threads.
+// A message type and fields, stored in wire format: building writes each value once, sending needs
+// no further copy (`wireBytes`), and a received message can be read in place (`parseInPlace`). Up
+// to about 240 bytes need no heap. Not synchronised; copies are independent and may be used on
+// different threads.
 //
-// Setters add one field each, and adding one twice leaves two. Getters read the first field of
-// their code; without one they log and return nothing (0, empty text, `out` untouched). A field
-// that there is no memory for is logged and missing. Unknown fields are kept and not found by any
-// getter.
+// Each setter adds a field; calling it twice adds two. Getters read the first field of their code;
+// without one they log and return 0 or empty text and leave `out` unchanged. A field for which
+// there is no memory is logged and left out. Unknown fields are kept, but no getter finds them.
 class VCMessage {
 public:
     // Not initialised, type 0, no fields.
     VCMessage() { reset(); }
-    // A copy shares the fields until one of the two changes. The copy of a message that was parsed
-    // in place has bytes of its own; when there is no memory for them it is a default message.
+    // A copy shares the fields until one of the two changes. A copy of a message parsed in place
+    // owns its bytes; when there is no memory for them it is a default message.
     VCMessage(const VCMessage& other) { *this = other; }
     VCMessage& operator=(const VCMessage& other);
 
     // Stores the type and makes the message initialised.
     void setMessageType(MessageTypeEnum type);
-    // CTL_NOOP for a type that is not supported.
+    // CTL_NOOP for an unsupported type.
     MessageTypeEnum getMessageType() const;
     // The type byte as it is.
     unsigned char rawMessageType() const { return m_type; }
@@ -77,11 +75,11 @@ public:
     unsigned int getStreamSize() const;
     bool hasStreamSize() const;
 
-    // Null `data` with a length are that many zeros.
+    // Null `data` with a length stands for that many zeros.
     void setRouteData(const char* data, unsigned int length);
-    // Points `out` at the data, which stays the message's own (or the received bytes', after
-    // `parseInPlace`) and is not to be changed, and returns its length. Valid until the message
-    // changes or goes. Nothing when `out` is null or the data is empty.
+    // Points `out` at the data, inside the message (or, after `parseInPlace`, the received bytes),
+    // and returns its length. Do not modify it. Valid until the message changes or is destroyed.
+    // Returns 0 when `out` is null or the data is empty.
     unsigned int getRouteData(char** out) const;
     bool hasRouteData() const;
 
@@ -103,22 +101,22 @@ public:
     std::string getClientVersion() const;
     bool hasClientVersion() const;
 
-    // Bytes of all blocks, and of the whole message.
+    // Size in bytes of all blocks, and of the whole message.
     unsigned int getTotalDataSize() const { return byteSize() - RecordHeader::kSize; }
     unsigned int byteSize() const { return m_bytes.size(); }
 
-    // Writes the message to `out`, which has room for `size` bytes. False when that is null or too
-    // little; nothing is written then.
+    // Writes the message to `out`, which has room for `size` bytes. False, with nothing written,
+    // when `out` is null or too small.
     bool serializeToArray(void* out, unsigned int size) const;
-    // The same bytes where they lie. Valid until the message changes or goes. After `parseInPlace`
-    // they are the received ones, whose unused header bytes need not be 0.
+    // The same bytes without a copy. Valid until the message changes or is destroyed. After
+    // `parseInPlace` they are the received bytes, whose unused header bytes need not be 0.
     std::span<const std::byte> wireBytes() const { return {m_bytes.data(), m_bytes.size()}; }
 
-    // Whether `data` begins with the header of a message of exactly `length` bytes; logs why not.
+    // Whether `data` begins with the header of a message of exactly `length` bytes; logs a failure.
     static bool verifyData(const void* data, unsigned int length);
-    // Replaces the message by a received one, whose bytes are copied once. False, after a log line,
-    // for anything that is not a well-formed message: drop it then, whatever it holds. (It has the
-    // type and the blocks before the broken one, when its header was good.)
+    // Replaces the message by a received one, copying its bytes once. Anything but a well-formed
+    // message is logged and returns false: then drop the message. (If its header was valid, it
+    // holds the type and the blocks before the broken one.)
     bool parseFromArray(const void* data, unsigned int length);
     // The same without a copy: `data` must outlive the message, or its next change or copy.
     bool parseInPlace(const void* data, unsigned int length);
@@ -128,7 +126,7 @@ private:
 
     void reset();
     bool parse(const void* data, unsigned int length, Keep keep);
-    // Writes the header of what the message now holds.
+    // Writes the header for the current contents.
     void writeHeader();
     std::byte* addBlock(std::uint8_t code, std::size_t valueSize);
     void addText(std::uint8_t code, const std::string& text);
