@@ -13,8 +13,8 @@ using testsupport::LogCapture;
 
 namespace {
 
-// Starts a wait for `ack`, calls `answer` until it says that it met the waiter, and returns what
-// the wait returned.
+// Starts a wait for `ack`, calls `answer` until it returns that it reached the waiter, and returns
+// the wait's result.
 int waitAnsweredBy(Acknowledgement& waiter, int ack, const std::function<bool()>& answer) {
     auto result = std::async(std::launch::async, [&] { return waiter.WaitForAck(ack); });
     EXPECT_TRUE(testsupport::eventually(answer));

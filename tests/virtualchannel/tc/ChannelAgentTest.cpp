@@ -1,4 +1,4 @@
-// The agent of a channel, which is never deleted beside a call that is under way.
+// The agent of a channel, which is never deleted during a call.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -15,7 +15,7 @@ using testsupport::Door;
 
 namespace {
 
-// Holds up whoever logs a certain line.
+// Blocks the thread that logs a certain line.
 class HoldingSink : public KLT::kltlogger::LogSink {
 public:
     void write(const KLT::kltlogger::LogRecord& record) override {

@@ -1,5 +1,5 @@
-// What each kind of channel has of its own, and the parts of channels. What all channels have in
-// common is in ChannelTest.cpp.
+// What is specific to each kind of channel, and the parts of channels. See ChannelTest.cpp for what
+// all channels have in common.
 #include <gtest/gtest.h>
 
 #include <thread>

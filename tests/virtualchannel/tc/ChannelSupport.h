@@ -1,5 +1,4 @@
-// What the tests of channels share: the kinds there are, calls of a channel, and the runners that
-// channels count.
+// Shared by the channel tests: the kinds, calls of a channel, and the runners that channels count.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,13 +27,12 @@ struct Kind {
     int maxMsgSize;
     int breakTime;
     bool needsToBeActive;
-    bool lowPriority;      // knows a low priority
+    bool lowPriority;      // has a low priority
     unsigned int runners;  // counted by the constructor
-    // Which messages pass: one after Shutdown() (a), after ChannelActive(0) (b), after
-    // ChannelActive(1) (c).
+    // Which messages pass: a after Shutdown(), b after ChannelActive(0), c after ChannelActive(1).
     const char* passAfterShutdown;
     std::unique_ptr<TransportChannel> (*make)(WorkerThread::Pause pause);
-    TransportChannel& (*instance)();  // the one of this process
+    TransportChannel& (*instance)();  // this process's instance
 };
 inline void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 
@@ -61,7 +59,7 @@ inline const Kind all[] = {
      theChannel<TCPSocketVirtualChannel>}};
 }  // namespace kinds
 
-// How many runners this process is counted with.
+// How many runners are counted for this process.
 inline unsigned int runners() {
     return VDIFrameworkCommon::VDIRunnerCounter::getInstance().count(
         VDIFrameworkCommon::ProcessUtils::getCurrentProcessId());

@@ -1,4 +1,4 @@
-// What all channels have in common; what a kind has of its own is in ChannelKindTest.cpp.
+// What all channels have in common; ChannelKindTest.cpp covers what is specific to a kind.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,7 +21,7 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-// A message of the agent at the far end.
+// A message of the peer agent.
 std::string agentMessage(VirtualChannelAgent::MessageTypeEnum type, const std::string& stream = {},
                          unsigned int streamType = 0) {
     VirtualChannelAgent::VCMessage message;
@@ -38,7 +38,7 @@ class ChannelTest : public testing::TestWithParam<Kind> {
 protected:
     ChannelTest() { m_channel.AddObserver(&m_observer); }
 
-    // Makes a channel of every kind carry packets; the observer has seen nothing.
+    // Makes a channel of any kind carry packets; the observer has recorded nothing yet.
     void open() {
         FakeObserver starter;
         m_channel.AddObserver(&starter);
@@ -57,7 +57,7 @@ protected:
                                             [] { return true; });
         });
     }
-    // Sends a message whose packet the host does not take until it goes on.
+    // Sends a message whose packet the host holds up.
     void sendAndHoldUp(const std::string& message) {
         m_host.holdUp();
         send(m_channel, message);
@@ -67,7 +67,7 @@ protected:
     const Kind& m_kind = GetParam();
     FakeHost m_host;
     FakeObserver m_observer;
-    // Where the worker was told to pause, as the number of packets the host had by then.
+    // For each pause of the worker, the number of packets the host had by then.
     std::vector<std::size_t> m_pauses;
     std::unique_ptr<TransportChannel> m_made = m_kind.make([this](std::chrono::milliseconds time) {
         EXPECT_EQ(time.count(), m_kind.breakTime);
@@ -121,8 +121,8 @@ TEST_P(ChannelTest, MixesInALowPriorityMessageAfterThreeOthers) {
                                      : (Calls{"first", "l1", "l2", "h1", "h2", "h3", "h4"}));
 }
 
-// The worker's count towards the next pause begins anew whenever it runs out of work: the turns
-// that a stream takes must not let it.
+// The worker's count towards the next pause restarts whenever it runs out of work. A stream that
+// sends in turns must not cause that.
 TEST_P(ChannelTest, PausesAfterElevenPacketsAndThenAfterEveryTen) {
     open();
     m_channel.onAgentStateChange(true);
@@ -132,7 +132,7 @@ TEST_P(ChannelTest, PausesAfterElevenPacketsAndThenAfterEveryTen) {
     EXPECT_EQ(sending.get(), StreamSend::Sent);
     ASSERT_TRUE(m_host.waitFor(60));
     m_channel.onAgentStateChange(false);
-    m_channel.Shutdown();  // of the worker, where the kind does that
+    m_channel.Shutdown();  // ends the worker, where the kind does that
     using Pauses = std::vector<std::size_t>;
     EXPECT_EQ(m_pauses, m_kind.breakTime == 0 ? Pauses{} : (Pauses{11, 21, 31, 41, 51}));
 }
@@ -145,7 +145,7 @@ TEST_P(ChannelTest, AStreamWaitsForTheHostAndTheEndOfItsConnectionDropsWhatWaits
     auto sending = streamSends(pattern(500 * 4992));
     EXPECT_EQ(sending.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     for (const bool lowPriority : {false, true}) send(m_channel, "does not wait", lowPriority);
-    m_channel.onAgentStateChange(false);  // drops what is not sent yet
+    m_channel.onAgentStateChange(false);  // drops what has not been sent
     EXPECT_EQ(sending.get(), StreamSend::Dropped);
     m_channel.onAgentStateChange(true);
     EXPECT_EQ(streamSends("next").get(), StreamSend::Sent);
@@ -155,7 +155,7 @@ TEST_P(ChannelTest, AStreamWaitsForTheHostAndTheEndOfItsConnectionDropsWhatWaits
     m_channel.onAgentStateChange(false);
 }
 
-// A real agent, whose stream is read on a thread that waits for a host that takes nothing.
+// A real agent, whose stream's read thread waits for a host that takes nothing.
 TEST_P(ChannelTest, AnAgentEndsWhileItsStreamsWaitForTheHost) {
     namespace vca = VirtualChannelAgent;
     m_channel.OnChannelInitialize();
@@ -176,8 +176,8 @@ TEST_P(ChannelTest, AnAgentEndsWhileItsStreamsWaitForTheHost) {
     EXPECT_LT(m_host.packets().size(), 20U);
 }
 
-// A sender that starts anew may number its messages as its predecessor did. With a real agent, as
-// it is the agent that knows a peer's first word.
+// A restarted sender may use its predecessor's message IDs. With a real agent, as only the agent
+// recognises a peer's first message.
 TEST_P(ChannelTest, JoinsNothingAcrossANewBeginning) {
     const struct {
         const char* what;
@@ -227,7 +227,7 @@ TEST_P(ChannelTest, PassesAvailabilityOnToItsOneObserver) {
     FakeObserver other;
     m_channel.AddObserver(&other);
     m_channel.ChannelActive(1);
-    m_channel.RemoveObserver(&m_observer);  // whoever is named
+    m_channel.RemoveObserver(&m_observer);  // the argument does not matter
     m_channel.ChannelActive(0);
     receiveAll("unheard");
     EXPECT_EQ(m_observer.calls(), (Calls{"up", "down", "up"}));
@@ -283,15 +283,15 @@ TEST_P(ChannelTest, ShutdownTellsTheObserverAndTakesBackTheRunner) {
     m_observer.onCall = [&](const std::string&) { whenTold = runners(); };
     channel->AddObserver(&m_observer);
     channel->Shutdown();
-    // RDP takes its runner back first.
+    // RDP removes its runner first.
     EXPECT_EQ(whenTold, m_kind.type == NorvoVirtualChannel::kRdp ? 0U : 2U);
     EXPECT_EQ(runners(), m_kind.runners);
     channel->RemoveObserver(nullptr);
-    channel->Shutdown();  // Citrix keeps its runner when nobody is told
+    channel->Shutdown();  // Citrix keeps its runner without an observer
     EXPECT_EQ(runners(), m_kind.type == NorvoVirtualChannel::kCitrix ? 1U : 0U);
     EXPECT_EQ(m_observer.calls(), Calls{"shutdown"});
     forgetRunners();
-    removeRunner();  // of none
+    removeRunner();  // when there is none
     EXPECT_FALSE(VDIFrameworkCommon::VDIRunnerCounter::getInstance().hasRunner());
 }
 
@@ -379,7 +379,7 @@ TEST_P(ChannelTest, TracesInItsOwnNameAndInOrder) {
 TEST_P(ChannelTest, NeedsAnActiveChannelWhereTheKindSaysSo) {
     LogCapture log;
     m_channel.RemoveObserver(nullptr);
-    m_channel.ChannelActive(1);  // nobody is there to take note
+    m_channel.ChannelActive(1);  // without an observer
     m_channel.AddObserver(&m_observer);
     EXPECT_EQ(send(m_channel, "m"), 0);
     receiveAll("in");

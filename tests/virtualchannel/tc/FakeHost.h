@@ -1,4 +1,4 @@
-// The two neighbours of a channel: the host below it and the observer above it.
+// A channel's two neighbours: the host below and the observer above.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 
 namespace testsupport {
 
-// The packets of one message as they go on the wire, in the order they are sent.
+// The packets of one message in wire format, in the order sent.
 inline std::vector<std::string> packetsOf(const std::string& message, int maxPacketSize) {
     NorvoVirtualChannel::Packetization packetizer(nullptr, maxPacketSize);
     std::vector<std::string> wire;
@@ -25,8 +25,8 @@ inline std::vector<std::string> packetsOf(const std::string& message, int maxPac
     return wire;
 }
 
-// The host of this process while it lives: takes the packets that channels send, with the outgoing
-// gate open.
+// The process's host while it lives: receives the packets that channels send; the outgoing gate is
+// open.
 class FakeHost {
 public:
     FakeHost() {
@@ -44,20 +44,20 @@ public:
         return NorvoVirtualChannel::tc::HostCallbacks::GetInstance();
     }
 
-    // Has the worker wait in the next call of the append callback until goOn().
+    // Makes the worker wait in the next call of the append callback until goOn().
     void holdUp() { m_holdsUp = true; }
     bool waitUntilHeldUp() const { return m_entered.pass(); }
     void goOn() { m_door.open(); }
 
     std::vector<std::string> packets() const { return m_packets.entries(); }
-    // The messages in the packets so far.
+    // The messages received so far.
     std::vector<std::string> messages() const {
         packettest::Receiver receiver;
         NorvoVirtualChannel::Packetization joiner(&receiver, 1500);
         for (const auto& packet : packets()) packettest::receive(joiner, packet);
         return receiver.messages;
     }
-    // Whether `count` packets have come within 20 s.
+    // Whether `count` packets arrive within 20 s.
     bool waitFor(std::size_t count) const { return m_packets.waitFor(count); }
 
 private:
@@ -78,10 +78,10 @@ private:
     Journal m_packets;
 };
 
-// Notes what a channel tells it: "up", "down", "shutdown" and the messages themselves.
+// Records what a channel tells it: "up", "down", "shutdown" and the messages themselves.
 class FakeObserver : public NorvoVirtualChannel::Observer {
 public:
-    // Runs inside each call, before it is noted.
+    // Runs inside each call, before it is recorded.
     std::function<void(const std::string&)> onCall;
 
     std::vector<std::string> calls() const { return m_calls.entries(); }

@@ -1,5 +1,5 @@
-// A host that does what it should not, on each kind of channel. Each case has a process of its own,
-// since the channels of a process are made once.
+// Misuse by the host, on each kind of channel. Each case runs in its own process, since a process
+// makes its channels only once.
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -176,7 +176,7 @@ void callbackCallsBack(std::uint32_t kind) {
 
 std::mutex g_hostLock;
 
-// The host holds its lock in every call into the library, and needs it to take a packet.
+// The host holds its lock during every call into the library, and needs it to take a packet.
 void callbackTakesTheHostsLock(std::uint32_t kind) {
     const auto takesTheLock = [] {
         ++g_calls;
@@ -227,8 +227,7 @@ void shutdownInsideAQuestion(std::uint32_t kind) {
     Shutdown();
 }
 
-// Each step with each of its allocations failing in turn: a message or packet may be lost, and
-// nothing else.
+// Each step with each of its allocations failing in turn: only a message or packet may be lost.
 void noMemory(std::uint32_t kind) {
     const std::string message = packettest::pattern(20000);
     auto packets = packetsOf(message, 1000);
@@ -247,7 +246,7 @@ void noMemory(std::uint32_t kind) {
     Shutdown();
 }
 
-// The system has no thread to give; the channel that runs is none the worse for it.
+// No thread can be created; the running channel is unaffected.
 void noThread(std::uint32_t kind) {
     const auto failsToInitialise = [](std::uint32_t which) {
         std::size_t pages = 0;
@@ -269,7 +268,7 @@ void noThread(std::uint32_t kind) {
     Shutdown();
 }
 
-// No lock that these need is held while the callback runs.
+// No lock that these calls need is held while the callback runs.
 void callbackInitialises(std::uint32_t kind) {
     static std::uint32_t again;
     again = kind;
@@ -287,7 +286,7 @@ void callbackInitialises(std::uint32_t kind) {
     Shutdown();
 }
 
-// Objects that the library made are gone by then, or must outlive it.
+// By then the library's objects have been destroyed, or must still work.
 void callsWhileTheProcessEnds(std::uint32_t kind) {
     static std::uint32_t g_kind = 0;
     g_kind = kind;

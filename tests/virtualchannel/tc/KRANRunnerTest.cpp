@@ -29,7 +29,7 @@ namespace VDIClientType = VDIFrameworkCommon::VDIClientType;
 
 namespace {
 
-// The file that keeps a stopped application stopped.
+// The file that prevents a stopped application from being relaunched.
 class StopMarker {
 public:
     StopMarker() {
@@ -150,7 +150,7 @@ TEST_F(KRANRunnerAcrossProcesses, AStopDoesNotWaitForTheRoundToEnd) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(kRounds));
 }
 
-// A plug-in process: connects when told to, and leaves with or without a word.
+// A plug-in process: connects when told to, and exits with or without disconnecting.
 CHILD_ROLE(runningPlugin) {
     VDIFrameworkCommon::redirectApplications(args[0]);
     VDIClientInfo::getInstance().setClientType(VDIClientType::Crews);
@@ -175,7 +175,7 @@ TEST_F(KRANRunnerAcrossProcesses, PluginsThatConnectAtOnceStartItOnce) {
     ASSERT_EQ(processes.size(), 1U);
 
     killAndAwaitAnother(m_app, processes[0]);
-    // Long enough for each of them to have had its round.
+    // Long enough for one round of each.
     std::this_thread::sleep_for(std::chrono::milliseconds(2200));
     EXPECT_EQ(m_app.processes().size(), 1U);
 

@@ -22,7 +22,7 @@
 using testsupport::ChildProcess;
 using testsupport::LogCapture;
 
-// ---- The library, whose threads run on when the host has closed it
+// ---- The library, whose threads keep running after the host has closed it
 
 CHILD_ROLE(closesTheLibrary) {
     void* const library = dlopen(PLUGIN_LIBRARY, RTLD_NOW | RTLD_LOCAL);
@@ -39,7 +39,7 @@ CHILD_ROLE(closesTheLibrary) {
     return channelName() == std::string("NRVOCW") ? 0 : 3;
 }
 
-// The leak check cannot look at the threads of a library that was closed, and crashes.
+// The leak check crashes on threads of a closed library.
 TEST(PluginLibraryAcrossProcesses, StaysWhenTheHostClosesIt) {
     EXPECT_EQ(ChildProcess("closesTheLibrary", {}, {"ASAN_OPTIONS=detect_leaks=0"}).wait(), 0);
 }
@@ -56,7 +56,8 @@ CHILD_ROLE(logsFromTheHost) {
 }
 
 TEST(LogFileAcrossProcesses, TheFirstCallMakesTheFileWhateverItsLevel) {
-    EXPECT_EQ(ChildProcess("logsFromTheHost", {}, {"HOME="}).wait(), 0);  // and none without a home
+    EXPECT_EQ(ChildProcess("logsFromTheHost", {}, {"HOME="}).wait(),
+              0);  // without a home there is no file
     const testsupport::TempDir home;
     ChildProcess child("logsFromTheHost", {}, {"HOME=" + home.path()});
     EXPECT_EQ(child.readLine(), "set up");

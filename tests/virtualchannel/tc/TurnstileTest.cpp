@@ -1,5 +1,5 @@
-// The order in which messages of streams reach the worker, and what ends their waiting. The worker
-// does not run: the test takes its items itself.
+// The order in which messages of streams reach the worker, and what ends their wait. The worker
+// does not run; the test takes its items.
 #include "Turnstile.h"
 
 #include <gtest/gtest.h>
@@ -42,7 +42,7 @@ protected:
         m_turnstile.setAvailable(true, &m_worker);
     }
 
-    // Has a thread of its own bring a message, and waits until it waits or has been let through.
+    // Sends a message on a new thread, and returns once that waits or is done.
     std::future<StreamSend> bring(char name, std::size_t packets, bool lowPriority = false) {
         auto result = std::async(std::launch::async, [=, this] {
             Message message(m_journal, name, packets);
@@ -59,7 +59,7 @@ protected:
     static bool isThere(std::future<StreamSend>& result) {
         return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     }
-    // Runs up to `count` items as the worker does it; the names of them.
+    // Runs up to `count` items as the worker would; returns their names.
     std::string run(std::size_t count) {
         const std::size_t before = m_journal.entries().size();
         for (std::size_t i = 0; i < count; ++i) {
@@ -90,7 +90,7 @@ TEST_F(TurnstileTest, LetsThroughAtOnceWhatTheWorkerHasRoomFor) {
 TEST_F(TurnstileTest, LongMessagesTakeTurnsOfAQuantum) {
     std::vector<std::future<StreamSend>> senders;
     for (const char name : {'a', 'b', 'c'}) senders.push_back(bring(name, 8));
-    EXPECT_EQ(run(30), "aaaaaaaabbbbccccbbbbcccc");  // the first six of a went through at once
+    EXPECT_EQ(run(30), "aaaaaaaabbbbccccbbbbcccc");  // the first six of a passed at once
     for (auto& sender : senders) EXPECT_EQ(sender.get(), StreamSend::Sent);
 }
 
@@ -148,7 +148,7 @@ TEST_F(TurnstileTest, WhatEndsTheWaitingSaysWhatHasBecomeOfTheMessage) {
         EXPECT_EQ(begun.get(), StreamSend::Dropped);
         EXPECT_EQ(notYet.get(), notBegun);
         m_turnstile.reset(&m_worker);
-        EXPECT_EQ(run(3), "");  // nothing of them comes after it
+        EXPECT_EQ(run(3), "");  // nothing of theirs comes after it
         m_waiting = 0;
         m_goesOn = true;
         m_turnstile.open();

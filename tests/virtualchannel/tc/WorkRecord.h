@@ -1,4 +1,4 @@
-// Work items that note when they run, and the things tests wait for.
+// For tests of threads: a journal of events, a door, and work items.
 #pragma once
 
 #include <atomic>
@@ -15,7 +15,7 @@
 
 namespace testsupport {
 
-// What happened, in order, from any thread.
+// Records events in order, from any thread.
 class Journal {
 public:
     void add(std::string entry) {
@@ -27,7 +27,7 @@ public:
         std::lock_guard lock(m_mutex);
         return m_entries;
     }
-    // Whether there are `count` entries within 20 s.
+    // Waits up to 20 s for `count` entries; returns whether they came.
     bool waitFor(std::size_t count) const {
         std::unique_lock lock(m_mutex);
         return m_changed.wait_for(lock, std::chrono::seconds(20),
@@ -40,7 +40,7 @@ private:
     std::vector<std::string> m_entries;
 };
 
-// A door that threads wait at until it is opened, for at most 20 s.
+// A door at which threads wait until it is opened, for at most 20 s.
 class Door {
 public:
     void open() { m_open = true; }

@@ -1,4 +1,4 @@
-// The mean rate of a paced worker, on a thread that the system wakes late.
+// The mean rate of a paced worker whose thread wakes late.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-// Of 15 pauses of 20 ms, each of which may take 9 ms longer.
+// The mean of 15 pauses of 20 ms, each of which may take up to 9 ms longer.
 Milliseconds meanPause() {
     constexpr int kPauses = 15;
     std::chrono::steady_clock::time_point begun;
@@ -37,8 +37,8 @@ Milliseconds meanPause() {
 
 }  // namespace
 
-// What one pause takes too long is taken off the next. A busy machine may hold the worker up for
-// longer than that makes up for: then another try counts.
+// The overrun of one pause is taken off the next. A busy machine may delay the worker by more than
+// that can make up for; then the test tries again.
 TEST(WorkerThreadTest, TheMeanPauseIsTheOneThatWasAskedFor) {
     Milliseconds shortest = 1h;
     for (int attempt = 0; attempt < 8 && shortest > 27ms; ++attempt) {

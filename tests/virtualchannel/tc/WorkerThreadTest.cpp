@@ -18,7 +18,7 @@ namespace {
 using Entries = std::vector<std::string>;
 using Numbers = std::vector<int>;
 
-// The numbers of the items after which a worker with these settings pauses, in one burst.
+// The numbers of the items in a burst after which a worker with these settings pauses.
 Numbers pausesOf(int packetsPerBreak, int breakTime, int items) {
     Numbers pauses;
     Journal journal;
@@ -41,7 +41,7 @@ TEST(WorkerThreadTest, PausesAfterTheEleventhItemAndThenAfterEveryTenth) {
     EXPECT_EQ(pausesOf(10, 3, 45), (Numbers{11, 21, 31, 41}));
     EXPECT_EQ(pausesOf(10, 10, 10), Numbers{});
     EXPECT_EQ(pausesOf(1, 3, 4), (Numbers{2, 3, 4}));
-    EXPECT_EQ(pausesOf(0, 3, 30), Numbers{1});  // once a burst
+    EXPECT_EQ(pausesOf(0, 3, 30), Numbers{1});  // once per burst
     EXPECT_EQ(pausesOf(10, 0, 45), Numbers{});
     EXPECT_EQ(pausesOf(0, 0, 45), Numbers{});
 }
@@ -68,7 +68,7 @@ TEST(WorkerThreadTest, TakesEveryFourthItemFromTheLowPriorityQueue) {
     for (const char* name : {"h1", "h2", "h3", "h4"}) {
         worker.addHighPriorityWork(note(journal, name));
     }
-    worker.addHighPriorityWork(nullptr);  // is skipped
+    worker.addHighPriorityWork(nullptr);  // skipped
     EXPECT_EQ(worker.QueueSize(), 8U);
     EXPECT_EQ(worker.highPriorityQueueSize(), 5U);
     EXPECT_EQ(worker.lowPriorityQueueSize(), 3U);

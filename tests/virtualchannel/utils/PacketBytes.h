@@ -1,4 +1,4 @@
-// What the packet tests build packets from and look at them with.
+// Helpers of the packet tests to build and inspect packets.
 #pragma once
 
 #include <cstring>
@@ -17,7 +17,7 @@ using NorvoVirtualChannel::Packet;
 using NorvoVirtualChannel::Packetization;
 using NorvoVirtualChannel::PacketizationObserver;
 
-// A packet of a message as it is received. The header's payload size is the payload's.
+// A packet as received, with the header's payload size set to that of `payload`.
 inline std::string wireOf(Header header, const std::string& payload) {
     header.payloadSize = static_cast<std::uint32_t>(payload.size());
     std::string wire(sizeof header, '\0');
@@ -38,7 +38,7 @@ inline std::string textOf(std::span<const std::byte> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// Bytes without a period that divides a packet's size.
+// Bytes with no period that divides a packet's size.
 inline std::string pattern(std::size_t length) {
     std::string bytes(length, '\0');
     for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<char>(i * 7 + i / 251);
@@ -64,7 +64,7 @@ struct Receiver : PacketizationObserver {
     std::vector<std::string> messages;
 };
 
-// Hands a received packet on as a channel does.
+// Passes on a received packet as a channel does.
 inline void receive(Packetization& packetization, const std::string& wire) {
     const Packet packet = Packet::Borrow(wire.data(), static_cast<unsigned int>(wire.size()));
     if (packet.isPacketValid()) packetization.EnqueuePacket(&packet);

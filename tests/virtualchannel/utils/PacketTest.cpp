@@ -62,7 +62,7 @@ TEST(Packet, ReadsEveryFieldOfAReceivedPacket) {
     }
 }
 
-// One field of a good packet is damaged at a time.
+// Damages one field of a valid packet at a time.
 TEST(Packet, ReportsWhatIsWrongWithAReceivedPacket) {
     const struct {
         const char* what;

@@ -76,7 +76,8 @@ TEST(Packetization, LetsAPacketOutliveTheOthersOfItsMessage) {
 
 TEST(UIDGenerator, StartsAtTheTimeAndGoesOnAtZeroAfterTheLargestID) {
     const auto before = static_cast<unsigned int>(time(nullptr));
-    EXPECT_GT(UIDGenerator::GetInstance()->GetNextUID(), before - 600);  // others may have counted
+    EXPECT_GT(UIDGenerator::GetInstance()->GetNextUID(),
+              before - 600);  // others may have taken IDs
     UIDGenerator generator(0xFFFFFFFE);
     EXPECT_EQ(generator.GetNextUID(), 0xFFFFFFFFu);
     EXPECT_EQ(generator.GetNextUID(), 0u);

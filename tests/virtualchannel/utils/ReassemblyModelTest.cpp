@@ -1,5 +1,5 @@
-// The receiving side against a plain model of it, which keeps one queue of all packets and walks a
-// table of all messages after each: same messages, in the same order, with the same log lines.
+// Compares the receiving side with a simple model, which keeps all packets in one queue and scans a
+// table of all messages after each: same messages, same order, same log lines.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -114,7 +114,7 @@ struct Traffic {
         return std::uniform_int_distribution<std::uint32_t>(0, bound - 1)(random);
     }
 
-    // Few IDs, totals and sequences, so that they meet; now and then something odd.
+    // Few IDs, totals and sequences, so that they collide; occasionally an odd one.
     std::pair<Header, std::string> next() {
         static constexpr std::uint32_t kOdd[] = {0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
         const std::string payload(below(8) == 0 ? below(9000) : below(60),

@@ -34,7 +34,7 @@ struct Reassembly : testing::Test {
 
 }  // namespace
 
-// What the joining itself has to do is in ReassemblyModelTest.cpp.
+// ReassemblyModelTest.cpp covers the joining itself.
 
 TEST_F(Reassembly, DeliversAnUnsplitMessageAtOnceFromWhereItLies) {
     struct Place : PacketizationObserver {
@@ -127,8 +127,8 @@ TEST_F(Reassembly, CostsAboutTheSameInAnyOrder) {
     EXPECT_LT(costOf(packets), 50 * inOrder);
 }
 
-// Small packets that announce much must not take much memory, nor the beginning of a message the
-// memory of the large one before it, again and again.
+// Small packets that announce large messages must not take much memory. Nor must the beginning of a
+// message repeatedly keep the memory of the large one before it.
 TEST_F(Reassembly, UsesMemoryForWhatArrivedOnly) {
     if (testsupport::kSanitized) GTEST_SKIP() << "counts the resident memory";
     const auto peak = [] {
@@ -180,8 +180,8 @@ TEST_F(Reassembly, DropsAMessageThatThereIsNoMemoryFor) {
     }));
 }
 
-// A host should receive on one thread; one that does not must not corrupt anything. No two messages
-// get the same ID: parts of both would be joined.
+// A host should receive on one thread, but using several must not corrupt anything. No two messages
+// may get the same ID, or parts of both would be joined.
 TEST_F(Reassembly, CutsAndJoinsOnSeveralThreadsAtOnce) {
     const auto messageOf = [](int thread) { return pattern(250U + static_cast<unsigned>(thread)); };
     const auto messages = static_cast<std::size_t>(testsupport::rounds(1000));

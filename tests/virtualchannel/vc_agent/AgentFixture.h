@@ -1,4 +1,4 @@
-// One agent on a machine and a channel of the test's own.
+// One agent on the test's own machine and channel.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -48,7 +48,7 @@ struct AgentSide {
     void becomesAvailable(bool available = true) {
         channel.callObserver([=](auto& o) { o.OnVirtualChannelAvailabilityChange(available); });
     }
-    // The far side finishes a handshake.
+    // Makes the peer finish a handshake.
     void connect() {
         channel.deliver(control(VirtualChannelAgent::CTL_CONNECTED));
         channel.takeSent();
@@ -56,7 +56,7 @@ struct AgentSide {
     void request(const std::string& text) { segment(infoInputName())->localProcessWrites(text); }
     std::shared_ptr<FakeSegment> segment(const std::string& name) { return machine->segment(name); }
 
-    // The messages that leave, through the send thread as a rule: at least `count`.
+    // The messages sent, usually by the send thread: at least `count`.
     Texts sentTexts(std::size_t count) {
         Texts texts;
         EXPECT_TRUE(eventually([&] {
@@ -66,14 +66,13 @@ struct AgentSide {
         return texts;
     }
 
-    // What local processes were told since the last forgetNotifications(): at least `count`
-    // messages.
+    // The notifications to local processes since the last forgetNotifications(): at least `count`.
     Texts notifications(std::size_t count) {
         const auto info = segment(infoOutputName());
         EXPECT_TRUE(eventually([&] { return info->written().size() >= count; }));
         return info->written();
     }
-    // The same by operation name.
+    // The same, operation names only.
     Texts operations(std::size_t count) {
         auto texts = notifications(count);
         for (auto& text : texts) text = text.substr(0, text.find('|'));
@@ -94,7 +93,7 @@ struct AgentSide {
 
 class AgentTest : public ::testing::Test {
 protected:
-    // The one message that was sent since the last look.
+    // The one message sent since the last call.
     FakeChannel::Sent takeOne() {
         auto sent = m_channel.takeSent();
         EXPECT_EQ(sent.size(), 1U);

@@ -1,4 +1,4 @@
-// A far side that sends whatever it likes, whole or in packets. The build target `full_runs` sends
+// A hostile peer that sends arbitrary data, whole or in packets. The build target `full_runs` sends
 // a million messages.
 #include <sys/resource.h>
 
@@ -54,7 +54,7 @@ std::string anyName(Random& random) {
     return anyOf(random, names);
 }
 
-// With any fields, and any values in them.
+// With random fields and values.
 VCMessage anyMessage(Random& random) {
     constexpr unsigned int kSizes[] = {
         0, 1, 1000, 10240, kMaxStreamSize, kMaxStreamSize + 1, 0xFFFFFFFF};
@@ -76,7 +76,7 @@ VCMessage anyMessage(Random& random) {
     return message;
 }
 
-// Damages a good message: bits, a cut, or something added.
+// Damages a valid message: flips bits, cuts it, or appends bytes.
 void mutate(Random& random, std::string& bytes) {
     if (below(random, 2) == 0) {
         for (int i = 0; i < 3; ++i)
@@ -87,7 +87,7 @@ void mutate(Random& random, std::string& bytes) {
     }
 }
 
-// Records as fuzz/ReceivePath.cpp takes them: what happens, how many words, and the bytes.
+// Records as fuzz/ReceivePath.cpp takes them: the event, the number of words, and the bytes.
 void appendRecord(Random& random, std::string& input) {
     auto message = anyMessage(random);
     message.setClientVersion(std::string(3 - (message.byteSize() + 3) % 4, 'x'));
@@ -101,7 +101,7 @@ void appendRecord(Random& random, std::string& input) {
     input += bytes;
 }
 
-// The most memory that this process has had so far.
+// The peak memory of this process so far.
 long peakKilobytes() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
@@ -115,7 +115,7 @@ int messagesToSend() {
 
 }  // namespace
 
-// It ends the process where an agent has more streams than it may, or is of no use any more.
+// Ends the process if an agent has too many streams or no longer works.
 extern "C" int fuzzReceivePath(const std::uint8_t* data, std::size_t size);
 
 TEST(AgentHostile, AnyMessagesLeaveTheAgentAliveAndItsMemoryBounded) {
@@ -130,7 +130,7 @@ TEST(AgentHostile, AnyMessagesLeaveTheAgentAliveAndItsMemoryBounded) {
         fuzzReceivePath(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
     }
     KLT::kltlogger::setThreshold(KLT::kltlogger::Info);
-    // 1001 messages of 600 bytes wait in each of at most 192 streams.
+    // Up to 1001 messages of 600 bytes wait in each of at most 192 streams.
     if (!kSanitized) {
         EXPECT_LT(peakKilobytes() - peakBefore, 500 * 1024);
     }

@@ -1,4 +1,4 @@
-// The INFO protocol: requests of local processes, as far as AgentSessionTest does not show them.
+// The INFO protocol: requests of local processes that AgentSessionTest does not cover.
 #include <unistd.h>
 
 #include <filesystem>
@@ -36,7 +36,7 @@ TEST_F(AgentInfo, SaysWhatTheChannelIsAndTakesWhatTheClientIs) {
     m_side.request("SetHVDClientInfo|4294967295|x");
     EXPECT_EQ(m_side.agent->getHvdClientInfoManager()->first(), 4294967295U);
     EXPECT_EQ(m_side.agent->getHvdClientInfoManager()->second(), 0U);
-    m_channel.type = 2;  // that host runs the plug-in in a child process
+    m_channel.type = 2;  // VMware: the host runs the plug-in in a child process
     m_side.request("RequestVCProcessId");
     EXPECT_TRUE(m_side.wasTold("VCProcessId|" + std::to_string(getppid()) + "|1"));
 }

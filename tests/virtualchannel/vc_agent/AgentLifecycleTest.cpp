@@ -1,4 +1,4 @@
-// The end of an agent: in every state, from any permitted thread, while others are still calling.
+// Ending an agent: in every state, from any permitted thread, while others are still calling.
 #include "AgentFixture.h"
 #include "Rounds.h"
 
@@ -9,7 +9,7 @@ namespace {
 
 using AgentLifecycle = AgentTest;
 
-// Runs `call` and expects it to end well within the 5 s that it may take at most.
+// Runs `call` and expects it to end well within its limit of 5 s.
 template <class Call>
 void endsSoon(const Call& call) {
     const auto start = std::chrono::steady_clock::now();
@@ -57,7 +57,7 @@ TEST_F(AgentLifecycle, StopEndsWhileTheChannelIsBusyWithItsRunner) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
     };
     endsSoon([&] { m_side.agent->stop(); });
-    EXPECT_EQ(m_side.sentTexts(1), Texts{"5"});  // and no answer to the handshake
+    EXPECT_EQ(m_side.sentTexts(1), Texts{"5"});  // and no reply to the handshake
 }
 
 TEST_F(AgentLifecycle, StopEndsWhileTheReceivePathIsBlocked) {
@@ -74,7 +74,7 @@ TEST_F(AgentLifecycle, StopEndsWhileTheReceivePathIsBlocked) {
     EXPECT_FALSE(m_side.segment("Media")->isOpen());
 }
 
-// They leave 5 ms apart, which no thread of the host waits for.
+// They are sent 5 ms apart, but no host thread waits for that.
 TEST_F(AgentLifecycle, ManyStreamsAreAnnouncedAgainInOrderWithoutHoldingUpTheHost) {
     m_side.connect();
     constexpr std::size_t kStreams = 190;
@@ -91,7 +91,7 @@ TEST_F(AgentLifecycle, ManyStreamsAreAnnouncedAgainInOrderWithoutHoldingUpTheHos
     Texts announced = m_side.sentTexts(kStreams + 1);
     std::erase_if(announced, [](const auto& text) {
         return text[0] == '4';
-    });  // CTL_CONNECTED, which waits for none of them
+    });  // CTL_CONNECTED, which does not wait for them
     EXPECT_EQ(announced.size(), kStreams);
     EXPECT_TRUE(std::is_sorted(announced.begin(), announced.end()));
     EXPECT_TRUE(
@@ -131,8 +131,8 @@ TEST_F(AgentLifecycle, HostCallsFromInsideAQuestionAreTaken) {
     }
 }
 
-// What the streams hand to the channel ends first, then the goodbye leaves, and only then may the
-// channel drop what is queued.
+// First the streams stop sending to the channel, then CTL_DISCONNECT is sent, and only then may the
+// channel drop its queue.
 TEST_F(AgentLifecycle, TheConnectionIsOverBeforeTheChannelHearsOfIt) {
     Texts steps;
     m_channel.onCall = [&](const std::string& call) {
@@ -149,7 +149,7 @@ TEST_F(AgentLifecycle, TheConnectionIsOverBeforeTheChannelHearsOfIt) {
     EXPECT_EQ(steps, (Texts{"send, not connected", "wait, not connected", "down, not connected"}));
 }
 
-// Everybody calls at once: host threads, local processes, and in the end stop() or the destructor.
+// Concurrent calls from host threads and local processes, and finally stop() or the destructor.
 TEST_F(AgentLifecycle, AnAgentCanBeEndedAtAnyMoment) {
     for (int round = 0; round < rounds(60); ++round) {
         AgentSide side;
@@ -187,7 +187,7 @@ TEST_F(AgentLifecycle, AnAgentCanBeEndedAtAnyMoment) {
     }
 }
 
-// The real machine: nobody reads the notifications, and nobody takes what 20 streams carry.
+// On the real machine: nobody reads the notifications or the data of 20 streams.
 TEST(AgentOnRealSegments, StopEndsAlthoughNobodyReads) {
     FakeChannel channel;
     Agent agent(&channel, "real");
@@ -200,7 +200,7 @@ TEST(AgentOnRealSegments, StopEndsAlthoughNobodyReads) {
         channel.deliver(aboutStream(CTL_S_CREATE, "r" + std::to_string(i), kWrite));
         channel.deliver(aboutStream(CTL_S_CREATED, "r" + std::to_string(i), kWrite));
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // writers are in their waits
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // so that the writers wait
     endsSoon([&] { agent.stop(); });
     EXPECT_FALSE(channel.isObserved());
 }

@@ -1,6 +1,6 @@
-// What an agent logs, sends and sets up in whole sessions. AgentSession.txt is the transcript:
-// behind each line "> what happens" stand the lines that come of it, indented and sorted when they
-// are of another thread than the test's. NORVO_WRITE_SESSION=FILE writes what the test has seen.
+// What an agent logs, sends and sets up in whole sessions. AgentSession.txt is the transcript: each
+// line "> event" is followed by the resulting lines; those of threads other than the test's are
+// indented and sorted. NORVO_WRITE_SESSION=FILE writes what the test has seen.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -19,11 +19,11 @@ using namespace VirtualChannelAgent;
 
 namespace {
 
-// The lines since the last look.
+// Collects the lines since the last take().
 class Transcript : public KLT::kltlogger::LogSink {
 public:
     void write(const KLT::kltlogger::LogRecord& record) override {
-        static const std::regex sum(" more in [0-9]+ s$");  // of repeated lines; says when it likes
+        static const std::regex sum(" more in [0-9]+ s$");  // of repeated lines; comes at any time
         if (!std::regex_search(std::string(record.message), sum)) note(record.message);
     }
     void note(std::string_view line) {
@@ -31,7 +31,7 @@ public:
         std::lock_guard lock(m_mutex);
         (isOwn ? m_own : m_others).push_back((isOwn ? "" : "  ") + std::string(line));
     }
-    // At least `count` lines, unless they do not come in time.
+    // At least `count` lines, or fewer when `limit` has passed.
     Texts take(std::size_t count, std::chrono::milliseconds limit) {
         const auto isComplete = [&] {
             std::lock_guard lock(m_mutex);
@@ -57,9 +57,8 @@ private:
     Texts m_others;
 };
 
-// The type of the message, then the name, type and size of a stream and data for it, or the
-// streams, channel version, internal version and client version of a handshake; "-" for one that is
-// missing.
+// The message type, then a stream's name, type, size and data, or a handshake's streams, channel
+// version, internal version and client version; "-" for a missing one.
 VCMessage messageOf(const std::string& text) {
     std::istringstream words(text);
     int type = 0;
@@ -140,7 +139,7 @@ public:
     }
 
 private:
-    // What stands before the first space, and behind it.
+    // The text before the first space, and after it.
     static std::pair<std::string, std::string> cut(const std::string& text) {
         const auto space = std::min(text.find(' '), text.size() - 1);
         return {text.substr(0, space), text.substr(space + 1)};
@@ -170,7 +169,7 @@ private:
 struct Step {
     std::string comments;
     std::string what;
-    Texts lines;  // that come of it
+    Texts lines;  // that result from it
 };
 
 std::vector<Step> stepsOf(const std::string& file) {

@@ -1,4 +1,4 @@
-// Streams: their limits, their ends, and what holds their data up.
+// Streams: their limits, their ends, and what delays their data.
 #include <future>
 
 #include "AgentFixture.h"
@@ -10,7 +10,7 @@ using namespace VirtualChannelAgent;
 
 namespace {
 
-// A connected agent whose notifications of the connection have passed.
+// A connected agent, after its notifications of the connection.
 class AgentStream : public AgentTest {
 protected:
     AgentStream() {
@@ -58,7 +58,7 @@ TEST(AgentPair, AgentsThatConnectAtOncePairAStreamWhoeverAsks) {
         return near.agent->IsConnected() && far.agent->IsConnected() &&
                near.channel.sentCount() + far.channel.sentCount() == 0;
     }));
-    near.request("OpenStream|Media|500");  // asked for on the reading side
+    near.request("OpenStream|Media|500");  // requested on the reading side
     EXPECT_TRUE(runs("Media", far, near));
     far.request("CreateStream|Basic|500");  // on the writing side
     EXPECT_TRUE(runs("Basic", far, near));
@@ -124,7 +124,7 @@ TEST_F(AgentStream, WhatNobodyUsesIsFreedAfterAMinute) {
     runningStream("waits", false)->setReader(FakeSegment::Reader::Refuses);
     m_channel.deliver(routed("waits", "for a reader"));
     runningStream("open", false);
-    m_side.request("CreateStream|closed|500");  // by a process that is seen to have it open
+    m_side.request("CreateStream|closed|500");  // by a process seen to have it open
     machine->setOpenElsewhere({"open"});
     m_side.request("CreateStream|foreign|500");
     m_side.request("CreateStream|closed|500");
@@ -166,7 +166,7 @@ TEST_F(AgentStream,
 }
 
 TEST_F(AgentStream, FullQueuesLoseTheirOldestMessages) {
-    m_channel.deliver(control(CTL_DISCONNECT));  // what is queued now waits for a connection
+    m_channel.deliver(control(CTL_DISCONNECT));  // from now on messages wait for a connection
     for (int i = 0; i < 1003; ++i) {
         m_channel.deliver(aboutStream(CTL_S_CREATED, std::to_string(i), kRead));
     }
@@ -179,7 +179,8 @@ TEST_F(AgentStream, FullQueuesLoseTheirOldestMessages) {
 
     m_side.request("CreateStream|Media|500");
     for (int i = 0; i < 1003; ++i) m_channel.deliver(routed("Media", std::to_string(i)));
-    EXPECT_EQ(m_log.count("Sending buffer full, removing the oldest message"), 1);  // summed up
+    EXPECT_EQ(m_log.count("Sending buffer full, removing the oldest message"),
+              1);  // repeats are summarised
     m_channel.deliver(aboutStream(CTL_S_CREATED, "Media", kRead));
     const auto segment = m_side.segment("Media");
     EXPECT_TRUE(eventually([&] { return segment->written().size() == 1001; }));
@@ -199,7 +200,7 @@ TEST_F(AgentStream, TheQueueOfAStreamIsBoundedInBytesToo) {
     EXPECT_EQ(segment->written().front().size(), moreThanHalf.size());
 }
 
-// 60 local processes that start at once ask for all streams each.
+// 60 local processes start at once, and each requests all streams.
 TEST_F(AgentStream, ManyRollCallsAreAnsweredTogether) {
     for (int i = 0; i < 60; ++i) runningStream("s" + std::to_string(i), false);
     const auto info = m_side.segment(infoOutputName());
@@ -209,10 +210,11 @@ TEST_F(AgentStream, ManyRollCallsAreAnsweredTogether) {
         m_side.request("RequestVCProcessId");
     }
     runningStream("late", false);
-    m_side.request("RequestNotifyStream");  // tells of it too
+    m_side.request("RequestNotifyStream");  // includes it
     m_channel.deliver(control(CTL_DISCONNECT));
     m_channel.deliver(control(CTL_CONNECTED));
-    m_side.request("RequestNotifyStream");  // who has just lost the channel knows of no stream
+    m_side.request(
+        "RequestNotifyStream");  // a process that has just lost the channel knows no streams
     m_side.request("IsMultiSession");
     info->setReader(FakeSegment::Reader::Takes);
     ASSERT_TRUE(m_side.wasTold("IsMultiSession|0"));
@@ -245,7 +247,7 @@ TEST_F(AgentStream, AtMostOneQueuedMessageLeavesAfterADisconnection) {
     for (int i = 0; i < 5; ++i) {
         m_channel.deliver(aboutStream(CTL_S_CREATED, std::to_string(i), kRead));
     }
-    // The send thread is held in its first message while the connection ends.
+    // The send thread is held up in its first message while the connection ends.
     std::thread disconnecting([&] { m_channel.deliver(control(CTL_DISCONNECT)); });
     EXPECT_TRUE(eventually([&] { return !m_side.agent->IsConnected(); }));
     gate.unlock();
@@ -285,7 +287,7 @@ TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
 
 TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProcesses) {
     const auto own = m_side.machine->segmentCount();
-    // How many segments there are after both sides have asked for `count` streams each.
+    // The number of segments after both sides have requested `count` streams each.
     const auto askFor = [&](int count, unsigned int size) {
         std::vector<std::size_t> made;
         for (const bool isFarSide : {true, false}) {

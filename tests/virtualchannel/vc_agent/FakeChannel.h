@@ -1,4 +1,4 @@
-// Channels in memory: what an agent sends is kept until the test looks at it or has it delivered.
+// In-memory channels: what an agent sends is kept until the test takes it or has it delivered.
 #pragma once
 
 #include <atomic>
@@ -32,7 +32,7 @@ public:
             parsed.parseFromArray(bytes.data(), static_cast<unsigned int>(bytes.size()));
             return parsed;
         }
-        // Its type and the fields that it has: "6 Media 1 500".
+        // Its type and its fields: "6 Media 1 500".
         std::string text() const {
             using VirtualChannelAgent::VCMessage;
             const auto parsed = message();
@@ -59,9 +59,9 @@ public:
 
     int type = 1;
     bool seamless = false;
-    std::atomic<int> refusals{0};  // so many times, the data of a stream is not taken
-    // Called from inside the agent's calls, with one of "send", "up", "down", "wait" (until all is
-    // sent), "forget" (incomplete messages) and "question".
+    std::atomic<int> refusals{0};  // how many more times stream data is refused
+    // Called from inside the agent's calls, with "send", "up", "down", "wait" (until all is sent),
+    // "forget" (incomplete messages) or "question".
     std::function<void(const std::string& call)> onCall = [](const std::string&) {};
     std::function<void(const Sent&)> onSent = [](const Sent&) {};
 
@@ -83,7 +83,7 @@ public:
         return m_observer != nullptr;
     }
 
-    // From the agent: takes what it has sent since the last call.
+    // Takes what the agent has sent since the last call.
     std::vector<Sent> takeSent() {
         std::lock_guard lock(m_sentMutex);
         return std::exchange(m_sent, {});
@@ -141,7 +141,7 @@ private:
     std::vector<Sent> m_sent;
 };
 
-// Messages of the far side.
+// Messages of the peer.
 inline VirtualChannelAgent::VCMessage control(VirtualChannelAgent::MessageTypeEnum type) {
     VirtualChannelAgent::VCMessage message;
     message.setMessageType(type);

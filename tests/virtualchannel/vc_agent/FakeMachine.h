@@ -1,4 +1,4 @@
-// A machine for agents under test: its clock stands still until the test moves it, its segments are
+// A machine for agents under test: its clock moves only when the test advances it, its segments are
 // in memory, and the test plays the local processes at their other ends.
 #pragma once
 
@@ -30,7 +30,7 @@ public:
     enum class Reader { Takes, Refuses, IsStuck };
     using Kind = VirtualChannelAgent::AgentEnvironment::SegmentKind;
 
-    // `onSetUp` says whether the segment can be set up.
+    // `onSetUp` returns whether the segment can be set up.
     FakeSegment(Kind kind, std::chrono::milliseconds closeTakes,
                 std::function<bool(FakeSegment&)> onSetUp,
                 std::function<void(FakeSegment&, const std::string&)> onWritten)
@@ -53,7 +53,7 @@ public:
         std::lock_guard lock(m_mutex);
         m_written.clear();
     }
-    // As the segment's read thread does it: whoever unsubscribes waits for the call to end.
+    // Like the segment's read thread: unsubscribing waits for the call to end.
     void localProcessWrites(const std::string& message) {
         std::lock_guard delivering(m_delivery);
         if (m_observer) m_observer->onNewMessageReceived(message, this);
@@ -84,7 +84,7 @@ public:
     }
     shared_memory::OpenError openError() override { return {shared_memory::OpenFailure::NoSpace}; }
     std::string getName() override { return m_name; }
-    // A stuck reader holds a writer as long as the real one would: 2000 ms, or until it is closed.
+    // A stuck reader blocks a writer as long as a real one would: 2000 ms, or until closed.
     bool WriteData(const void* data, const unsigned int& length) override {
         std::unique_lock lock(m_mutex);
         m_changed.wait_for(lock, std::chrono::milliseconds(2000),
@@ -136,7 +136,7 @@ private:
 
 class FakeMachine : public VirtualChannelAgent::AgentEnvironment {
 public:
-    // What the test sets.
+    // Set by the test.
     std::atomic<bool> otherAgentIsActive{false};
     std::atomic<bool> segmentsFail{false};
     std::atomic<std::uint64_t> clock{1'000'000};
@@ -145,13 +145,13 @@ public:
     // Called on the agent's threads.
     std::function<void(FakeSegment&)> onSegmentSetUp = [](FakeSegment&) {};
     std::function<void(FakeSegment&, const std::string&)> onWritten = [](auto&, auto&) {};
-    // What other processes have open; everything unless the test says so.
+    // Sets what other processes have open; initially everything.
     void setOpenElsewhere(std::set<std::string> names) {
         std::lock_guard lock(m_mutex);
         m_openElsewhere = std::move(names);
     }
 
-    // What the agent did.
+    // Set by the agent.
     std::atomic<bool> isMarked{false};
     std::atomic<int> watchesEnded{0};
     std::atomic<int> pauses{0};
@@ -161,7 +161,7 @@ public:
         std::lock_guard lock(m_mutex);
         return m_peerSegments;
     }
-    // The segment that was set up last under that name; null when there is none.
+    // The last segment set up under that name; null when there is none.
     std::shared_ptr<FakeSegment> segment(const std::string& name) const {
         std::lock_guard lock(m_mutex);
         const auto found = m_byName.find(name);
@@ -178,8 +178,8 @@ public:
                           [](const auto& segment) { return segment.second->isOpen(); }));
     }
 
-    // Lets `ms` pass, at the end of which the waiting thread goes on, and waits until it is back
-    // for its next wait. (Setting `clock` alone is somebody setting the wall clock.)
+    // Advances the clock by `ms`, which resumes the waiting thread, and returns when that waits
+    // again. (Changing `clock` alone simulates a wall clock change.)
     bool pass(std::uint64_t ms) {
         if (!eventually([&] { return m_waiting > 0; })) return false;
         const int before = m_waits;

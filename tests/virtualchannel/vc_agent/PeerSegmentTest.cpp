@@ -1,4 +1,4 @@
-// What a host that is killed leaves in the system at the far side's wish.
+// Segments made at the peer's request that a killed host leaves in the system.
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
@@ -9,7 +9,7 @@ using VirtualChannelAgent::PeerSegmentRecord;
 
 namespace {
 
-// Makes the named segments as an agent does, and keeps them until it is killed.
+// Makes the named segments as an agent does, and keeps them until killed.
 CHILD_ROLE(holdPeerSegments) {
     std::vector<std::shared_ptr<shared_memory::SharedMemoryI>> segments;
     for (const auto& name : args) {

@@ -27,7 +27,7 @@ std::string number(unsigned int value) {
     return bytes;
 }
 
-// A header and what follows it; `size` is what the size field says.
+// A header and its content; `size` goes into the size field.
 std::string record(char flag, unsigned char type, std::size_t size, const std::string& content) {
     return std::string(2, flag) + std::string(2, '\0') + static_cast<char>(type) +
            number(static_cast<unsigned int>(size)) + std::string(11, '\0') + content;
@@ -186,7 +186,7 @@ TEST(VCMessage, NeedsABufferOfItsSize) {
     EXPECT_EQ(buffer, std::string(message.byteSize(), '?'));
 }
 
-// A good message of two blocks, which begin at 20 and 45, is damaged in one place at a time.
+// Damages a valid message of two blocks, at 20 and 45, in one place at a time.
 TEST(VCMessage, ReportsWhatIsWrongWithAReceivedMessageAndKeepsTheBlocksBeforeIt) {
     const std::string good = message(7, block(2, "Basic") + block(3, number(1)));
     const auto cutTo = [](unsigned int size) {

@@ -14,7 +14,7 @@ set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY 
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
     APPEND PROPERTY INCLUDE_DIRECTORIES ${CMAKE_CURRENT_SOURCE_DIR})
 
-# Runs that take minutes, by hand: `cmake --build . --target full_runs`.
+# Runs of several minutes, started by hand: `cmake --build . --target full_runs`.
 add_custom_target(full_runs
     COMMAND ${CMAKE_COMMAND} -E env NORVO_HOSTILE_MESSAGES=1000000
             $<TARGET_FILE:norvo_tests> --gtest_filter=AgentHostile.*

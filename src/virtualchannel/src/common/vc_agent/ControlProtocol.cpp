@@ -11,7 +11,7 @@ namespace VirtualChannelAgent {
 // How one type of message is handled.
 struct ControlProtocol::Handler {
     unsigned char type;
-    const char* announcement;  // log line on receipt; empty when the handler has one of its own
+    const char* announcement;  // log line on receipt; empty when the handler logs its own
     const char* incomplete;    // log line when a stream's name, type or size is missing; empty when
                                // the message is not about a stream
     void (*run)(ControlProtocol& self, const Received& received);
