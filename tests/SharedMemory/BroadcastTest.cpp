@@ -7,7 +7,7 @@ using namespace segmenttest;
 
 using ClockedBroadcast = Clocked<SharedMemoryBroadcast>;
 
-// The writer's clock stands still, so it times out only when a test moves it.
+// The writer's clock is stopped, so it times out only when a test advances it.
 class BroadcastTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -15,7 +15,7 @@ protected:
         ASSERT_TRUE(reader.Open(name, 64));
     }
 
-    // Whether the writer would be let in.
+    // Whether the writer could write now.
     bool canWriteNow() {
         if (!writer.LockWrite()) return false;
         writer.UnlockWrite();
@@ -99,7 +99,7 @@ TEST_F(BroadcastTest, AMissingReaderDelaysOneMessageOnly) {
     ASSERT_TRUE(crosses("two"));
     EXPECT_TRUE(canWriteNow());
 
-    // If it was only slow, it continues with the newest message and is waited for again.
+    // If it was only slow, it continues with the newest message, and the writer waits for it again.
     EXPECT_TRUE(takes(gone, "two"));
     EXPECT_TRUE(canWriteNow());
     ASSERT_TRUE(crosses("three"));
@@ -118,7 +118,7 @@ TEST_F(BroadcastTest, ALateWriteDoesNotOvertakeAReaderInsideItsCopy) {
     reader.UnlockRead();
     EXPECT_TRUE(canWriteNow());
 
-    // A reader that died inside is waited for no longer, and its count is removed.
+    // The writer stops waiting for a reader that died inside, and its count is removed.
     ASSERT_TRUE(reader.LockRead());
     EXPECT_FALSE(canWriteNow());
     g_testTime += 500;

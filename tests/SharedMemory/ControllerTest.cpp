@@ -8,18 +8,18 @@ using namespace segmenttest;
 class RWControllerAcrossProcesses : public ::testing::Test {
 protected:
     RWControllerAcrossProcesses() { pair.reader->subscribeObserver(&collector); }
-    // Later tests in this process can write at once.
+    // Lets later tests in this process write at once.
     ~RWControllerAcrossProcesses() override {
         EXPECT_TRUE(comesTo([&] { return controller->canRead() && controller->canWrite(); }));
         pair.reader->Close();
     }
 
-    // The check runs every 500 ms; the rest is for a loaded machine.
+    // The check runs every 500 ms; the rest is margin for a loaded machine.
     template <class Predicate>
     bool comesTo(const Predicate& predicate) {
         return eventually(predicate, milliseconds(2500));
     }
-    // Whether a write is let through; false only for one that is refused at once.
+    // Whether a write succeeds; false only if it is refused at once.
     bool writes() { return write(*pair.writer, "message"); }
 
     const std::shared_ptr<SharedMemoryRWController> controller =

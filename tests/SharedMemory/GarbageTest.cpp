@@ -22,8 +22,8 @@ unsigned int hurriedTime() {
 template <class Segment>
 using Hurried = WithClock<Segment, hurriedTime>;
 
-// Calls `action` after each value at each word of the header. `published` also increments the new
-// message ID, so that a chunk seems to wait.
+// Puts each value into each word of the header and then calls `action`. `published` also increments
+// the new message ID, so that a chunk seems to be waiting.
 template <class Action>
 void forEachGarbage(RawSegment& raw, const Action& action) {
     using Limits = std::numeric_limits<std::int64_t>;
@@ -63,9 +63,9 @@ TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
     RawSegment raw(name);
     VDIFrameworkCommon::NamedCondition written;
     ASSERT_TRUE(written.create(("ED992248_" + name + "_read_condition").c_str()));
-    // A broadcast's ID may have been set to just before the last one seen: that the next message
-    // is new then shows only with the one after it, and with one more for a reader that had no
-    // processor meanwhile.
+    // A broadcast's ID may have been set to just before the last one seen. Then the next message is
+    // recognised as new only with the one after it, or one later by a reader that was not
+    // scheduled.
     const auto waits = std::is_same_v<TypeParam, SharedMemoryBroadcast>
                            ? std::vector<milliseconds>{milliseconds(150), seconds(5), seconds(20)}
                            : std::vector<milliseconds>{seconds(20)};

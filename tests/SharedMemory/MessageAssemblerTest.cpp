@@ -26,7 +26,7 @@ TEST(MessageAssemblerTest, AChunkThatDoesNotFollowIsAStray) {
     const std::vector<ChunkHeader> strays = {{3, 3, 20, 4},   // one is missing
                                              {3, 0, 20, 8},   // before the first
                                              {4, 2, 20, 8},   // of another message
-                                             {3, 4, 20, 8}};  // behind the last
+                                             {3, 4, 20, 8}};  // after the last
     for (const auto& stray : strays) {
         MessageAssembler assembler;
         ASSERT_EQ(assembler.add({3, 1, 20, 8}, kSlot, kCapacity), Outcome::Incomplete);

@@ -13,7 +13,7 @@ protected:
         ASSERT_TRUE(reader.Open(name, 64) && first.Create(name, 64) && second.Create(name, 64));
     }
     bool isLocked() const { return RawSegment(name).word64(0) == 1; }
-    // Whether it is still locked after a read without a message.
+    // Whether it is still locked after a read that finds no message.
     bool isLockedAfterARead() {
         EXPECT_EQ(read(reader, 0), "");
         return isLocked();
@@ -34,7 +34,7 @@ TEST_F(MultipleWritersTest, OneWriterAtATimeHoldsTheLockUntilAnIdleReaderFindsIt
     first.UnlockWrite();
     EXPECT_EQ(raw.bytes(0, 16), std::string(16, '\0'));
 
-    g_testTime = 0xfffffff0U;  // it may wrap
+    g_testTime = 0xfffffff0U;  // so that it wraps
     ASSERT_TRUE(first.LockWrite(0));
     g_testTime += 2000;
     EXPECT_TRUE(isLockedAfterARead());
@@ -42,7 +42,7 @@ TEST_F(MultipleWritersTest, OneWriterAtATimeHoldsTheLockUntilAnIdleReaderFindsIt
     EXPECT_FALSE(isLockedAfterARead());
     EXPECT_EQ(raw.bytes(0, 16), std::string(16, '\0'));
 
-    // The former owner is alive after all, and must not release another writer's lock.
+    // The former owner is still alive, and must not release another writer's lock.
     ASSERT_TRUE(second.LockWrite(0));
     first.UnlockWrite();
     EXPECT_TRUE(isLocked());

@@ -12,7 +12,7 @@ protected:
         reader->subscribeObserver(&m_observers.back());
         return m_observers.back();
     }
-    // Whether sending `message` makes it the last of `count` messages of `observer`.
+    // Whether `message`, when sent, becomes the last of `count` messages at `observer`.
     bool reaches(const Collector& observer, std::size_t count, const std::string& message) {
         return write(*writer, message) && observer.waitForCount(count) &&
                observer.last() == message && observer.messages().size() == count;

@@ -8,12 +8,12 @@ using namespace segmenttest;
 
 unsigned int number(const std::string& text) { return static_cast<unsigned int>(std::stoul(text)); }
 
-// Lengths of all kinds, the same for every number.
+// A varying length, fixed for each number.
 std::size_t lengthOf(std::uint32_t messageNumber, std::size_t longest) {
     return messageNumber * 2654435761U % longest;
 }
 
-// type, name, capacity, source, count (0: no end): writes numbered messages.
+// type, name, capacity, source, count (0: unlimited): writes numbered messages.
 CHILD_ROLE(segmentSource) {
     const auto out = getSharedMemoryInstance(static_cast<ESharedMemoryType>(number(args[0])));
     const unsigned int capacity = number(args[2]);
@@ -29,7 +29,7 @@ CHILD_ROLE(segmentSource) {
     return 0;
 }
 
-// name, capacity: says "good" once a whole message came; ends when one is damaged.
+// name, capacity: says "good" after the first good message; ends at a damaged one.
 CHILD_ROLE(segmentSink) {
     const auto in = plain();
     if (!in->Open(args[0], number(args[1]))) return 1;
@@ -52,7 +52,7 @@ CHILD_ROLE(segmentLockHolder) {
 }
 
 // name, capacity, last, count: reads a broadcast up to message number `last`, or `count` messages.
-// Each must follow the one before it.
+// Each must directly follow the previous one.
 CHILD_ROLE(segmentListener) {
     const auto in = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
     if (!in->Open(args[0], number(args[1]))) return 1;

@@ -34,10 +34,10 @@ using namespace testsupport;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// A segment name that no other test of this run has.
+// A segment name that is unique in this run.
 std::string uniqueName();
 
-// A message that carries its number, and whose bytes all depend on it.
+// A message that contains its number, with every byte depending on it.
 struct Numbered {
     std::uint32_t source;
     std::uint32_t number;
@@ -65,7 +65,7 @@ inline std::shared_ptr<SharedMemoryI> plain() {
     return getSharedMemoryInstance(ESharedMemoryType::Plain);
 }
 
-// A plain segment with both its ends in this process.
+// A plain segment with both ends in this process.
 struct PlainPair {
     explicit PlainPair(unsigned int capacity) {
         EXPECT_TRUE(reader->Open(name, capacity));
@@ -90,8 +90,8 @@ private:
     const long m_before = now();
 };
 
-// Checks numbered messages as they arrive: none is damaged, repeated or missing within its source.
-// The first wrong one fails the test.
+// Checks that no numbered message of a source is damaged, repeated or missing. The first wrong one
+// fails the test.
 class Checker : public SharedMemoryObserverI {
 public:
     void onNewMessageReceived(std::string message, SharedMemoryI* /*source*/) override {
@@ -105,7 +105,7 @@ public:
         ++m_count;
     }
     std::uint32_t count() const { return m_count; }
-    // The source of the newest message.
+    // The source of the latest message.
     std::uint32_t source() const { return m_source; }
 
 private:

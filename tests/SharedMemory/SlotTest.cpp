@@ -1,4 +1,4 @@
-// One end of a segment while the other misbehaves or is gone.
+// One end of a segment when the other misbehaves or is gone.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,13 +34,13 @@ TEST_F(SlotTest, AChunkOverwrittenByANewWriterIsNotAcknowledged) {
     ASSERT_TRUE(slot.open(name, 16, true, reader));
     ASSERT_TRUE(writer->Create(name, 16) && write(*writer, "old"));
     ASSERT_TRUE(waitForChunk());
-    // In the middle of the copy. The ID of the new writer's first chunk is the same.
+    // A new writer during the copy. Its first chunk has the same ID.
     const auto next = plain();
     ASSERT_TRUE(next->Create(name, 16) && write(*next, "new"));
     EXPECT_FALSE(slot.take());
     EXPECT_EQ(slot.header().readMessageId, 0);
     EXPECT_EQ(reader.takeNow(milliseconds(0)), "new");
-    // Nor is a chunk whose ID has changed since the reader waited for it.
+    // Nor is a chunk acknowledged whose ID has changed since the reader waited for it.
     ASSERT_TRUE(write(*next, "seen") && waitForChunk());
     slot.header().newMessageId.fetch_add(1);
     EXPECT_FALSE(slot.take());
@@ -52,7 +52,7 @@ TEST_F(SlotTest, AMessageThatThereIsNoMemoryForWaitsUntilThereIs) {
     const std::string text(64, 'm');
     ASSERT_TRUE(write(*writer, text) && waitForChunk());
     LogCapture log;
-    // The first allocation of a read is the message's own.
+    // The first allocation of a read is for the message itself.
     bool isFirst = true;
     failEachAllocation([&] {
         if (!std::exchange(isFirst, false)) return;
@@ -70,7 +70,7 @@ TEST_F(SlotTest, ABroadcastMessageIsNotTakenWhileItsWriterChangesIt) {
         raw.put<std::uint32_t>(40, total);
         raw.put<std::uint32_t>(44, length);
     };
-    // Another implementation's writer holds its lock while it copies; ours makes the length
+    // Other implementations' writers hold their lock while they copy; ours makes the length
     // invalid.
     LogCapture log;
     fields(3, 3);

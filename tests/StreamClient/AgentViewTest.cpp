@@ -14,7 +14,7 @@ using Texts = std::vector<std::string>;
 
 class AgentViewTest : public testing::Test {
 protected:
-    // Everything due now, each taken (or not) by the agent at once.
+    // Everything due now; the agent takes each at once (or not).
     Texts sendDue(bool taken = true) {
         Texts texts;
         while (texts.size() < 20) {

@@ -1,4 +1,4 @@
-// The C interface; what lies beneath is ClientTest's.
+// The C interface; ClientTest covers the client beneath it.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -21,7 +21,7 @@ protected:
         norvo_stream_close(stream);
         norvo_client_close(client);
     }
-    // The next news of that name.
+    // The next news with that name.
     std::string newsOf(const std::string& name) {
         for (int i = 0; i < 100; ++i) {
             EXPECT_EQ(norvo_client_next_notification(client, buffer, 1, &length, kLong),

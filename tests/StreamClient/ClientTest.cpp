@@ -1,4 +1,4 @@
-// A client beside an agent whose INFO side is real and whose streams the test plays itself.
+// A client with an agent whose INFO side is real and whose streams the test plays.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -201,7 +201,7 @@ TEST_F(ClientTest, AForkedChildLeavesAClientToItsParent) {
     auto client = std::make_unique<Client>(options());
     auto stream = client->openStream("CTFork", Direction::Read, 10);
     EXPECT_TRUE(testsupport::holdsInForkedChild([&] {
-        alarm(10);  // it would hang
+        alarm(10);  // in case it hangs
         client.reset();
         stream.reset();
         return true;

@@ -1,4 +1,4 @@
-// Two machines and a path between them that loses, repeats, disorders and keeps frames.
+// Two machines and a path between them that loses, repeats, reorders and delays frames.
 #include "ConnectionMachine.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ constexpr std::size_t kCapacity = 128;
 constexpr std::uint32_t kMessages = 6;
 
 struct Trouble {
-    int loss = 0, repeat = 0, disorder = 0;  // of 100 frames
+    int loss = 0, repeat = 0, disorder = 0;  // percent of frames
 };
 
 class World {
@@ -36,7 +36,7 @@ public:
         restart(1);
     }
 
-    // A new program at that end; what the old one had sent stays on its way.
+    // Starts a new program at that end; what the old one sent stays in transit.
     void restart(std::size_t index) {
         Machine::Settings settings;
         settings.blockSize = kBlock;
@@ -55,7 +55,7 @@ public:
     Machine& machine(std::size_t index) { return *m_ends[index].machine; }
     bool below(int percent) { return static_cast<int>(m_random() % 100) < percent; }
 
-    // Nothing passes from here on, or again; what is on its way is lost.
+    // Takes the path down or up; what is in transit is lost.
     void setPath(bool up) {
         m_up = up;
         for (End& end : m_ends) {
@@ -87,21 +87,21 @@ public:
         for (const std::size_t each : {0U, 1U})
             EXPECT_LE(machine(each).framesUnderWay(), kMessages + 8u);
     }
-    // Something happens at one end or the other.
+    // One random event at one of the ends.
     void step() {
         const std::size_t index = below(50) ? 1 : 0;
         pass(index);
         if (below(40)) write(index);
         if (below(40)) read(1 - index);
     }
-    // What has arrived at an end is how what was written at the other begins.
+    // What has arrived at each end is a prefix of what was written at the other.
     void expectNothingForeign() {
         for (const std::size_t index : {0U, 1U}) {
             const auto& [got, sent] = std::tie(m_ends[index].got, m_ends[1 - index].sent);
             ASSERT_EQ(got, sent.substr(0, got.size()));
         }
     }
-    // Both ends finish and go on until nothing is left to do.
+    // Finishes both ends and runs until nothing is left to do.
     void expectAllArrives() {
         finish(0);
         finish(1);
@@ -176,7 +176,7 @@ TEST(ConnectionMachine, WhatIsWrittenArrivesWholeThroughLossRepetitionDisorderAn
                 world.now += 1s;
                 world.setPath(true);
             }
-            if (step == 350 && seed % 2 == 0) world.finish(0);  // one direction goes on
+            if (step == 350 && seed % 2 == 0) world.finish(0);  // the other direction continues
         }
         ASSERT_NO_FATAL_FAILURE(world.expectAllArrives());
     }
@@ -190,7 +190,7 @@ TEST(ConnectionMachine, NothingOfAFormerConnectionIsTakenForThisOne) {
         for (int step = 0; step < 400; ++step) {
             world.step();
             if (!world.below(2)) continue;
-            // One ends; its partner hears of that, gives up, and a new one comes in its place.
+            // One end is replaced; the other notices, fails and is replaced too.
             const std::size_t index = world.below(50) ? 1 : 0;
             world.restart(index);
             Machine& other = world.machine(1 - index);
@@ -216,7 +216,7 @@ protected:
         for (unsigned int i = 0; i < 100 && !world.machine(1).isOpen(); ++i) world.pass(i % 2);
         ASSERT_TRUE(world.machine(0).isOpen() && world.machine(1).isOpen());
     }
-    // How many milliseconds it takes, from now, until that end fails.
+    // How many milliseconds from now that end fails.
     double failsAfter(std::size_t index) {
         const Time start = world.now;
         while (world.machine(index).isOpen() && world.now - start < 200s) {
@@ -266,9 +266,9 @@ TEST_F(OpenMachines, FramesThatCannotBeTrueChangeNothing) {
         frame.writeHeader(message.data(), length);
         machine.hear(message, world.now);
     };
-    hear(0, [](auto& frame) { frame.acked = 1; });  // of nothing that was sent
+    hear(0, [](auto& frame) { frame.acked = 1; });  // acknowledges what was never sent
     hear(0, [](auto& frame) { frame.seen = 1000; });
-    hear(kCapacity + 1, [](auto& frame) { frame.number = 1; });  // more than there is room for
+    hear(kCapacity + 1, [](auto& frame) { frame.number = 1; });  // exceeds the capacity
     machine.hear("too short", world.now);
     EXPECT_FALSE(machine.hasData());
     world.write(0);

@@ -1,5 +1,4 @@
-// Connections and the examples between two real hosts; what the protocol does of itself is
-// ConnectionMachineTest's.
+// Connections and the examples between two real hosts; ConnectionMachineTest covers the protocol.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -22,7 +21,7 @@ constexpr auto kLong = 60s;
 
 char byteAt(std::size_t position) { return static_cast<char>(position * position >> 11); }
 
-// Sends back what comes, and ends when it ends.
+// Echoes the input until it ends.
 CHILD_ROLE(connectionEcho) {
     Client client;
     const auto connection = client.accept(args.at(0));
@@ -155,7 +154,7 @@ TEST(ConnectionAcrossProcesses, TheExamplesWorkAsTheyStand) {
     for (const std::string suffix : {"", "_c"}) {
         auto receiver = start("receive" + suffix);
         auto line = std::async(std::launch::async, [&] { return receiver.readLine(20s); });
-        // Until the receiver listens, what comes back has nobody to go to.
+        // Until the receiver listens, nobody takes the echo.
         while (line.wait_for(0s) != std::future_status::ready)
             ASSERT_EQ(start("send" + suffix).wait(), 0) << suffix;
         EXPECT_EQ(line.get(), "hello");

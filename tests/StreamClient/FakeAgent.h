@@ -1,4 +1,4 @@
-// The agent's INFO side, made of segments: hears the requests of clients and answers as told.
+// The agent's INFO side, built on segments: receives clients' requests and sends the set answers.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +15,7 @@
 #include "SharedMemoryFactory.h"
 #include "VDIClientInfo.h"
 
-// Segments are named after the client type of their process: that of the agent's.
+// Segment names depend on the process's client type: use the agent's.
 inline void useCrewsSegments() {
     VDIFrameworkCommon::VDIClientInfo::getInstance().setClientType(
         VDIFrameworkCommon::VDIClientType::Crews);

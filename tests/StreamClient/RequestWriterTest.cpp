@@ -21,7 +21,7 @@ using NorvoStreamClient::RequestWriter;
 
 constexpr char kSegment[] = "RequestTest_Info_STREAM2VC";
 
-// Sends all of them and returns how many were taken.
+// Sends `count` requests and returns how many were taken.
 int sendNumbered(const std::string& prefix, int count) {
     useCrewsSegments();
     RequestWriter writer(kSegment);
@@ -87,7 +87,7 @@ TEST(RequestWriterAcrossProcesses, ARequestThatNobodyTakesHoldsUpNoOtherAndArriv
     RequestWriter other(kSegment);
     auto waiting = std::async([&] { return patient.send("patient", Clock::now() + 20s); });
     {
-        // What an agent leaves that was killed while it was ready: nobody takes what is placed.
+        // Left by an agent that was killed while ready: nobody takes what is placed.
         testsupport::ChildProcess victim("request_reader");
         ASSERT_EQ(victim.readLine(), "ready");
         victim.kill();
@@ -124,7 +124,7 @@ TEST(RequestWriterAcrossProcesses, EveryRequestArrivesOnceWhileOtherClientsAreKi
     for (const auto& [prefix, sent] : {std::pair{"a", count}, {"b", count}, {"own", victims}}) {
         for (int i = 0; i < sent; ++i) {
             const std::string request = prefix + std::to_string(i);
-            // A request is taken a moment before the agent has heard it.
+            // A request counts as taken a moment before the agent has processed it.
             EXPECT_TRUE(agent.waitFor(request));
             EXPECT_EQ(agent.countOf(request), 1) << request;
         }

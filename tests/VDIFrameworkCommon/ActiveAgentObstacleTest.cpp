@@ -1,4 +1,4 @@
-// Obstacles that another user creates for the active agent's record. Needs root to become a user.
+// Obstacles that another user creates for the active agent's record. Needs root, to switch users.
 #include <sched.h>
 #include <sys/mount.h>
 
@@ -10,8 +10,8 @@ using namespace frameworktest;
 
 namespace {
 
-// Creates an obstacle for a user, becomes that user, and reports whether exactly one process of the
-// user can be marked in spite of it.
+// Creates an obstacle for a user, becomes that user, and reports whether exactly one of the user's
+// processes can still be marked.
 CHILD_ROLE(agentObstructed) {
     constexpr uid_t kVictim = 12345;
     const std::string path = AgentMark::pathOf(kVictim);

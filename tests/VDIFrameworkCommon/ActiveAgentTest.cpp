@@ -25,7 +25,7 @@ protected:
     const std::string m_path = AgentMark::pathOf(geteuid());
 };
 
-// Claims the mark, reports the result, and stays until told to leave.
+// Claims the mark, reports the result, and stays until told to exit.
 CHILD_ROLE(agent) {
     say(mark() ? "marked" : "not marked");
     hear();
@@ -47,7 +47,7 @@ TEST_F(ActiveAgentAcrossProcesses, OneProcessAtATimeIsMarkedUntilItClearsTheMark
     }
 }
 
-// While marked, a process makes a folder and removes it: with two at a time one of them fails.
+// While marked, makes and removes a folder: if two processes did so at a time, one would fail.
 CHILD_ROLE(agentContender) {
     say("ready");
     hear();
@@ -134,7 +134,7 @@ TEST_F(ActiveAgentAcrossProcesses, AFileThatOthersMayLockForWritingIsNotAMark) {
     }
 }
 
-// Becomes another user, looks at the given user's record, and tries to forge it.
+// Becomes another user, reads the given user's record, and tries to forge it.
 CHILD_ROLE(agentStranger) {
     if (setgid(12345) != 0 || setuid(12345) != 0) return 1;
     const auto victim = static_cast<uid_t>(std::stoul(args[0]));

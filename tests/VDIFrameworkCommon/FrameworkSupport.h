@@ -38,7 +38,7 @@ using Clock = std::chrono::steady_clock;
 using Texts = std::vector<std::string>;
 namespace fs = std::filesystem;
 
-// A T in memory shared by every process that names it; zero at first.
+// A T in memory shared by all processes that use its name; initially zero.
 template <class T>
 class SharedBlock {
 public:
@@ -63,12 +63,13 @@ private:
     void* m_memory = nullptr;
 };
 
-// Selects "System" or "Polling"; children get it as an argument. Returns the previous one.
+// Selects the "System" or "Polling" back end and returns the previous one. Children get it as an
+// argument.
 inline WaitBackend useBackend(const std::string& name) {
     return setWaitBackend(name == "Polling" ? WaitBackend::Polling : WaitBackend::System);
 }
 
-// Runs a suite once for each way of waiting.
+// Runs a suite once with each back end.
 class EachBackend : public ::testing::TestWithParam<const char*> {
 protected:
     EachBackend() : m_before(useBackend(GetParam())) {}

@@ -14,7 +14,7 @@ using namespace KLT::kltlogger;
 
 namespace {
 
-// The messages of the lines of a log file.
+// The message part of each line of a log file.
 Texts messagesOf(const std::string& path) {
     Texts messages = linesOf(path);
     for (auto& line : messages) line.erase(0, line.rfind(": ") + 2);
@@ -48,7 +48,7 @@ protected:
     LogAppender appender{nullptr, off_t{1} << 40};
 };
 
-// The process logs into the file.
+// Makes the process log into the file.
 class LoggerFileTest : public LogFileHolder {
 protected:
     LoggerFileTest() { VirtualChannelLogger_init(path); }
@@ -229,17 +229,18 @@ TEST_F(LoggerFileTest, ACountOfRepeatsIsWrittenWithoutAFurtherCall) {
     EXPECT_EQ(written().back(), "lost ... 2 more in 10 s");
 }
 
-// Logs, then exits beside a forked child or while other threads still log.
+// Logs, then exits with a forked child or while other threads still log.
 CHILD_ROLE(loggingProcess) {
     VirtualChannelLogger_init(args[0]);
     NORVO_LOG(Info, "buffered");
     NORVO_LOG(Trace, "off by default");
-    LogRepeats repeats([] { return LogRepeats::Time(); });  // a child may take a second to end
+    LogRepeats repeats(
+        [] { return LogRepeats::Time(); });  // stopped clock: a child may take a second to end
     for (int i = 0; i < 3; ++i) NORVO_LOG_REPEATED(repeats, Info, "repeated");
     if (args[1] == "fork") {
         const pid_t child = fork();
         NORVO_LOG(Info, child == 0 ? "child" : "parent");
-        if (child == 0) std::exit(0);  // without the end of `repeats`, which is told all the same
+        if (child == 0) std::exit(0);  // without destroying `repeats`, whose sum is logged anyway
         waitpid(child, nullptr, 0);
         return 0;
     }
@@ -251,8 +252,8 @@ CHILD_ROLE(loggingProcess) {
     return 0;
 }
 
-// The lines of a process that ends in the given way. A leak check would report the running threads,
-// or wait in the forked child for a lock that a thread of the parent held.
+// The log lines of a process that ends in the given way. A leak check would report the running
+// threads, or deadlock in the forked child on a lock held by a thread of the parent.
 Texts linesOfAnEnd(const std::string& way) {
     const TempDir dir;
     ChildProcess child("loggingProcess", {dir / "x.log", way}, {"ASAN_OPTIONS=detect_leaks=0"});

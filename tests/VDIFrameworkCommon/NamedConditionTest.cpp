@@ -63,7 +63,7 @@ TEST_P(NamedConditionTest, EveryWaitingThreadWakesIncludingThoseOnTheNotifyingHa
                    condition->timed_wait(mutex, kLong) && mutex.unlock();
         }));
     }
-    // A thread that has counted itself releases the mutex only inside its wait.
+    // A thread that has been counted releases the mutex only inside its wait.
     EXPECT_TRUE(eventually([&] { return waiting == 4 && m_mutex.lock() && m_mutex.unlock(); }));
     m_second.notify();
     for (auto& woken : results) EXPECT_TRUE(woken.get());
@@ -83,7 +83,7 @@ TEST_P(NamedConditionTest, ANewHandleCountsOnlyWhatAHandleThatStillExistsNotifie
 }
 
 TEST_P(NamedConditionTest, AWaitForNobodyLastsItsTimeAndDoesNotBurnTheProcessor) {
-    // Many short waits teach the handle that spinning pays.
+    // Many short waits make the handle spin.
     for (int i = 0; i < 50; ++i) {
         std::thread peer([&] { m_second.notify(); });
         EXPECT_TRUE(waits(m_first, kLong));
@@ -133,11 +133,11 @@ protected:
     ~NamedConditionAcrossProcesses() override { AdaptiveSpin::setEnabled(true); }
 };
 
-// A waiter that misses a wake-up notices by itself, but only after a second.
+// A waiter that misses a wake-up recovers by itself, but only after a second.
 constexpr auto kAWakeUp = 150ms;
 
-// A mutex and two conditions as one process sees them. A new handle counts what living processes
-// have notified before under the same names, so each test has its own.
+// A mutex and two conditions as one process sees them. A new handle counts earlier notifications of
+// live processes under the same names, so each test uses its own names.
 struct Table {
     explicit Table(const std::string& name) {
         EXPECT_TRUE(mutex.create(name.c_str()) && ball.create((name + "_ball").c_str()) &&
@@ -157,7 +157,7 @@ CHILD_ROLE(conditionReturner) {
     return 1;
 }
 
-// Plays `rounds`, for 15 s at most.
+// Plays `rounds` rounds, for at most 15 s.
 void playPingPong(const std::string& backend, const std::string& name, int rounds) {
     AdaptiveSpin::setEnabled(name == "spin");
     Table table(name);

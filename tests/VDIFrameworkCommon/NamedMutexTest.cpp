@@ -36,8 +36,8 @@ TEST_P(NamedMutexTest, IsReleasedOnlyThroughTheHandleThatHoldsItAndInItsProcess)
     EXPECT_TRUE(m_other.unlock());
 }
 
-// A waiter that is not woken polls after 2 to 5 ms, and gets the lock within one only now and then.
-// A busy machine may also take that long, but not most of the time.
+// A waiter that is not woken polls every 2 to 5 ms, so it rarely gets the lock within 1 ms. A busy
+// machine may also take longer, but not most of the time.
 TEST_P(NamedMutexTest, AWaiterIsWokenWhenTheLockIsReleased) {
     int quickOverSlow = 0;
     for (int i = 0; i < 550 && quickOverSlow < 25; ++i) {
@@ -48,7 +48,7 @@ TEST_P(NamedMutexTest, AWaiterIsWokenWhenTheLockIsReleased) {
             got = Clock::now();
             EXPECT_TRUE(m_other.unlock());
         });
-        // The waiter leaves its mark on the word when it is about to sleep.
+        // The waiter marks the word before it sleeps.
         EXPECT_TRUE(
             eventually([&] { return (m_object->words().owner & ProcessIdentity::kUserBit) != 0; }));
         std::this_thread::sleep_for(std::chrono::microseconds(i * 97 % 3000));
@@ -61,7 +61,7 @@ TEST_P(NamedMutexTest, AWaiterIsWokenWhenTheLockIsReleased) {
 }
 
 TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorAnotherPidNamespaceForDead) {
-    // This process with another start time, and in another PID namespace as well.
+    // This process with another start time, and also in another PID namespace.
     const ProcessIdentity::Word gone = ProcessIdentity::own() ^ ProcessIdentity::Word{1} << 30U;
     const ProcessIdentity::Word foreign = gone ^ ProcessIdentity::Word{1} << 50U;
     std::atomic<ProcessIdentity::Word>& owner = m_object->words().owner;
@@ -79,7 +79,7 @@ TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorAnotherPidNamespa
     EXPECT_FALSE(m_mutex.lockFor(30ms));
     EXPECT_EQ(owner & ~ProcessIdentity::kUserBit, foreign);
 
-    // Words that no process has.
+    // Words of no process.
     for (const ProcessIdentity::Word garbage :
          {foreign & ~(ProcessIdentity::kUserBit - 1), foreign | (ProcessIdentity::kUserBit - 1),
           ProcessIdentity::Word{1}, ~ProcessIdentity::Word{0}}) {
@@ -91,10 +91,10 @@ TEST_P(NamedMutexTest, AReusedProcessIdIsNotTakenForTheOwnerNorAnotherPidNamespa
 
 class NamedMutexAcrossProcesses : public EachBackend {};
 
-// One count per mutex, changed only under that mutex.
+// One count per mutex, guarded by that mutex.
 using Counts = std::array<int, 50>;
 
-// backend, names, rounds: makes each name's mutex, and has two threads count with one handle.
+// backend, names, rounds: makes each name's mutex; two threads count with one handle.
 CHILD_ROLE(mutexCounter) {
     useBackend(args[0]);
     SharedBlock<Counts> counts("counts");
@@ -141,7 +141,7 @@ CHILD_ROLE(mutexWorker) {
     say("ready");
     for (;; ++work->done) {
         bool right = mutex.lock();
-        // A worker that was killed inside is still registered.
+        // A worker killed inside is still registered.
         ProcessIdentity::Word me = ProcessIdentity::own();
         const ProcessIdentity::Word before = work->inside.exchange(me);
         right = right && (before == 0 || ProcessIdentity::isGone(before));
@@ -193,7 +193,7 @@ TEST_P(NamedMutexAcrossProcesses, ALivingHolderKeepsItsLockForTwoSecondsAndADead
     for (int i = 0; i < 10; ++i) {
         ReadyChild victim("mutexHolder");
         victim.kill();
-        // Its output ends once it is a zombie, reaped or not.
+        // Its output ends when it becomes a zombie, reaped or not.
         EXPECT_EQ(victim.readLine(), "");
         if (i % 2 == 0) victim.wait();
         const auto ended = Clock::now();

@@ -10,7 +10,7 @@ using Kind = NamedObject::Kind;
 
 namespace {
 
-// Makes an object under the name of a mutex as another program might.
+// Makes an object under a mutex's name, as another program might.
 support::Descriptor plant(const std::string& name, off_t size, mode_t mode = 0600) {
     const std::string object = NamedObject::objectName(Kind::Mutex, name);
     support::Descriptor file(shm_open_mac(object, O_RDWR | O_CREAT | O_EXCL, 0600));

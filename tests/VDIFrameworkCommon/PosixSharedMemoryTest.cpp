@@ -16,7 +16,7 @@ protected:
         return shm_open_mac(name, flags, 0600);
     }
     const std::string name = "object";
-    // Where the system keeps it.
+    // The object's path in the system.
     const std::string path = "/dev/shm" + sharedMemoryObjectName(name);
     const std::string ownPath = "/dev/shm" + ownSharedMemoryObjectName(name);
 };
@@ -75,7 +75,7 @@ TEST_F(PosixSharedMemoryTest, GrowsToWhatTheSystemCanHoldAndNeverShrinksAndKeeps
     char bytes[5] = {};
     EXPECT_EQ(pread(fd, bytes, 4, 4996), 4);
     EXPECT_STREQ(bytes, "kept");
-    // An object that was sized without memory behind it gets memory.
+    // An object that was sized without memory behind it gets backing memory.
     EXPECT_EQ(ftruncate(fd, 1 << 20), 0);
     EXPECT_EQ(ftruncate_mac(fd, 1 << 20), 0);
     EXPECT_GE(statusOf(fd).st_blocks, (1 << 20) / 512);
@@ -114,7 +114,7 @@ TEST_F(PosixSharedMemoryTest, WhatIsNotThisUsersAloneIsPassedOverAlikeWheneverOn
         EXPECT_EQ(openedSharedMemoryObject(name), ownSharedMemoryObjectName(name));
         EXPECT_EQ(shm_unlink_mac(name), 0);
 
-        // Nothing under the user's own name keeps the documented one from being used.
+        // An object under the user's own name does not prevent use of the documented one.
         ASSERT_TRUE(plant(ownPath.c_str()));
         EXPECT_TRUE(FileDescriptor(open()));
         EXPECT_EQ(openedSharedMemoryObject(name), sharedMemoryObjectName(name));

@@ -17,7 +17,7 @@ bool comesToBeGone(ProcessIdentity::Word word) {
     return eventually([&] { return ProcessIdentity::isGone(word); });
 }
 
-// With an argument it uses up its descriptors, so that it cannot read its own start time.
+// With an argument, uses up its descriptors so that it cannot read its own start time.
 CHILD_ROLE(identityTeller) {
     if (!args.empty()) {
         const rlimit few{64, 64};

@@ -18,7 +18,7 @@ namespace {
 
 constexpr char kIdentifier[] = "com.norvo.test.Companion";
 
-// Signals 32 and 33 are not the program's to set.
+// Signals 32 and 33 belong to the thread library.
 constexpr unsigned long long kOfTheThreadLibrary = 3ULL << 31;
 
 unsigned long long signalsOf(pid_t pid, const std::string& set) {
@@ -33,7 +33,7 @@ void makeScript(const std::string& path, const char* commands = "while :; do sle
 
 class ProcessUtilsAcrossProcesses : public testing::Test {
 protected:
-    // A search by name sees all processes of the user, including those of tests running beside.
+    // A search by name sees all of the user's processes, including those of concurrent tests.
     const std::string name = "Companion" + std::to_string(getpid());
     TestApplication app{name, kIdentifier};
 };
@@ -69,7 +69,7 @@ TEST_F(ProcessUtilsAcrossProcesses, ABundleIsStartedWithItsArgumentsAndInheritsN
     EXPECT_EQ(getsid(program), program);
     for (const char* set : {"SigBlk", "SigIgn"})
         EXPECT_EQ(signalsOf(program, set) & ~kOfTheThreadLibrary, 0U) << set;
-    // The program opens and closes files of its own while it starts.
+    // The program itself opens and closes files while it starts.
     std::string inherited;
     EXPECT_TRUE(eventually([&] { return (inherited = filesOf(program)).empty(); })) << inherited;
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left to reap";
@@ -133,7 +133,7 @@ public:
     explicit OpenedFile(const std::string& path) {
         EXPECT_NE(inotify_add_watch(m_events.get(), path.c_str(), IN_OPEN), -1);
     }
-    // Whether anybody has opened it since the last call.
+    // Whether it has been opened since the last call.
     bool wasOpened() const {
         char events[4096];
         return read(m_events.get(), events, sizeof events) > 0;
@@ -157,7 +157,7 @@ TEST_F(ProcessUtilsAcrossProcesses, FilesThatOtherProgramsNameAreLeftAlone) {
     const OpenedFile openedFifo(fifo);
     const OpenedFile openedList(contents + "/Info.plist");
     const OpenedFile openedScript(script);
-    // A test running beside may search, too, and open the script.
+    // A concurrent test may also search, and open the script.
     const auto opensNothing = [&](const std::string& program) {
         return eventually([&] {
             openedScript.wasOpened();

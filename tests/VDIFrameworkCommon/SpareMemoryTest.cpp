@@ -12,7 +12,7 @@ using namespace frameworktest;
 
 namespace {
 
-// Fills memory with this thread's number. Whether another thread wrote there meanwhile.
+// Fills memory with this thread's number; returns whether another thread wrote there meanwhile.
 bool isSpoilt(void* memory, std::size_t size, int number) {
     auto* const bytes = static_cast<unsigned char*>(memory);
     std::memset(bytes, number, size);

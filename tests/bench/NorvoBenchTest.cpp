@@ -34,7 +34,7 @@ int sharedObjectsOf(pid_t process) {
 }
 
 // The number of processes started by `process` or its children, found by their session namespace.
-// A process that has ended has no environment.
+// An ended process has no environment.
 int livingPeersOf(pid_t process) {
     int count = 0;
     std::error_code gone;
@@ -57,7 +57,7 @@ TEST(NorvoBenchAcrossProcesses, ListsWhatItMeasuresAndRefusesWrongUseWithStatusT
         EXPECT_EQ(bench({wrong}).wait(), 2) << wrong;
 }
 
-// The number of commas in a row outside quotes.
+// Counts the commas outside quotes in a row.
 std::size_t columnsOf(const std::string& row) {
     bool quoted = false;
     return static_cast<std::size_t>(std::count_if(row.begin(), row.end(), [&](char c) {
@@ -88,7 +88,7 @@ TEST(NorvoBenchAcrossProcesses, ReportsItsMeasurementsWhenItIsInterrupted) {
     using namespace std::chrono_literals;
     std::string text;
     for (auto patience = 200ms; text.empty() && patience < 20s; patience *= 2) {
-        auto stopped = bench({"--filter=^event/", "--repeat=1000"});  // for minutes
+        auto stopped = bench({"--filter=^event/", "--repeat=1000"});  // would take minutes
         EXPECT_EQ(stopped.wait(patience), -1);
         stopped.signal(SIGINT);
         text = stopped.readAll();

@@ -44,7 +44,7 @@ Words optionsOfHelp(const std::string& command) {
     return matchesOf(outputOf({VCCTL_PROGRAM, command, "--help"}), "\n  (?:-\\w,)?(--[a-z-]+)");
 }
 
-// What bash offers for the last of `words`.
+// What bash suggests for the last of `words`.
 Words completionOf(const std::string& words, int index) {
     const std::string script = "source " + (kRoot / "tools/completion/vcctl.bash").string() +
                                "; COMP_WORDS=(" + words + "); COMP_CWORD=" + std::to_string(index) +
@@ -52,7 +52,7 @@ Words completionOf(const std::string& words, int index) {
     return linesOf(outputOf({"/bin/bash", "-c", script}));
 }
 
-// The options that each section of the man page explains, by the section's commands.
+// The options that each section of the man page describes, by the section's commands.
 std::map<std::string, Words> optionsOfManual() {
     const std::string page =
         std::regex_replace(contentOf(kRoot / "tools/man/vcctl.1"), std::regex("\\\\-"), "-");

@@ -34,7 +34,7 @@ std::string messageOf(const std::string& stream, std::size_t size, std::size_t n
     return text;
 }
 
-// The named streams out, and back those whose names end in ".back".
+// The named streams, from the near side to the far, and those named NAME.back in return.
 struct Streams {
     Streams(Client& client, const std::vector<std::string>& names, Side side = Side::Near) {
         const bool isNear = side == Side::Near;
@@ -53,7 +53,7 @@ struct Streams {
     std::map<std::string, std::shared_ptr<Stream>> in;
 };
 
-// Sends back what comes through the named streams, until the end of its input.
+// Echoes the named streams until the end of its input.
 CHILD_ROLE(echoStreams) {
     Client client;
     const Streams streams(client, args, Side::Far);
@@ -73,7 +73,7 @@ CHILD_ROLE(echoStreams) {
 class EndToEndAcrossProcesses : public testing::TestWithParam<const char*> {};
 
 TEST_P(EndToEndAcrossProcesses, EveryUsualStreamCarriesMessagesOfAllSizesThereAndBackInOrder) {
-    // The others have pauses that make this last.
+    // The pauses of the other kinds make this slow.
     const bool isFast = GetParam() == std::string("tcp");
     const std::size_t sizes[] = {1, 976, 977, 4992, 65536, 65537, 1 << 20};
     const std::size_t sizesOfAll = isFast ? 7 : 6;
@@ -144,7 +144,7 @@ TEST(HostsAcrossProcesses, StreamsOutliveEveryLossOfAProcessAndOfTheConnection) 
         SCOPED_TRACE(loss);
         each.second();
         ASSERT_TRUE(streams->areUp());
-        // The far end's streams may come up later than ours: what is sent before may be lost.
+        // The far side's streams may come up later than ours: data sent before may be lost.
         ASSERT_TRUE(testsupport::eventually([&] { return echoOf(loss, 200ms) == loss; }));
         for (int i = 0; i < 20; ++i) {
             const std::string text = loss + std::to_string(i);

@@ -67,7 +67,7 @@ void HostPair::launch(Side side) {
     m_address = line.substr(line.rfind(' ') + 1);
 }
 
-// Each says so once for every connection.
+// Each host says so once per connection.
 void HostPair::awaitJoined() {
     for (const Side side : kSides) lineStarting(*host(side), "joined to ");
 }

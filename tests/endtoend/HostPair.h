@@ -2,14 +2,14 @@
 // need both ends of a channel:
 //
 //     HostPair hosts("rdp");
-//     NorvoStreamClient::Client client;                      // of the near end
-//     auto far = hosts.run(Side::Far, "reader", {"Media"});  // a CHILD_ROLE of the far end
+//     NorvoStreamClient::Client client;                      // on the near side
+//     auto far = hosts.run(Side::Far, "reader", {"Media"});  // a CHILD_ROLE on the far side
 //     hosts.kill(Side::Far);
 //     hosts.start(Side::Far);
 //
-// The near end has the session namespace of the test program, so that its clients can live in the
-// test itself: one pair at a time. The far end has one of its own. Each host has its own home.
-// What a host does otherwise than it must is a failure of the test, which then shows both logs.
+// The near side has the session namespace of the test program, so that its clients can run in the
+// test itself: one pair at a time. The far side has its own. Each host has its own home. A host
+// that misbehaves fails the test, which then shows both logs.
 #pragma once
 
 #include <array>
@@ -27,26 +27,26 @@ enum class Side { Near, Far };
 
 class HostPair {
 public:
-    // Joined when it returns.
+    // The hosts are joined when it returns.
     explicit HostPair(std::string kind = "tcp");
-    // Ends the hosts that run as stop() does, and removes what is left of their sessions.
+    // Stops the running hosts like stop(), and removes what is left of their sessions.
     ~HostPair();
     HostPair(const HostPair&) = delete;
     HostPair& operator=(const HostPair&) = delete;
 
-    // As a user ends it: it must end by itself, with status 0.
+    // As a user would: the host must exit by itself, with status 0.
     void stop(Side side);
     void kill(Side side);
-    // Starts one that was stopped or killed, and waits until both are joined again.
+    // Starts a stopped or killed host, and waits until both are joined again.
     void start(Side side);
-    // Ends the connection between the hosts, and waits until they are joined again.
+    // Cuts the connection between the hosts, and waits until they are joined again.
     void reconnect();
-    // Sends a signal, such as SIGSTOP and SIGCONT.
+    // Sends a signal, such as SIGSTOP or SIGCONT.
     void signal(Side side, int number) { host(side)->signal(number); }
 
     std::string log(Side side) const { return end(side).log(); }
     std::vector<std::string> environment(Side side) const { return end(side).environment(); }
-    // A local process of a side: a role of the test program.
+    // Runs a role of the test program as a local process of that side.
     ChildProcess run(Side side, const std::string& role, const std::vector<std::string>& args = {});
 
 private:

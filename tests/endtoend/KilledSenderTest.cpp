@@ -1,4 +1,4 @@
-// A host is killed, or its connection cut, in the middle of what it sends, again and again.
+// A host is repeatedly killed, or its connection cut, while it sends.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -22,8 +22,8 @@ using testsupport::Side;
 constexpr std::size_t kWords = 32 * 1024;  // 256 KiB
 constexpr int kKills = 4;                  // the full runs repeat the test
 
-// Takes messages until the end of its input, and tells how many were good, and how many were not of
-// one piece.
+// Takes messages until the end of its input, then reports how many were good and how many were
+// mixed.
 CHILD_ROLE(judgesMessages) {
     Client client;
     const auto stream = client.openStream("Media", Direction::Read);

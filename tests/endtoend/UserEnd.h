@@ -1,4 +1,4 @@
-// One end of a session for tests that run real programs, and what they read from these.
+// One end of a session for tests that run real programs, and helpers to read their output.
 #pragma once
 
 #include <sys/types.h>
@@ -13,14 +13,14 @@ namespace testsupport {
 
 struct Outcome {
     int status;
-    std::string text;  // of standard output and standard error
+    std::string text;  // standard output and standard error
 };
 
-// A session namespace with a home directory and files of its own, and what runs in it. What is left
-// of the session goes with it.
+// A session namespace with its own home directory and files, and the programs run in it. Removes
+// what is left of the session.
 class UserEnd {
 public:
-    UserEnd();  // a namespace that no other one has
+    UserEnd();  // in a unique namespace
     explicit UserEnd(std::string sessionNamespace);
     ~UserEnd();
     UserEnd(const UserEnd&) = delete;
@@ -28,12 +28,12 @@ public:
 
     const std::string& name() const { return m_namespace; }
     std::string file(const std::string& name) const { return m_directory / name; }
-    // The plug-in's log so far; what a living host has not written out yet is missing.
+    // The plug-in's log so far, without what a running host has not flushed yet.
     std::string log() const;
-    // What makes a process one of this end.
+    // The environment that makes a process part of this end.
     std::vector<std::string> environment() const;
 
-    // `vcctl ARGUMENTS` as in a shell, its standard error joined to its standard output.
+    // Starts `vcctl ARGUMENTS` as in a shell, with standard error joined to standard output.
     support::Subprocess start(const std::string& arguments) const;
     support::Subprocess startShell(const std::string& command,
                                    const std::vector<std::string>& environment = {}) const;
@@ -47,12 +47,12 @@ private:
 
 void expectPart(const std::string& text, const std::string& part);
 
-// Waits for a line of the process; a failure of the test, and all that came instead, when it does
-// not come.
+// Waits for a line of the process. If it does not come, fails the test and returns all other
+// output.
 std::string lineStarting(support::Subprocess& process, const std::string& start);
 std::string lineWith(support::Subprocess& process, const std::string& part);
 
-// Makes a file of `size` bytes that repeat nowhere; the content.
+// Makes a file of `size` non-repeating bytes and returns its content.
 std::string makeFile(const std::string& path, std::size_t size);
 
 std::vector<pid_t> childrenOf(pid_t process);

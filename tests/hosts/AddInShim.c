@@ -1,5 +1,5 @@
-/* FreeRDP looks for add-ins in one folder of the system alone. Preloaded into a client, this takes
-   ours from NORVO_TEST_ADDIN. */
+/* FreeRDP looks for add-ins only in one system folder. Preloaded into a client, this loads ours
+   from NORVO_TEST_ADDIN. */
 #include <dlfcn.h>
 #include <freerdp/addin.h>
 #include <stdlib.h>

@@ -7,7 +7,7 @@
 
 namespace {
 
-// What FreeRDP has been given by the session that has the channel.
+// What the session that has the channel has passed to FreeRDP.
 int g_sessions = 0;
 void* g_session = nullptr;
 PCHANNEL_INIT_EVENT_EX_FN g_onEvent = nullptr;

@@ -1,4 +1,4 @@
-/* A plug-in that does nothing; tests put functions of their own in place of its. */
+/* A plug-in that does nothing; tests replace its functions with their own. */
 #include "LanguageAbstraction.h"
 
 void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {

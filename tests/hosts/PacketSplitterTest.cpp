@@ -17,8 +17,8 @@ std::span<const unsigned char> bytesOf(const std::string& text) {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
-// Messages as a channel of packets of 1500 bytes cuts them, their bytes such that many look like a
-// header's beginning.
+// Messages cut as by a channel with packets of 1500 bytes, with many bytes that look like the start
+// of a header.
 std::vector<std::string> randomPackets(std::minstd_rand& random) {
     packettest::Packetization packetizer(nullptr, 1500);
     std::vector<std::string> packets;

@@ -17,7 +17,7 @@ using packettest::part;
 using packettest::wireOf;
 using testsupport::eventually;
 
-// What the plug-in has received. It takes no more until it may go on.
+// What the plug-in has received. It blocks until g_goesOn.
 std::vector<std::string> g_received;
 std::atomic<bool> g_goesOn = false;
 std::atomic<bool> g_begun = false;
@@ -48,7 +48,7 @@ TEST(PluginThread, JoinsNoPacketFromWhatWasBeforeAndAfterAHole) {
     const auto send = [&](std::string_view bytes) {
         thread.receive({reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()});
     };
-    // Small pieces find room where large ones do not any more.
+    // Small pieces still fit where large ones no longer do.
     constexpr std::size_t kLarge = 4001;
     send(std::string_view(stream).substr(0, kLarge));
     EXPECT_TRUE(eventually([] { return g_begun.load(); }));
@@ -60,7 +60,7 @@ TEST(PluginThread, JoinsNoPacketFromWhatWasBeforeAndAfterAHole) {
     g_goesOn = true;
     g_goesOn.notify_all();
 
-    // What comes first after the hole would pass for a packet where one is certain to begin.
+    // The first bytes after the gap would pass for a packet if one were known to begin there.
     const std::string later =
         wireOf(part(1, 1, 100, 10), std::string(10, 'x')) + wireOf(part(1, 1, 1, 5), kLater);
     EXPECT_TRUE(eventually([&] {

@@ -1,5 +1,5 @@
-// The plug-in in a real RDP client, joined to real far ends: a server of our own, and an xrdp
-// desktop. Without an account, and over loopback alone.
+// The plug-in in a real RDP client, connected to real remote ends: our own server, and an xrdp
+// desktop. Needs no account and uses loopback only.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,7 +46,7 @@ bool isThere(std::initializer_list<const char*> programs) {
     });
 }
 
-// Asks it to end, and waits until it has: an X server takes its socket and its lock with it.
+// Asks it to end and waits, so that an X server removes its socket and lock.
 void endAndWait(std::optional<Subprocess>& process) {
     if (!process) return;
     process->signal(SIGTERM);
@@ -54,7 +54,7 @@ void endAndWait(std::optional<Subprocess>& process) {
     process.reset();
 }
 
-// All threads, user and system, since the process started.
+// User and system time of all threads since the process started.
 std::chrono::nanoseconds processorTimeOf(pid_t process) {
     clockid_t clock{};
     timespec time{};
@@ -63,7 +63,7 @@ std::chrono::nanoseconds processorTimeOf(pid_t process) {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
-// An X server without a screen, on a display that it has chosen itself.
+// An X server without a screen, on a display number of its own choice.
 class Display {
 public:
     explicit Display(const Side& side, const std::string& command)
@@ -77,7 +77,7 @@ private:
     const std::string m_number;
 };
 
-// The path, without its ending, of a certificate (.pem) and its key (.key).
+// The path, without extension, of a certificate (.pem) and its key (.key).
 std::string makeCertificate(const Side& side) {
     std::string base = side.file("tls");
     side.startShell(
@@ -93,7 +93,7 @@ class FarEnd {
 public:
     virtual ~FarEnd() = default;
     const std::string& port() const { return m_port; }
-    // Whether the client learns that the far end is gone.
+    // Whether the client learns that the remote end is gone.
     bool isMissed() const { return m_isMissed; }
     // The process that has loaded the plug-in.
     virtual void start() = 0;
@@ -127,7 +127,7 @@ public:
     }
 };
 
-// A desktop without a log-in: xrdp shows a VNC server, and the channel server belongs to it.
+// A desktop without log-in: xrdp shows a VNC server, to which the channel server belongs.
 class XrdpDesktop : public FarEnd {
 public:
     explicit XrdpDesktop(const Side& side)
@@ -150,7 +150,7 @@ public:
         }));
         start();
     }
-    // Ending the X server ends the connection's own process of xrdp, which outlives its parent.
+    // Ending the X server ends xrdp's process for the connection, which outlives its parent.
     ~XrdpDesktop() override {
         endAndWait(m_host);
         endAndWait(m_channels);
@@ -165,9 +165,9 @@ public:
     }
     void start() override {
         m_host.emplace(startInDesktop("exec " NORVO_XRDP_AGENT " --library " NORVO_PLUGIN " 2>&1"));
-        EXPECT_NE(m_host->readLine(), "");  // what it waits for, or that it does not have to
+        EXPECT_NE(m_host->readLine(), "");  // says what it waits for, or that it need not wait
     }
-    // Why there is none here; empty when there is.
+    // Why it is not available here; empty when it is.
     static std::string whyNot() {
         if (!getenv("NORVO_TEST_XRDP")) return "./test --only xrdp runs it";
         std::error_code ignored;
@@ -183,7 +183,7 @@ public:
             .readAll();
     }
     std::string check() { return outputOfAgent("--check --xrdp-ini " + m_side.file("xrdp.ini")); }
-    // What is open in the agent, which runs and has no client.
+    // The open descriptors of the agent, which runs without a client.
     std::size_t descriptors() const {
         const auto folder = "/proc/" + std::to_string(m_host->pid()) + "/fd";
         return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
@@ -233,7 +233,7 @@ protected:
         m_display.reset();
     }
 
-    // FreeRDP comes back to the same port: cutting is ending the relay in between.
+    // FreeRDP reconnects to the same port, so the connection is cut by ending the relay in between.
     void startRelay() {
         m_relay.emplace(
             m_near.startShell("exec 2>&1; exec socat TCP-LISTEN:" + m_relayPort +
@@ -263,7 +263,7 @@ protected:
         expectNews("ChannelUp");
         std::cout << "joined after " << testsupport::since(begun).count() << " ms" << std::endl;
     }
-    // xfreerdp leaves this when a signal ends it.
+    // xfreerdp leaves this behind when killed by a signal.
     void endClient() {
         if (!m_client) return;
         m_client->kill();
@@ -283,7 +283,7 @@ protected:
         expectNewsOf(m_farNews, name);
     }
 
-    // `during` runs while the file is on its way. Returns how long it took.
+    // `during` runs while the file is in transit. Returns how long that took.
     std::chrono::milliseconds passesAFile(
         const Side& from, const Side& to, std::size_t size,
         const std::function<void()>& during = [] {}) {
@@ -350,7 +350,7 @@ TEST_P(RdpAcrossProcesses, TwentyStreamsCarryFilesBothWaysAndTheClientNeverWaits
 
 TEST_P(RdpAcrossProcesses, ACutConnectionIsTakenUpAgainInTheMiddleOfAFile) {
     passesAFile(m_near, m_far, 4'000'000, [&] {
-        std::this_thread::sleep_for(400ms);  // somewhere in it
+        std::this_thread::sleep_for(400ms);  // in the middle of it
         cut();
         const auto begun = std::chrono::steady_clock::now();
         expectNews("ChannelDown");
@@ -379,7 +379,7 @@ TEST_P(RdpAcrossProcesses, AKilledClientAndAKilledFarEndAreReplaced) {
     passesAFile(m_near, m_far, 100'000);
 }
 
-// By hand (full_runs), on a machine that does nothing else.
+// Run by hand (full_runs), on an idle machine.
 TEST_P(RdpAcrossProcesses, AFileFillsTheChannelAndAnIdleSessionCostsNothing) {
     if (!getenv("NORVO_FULL_RUNS")) GTEST_SKIP() << "full_runs runs it";
     constexpr std::size_t kSize = 64U << 20U;

@@ -1,4 +1,4 @@
-# See CMakeLists.txt. Fails at the first command that fails.
+# See CMakeLists.txt. Fails if any command fails.
 include(${CMAKE_CURRENT_LIST_DIR}/UseInstalled.cmake)
 
 file(REMOVE_RECURSE ${STAGE})
@@ -12,7 +12,7 @@ run(${CMAKE_COMMAND} -S ${ROOT}/tests/install/outside -B ${STAGE}/build
     -DCMAKE_C_FLAGS=${FLAGS} -DCMAKE_CXX_FLAGS=${FLAGS})
 run(${CMAKE_COMMAND} --build ${STAGE}/build)
 
-# The static library's own names must not meet those of a program that links it.
+# The static library's internal names must not clash with those of a program that links it.
 find_program(NM nm REQUIRED)
 run(${NM} -C --defined-only -g ${STAGE}/usr/${LIBDIR}/libNorvoStreamClient.a)
 string(REGEX MATCHALL "[0-9a-f]+ [TDBRSC] [^\n]+" strong "${text}")
@@ -22,7 +22,7 @@ if(strong OR NOT text MATCHES " T norvo_client_open")
     message(FATAL_ERROR "names in the static library that are not in its headers:\n${strong}")
 endif()
 
-# Nobody answers in this namespace, and a program that could start says so.
+# Nobody answers in this namespace, and a program that starts says so.
 set(ENV{NORVO_VDI_NAMESPACE} "nvt-install")
 foreach(program shared_c static_cpp static_c)
     run(${STAGE}/build/${program})

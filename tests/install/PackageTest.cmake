@@ -1,4 +1,4 @@
-# See CMakeLists.txt. Makes the Debian packages, unpacks the library's and uses what is in it.
+# See CMakeLists.txt. Makes the Debian packages, unpacks the library's and uses its contents.
 include(${CMAKE_CURRENT_LIST_DIR}/UseInstalled.cmake)
 
 file(REMOVE_RECURSE ${STAGE})

@@ -1,6 +1,6 @@
-# For the scripts of this folder.
+# Functions for the scripts of this folder.
 
-# Fails when the command does; what it printed is in `text`.
+# Fails if the command does; stores its output in `text`.
 function(run)
     execute_process(COMMAND ${ARGN} RESULT_VARIABLE status OUTPUT_VARIABLE text ERROR_VARIABLE text)
     if(NOT status EQUAL 0)
@@ -16,7 +16,7 @@ function(expect what text pattern)
     endif()
 endfunction()
 
-# vcctl as it was installed under `prefix`, with the plug-in that came with it and no other.
+# Uses vcctl as installed under `prefix`, with only the plug-in installed with it.
 function(use_installed prefix)
     set(ENV{HOME} ${prefix})
     set(vcctl ${prefix}/bin/vcctl)

@@ -1,5 +1,5 @@
-# The layer check must find what it is there for: each row is a file with an include, and the
-# message it must cause (none when the include is allowed).
+# The layer check must find violations. Each row is a file with an include, and the message it must
+# cause (none when the include is allowed).
 cmake_minimum_required(VERSION 3.25)
 
 function(expect file include message)

@@ -34,7 +34,7 @@ int testsupport::failEachAllocation(const std::function<void()>& step) {
     }
 }
 
-// All forms but the aligned ones, so that none of a sanitizer's own frees memory of these.
+// All forms but the aligned ones, so that no sanitizer's form frees memory from these.
 void* operator new(std::size_t size) { return allocateOrThrow(size); }
 void* operator new[](std::size_t size) { return allocateOrThrow(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }

@@ -4,9 +4,8 @@
 
 namespace testsupport {
 
-// Runs `step` again and again, each time with one allocation of this thread's `new` failing: the
-// first one, then the second one, and so on, until it has made none that failed. How often it was
-// run.
+// Runs `step` repeatedly, each time with one `new` on this thread failing: the first, then the
+// second and so on, until none has failed. Returns the number of runs.
 int failEachAllocation(const std::function<void()>& step);
 
 }  // namespace testsupport

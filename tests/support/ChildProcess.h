@@ -1,4 +1,4 @@
-// Real child processes for tests: the test program starts itself again in a named role.
+// Real child processes for tests: the test program runs itself again in a named role.
 //
 //     CHILD_ROLE(writer) {                       // runs in the child; args are the strings given
 //         ...; say("ready"); return 0;
@@ -8,8 +8,7 @@
 //     child.kill();                              // kill -9
 //     EXPECT_EQ(child.wait(), 0);
 //
-// A suite that starts processes has a name that ends in "AcrossProcesses": emulated runs leave it
-// out.
+// Suites that start processes have names ending in "AcrossProcesses"; emulated runs skip them.
 #pragma once
 
 #include <sys/wait.h>
@@ -24,7 +23,7 @@ namespace testsupport {
 
 class ChildProcess : public support::Subprocess {
 public:
-    // Starts the role. `environment` as for Subprocess.
+    // Starts the role. `environment`: see Subprocess.
     explicit ChildProcess(const std::string& role, const std::vector<std::string>& args = {},
                           const std::vector<std::string>& environment = {});
 };
@@ -35,13 +34,13 @@ struct ChildRole {
     ChildRole(const char* name, ChildMain main);
 };
 
-// For roles: print a line for the parent's readLine(), and wait for a line of the parent or the end
-// of its input.
+// For roles: say() prints a line for the parent's readLine(); hear() waits for a line from the
+// parent or the end of input.
 void say(const std::string& line);
 void hear();
 
-// Starts `count` children of a role that say "ready" and hear() before they go on, and lets them
-// all go at once. Whether each ended with 0.
+// Starts `count` children of a role that says "ready" and then hear()s, and lets all continue at
+// once. Returns whether all exited with 0.
 bool runTogether(int count, const std::string& role, const std::vector<std::string>& args = {});
 
 // Whether `holds()` is true in a forked child.
@@ -53,7 +52,7 @@ bool holdsInForkedChild(const Predicate& holds) {
     return waitpid(child, &status, 0) == child && status == 0;
 }
 
-// For main(): whether the command line names a role; runs it; -1 when it names none.
+// For main(): whether the command line names a role; running it gives its result, -1 without one.
 bool isChildRole(int argc, char** argv);
 int runChildRole(int argc, char** argv);
 

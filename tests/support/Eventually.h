@@ -5,8 +5,8 @@
 
 namespace testsupport {
 
-// Waits, up to `limit`, for something that another thread or process brings about. False when it
-// has not come.
+// Waits, up to `limit`, for a condition that another thread or process brings about. False on
+// time-out.
 template <class Predicate>
 bool eventually(const Predicate& predicate,
                 std::chrono::milliseconds limit = std::chrono::seconds(20)) {

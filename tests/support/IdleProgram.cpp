@@ -1,4 +1,4 @@
-// The program of the test bundles: does nothing until it is ended, or for two minutes.
+// The program of the test bundles: idles until terminated, or for two minutes.
 #include <unistd.h>
 
 #include <csignal>

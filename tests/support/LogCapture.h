@@ -14,7 +14,7 @@ namespace testsupport {
 
 class LogCapture {
 public:
-    // Every severity is on while the capture lives (or up to `threshold`).
+    // Enables all severities up to `threshold` while the capture lives.
     explicit LogCapture(int threshold = KLT::kltlogger::Trace) : m_sink(std::make_shared<Sink>()) {
         m_before = KLT::kltlogger::setSink(m_sink);
         KLT::kltlogger::setThreshold(threshold);

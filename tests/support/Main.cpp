@@ -1,5 +1,5 @@
-// Starts a test run, or a child role of one. Each run gets a session namespace and a home folder of
-// its own, which its children inherit, and what the run leaves in either is removed at the end.
+// Starts a test run or a child role. Each run gets its own session namespace and home folder, which
+// its children inherit; what the run leaves in either is removed at the end.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

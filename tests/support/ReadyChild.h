@@ -9,7 +9,7 @@
 
 namespace testsupport {
 
-// A child that has said "ready".
+// A child process that has said "ready".
 struct ReadyChild : ChildProcess {
     explicit ReadyChild(const std::string& role, const std::vector<std::string>& args = {})
         : ChildProcess(role, args) {

@@ -14,7 +14,7 @@ inline constexpr bool kSanitized = false;
 inline constexpr bool kSanitized = false;
 #endif
 
-// How often to repeat something: `full` times, or a tenth (at least once) under a sanitizer.
+// How many rounds to run: `full`, or a tenth (at least one) under a sanitizer.
 constexpr int rounds(int full) { return kSanitized ? (full < 10 ? 1 : full / 10) : full; }
 
 }  // namespace testsupport

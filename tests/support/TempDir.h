@@ -8,7 +8,7 @@
 
 namespace testsupport {
 
-// An empty directory that goes, with all that is in it, at the end of the test.
+// A new empty directory, removed with its contents at the end of the test.
 class TempDir {
 public:
     TempDir() {

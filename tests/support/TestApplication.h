@@ -1,4 +1,4 @@
-// An application bundle made for one test, around a small real program (IdleProgram.cpp).
+// An application bundle for one test, with a small real program (IdleProgram.cpp).
 #pragma once
 
 #include <sys/types.h>
@@ -10,8 +10,8 @@
 
 namespace testsupport {
 
-// Makes <folder>/<name>.app, and has this process take the folder for the one of installed
-// applications. At the end it kills what runs of the bundle and removes it.
+// Makes <folder>/<name>.app, and makes this process use the folder as that of installed
+// applications. At the end kills the bundle's processes and removes it.
 class TestApplication {
 public:
     TestApplication(const std::string& name, const std::string& identifier);
@@ -24,9 +24,9 @@ public:
     // The program's path inside the bundle.
     const std::string& program() const { return m_program; }
 
-    // The living processes of the program.
+    // The running processes of the program.
     std::vector<pid_t> processes() const;
-    // Waits for exactly `count` of them, for at most 20 s. What was found last.
+    // Waits, at most 20 s, until there are exactly `count`. Returns those found last.
     std::vector<pid_t> waitForProcesses(std::size_t count) const;
 
 private:
@@ -36,13 +36,13 @@ private:
     std::string m_program;
 };
 
-// What runs until it is ended, whatever its arguments; with "stubborn" among them, SIGTERM does not
-// end it.
+// The path of a program that runs until terminated, whatever its arguments; with "stubborn" among
+// them, it ignores SIGTERM.
 std::string idleProgram();
 
 std::vector<std::string> argumentsOf(pid_t pid);
 
-// The text behind `field` in the system's account of a process ("SigBlk:\t...").
+// The text after `field` in the process's /proc status ("SigBlk:\t...").
 std::string statusOf(pid_t pid, const std::string& field);
 
 }  // namespace testsupport

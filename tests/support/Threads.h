@@ -6,7 +6,7 @@
 
 namespace testsupport {
 
-// Runs `work` on `count` threads at a time, which are numbered from 0, until all have ended.
+// Runs `work` on `count` concurrent threads, numbered from 0, and waits for all to end.
 inline void onThreads(int count, const std::function<void(int number)>& work) {
     std::vector<std::thread> threads;
     for (int number = 0; number < count; ++number) threads.emplace_back(work, number);

@@ -32,7 +32,7 @@ using testsupport::makeFile;
 using testsupport::Outcome;
 using Side = testsupport::UserEnd;
 
-// Ends it by a signal. The exit status.
+// Ends it with a signal and returns the exit status.
 int end(Subprocess& process, int signal = SIGTERM) {
     process.signal(signal);
     return process.wait(10s);
@@ -50,7 +50,7 @@ support::Descriptor connectTo(const std::string& address) {
 
 class VcctlAcrossProcesses : public ::testing::Test {
 protected:
-    // `before`: shell commands that the near host is started after.
+    // `before`: shell commands to run before the near host.
     void listen(const std::string& options = "", const std::string& before = "") {
         m_nearHost.emplace(m_near.startShell(
             before + "exec " VCCTL_PROGRAM " host --listen 127.0.0.1:0 " + options + " 2>&1"));
@@ -72,7 +72,7 @@ protected:
         std::string line;
         do {
             line = receiver.readLine();
-        } while (line.rfind("vcctl: waiting: ", 0) == 0);  // for the host, if it took a moment
+        } while (line.rfind("vcctl: waiting: ", 0) == 0);  // if the host took a moment
         EXPECT_EQ(line + '\n', contentOf("/etc/hostname"));
         EXPECT_EQ(receiver.wait(20s), 0);
     }
@@ -111,7 +111,7 @@ TEST_F(VcctlAcrossProcesses, AFileArrivesWholeAndTheCaptureShowsTheSession) {
     }
     EXPECT_EQ(end(*m_farHost), 0);
 
-    // Its first packet is behind the blocks of the section and the interface.
+    // Its first packet follows the section and interface blocks.
     std::string bytes = contentOf(capture);
     const auto numberAt = [&](std::size_t place) {
         std::uint32_t number = 0;
@@ -155,7 +155,7 @@ TEST_F(VcctlAcrossProcesses, RequestsAreAnsweredAndNotificationsArePrinted) {
                     "\"fields\":[\"0\"],\"name\":\"GetWindowHandle\"");
 
     Subprocess watcher = m_far.start("watch --json");
-    EXPECT_NE(watcher.readLine(), "");  // it hears the agent
+    EXPECT_NE(watcher.readLine(), "");  // it is connected to the agent
     m_farHost->signal(SIGHUP);
     expectPart(lineStarting(*m_farHost, "left"), "dropped on request");
     lineWith(watcher, "\"ChannelDown\"");
@@ -173,7 +173,7 @@ TEST_F(VcctlAcrossProcesses, AHostWithoutADescriptorForItsNextConnectionTriesUnt
                            "--nofile=" + std::to_string(files) + ':'})
             .wait();
     };
-    // As many as a poll() of the host looks at.
+    // As many as one poll() of the host covers.
     ASSERT_EQ(limitTo(3), 0);
     m_farHost->signal(SIGHUP);
     expectPart(lineStarting(*m_farHost, "nothing answers"), "Too many open files");
@@ -204,7 +204,7 @@ TEST_F(VcctlAcrossProcesses, AHostThatIsKilledInTheMiddleOfAFileEndsItsSender) {
 }
 
 TEST_F(VcctlAcrossProcesses, ATransferIsResumedAfterTheKillOfEitherToolAndTheLossOfTheChannel) {
-    // On a transport that paces itself, so that nothing of this comes too late: about 4 s.
+    // On a paced transport, so that none of this comes too late: about 4 s.
     listen("--kind citrix");
     join("--kind citrix");
     const std::string content = makeFile(m_near.file("original"), 60'000'000);
@@ -307,7 +307,7 @@ TEST_F(VcctlAcrossProcesses, AUnixSocketIsForItsUserAndASilentPeerGivesWay) {
         const Subprocess other = asAnother({"/usr/bin/socat", "-u", "UNIX-CONNECT:" + path, "-"});
         lineStarting(*m_nearHost, "refused a connection of another user");
     }
-    // One packet, of a message that asks for the connection, and no answer to what is asked.
+    // One packet, with a message that requests the connection, and no replies.
     const unsigned char greeting[44] = {91, 0,  91, 0, 1, 0,  0, 0, 1, 0,   0,   0, 1, 0, 0,
                                         0,  20, 0,  0, 0, 44, 0, 0, 0, 203, 203, 0, 0, 2, 20};
     const support::Descriptor silent = connectTo(m_address);
@@ -426,7 +426,7 @@ TEST_F(VcctlAcrossProcesses, AReceiverIsInterruptedWhileMessagesKeepComing) {
     EXPECT_EQ(end(receiver, SIGINT), 130);
 }
 
-// Clock ticks of the processor that it has used.
+// The processor time it has used, in clock ticks.
 long ticksOf(const Subprocess& process) {
     const std::string stat = contentOf("/proc/" + std::to_string(process.pid()) + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 1));
