@@ -33,8 +33,8 @@ public:
     void availabilityChanged(bool available) NORVO_TAKES_TRANSITION;
     void channelShutsDown() NORVO_TAKES_TRANSITION;
 
-    // Call after context.stopping has been set: then there is no connection, and none can begin.
-    // `tellPeer`: an existing one ends with CTL_DISCONNECT.
+    // Call after context.stopping has been set. Afterwards there is no connection, and none can
+    // begin. `tellPeer`: an existing one ends with CTL_DISCONNECT.
     void end(bool tellPeer) NORVO_TAKES_TRANSITION;
 
 private:

@@ -81,8 +81,7 @@ void Agent::Stream::requestStop() {
 }
 
 void Agent::Stream::close() {
-    requestStop();  // first, as the segment's read thread, which close() waits for, may be waiting
-                    // to send
+    requestStop();  // first: close() waits for the segment's read thread, which may wait to send
     // Closing the segment wakes a writer that waits for its reader.
     if (m_segment && !m_isSegmentClosed.exchange(true)) {
         m_segment->unsubscribeAllObservers();

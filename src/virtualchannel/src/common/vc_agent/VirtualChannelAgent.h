@@ -16,9 +16,9 @@ class AgentEnvironment;
 // Observes a channel, performs the handshake with the peer agent, serves the streams that local
 // processes and the peer request, and speaks the INFO protocol with local processes.
 //
-// Threads: every operation may be called from any thread unless it says otherwise. While connected
-// the agent has two threads, plus one per stream that it writes. All have ended when stop() or the
-// destructor returns.
+// Threads: every operation may be called from any thread unless it says otherwise. The agent has
+// two threads while connected, one per running stream that it writes, and one while segments wait
+// to be set up. All have ended when stop() or the destructor returns.
 //
 // Re-entrancy: the window operations of the agent's channel may call any Observer operation of the
 // agent from inside. GetType, SendData and onAgentStateChange must not, on the calling thread; they

@@ -85,8 +85,7 @@ private:
         bool waits = false;    // in a lane
         StreamSend ifNotBegun = StreamSend::NotSent;
         VDIFrameworkCommon::LocalCondition changed;
-        Senders place{
-            this};  // holds its list node while in no lane, so entering one allocates nothing
+        Senders place{this};  // its list node while in no lane, so entering allocates nothing
     };
 
     struct Lane {
