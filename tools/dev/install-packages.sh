@@ -15,7 +15,7 @@ packages_of() {
         checks)
             say clang libclang-rt-14-dev clang-format clang-tidy llvm shellcheck git python3 \
                 lld-19 llvm-19 g++-aarch64-linux-gnu qemu-user-static googletest
-            # Any npm will do, and one from elsewhere cannot live beside Debian's.
+            # Any npm will do; one from another source conflicts with Debian's.
             command -v npm >/dev/null || say npm
             ;;
         rdp) say freerdp2-x11 freerdp2-dev libwinpr2-dev xvfb openssl ;;
