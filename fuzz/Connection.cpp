@@ -88,7 +88,7 @@ private:
             if (!frame) return;
             m_ends[static_cast<size_t>(1 - from)].hear(*frame, m_now);
         }
-        abort();  // it never comes to rest
+        abort();  // it never becomes idle
     }
 
     ConnectionMachine::Time m_now{};

@@ -54,7 +54,7 @@ void freeContext(freerdp_peer*, rdpContext* context) {
     WTSCloseServer(reinterpret_cast<PeerContext*>(context)->channels);
 }
 
-// One connection, on a thread of its own.
+// One connection, on its own thread.
 class Connection {
 public:
     Connection(freerdp_peer* peer, const Options& options, FarEnd& farEnd, HANDLE stop)

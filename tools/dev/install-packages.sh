@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # install-packages.sh GROUP...: installs what is missing of the Debian packages of each group.
-# Groups: build (to build and test everything but what follows), checks (the rest of ./test --all), rdp (a real
+# Groups: build (to build and test everything but the following), checks (the rest of ./test --all), rdp (a real
 # RDP client, and what its add-in is built with), xrdp (a desktop for it).
 source "$(dirname "$0")/common.sh"
 

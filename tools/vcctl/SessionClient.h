@@ -53,7 +53,7 @@ std::string sessionText();
 // The point in time `seconds` from now.
 std::chrono::steady_clock::time_point after(double seconds);
 
-// Waits end at least this often, to look at the stop signal.
+// Waits end at least this often, to check for the stop signal.
 inline constexpr std::chrono::milliseconds kPollTime{100};
 
 }  // namespace vcctl
