@@ -1,5 +1,5 @@
-// One routed message through agent, channel and packets in one process: down from a local process's
-// segment to the host's callback, and up from the host's packets into a segment.
+// One routed message through agent, channel and packets in one process: out from a local process's
+// segment to the host's callback, and in from the host's packets to a segment.
 #include <chrono>
 #include <cstring>
 #include <functional>
@@ -44,7 +44,7 @@ constexpr unsigned int kCapacity = 65536;
 constexpr std::uint64_t kUnderWay = 500;
 constexpr std::chrono::seconds kPatience{30};
 
-// A segment whose other end takes everything at once: copied into the slot, and counted.
+// A segment whose reader takes everything at once: messages are copied into the slot and counted.
 class InstantSegment : public shared_memory::SharedMemoryI {
 public:
     explicit InstantSegment(Arrivals& arrivals) : m_arrivals(arrivals), m_slot(kCapacity) {}
@@ -81,7 +81,7 @@ private:
     shared_memory::SharedMemoryObserverI* m_observer = nullptr;
 };
 
-// The real machine, except that its segments may be instant ones.
+// The real environment, except that its segments may be instant ones.
 class BenchMachine : public AgentEnvironment {
 public:
     BenchMachine(bool instant, Arrivals& arrivals) : m_instant(instant), m_arrivals(arrivals) {}
@@ -132,8 +132,8 @@ VCMessage aboutStream(MessageTypeEnum type, const char* name, StreamType streamT
     return message;
 }
 
-// An agent on a channel that the bench is the host of, connected, with the streams "out" (to the
-// far side) and "in" (from it).
+// A connected agent on a channel whose host is the bench, with the streams "out" (to the
+// peer) and "in" (from it).
 class Session {
 public:
     explicit Session(bool instant) : m_machine(std::make_shared<BenchMachine>(instant, m_in)) {
@@ -157,7 +157,7 @@ public:
         HostCallbacks::GetInstance().setAppendBuffer(nullptr, nullptr);
     }
 
-    // Packets of a message of the far side for the stream "in", in the order they come.
+    // Packets of a message of the peer for the stream "in", in order of arrival.
     std::vector<std::string> packetsFor(const std::string& data) {
         auto message = aboutStream(CTL_S_ROUTE, "in", StreamType::READ);
         message.setRouteData(data.data(), static_cast<unsigned int>(data.size()));
@@ -234,7 +234,7 @@ private:
     std::shared_ptr<shared_memory::SharedMemoryI> m_localWriter;
 };
 
-// Runs `one` `count` times, at most kUnderWay ahead of what has arrived.
+// Runs `one` `count` times, at most kUnderWay ahead of the arrivals.
 void run(std::uint64_t count, const Arrivals& arrivals, std::uint64_t arrivedBefore,
          const std::function<void()>& one) {
     for (std::uint64_t i = 1; i <= count; ++i) {
@@ -244,7 +244,7 @@ void run(std::uint64_t count, const Arrivals& arrivals, std::uint64_t arrivedBef
     arrivals.waitFor(arrivedBefore + count);
 }
 
-// Time and, in a pass of its own, allocations and copied bytes per message of `size` bytes.
+// Time and, in a separate pass, allocations and copied bytes per message of `size` bytes.
 void measure(std::size_t size, std::uint64_t count, const Arrivals& arrivals,
              const std::function<void()>& one, Sample& sample) {
     const auto messages = static_cast<double>(count);
@@ -299,8 +299,8 @@ private:
         shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
 };
 
-// While nobody takes its news, an agent looks out for a listener every millisecond, for 3 s per
-// message: it is idle when they have been taken.
+// While nobody takes its notifications, an agent polls for a listener every millisecond, for 3 s
+// per message: it is idle once they have been taken.
 void measureIdle(std::chrono::milliseconds period, Sample& sample) {
     TCPSocketVirtualChannel channel;
     Agent agent(&channel, "bench");
@@ -341,8 +341,8 @@ void declareSize(Suite& suite, const std::string& text, std::size_t size, std::u
         const auto in = suite.measure(
             "in" + segment, [=](Sample& sample) { measureIn(instant, size, messages, sample); });
         if (!instant || size < 16384) continue;
-        // Out: the string of the segment, the message, its packets. In: the joined message, the
-        // queued string. Each may grow while it is filled.
+        // Out: the segment's string, the message, its packets. In: the joined message, the
+        // queued string. Each may be reallocated while it is filled.
         suite.goal("allocated per byte, out", out["allocated"], bench::atMost(4.0, 3.2));
         suite.goal("allocated per byte, in", in["allocated"], bench::atMost(3.0, 2.2));
     }

@@ -1,4 +1,4 @@
-// What a bench waits for that sends from one thread and receives on another.
+// For a bench that sends on one thread and receives on another.
 #pragma once
 
 #include <atomic>
@@ -9,12 +9,12 @@
 
 namespace bench {
 
-// Counts up on one thread until another one has seen enough.
+// Counts up on one thread while another waits for a given count.
 class Arrivals {
 public:
     void add() { m_count.fetch_add(1, std::memory_order_release); }
 
-    // Throws std::runtime_error when there are fewer than `count` after 30 s.
+    // Throws std::runtime_error if there are fewer than `count` after 30 s.
     void waitFor(std::uint64_t count) const {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (m_count.load(std::memory_order_acquire) < count) {

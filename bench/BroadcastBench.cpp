@@ -1,4 +1,4 @@
-// A broadcast segment: what many readers cost its writer, and how late they get a message.
+// A broadcast segment: the cost of many readers for its writer, and their latency.
 #include <atomic>
 #include <cstdio>
 #include <cstring>

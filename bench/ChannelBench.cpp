@@ -1,4 +1,4 @@
-// The way of a message through a channel: down to the host's callback, and up to the observer.
+// The path of a message through a channel: out to the host's callback, and in to the observer.
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -32,7 +32,7 @@ using bench::secondsSince;
 using bench::Suite;
 using Clock = std::chrono::steady_clock;
 
-// Packets under way at most, so that no queue grows without end.
+// Most packets in flight, so that no queue grows without limit.
 constexpr std::uint64_t kUnderWay = 1000;
 
 // ---- The floor: a queue handed over under one mutex and one condition
@@ -150,7 +150,7 @@ public:
         const auto payload = static_cast<std::size_t>(m_channel.GetMaxMsgSize()) - 24;
         return messageSize == 0 ? 1 : (messageSize + payload - 1) / payload;
     }
-    // Sends that many messages, and returns when the host has every packet of them.
+    // Sends `count` messages, and returns when the host has all of their packets.
     void send(const std::string& message, std::uint64_t count) {
         for (std::uint64_t i = 0; i < count; ++i) {
             m_channel.SendData(message.data(), static_cast<unsigned int>(message.size()), false);
@@ -168,7 +168,7 @@ private:
 
 void noPause(std::chrono::milliseconds) {}
 
-// Allocations of a message, and how often a byte of it is copied (its packets' headers count, too).
+// Allocations per message, and how often each byte is copied (including its packets' headers).
 void countMemory(Sample& sample, std::size_t size, const std::function<void()>& sendOne) {
     constexpr int kMessages = 200;
     for (int i = 0; i < kMessages; ++i) sendOne();
@@ -227,8 +227,8 @@ void copyBytes(std::size_t size, std::uint64_t times, Sample& sample) {
     sample.set("per message", secondsSince(start) * 1e9 / static_cast<double>(times), "ns");
 }
 
-// What a paced channel carries, as a part of what its pauses allow. The first pause comes after the
-// eleventh packet, so the eleventh opens the measurement.
+// A paced channel's throughput, as a fraction of what its pauses allow. The first pause comes after
+// the eleventh packet, so the measurement starts with the eleventh.
 template <class Channel>
 void sendPaced(double seconds, int pauseMs, Sample& sample) {
     constexpr std::uint64_t kPacketsPerPause = 10;

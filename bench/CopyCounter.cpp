@@ -29,7 +29,7 @@ std::uint64_t CopyCounter::read() const { return copiedBytes.load(); }
 
 }  // namespace bench
 
-// The linker's names for the functions that it puts in the place of others, and for those others.
+// The linker's names for the replacement functions and for the replaced ones.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 void* __real_memcpy(void* to, const void* from, std::size_t size);

@@ -1,7 +1,7 @@
 // Counts the bytes that the whole process (every thread) copies while a counter lives.
 //
 // The program is linked so that its calls of memcpy and memmove come through here (CMakeLists.txt).
-// Not seen: copies of a few bytes that the compiler writes out, and those inside shared libraries.
+// Not counted: copies of a few bytes that the compiler inlines, and those inside shared libraries.
 // Counting is off, and costs a load and a branch, unless a counter lives: never measure times and
 // copies in the same pass.
 #pragma once

@@ -1,5 +1,5 @@
 // Streams that compete for one channel, with real hosts: how long the short messages of one wait
-// beside the long ones of others, how the channel is shared, what a host keeps in memory, and what
+// beside the long ones of others, how the channel is shared, how much memory a host uses, and what
 // a lost connection costs.
 #include <functional>
 #include <map>
@@ -25,7 +25,7 @@ constexpr char kBaseline[] = "baseline";
 constexpr Bounds mustBeAtMost(double must) { return atMost(must, must); }
 constexpr Bounds mustBeAtLeast(double must) { return atLeast(must, must); }
 
-// Ours, and the baseline's where there is one.
+// Our rows, and the baseline's if there is one.
 struct Rows {
     Measurement ours;
     std::vector<Measurement> baseline;
@@ -116,7 +116,7 @@ void declareOpening(bench::Suite& suite, const std::string& kind) {
 }
 
 void declareCuts(bench::Suite& suite) {
-    constexpr double kCutsPerSecond = 10;  // 100 in ten seconds of traffic and their own time
+    constexpr double kCutsPerSecond = 10;  // 100 in ten seconds of traffic plus their own duration
     const auto cuts = [](const FlowRun& run) {
         return static_cast<unsigned int>(run.seconds * kCutsPerSecond);
     };

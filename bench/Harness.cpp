@@ -22,7 +22,7 @@ double nanosecondsFor(std::uint64_t calls, const std::function<void()>& body) {
         .count();
 }
 
-// How many calls take about `nanoseconds`; at least one.
+// The number of calls that take about `nanoseconds`; at least one.
 std::uint64_t callsFor(double nanoseconds, const std::function<void()>& body) {
     std::uint64_t calls = 1;
     for (;;) {

@@ -1,6 +1,6 @@
 // The measuring harness of norvo_bench.
 //
-// A suite is one function in a .cpp of its own, listed in CMakeLists.txt:
+// A suite is one function in its own .cpp, listed in CMakeLists.txt:
 //
 //     BENCH_SUITE(packets, "cutting messages into packets and joining them") {
 //         suite.group("64 KiB at 1500");
@@ -10,10 +10,10 @@
 //     }
 //
 // The function only declares; the harness then runs the measurements of each group in turn
-// (A B C A B C ...) as often as asked for, and compares medians. A measurement builds what it needs
-// and tears it down; an exception that leaves it marks it as failed and the run goes on.
+// (A B C A B C ...) as often as requested, and compares medians. A measurement sets up and tears
+// down what it needs; an exception from it marks it as failed, and the run continues.
 //
-// For what runs in a second process, see PeerProcess.h.
+// For code that runs in a second process, see PeerProcess.h.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,7 @@ struct ValueRef {
     std::string metric;
 };
 
-// What one repetition of a measurement has found.
+// The results of one repetition of a measurement.
 class Sample {
 public:
     struct Entry {
@@ -38,10 +38,10 @@ public:
         double value;
         std::string unit;
     };
-    // Each metric at most once; the same metrics, in the same units, in every repetition.
+    // Set each metric at most once; every repetition sets the same metrics, in the same units.
     void set(std::string metric, double value, std::string unit);
     const std::vector<Entry>& entries() const { return m_entries; }
-    // Of a metric that has been set.
+    // The value of a metric that has been set.
     double value(const std::string& metric) const;
 
 private:
@@ -73,11 +73,11 @@ private:
     std::size_t m_index;
 };
 
-// What the user may set.
+// Options that the user may set.
 struct Settings {
     bool quick = false;
     double seconds = 10;  // of traffic in each measurement of flow/
-    // Of an earlier build, to be compared with; both empty when there is none.
+    // An earlier build to compare with; both empty if there is none.
     std::string baselineVcctl;
     std::string baselineLibrary;
 };
@@ -94,7 +94,7 @@ public:
         std::string group;
         std::string what;
         ValueRef value;
-        std::vector<ValueRef> floor;  // at most one; none: the value itself is judged
+        std::vector<ValueRef> floor;  // at most one; if none, the value itself is judged
         Bounds bounds;
     };
 
@@ -107,7 +107,7 @@ public:
     // `full`, or a tenth of it (at least 1) in a quick run.
     std::uint64_t scaled(std::uint64_t full) const;
 
-    // What is declared from here on is interleaved with each other and not with other groups.
+    // Starts a group: its measurements are interleaved with each other, not with other groups.
     void group(std::string name) { m_group = std::move(name); }
 
     Measurement measure(std::string name, std::function<void(Sample&)> run);
@@ -116,7 +116,7 @@ public:
     // "allocations" and "allocated" (bytes) per call.
     Measurement timed(std::string name, std::function<void()> body);
 
-    // Something that the reader of the report should know, such as what could not be measured here.
+    // A note for the reader of the report, such as what could not be measured here.
     void note(std::string text) { m_notes.push_back(std::move(text)); }
 
     void goal(std::string what, ValueRef value, ValueRef floor, Bounds bounds);
@@ -148,7 +148,7 @@ struct SuiteRegistrar {
     SuiteRegistrar(const char* name, const char* description, void (*declare)(Suite&));
 };
 
-// Keeps the compiler from dropping the computation of `value`.
+// Keeps the compiler from removing the computation of `value`.
 template <class T>
 inline void doNotOptimize(const T& value) {
     asm volatile("" : : "r,m"(value) : "memory");

@@ -1,4 +1,4 @@
-// One hop between two processes, ours beside the simplest things that do the same.
+// One hop between two processes: ours beside the simplest alternatives.
 #include <array>
 #include <map>
 #include <string>
@@ -80,7 +80,7 @@ void declareGoals(bench::Suite& suite, const SizeRow& row, const Measurements& a
         suite.goal("cpu per message", ours["cpu"], mailbox["cpu"], atMost(1.6, 1.4));
 }
 
-// The price of a slot that is much larger than the message.
+// The cost of a slot that is much larger than the message.
 void declareLargeSlot(bench::Suite& suite, const SizeRow& row, const Measurement& ours) {
     const bench::HopRun run{kOurs, row.size, kLargeSlot, suite.scaled(row.rounds),
                             suite.scaled(row.streamed)};

@@ -32,7 +32,7 @@ HopPair openPair(const std::string& kindName, const std::string& name, std::size
             kind->open({name + ".back", capacity, !measures, measures})};
 }
 
-// Both processes, joined by a hop in each direction.
+// Both processes, connected by a hop in each direction.
 class HopSession {
 public:
     HopSession(const HopRun& run, const std::string& task, std::size_t count)
@@ -67,8 +67,8 @@ private:
     PeerProcess m_peer;
 };
 
-// A program that gets a message looks at it: what lies in another processor's cache comes over only
-// then.
+// A receiving program reads the message: only then does data in another processor's cache move
+// over.
 void look(const std::string& message) {
     std::uint64_t sum = 0;
     std::uint64_t word = 0;

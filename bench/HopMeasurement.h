@@ -1,4 +1,4 @@
-// What is measured of a hop between two processes, the same for every kind.
+// The measurements of a hop between two processes, the same for every kind.
 #pragma once
 
 #include <cstddef>
@@ -24,7 +24,7 @@ void measureHop(const HopRun& run, Sample& sample);
 // sends took 100 ms or more.
 void measureIsolatedSends(const HopRun& run, std::size_t count, Sample& sample);
 
-// Two ends that have nothing to say for `seconds`. Metric: "cpu" of both, in % of a core.
+// Two idle ends for `seconds`. Metric: "cpu" of both, in % of a core.
 void measureIdle(const HopRun& run, double seconds, Sample& sample);
 
 }  // namespace bench

@@ -28,7 +28,7 @@ public:
     void add(std::uint64_t nanoseconds) { m_nanoseconds.push_back(nanoseconds); }
     std::size_t count() const { return m_nanoseconds.size(); }
 
-    // The duration that `share` (0 to 1) of all are not above, in ns; 0 when there are none.
+    // The duration that `share` (0 to 1) of all do not exceed, in ns; 0 if there are none.
     double percentile(double share) {
         if (m_nanoseconds.empty()) return 0;
         const double position = share * static_cast<double>(m_nanoseconds.size() - 1);

@@ -18,7 +18,7 @@ using testsupport::TempDir;
 
 std::atomic<int> g_floorThreshold = 5;
 
-// The log goes to a file for the time of a measurement, and nowhere before and after.
+// The log goes to a file during a measurement, and nowhere before and after.
 class FileLog {
 public:
     FileLog() { VirtualChannelLogger_init(m_folder / "bench.log"); }
@@ -38,7 +38,7 @@ void timeEach(bench::Sample& sample, std::uint64_t count, Body body) {
     sample.set("time", taken / static_cast<double>(count), "ns");
 }
 
-// The same line by the means of the C library: time, text and a buffered file.
+// The same line with only the C library: time, text and a buffered file.
 void plainLine(FILE* file, std::uint64_t number) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);

@@ -69,7 +69,7 @@ void listSuites(const bench::Options& options) {
     }
 }
 
-// Everything of a run that reaches the user.
+// All output of a run for the user.
 class Run {
 public:
     explicit Run(const CommandLine& line) : m_line(line) {}
@@ -90,7 +90,7 @@ public:
         return closeFiles() ? verdict() : 2;
     }
 
-    // What has been measured so far, from another thread before the process ends.
+    // Reports what has been measured so far, from another thread before the process ends.
     void stop() {
         if (const bench::SuiteReport* partial = m_running.stop()) {
             show(*partial);

@@ -16,7 +16,7 @@ const std::string kStreamName = "Generic";
 constexpr unsigned int kStreamType = 1;
 constexpr unsigned int kStreamSize = 65536;
 
-// What a receiver makes of a message: the data is its own, for the stream's queue.
+// A received message's values; the data is owned, for the stream's queue.
 struct Received {
     std::string name;
     unsigned int type = 0;
@@ -43,7 +43,7 @@ Received decode(const VCMessage& message) {
     return received;
 }
 
-// As the agent does it: sent and read from where the bytes lie.
+// As the agent does it: sent and read in place.
 void throughMessage(const std::string& data) {
     VCMessage sent;
     encode(sent, data);
@@ -53,7 +53,7 @@ void throughMessage(const std::string& data) {
     bench::doNotOptimize(decode(received).data.data());
 }
 
-// With a byte array of its own at each end.
+// With a separate byte array at each end.
 void throughArrays(const std::string& data) {
     VCMessage sent;
     encode(sent, data);

@@ -1,7 +1,7 @@
 // Named mutex and condition beside what the system offers.
 //
-// In the ping-pong the two processes are bound to a processor each: on a busy machine the scheduler
-// may put both on one, where a wake-up is a mere switch and spinning cannot pay, and the rows of
+// In the ping-pong each process is bound to its own processor. On a busy machine the scheduler
+// may put both on one, where a wake-up is a mere switch and spinning is useless, and the rows of
 // one run would not be comparable.
 #include <linux/futex.h>
 #include <pthread.h>
@@ -33,7 +33,7 @@ using VDIFrameworkCommon::NamedMutex;
 
 constexpr unsigned kPatienceMs = 10000;
 
-// Not possible where the process may not use that processor: then the rows only compare less well.
+// Fails if the process may not use that processor: then the rows are only less comparable.
 void bindToProcessor(unsigned number) {
     cpu_set_t one;
     CPU_ZERO(&one);
@@ -56,12 +56,12 @@ private:
     cpu_set_t m_before{};
 };
 
-// One direction of a ping-pong: a count of what was sent, and the waiting for it.
+// One direction of a ping-pong: a count of the messages sent, and the wait for it.
 class Signal {
 public:
     virtual ~Signal() = default;
     virtual void send() = 0;
-    // False after kPatienceMs.
+    // False after a time-out of kPatienceMs.
     virtual bool await() = 0;
 };
 
@@ -96,7 +96,7 @@ private:
     std::uint32_t m_seen = 0;
 };
 
-// Used as a segment does: the mutex around each step, the notification after it.
+// Used like in a segment: the mutex around each step, the notification after it.
 class ConditionSignal : public Signal {
 public:
     ConditionSignal(const std::string& name, std::atomic<std::uint32_t>& word) : m_word(word) {

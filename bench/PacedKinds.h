@@ -1,4 +1,4 @@
-// The kinds of channel that pause, and what their pauses let through.
+// The kinds of channel that pause, and the throughput that their pauses allow.
 #pragma once
 
 #include <array>
@@ -25,7 +25,7 @@ inline constexpr std::array<PacedKind, 3> kPacedKinds{{
     pacedKind(NorvoVirtualChannel::kVMware, 0.010),
 }};
 
-// Stream messages of `size` bytes in a second at most; the last packet of each may be short.
+// The most stream messages of `size` bytes per second; the last packet of each may be short.
 double mostMessagesPerSecond(const PacedKind& kind, std::size_t size);
 
 }  // namespace bench

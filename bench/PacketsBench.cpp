@@ -1,5 +1,5 @@
-// Cutting messages into packets and joining them again, as two channels do with a transport between
-// them that hands packets on one by one.
+// Splitting messages into packets and joining them again, as two channels do with a transport
+// between them that delivers packets one by one.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -28,7 +28,7 @@ struct Receiver : PacketizationObserver {
     std::size_t bytes = 0;
 };
 
-// Packets come off a channel last one first; a transport may also turn them round.
+// A channel sends the last packet first; a transport may also reverse the order.
 enum class Order { AsCut, Reversed };
 
 class Ours {
@@ -66,8 +66,8 @@ private:
     std::deque<Packet*> m_cut;
 };
 
-// The plain way, for the same use: any thread may cut and any may join, and each end keeps a packet
-// in a vector of its own.
+// The plain way, for the same use: any thread may cut and any may join, and each end keeps each
+// packet in its own vector.
 class VectorPerPacket {
 public:
     explicit VectorPerPacket(std::uint32_t packetSize)
@@ -171,7 +171,7 @@ void declare(bench::Suite& suite, const Case& one, Order order) {
                judged ? bench::atMost(1.3, 1.1) : bench::reported());
 }
 
-// Only the order that a channel sends in is judged.
+// Only the order in which a channel sends is judged.
 bench::Bounds boundsOf(std::size_t length, int packetSize, Order order) {
     if (order == Order::Reversed) return bench::reported();
     if (length == 1 << 10 && packetSize == 1000) return bench::atMost(0.65, 0.42);

@@ -1,5 +1,5 @@
-// The whole path between two local processes, ours beside the same hops from the simplest parts and
-// beside relays that someone might use instead.
+// The whole path between two local processes: ours beside the same hops built from the simplest
+// parts and beside relays that someone might use instead.
 #include <array>
 #include <map>
 #include <optional>
@@ -33,7 +33,7 @@ struct Limits {
 struct SizeRow {
     const char* label;
     std::size_t size;
-    std::size_t window;  // messages under way; more than 1001 in a queue would be dropped
+    std::size_t window;  // messages in flight; more than 1001 in a queue would be dropped
     Limits zeroMqRate;
     Limits socatP50;
 };
@@ -45,7 +45,7 @@ constexpr std::array<SizeRow, 4> kSizes{{
     {"64 KiB", 64 * 1024, 32, {2.2, 2.5}, {0.6, 0.5}},
 }};
 
-// Beside the simplest parts only: others would take long.
+// Compared only with the simplest parts: others would take too long.
 struct LargeRow {
     const char* label;
     std::size_t size;
@@ -81,7 +81,7 @@ Measurement declareBursts(bench::Suite& suite, const PathRun& run, std::size_t w
     });
 }
 
-// Of those that can run here.
+// The measurements of the kinds that can run here.
 using Measurements = std::map<std::string, Measurement>;
 
 template <class Declare>

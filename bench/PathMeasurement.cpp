@@ -19,12 +19,12 @@ namespace bench {
 namespace {
 
 constexpr std::size_t kExpectedRounds = 200000;
-// A sender that streams gets an answer for every part of its window.
+// A streaming sender gets an answer for each of this many parts of its window.
 constexpr std::size_t kAnswersUnderWay = 4;
 
 struct NearTask {
     std::string name;
-    std::size_t answerEvery;  // how many messages the far end takes before it answers
+    std::size_t answerEvery;  // messages that the far end takes per answer
     double seconds;
 };
 
@@ -48,8 +48,8 @@ double sleepsOf(pid_t process) {
     return sum;
 }
 
-// A path with a process at each end. The near one does its task on start(), and prints what it
-// found.
+// A path with a process at each end. The near one does its task on start(), and prints its
+// results.
 class PathSession {
 public:
     PathSession(const PathRun& run, const NearTask& task)
@@ -58,7 +58,7 @@ public:
           m_near(startEnd(PathEnd::Near, run, task)) {
         waitUntilReady(m_near);
     }
-    // The far end first: it complains when the near one is gone.
+    // Ends the far end first: it would complain about the loss of the near one.
     ~PathSession() { m_far.kill(); }
     PathSession(const PathSession&) = delete;
     PathSession& operator=(const PathSession&) = delete;
@@ -72,7 +72,7 @@ public:
         if (numbers.empty()) throw std::runtime_error("the near end failed");
         return numbers;
     }
-    // How often the threads of the relays have gone to sleep so far.
+    // How often the relays' threads have gone to sleep so far.
     double relaysSleeps() const {
         double sum = 0;
         for (const pid_t process : m_relays->processes()) sum += sleepsOf(process);
@@ -102,7 +102,7 @@ private:
     PeerProcess m_near;
 };
 
-// An end in its own process.
+// An end, in its own process.
 struct OwnEnd {
     OwnEnd(PathEnd end, const std::vector<std::string>& args)
         : run{args.at(0), "", std::stoul(args.at(2)), std::stoul(args.at(3))},
@@ -155,8 +155,8 @@ void pingPong(OwnEnd& end, double seconds) {
     print({roundTrips.percentile(0.5), roundTrips.percentile(0.99), rounds});
 }
 
-// Timed from one answer to another, so that neither the first filling of the way nor its last
-// emptying counts.
+// Timed from one answer to another, so that neither the initial filling of the path nor its final
+// draining counts.
 void stream(OwnEnd& end, double seconds) {
     const std::size_t window = kAnswersUnderWay * end.answerEvery;
     std::size_t sent = 0;
@@ -180,7 +180,7 @@ void stream(OwnEnd& end, double seconds) {
            static_cast<double>(answered)});
 }
 
-// Each from the first message to the last answer.
+// Times each burst from its first message to its last answer.
 void burst(OwnEnd& end, double seconds) {
     constexpr std::uint64_t kBurst = 50'000'000;
     constexpr auto kRest = std::chrono::milliseconds(100);
@@ -270,7 +270,7 @@ BENCH_ROLE(path_near) {
     }
 }
 
-// Runs until it is ended.
+// Runs until killed.
 BENCH_ROLE(path_far) {
     try {
         OwnEnd end(PathEnd::Far, args);

@@ -3,8 +3,7 @@
 //     BENCH_ROLE(echo) { ...; return 0; }      // runs in the peer; `args` has the strings given
 //     bench::PeerProcess peer("echo", {"64"}); // ended and reaped when it leaves scope
 //
-// Lines serve as the agreed start and end (say() and hear() in the peer); they are not for what is
-// measured.
+// Lines signal start and end (say() and hear() in the peer); they are not part of the measurement.
 // A peer inherits the session namespace and dies with the program.
 #pragma once
 
@@ -19,7 +18,7 @@ using PeerProcess = testsupport::ChildProcess;
 using testsupport::hear;
 using testsupport::say;
 
-// Waits for a peer that says "ready" when it is. Throws std::runtime_error when it does not.
+// Waits until the peer says "ready". Throws std::runtime_error if it does not.
 inline void waitUntilReady(PeerProcess& peer) {
     if (peer.readLine(std::chrono::seconds(30)) != "ready")
         throw std::runtime_error("the peer did not start");

@@ -21,7 +21,7 @@ struct Peer {
     const char* measurement = nullptr;
 };
 
-// Up to three; the others are empty.
+// Up to three peers; the rest are empty.
 using Peers = std::array<Peer, 3>;
 
 struct Figure {
@@ -152,7 +152,7 @@ std::string shown(const Series* series) {
     return text + (unit.empty() ? "" : ' ' + unit);
 }
 
-// Of the medians, with the lowest and highest of the repetitions.
+// The ratio of the medians, with the lowest and highest of the repetitions.
 std::string ratio(const Series* ours, const Series* peer) {
     if (!ours || !peer || peer->median() == 0) return "–";
     double lowest = ours->median() / peer->median();

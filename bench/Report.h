@@ -1,4 +1,4 @@
-// What is printed and what is written for other programs.
+// Reports for the user and for other programs.
 #pragma once
 
 #include <iosfwd>

@@ -65,7 +65,7 @@ const Series* findSeries(const OutcomeTable& table, const ValueRef& ref) {
     return outcome && outcome->failure.empty() ? outcome->find(ref.metric) : nullptr;
 }
 
-// Repetitions are interleaved, so that those of one number belong together.
+// Repetitions are interleaved, so those with the same index belong together.
 void compare(Judgement& result, const Series& value, const Series* floor) {
     result.lowest = std::numeric_limits<double>::max();
     for (std::size_t i = 0; i < value.values.size(); ++i) {
@@ -234,7 +234,7 @@ const SuiteReport* RunReports::stop() {
         return outcome.series.empty() && outcome.failure.empty();
     };
     if (std::all_of(outcomes.begin(), outcomes.end(), isMissing)) return nullptr;
-    // What has not come to its turn is left out.
+    // Measurements that have not had their turn are left out.
     for (Outcome*& outcome : m_running->table) {
         if (outcome && outcome->series.empty()) outcome = nullptr;
     }

@@ -1,4 +1,4 @@
-// Runs suites and gathers what they found.
+// Runs suites and gathers their results.
 #pragma once
 
 #include <functional>
@@ -16,7 +16,7 @@ namespace bench {
 struct Options {
     unsigned repeat = 5;
     Settings settings;
-    bool progress = false;             // a moving line on standard error
+    bool progress = false;             // show a progress line on standard error
     std::optional<std::regex> filter;  // searched in "suite/group/measurement"
 };
 
@@ -34,7 +34,7 @@ struct Outcome {
     std::string group;
     std::string name;
     std::vector<Series> series;
-    std::string failure;  // empty when every repetition went through
+    std::string failure;  // empty when every repetition succeeded
     const Series* find(const std::string& metric) const;
 };
 
@@ -63,17 +63,17 @@ struct SuiteReport {
     bool missed() const;  // a "must" was missed
 };
 
-// Where the reports of a run are gathered while it goes on.
+// Gathers the reports of a run while it is in progress.
 class RunReports {
 public:
     explicit RunReports(std::vector<SuiteReport>& finished) : m_finished(finished) {}
 
     // Runs the suite without what the filter excludes; goals that lack a measurement are left out.
-    // Nothing is added when nothing is left. `show` is called with a report that is complete.
+    // Adds nothing if nothing is left. `show` is called with the complete report.
     void run(const SuiteEntry& entry, const Options& options,
              const std::function<void(const SuiteReport&)>& show);
-    // From another thread, before the process ends: what has been measured of the suite under way,
-    // if anything. No further sample is taken.
+    // From another thread, before the process ends: the results so far of the running suite,
+    // if any. No further sample is taken.
     const SuiteReport* stop();
 
 private:
@@ -82,7 +82,7 @@ private:
     void take(const Suite::MeasurementSpec& spec, Outcome& outcome);
 
     std::vector<SuiteReport>& m_finished;
-    std::mutex m_mutex;  // held while something is added to a report, and for ever after stop()
+    std::mutex m_mutex;  // held while a report is added to, and forever after stop()
     Running* m_running = nullptr;
 };
 

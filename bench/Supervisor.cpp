@@ -20,7 +20,7 @@ namespace bench {
 
 namespace {
 
-constexpr char kRunVariable[] = "NORVO_BENCH_RUN";  // the process ID of the one that does the run
+constexpr char kRunVariable[] = "NORVO_BENCH_RUN";  // the ID of the process that does the run
 
 void clearUp() {
     static const std::regex owned("nvb([0-9]+)[-.]");
@@ -41,7 +41,7 @@ void clearUp() {
     for (const auto& path : left) std::filesystem::remove_all(path, ignored);
 }
 
-// The child's own processes become ours when it has ended.
+// The child's own children become ours when it has ended.
 void endAllChildren() {
     const std::string list = "/proc/self/task/" + std::to_string(getpid()) + "/children";
     do {
@@ -54,13 +54,13 @@ int resultOf(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// A parent that ends before the order is given gives none.
+// False if the parent had already ended: then no signal will come.
 bool endWith(pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     return getppid() == parent;
 }
 
-// Passes a signal on. A second one, or a child that does not end, ends the wait.
+// Passes a signal on. A second signal, or a child that does not end, ends the wait.
 int stop(pid_t child, int number, const sigset_t& signals) {
     constexpr timespec kPatience{5, 0};
     kill(child, number);
@@ -81,7 +81,7 @@ int waitFor(pid_t child, const sigset_t& signals) {
     }
 }
 
-// In the child, whose signals are blocked on every thread.
+// Runs in the child, whose signals are blocked on every thread.
 void watchSignals(const std::function<void()>& stopped) {
     std::thread([stopped] {
         sigset_t signals;
@@ -108,7 +108,7 @@ int superviseRun(const std::function<int()>& run, const std::function<void()>& s
     if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (child == 0) {
         if (!endWith(self)) _exit(1);
-        setpgid(0, 0);  // the terminal's signals reach what is measured by way of the parent only
+        setpgid(0, 0);  // the terminal's signals reach the measured processes only via the parent
         watchSignals(stopped);
         setenv(kRunVariable, std::to_string(getpid()).c_str(), 1);
         std::exit(run());

@@ -1,5 +1,5 @@
 # cmake -DROOT=<tree> -DRULES=<file> -P CheckLayers.cmake: fails when a file includes a header of a layer that the
-# rules do not let it use. They are lines of layer(<name> <folder> <lower layer>...), lower layers first, and come from
+# rules forbid. Rules are lines of layer(<name> <folder> <lower layer>...), lower layers first, from
 # the layers' own CMakeLists.txt (NorvoLayer.cmake).
 cmake_minimum_required(VERSION 3.25)
 
@@ -19,7 +19,7 @@ function(layer name folder)
 endfunction()
 include(${RULES})
 
-# The one whose folder lies deepest.
+# The layer with the deepest folder.
 function(layer_of file result)
     set(found "")
     set(depth 0)
@@ -34,7 +34,7 @@ function(layer_of file result)
     set(${result} "${found}" PARENT_SCOPE)
 endfunction()
 
-# The tree's header that `file` means by `name`: beside it, or anywhere else in the tree.
+# The header in the tree that `file` refers to by `name`: beside it, or anywhere else.
 function(find_header file name result)
     get_filename_component(folder "${file}" DIRECTORY)
     if("${folder}/${name}" IN_LIST headers)

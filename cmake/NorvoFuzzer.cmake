@@ -1,7 +1,7 @@
 # norvo_fuzzer(<name> SOURCES <file>... USES <layer>...)
 #
-# A libFuzzer program fuzz_<name>. Inputs to start from, if any, are the files of corpus/<name>
-# beside the calling file. The target norvo_fuzzers builds them all.
+# A libFuzzer program fuzz_<name>. Seed inputs, if any, are the files of corpus/<name>
+# beside the calling file. The target norvo_fuzzers builds all fuzzers.
 add_custom_target(norvo_fuzzers)
 function(norvo_fuzzer name)
     cmake_parse_arguments(FUZZER "" "" "SOURCES;USES" ${ARGN})

@@ -1,5 +1,5 @@
-# GTest::gmock: the system's library, or one built from its sources when compiling for another
-# system, for which no library is packaged.
+# GTest::gmock: the system's library, or built from source when cross-compiling, where no library
+# is packaged.
 if(CMAKE_CROSSCOMPILING)
     set(NORVO_GOOGLETEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest's source tree")
     set(INSTALL_GTEST OFF)
@@ -13,7 +13,7 @@ endif()
 include(GoogleTest)
 
 # norvo_discover_tests(<target> [ALONE <suite>...]): registers each test of the program with ctest, where
-# it can run; those of the suites named run while no other test does.
+# it can run; those of the ALONE suites run while no other test does.
 function(norvo_discover_tests target)
     if(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
         return()

@@ -1,13 +1,13 @@
-# What `cmake --install` puts where. Components: runtime (what programs need to run) and development
-# (what it takes to build against them).
+# What `cmake --install` installs. Components: runtime (what programs need to run) and development
+# (what builds against them need).
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
 # norvo_install_package(<name> DESCRIPTION <text> TARGETS <library>... HEADERS <file>...
 #                       [PRIVATE_LIBS <flags>])
 #
-# Installs libraries and headers so that both find_package(<name>) and pkg-config's <name> find them,
-# wherever the installed tree is moved to. PRIVATE_LIBS is what a static library needs besides.
+# Installs libraries and headers so that find_package(<name>) and pkg-config find them,
+# wherever the installed tree is moved. PRIVATE_LIBS: further libraries for static linking.
 function(norvo_install_package name)
     cmake_parse_arguments(PACKAGE "" "DESCRIPTION;PRIVATE_LIBS" "TARGETS;HEADERS" ${ARGN})
     set(folder ${CMAKE_INSTALL_LIBDIR}/cmake/${name})
@@ -33,7 +33,7 @@ function(norvo_install_package name)
     install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${pkgconfig} COMPONENT development)
 endfunction()
 
-# For hosts that link the plug-in instead of loading it, and for the header alone.
+# For hosts that link the plug-in instead of loading it, or need only the header.
 norvo_install_package(NorvoCrewsVirtualChannel
     DESCRIPTION "Virtual-channel plug-in for remote-desktop clients"
     TARGETS NorvoCrewsVirtualChannel
@@ -63,7 +63,7 @@ if(TARGET vcctl)
         COMPONENT runtime)
 endif()
 
-# CMake strips programs and shared libraries only.
+# CMake strips only programs and shared libraries.
 install(CODE "
     if(CMAKE_INSTALL_DO_STRIP)
         execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-debug

@@ -1,8 +1,8 @@
 # norvo_layer(<target> [FOLDERS <folder>...] [SOURCES <file>...] [USES <lower layer>...])
 #
-# One static library per layer, or an interface for one of headers alone. A layer's folder, or each of FOLDERS in
-# it, is an include directory, and the layer sees only its own and those of the layers it names in USES.
-# Each source knows its own path from the top of the tree, without its suffix, for its log lines (NORVO_SOURCE, Log.h).
+# One static library per layer, or an interface library for a header-only layer. A layer's folder, or each of FOLDERS
+# in it, is an include directory, and the layer sees only its own and those of the layers it names in USES.
+# Each source gets its path from the top of the tree, without suffix, for its log lines (NORVO_SOURCE, Log.h).
 function(norvo_layer target)
     cmake_parse_arguments(LAYER "" "" "FOLDERS;SOURCES;USES" ${ARGN})
     if(NOT LAYER_FOLDERS)
@@ -26,9 +26,9 @@ function(norvo_layer target)
     norvo_layer_rule(${target} USES ${LAYER_USES})
 endfunction()
 
-# norvo_layer_rule(<layer> [FILE <header>] [USES <lower layer>...]): what lies in the current folder, and in no other
-# layer's folder below it (or that one header), may include only its own headers, those of the layers in USES, and of what these use in turn. A test
-# enforces it (CheckLayers.cmake), also where the compiler would find more than it should.
+# norvo_layer_rule(<layer> [FILE <header>] [USES <lower layer>...]): files in the current folder, except in other
+# layers' folders below it (or only FILE), may include only their own headers and those of the layers in USES and of
+# the layers these use in turn. A test enforces it (CheckLayers.cmake), even where the compiler would find more.
 function(norvo_layer_rule layer)
     cmake_parse_arguments(RULE "" "FILE" "USES" ${ARGN})
     file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})

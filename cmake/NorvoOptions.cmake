@@ -8,7 +8,7 @@ else()
     set(NORVO_PLATFORM linux)
 endif()
 
-# For MACHO_CURRENT_VERSION: the parts of a Mach-O version after the first end at 255.
+# For MACHO_CURRENT_VERSION: in a Mach-O version, only the first part may exceed 255.
 set(NORVO_MACHO_VERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
 
 add_library(norvo_options INTERFACE)
@@ -17,7 +17,7 @@ target_compile_options(norvo_options INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-Wconversion>
     $<$<COMPILE_LANG_AND_ID:CXX,Clang,AppleClang>:-Wthread-safety>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-    # g++ 12 finds overlaps inside std::string at -O3 that are not there (its bug 105651).
+    # g++ 12 falsely reports overlaps inside std::string at -O3 (its bug 105651).
     target_compile_options(norvo_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
 endif()
 target_link_libraries(norvo_options INTERFACE Threads::Threads)
@@ -29,10 +29,10 @@ set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 # Every object of the tree must agree on the sanitizers, GoogleTest built from source included.
 set(NORVO_SANITIZE "" CACHE STRING "Sanitizers, joined by commas: address,undefined or thread")
 if(NORVO_SANITIZE)
-    # g++ 12 inlines differently around the instrumentation and then reports, falsely, mismatched
-    # operator new and delete and accesses out of bounds. Warnings are errors in every other build.
+    # g++ 12 inlines differently around the instrumentation and then falsely reports mismatched
+    # operator new and delete and out-of-bounds accesses. Warnings are errors in every other build.
     target_compile_options(norvo_options INTERFACE -Wno-error)
-    # -g1: a report needs lines, and no types.
+    # -g1: a report needs line numbers but no types.
     add_compile_options(-O1 -g1 -fsanitize=${NORVO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${NORVO_SANITIZE})
 endif()

@@ -1,5 +1,5 @@
 # `cpack` in the build tree: Debian packages of everything that `cmake --install` installs. One has the
-# library and the tool; one for each end of an RDP session brings what the library itself does not need.
+# library and the tool; one for each end of an RDP session has what the library itself does not need.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME norvo-virtual-channel)
 set(CPACK_PACKAGE_VENDOR "norvo")

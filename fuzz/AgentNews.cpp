@@ -1,5 +1,5 @@
-// The agent's news as a local process hears them, whoever wrote them. The input is a run of
-// records: a byte that says what happens, a length byte, and so many bytes of text.
+// The agent's news as a local process receives it, whoever wrote it. The input is a sequence of
+// records: a byte for the action, a length byte, and that many bytes of text.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -28,7 +28,7 @@ struct Client {
         if (view.isUp("Media") && !view.isConnected()) abort();
     }
 
-    // Bounded: each request is due once, then again only after a time.
+    // Bounded: each request is due once, and again only after an interval.
     void askWhatIsDue(bool taken) {
         for (int i = 0; i < 100; ++i) {
             const auto due = view.due(now);
@@ -38,7 +38,7 @@ struct Client {
         abort();
     }
 
-    // A change is told, and only a change.
+    // Changes are reported, and only changes.
     void note(std::optional<bool> change) {
         if (change && *change == connected) abort();
         if (change) connected = *change;

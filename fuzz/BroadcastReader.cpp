@@ -1,5 +1,5 @@
-// The header of a broadcast segment, as any process of the user may write it while a reader is at
-// it. The input is a run of records: which word changes (or how the reader looks), and the value.
+// The header of a broadcast segment, as any process of the user may change it during a read.
+// The input is a sequence of records: which word changes (or how the reader polls), and the value.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -22,7 +22,7 @@ namespace {
 constexpr unsigned int kCapacity = 64;
 constexpr char kName[] = "fuzz";
 
-// One segment for all inputs, so that what one leaves behind is part of the next.
+// One segment for all inputs, so that the state after one input carries over to the next.
 shared_memory::SharedMemoryHeader& header() {
     static shared_memory::SharedMemoryHeader* const mapped = [] {
         const std::string object = std::to_string(geteuid()) + "CWVDI_" + kName;

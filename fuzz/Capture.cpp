@@ -1,4 +1,4 @@
-// A capture file that is decoded. What is read from it is written as a capture again, which must
+// Decodes a capture file. What is read from it is written to a new capture, which must
 // hold the same packets.
 #include "Capture.h"
 

@@ -1,6 +1,6 @@
-// Frames of a connection that come from the far end. The input is a run of records: a byte that
-// says what happens, a length byte, and so many bytes. An honest partner is there as well, so that
-// lies meet every state.
+// Frames of a connection from the peer. The input is a sequence of records: a byte for the action,
+// a length byte, and that many bytes. An honest partner runs as well, so that forged frames meet
+// every state.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -55,7 +55,7 @@ private:
         return small;
     }
 
-    // A frame of the right epochs whose other fields are made up.
+    // A frame with the right epochs whose other fields are forged.
     static std::string lie(int to, const uint8_t* data, size_t size) {
         std::array<std::uint8_t, 8> field{};
         std::memcpy(field.data(), data, std::min(size, field.size()));
@@ -88,7 +88,7 @@ private:
             if (!frame) return;
             m_ends[static_cast<size_t>(1 - from)].hear(*frame, m_now);
         }
-        abort();  // it never comes to rest
+        abort();  // it never becomes idle
     }
 
     ConnectionMachine::Time m_now{};

@@ -1,4 +1,4 @@
-// Requests of local processes. The input is a run of texts, each behind its length in one byte.
+// Requests of local processes. The input is a sequence of texts, each after a length byte.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -16,7 +16,7 @@ using testsupport::FakeMachine;
 
 namespace {
 
-// That one makes directories wherever the text says.
+// SetLogPath would create directories wherever the text says.
 bool isSetLogPath(const std::string& text) {
     return VDIFrameworkCommon::MessageParser(text).parseMsg().front() == "SetLogPath";
 }

@@ -1,5 +1,6 @@
-// The chunks of a segment, as whoever maps it may write them. The input is a run of records: the
-// four words of a chunk's header in one byte each (0xff: a huge one), and the data area's length.
+// The chunks of a segment, as any process that maps it may write them. The input is a sequence of
+// records: the four words of a chunk's header in one byte each (0xff: a huge value), and the data
+// area's length.
 #include "MessageAssembler.h"
 
 #include <cstdint>
@@ -18,11 +19,11 @@ std::uint32_t wordOf(uint8_t byte) { return byte == 0xff ? 0xfffffff0U : byte; }
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    // Of its own, so that reading past its end is seen.
+    // A separate allocation, so that reading past its end is detected.
     std::vector<char> area(kCapacity);
     MessageAssembler assembler;
     std::size_t taken = 0;
-    std::size_t announced = 0;  // by the first chunk; the others' word for it does not count
+    std::size_t announced = 0;  // by the first chunk; the others' length does not count
     for (; size >= 5; data += 5, size -= 5) {
         const shared_memory::ChunkHeader chunk{wordOf(data[0]), wordOf(data[1]), wordOf(data[2]),
                                                wordOf(data[3])};

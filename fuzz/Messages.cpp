@@ -1,4 +1,4 @@
-// An agent message as the far side may send it.
+// An agent message as the peer may send it.
 #include <algorithm>
 #include <cstdlib>
 #include <string>
@@ -15,7 +15,7 @@ std::string serialised(const VCMessage& message) {
     return bytes;
 }
 
-// Everything a receiver may ask of a message, also of one that did not parse.
+// Everything a receiver may read from a message, even from one that did not parse.
 std::string readAll(const VCMessage& message) {
     std::string all = message.getStreamName() + message.getSupportedStreams() +
                       message.getChannelVersion() + message.getInternalVersion() +
@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string values = readAll(copied);
     if (readAll(inPlace) != values || serialised(inPlace) != serialised(copied)) abort();
 
-    // What was understood can be said again, and is understood in the same way.
+    // A parsed message survives serialising and parsing again unchanged.
     const std::string again = serialised(copied);
     VCMessage repeated;
     if (!repeated.parseFromArray(again.data(), static_cast<unsigned int>(again.size()))) abort();

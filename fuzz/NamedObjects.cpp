@@ -1,5 +1,5 @@
 // The words of a named mutex and a named condition, as any process of the user may write them. The
-// input is a run of records: which word changes (or what is called), and the value.
+// input is a sequence of records: which word changes (or what is called), and the value.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -72,7 +72,7 @@ void change(Objects& objects, uint8_t what, std::uint64_t value) {
 void use(Objects& objects) {
     constexpr auto kPatience = std::chrono::milliseconds(1);
     if (!objects.mutex.lockFor(kPatience)) {
-        // Held by what may be a living process of another kind of system: nobody takes that away.
+        // The owner may be a living process in other namespaces, whose lock is not taken over.
         objects.mutexWords.owner = 0;
         if (!objects.mutex.lockFor(kPatience)) abort();
     }

@@ -1,4 +1,4 @@
-// The bytes of a channel that keeps no packet boundaries. The first byte says how they are cut.
+// The bytes of a channel without packet boundaries. The first byte says how they are split.
 #include "PacketSplitter.h"
 
 #include <algorithm>

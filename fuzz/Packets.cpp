@@ -1,5 +1,6 @@
-// Packets as a host hands them on. The input is a byte that says whether they meet what earlier
-// inputs left, then a run of records, each a length byte (times 4) and so many bytes of one packet.
+// Packets as a host passes them in. The input is a byte that says whether to keep the state of
+// earlier inputs, then a sequence of records, each a length byte (times 4) and that many bytes of
+// one packet.
 #include "Packets.h"
 
 #include <algorithm>
@@ -13,7 +14,7 @@ using NorvoVirtualChannel::PacketizationObserver;
 
 namespace {
 
-// A message that announces more makes the run slow, and no difference.
+// Larger announced messages only make the run slower.
 constexpr std::uint32_t kLargestMessage = 1 << 20;
 
 struct Receiver : PacketizationObserver {
@@ -52,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     --size;
     while (size > 0) {
         const auto length = static_cast<unsigned int>(std::min<size_t>(4u * data[0], size - 1));
-        // Of its own, so that reading past its end is seen.
+        // A separate allocation, so that reading past its end is detected.
         const std::vector<uint8_t> raw(data + 1, data + 1 + length);
         const Packet packet = Packet::Borrow(raw.data(), length);
         if (packet.isPacketValid()) {

@@ -1,4 +1,4 @@
-// The description of an application bundle, as whoever made the bundle may write it. The first byte
+// The property list of an application bundle, with arbitrary contents. The first byte
 // is the length of the key.
 #include "PropertyList.h"
 
@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::size_t length = std::min<std::size_t>(data[0], text.size());
     const auto key = text.substr(0, length);
     const auto xml = text.substr(length);
-    // An entity is never shorter than the character that it stands for.
+    // An entity is never shorter than the character it represents.
     if (VDIFrameworkCommon::propertyListString(xml, key).size() > xml.size()) abort();
     VDIFrameworkCommon::propertyListString(xml, "CFBundleExecutable");
     return 0;

@@ -1,6 +1,6 @@
 // The whole receive path: packets, reassembly, agent, streams. The input is a byte that says
-// whether all that meets what earlier inputs left, then a run of records: a byte that says what
-// happens, a length byte (times 4), and so many bytes.
+// whether to keep the state of earlier inputs, then a sequence of records: a byte for the action,
+// a length byte (times 4), and that many bytes.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -21,7 +21,7 @@ using testsupport::FakeMachine;
 
 namespace {
 
-// A message that announces more makes the run slow, and no difference.
+// Larger announced messages only make the run slower.
 constexpr std::uint32_t kLargestMessage = 1 << 20;
 constexpr int kPacketSize = 100;
 
@@ -64,7 +64,7 @@ public:
     }
 
 private:
-    // A handshake is still answered.
+    // Whether a handshake is still answered.
     bool isOfUse() {
         m_machine->otherAgentIsActive = false;
         m_channel.deliver(testsupport::control(VirtualChannelAgent::CTL_DISCONNECT));
@@ -72,11 +72,11 @@ private:
         m_channel.deliver(testsupport::control(VirtualChannelAgent::CTL_CONNECT));
         return m_channel.takeSent().size() == 1;
     }
-    // As they come from the host.
+    // Bytes as they come from the host.
     void packet(const std::vector<uint8_t>& bytes) {
         enqueue(Packet::Borrow(bytes.data(), static_cast<unsigned int>(bytes.size())));
     }
-    // A whole message, so that what is in it matters more than that its packets fit.
+    // A complete message, so that its content is tested rather than its packets.
     void message(const std::vector<uint8_t>& bytes, bool reversed) {
         std::deque<Packet*> cut;
         m_packets.PacketizeData(bytes.data(), static_cast<unsigned int>(bytes.size()), cut);
@@ -98,7 +98,7 @@ private:
         m_channel.callObserver([=](auto& o) { o.OnSessionAvailabilityChange(up); });
     }
     void localProcessWrites(const std::vector<uint8_t>& bytes) {
-        if (!m_agent.IsConnected()) return;  // it would wait, and this thread is the only one
+        if (!m_agent.IsConnected()) return;  // it would wait, and there is no other thread
         if (const auto segment = m_machine->segment("Media")) {
             segment->localProcessWrites(std::string(bytes.begin(), bytes.end()));
         }
@@ -129,7 +129,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     --size;
     while (size > 1) {
         const size_t length = std::min<size_t>(4u * data[1], size - 2);
-        // Of its own, so that reading past its end is seen.
+        // A separate allocation, so that reading past its end is detected.
         farSide.take(data[0], std::vector<uint8_t>(data + 2, data + 2 + length));
         data += 2 + length;
         size -= 2 + length;

@@ -1,6 +1,6 @@
 #pragma once
 
-// Header only: whoever uses it need not link the framework.
+// Header only: users need not link the framework.
 #include "../src/VDIFrameworkCommon/process/FileDescriptor.h"
 
 namespace support {

@@ -4,7 +4,7 @@
 
 namespace support {
 
-// The path of the running program; empty when the system does not tell.
+// The path of the running program; empty if unknown.
 std::string ownPath();
 
 }  // namespace support

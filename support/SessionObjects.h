@@ -1,5 +1,5 @@
-// Removes what the processes of a session namespace left: the marks of agents that were killed, and
-// shared memory where the system lists its objects (not on macOS). Returns how much that was.
+// Removes leftovers of a session namespace's processes: the marks of killed agents, and
+// shared memory where the system lists its objects (not on macOS). Returns the number removed.
 #pragma once
 
 #include <sys/mman.h>

@@ -21,7 +21,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     return pointers;
 }
 
-// Each name once: programs do not agree on which of two counts.
+// Each name once: programs disagree on which of two duplicates counts.
 std::vector<std::string> ownEnvironmentWith(const std::vector<std::string>& changes) {
     std::map<std::string, std::string> entries;
     const auto add = [&](const std::string& entry) {

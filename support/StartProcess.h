@@ -7,10 +7,10 @@
 
 namespace support {
 
-// Starts command[0], which is looked for as a shell does, with the other words as its arguments,
-// and `input` and `output` as its standard ones. `environment` adds to ("NAME=value"), or replaces
-// in, this process's environment. The child starts with no signal blocked, and does not ignore
-// SIGPIPE. Returns 0, or why it was not started as an errno value. Any thread.
+// Starts command[0], searched for in PATH, with the other words as its arguments, and with `input`
+// and `output` as its standard input and output. `environment` ("NAME=value") is added to this
+// process's environment, or replaces entries in it. The child starts with no signal blocked, and
+// does not ignore SIGPIPE. Returns 0 or an errno value. Any thread.
 int startProcess(pid_t* pid, int input, int output, std::vector<std::string> command,
                  const std::vector<std::string>& environment = {});
 

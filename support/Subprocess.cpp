@@ -42,7 +42,7 @@ struct Pipe {
     Descriptor in;
 };
 
-// Both ends are closed by exec: a child must not keep another child's pipe open.
+// Both ends are close-on-exec: a child must not keep another child's pipe open.
 Pipe openPipe() {
     int ends[2];
     if (pipe(ends) != 0) throw std::runtime_error("pipe failed");

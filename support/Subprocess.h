@@ -1,5 +1,5 @@
-// A child process with pipes to its standard input and output, owned by the object: it ends with
-// it. It starts as startProcess() says. For tests, benchmarks and tools.
+// A child process with pipes to its standard input and output; it ends with the object. Started by
+// startProcess(). For tests, benchmarks and tools.
 #pragma once
 
 #include <sys/types.h>
@@ -18,7 +18,7 @@ public:
     // std::runtime_error.
     explicit Subprocess(const std::vector<std::string>& argv,
                         const std::vector<std::string>& environment = {});
-    // Kills the child if it still runs, and reaps it.
+    // Kills the child if it is still running, and reaps it.
     ~Subprocess();
     Subprocess(Subprocess&& other) noexcept;
     Subprocess(const Subprocess&) = delete;
@@ -26,10 +26,10 @@ public:
 
     pid_t pid() const { return m_pid; }
 
-    // One line of the child's standard output without its end; empty at the end of output or after
-    // `timeout`.
+    // One line of the child's standard output without its line end; empty at the end of the output
+    // or after `timeout`.
     std::string readLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
-    // What is left of the output, up to its end or `timeout`.
+    // The rest of the output, up to its end or `timeout`.
     std::string readAll(std::chrono::milliseconds timeout = std::chrono::seconds(60));
     // Writes `line` and a line end to the child's standard input.
     void writeLine(const std::string& line);
@@ -37,14 +37,14 @@ public:
 
     void signal(int number) const;
     void kill() const;
-    // Kills every child of this process that still runs; for a program that is about to exit.
+    // Kills every running child of this process; for a program that is about to exit.
     static void endAll();
 
-    // The exit status, or 128 + the signal's number; -1 when it did not end within `timeout`.
+    // The exit status, or 128 + the signal's number; -1 if it did not end within `timeout`.
     int wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
 private:
-    // Adds what comes to m_pending. False at the end of the output, or at `deadline`.
+    // Appends output to m_pending. False at the end of the output, or at `deadline`.
     bool readMore(std::chrono::steady_clock::time_point deadline);
 
     pid_t m_pid = -1;

@@ -87,8 +87,8 @@ public:
         }
     }
 
-    // The queue wants room for its longest message, so the last chunk goes through a buffer of its
-    // own when the message leaves less.
+    // The queue requires room for its longest message, so the last chunk goes through a separate
+    // buffer when the message has less room left.
     void receive(std::string& message) override {
         for (std::size_t received = 0; received < message.size();) {
             const std::size_t room = message.size() - received;

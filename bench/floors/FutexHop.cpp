@@ -1,4 +1,4 @@
-// A slot guarded by one futex word: the least a sleeping mailbox can cost, and what it costs when
+// A slot guarded by one futex word: the least a sleeping mailbox can cost, and the cost when
 // each end spins before it sleeps.
 #include <linux/futex.h>
 #include <sys/syscall.h>

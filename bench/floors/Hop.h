@@ -1,7 +1,7 @@
-// One direction of messages between two processes: what our segments do, and the simplest things
-// that do the same. One interface, so that all run through the same measurements (HopBench.cpp).
+// One direction of messages between two processes: our segments and the simplest
+// alternatives. One interface, so that all run through the same measurements (HopBench.cpp).
 //
-// A kind joins by a registrar in its .cpp:
+// A kind is registered by a registrar in its .cpp:
 //
 //     static const HopKindRegistrar entry("futex, parks", openFutexParks);
 #pragma once
@@ -19,10 +19,10 @@ class Hop {
 public:
     virtual ~Hop() = default;
     virtual void send(const void* data, std::size_t length) = 0;
-    // Fills `message`, which comes with the length that the sender will send. An implementation may
-    // put its own buffer in its place.
+    // Fills `message`, whose length the caller has set to that of the sent message. An
+    // implementation may replace its buffer.
     virtual void receive(std::string& message) = 0;
-    // Called in the creating process once the other one has opened its end.
+    // Called in the creating process once the peer has opened its end.
     virtual void peerHasJoined() {}
 };
 
@@ -32,7 +32,7 @@ struct HopEnd {
     std::string name;      // the same in both processes; already carries the session namespace
     std::size_t capacity;  // of a slot, in bytes; longer messages go in chunks
     bool writes;           // else reads
-    bool creates;          // the creating process comes first and removes what it made
+    bool creates;          // the creating process comes first and removes what it created
 };
 
 using OpenHop = std::unique_ptr<Hop> (*)(const HopEnd& end);
@@ -44,7 +44,7 @@ struct HopKind {
 
 // Every registered kind, by name.
 const std::vector<HopKind>& hopKinds();
-// Null when there is none of that name.
+// Null if there is none of that name.
 const HopKind* findHopKind(const std::string& name);
 
 struct HopKindRegistrar {

@@ -1,4 +1,4 @@
-// A shared-memory object of the benchmark's own, mapped.
+// A mapped shared-memory object of the benchmark.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
 // A mailbox of one slot: chunks of at most the slot's capacity, one at a time, joined by the
-// reader. What differs between mailboxes is how an end waits for the slot to be full or free
+// reader. Mailboxes differ only in how an end waits for the slot to be full or free
 // (`Signal`).
 #pragma once
 

@@ -16,7 +16,7 @@ namespace bench {
 
 namespace {
 
-// Of either family, with its length.
+// An address of either family, with its length.
 struct Address {
     union {
         sockaddr any;

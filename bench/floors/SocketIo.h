@@ -1,4 +1,4 @@
-// Sockets, and whole blocks of bytes through descriptors. Failures throw std::runtime_error.
+// Sockets, and transfer of whole blocks through descriptors. Failures throw std::runtime_error.
 #pragma once
 
 #include <cstddef>
@@ -14,11 +14,11 @@ void writeAll(int fd, const void* data, std::size_t length);
 // Fills `message`.
 void readAll(int fd, std::string& message);
 
-// Makes calls on a socket fail after kHopPatienceMs.
+// Makes calls on a socket time out after kHopPatienceMs.
 void limitWaits(int socket);
 
-// Listening Unix-domain socket, and one that is connected to it; `name` is in Linux's abstract
-// namespace, so that nothing is left to remove.
+// A listening Unix-domain socket, and one connected to it; `name` is in Linux's abstract
+// namespace, so nothing is left to remove.
 Descriptor listenOnAbstract(const std::string& name);
 Descriptor connectToAbstract(const std::string& name);
 

@@ -32,8 +32,8 @@ private:
     Descriptor m_listener;
 };
 
-// The peer opens the creator's descriptor through /proc; where it is stands in a small note in
-// shared memory that the creator removes.
+// The peer opens the creator's descriptor through /proc; its path is in a small
+// shared-memory object that the creator removes.
 class PipeHop : public Hop {
 public:
     explicit PipeHop(const HopEnd& end) : m_note("/dev/shm/" + end.name), m_created(end.creates) {

@@ -24,7 +24,7 @@ void sleepFor(double seconds) {
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
-// Traffic has found its pace after this.
+// The time after which traffic has reached a steady state.
 double warmUp(const FlowRun& run) { return std::min(1.0, run.seconds / 5); }
 
 struct Joined : HostRelays {
@@ -41,7 +41,7 @@ double residentMegabytes(pid_t process) {
     return resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1e6;
 }
 
-// Looks at a process' memory from time to time while it lives.
+// Samples a process's memory periodically while the object exists.
 class MemoryWatch {
 public:
     explicit MemoryWatch(pid_t process) : m_process(process), m_idle(residentMegabytes(process)) {}

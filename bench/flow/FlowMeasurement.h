@@ -1,5 +1,5 @@
-// What is measured of streams that compete for one channel. Every function starts two hosts of its
-// own from `binaries`, and gives its metrics to `sample`.
+// Measurements of streams that compete for one channel. Every function starts its own two hosts
+// from `binaries`, and adds its metrics to `sample`.
 #pragma once
 
 #include <string>
@@ -12,21 +12,21 @@ namespace bench {
 struct FlowRun {
     HostBinaries binaries;
     std::string channel;
-    double seconds;  // how long the traffic is looked at
+    double seconds;  // how long the traffic is measured
 };
 
-// Audio (50 a second of 160 B) and video (30 a second of 20 KiB) beside `files` streams of 64 KiB
-// messages without pause. "audio p50", "audio p99", "video p99" in ms from the moment that a
+// Audio (50 messages/s of 160 B) and video (30 messages/s of 20 KiB) beside `files` streams of
+// 64 KiB messages without pause. "audio p50", "audio p99", "video p99" in ms from the time a
 // message is due; "lost" of audio and video; "files" in MB/s.
 void measureMedia(const FlowRun& run, std::size_t files, Sample& sample);
 
-// Eight streams without pause. "deviation": of the stream that is farthest from an eighth of the
-// whole, in % of that; "total" in MB/s.
+// Eight streams without pause. "deviation": of the stream farthest from an eighth of the
+// total, in % of that; "total" in MB/s.
 void measureShares(const FlowRun& run, Sample& sample);
 
-// Memory of the near host while `streams` write without pause, over what it had when idle: "most",
-// and "after" five seconds without traffic; "far" is the most of the far host. In MB. With
-// `farIsStopped` the far host is suspended after a second of traffic until the end of it.
+// Memory of the near host while `streams` write without pause, above its idle value: "most",
+// and "after" five seconds without traffic; "far" is the far host's maximum. In MB. With
+// `farIsStopped` the far host is suspended from one second into the traffic until its end.
 void measureMemory(const FlowRun& run, std::size_t streams, bool farIsStopped, Sample& sample);
 
 // 64 B there and back beside `bulk` streams of 64 KiB messages without pause: "p50" and "p99" in ms
@@ -45,7 +45,7 @@ void measureOpening(const FlowRun& run, Sample& sample);
 void measureCuts(const FlowRun& run, unsigned int cuts, std::size_t size, double perSecond,
                  Sample& sample);
 
-// From the signal to end until the near host is gone, in ms: "flooded", and "stuck" when the far
+// Time from the stop signal until the near host is gone, in ms: "flooded", and "stuck" when the far
 // host is suspended.
 void measureEnd(const FlowRun& run, Sample& sample);
 

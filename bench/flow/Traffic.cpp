@@ -45,7 +45,7 @@ void waitUntilUp(Stream& stream) {
         throw std::runtime_error("the stream " + stream.name() + " does not come up");
 }
 
-// One flow on a thread of its own.
+// One flow on its own thread.
 class Sending {
 public:
     Sending(Client& client, Flow flow)
@@ -55,7 +55,7 @@ public:
     void start() {
         m_thread = std::thread([this] { send(); });
     }
-    // What has been sent.
+    // Returns the number sent.
     std::uint64_t end() {
         if (m_flow.atMost == 0) m_stopped = true;
         if (m_thread.joinable()) m_thread.join();
@@ -64,8 +64,8 @@ public:
     const std::string& name() const { return m_flow.stream; }
 
 private:
-    // A message is due when its time has come, and so is one that an earlier one has held up; the
-    // sleep that lasts too long is none of the channel's time.
+    // A message is due at its scheduled time, even if an earlier one has delayed it. Oversleeping
+    // does not count as the channel's time.
     void send() {
         std::string message(m_flow.size, 'x');
         const std::uint64_t period =
@@ -97,7 +97,7 @@ private:
     std::thread m_thread;
 };
 
-// What comes on one stream, taken by a thread of its own.
+// Receives one stream's messages on its own thread.
 class Receiving {
 public:
     Receiving(Client& client, const std::string& name)
@@ -175,7 +175,7 @@ PeerProcess startPeer(const HostRelays& hosts, PathEnd end, const std::string& r
     return peer;
 }
 
-// The role's body, with what goes wrong in it on standard error.
+// Runs the role's body, and reports exceptions on standard error.
 template <class Body>
 int reportingFailures(const Body& body) {
     try {

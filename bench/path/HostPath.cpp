@@ -78,7 +78,7 @@ std::string missingHosts() {
 
 const PathKindRegistrar entry({"vcctl host", missingHosts, start, join});
 
-// The end of the next line with which a host says `what`.
+// The rest of the next line in which a host says `what`.
 std::string answerOf(PeerProcess& host, const std::string& what) {
     std::string seen;
     for (std::string line; !(line = host.readLine(std::chrono::seconds(10))).empty();) {

@@ -1,5 +1,5 @@
-// Our own path: two real hosts with the real library, each in a session namespace of its own,
-// joined over loopback TCP; at each end a local process with the client library.
+// Our own path: two real hosts with the real library, each in its own session namespace,
+// connected over loopback TCP; at each end a local process with the client library.
 #pragma once
 
 #include <filesystem>
@@ -9,24 +9,24 @@
 
 namespace bench {
 
-// The program and the library that a host is made of.
+// The program and the library of a host.
 struct HostBinaries {
     std::string vcctl;
     std::string library;
-    // Those of this build.
+    // The binaries of this build.
     static HostBinaries ours();
 };
 
 class HostRelays : public PathRelays {
 public:
-    // Starts both hosts; they have found each other when waitUntilJoined() returns.
+    // Starts both hosts; they are connected when waitUntilJoined() returns.
     explicit HostRelays(const std::string& channel, HostBinaries binaries = HostBinaries::ours());
     // Ends them as a user would.
     ~HostRelays() override;
     HostRelays(const HostRelays&) = delete;
     HostRelays& operator=(const HostRelays&) = delete;
 
-    // Once after the start, and once after each cut of the connection (SIGHUP to a host).
+    // Call once after the start, and once after each cut of the connection (SIGHUP to a host).
     void waitUntilJoined();
 
     pid_t pid(PathEnd end) const { return end == PathEnd::Far ? m_far.pid() : m_near.pid(); }
@@ -50,8 +50,8 @@ private:
     PeerProcess m_near;
 };
 
-// Milliseconds from the start of two hosts and two local processes to the first message that one
-// of these has got from the other through a new stream.
+// Milliseconds from the start of two hosts and two local processes until one local process has
+// received the other's first message through a new stream.
 double millisecondsToFirstMessage(const std::string& channel);
 
 }  // namespace bench

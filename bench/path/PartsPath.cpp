@@ -1,6 +1,6 @@
 // The same hops as ours from the simplest parts: mailbox, queue, TCP, queue, mailbox. A message
-// crosses TCP in packets of at most 1500 bytes with a header each, and whatever waits goes out in
-// one system call.
+// crosses TCP in packets of at most 1500 bytes with a header each, and all waiting packets go out
+// in one system call.
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -45,7 +45,7 @@ public:
         }
         m_filled.notify_one();
     }
-    // All that waits; at least one.
+    // All waiting messages; at least one.
     std::deque<std::string> takeAll() {
         std::unique_lock lock(m_mutex);
         m_filled.wait(lock, [this] { return !m_messages.empty(); });
@@ -58,7 +58,7 @@ private:
     std::deque<std::string> m_messages;
 };
 
-// Packets of any number of messages, sent as far as they fit into one call.
+// Sends packets of any number of messages, as many per call as fit.
 class PacketSender {
 public:
     explicit PacketSender(int socket) : m_socket(socket) {}
@@ -102,7 +102,7 @@ private:
     std::array<iovec, 2 * kMost> m_blocks;
 };
 
-// Joins the packets that come, in order, to messages.
+// Joins incoming packets, which are in order, into messages.
 class PacketReceiver {
 public:
     explicit PacketReceiver(int socket) : m_socket(socket), m_buffer(256 * 1024, '\0') {}
@@ -143,7 +143,7 @@ std::unique_ptr<Hop> openMailbox(const std::string& name, bool writes, bool crea
     return findHopKind(kMailbox)->open({name, kSlot, writes, creates});
 }
 
-// Runs until a neighbour is gone, which ends the process.
+// Runs until a neighbour disappears, which ends the process.
 [[noreturn]] void runRelay(Hop& from, std::size_t size, Hop& to, const Descriptor& wire) {
     MessageQueue out;
     MessageQueue in;
@@ -231,7 +231,7 @@ const PathKindRegistrar entry({"simplest parts", nullptr, start, join});
 
 }  // namespace
 
-// The far relay listens, and says where; the near one is told.
+// The far relay listens and prints its address; the near one is given it.
 BENCH_ROLE(parts_relay) {
     const auto from = openMailbox(args.at(1) + ".in", false, true);
     const auto to = openMailbox(args.at(1) + ".out", true, true);

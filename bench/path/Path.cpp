@@ -43,7 +43,7 @@ std::string uniquePathName() {
     return std::string(session ? session : "nvb") + "-path" + std::to_string(++count);
 }
 
-// What runs in the program's place keeps the order to die with the one who started it.
+// The program keeps the setting to die with its starter across exec.
 BENCH_ROLE(path_program) {
     std::vector<std::string> texts = args;
     std::vector<char*> argv;

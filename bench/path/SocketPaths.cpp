@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::uint64_t kJoinPatience = 5'000'000'000;  // ns
 
-// `connect`, again and again while nobody listens.
+// Calls `connect` repeatedly while nobody listens.
 template <class Connect>
 Descriptor connectPatiently(const Connect& connect) {
     const auto start = nowNanoseconds();
@@ -33,7 +33,7 @@ Descriptor connectPatiently(const Connect& connect) {
     }
 }
 
-// An end of a stream of bytes. One that listens takes the connection when it is first used.
+// An end of a byte stream. A listening end accepts the connection on first use.
 class SocketEnd : public Hop {
 public:
     SocketEnd(Descriptor listener, Descriptor socket)

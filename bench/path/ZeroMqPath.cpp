@@ -15,7 +15,7 @@ namespace {
     throw std::runtime_error(std::string(what) + ": " + zmq_strerror(zmq_errno()));
 }
 
-// One socket of one context, for messages of one peer.
+// One socket in one context, for the messages of one peer.
 class ZeroMqSocket {
 public:
     explicit ZeroMqSocket(void* context) : m_socket(zmq_socket(context, ZMQ_DEALER)) {
@@ -108,7 +108,7 @@ const PathKindRegistrar entry({"ZeroMQ proxies", nullptr, start, join});
 
 }  // namespace
 
-// The far relay listens, and says where; the near one is told.
+// The far relay listens and prints its address; the near one is given it.
 BENCH_ROLE(zeromq_relay) {
     const ZeroMqContext context;
     ZeroMqSocket local(context.get());

@@ -2,8 +2,8 @@
 # compile-or-link.sh cc|c++ ARGUMENT...: a compiler driver for macOS targets on Linux.
 #
 # zig's Clang compiles; LLVM's ld64.lld links, because zig's own linker exports hidden symbols and
-# knows no list of exported ones. libc++ and the compiler's runtime are linked statically, from the
-# archives that zig builds for itself. --target=ARCH-macos.VERSION picks the system (default
+# does not support export lists. libc++ and the compiler's runtime are linked statically, from the
+# archives that zig builds for itself. --target=ARCH-macos.VERSION selects the system (default
 # aarch64-macos.11.0).
 set -euo pipefail
 
@@ -39,7 +39,7 @@ if [ -z "$links" ]; then
     exit
 fi
 
-# The static runtime of one target, copied once from where zig's link line names it.
+# The static runtime of one target, copied once from the path in zig's link line.
 runtime=$cache/macos-runtime/$target
 make_runtime() {
     local work path

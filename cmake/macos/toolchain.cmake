@@ -17,7 +17,7 @@ foreach(tool IN ITEMS ar ranlib nm strip install-name-tool)
     set(CMAKE_${variable} llvm-${tool}-19 CACHE FILEPATH "")
 endforeach()
 
-# No SDK, one processor per build tree, and the minimum version is part of the target's name.
+# No SDK, one architecture per build tree, and the minimum version is part of the target's name.
 set(CMAKE_OSX_SYSROOT "" CACHE STRING "" FORCE)
 set(CMAKE_OSX_ARCHITECTURES "" CACHE STRING "" FORCE)
 set(CMAKE_OSX_DEPLOYMENT_TARGET "" CACHE STRING "" FORCE)
@@ -27,10 +27,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# For libraries that are only headers, the building machine's serve.
+# Header-only libraries are taken from the build machine.
 list(APPEND CMAKE_MODULE_PATH ${CMAKE_CURRENT_LIST_DIR}/modules)
 
-# CMake asks a program of macOS whether @rpath is known. This file is read once more after that.
+# CMake runs a macOS program to see whether @rpath is supported. This file is read again after that.
 set(CMAKE_USER_MAKE_RULES_OVERRIDE ${CMAKE_CURRENT_LIST_FILE})
 set(CMAKE_SHARED_LIBRARY_RUNTIME_C_FLAG "-Wl,-rpath,")
 set(CMAKE_SHARED_LIBRARY_RUNTIME_CXX_FLAG "-Wl,-rpath,")

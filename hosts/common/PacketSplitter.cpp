@@ -6,7 +6,7 @@ namespace hosts {
 
 namespace {
 
-constexpr std::size_t kVersionEnd = 4;  // the protocol version is in the two bytes before
+constexpr std::size_t kVersionEnd = 4;  // the protocol version is the two bytes before
 
 std::uint32_t numberAt(const unsigned char* bytes) {
     std::uint32_t number = 0;
@@ -46,7 +46,7 @@ std::uint32_t PacketSplitter::nextPacket() {
     return 0;
 }
 
-// A header whose place is not certain has to agree with itself as well.
+// A header at an uncertain position must also be consistent in itself.
 bool PacketSplitter::mayBeHeader(const unsigned char* bytes) const {
     const std::uint32_t sequence = numberAt(bytes + 4);
     const std::uint32_t total = numberAt(bytes + 8);

@@ -11,9 +11,8 @@ namespace hosts {
 // The largest packet of each kind of channel, header included (wire-formats.md).
 inline constexpr std::uint32_t kRdpPacket = 1500;
 
-// Finds the packets in a byte stream, however the transport has joined or cut them: a packet's
-// header says how long it is. Bytes that cannot be a packet's are skipped, up to the next that can.
-// Not thread-safe.
+// Finds the packets in a byte stream, however the transport has joined or cut them, by the length
+// in each packet's header. Bytes that cannot start a packet are skipped. Not thread-safe.
 class PacketSplitter {
 public:
     static constexpr std::uint32_t kHeaderSize = 24;
@@ -21,12 +20,12 @@ public:
     // `maxPacket`: the channel's largest packet, header included; at least 25.
     explicit PacketSplitter(std::uint32_t maxPacket, std::size_t capacity = 256u << 10);
 
-    // Where the next bytes go: never empty. Valid until the next call.
+    // The buffer for the next bytes, never empty. Valid until the next call.
     std::span<unsigned char> room();
 
     // Takes in the first `count` bytes of room(), and calls receive(unsigned char* packet,
-    // std::uint32_t length) for each packet that is whole now. The bytes may be changed during the
-    // call. Nothing but reset() and skipped() may be called from inside it.
+    // std::uint32_t length) for each complete packet. receive() may change the bytes, and may call
+    // only reset() and skipped().
     template <class Receive>
     void take(std::size_t count, const Receive& receive) {
         m_end += count;
@@ -37,7 +36,7 @@ public:
         }
     }
 
-    // The same for bytes that lie elsewhere, any number of them.
+    // The same for any number of bytes elsewhere.
     template <class Receive>
     void add(std::span<const unsigned char> bytes, const Receive& receive) {
         while (!bytes.empty()) {
@@ -49,16 +48,16 @@ public:
         }
     }
 
-    // Forgets a packet that has begun. To be called wherever the stream begins anew: two halves of
+    // Discards a partial packet. Call whenever the stream restarts; otherwise two halves of
     // different packets would be delivered as one.
     void reset() { m_begin = m_end = 0; }
-    // The same where bytes are missing: the next ones may be from the middle of a packet.
+    // The same after lost bytes: the next ones may be from the middle of a packet.
     void resetInside() {
         reset();
         m_searching = true;
     }
 
-    // Bytes that were no packet's, since the construction.
+    // Bytes skipped since construction.
     std::uint64_t skipped() const { return m_skipped; }
 
 private:

@@ -7,14 +7,14 @@
 
 namespace hosts {
 
-// What a host uses of the plug-in library, which it only loads at run time. The library stays
-// loaded. A process has one plug-in, whatever number of these.
+// The functions of the plug-in library, loaded at run time. The library stays
+// loaded. A process has one plug-in, however many of these objects exist.
 class Plugin {
 public:
-    // As its package installs it: the system's search finds it.
+    // The installed name, found in the system's library path.
     static constexpr const char* kDefaultName = NORVO_PLUGIN_NAME;
 
-    // Throws std::runtime_error, with what is wrong, when `path` cannot be loaded or is not a
+    // Throws std::runtime_error, with the cause, when `path` cannot be loaded or is not a
     // plug-in.
     explicit Plugin(const std::string& path);
 

@@ -31,7 +31,7 @@ void PluginThread::receive(std::span<const unsigned char> bytes) {
     bool dropped = false;
     {
         std::lock_guard lock(m_mutex);
-        // One hole, at the end of what is pending: where bytes are missing is certain then.
+        // Only one gap, after the pending data, so its position is known.
         if (!m_dropped && m_data.size() + bytes.size() <= kMostPending)
             m_data.insert(m_data.end(), bytes.begin(), bytes.end());
         else

@@ -13,25 +13,25 @@
 
 namespace hosts {
 
-// Calls the plug-in on a thread of its own, in the order of the calls here, for a host whose own
-// thread must not wait: ReceiveData may take some hundred milliseconds when a session is taken up
-// again. Thread-safe; no call here waits, but for end() and the destructor.
+// Calls the plug-in on a separate thread, in the order of the calls here, for a host whose own
+// thread must not wait: ReceiveData may take some hundred milliseconds when a session is resumed.
+// Thread-safe; only end() and the destructor wait.
 class PluginThread {
 public:
-    // Data that have not been passed on: what a peer sends beyond that is dropped and logged, with
-    // all that follows until they have been. No packet is joined from what was before and after.
+    // Limit of pending data in bytes. Data beyond it is dropped and logged, with everything that
+    // follows until the pending data is passed on. No packet is joined across the gap.
     static constexpr std::size_t kMostPending = 4u << 20;
 
-    // `plugin` is initialised, and outlives this object. Throws std::system_error when there is no
-    // thread to be had.
+    // `plugin` is initialised, and outlives this object. Throws std::system_error when out of
+    // threads.
     PluginThread(const Plugin& plugin, std::uint32_t maxPacket);
     ~PluginThread();
     PluginThread(const PluginThread&) = delete;
     PluginThread& operator=(const PluginThread&) = delete;
 
-    // The channel can be used from here on, or no more. Data that are pending are dropped.
+    // Whether the channel can be used from now on. Drops pending data.
     void setActive(bool active);
-    // Bytes of the channel, cut and joined in any way. They are copied.
+    // Bytes of the channel, split in any way. They are copied.
     void receive(std::span<const unsigned char> bytes);
     // Shuts the plug-in down and ends the thread.
     void end();
@@ -41,10 +41,10 @@ private:
     void passOn(std::span<const unsigned char> bytes, std::uint64_t connection);
 
     const Plugin& m_plugin;
-    PacketSplitter m_splitter;  // the thread's alone, as is the next
+    PacketSplitter m_splitter;  // used only by the thread, as is the next
     std::uint64_t m_skippedLogged = 0;
 
-    std::mutex m_mutex;  // guards what follows up to the thread
+    std::mutex m_mutex;  // guards the members below, up to the thread
     std::condition_variable m_changed;
     std::vector<unsigned char> m_data;
     std::vector<bool> m_states;

@@ -15,10 +15,10 @@
 
 namespace hosts {
 
-// Joins the plug-in to the channel of one client at a time: of the one that came last.
+// Connects the plug-in to the channel of one client at a time, the latest one.
 //
-// What the plug-in sends waits in a box of 64 KiB for the thread of the client's connection, as
-// FreeRDP takes it on that thread and would queue it without limit.
+// Outgoing data waits in a buffer of 64 KiB for the thread of the client's connection, as
+// FreeRDP accepts it only on that thread and would queue it without limit.
 class FarEnd {
 public:
     explicit FarEnd(const std::string& library);
@@ -26,12 +26,11 @@ public:
     FarEnd(const FarEnd&) = delete;
     FarEnd& operator=(const FarEnd&) = delete;
 
-    // `outgoing` is set when there is something for send(). The client that was joined is not any
-    // more.
+    // `outgoing` is set when there is something for send(). Replaces the previous client.
     void join(HANDLE channel, HANDLE outgoing);
-    // Nothing where another client is joined.
+    // Does nothing if another client is joined.
     void leave(HANDLE channel);
-    // On the connection's thread: hand FreeRDP what the plug-in has sent, and the other way round.
+    // On the connection's thread: pass the plug-in's data to FreeRDP, and vice versa.
     void send(HANDLE channel);
     void receive(HANDLE channel);
 
@@ -41,7 +40,7 @@ private:
     Plugin m_plugin;
     PluginThread m_thread;
 
-    std::mutex m_mutex;  // guards what follows
+    std::mutex m_mutex;  // guards the members below
     std::condition_variable m_room;
     HANDLE m_channel = nullptr;
     HANDLE m_outgoing = nullptr;

@@ -1,5 +1,5 @@
-// norvo-rdp-server: an RDP server whose only service is the virtual channel. It is the far end of
-// tests, and shows no desktop.
+// norvo-rdp-server: an RDP server whose only service is the virtual channel. It serves as the far
+// end in tests, and shows no desktop.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <freerdp/channels/channels.h>
@@ -33,7 +33,7 @@ struct Options {
     std::uint16_t port = 0;
 };
 
-// FreeRDP makes it, with no constructor called.
+// Allocated by FreeRDP, without a constructor call.
 struct PeerContext {
     rdpContext context;
     HANDLE channels;
@@ -54,7 +54,7 @@ void freeContext(freerdp_peer*, rdpContext* context) {
     WTSCloseServer(reinterpret_cast<PeerContext*>(context)->channels);
 }
 
-// One connection, on a thread of its own.
+// One connection, on its own thread.
 class Connection {
 public:
     Connection(freerdp_peer* peer, const Options& options, FarEnd& farEnd, HANDLE stop)
@@ -63,7 +63,7 @@ public:
           m_stop(stop),
           m_outgoing(CreateEvent(nullptr, TRUE, FALSE, nullptr)),
           m_thread([this, &options] { serve(options); }) {}
-    // OpenSSL's end at the process's own would meet a handshake that is under way.
+    // Otherwise OpenSSL's cleanup at process exit could hit a handshake in progress.
     ~Connection() {
         m_thread.join();
         CloseHandle(m_outgoing);
@@ -108,7 +108,7 @@ private:
         return m_peer->Initialize(m_peer);
     }
 
-    // Waits for something to do, and does it. False at the end.
+    // Waits for an event and handles it. False at the end.
     bool step() {
         HANDLE waited[32] = {m_stop, m_outgoing,
                              WTSVirtualChannelManagerGetEventHandle(contextOf(*m_peer).channels)};
@@ -154,7 +154,7 @@ private:
     std::thread m_thread;
 };
 
-// On loopback alone: it asks nobody for a password.
+// On loopback only: there is no password.
 int listenOn(std::uint16_t port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
@@ -199,7 +199,7 @@ public:
     Server& operator=(const Server&) = delete;
 
     void run() {
-        constexpr DWORD kPause = 100;  // milliseconds, until it looks at the signal again
+        constexpr DWORD kPause = 100;  // milliseconds between checks for the signal
         HANDLE waited[32];
         while (!g_stop) {
             const DWORD count = m_listener->GetEventHandles(m_listener, waited, 32);

@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kChannel[] = "NRVOCW";
 constexpr int kNotable = 3;  // of LogMessage_VDI
-// Bytes that FreeRDP has to send before the plug-in waits.
+// Unsent bytes in FreeRDP above which the plug-in waits.
 constexpr std::size_t kMostUnsent = 64u << 10;
 
 using Buffer = std::vector<unsigned char>;
@@ -22,7 +22,7 @@ void complain(const char* text, const char* detail = "") {
     std::fprintf(stderr, "%s: %s%s\n", kChannel, text, detail);
 }
 
-// FreeRDP 2 and 3 differ in what of it is const.
+// FreeRDP 2 and 3 differ in the constness of ADDIN_ARGV.
 std::string_view argumentAt(const ADDIN_ARGV& arguments, int index) {
     return arguments.argv[index];
 }
@@ -76,7 +76,7 @@ bool AddIn::loadPlugin(const ADDIN_ARGV* arguments) {
         if (argument.starts_with("library=")) {
             path = argument.substr(argument.find('=') + 1);
         } else if (argument.starts_with("namespace=")) {
-            // The library takes it from there, and from nowhere else.
+            // The library reads it only from there.
             setenv("NORVO_VDI_NAMESPACE", arguments->argv[i] + argument.find('=') + 1, 1);
         } else {
             complain("known options are library=PATH and namespace=NAME, not ", arguments->argv[i]);
@@ -118,7 +118,7 @@ void AddIn::initialise() {
     m_thread = std::make_unique<PluginThread>(*m_plugin, kRdpPacket);
 }
 
-// The same for a session that is taken up again.
+// Also called when a session is resumed.
 void AddIn::connect() {
     m_longestCall = {};
     if (!m_thread) return;
@@ -144,7 +144,7 @@ void AddIn::disconnect() {
         if (!std::exchange(m_open, false)) return;
         m_functions.pVirtualChannelCloseEx(m_initHandle, m_openHandle);
     }
-    // Before the plug-in hears of it: it may wait for the thread that waits here.
+    // Before the plug-in is told: it may wait for the thread that waits in append().
     m_room.notify_all();
     m_thread->setActive(false);
     char text[80];

@@ -18,19 +18,19 @@
 
 namespace hosts {
 
-// One per process, and never destroyed: FreeRDP returns buffers also after the session's end. It
+// One per process, never destroyed: FreeRDP returns buffers even after the session's end. It
 // serves one session at a time, as the plug-in has one channel.
 //
-// FreeRDP calls on its connection's thread, which also draws: nothing waits there, but for the end
-// of the plug-in at the session's end. The plug-in calls append() on a thread of its own, which
+// FreeRDP calls on its connection's thread, which also draws: nothing blocks there, except to end
+// the plug-in at the session's end. The plug-in calls append() on its own thread, which
 // waits while FreeRDP has much to send, as FreeRDP's own queue has no limit.
 class AddIn {
 public:
     static AddIn& ofThisProcess();
 
-    // What the user gave behind the channel's name, and FreeRDP's functions, for a new session.
-    // False where the library cannot be used; then FreeRDP refuses to connect. A session beside
-    // another one of this process goes without the channel.
+    // Starts a new session with FreeRDP's functions and the user's arguments after the channel's
+    // name. False if the library cannot be used; then FreeRDP refuses to connect. A second
+    // concurrent session of this process goes without the channel.
     bool begin(const CHANNEL_ENTRY_POINTS_FREERDP_EX& functions, void* initHandle);
 
 private:
@@ -50,7 +50,7 @@ private:
     void onOpenEvent(UINT event, void* data, std::size_t length);
     void written(void* buffer);
     void write(const void* data, std::uint32_t length);
-    // Runs `action` for FreeRDP, which is written in C: nothing is thrown, and the time is noted.
+    // Runs `action` for FreeRDP, which is written in C: throws nothing, and records the time.
     template <class Action>
     void serve(const Action& action);
 
@@ -60,7 +60,7 @@ private:
     std::unique_ptr<PluginThread> m_thread;
     Clock::duration m_longestCall{};  // of FreeRDP's while it was connected
 
-    std::mutex m_mutex;  // guards what follows, and is held around writing and closing
+    std::mutex m_mutex;  // guards the members below, and is held while writing and closing
     std::condition_variable m_room;
     bool m_taken = false;
     bool m_open = false;

@@ -15,12 +15,12 @@ namespace hosts {
 namespace {
 
 constexpr int kNotable = 3;  // of LogMessage_VDI
-// Milliseconds between two looks at the session.
+// Milliseconds between two polls of the session.
 constexpr int kWaitingPause = 300;
 constexpr int kServingPause = 1000;
-// Its library complains on standard output each time.
+// xrdp's library complains on standard output at each attempt.
 constexpr auto kBlindPause = std::chrono::seconds(3);
-// chansrv may be started again; a session that has no display any more is over.
+// chansrv may be restarted; a session without a display is over.
 constexpr auto kLongestAbsence = std::chrono::seconds(5);
 
 // True when there is something to read at `fd` within `milliseconds`.
@@ -59,7 +59,7 @@ void Agent::run(int stop) {
             if (!serve(stop)) say("waiting: a client is there, but the channel cannot be opened");
         } else {
             say("waiting for xrdp's channel server of display :" + std::to_string(m_display));
-            // A system that does not show the sockets may have one all the same.
+            // There may be a session even if the system does not list the sockets.
             if (Clock::now() < nextBlindTry) continue;
             serve(stop);
             nextBlindTry = Clock::now() + kBlindPause;
@@ -124,7 +124,7 @@ int Agent::append(const void* data, std::uint32_t length, std::uintptr_t, void* 
 }
 
 void Agent::send(const unsigned char* bytes, std::size_t size) {
-    constexpr int kPause = 100;  // milliseconds, until it looks whether the channel ends
+    constexpr int kPause = 100;  // milliseconds between checks for the channel's end
     std::lock_guard lock(m_mutex);
     while (m_channel && !m_leaving && size > 0) {
         const ssize_t sent = ::send(m_channel->socket(), bytes, size, MSG_NOSIGNAL);
@@ -135,7 +135,7 @@ void Agent::send(const unsigned char* bytes, std::size_t size) {
             pollfd waited{m_channel->socket(), POLLOUT, 0};
             poll(&waited, 1, kPause);
         } else if (errno != EINTR) {
-            return;  // the reading thread learns of it, too
+            return;  // the reading thread notices it, too
         }
     }
 }

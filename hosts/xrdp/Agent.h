@@ -11,12 +11,11 @@
 
 namespace hosts {
 
-// The plug-in's far end in an xrdp desktop: takes the channel whenever a client is attached, and
-// gives it back when the client has left. The thread that runs it is the one that hands on what
-// comes.
+// The plug-in's far end in an xrdp desktop: opens the channel whenever a client is attached, and
+// closes it when the client has left. The thread in run() passes on incoming data.
 class Agent {
 public:
-    // Throws std::runtime_error when the library or xrdp's is missing.
+    // Throws std::runtime_error when the library or xrdp's library is missing.
     Agent(const std::string& library, int display);
     ~Agent();
     Agent(const Agent&) = delete;
@@ -30,13 +29,13 @@ private:
 
     static int append(const void* data, std::uint32_t length, std::uintptr_t, void* self);
     void send(const unsigned char* bytes, std::size_t size);
-    // Joins the channel to the plug-in until the client leaves. False where it cannot be opened.
+    // Connects the channel to the plug-in until the client leaves. False if it cannot be opened.
     bool serve(int stop);
     std::string passOnUntilTheEnd(int stop);
     bool sessionHasEnded();
     void setChannel(std::unique_ptr<XrdpApi::Channel> channel);
-    // Why the agent waits, or does not any more: to standard output and the plug-in's log, once
-    // until it changes.
+    // Prints why the agent waits, or that it no longer does, to standard output and the plug-in's
+    // log, once per change.
     void say(const std::string& text);
 
     const int m_display;
@@ -46,7 +45,7 @@ private:
     bool m_hadSession = false;
     Clock::time_point m_lastSeen;
 
-    std::mutex m_mutex;  // guards the channel against its end while the plug-in sends
+    std::mutex m_mutex;  // keeps the channel open while the plug-in sends
     std::unique_ptr<XrdpApi::Channel> m_channel;
     std::atomic<bool> m_leaving = false;
 };

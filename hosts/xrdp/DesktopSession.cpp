@@ -20,7 +20,7 @@ std::string withoutSpaceAndCase(const std::string& text) {
     return result;
 }
 
-// False also where the section does not have it.
+// False also if the section lacks it.
 bool isOn(std::istream& ini, const std::string& section, const std::string& name) {
     bool inSection = false;
     const std::string key = withoutSpaceAndCase(name) + '=';

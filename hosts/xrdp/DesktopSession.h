@@ -5,7 +5,7 @@
 
 namespace hosts {
 
-// What /proc/net/unix tells about the RDP session of a display. xrdp's own interface does not tell:
+// The state of a display's RDP session by /proc/net/unix. xrdp's own interface does not show it:
 // a channel opens without a client, and stays open when the client leaves.
 enum class DesktopSession {
     None,      // no xrdp session has this display, or the system does not show it
@@ -17,10 +17,10 @@ enum class DesktopSession {
 DesktopSession desktopSession(std::istream& sockets, int display);
 DesktopSession desktopSession(int display);
 
-// The number in ":10.0"; -1 for another text, and for null.
+// The display number, 10 for ":10.0"; -1 for any other text, and for null.
 int displayNumber(const char* display);
 
-// Whether the text of an xrdp.ini allows channels at all, and whether it lets `name` through then.
+// Whether the text of an xrdp.ini allows channels at all, and `name` in particular.
 bool allowsChannels(std::istream& xrdpIni);
 bool allowsChannel(std::istream& xrdpIni, const std::string& name);
 

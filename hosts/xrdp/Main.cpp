@@ -1,4 +1,4 @@
-// norvo-xrdp-agent: the far end of the virtual channel in a desktop that xrdp shows.
+// norvo-xrdp-agent: the far end of the virtual channel in an xrdp desktop.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -32,7 +32,7 @@ constexpr char kChannel[] = "NRVOCW";
 
 class CheckList {
 public:
-    // One line of the list; `advice` is said where it fails.
+    // Adds one line to the list, with `advice` if not `good`.
     void add(bool good, const std::string& what, const std::string& advice) {
         std::cout << (good ? "ok       " : "MISSING  ") << what << '\n';
         if (!good) std::cout << "         " << advice << '\n';

@@ -15,7 +15,7 @@ namespace hosts {
 
 namespace {
 
-// It stands in a folder of its own, which the system does not search.
+// It is in its own folder, which the system does not search.
 constexpr const char* kPlaces[] = {
     "libxrdpapi.so.0", NORVO_XRDP_LIBRARY, "/usr/lib/xrdp/libxrdpapi.so.0",
     "/usr/lib64/xrdp/libxrdpapi.so.0", "/usr/local/lib/xrdp/libxrdpapi.so.0"};
@@ -69,7 +69,7 @@ std::unique_ptr<XrdpApi::Channel> XrdpApi::open(const char* name) const {
         std::unique_ptr<Channel> channel(new Channel(*this, handle, socket));
         if (socket >= 0) return channel;
     }
-    // It forgets the socket that it has failed with.
+    // On failure it leaks its socket.
     for (const int fd : unixSockets()) {
         if (!before.contains(fd)) ::close(fd);
     }

@@ -5,14 +5,14 @@
 
 namespace hosts {
 
-// xrdp's library for programs in its sessions, which it does not bring a header for. It is loaded
+// xrdp's library for programs in its sessions, which comes without a header. It is loaded
 // at run time, so that the agent can say what is missing. Not thread-safe.
 class XrdpApi {
 public:
     // Throws std::runtime_error when it cannot be loaded.
     XrdpApi();
 
-    // The channel `name` of this process's DISPLAY as a socket, non-blocking and closed by exec;
+    // The channel `name` of this process's DISPLAY as a socket, non-blocking and close-on-exec;
     // valid while the object lives. Empty, with nothing left open, when there is no such channel.
     class Channel {
     public:

@@ -23,11 +23,11 @@ quietly "$tree/build.log" "${without_randomisation[@]}" cmake --build "$tree" --
 run_tests() {
     "${without_randomisation[@]}" ctest --test-dir "$tree" --output-on-failure --no-tests=error "$@"
 }
-# One more than there are cores: many tests wait for the most part.
+# One more than the number of cores: many tests mostly wait.
 run_tests --parallel $((jobs + 1)) --output-log "$tree/test.log" "$@" && exit
-# What a sanitizer reports is a fault, whether it comes each time or not.
+# A sanitizer report is a failure, even if it is not reproducible.
 ! grep -qE 'SUMMARY: [A-Za-z]+Sanitizer|: runtime error: ' "$tree/test.log" || exit 1
-# What measures time may not have had the processor: what failed beside others is tried once alone.
+# Timing tests may have lacked processor time: tests that failed in parallel are retried once alone.
 note "running what failed again, alone"
 run_tests --rerun-failed --output-log "$tree/retest.log"
 total=$(sed -n 's/.* tests failed out of \([0-9]*\)$/\1/p' "$tree/test.log" | tail -n 1)

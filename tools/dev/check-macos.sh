@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # check-macos.sh: cross-compiles and links the whole tree for macOS on Arm and Intel, and inspects
-# what came out; merges the two builds of the shared library into build-macos.
+# the results; merges the two builds of the shared library into build-macos.
 source "$(dirname "$0")/common.sh"
 
 dev=$root/tools/dev
@@ -19,13 +19,13 @@ expect() { # WHAT ACTUAL EXPECTED
     fi
 }
 
-# One image built for one architecture: whatever is loaded into a process on macOS must pass this.
+# One image of one architecture: everything loaded into a process on macOS must pass this.
 check_image() { # FILE ARCHITECTURE
     local name=${1##*/} loaded
     expect "$name ($2): architecture" "$(llvm-lipo-19 -archs "$1" | xargs)" "$2"
     expect "$name ($2): minimum system" \
         "$(llvm-objdump-19 --macho --private-headers "$1" | awk '$1 == "minos" { print $2 }')" $minimum
-    # The first line is the file's name; a library lists itself. Our own are found beside the program.
+    # The first line is the file's name; a library lists itself. Our own libraries are beside the program.
     loaded=$(llvm-otool-19 -L "$1" | awk 'NR > 1 && $1 !~ "^@rpath/libNorvo" { print $1 }')
     expect "$name ($2): libraries it loads" "$loaded" /usr/lib/libSystem.B.dylib
     "$dev/check-macho-signature.py" "$1" || failures=$((failures + 1))

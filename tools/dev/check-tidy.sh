@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# check-tidy.sh [FILE...]: clang-tidy over what the preset clang builds (or only the files named).
+# check-tidy.sh [FILE...]: clang-tidy over what the preset clang builds (or only the given files).
 source "$(dirname "$0")/common.sh"
 
 "$root/tools/dev/build.sh" clang

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# clean-leftovers.sh STAMP: removes what tests that were killed left in shared memory and in
-# /tmp/norvo: objects of this user, made after the file STAMP, whose test process is gone.
+# clean-leftovers.sh STAMP: removes what killed tests left in shared memory and in
+# /tmp/norvo: objects of this user, newer than the file STAMP, whose test process is gone.
 source "$(dirname "$0")/common.sh"
 
 stamp=$1

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by the scripts of this folder: where things are, and the compiler cache's settings.
+# Sourced by the scripts in this folder: paths, and the compiler cache's settings.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -8,7 +8,7 @@ jobs=${NORVO_JOBS:-$(nproc 2>/dev/null || echo 2)}
 cache=${NORVO_BUILD_CACHE:-${XDG_CACHE_HOME:-${HOME:-/tmp}/.cache}/norvo-build}
 export root jobs cache
 
-# The precompiled headers need the sloppiness; the rest lets clones in other folders share results.
+# Precompiled headers need the sloppiness; the rest lets clones in other folders share results.
 export CCACHE_BASEDIR=$root
 export CCACHE_NOHASHDIR=1
 export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
@@ -16,16 +16,16 @@ if command -v ccache >/dev/null; then
     export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
 fi
 
-# One line for each argument.
+# Prints one line for each argument.
 say() { printf '%s\n' "$@"; }
-# For someone who waits at a terminal.
+# Progress notes, only at a terminal.
 note() { [ ! -t 2 ] || say "$@" >&2; }
 fail() {
     printf '%s\n' "$*" >&2
     exit 1
 }
 
-# quietly LOG COMMAND...: the command's output goes to LOG, and its end to the terminal if it fails.
+# quietly LOG COMMAND...: the output goes to LOG; if the command fails, its last lines are shown.
 quietly() {
     local log=$1
     shift

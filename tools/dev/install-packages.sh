@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # install-packages.sh GROUP...: installs what is missing of the Debian packages of each group.
-# Groups: build (to build and test everything but what follows), checks (the rest of ./test --all), rdp (a real
+# Groups: build (to build and test everything but the following), checks (the rest of ./test --all), rdp (a real
 # RDP client, and what its add-in is built with), xrdp (a desktop for it).
 source "$(dirname "$0")/common.sh"
 
@@ -15,7 +15,7 @@ packages_of() {
         checks)
             say clang libclang-rt-14-dev clang-format clang-tidy llvm shellcheck git python3 \
                 lld-19 llvm-19 g++-aarch64-linux-gnu qemu-user-static googletest
-            # Any npm will do, and one from elsewhere cannot live beside Debian's.
+            # Any npm will do; one from another source conflicts with Debian's.
             command -v npm >/dev/null || say npm
             ;;
         rdp) say freerdp2-x11 freerdp2-dev libwinpr2-dev xvfb openssl ;;

@@ -28,7 +28,7 @@ TABLE = pathlib.Path(__file__).with_name("mutations.toml")
 CONFIGURE = ["cmake", "--preset", "release", "-DNORVO_BUILD_BENCH=OFF"]
 BUILD_LIMIT = 1800  # seconds
 
-children = set()  # process groups that end with this program
+children = set()  # process groups to end with this program
 children_lock = threading.Lock()
 stopped = threading.Event()
 

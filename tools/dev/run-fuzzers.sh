@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# run-fuzzers.sh [SECONDS]: builds every fuzz target and runs each for SECONDS (default 15), as many
-# at once as there are cores. What they find stays in build-fuzz/found, what they learn in the cache.
+# run-fuzzers.sh [SECONDS]: builds every fuzz target and runs each for SECONDS (default 15), one per
+# core at a time. Findings stay in build-fuzz/found, the grown corpus in the cache.
 source "$(dirname "$0")/common.sh"
 
 seconds=${1:-15}
@@ -17,7 +17,7 @@ run_one() {
     mkdir -p "$corpus" "$tree/found"
     local seeds=()
     [ -d "$root/fuzz/corpus/$name" ] && seeds=("$root/fuzz/corpus/$name")
-    # A namespace of its own: a target may make shared-memory objects.
+    # Its own namespace: a target may create shared-memory objects.
     NORVO_VDI_NAMESPACE=nvt$BASHPID "$target" -max_total_time="$seconds" -timeout=10 \
         -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$found" \
         "$corpus" "${seeds[@]}" >"$tree/$name.log" 2>&1 </dev/null || {

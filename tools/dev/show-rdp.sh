@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # show-rdp.sh: a session through FreeRDP's client and a server, both on this machine, with local
-# programs at both ends. The build tree build-release has everything.
+# programs at both ends. Uses the build tree build-release.
 source "$(dirname "$0")/common.sh"
 
 tree=$root/build-release
@@ -25,7 +25,7 @@ trap clean_up EXIT
 trap 'exit 130' INT TERM
 
 mkdir "$work/n" "$work/f"
-# at n|f COMMAND...: at the user's machine (near), or in the desktop (far).
+# at n|f COMMAND...: runs on the user's machine (near), or in the desktop (far).
 at() { env HOME="$work/$1" NORVO_VDI_NAMESPACE="rdp$$$1" "${@:2}"; }
 # The same in the background: $! is the command's own process.
 start_at() { env HOME="$work/$1" NORVO_VDI_NAMESPACE="rdp$$$1" "${@:2}" & }

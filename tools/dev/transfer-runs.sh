@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Transfers by vcctl send and recv between two hosts on this machine, again and again, while things
-# go wrong:
+# Repeated transfers by vcctl send and recv between two hosts on this machine, under induced
+# failures:
 #
 #     tools/dev/transfer-runs.sh rate 20 1024 [KIND]    20 files of 1 GiB; beside each the same with --raw
 #     tools/dev/transfer-runs.sh cut 100 64 [KIND]      100 of 64 MiB, the channel cut at a random moment
 #     tools/dev/transfer-runs.sh kill 50 64 [KIND]      50, with --resume, a host or tool killed at one
 #
-# Prints a line for each and ends with 1 if any file did not arrive as it was. FOLDER (by default a
-# temporary one) holds the files: one in memory shows the rate without the disk's. SEED chooses other
-# moments, VCCTL another tool than build-release/tools/vcctl; RAW=0 leaves --raw out.
+# Prints a line for each and exits with 1 if any file did not arrive intact. FOLDER (by default a
+# temporary one) holds the files: in memory, it shows the rate without the disk. SEED changes the
+# moments, VCCTL the tool (default build-release/tools/vcctl); RAW=0 omits --raw.
 set -u
 mode=${1:?rate, cut or kill}; count=${2:-1}; size=${3:-64}; kind=${4:-tcp}
 vcctl=$(realpath "${VCCTL:-$(dirname "$0")/../../build-release/tools/vcctl}")
@@ -38,7 +38,7 @@ start_recv() { in_session $far "$vcctl" recv Media "$folder/copy" "${resume[@]}"
 start_send() { in_session $near "$vcctl" send Media "$folder/original" "${resume[@]}" & send=$!; pids+=("$send"); }
 peak() { awk '/VmHWM/ { print int($2 / 1024) }' "/proc/$1/status" 2>/dev/null || echo 0; }
 rate() { awk -v b="$size" -v n="$1" 'BEGIN { printf "%.1f", b / (n / 1e9) }'; }
-# A moment between 0 and as many milliseconds as a whole transfer took.
+# Sleeps a random time of up to the given milliseconds (the duration of a whole transfer).
 pause_within() { sleep "$(awk -v r="$RANDOM" -v m="$1" 'BEGIN { printf "%.3f", r / 32768 * m / 1000 }')"; }
 
 go_wrong() {
@@ -55,7 +55,7 @@ go_wrong() {
     esac
 }
 
-# How long the same takes with plain messages, without a look at what arrived.
+# How long the same takes with plain messages, without checking what arrived.
 raw_time() {
     in_session $far "$vcctl" recv Generic --raw "$folder/raw" 2>/dev/null & local receiver=$!
     pids+=("$receiver"); sleep 0.5
@@ -87,8 +87,8 @@ for i in $(seq "$count"); do
     wait "$send"; sent=$?; took=$(($(now) - begun)); wait "$recv"; received=$?
     [ "$i" = 1 ] && usual=$((took / 1000000))
     result=good
-    # Whoever was killed after the other had ended well, and so after the file was whole and under its
-    # name, finds nobody when it is started again.
+    # A tool killed after the other had succeeded, and so after the file was complete under its
+    # name, finds no partner when restarted.
     [ "${victim:-}" = 3 ] && [ $received = 0 ] && sent=0
     [ "${victim:-}" = 2 ] && [ $sent = 0 ] && received=0
     if [ $sent != 0 ] || [ $received != 0 ] || ! cmp -s "$folder/original" "$folder/copy"; then

@@ -23,7 +23,7 @@ namespace {
 
 class SocketChannel : public ByteChannel {
 public:
-    // Those that only TCP has change nothing for a socket of another kind.
+    // TCP-only options fail harmlessly on other sockets.
     explicit SocketChannel(Descriptor socket) : m_socket(std::move(socket)) {
         const int on = 1;
         setsockopt(m_socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -44,7 +44,7 @@ public:
     }
 
 private:
-    // One whose machine is gone says nothing more, not even that; an idle session does not, either.
+    // A peer whose machine is gone is as silent as an idle session.
     void noticeVanishedPeer() const {
         const int on = 1;
         const int seconds = 10;
@@ -58,8 +58,8 @@ private:
     const Descriptor m_socket;
 };
 
-// The descriptors may be shared with other processes, so that their modes are not this one's to
-// change: it waits beside them, and never gives or takes more than is possible at once.
+// The descriptors may be shared with other processes, so their modes must not be changed. It polls
+// first, and never reads or writes more than is possible without blocking.
 class PipeChannel : public ByteChannel {
 public:
     PipeChannel(Descriptor in, Descriptor out) : m_in(std::move(in)), m_out(std::move(out)) {}
@@ -75,7 +75,7 @@ public:
     }
 
 private:
-    // False when it was interrupted.
+    // False when interrupted.
     bool waitFor(int fd, short event) const {
         pollfd waited[2] = {{fd, event, 0}, {interrupted(), POLLIN, 0}};
         while (poll(waited, 2, -1) < 0 && errno == EINTR) {

@@ -58,8 +58,8 @@ std::uint32_t flagsOf(const std::vector<unsigned char>& body, std::size_t offset
     return 0;
 }
 
-// All that passes over the channel is in it: the owner alone may read it, also where the file was
-// there before with other rights. Null, with errno set, when it cannot be made.
+// A capture holds all channel traffic: only the owner may read it, even if the file existed with
+// other permissions. Null, with errno set, when it cannot be created.
 std::FILE* openPrivately(const std::string& path) {
     support::Descriptor fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     struct stat status {};

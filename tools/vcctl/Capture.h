@@ -22,12 +22,12 @@ struct CapturedPacket {
     std::vector<unsigned char> bytes;
 };
 
-// Thread-safe. What was written is in the file at once, so that a capture can be read while it
-// grows and outlives its host. A write that fails (disk full) stops the capture, says so once on
-// standard error, and does not disturb the session.
+// Thread-safe. Each packet is in the file at once, so a capture can be read while it grows and
+// outlives its host. A failed write (disk full) stops the capture, is reported once on standard
+// error, and does not disturb the session.
 class CaptureWriter {
 public:
-    // Throws CommandError when the file cannot be made. `interfaceName` goes into the file.
+    // Throws CommandError when the file cannot be created. `interfaceName` goes into the file.
     CaptureWriter(const std::string& path, const std::string& interfaceName);
     ~CaptureWriter();
 
@@ -42,7 +42,7 @@ private:
     bool m_failed = false;
 };
 
-// Reads what CaptureWriter wrote (of another pcapng file, it takes link type and times for those).
+// Reads what CaptureWriter wrote (in other pcapng files, assumes its link type and time unit).
 class CaptureReader {
 public:
     // `path` "-" is standard input. Throws CommandError when it cannot be read or is not pcapng.

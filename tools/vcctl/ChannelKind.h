@@ -10,12 +10,12 @@ namespace vcctl {
 using NorvoVirtualChannel::ChannelKind;
 using NorvoVirtualChannel::kChannelKinds;
 
-// A packet without payload.
+// The size of a packet without payload.
 inline constexpr std::uint32_t kMinPacket = NorvoVirtualChannel::kPacketHeaderSize;
 
-// The kind of that name; throws CommandError for another text.
+// The kind of that name; throws CommandError for an unknown name.
 const ChannelKind& channelKind(const std::string& name);
-// Their names, as a sentence has them: "a, b or c".
+// Their names, for use in a sentence: "a, b or c".
 std::string channelKindNames();
 
 }  // namespace vcctl

@@ -9,21 +9,21 @@
 
 namespace vcctl {
 
-// A command whose standard input and output are one socket, as `ssh desk ...` may be. It ends with
+// A command, such as `ssh desk ...`, whose standard input and output are one socket. It ends with
 // the object.
 class ChildCommand {
 public:
-    // `command[0]` is looked for as the shell does. Throws CommandError when it cannot be started.
+    // `command[0]` is searched for in PATH. Throws CommandError when it cannot be started.
     explicit ChildCommand(const std::vector<std::string>& command);
-    // Closes its input, and after two seconds asks it to end, then forces it.
+    // Closes its input; after two seconds asks it to end, then kills it.
     ~ChildCommand();
     ChildCommand(const ChildCommand&) = delete;
     ChildCommand& operator=(const ChildCommand&) = delete;
 
-    // This end of its input and output, for the caller to keep: without it, it reads the end.
+    // This end of its input and output, now owned by the caller. Closing it ends the child's input.
     support::Descriptor takeSocket() { return std::move(m_socket); }
 
-    // Waits up to two seconds: how it has ended, or that it has not.
+    // Waits up to two seconds. Says how the command ended, or that it has not.
     std::string outcome();
 
 private:

@@ -1,4 +1,4 @@
-// How a subcommand of vcctl fails.
+// How vcctl subcommands report failures.
 #pragma once
 
 #include <stdexcept>
@@ -9,7 +9,7 @@ namespace vcctl {
 // Exit codes, as the man page lists them.
 enum ExitCode : int { kOk = 0, kFailed = 1, kUsage = 2, kInterrupted = 130 };
 
-// A failure the user can do something about: printed as "vcctl: <text>", and the exit code.
+// A failure the user can do something about, with its exit code; printed as "vcctl: <text>".
 class CommandError : public std::runtime_error {
 public:
     explicit CommandError(const std::string& text, int exitCode = kFailed)
@@ -23,8 +23,8 @@ private:
 // A CommandError that ends with the text of `errorNumber`.
 CommandError systemError(const std::string& what, int errorNumber);
 
-// What a failed write to `where` throws, by errno. Nobody is told that a pipe's reader has left
-// (as `head` does): the text is empty then.
+// The error of a failed write to `where`, by errno. The text is empty if a pipe's reader has left
+// (as `head` does), which is not reported.
 CommandError outputError(const std::string& where);
 
 }  // namespace vcctl

@@ -14,7 +14,7 @@ namespace {
 
 constexpr double kLongestWait = 86400;  // a day
 
-// No range excludes it: it compares with nothing.
+// Excludes NaN, which passes every range check.
 const CLI::Validator kNumber(
     [](const std::string& text) -> std::string {
         return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is not a number" : "";

@@ -1,5 +1,5 @@
-// What the subcommands need of the command line. The parser's headers take longer to compile than
-// all that a subcommand does; with this, one file includes them for all.
+// The command-line parser as the subcommands use it. The parser's headers take longer to compile
+// than a whole subcommand, so only one file includes them.
 #pragma once
 
 #include <cstdint>
@@ -14,17 +14,17 @@ class Option;
 
 namespace vcctl {
 
-// An option, or an argument that is told by its place. Each call says more about it.
+// An option or a positional argument. Each call refines it.
 class Argument {
 public:
     explicit Argument(CLI::Option* option) : m_option(option) {}
 
     Argument& required();
-    // What stands for the value in the help, for example "BYTES".
+    // The value's placeholder in the help, for example "BYTES".
     Argument& type(const char* name);
-    // A number of bytes, which may have a unit: 64K, 1M.
+    // The value is a number of bytes, optionally with a unit: 64K, 1M.
     Argument& bytes();
-    // Lets the help tell the value that the variable has now.
+    // Shows the variable's current value in the help.
     Argument& showDefault();
     Argument& range(double least, double most);
     Argument& range(std::size_t least, std::size_t most);
@@ -41,15 +41,15 @@ class Command {
 public:
     Command(CLI::App& app, const char* name, const char* help);
 
-    // An argument told by its place if `name` does not begin with '-'. Value: std::string, a vector
+    // A positional argument if `name` does not begin with '-'. Value: std::string, a vector
     // of them (any number of arguments), unsigned int, std::size_t, std::uint64_t or double.
     template <class Value>
     Argument argument(const char* name, Value& value, const char* help = "");
     void flag(const char* name, bool& value, const char* help);
     void hiddenFlag(const char* name, bool& value);
-    // Takes what is no option of the command, and all that follows it.
+    // Takes the first argument that is not an option of the command, and all that follow it.
     void rest(std::vector<std::string>& arguments);
-    // Text below the list of options.
+    // Sets the text below the list of options.
     void footer(const std::string& text);
     // Keeps the command out of the help.
     void hide();
@@ -59,14 +59,14 @@ private:
     CLI::App* m_app;
 };
 
-// The number of bytes in digits that a text like "10240" or "64K" means. Throws CommandError.
+// Converts "10240" or "64K" to a number of bytes in digits. Throws CommandError.
 std::string bytesOf(std::string text);
 
-// What several subcommands have.
+// Options that several subcommands share.
 void addKindOption(Command& command, std::string& kind);
 void addLibraryOption(Command& command, std::string& pluginPath);
 void addWaitOption(Command& command, double& seconds, const char* help);
-// The stream's name, the first argument; capacity of its segment, and how many messages to pass.
+// The stream's name (first argument), its segment's capacity, and the number of messages to pass.
 void addStreamOptions(Command& command, std::string& stream, unsigned int& capacity,
                       std::uint64_t& count);
 
@@ -74,7 +74,7 @@ void addStreamOptions(Command& command, std::string& stream, unsigned int& capac
 // subcommand throws.
 int runCommand(int argc, char** argv);
 
-// Each adds one subcommand; what it sets in `exitCode` is the exit code when nothing was thrown.
+// Each adds one subcommand, which sets `exitCode`; that is used when nothing was thrown.
 void addHostCommand(CLI::App& app, int& exitCode);
 void addSendCommand(CLI::App& app, int& exitCode);
 void addRecvCommand(CLI::App& app, int& exitCode);

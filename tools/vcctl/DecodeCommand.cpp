@@ -1,4 +1,4 @@
-// vcctl decode: what was said in a capture, packet by packet and message by message.
+// vcctl decode: prints a capture packet by packet and message by message.
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 

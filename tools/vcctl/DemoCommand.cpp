@@ -38,20 +38,20 @@ struct DemoOptions {
     double seconds = 4;
 };
 
-// Roughly what a transport carries in a second, there and back: what its pauses let through, or
-// what an ordinary machine does.
+// A transport's approximate throughput per second, there and back: limited by its pauses, or by
+// an ordinary machine.
 double bytesPerSecond(const std::string& kind) {
     return kind == "citrix" ? 16.2e6 : kind == "rdp" ? 4.8e6 : kind == "vmware" ? 0.97e6 : 200e6;
 }
 
-// Bytes of the generated file: 64 MiB, or what the transport carries in half of the time.
+// Bytes of the generated file: 64 MiB, or what the transport carries in half of the time if less.
 std::size_t generatedSize(const std::string& kind, double duration) {
     constexpr std::size_t kMost = 64u << 20;
     return std::min(kMost, static_cast<std::size_t>(duration * bytesPerSecond(kind) / 2));
 }
 
-// A folder of its own for the demo's files and its hosts' logs, and the two session namespaces; all
-// of it is gone when the object is.
+// A temporary folder for the demo's files and its hosts' logs, and the two session namespaces; the
+// destructor removes all of it.
 class Workplace {
 public:
     Workplace() {
@@ -99,7 +99,7 @@ private:
     std::filesystem::path m_folder;
 };
 
-// One line of a child, waited for so that the user can stop the demo meanwhile.
+// Reads one line from a child; the user can stop the demo meanwhile.
 std::string lineOf(support::Subprocess& child, const std::string& what, milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     while (Clock::now() < deadline) {
@@ -209,7 +209,7 @@ private:
                            ping["max"].get<double>(), ping["lost"].get<std::uint64_t>());
     }
 
-    // Each once where the same follows itself.
+    // Collapses consecutive repeats.
     static std::string announcedText(const Json& names) {
         std::string text;
         std::string last;

@@ -35,9 +35,9 @@ using Json = nlohmann::json;
 
 constexpr unsigned int kFileCapacity = 64u << 10;
 constexpr unsigned int kPingCapacity = 4u << 10;
-constexpr std::size_t kPartSize = 64u << 10;  // of the file, with its offset before it
+constexpr std::size_t kPartSize = 64u << 10;  // of the file, preceded by its offset
 constexpr std::size_t kPartHead = sizeof(std::uint64_t);
-constexpr std::size_t kWindow = 48;  // parts under way: the agents drop what is beyond 1001
+constexpr std::size_t kWindow = 48;  // parts in flight: the agents drop those beyond 1001
 constexpr double kUpSeconds = 20;
 constexpr auto kPingPause = std::chrono::milliseconds(2);
 constexpr auto kLost = std::chrono::seconds(2);
@@ -52,7 +52,7 @@ static_assert(sizeof(Ping) == 64);
 
 std::int64_t now() { return Clock::now().time_since_epoch().count(); }
 
-// True once the demo closed our standard input: it is over, or gone.
+// True once the demo has closed our standard input: it is over, or has died.
 bool inputEnded(int milliseconds) {
     pollfd waited{STDIN_FILENO, POLLIN, 0};
     char byte = 0;
@@ -102,7 +102,7 @@ public:
     }
 
 private:
-    // In microseconds; nothing when none came in time, or before it was stopped.
+    // In microseconds; nothing if no answer came in time, or if stopped first.
     std::optional<double> answerTo(const Ping& ping, const std::atomic<bool>& stopped) {
         std::string message;
         const auto giveUp = Clock::now() + kLost;
@@ -159,14 +159,14 @@ private:
     std::size_t m_size = 0;
 };
 
-// Sends the file in parts, a window of them under way, and takes them back. A part is its offset
-// and its bytes; what a reconnect lost is sent again.
+// Sends the file in parts, a window of them in flight, and receives them back. A part is its offset
+// and its bytes; parts lost in a reconnect are sent again.
 class RoundTrip {
 public:
     RoundTrip(const MappedFile& file, Stream& out, Stream& back)
         : m_file(file), m_out(out), m_back(back) {}
 
-    // Until `end` bytes are back. False when interrupted.
+    // Runs until `end` bytes are back. False when interrupted.
     bool run(std::size_t end) {
         const std::atomic<bool> never{false};
         auto lastProgress = Clock::now();
@@ -224,7 +224,7 @@ private:
 
 void tell(const std::string& line) { std::cout << line << std::endl; }
 
-// The names of the notifications that came; noted on a thread of the client's.
+// The names of received notifications; recorded on a thread of the client.
 class Announcements {
 public:
     NorvoStreamClient::Options clientOptions() {
@@ -245,7 +245,7 @@ private:
     Json m_names = Json::array();
 };
 
-// The four streams from the near end, up.
+// The near end's four streams, once they are up.
 struct NearStreams {
     explicit NearStreams(SessionClient& session)
         : file(session.open("Media", Direction::Write, kFileCapacity)),
@@ -263,8 +263,8 @@ struct NearStreams {
     const std::shared_ptr<Stream> pingsBack;
 };
 
-// Two halves of `size` bytes; between them it waits for the demo's word. The seconds that both
-// took; nothing when interrupted.
+// Transfers `size` bytes in two halves, and waits for the demo between them. Returns the seconds
+// both took; nothing when interrupted.
 std::optional<double> runInHalves(RoundTrip& trip, std::size_t size) {
     const auto begun = Clock::now();
     if (!trip.run(size / 2)) return std::nullopt;

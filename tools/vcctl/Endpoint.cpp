@@ -34,7 +34,7 @@ bool isLoopback(const sockaddr_storage& address) {
 
 constexpr std::string_view kUnixScheme = "unix:";
 
-// Whether a Unix-domain socket's other end is this user's, or root's; true for TCP.
+// Whether a Unix-domain socket's peer is this user or root; true for TCP.
 bool isOfThisUser(int socket) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
@@ -51,21 +51,21 @@ bool isPort(const std::string& text) {
     return error == std::errc() && stop == end && port <= 65535;
 }
 
-// Not inherited by what the library starts. (macOS has no flag for it at creation.)
+// Not inherited by programs that the library starts. (macOS has no flag for it at creation.)
 Descriptor closedByExec(int fd) {
     if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
     return Descriptor(fd);
 }
 
-// Empty, with errno set, when there is none to be had.
+// Empty, with errno set, on failure.
 Descriptor openSocket(int family) {
     Descriptor fd = closedByExec(socket(family, SOCK_STREAM, 0));
-    // Before it listens or connects: the window that the peer is told depends on it.
+    // Set before listen() or connect(): the advertised window depends on it.
     if (fd) setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
     return fd;
 }
 
-// What became of a connect under way, as errno.
+// The result of a pending connect, as errno.
 int outcomeOfConnect(int fd) {
     pollfd waited[2] = {{fd, POLLOUT, 0}, {StopSignal::descriptor(), POLLIN, 0}};
     while (poll(waited, 2, -1) < 0 || !waited[0].revents) {
@@ -77,8 +77,8 @@ int outcomeOfConnect(int fd) {
     return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
 }
 
-// A connect to a port of this machine where nobody listens may be given that very port, and then
-// meets itself.
+// A connect to a local port where nobody listens may be assigned that very port, and then connects
+// to itself.
 bool isConnectedToItself(int fd) {
     sockaddr_storage own{};
     sockaddr_storage peer{};
@@ -161,7 +161,7 @@ Descriptor Endpoint::listen() const {
     } else {
         setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     }
-    // Nobody can connect before it listens.
+    // Setting the mode after bind() is safe: nobody can connect before listen().
     if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&m_address), m_length) != 0 ||
         (isUnix() && chmod(path(), 0600) != 0) || ::listen(fd.get(), 4) != 0) {
         const int error = errno;
@@ -185,7 +185,7 @@ void Endpoint::removeFile() const {
     if (isUnix()) unlink(path());
 }
 
-// A socket that a killed host has left is in nobody's way.
+// Removes the socket file of a killed host.
 void Endpoint::clearPath() const {
     struct stat status {};
     if (lstat(path(), &status) != 0 || !S_ISSOCK(status.st_mode) || status.st_uid != geteuid())

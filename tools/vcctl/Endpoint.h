@@ -9,16 +9,16 @@
 
 namespace vcctl {
 
-// Bytes that a connection's socket holds for a peer, or from one, that takes no more: what is
-// queued further away is nobody's to drop or to pass.
+// Size of a connection's send and receive buffers, in bytes. Data queued in them can no longer be
+// dropped or overtaken.
 inline constexpr int kSocketBuffer = 192 << 10;
 
-// The next connection to `listener`; empty, with errno set, when there is none. A connection of
-// another user over a Unix-domain socket is refused: EACCES.
+// The next connection to `listener`; empty, with errno set, when there is none. Another user's
+// connection over a Unix-domain socket is refused: EACCES.
 support::Descriptor acceptFrom(int listener);
 
 // An address from the command line: "ADDR:PORT" or "[ADDR]:PORT" for TCP, "unix:PATH" for a
-// Unix-domain socket, which only its user can use.
+// Unix-domain socket, which only its owner can use.
 class Endpoint {
 public:
     // Throws CommandError when `text` is not an address, or when it is not a loopback address and
@@ -27,14 +27,14 @@ public:
 
     // A listening socket. Throws CommandError (address in use, not allowed ...).
     support::Descriptor listen() const;
-    // A connected socket; empty, with errno set, when the other end is not there (yet), the system
-    // has no descriptor left, or the user wants to stop.
+    // A connected socket; empty, with errno set, when the peer is not listening (yet), descriptors
+    // are exhausted, or the user wants to stop.
     support::Descriptor connect() const;
 
     const std::string& text() const { return m_text; }
-    // What to connect to for the socket that listen() has made: its port is known now.
+    // The address of the socket that listen() returned, with its actual port.
     std::string boundText(int listener) const;
-    // Removes what listen() has left in the file system.
+    // Removes the socket file that listen() created.
     void removeFile() const;
 
 private:

@@ -4,14 +4,14 @@
 
 namespace vcctl {
 
-// Has the allocator give the system what it holds and nobody uses. It may take milliseconds, in
-// which other threads wait for memory.
+// Returns the allocator's unused memory to the system. May take milliseconds, during which other
+// threads' allocations wait.
 void giveFreeMemoryBack();
 
-// Gives memory back when traffic has ebbed: of what a flood needed, the allocator keeps most.
+// Returns memory when traffic has ebbed: the allocator keeps most of what a flood needed.
 class MemoryAfterTraffic {
 public:
-    // To be called now and then with how many bytes were carried so far.
+    // Call periodically with the number of bytes carried so far.
     void look(std::uint64_t carried) {
         if (carried == m_lastLook && carried - m_lastGiven > kWorthIt) {
             giveFreeMemoryBack();

@@ -27,7 +27,7 @@ using VDIFrameworkCommon::LocalLock;
 
 namespace {
 
-// Milliseconds. A connection that cannot be taken, for want of descriptors, is there all the time.
+// Milliseconds. A connection that cannot be accepted, for lack of descriptors, stays pending.
 constexpr int kPauseAfterFailure = 100;
 
 }  // namespace
@@ -45,7 +45,7 @@ Host::Host(const HostOptions& options)
     m_plugin.InitialiseChannel(&Host::append, static_cast<std::uint32_t>(m_kind.type), this);
 }
 
-// Some kinds of channel leave a call of append() behind that does not return at once.
+// With some kinds of channel, a call of append() may still be running.
 Host::~Host() {
     constexpr int kMostWaits = 2000;
     m_plugin.Shutdown();
@@ -55,8 +55,8 @@ Host::~Host() {
     m_session.unlock();
 }
 
-// Two in one session take messages from each other. The mark tells of every kind of host, but only
-// once it is connected; the lock of this tool alone.
+// Two hosts in one session take each other's messages. The mark covers every kind of host, but only
+// once it is connected; the lock covers only this tool.
 void Host::refuseToBeTheSecond() {
     constexpr auto kAtOnce = std::chrono::milliseconds(0);
     std::string who;
@@ -73,7 +73,7 @@ void Host::refuseToBeTheSecond() {
 
 void Host::say(const std::string& text) const {
     if (m_quiet) return;
-    // In one piece, as another host may write to the same terminal or pipe.
+    // In one write, as another host may use the same terminal or pipe.
     (m_quietOutput ? std::cerr : std::cout) << text + '\n' << std::flush;
 }
 
@@ -110,7 +110,7 @@ void Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, in
 }
 
 void Host::waitForEnd(PacketLink& link, int listener) const {
-    // An agent that is up greets at once.
+    // A running agent greets at once.
     constexpr auto kLongestSilence = std::chrono::seconds(2);
     constexpr int kLookAtMemory = 1000;  // ms
     MemoryAfterTraffic memory;
@@ -157,7 +157,7 @@ void Host::receive(unsigned char* packet, std::uint32_t length) {
     m_plugin.ReceiveData(packet, length);
 }
 
-// It asks for the connection, and answers what this side asks: more than one packet.
+// The peer requests the connection and answers this side's request: more than one packet.
 void Host::noteGreeting(const unsigned char* packet, std::uint32_t length) {
     using VirtualChannelAgent::MessageTypeEnum;
     constexpr std::uint32_t kTypeAt = sizeof(Header) + 4;
@@ -184,8 +184,8 @@ void Host::setLink(std::shared_ptr<PacketLink> link) {
     m_left.notify_all();
 }
 
-// A link that is closed takes nothing: what the plug-in has not handed over yet is not lost in it
-// while the plug-in is about to hear of the loss.
+// A closed link accepts nothing: packets that the plug-in has not yet passed on are not lost
+// in it while the plug-in is about to be told.
 void Host::waitUntilLeft(const std::shared_ptr<PacketLink>& link) {
     LocalLock lock(m_mutex);
     while (m_link == link) m_left.wait(m_mutex);

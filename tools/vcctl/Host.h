@@ -24,25 +24,24 @@ struct HostOptions {
     bool standardOutputIsTheChannel = false;
 };
 
-// A remote-desktop client's part: it loads the plug-in, and joins its channel to one peer at a
-// time. The thread that makes it also uses it; the plug-in and the link have their own.
+// Plays the remote-desktop client: loads the plug-in, and connects its channel to one peer at a
+// time. Used only by the thread that creates it; the plug-in and the link have their own threads.
 class Host {
 public:
-    // Throws CommandError, also where another host serves the session namespace and may not be
-    // taken over from.
+    // Throws CommandError, also if another host serves the session namespace and may not be
+    // replaced.
     explicit Host(const HostOptions& options);
     ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    // Joins the channel to the peer until one side ends it or the user stops. Whoever connects to
-    // `listener` (if there is one) meanwhile is turned away, as a channel has two ends; but a peer
-    // that has not greeted as an agent does gives way. Pauses where the system has too little left
-    // for another peer.
+    // Connects the channel to the peer until one side ends it or the user stops. Further
+    // connections to `listener` (if any) are turned away, unless the peer has not greeted as an
+    // agent does: then it gives way. Pauses when the system lacks resources for another peer.
     void serve(support::Descriptor socket, const std::string& peer, int listener = -1);
     void serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener = -1);
 
-    // One line, for the user: not on standard output where that is the channel.
+    // Prints one line for the user, not on standard output if that is the channel.
     void say(const std::string& text) const;
 
 private:
@@ -64,7 +63,7 @@ private:
     std::atomic<int> m_appending = 0;
     std::atomic<std::uint64_t> m_bytesSent = 0;
     std::atomic<std::uint64_t> m_bytesReceived = 0;
-    // Types of agent messages that the peer has sent: the reader thread's, until it has greeted.
+    // Types of agent messages from the peer; the reader thread's, until the peer has greeted.
     unsigned int m_greetings = 0;
     std::atomic<bool> m_peerHasGreeted = false;
     VDIFrameworkCommon::LocalMutex m_mutex;

@@ -1,5 +1,5 @@
-// vcctl host: a stand-in for the remote-desktop client. It loads the plug-in, and joins its channel
-// to that of another host.
+// vcctl host: a stand-in for the remote-desktop client. It loads the plug-in, and connects its
+// channel to that of another host.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -58,8 +58,8 @@ void serveListener(const HostOptions& options, const Endpoint& endpoint) {
     }
 }
 
-// Pauses between attempts that grow while none lasts: whoever is turned away each time does not
-// knock ever so often.
+// Pauses between attempts that grow while no connection lasts: a host that is always turned away
+// retries less and less often.
 class Pauses {
 public:
     void begin() { m_begun = Clock::now(); }
@@ -112,7 +112,7 @@ Descriptor copyOf(int fd) {
     return copy;
 }
 
-// What the library or a child writes to standard output must not get into the channel.
+// Output of the library or a child to standard output must not get into the channel.
 std::unique_ptr<ByteChannel> takeStandardStreams() {
     Descriptor in = copyOf(STDIN_FILENO);
     Descriptor out = copyOf(STDOUT_FILENO);

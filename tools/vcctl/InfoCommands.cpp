@@ -1,4 +1,4 @@
-// vcctl watch and vcctl ask: the INFO streams for people.
+// vcctl watch and vcctl ask: show and use the INFO streams.
 #include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -27,8 +27,8 @@ namespace {
 
 using NorvoStreamClient::Notification;
 
-// Request, its fields, the notification that answers it (empty: none does), and what it means when
-// none comes (empty: that the agent does not answer), which may be an answer as well.
+// Request, its fields, the notification that answers it (empty: none), and what its absence means,
+// which may itself be an answer (empty: the agent does not answer).
 struct RequestForm {
     const char* name;
     std::vector<const char*> fields;
@@ -37,7 +37,7 @@ struct RequestForm {
     bool silenceIsAnswer = true;
 };
 
-constexpr std::int64_t kLargestSegment = std::int64_t{64} << 20;  // as much as an agent makes
+constexpr std::int64_t kLargestSegment = std::int64_t{64} << 20;  // an agent's limit
 
 const std::vector<RequestForm>& requestForms() {
     static const std::vector<RequestForm> forms{
@@ -76,7 +76,7 @@ std::string allUsages() {
     return text;
 }
 
-// `value` as it is sent.
+// `value` as it will be sent.
 std::string checkedField(const std::string& name, std::string value) {
     if (name == "SIZE") value = bytesOf(value);
     std::int64_t number = 0;
@@ -143,7 +143,7 @@ int runWatch(const WatchOptions& options) {
             session.noteSilence();
             continue;
         }
-        // The client library's own questions are answered to all; only a change is news.
+        // Answers to the client library's own requests reach everyone; only a change is news.
         if (notification.name == "VCProcessId" && !options.all) {
             if (notification.fields == lastProcess) continue;
             lastProcess = notification.fields;
@@ -161,8 +161,7 @@ struct AskOptions {
     bool json = false;
 };
 
-// Prints the answers as they come: one, or as many streams as there are, until none came for a
-// while.
+// Prints the answer; for streams, all answers until none has come for a while.
 int printAnswers(SessionClient& session, const AskOptions& options, const RequestForm& form) {
     using Clock = std::chrono::steady_clock;
     const bool several = std::string(form.answer) == "StreamUp";
@@ -187,7 +186,7 @@ int printAnswers(SessionClient& session, const AskOptions& options, const Reques
     return form.silenceIsAnswer ? kOk : kFailed;
 }
 
-// A client would make the agent's segments where no host has ever been, and leave them behind.
+// Without a host, a client would create the agent's segments and leave them behind.
 void waitForSession(double seconds) {
     const std::string object = segmentObject(VDIFrameworkCommon::infoNotificationsName(
         VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName()));

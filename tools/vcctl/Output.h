@@ -1,4 +1,4 @@
-// Standard output: what is printed arrives at the latest with flushOut(). Both throw CommandError.
+// Buffered standard output, written at the latest by flushOut(). Both throw CommandError.
 #pragma once
 
 #include <string>
@@ -9,8 +9,8 @@ namespace vcctl {
 void print(std::string_view text);
 void flushOut();
 
-// Printable ASCII as it is, other bytes as \xHH, so that nothing from elsewhere steers the terminal
-// or breaks a line; "..." where there is more than `most` bytes.
+// Printable ASCII as is, other bytes as \xHH, so that foreign text cannot control the terminal
+// or break a line; "..." if there are more than `most` bytes.
 std::string readable(std::string_view bytes, std::size_t most = std::string_view::npos);
 
 }  // namespace vcctl

@@ -12,11 +12,11 @@ using VDIFrameworkCommon::LocalLock;
 
 namespace {
 
-// Enough that a system call costs little for each packet, little enough that the peer works on the
-// first part of a long message while the rest is on its way.
+// Large enough to spread the cost of a system call over many packets, small enough that the peer
+// can process the first part of a long message while the rest is in flight.
 constexpr std::size_t kMostGathered = 32u << 10;
 
-// A message's packets leave in the reverse of their sequence.
+// A message's packets leave in reverse order of sequence.
 bool leavesLast(const unsigned char* packet, std::uint32_t length) {
     NorvoVirtualChannel::Header header;
     if (length < sizeof header) return true;

@@ -1,4 +1,4 @@
-// The wire between two hosts: nothing but packets, which say their own length.
+// The wire between two hosts: only packets, which carry their own length.
 #pragma once
 
 #include <atomic>
@@ -14,32 +14,31 @@
 
 namespace vcctl {
 
-// Bytes that cannot be a packet's end the connection: the other end is not a host of the same kind.
+// Bytes that cannot belong to a packet end the connection: the peer is not a host of the same kind.
 //
-// send() writes on the caller's thread, one system call for the packets of a short message or for
-// some 32 KiB of a longer one, and waits while the peer takes nothing. A reader thread hands on
-// packets as they come; it is joined in end() or the destructor.
+// send() writes on the caller's thread, with one system call for the packets of a short message or
+// for some 32 KiB of a longer one, and blocks while the peer takes nothing. A reader thread passes
+// on packets as they come; it is joined in end() or the destructor.
 class PacketLink {
 public:
     using Receiver = std::function<void(unsigned char* packet, std::uint32_t length)>;
 
-    // `maxPacket`: the channel's largest packet. `receive` runs on the reader thread; the bytes are
-    // its own to change during the call. Throws std::system_error where the system has no thread
-    // left.
+    // `maxPacket`: the channel's largest packet. `receive` runs on the reader thread, and may
+    // change the bytes during the call. Throws std::system_error when out of threads.
     PacketLink(std::unique_ptr<ByteChannel> bytes, std::uint32_t maxPacket, Receiver receive);
     ~PacketLink();
     PacketLink(const PacketLink&) = delete;
     PacketLink& operator=(const PacketLink&) = delete;
 
-    // Sends one packet, at the latest with the packet of its message that leaves last. Waits while
-    // the peer takes nothing: up to 192 KiB are on their way in either system then, and no more.
-    // False once the link is closed, which also ends the waiting. Any thread.
+    // Sends one packet, at the latest with the last packet of its message. Blocks while the peer
+    // takes nothing: at most 192 KiB are buffered in either system then.
+    // False once the link is closed, which also ends the wait. Any thread.
     bool send(const void* packet, std::uint32_t length);
 
     // Ends the link for `reason` (the first one counts). Any thread, also from inside `receive`.
     void close(const std::string& reason);
 
-    // Closes, and returns when `receive` is not called any more. Not from inside `receive`.
+    // Closes, and returns when `receive` will not be called again. Not from inside `receive`.
     void end(const std::string& reason);
 
     // A descriptor that becomes readable when the link has ended.
@@ -48,7 +47,7 @@ public:
 
 private:
     void readLoop(std::uint32_t maxPacket, const Receiver& receive);
-    // Waits while the peer takes nothing. False once the link is closed.
+    // Blocks while the peer takes nothing. False once the link is closed.
     bool sendGathered() NORVO_REQUIRES(m_sending);
 
     const std::unique_ptr<ByteChannel> m_bytes;

@@ -6,11 +6,11 @@
 
 namespace vcctl {
 
-// Loads `path`, or when it is empty the library that belongs to this program (beside it in a
+// Loads `path`, or if empty, the library that belongs to this program (beside it in a
 // build, in the library directory of an installation). Throws CommandError.
 hosts::Plugin loadPlugin(const std::string& path);
 
-// Where the library that belongs to this program is; its bare name when it is in neither place.
+// The path of the library that belongs to this program; its bare name if it is in neither place.
 std::string ownPluginPath();
 
 }  // namespace vcctl

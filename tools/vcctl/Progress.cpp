@@ -31,7 +31,7 @@ Progress::~Progress() {
     try {
         draw(std::chrono::steady_clock::now());
     } catch (const std::exception&) {
-        m_drawn = {};  // a progress line that cannot be drawn is no reason to fail
+        m_drawn = {};  // failing to draw a progress line is not an error
     }
     std::fputc('\n', stderr);
 }

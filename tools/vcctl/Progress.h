@@ -10,8 +10,8 @@ namespace vcctl {
 // "1.5 MiB", "12 B"
 std::string formatBytes(double bytes);
 
-// A line on standard error that tells how far a transfer is, redrawn at most ten times a second:
-// a bar when the total is known, and the rate. Draws nothing unless standard error is a terminal.
+// A transfer's progress line on standard error, redrawn at most ten times a second:
+// a bar if the total is known, and the rate. Draws nothing unless standard error is a terminal.
 class Progress {
 public:
     Progress(std::string what, std::optional<std::uint64_t> totalBytes);

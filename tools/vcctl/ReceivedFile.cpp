@@ -18,7 +18,7 @@ namespace vcctl {
 namespace {
 
 constexpr std::size_t kBuffer = std::size_t{1} << 18;
-// The disk is told of so much at once: the end need not wait for the whole file.
+// Write-back starts after this many bytes, so the final sync need not wait for the whole file.
 constexpr std::uint64_t kWriteBack = std::uint64_t{8} << 20;
 
 std::string resolved(const std::string& target) {
@@ -105,7 +105,7 @@ void ReceivedFile::flush() { check(std::fflush(m_file) == 0); }
 
 void ReceivedFile::commit() {
     flush();
-    // What cannot be synced (a pipe, a terminal) says so with EINVAL or the like.
+    // A pipe or terminal cannot be synced: fsync() fails with EINVAL or the like.
     const bool synced = fsync(fileno(m_file)) == 0 || !isPart();
     check(synced);
     if (!isPart()) return;

@@ -11,15 +11,15 @@ namespace vcctl {
 
 // Where vcctl recv writes: a file, or standard output for "-".
 //
-// A file grows beside its target, as TARGET.part, and takes the target's place once it is whole and
-// on the disk. A target that is no ordinary file (a device, a FIFO) is written to directly.
+// A file grows beside its target, as TARGET.part, and replaces the target once it is complete and
+// on disk. A target that is not a regular file (a device, a FIFO) is written to directly.
 // Failures are CommandErrors.
 class ReceivedFile {
 public:
     enum class Kind {
         Part,      // a new part file
-        KeptPart,  // goes on with what is in the part file already
-        Direct,    // no part file: what comes has no end
+        KeptPart,  // continues an existing part file
+        Direct,    // no part file: the data may have no end
     };
     ReceivedFile(const std::string& target, Kind kind);
     // Removes an empty part file.
@@ -27,20 +27,20 @@ public:
     ReceivedFile(const ReceivedFile&) = delete;
     ReceivedFile& operator=(const ReceivedFile&) = delete;
 
-    // What the part file holds.
+    // Bytes in the part file.
     std::uint64_t size() const;
-    // Adds its bytes to `tally`.
+    // Adds the part file's bytes to `tally`.
     void count(TransferTally& tally) const;
-    // Goes back to the begin.
+    // Starts over: empties the part file.
     void clear();
 
     void write(const char* data, std::size_t length);
-    // Hands what was written to the system.
+    // Passes buffered data to the system.
     void flush();
-    // Has it on the disk, and under its name.
+    // Syncs the file to disk and gives it its final name.
     void commit();
 
-    // How to go on after a failure; empty when nothing is kept.
+    // How to continue after a failure; empty when nothing is kept.
     std::string advice() const;
 
 private:
@@ -57,7 +57,7 @@ private:
     std::FILE* m_file = nullptr;
     bool m_committed = false;
     std::uint64_t m_unwritten = 0;    // bytes since the last writeBack()
-    std::uint64_t m_writtenBack = 0;  // up to where it came
+    std::uint64_t m_writtenBack = 0;  // the offset up to which write-back was started
 };
 
 }  // namespace vcctl

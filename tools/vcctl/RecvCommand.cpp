@@ -1,4 +1,4 @@
-// vcctl recv: what comes out of a stream, to a file or standard output.
+// vcctl recv: writes a stream's messages to a file or standard output.
 #include <cerrno>
 #include <cstdio>
 #include <memory>
@@ -28,7 +28,7 @@ struct RecvOptions {
     bool resume = false;
 };
 
-// The next message; false when the wait for the first one is over.
+// Reads the next message; false when the wait for the first one has timed out.
 bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, ReceivedFile& output,
               std::string& message, std::chrono::steady_clock::time_point giveUp) {
     bool flushed = false;
@@ -51,7 +51,7 @@ void writeMessage(ReceivedFile& output, const RecvOptions& options, const std::s
     output.flush();
 }
 
-// What comes may have no end: it goes to the file itself as it comes.
+// The data may have no end, so it goes directly to the file as it comes.
 int recvRaw(const RecvOptions& options) {
     using Clock = std::chrono::steady_clock;
     SessionClient session;
@@ -74,7 +74,7 @@ int recvRaw(const RecvOptions& options) {
     return kOk;
 }
 
-// One connection's worth of a transfer: all of it, unless the connection is lost.
+// The part of a transfer over one connection: all of it, unless the connection is lost.
 class Receiving {
 public:
     Receiving(const RecvOptions& options, SessionClient& session, ReceivedFile& output)
@@ -148,7 +148,7 @@ private:
         return true;
     }
 
-    // Here the transfer has succeeded or failed, whether the sender hears of it or not.
+    // At this end the transfer has succeeded or failed, whether or not the sender learns of it.
     void giveVerdict(std::uint32_t failed, std::string text) {
         try {
             if (text.size() > kLongestVerdict) text.resize(kLongestVerdict);

@@ -1,4 +1,4 @@
-// vcctl send: a file or standard input into a stream.
+// vcctl send: sends a file or standard input into a stream.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -59,12 +59,12 @@ public:
         return isFile ? std::optional<std::uint64_t>(status.st_size) : std::nullopt;
     }
 
-    // The next message; false at the end of the input.
+    // Reads the next message; false at the end of the input.
     bool next(std::string& message) {
         return m_options.lines ? nextLine(message) : nextBlock(message);
     }
 
-    // Goes to byte `offset` if what lies before has that checksum, else to the begin; only for
+    // Seeks to `offset` if the bytes before it have that checksum, else to the beginning; only for
     // files.
     std::uint64_t continueAt(std::uint64_t offset, std::uint64_t checksum, TransferTally& tally) {
         TransferTally before;
@@ -111,8 +111,7 @@ private:
         return !m_ahead.empty();
     }
 
-    // 0 at the end. Waits where a signal that stops the program is seen, which a read would sleep
-    // on.
+    // 0 at the end. Waits in a poll that a stop signal interrupts; a read would sleep on.
     std::size_t readSome(char* to, std::size_t size) const {
         pollfd waited[2] = {{m_fd, POLLIN, 0}, {StopSignal::descriptor(), POLLIN, 0}};
         for (;;) {
@@ -135,7 +134,7 @@ private:
     std::string_view m_ahead;
 };
 
-// Tries `step` again and again, until it is done or for `wait` seconds.
+// Retries `step` until it succeeds, for up to `wait` seconds.
 template <class Step>
 void insist(NorvoStreamClient::Stream& stream, SessionClient& session, double wait, Step step) {
     const auto giveUp = after(wait);
@@ -163,7 +162,7 @@ int sendRaw(const SendOptions& options) {
     Progress progress("send " + options.stream, input.size());
     std::string message;
     while (messages < options.count && input.next(message)) {
-        if (message.empty()) continue;  // the streams know no empty message
+        if (message.empty()) continue;  // streams have no empty messages
         write(*stream, session, message, options.wait);
         ++messages;
         progress.add(message.size());
@@ -173,7 +172,7 @@ int sendRaw(const SendOptions& options) {
     return kOk;
 }
 
-// One connection's worth of a transfer: all of it, unless the connection is lost.
+// The part of a transfer over one connection: all of it, unless the connection is lost.
 class Sending {
 public:
     Sending(const SendOptions& options, SessionClient& session, Input& input, Progress& progress)
@@ -187,13 +186,13 @@ public:
         begin();
         try {
             sendAll();
-        } catch (const LinkLost&) {  // a receiver that goes early leaves its verdict
+        } catch (const LinkLost&) {  // a receiver that ends early sends its verdict first
             if (!m_hasVerdict && !m_link.hasInput()) throw;
         }
         if (!m_hasVerdict) takeVerdict();
         try {
             m_link.awaitEnd();
-        } catch (const LinkLost&) {  // the verdict was the last word: the receiver has it all
+        } catch (const LinkLost&) {  // the verdict came last: the receiver has everything
         }
     }
 
@@ -267,7 +266,7 @@ private:
     TransferTally m_tally;
     bool m_hasVerdict = false;
     std::uint64_t m_begin = 0;
-    std::uint64_t m_overhead = 0;  // of what was written to the connection
+    std::uint64_t m_overhead = 0;  // in what was written to the connection
 };
 
 int runSend(const SendOptions& options) {

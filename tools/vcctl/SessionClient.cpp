@@ -48,7 +48,7 @@ CommandError whyNotOpened(const std::string& name, unsigned int capacity, const 
                         status.reason() == Reason::InvalidArgument ? kUsage : kFailed);
 }
 
-// Any other name is possible, too, but more likely a slip.
+// Any other name is valid, too, but more likely a typo.
 void noteUnusualName(const std::string& name) {
     static constexpr std::string_view usual[] = {"Basic",         "Generic", "GenericUnReliable",
                                                  "LogCollection", "Media",   "StringCipher",

@@ -8,7 +8,7 @@
 
 namespace vcctl {
 
-// The stream client as the subcommands use it: waits end when the user stops, and failures are
+// The stream client for the subcommands: waits end when the user stops, and failures are
 // CommandErrors that say what to do.
 class SessionClient {
 public:
@@ -17,11 +17,11 @@ public:
 
     NorvoStreamClient::Client& client() { return m_client; }
 
-    // Says on standard error when the name is none of the channel's own.
+    // Notes on standard error if the name is not one of the channel's own.
     std::shared_ptr<NorvoStreamClient::Stream> open(const std::string& name,
                                                     NorvoStreamClient::Direction direction,
                                                     unsigned int capacity);
-    // The same for a connection: the end that calls, or the one that is called.
+    // The same for a connection, as the calling or the called end.
     std::shared_ptr<NorvoStreamClient::Connection> connection(
         const std::string& name, bool connects,
         const NorvoStreamClient::ConnectionOptions& options);
@@ -30,13 +30,12 @@ public:
     // Waits up to `seconds` for an agent in this session, connected or not.
     void waitForAgent(double seconds);
 
-    // For each moment of a wait without end, which should not be a silent one: says on standard
-    // error, once `stream` (when given, else the agent) has been away for a moment, why nothing
-    // comes.
+    // Call repeatedly during an unlimited wait: once `stream` (or without one, the agent) has been
+    // away for a moment, says on standard error why nothing comes.
     void noteSilence(NorvoStreamClient::Stream* stream = nullptr);
 
     void noteSilence(const NorvoStreamClient::Status& status, const std::string& streamName);
-    // What a failure means here, and what to do.
+    // What a failure means in this session, and what to do.
     std::string explain(const NorvoStreamClient::Status& status, const std::string& streamName);
 
 private:
@@ -54,7 +53,7 @@ std::string sessionText();
 // The point in time `seconds` from now.
 std::chrono::steady_clock::time_point after(double seconds);
 
-// Waits end at least this often, to look at the stop signal.
+// Waits end at least this often, to check for the stop signal.
 inline constexpr std::chrono::milliseconds kPollTime{100};
 
 }  // namespace vcctl

@@ -6,10 +6,10 @@
 
 namespace vcctl {
 
-// The option of IPPROTO_TCP for the seconds of silence before the first keep-alive probe.
+// The IPPROTO_TCP option for the idle seconds before the first keep-alive probe.
 extern const int kKeepAliveIdle;
 
-// The user who is at the other end of a Unix-domain socket; empty when the system does not tell.
+// The user ID of a Unix-domain socket's peer; empty when the system does not provide it.
 std::optional<uid_t> peerUser(int socket);
 
 }  // namespace vcctl

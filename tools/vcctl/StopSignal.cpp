@@ -50,7 +50,7 @@ void StopSignal::install() {
     sigaction(SIGTERM, &action, nullptr);
     struct sigaction before {};
     sigaction(SIGHUP, &action, &before);
-    if (before.sa_handler == SIG_IGN) keepOnHangUp();  // as nohup wants it
+    if (before.sa_handler == SIG_IGN) keepOnHangUp();  // as set by nohup
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
 }

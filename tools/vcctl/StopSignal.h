@@ -4,29 +4,29 @@
 
 namespace vcctl {
 
-// SIGINT, SIGTERM and SIGHUP (stop, unless it was ignored when the process started) as something to
-// wait for. One per process: install() is called once, by main. A third stop signal ends the
-// process at once, for a user who has lost patience. Whoever drains asks requested() afterwards.
+// Makes SIGINT, SIGTERM and SIGHUP (a stop unless ignored when the process started) something to
+// wait for. One per process: main calls install() once. A third stop signal ends the process at
+// once, for an impatient user. After drain(), check requested().
 class StopSignal {
 public:
     static void install();
-    // Gives the signals back to the system: for a command that leaves nothing behind.
+    // Stops handling the signals: for a command that leaves nothing behind.
     static void release();
     static bool requested();
-    // Throws the CommandError of an interruption when it is.
+    // Throws the CommandError of an interruption if a stop was requested.
     static void throwIfRequested();
-    // From here on SIGHUP does not stop the process, but asks it to drop its connection.
+    // From now on SIGHUP does not stop the process, but asks it to drop its connection.
     static void keepOnHangUp();
-    // Whether a SIGHUP that does not stop the process came since the last call.
+    // Whether such a SIGHUP has come since the last call.
     static bool takeHangUp();
-    // A descriptor that becomes readable with a signal, until drain().
+    // A descriptor that is readable from a signal until drain().
     static int descriptor();
     static void drain();
-    // Waits up to `milliseconds`, or until a signal comes; true when the user wants to stop.
+    // Waits up to `milliseconds` or for a signal; true when the user wants to stop.
     static bool wait(int milliseconds);
 };
 
-// Stops the process, as SIGTERM does, once its standard input has no writer any more: for a child
+// Stops the process like SIGTERM once its standard input has no writer: for a child
 // that must not outlive the program that started it. Reads nothing.
 class StopWithInput {
 public:

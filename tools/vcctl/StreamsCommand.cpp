@@ -1,4 +1,4 @@
-// vcctl streams: the segments of this session, and whether anything moves in them.
+// vcctl streams: lists this session's segments and their traffic.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/ioctl.h>
@@ -32,7 +32,7 @@ struct StreamsOptions {
     double interval = 1;
 };
 
-// One look at a segment's header.
+// One snapshot of a segment's header.
 struct Look {
     std::uint64_t capacity;
     long newId;
@@ -59,7 +59,7 @@ std::optional<Look> lookAt(const std::string& name) {
     return look;
 }
 
-// By the name: only the two INFO segments of an agent are broadcast ones.
+// Judged by name: only an agent's two INFO segments are broadcast segments.
 bool isBroadcast(const std::string& name) { return VDIFrameworkCommon::isInfoSegment(name); }
 
 std::string waitingText(const std::string& name, const Look& look) {
@@ -100,8 +100,7 @@ std::string table(const Looks& before, const Looks& after) {
     return text;
 }
 
-// How many rows of the terminal `text` takes, long lines being broken; 0 where there is no
-// terminal.
+// How many terminal rows `text` takes, counting wrapped lines; 0 without a terminal.
 std::size_t rowsOf(const std::string& text) {
     winsize window{};
     if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0) return 0;

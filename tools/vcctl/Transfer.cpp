@@ -39,7 +39,7 @@ void TransferLink::check(const Status& status) const {
     StopSignal::throwIfRequested();
     if (status || mayPass(status)) {
         if (status) return;
-        // A call that did not do all in its time; the connection itself says when it is over.
+        // The call timed out before it was complete; the connection itself says when it has failed.
         if (const Status now = m_connection->status(); !now) fail(now);
         return;
     }

@@ -1,12 +1,12 @@
-// What vcctl send and vcctl recv say to each other over a connection. All numbers are
+// The protocol of vcctl send and vcctl recv over a connection. All numbers are
 // little-endian.
 //
-//   receiver: "NVXOFFER", what it has already (bytes), their checksum
+//   receiver: "NVXOFFER", how many bytes it already has, their checksum
 //   sender:   "NVXSTART", where it starts (what the receiver has, or 0), the whole length or ~0
 //             messages: length (4 bytes), bytes
 //             end: ~0 (4 bytes), then of the whole file its length and checksum
 //   receiver: verdict, as soon as there is one: 0 or 1 (4 bytes), length of a text (4 bytes), text:
-//             for 0 how many bytes it has taken, in decimal, for 1 why it failed
+//             for 0 the bytes it has taken, in decimal, for 1 why it failed
 //
 // A checksum is XXH3_64bits, seed 0.
 #pragma once
@@ -21,7 +21,7 @@
 
 namespace vcctl {
 
-// The partner is gone, or nobody can reach it any more.
+// The partner is gone or unreachable.
 class LinkLost : public CommandError {
 public:
     LinkLost(const std::string& text, bool wasOpen) : CommandError(text), m_wasOpen(wasOpen) {}
@@ -31,7 +31,7 @@ private:
     const bool m_wasOpen;
 };
 
-// The receiver has ended the transfer before its end.
+// The receiver has ended the transfer early.
 class Refused : public CommandError {
 public:
     using CommandError::CommandError;
@@ -42,7 +42,7 @@ class TransferLink {
 public:
     enum class Role { Send, Receive };
 
-    // `wait`: seconds for the partner to come (0: without limit), and for the streams to be down.
+    // `wait`: seconds to wait for the partner (0: no limit), and for the streams to be down.
     TransferLink(SessionClient& session, const std::string& name, Role role, unsigned int capacity,
                  double wait);
 
@@ -53,25 +53,25 @@ public:
     void write(const void* data, std::size_t length) {
         write(data, length, [] {});
     }
-    // All of it; `meanwhile` as above.
+    // Transfers all of it; `meanwhile` as above.
     template <class Meanwhile>
     void read(void* data, std::size_t length, Meanwhile meanwhile);
     void read(void* data, std::size_t length) {
         read(data, length, [] {});
     }
-    // Whether the partner has said something, at once.
+    // Whether data from the partner is available; does not wait.
     bool hasInput();
     void finish();
-    // Reads, and drops, until the partner has finished, too: only then is nobody cut off.
+    // Reads and discards until the partner has finished, too, so that neither end is cut off.
     void awaitEnd();
-    // Waits up to `limit` until the partner has everything; false when it has not.
+    // Waits up to `limit` until the partner has everything; false on time-out.
     bool settle(std::chrono::seconds limit);
     std::uint64_t acknowledged() const { return m_connection->acknowledged(); }
 
     void writeNumber(std::uint64_t number) { write(&number, sizeof number); }
     std::uint64_t readNumber();
     void writeTag(const char* tag) { write(tag, 8); }
-    // Fails when it is another one.
+    // Fails if another tag comes.
     void expectTag(const char* tag);
 
 private:

@@ -5,7 +5,7 @@
 
 namespace vcctl {
 
-// What passed so far, and its checksum: XXH3_64bits, seed 0 (https://github.com/Cyan4973/xxHash).
+// Bytes so far and their checksum: XXH3_64bits, seed 0 (https://github.com/Cyan4973/xxHash).
 class TransferTally {
 public:
     TransferTally();
@@ -18,10 +18,10 @@ public:
     std::uint64_t bytes() const { return m_bytes; }
     std::uint64_t checksum() const;
 
-    // Counts what a file holds from its begin to `end`; throws CommandError.
+    // Counts a file's bytes from its beginning to `end`; throws CommandError.
     void addFile(int descriptor, std::uint64_t end, const std::string& name);
 
-    // Back to the begin.
+    // Resets to zero.
     void clear();
 
 private:

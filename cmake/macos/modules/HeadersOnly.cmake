@@ -1,6 +1,6 @@
-# norvo_headers_only(<target> <name>... [DEFINE <definition>...]): the imported target of a library
-# whose headers are all there is to it, from the building machine's /usr/include. Only the names
-# given are shown to the compiler: the rest of /usr/include belongs to another system.
+# norvo_headers_only(<target> <name>... [DEFINE <definition>...]): the imported target of a
+# header-only library in the build machine's /usr/include. Only the given names are visible to the
+# compiler: the rest of /usr/include belongs to another system.
 function(norvo_headers_only target)
     cmake_parse_arguments(LIBRARY "" "" "DEFINE" ${ARGN})
     if(TARGET ${target})
