@@ -51,7 +51,7 @@ std::optional<bool> AgentState::hearProcess(unsigned int processId, bool connect
     const bool isAnother = m_lastProcessId != 0 && m_lastProcessId != processId;
     m_generation += isAnother ? 1 : 0;
     m_processId = m_lastProcessId = processId;
-    // Of a connection there was news, which a first answer may be older than.
+    // A connection was reported by a notification, which may be newer than the first answer.
     return enter(next(isAnother || !isConnected() ? Phase::Absent : m_phase, says));
 }
 

@@ -4,22 +4,22 @@
 
 namespace NorvoStreamClient {
 
-// What a client knows of the agent. Not thread-safe.
+// What a client knows about the agent. Not thread-safe.
 //
-// The agent is absent, there, or there and connected to a far end. What it says in "VCProcessId"
-// may have been composed just before the agents found or lost each other and arrive just after the
-// news of that. So where it contradicts what is known of the same agent, the state is only doubted,
-// and believed when a second one says the same.
+// The agent is absent, present, or present and connected to its peer. A "VCProcessId" may have been
+// composed just before the agents connected or disconnected and arrive just after that
+// notification. So one that contradicts what is known about the same agent only puts the state in
+// doubt; a second one that says the same is believed.
 class AgentState {
 public:
     enum class Phase { Absent, Apart, ApartDoubted, Connected, ConnectedDoubted };
     enum class Event { Answers, Silent, ChannelUp, ChannelDown, SaysConnected, SaysApart };
 
-    // Each changes the state; the result is the new state of the connection when that changed.
+    // Each returns the new connection state if that changed.
     std::optional<bool> apply(Event event);
     // "VCProcessId": the agent's process and whether it is connected.
     std::optional<bool> hearProcess(unsigned int processId, bool connected);
-    // This process stood still: another agent may have taken the place of the one that is known.
+    // This process was suspended: another agent may have replaced the known one.
     void forgetProcess();
 
     bool isThere() const { return m_phase != Phase::Absent; }
@@ -29,9 +29,9 @@ public:
     bool isDoubted() const {
         return m_phase == Phase::ApartDoubted || m_phase == Phase::ConnectedDoubted;
     }
-    // 0 while none has been heard.
+    // 0 while unknown.
     unsigned int processId() const { return m_processId; }
-    // Grows whenever the agent was lost or another took its place.
+    // Incremented whenever the agent is lost or replaced.
     unsigned int generation() const { return m_generation; }
 
 private:
@@ -40,7 +40,7 @@ private:
 
     Phase m_phase = Phase::Absent;
     unsigned int m_processId = 0;
-    unsigned int m_lastProcessId = 0;  // also after it was forgotten
+    unsigned int m_lastProcessId = 0;  // kept when that is forgotten
     unsigned int m_generation = 0;
 };
 

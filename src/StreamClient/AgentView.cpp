@@ -13,20 +13,19 @@ using VDIFrameworkCommon::MessageBuilder;
 
 namespace {
 
-// A stream that has not come up by then is asked for again: the request may have been lost.
+// A stream that is not up by then is requested again: the request may have been lost.
 constexpr auto kStreamRequestPause = 3s;
 constexpr auto kProcessIdPause = 500ms;
 constexpr auto kDoubtPause = 100ms;
-// A roll call (RequestNotifyStream) is answered with one message per running stream: ask soon, then
-// ever more rarely.
+// A roll call (RequestNotifyStream) is answered with one message per running stream: poll soon,
+// then less and less often.
 constexpr auto kFirstRollCallPause = 20ms;
 constexpr auto kLongestRollCallPause = 1s;
 constexpr auto kSignOfLifePause = 2s;
 // A living agent takes a request within about 20 ms, unless its process is starved or suspended.
 constexpr auto kPatience = 2s;
 constexpr auto kPatienceWithTheAbsent = 200ms;
-// Longer than this between two looks: this process stood still, and others may have gone on
-// without it.
+// A longer gap between two looks means that this process was suspended and others may have gone on.
 constexpr auto kStandstill = 3s;
 // More streams than an agent serves.
 constexpr std::size_t kMostHeardOf = 1024;
@@ -164,7 +163,7 @@ std::optional<bool> AgentView::hearProcessId(const Notification& notification,
 
 void AgentView::hearStreamUp(const Notification& notification, Clock::time_point now) {
     if (notification.fields.size() < 2) return;
-    // Whoever called the roll, all hear the answers.
+    // All clients receive the answers, whichever of them polled.
     m_nextRollCall = std::max(m_nextRollCall, now + m_rollCallPause);
     const bool reads = notification.fields[1] == "READ";
     if (m_heardOf.size() < kMostHeardOf)
@@ -238,7 +237,8 @@ std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
         m_rollCallPause = std::min<Clock::duration>(m_rollCallPause * 2, kLongestRollCallPause);
         return Due{"RequestNotifyStream", {}, patience(), now};
     }
-    // While they are apart it asks for the state as well: the news of a change may have been lost.
+    // While disconnected it also requests the state: the notification of a change may have been
+    // lost.
     if (m_nextSignOfLife <= now)
         return Due{m_state.isConnected() ? "" : "RequestVCProcessId", {}, patience(), now};
     return std::nullopt;
@@ -246,12 +246,12 @@ std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
 
 std::optional<bool> AgentView::finished(const Due& request, bool taken, Clock::time_point now) {
     LocalLock lock(m_mutex);
-    // An agent that starts drops what lies in its segment, and is heard all the same.
+    // A starting agent drops what is in its segment, but its notifications still arrive.
     if (!taken) return m_lastHeard > request.since ? std::nullopt : losesAgent(now);
     apply(AgentState::Event::Answers);
     m_nextSignOfLife = now + kSignOfLifePause;
     const auto found = m_streams.find(request.stream);
-    // A stream that was closed meanwhile may have been opened anew, as another one.
+    // The stream may have been closed and reopened with other parameters meanwhile.
     if (found != m_streams.end() && requestText(*found) == request.text) {
         found->second.nextRequest = now + kStreamRequestPause;
         callTheRollSoon();

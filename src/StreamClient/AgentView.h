@@ -13,40 +13,39 @@ namespace NorvoStreamClient {
 
 using Clock = std::chrono::steady_clock;
 
-// What this process knows of the agent and its streams, from the notifications that it has heard
-// and from which requests the agent took, and what it should ask next. Knows no segment and no
-// thread: both are its users'. Thread-safe.
+// What this process knows about the agent and its streams, from the notifications received and the
+// requests taken, and what to request next. Has no segment and no thread of its own. Thread-safe.
 //
-// An agent shows that it is there by taking requests. An agent that does not take a request is
-// considered gone: the connection ends, every stream is down, and a probe is made from time to time
-// until an agent takes it. All that this process wants is then asked for again.
+// An agent proves its presence by taking requests. An agent that does not take a request is
+// considered gone: the connection ends, every stream is down, and a probe is sent periodically
+// until an agent takes it. Everything this process wants is then requested again.
 class AgentView {
 public:
-    // Something to send to the agent now; an empty text is a mere sign of life.
+    // Something to send to the agent now; an empty text is a heartbeat.
     struct Due {
         std::string text;
-        std::string stream;                  // the stream it asks for, if any
+        std::string stream;                  // the stream it requests, if any
         std::chrono::milliseconds patience;  // for the agent to take it
         Clock::time_point since;
     };
     struct Heard {
         std::optional<bool> connectionChange;  // the new state
-        bool isNews;                           // worth telling to the program
+        bool isNews;                           // worth reporting to the program
     };
 
     struct Agent {
         unsigned int processId;
-        unsigned int generation;  // grows whenever the agent was lost or replaced
+        unsigned int generation;  // incremented whenever the agent is lost or replaced
     };
 
     // AlreadyOpen or Closed when it cannot be added.
     Status mayAddStream(const std::string& name) const;
-    // The same when it fails.
+    // The same errors.
     Status addStream(const std::string& name, Direction direction, unsigned int capacity);
     void removeStream(const std::string& name);
 
     bool isUp(const std::string& name) const { return static_cast<bool>(standing(name)); }
-    // No failure when the stream is up, otherwise what it lacks: InUseOtherDirection, NoAgent,
+    // Success when the stream is up, otherwise what it lacks: InUseOtherDirection, NoAgent,
     // NotConnected, NotTakenUp or Closed.
     Status standing(const std::string& name) const;
     // Waits until the stream is up, is found to be in use in the other direction, or is closed.
@@ -54,25 +53,24 @@ public:
     bool isConnected() const;
     // NoAgent, NotConnected or Closed when it fails.
     Status waitUntilConnected(Clock::time_point deadline) const;
-    // NoAgent or Closed; no failure when an agent is there.
+    // Success when an agent is there, else NoAgent or Closed.
     Status agentStanding() const;
     Agent agent() const;
-    // The direction in which local processes use the stream `name`, as far as the agent has told;
-    // if it has told only of `opposite`, the other one than that has. Waits until it tells of
-    // either.
+    // The direction in which local processes use the stream `name`, as reported by the agent; if
+    // only `opposite` was reported, the reverse of its direction. Waits until either is reported.
     std::optional<Direction> waitForDirection(const std::string& name, const std::string& opposite,
                                               Clock::time_point deadline) const;
     unsigned int agentProcessId() const { return agent().processId; }
 
     Heard hear(const Notification& notification, Clock::time_point now);
-    // The program asks for the process ID itself: the answer is news even if it is the known one.
+    // The program itself requests the process ID: the answer is reported even if the ID is known.
     void expectProcessId();
 
-    // What to send now, if anything. Its fate must be told with finished() before the next call.
+    // What to send now, if anything. Report the outcome with finished() before the next call.
     std::optional<Due> due(Clock::time_point now);
-    // The new state when that changed the connection.
+    // Returns the new connection state if that changed.
     std::optional<bool> finished(const Due& request, bool taken, Clock::time_point now);
-    // The agent may be gone: makes a sign of life due at once.
+    // The agent may be gone: makes a heartbeat due at once.
     void suspect();
 
     // Sleeps until something is due, at most until `latest`. False once closed.
@@ -86,12 +84,11 @@ private:
         Direction direction;
         unsigned int capacity;
         bool up = false;
-        bool otherDirection = false;      // so the agents carry it
-        Clock::time_point nextRequest{};  // while not up; long ago: at once
+        bool otherDirection = false;      // the agents carry it the other way
+        Clock::time_point nextRequest{};  // while not up; {}: at once
     };
 
-    // After each change of the state: what this process wants is asked for again if the connection
-    // changed or another agent is there.
+    // After each state change: requests everything again if the connection or the agent changed.
     std::optional<bool> follow(std::optional<bool> change, unsigned int processIdBefore)
         NORVO_REQUIRES(m_mutex);
     std::optional<bool> apply(AgentState::Event event) NORVO_REQUIRES(m_mutex);
@@ -116,7 +113,7 @@ private:
     mutable VDIFrameworkCommon::LocalCondition m_changed;
     std::map<std::string, Entry> m_streams NORVO_GUARDED_BY(m_mutex);
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
-    // Of every stream of which the agent has told since it was asked for all again.
+    // The streams reported by the agent since everything was last requested again.
     std::map<std::string, Direction> m_heardOf NORVO_GUARDED_BY(m_mutex);
     AgentState m_state NORVO_GUARDED_BY(m_mutex);
     bool m_expectsProcessId NORVO_GUARDED_BY(m_mutex) = false;

@@ -26,11 +26,11 @@ using VDIFrameworkCommon::LocalLock;
 namespace {
 
 constexpr std::size_t kLongestName = 64;
-constexpr unsigned int kLargestCapacity = 64u << 20;  // as much as an agent makes
-// How often the asker looks at the agent's process even if nothing is due.
+constexpr unsigned int kLargestCapacity = 64u << 20;  // the most that an agent creates
+// How often the request thread checks the agent's process even if nothing is due.
 constexpr auto kLongestSleep = std::chrono::milliseconds(500);
-// For a request to an agent whose process has ended; more than none, because the process ID it
-// reports need not be the agent's own.
+// For a request to an agent whose process has ended. Not 0, because the reported process ID need
+// not be the agent's own.
 constexpr auto kPatienceWithTheDead = std::chrono::milliseconds(300);
 constexpr auto kListenPause = std::chrono::seconds(1);
 constexpr auto kPauseAfterFailure = std::chrono::milliseconds(100);
@@ -50,7 +50,7 @@ std::string textOf(const std::string& operation, const std::vector<std::string>&
     return text.msg();
 }
 
-// The segments' names and the read/write gate look at the process, not at the client object.
+// The segments' names and the read/write gate depend on the process, not on the client object.
 void declareProcess() {
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
     VDIFrameworkCommon::VDIClientInfo::getInstance().setClientType(
@@ -250,7 +250,7 @@ std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, 
     if (const Status free = m_view->mayAddStream(name); !free) return failed(free);
     auto impl = std::make_shared<Stream::Impl>(name, direction, m_view);
     if (const Status ready = impl->setUp(capacity); !ready) return failed(ready);
-    // The agent is asked from here on, and is to find that this process has the segment open.
+    // The agent may be asked from here on, and must find that this process has the segment open.
     if (const Status added = m_view->addStream(name, direction, capacity); !added)
         return failed(added);
     std::erase_if(m_streams, [](const auto& stream) { return stream.expired(); });
@@ -259,7 +259,7 @@ std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, 
 }
 
 Status Client::Impl::checkConnection(const std::string& name, const ConnectionOptions& options) {
-    constexpr std::size_t kLongestConnectionName = kLongestName - 5;  // of ".back"
+    constexpr std::size_t kLongestConnectionName = kLongestName - 5;  // for ".back"
     const bool possible = isPossibleName(name) && name.size() <= kLongestConnectionName &&
                           options.capacity >= 128 && options.capacity <= kLargestCapacity &&
                           options.window >= (64u << 10) && options.window <= (64u << 20) &&

@@ -16,9 +16,10 @@
 
 namespace NorvoStreamClient {
 
-// Joins the parts. Three threads: the INFO output segment's read thread hears the agent, the asker
-// sends what the view says is due, and the teller calls the program's callbacks, so that a slow
-// callback holds up neither of them, nor the agent and its other clients.
+// Ties the client's parts together. Three threads: the INFO output segment's read thread receives
+// notifications, the request thread (m_asker) sends what the view says is due, and the callback
+// thread (m_teller) calls the program's callbacks. So a slow callback delays neither the other two,
+// nor the agent and its other clients.
 class Client::Impl : public shared_memory::SharedMemoryObserverI {
 public:
     explicit Impl(Options options);
@@ -26,11 +27,11 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    // A connection's streams are for one program alone: InUse while another has its end open.
+    // A connection's streams are for one program only: InUse while another has the same end open.
     enum class For { Anyone, OneProgram };
     OpenedStream openStream(const std::string& name, Direction direction, unsigned int capacity,
                             For users = For::Anyone);
-    // Of a connection's name.
+    // Whether a connection's name and options are valid.
     static Status checkConnection(const std::string& name, const ConnectionOptions& options);
     Status request(const std::string& operation, const std::vector<std::string>& fields,
                    Clock::time_point deadline);
@@ -48,10 +49,10 @@ private:
     using NewsQueue = VDIFrameworkCommon::BoundedQueue<News>;
     static constexpr std::size_t kMostNews = 1024;
 
-    // A change of the connection is not dropped while a notification can go.
+    // Drops a connection change only when no notification is left to drop.
     static void add(NewsQueue& queue, News news);
     void startThreads();
-    // Opens the segment of the notifications and listens; why that failed otherwise.
+    // Opens the notification segment and listens; returns why that failed.
     Status listen();
     void listenAfterAll();
     void askLoop();
@@ -66,12 +67,12 @@ private:
     const Options m_options;
     const std::shared_ptr<AgentView> m_view;
     RequestWriter m_requests;
-    // The asker's alone while that runs.
+    // Used only by the request thread while it runs.
     std::shared_ptr<shared_memory::SharedMemoryI> m_info;
     Clock::time_point m_nextListen{};
     std::atomic<bool> m_listens = false;
     mutable VDIFrameworkCommon::LocalMutex m_startMutex;
-    Status m_start NORVO_GUARDED_BY(m_startMutex);  // how setting up ended
+    Status m_start NORVO_GUARDED_BY(m_startMutex);  // result of the set-up
     const ForkGuard m_process;
     NewsQueue m_toTell{{kMostNews}};     // for the callbacks
     NewsQueue m_toCollect{{kMostNews}};  // for nextNotification
@@ -83,7 +84,7 @@ private:
     VDIFrameworkCommon::LocalMutex m_closeMutex;  // a second close waits for the first
     std::thread m_asker;
     std::thread m_teller;
-    // Set while the teller runs: to look at m_teller would race with its join.
+    // Set while the callback thread runs: reading m_teller would race with its join.
     std::atomic<std::thread::id> m_tellerId;
 };
 

@@ -18,11 +18,11 @@ constexpr auto kReadWait = 100ms;
 constexpr auto kWriteWait = 500ms;
 constexpr auto kLongestSleep = 500ms;
 constexpr auto kLastWords = 500ms;
-// How long the agent has to name the streams that it serves. It asks for those of the far end's
-// agent one every 5 ms once they have found each other.
+// How long the agent has to report its streams. Once the agents are connected it requests the peer
+// agent's streams, one every 5 ms.
 constexpr auto kRollCall = 100ms;
-// Of the 65536 bytes that are allowed: with the agents' fields they fill 44 packets of the RDP and
-// TCP kinds, and few more bytes would need another.
+// Of the 65536 bytes allowed: with the agents' fields they fill 44 RDP and TCP packets, and a few
+// more bytes would need another packet.
 constexpr std::size_t kLargestFrame = 64800;
 constexpr const char* kBackSuffix = ".back";
 
@@ -327,7 +327,7 @@ bool Connection::Impl::waitForFrame(ConnectionMachine::Frame& frame) {
     }
 }
 
-// False when there is nothing left to live for.
+// False when the writer should end.
 bool Connection::Impl::send(const std::string& frame) {
     for (;;) {
         const Status sent = m_out->write(frame.data(), frame.size(), kWriteWait);
@@ -335,7 +335,7 @@ bool Connection::Impl::send(const std::string& frame) {
         LocalLock lock(m_mutex);
         if (m_closed && Clock::now() >= m_lastWords) return false;
         if (sent.reason() == Reason::Closed || !m_failure) return false;
-        // Whatever is to be sent then, it is not this frame of data.
+        // A failed machine has nothing to send but a Reset: this frame is dropped.
         if (m_machine.state() == ConnectionMachine::State::Failed) return true;
     }
 }

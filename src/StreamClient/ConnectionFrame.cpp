@@ -6,9 +6,9 @@ namespace NorvoStreamClient {
 
 namespace {
 
-constexpr char kMagic[4] = {'N', 'V', 'C', 1};  // the last is the version
+constexpr char kMagic[4] = {'N', 'V', 'C', 1};  // the last byte is the version
 
-// The header as it lies in a frame; integers are little-endian, as on both supported processors.
+// The header as laid out in a frame; integers are little-endian, as on both supported processors.
 struct Header {
     char magic[4];
     std::uint8_t kind;

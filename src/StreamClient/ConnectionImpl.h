@@ -14,15 +14,15 @@
 
 namespace NorvoStreamClient {
 
-// A machine between two streams. Two threads: one opens the streams and hands the machine what it
-// reads, the other writes what the machine gives.
+// A ConnectionMachine between two streams. Two threads: the reader opens the streams and passes
+// what it reads to the machine; the writer sends the machine's frames.
 class Connection::Impl {
 public:
     using Role = ConnectionMachine::Role;
 
     Impl(std::shared_ptr<Client::Impl> client, std::string name, Role role,
          const ConnectionOptions& options);
-    // One that could not be opened.
+    // A connection that could not be opened.
     Impl(std::shared_ptr<Client::Impl> client, std::string name, Status failure);
     ~Impl() { close(); }
     Impl(const Impl&) = delete;
@@ -40,7 +40,7 @@ public:
     void close();
     bool isForkedChild() const { return m_process.isForkedChild(); }
 
-    // What `client` gives the program.
+    // What Client::connect and Client::accept return.
     static OpenedConnection open(const std::shared_ptr<Client::Impl>& client,
                                  const std::string& name, Role role,
                                  const ConnectionOptions& options);
@@ -51,7 +51,7 @@ private:
     // Reader
     void readLoop();
     Status layPair();
-    // Whether the other end's `name` stream leads here; nothing when no such stream exists yet.
+    // Whether the stream `name` is inbound here; nothing when no such stream is known yet.
     std::optional<bool> lookUpPair();
     Status openPair(bool inbound);
     Status waitUntilUp();
@@ -65,7 +65,7 @@ private:
     bool mayGoOn();
 
     Status standing() const NORVO_REQUIRES(m_mutex);
-    // Wakes the writer if there is something to do for it before it would look by itself.
+    // Wakes the writer if it has something to do before its next wake-up.
     void wakeWriter() NORVO_REQUIRES(m_mutex);
     void wakeProgram() NORVO_REQUIRES(m_mutex);
     // Waits for the next change. False at the deadline.
@@ -88,7 +88,7 @@ private:
     bool m_finished NORVO_GUARDED_BY(m_mutex) = false;
     bool m_paired NORVO_GUARDED_BY(m_mutex) = false;
     Clock::time_point m_writerWakes NORVO_GUARDED_BY(m_mutex){};
-    Clock::time_point m_lastWords NORVO_GUARDED_BY(m_mutex){};  // when even these are given up
+    Clock::time_point m_lastWords NORVO_GUARDED_BY(m_mutex){};  // deadline of the final frames
     int m_programWaits NORVO_GUARDED_BY(m_mutex) = 0;
 
     // Set by the reader before m_paired.

@@ -13,15 +13,15 @@ namespace {
 
 constexpr milliseconds kFirstGreetingPause{100};
 constexpr milliseconds kLongestGreetingPause{250};
-// Whoever said Hello and does not answer to the Welcome is not there any more.
+// A caller that does not answer the Welcome within this time is gone.
 constexpr milliseconds kLongestWelcome{5000};
 constexpr milliseconds kPingPause{2000};
-// When another program calls, the one that is connected must show itself within this.
+// When another program calls, the connected peer must be heard from within this time.
 constexpr milliseconds kPatienceBesideACaller{5000};
-// Longer than this between two looks at the time: this process stood still, and its partner may
+// A longer gap between two looks at the time means that this process was suspended and its peer may
 // have gone on.
 constexpr milliseconds kStandstill{3000};
-// A stranger's frames are rejected once in this time: a window of them may be on its way.
+// A stranger's frames are rejected once per this time: a whole window of them may be in flight.
 constexpr milliseconds kStrangerPause{500};
 
 }  // namespace
@@ -124,7 +124,7 @@ void ConnectionMachine::hearHello(const ConnectionFrame& frame, Time now) {
         m_peerPatience = std::min(m_peerPatience, kPatienceBesideACaller);
         m_nextPing = now;
     } else if (m_state == State::Open) {
-        m_nextGreeting = now;  // it has not got the Welcome
+        m_nextGreeting = now;  // it has not received the Welcome
     } else {
         m_peer = frame.from;
         m_out.forgetWindow();
@@ -142,7 +142,7 @@ void ConnectionMachine::hearWelcome(const ConnectionFrame& frame, Time now) {
     if (!isFromPeer(frame)) return;
     m_lastHeard = now;
     m_out.hear(frame, now);
-    m_nextPing = now;  // which tells the other end that the Welcome has come
+    m_nextPing = now;  // tells the peer that the Welcome arrived
 }
 
 void ConnectionMachine::hearReset(const ConnectionFrame& frame, Time now) {
@@ -160,7 +160,7 @@ void ConnectionMachine::hearData(const ConnectionFrame& frame, std::string messa
     if (m_out.hear(frame, now)) m_in.hear(frame, std::move(message), now);
 }
 
-// It belongs to a connection whose end at this side is gone, which the other side should know.
+// The frame belongs to a connection whose end here is gone; the peer should know.
 void ConnectionMachine::rejectStranger(const ConnectionFrame& frame, Time now) {
     if (frame.to == m_epoch || frame.to == 0 || m_state == State::Open) return;
     if (frame.from == m_lastStranger && now - m_strangerSince < kStrangerPause) return;

@@ -13,11 +13,11 @@
 
 namespace NorvoStreamClient {
 
-// One end of a connection, as docs/connections.md describes it: frames in, frames out, and what
-// time it is. Has no thread, stream or clock of its own. Not thread-safe.
+// One end of a connection (docs/connections.md): takes received frames and the time, returns frames
+// to send. Has no thread, stream or clock of its own. Not thread-safe.
 //
-// Frames may be lost, repeated, or come from an earlier connection at any time. What is read at one
-// end is nevertheless what was written at the other, and if that cannot be had the machine fails.
+// Frames may be lost, repeated, or belong to an earlier connection. One end still reads exactly
+// what the other wrote; where that is impossible the machine fails.
 class ConnectionMachine {
 public:
     using Time = std::chrono::steady_clock::time_point;
@@ -25,24 +25,25 @@ public:
 
     enum class Role { Connect, Accept };
     enum class State {
-        Calling,    // says Hello until it is welcomed
+        Calling,    // sends Hello until a Welcome arrives
         Listening,  // waits for a Hello
-        Welcoming,  // has answered one, and waits for a sign that this has arrived
+        Welcoming,  // has answered one, and waits for proof that the answer arrived
         Open,
         Failed,
     };
 
     struct Settings {
         std::size_t blockSize = 65536 - ConnectionFrame::kHeaderSize;
-        std::size_t capacity = 4u << 20;  // bytes, of either direction
+        std::size_t capacity = 4u << 20;  // bytes, in each direction
         std::uint32_t messages = 128;
-        // How long the other end may be silent while frames can pass.
+        // How long the peer may be silent while frames can pass.
         std::chrono::milliseconds peerTimeout{20000};
-        // How long no frames may be able to pass.
+        // How long the path may be down.
         std::chrono::milliseconds outage{60000};
     };
 
-    // `epoch` is this end's: a random number other than 0 that no connection had before.
+    // `epoch` identifies this end: a random number other than 0, not used by any earlier
+    // connection.
     ConnectionMachine(Role role, std::uint64_t epoch, Settings settings, Time now);
 
     // --- from the path ---
@@ -51,35 +52,35 @@ public:
     void setPath(bool isUp, Time now);
 
     // --- from the program ---
-    // The bytes taken over or moved out; may be fewer than asked for, also none.
+    // Returns the bytes accepted or read; may be fewer than requested, even 0.
     std::size_t write(const char* data, std::size_t length);
     std::size_t read(char* data, std::size_t length);
-    // Nothing more is written.
+    // Ends the outgoing direction.
     void finish();
-    // Fails, and tells the other end.
+    // Fails, and notifies the peer.
     void abort(Time now);
 
-    // Fails if a time-out is over.
+    // Acts on expired time-outs.
     void lookAtTime(Time now);
 
     // --- to the path ---
-    // The next frame to send now; null when there is none. Looks at the time-outs, too. A frame is
-    // not changed before the next call.
+    // The next frame to send now; null when there is none. Also acts on expired time-outs. A frame
+    // stays unchanged until the next call.
     Frame nextFrame(Time now);
     bool hasFrame(Time now) const;
-    // When to ask again if nothing happens before.
+    // When to call again if nothing happens before.
     Time nextWakeUp() const;
 
     State state() const { return m_state; }
     bool isOpen() const { return m_state == State::Open; }
-    // Why it failed; no failure before.
+    // Why it failed; success until then.
     const Status& failure() const { return m_failure; }
     bool hasData() const { return m_in.hasData(); }
-    // The other end has finished, and everything was read.
+    // The peer has finished, and everything was read.
     bool isAtEnd() const { return m_in.hasEnd() && !m_in.hasData(); }
-    // The other end has all that was written, and the end if this one has finished.
+    // The peer has everything that was written, including the end, if finished.
     bool isDrained() const { return m_out.isDrained(); }
-    // Both directions are over.
+    // Both directions are finished, and everything has arrived.
     bool isOver() const { return m_in.hasEnd() && m_out.isFinished() && m_out.isDrained(); }
     std::uint64_t acked() const { return m_out.acked(); }
     std::uint64_t written() const { return m_out.written(); }
@@ -110,7 +111,7 @@ private:
     const Settings m_settings;
     State m_state;
     Status m_failure;
-    std::uint64_t m_peer = 0;  // the other end's epoch
+    std::uint64_t m_peer = 0;  // the peer's epoch
     SendingHalf m_out;
     ReceivingHalf m_in;
 
@@ -123,7 +124,7 @@ private:
     Time m_nextPing;
     Time m_lastLook;
     std::chrono::milliseconds m_peerPatience;
-    // A Reset that is to be sent; to == 0: none.
+    // The Reset to send; none when to == 0.
     ConnectionFrame m_reset;
     std::uint64_t m_lastStranger = 0;
     Time m_strangerSince;

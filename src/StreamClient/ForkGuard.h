@@ -7,8 +7,8 @@
 
 namespace NorvoStreamClient {
 
-// Tells a child that was forked with an object from the process that made it. Threads do not
-// survive a fork, and locks may be held in the child for ever: it must leave the object alone.
+// Distinguishes a forked child from the process that created the object. Threads do not survive a
+// fork, and locks may stay held in the child for ever: it must leave the object alone.
 class ForkGuard {
 public:
     bool isForkedChild() const { return getpid() != m_maker; }
@@ -17,7 +17,7 @@ private:
     const pid_t m_maker = getpid();
 };
 
-// In a forked child the object is not destroyed when its owner lets go of it.
+// In a forked child, keeps the object alive when its owner releases it.
 template <class Object>
 void leaveToParent(const std::shared_ptr<Object>& object) {
     static auto& kept = *new std::vector<std::shared_ptr<Object>>;

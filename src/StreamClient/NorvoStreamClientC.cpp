@@ -39,7 +39,7 @@ int codeOf(const Status& status) {
                : static_cast<int>(status.reason());
 }
 
-// Nothing crosses the boundary as an exception.
+// No exception crosses the boundary.
 template <class Function>
 int guarded(Function function) noexcept {
     try {
@@ -61,7 +61,7 @@ bool describe(int errorNumber, char* text, size_t size) noexcept {
     }
 }
 
-// Texts that were taken from the client and did not fit the caller's buffer wait here.
+// Keeps texts taken from the client that did not fit the caller's buffer.
 class Leftovers {
 public:
     template <class Take>
@@ -123,8 +123,8 @@ struct StreamState {
 
 }  // namespace
 
-// A call keeps the state alive that it works on, so a handle may be closed while another thread
-// waits in a call on it.
+// A call keeps its state alive, so a handle may be closed while another thread waits in a call on
+// it.
 struct norvo_client {
     std::shared_ptr<ClientState> state;
 };

@@ -1,4 +1,4 @@
-/* The stream client of NorvoStreamClient.h for programs in C, and for all that speak C.
+/* C interface of the stream client in NorvoStreamClient.h.
  *
  *     norvo_client *client = norvo_client_open(NULL);
  *     norvo_stream *out = NULL;
@@ -8,12 +8,11 @@
  *     norvo_stream_close(out);
  *     norvo_client_close(client);
  *
- * A call that can fail returns NORVO_OK or one of the codes below: the reason, as of the call of
- * the same name in NorvoStreamClient.h, which lists what can come. Any call answers NORVO_INVALID
- * for a null handle or pointer, and NORVO_NO_MEMORY when memory runs out. Times are milliseconds; a
- * negative one means without limit. Everything may be called from several threads at once, except
- * that a handle must not be used after the call that closes it. Of fork() the same is true as in
- * NorvoStreamClient.h. */
+ * A call that can fail returns NORVO_OK or one of the codes below; the call of the same name in
+ * NorvoStreamClient.h lists its reasons. Any such call returns NORVO_INVALID for a null handle or
+ * pointer, and NORVO_NO_MEMORY when out of memory. Times are in milliseconds; a negative time means
+ * no limit. Everything is thread-safe, except that a handle must not be used after the call that
+ * closes it. fork(): as in NorvoStreamClient.h. */
 #ifndef NORVO_STREAM_CLIENT_C_H
 #define NORVO_STREAM_CLIENT_C_H
 
@@ -33,66 +32,65 @@ enum { NORVO_READ = 0, NORVO_WRITE = 1 };
 
 enum {
     NORVO_OK = 0,
-    NORVO_TIMEOUT = 1,       /* the time passed first, although all that it takes is there */
-    NORVO_TOO_SMALL = 2,     /* the text is longer than the buffer; it waits for a larger one */
+    NORVO_TIMEOUT = 1,       /* the time-out passed, although nothing else was missing */
+    NORVO_TOO_SMALL = 2,     /* the text is longer than the buffer; it is kept for the next call */
     NORVO_INVALID = 3,       /* no call with this argument, or on this object, can succeed */
     NORVO_CLOSED = 4,        /* the object, or its client, was closed by this process */
-    NORVO_NO_AGENT = 5,      /* no agent answers in this session: no host runs */
-    NORVO_NOT_CONNECTED = 6, /* the agent is there, but not connected to a far end */
-    NORVO_NOT_TAKEN_UP = 7,  /* the far end's agent has not taken up the stream */
-    NORVO_ALREADY_OPEN = 8,  /* this client has the stream open already */
+    NORVO_NO_AGENT = 5,      /* no agent answers in this session: no host is running */
+    NORVO_NOT_CONNECTED = 6, /* the agent runs, but is not connected to its peer */
+    NORVO_NOT_TAKEN_UP = 7,  /* the peer agent has not taken up the stream */
+    NORVO_ALREADY_OPEN = 8,  /* this client already has the stream open */
     NORVO_IN_USE_OTHER_DIRECTION = 9, /* the agents carry the stream in the other direction */
     NORVO_CAPACITY_MISMATCH = 10,     /* the segment is in use, too small, and cannot grow here */
     NORVO_NO_SPACE = 11,              /* no room for the segment */
     NORVO_NO_PERMISSION = 12,         /* the segment belongs to somebody else */
-    NORVO_TOO_LONG = 13,              /* longer than a message or request can be */
-    NORVO_PEER_GONE = 14,             /* the other end, or the agent that served it, is gone */
-    NORVO_ENDED = 15, /* the other end has finished; there is nothing more to read */
+    NORVO_TOO_LONG = 13,              /* longer than a message or request may be */
+    NORVO_PEER_GONE = 14,             /* the peer, or the agent that served the stream, is gone */
+    NORVO_ENDED = 15,                 /* the peer has finished; there is nothing more to read */
     NORVO_NO_MEMORY = 16,
-    NORVO_SYSTEM_ERROR = 17, /* the system refused, and did not say why */
+    NORVO_SYSTEM_ERROR = 17, /* the system refused without an errno */
     NORVO_IN_USE = 18,       /* another program uses it */
-    NORVO_ERRNO = 1000       /* a code above it: the system refused with code - NORVO_ERRNO */
+    NORVO_ERRNO = 1000       /* a code above it: the system refused; errno is code - NORVO_ERRNO */
 };
 
-/* What a code means: a sentence without a full stop, never NULL. It stays valid until the same
- * thread calls this again. */
+/* The meaning of a code: a sentence without a full stop, never NULL. Valid until the same thread
+ * calls this again. */
 NORVO_STREAM_CLIENT_C_API const char* norvo_error_text(int code);
 
-/* Called with 1 or 0 when the two agents find or lose each other, on a thread of the client's own;
- * may use the client and its streams, but not close the client. */
+/* Called with 1 when the two agents connect and 0 when they disconnect, on the client's callback
+ * thread. May use the client and its streams, but not close the client. */
 typedef void (*norvo_connection_callback)(int connected, void* context); /* NOLINT */
 
 /* Joins the agent of this user and session namespace. `client_name` NULL: "NorvoCrews". NULL when
- * out of memory. The caller closes it. */
+ * out of memory. The caller closes the client. */
 NORVO_STREAM_CLIENT_C_API norvo_client* norvo_client_open(const char* client_name);
-/* The same with a callback, to which `context` is given; the first call may come before this
- * returns. */
+/* The same with a callback, which gets `context`; the first call may come before this returns. */
 NORVO_STREAM_CLIENT_C_API norvo_client* norvo_client_open_with(const char* client_name,
                                                                norvo_connection_callback callback,
                                                                void* context);
-/* Closes the client and what is open on it; its streams are still to be closed by their owner.
- * NORVO_INVALID, and nothing is closed, in the client's own callback. */
+/* Closes the client and everything open on it; the stream handles must still be closed.
+ * NORVO_INVALID, and nothing is closed, from the client's own callback. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_close(norvo_client* client);
-/* NORVO_OK while the agent can be heard if there is one. */
+/* NORVO_OK while notifications can be received, whether or not an agent runs. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_status(const norvo_client* client);
 /* 1 when that is NORVO_OK, else 0. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_is_listening(const norvo_client* client);
 /* 1 while the agents at the two ends are connected, else 0. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_is_connected(const norvo_client* client);
 NORVO_STREAM_CLIENT_C_API int norvo_client_wait_connected(norvo_client* client, int timeout_ms);
-/* The process ID that the agent reports; 0 while none has been heard of. */
+/* The process ID that the agent reports; 0 while unknown. */
 NORVO_STREAM_CLIENT_C_API unsigned int norvo_client_agent_process_id(const norvo_client* client);
 /* Sends a request with `count` fields. NORVO_OK once an agent has taken it. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_request(norvo_client* client, const char* operation,
                                                    const char* const* fields, size_t count,
                                                    int timeout_ms);
-/* Copies the next notification into `buffer` as its name and fields, a '\0' after each; `*length`
- * is then their size in bytes, also with NORVO_TOO_SMALL. */
+/* Copies the next notification into `buffer`: its name and fields, each followed by '\0'. `*length`
+ * is their size in bytes, also with NORVO_TOO_SMALL. */
 NORVO_STREAM_CLIENT_C_API int norvo_client_next_notification(norvo_client* client, char* buffer,
                                                              size_t size, size_t* length,
                                                              int timeout_ms);
 
-/* Opens a stream; `direction` is what the caller does, `capacity` the segment's bytes (0: 65536).
+/* Opens a stream. `direction` is what the caller does, `capacity` the segment's bytes (0: 65536).
  * `*stream` is NULL after a failure. The caller closes it. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_open(norvo_client* client, const char* name,
                                                 int direction, unsigned int capacity,
@@ -101,25 +99,25 @@ NORVO_STREAM_CLIENT_C_API void norvo_stream_close(norvo_stream* stream);
 /* 1 while both agents serve the stream and are connected, else 0. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_is_up(const norvo_stream* stream);
 NORVO_STREAM_CLIENT_C_API int norvo_stream_wait_up(norvo_stream* stream, int timeout_ms);
-/* Writes one message whole: NORVO_OK once it is in the segment. */
+/* Writes one whole message: NORVO_OK once it is in the segment. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_write(norvo_stream* stream, const void* data,
                                                  size_t length, int timeout_ms);
-/* Waits until the agent has taken everything that was written, so that the process may end. */
+/* Waits until the agent has taken everything that was written; the process may then exit. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_flush(norvo_stream* stream, int timeout_ms);
 /* Copies the next message into `buffer`; `*length` is its size, also with NORVO_TOO_SMALL. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_read(norvo_stream* stream, void* buffer, size_t size,
                                                 size_t* length, int timeout_ms);
 
-/* Connections: bytes that arrive whole and in order, in both directions; NorvoStreamConnection.h
- * says more of each call. */
+/* Connections: reliable, ordered byte streams in both directions; NorvoStreamConnection.h describes
+ * each call. */
 
-/* Opens the connection `name`, whose other end must do the opposite: NORVO_CONNECT or NORVO_ACCEPT.
- * `*connection` is NULL after a failure. The caller closes it. */
+/* Opens the connection `name`, whose peer must use the opposite role: NORVO_CONNECT or
+ * NORVO_ACCEPT. `*connection` is NULL after a failure. The caller closes it. */
 enum { NORVO_CONNECT = 0, NORVO_ACCEPT = 1 };
 NORVO_STREAM_CLIENT_C_API int norvo_connection_open(norvo_client* client, const char* name,
                                                     int role, norvo_connection** connection);
-/* The same with options (NULL: none), of which 0 stands for the usual: the streams' capacity and
- * the window in bytes, and how long the other end may be silent and the streams may be down. */
+/* The same with options (NULL: all defaults; 0: the default): the streams' capacity and the window
+ * in bytes, and how long the peer may be silent and the streams may be down. */
 typedef struct norvo_connection_options { /* NOLINT(modernize-use-using): this is C */
     unsigned int capacity;
     size_t window;
@@ -135,18 +133,19 @@ NORVO_STREAM_CLIENT_C_API void norvo_connection_close(norvo_connection* connecti
 NORVO_STREAM_CLIENT_C_API int norvo_connection_status(const norvo_connection* connection);
 NORVO_STREAM_CLIENT_C_API int norvo_connection_wait_open(norvo_connection* connection,
                                                          int timeout_ms);
-/* Takes over bytes to send; `*accepted`, if not NULL, says how many, also after NORVO_TIMEOUT. */
+/* Accepts bytes to send; `*accepted`, if not NULL, is set to their number, also after
+ * NORVO_TIMEOUT. */
 NORVO_STREAM_CLIENT_C_API int norvo_connection_write(norvo_connection* connection, const void* data,
                                                      size_t length, size_t* accepted,
                                                      int timeout_ms);
 /* Ends this direction: nothing more is written. */
 NORVO_STREAM_CLIENT_C_API int norvo_connection_finish(norvo_connection* connection);
-/* Waits until the other end's process has everything that was written. */
+/* Waits until the peer process has everything that was written. */
 NORVO_STREAM_CLIENT_C_API int norvo_connection_flush(norvo_connection* connection, int timeout_ms);
-/* How many of the bytes written the other end's process has. */
+/* How many of the written bytes the peer process has. */
 NORVO_STREAM_CLIENT_C_API unsigned long long norvo_connection_acknowledged(
     const norvo_connection* connection);
-/* Takes 1 to `size` bytes; `*length` says how many. NORVO_ENDED after the last one. */
+/* Reads 1 to `size` bytes; `*length` is set to their number. NORVO_ENDED after the last one. */
 NORVO_STREAM_CLIENT_C_API int norvo_connection_read(norvo_connection* connection, void* buffer,
                                                     size_t size, size_t* length, int timeout_ms);
 

@@ -1,4 +1,4 @@
-// How the calls of the client library end: well, or for a reason.
+// The outcome of the client library's calls: success, or the reason for a failure.
 #pragma once
 
 #include <cstddef>
@@ -11,29 +11,29 @@ namespace NorvoStreamClient {
 // Why a call failed. The numbers are those of the C interface (NorvoStreamClientC.h).
 enum class Reason : int {
     None = 0,                 // it did not fail
-    Timeout = 1,              // the time passed first, although all that it takes is there
+    Timeout = 1,              // the time-out passed, although nothing else was missing
     InvalidArgument = 3,      // no call with this argument, or on this object, can succeed
     Closed = 4,               // the object, or its client, was closed by this process
-    NoAgent = 5,              // no agent answers in this session: no host runs
-    NotConnected = 6,         // the agent is there, but not connected to a far end
-    NotTakenUp = 7,           // the far end's agent has not taken up the stream
-    AlreadyOpen = 8,          // this client has the stream open already
+    NoAgent = 5,              // no agent answers in this session: no host is running
+    NotConnected = 6,         // the agent runs, but is not connected to its peer
+    NotTakenUp = 7,           // the peer agent has not taken up the stream
+    AlreadyOpen = 8,          // this client already has the stream open
     InUseOtherDirection = 9,  // the agents carry the stream in the other direction
     CapacityMismatch = 10,    // the segment is in use, too small, and cannot grow here
     NoSpace = 11,             // no room for the segment
     NoPermission = 12,        // the segment belongs to somebody else
-    TooLong = 13,             // longer than a message or request can be
-    PeerGone = 14,            // the other end, or the agent that served it, is gone
-    Ended = 15,               // the other end has finished; there is nothing more to read
+    TooLong = 13,             // longer than a message or request may be
+    PeerGone = 14,            // the peer, or the agent that served the stream, is gone
+    Ended = 15,               // the peer has finished; there is nothing more to read
     NoMemory = 16,
-    SystemError = 17,  // the system refused; systemError() says what it said
+    SystemError = 17,  // the system refused; systemError() is the errno
     InUse = 18,        // another program uses it
 };
 
 // A sentence without a full stop, for example "no agent answers in this session". Never null.
 NORVO_STREAM_CLIENT_API const char* textOf(Reason reason);
 
-// The outcome of a call: true when it did what it is for, otherwise the reason why not.
+// The outcome of a call: true on success, otherwise the reason for the failure.
 class NORVO_STREAM_CLIENT_API Status {
 public:
     Status() = default;
@@ -44,9 +44,9 @@ public:
     Reason reason() const { return m_reason; }
     // The errno behind NoSpace, NoPermission and SystemError, where there was one; else 0.
     int systemError() const { return m_systemError; }
-    // With CapacityMismatch, the capacity of the segment that exists, in bytes; else 0.
+    // For CapacityMismatch, the capacity of the existing segment in bytes; else 0.
     std::size_t existingCapacity() const { return m_capacity; }
-    // The reason with these details, in words.
+    // The reason and these details as text.
     std::string text() const;
 
 private:

@@ -2,7 +2,7 @@
 
 namespace NorvoStreamClient {
 
-// False only when there is certainly no process of that ID; a zombie counts as alive.
+// False only when certainly no process has that ID; a zombie counts as alive.
 bool isProcessAlive(unsigned int processId);
 
 }  // namespace NorvoStreamClient

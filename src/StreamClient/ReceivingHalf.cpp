@@ -8,7 +8,7 @@ namespace NorvoStreamClient {
 namespace {
 
 constexpr std::chrono::milliseconds kLongestSilence{10};
-// So many frames are answered with one.
+// One acknowledgement per this many frames.
 constexpr unsigned int kFramesPerAnswer = 16;
 
 }  // namespace

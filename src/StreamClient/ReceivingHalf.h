@@ -11,28 +11,28 @@
 
 namespace NorvoStreamClient {
 
-// What this end of a connection receives: the bytes in order, until the program takes them, and
-// when the other end is to be told of them. Not thread-safe.
+// The receiving half of a connection's end: holds the bytes in order until the program takes them,
+// and decides when to acknowledge them. Not thread-safe.
 class ReceivingHalf {
 public:
     using Time = std::chrono::steady_clock::time_point;
 
-    // At most `capacity` bytes wait for the program; at most `messages` frames may be under way.
+    // At most `capacity` bytes wait for the program; at most `messages` frames may be in flight.
     ReceivingHalf(std::size_t capacity, std::uint32_t messages)
         : m_capacity(capacity), m_messages(messages) {}
 
-    // A frame of the other end, and the message that holds it.
+    // Processes a peer's frame; `message` holds it.
     void hear(const ConnectionFrame& frame, std::string message, Time now);
     // Moves up to `length` bytes out.
     std::size_t read(char* data, std::size_t length);
 
     bool hasData() const { return !m_waiting.empty(); }
-    // The other end has finished, and everything before that has come.
+    // The peer has finished, and everything before that has arrived.
     bool hasEnd() const { return m_hasEnd; }
 
-    // When the other end should be told what has come.
+    // When the next acknowledgement is due.
     std::optional<Time> answerBy() const { return m_answerBy; }
-    // Fills in the fields that tell it, and owes nothing any more.
+    // Fills in the acknowledgement; nothing is due any more.
     void describe(ConnectionFrame& frame);
 
 private:
@@ -42,7 +42,7 @@ private:
     };
 
     void owe(Time by);
-    // Whether the frame continues what has come.
+    // Takes the frame if it continues what has arrived.
     bool accept(const ConnectionFrame& frame, std::string message);
 
     const std::size_t m_capacity;

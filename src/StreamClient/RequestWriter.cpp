@@ -33,8 +33,8 @@ bool RequestSlot::open(const std::string& name) {
     return m_gate.isOpen() || m_slot.open(name, kInfoSegmentSize, true, *this);
 }
 
-// One that has not taken the message in the slot is left in the count of those that came: without
-// it there the message would seem to be taken.
+// A reader that has not taken the message in the slot stays in the count of those that came:
+// otherwise the message would seem to be taken.
 void RequestSlot::forget(const RegistryEntry& gone) {
     const bool isReady = gone.countedAfterId == m_slot.header().newMessageId;
     if (isReady || !gone.is(SegmentRegistry::Role::Reader)) {
@@ -74,7 +74,7 @@ bool RequestSlot::mayPlace(Clock::time_point now) {
 }
 
 long RequestSlot::place(const std::string& text) {
-    // Whatever a writer that died has left there: nobody else writes without the mutex.
+    // Overrides what a dead writer may have left: nobody else writes without the mutex.
     m_slot.header().writerLockCount = 1;
     storeBroadcast(m_slot, text.data(), static_cast<unsigned int>(text.size()));
     m_slot.header().lockWord2 = 0;
@@ -83,8 +83,8 @@ long RequestSlot::place(const std::string& text) {
     return m_slot.header().newMessageId;
 }
 
-// Once another client's request is in the slot the registry tells, and without an agent that enters
-// itself there, that another was placed: a reader was ready for it.
+// Once another client's request is in the slot, the registry decides. If no agent registers there,
+// the placing of that request proves that a reader was ready for it.
 bool RequestSlot::isTaken(long id) {
     if (id == 0 || !m_slot.isMapped() || m_slot.isCut()) return false;
     if (m_slot.header().newMessageId == id) {
@@ -105,7 +105,7 @@ void RequestSlot::pause() {
 bool RequestWriter::sendStep(const std::string& text, long& placed) {
     LocalLock lock(m_mutex);
     if (m_slot.isTaken(placed)) return true;
-    // Placed again when somebody has written over it, or an agent has come that did not see it.
+    // Placed again when it was overwritten, or when a new agent has not seen it.
     if (const long id = m_slot.tryPlace(text); id != 0) placed = id;
     return false;
 }

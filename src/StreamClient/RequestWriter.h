@@ -10,13 +10,13 @@
 
 namespace NorvoStreamClient {
 
-// The INFO input segment as one of the agent's clients writes it.
+// The INFO input segment, as written by one of the agent's clients.
 //
-// A broadcast segment is made for one writer: each one resets the message IDs at its start, and
-// judges by its own writes whether the readers have taken what is in the slot. Where several write,
-// the first makes the agent read an old request again, the second lets one client overwrite another
-// one's request. This writer leaves the IDs as they are and goes by the words in shared memory
-// alone (BroadcastCounts.h, SegmentRegistry.h). Not thread-safe.
+// A broadcast segment is designed for one writer: it resets the message IDs when it starts, and
+// tells from its own writes whether the readers have taken the message in the slot. With several
+// writers, the former makes the agent read an old request again, and the latter lets one client
+// overwrite another's request. This writer leaves the IDs alone and relies only on the words in
+// shared memory (BroadcastCounts.h, SegmentRegistry.h). Not thread-safe.
 class RequestSlot : public shared_memory::SlotEnd {
 public:
     RequestSlot() = default;
@@ -24,15 +24,15 @@ public:
     RequestSlot(const RequestSlot&) = delete;
     RequestSlot& operator=(const RequestSlot&) = delete;
 
-    // Opens the segment when it is not open.
+    // Opens the segment unless it is open.
     bool open(const std::string& name);
-    // Places a message, and returns its ID, when some reader that lives, as far as is known, is
-    // ready for one: it has taken the message before. Also when nobody has taken that one for 2 s
-    // although a reader lives: nobody will be robbed of it. Else 0.
+    // Places a message and returns its ID when a reader that lives, as far as is known, is ready:
+    // it has taken the previous message. Also when no reader has taken that one for 2 s although
+    // one lives: none ever will. Else 0.
     long tryPlace(const std::string& text);
-    // The message of that ID was taken by a reader that was there when it was written.
+    // Whether a reader that was there when message `id` was written has taken it.
     bool isTaken(long id);
-    // Waits for a reader to take something, for at most 2 ms.
+    // Waits up to 2 ms for a reader to take something.
     void pause();
 
     shared_memory::SegmentRegistry::Role role() const override {
@@ -48,21 +48,21 @@ private:
 
     shared_memory::SlotGate m_gate;
     shared_memory::SegmentSlot m_slot{m_gate};
-    // Since when no reader is ready for anything but the message of this ID.
+    // Since when no reader is ready for a message after this ID.
     Clock::time_point m_heldUpSince{};
     long m_heldUpId = -1;
     Clock::time_point m_lastLook{};
 };
 
-// Writes requests for one client of the agent. A request waits until the agent has taken the one
-// before, of whichever client that is; it keeps nothing locked meanwhile. Thread-safe.
+// Writes requests for one client of the agent. A request waits until the agent has taken the
+// previous one, from whichever client, without blocking the others. Thread-safe.
 class RequestWriter {
 public:
     explicit RequestWriter(std::string segmentName) : m_name(std::move(segmentName)) {}
 
-    // True once an agent has taken `text`, which may be empty: a sign of life that the agent's
-    // segment takes and the agent itself does not hear of. False when none did until `deadline`; a
-    // request that was left lying is not taken later by an agent that starts then.
+    // True once an agent has taken `text`. An empty text is a heartbeat: the agent's segment takes
+    // it, but the agent itself does not see it. False when no agent took it by `deadline`; an agent
+    // that starts later does not take it either.
     bool send(const std::string& text, Clock::time_point deadline);
 
     // Ends a send on another thread, and makes every later one fail.

@@ -5,7 +5,7 @@
 
 namespace NorvoStreamClient {
 
-// Why a segment could not be set up, in the words of this library.
+// Why a segment could not be set up, as a Status.
 Status statusOf(const shared_memory::OpenError& error);
 
 }  // namespace NorvoStreamClient

@@ -10,7 +10,7 @@ namespace {
 
 constexpr milliseconds kFirstPatience{1000};
 constexpr milliseconds kLongestPatience{4000};
-// A stream keeps its newest 1001 messages; whatever the other end says, stay far below that.
+// A stream keeps its newest 1001 messages; stay far below that, whatever the peer says.
 constexpr std::uint32_t kMostMessages = 256;
 
 }  // namespace
@@ -22,7 +22,7 @@ SendingHalf::Block SendingHalf::makeBlock() {
     return block;
 }
 
-// The last block while it was never sent and is not full, else a new one.
+// The last block if it was never sent and is not full, else a new one.
 SendingHalf::Piece& SendingHalf::pieceWithRoom() {
     if (m_unsent < m_blocks.size() && m_blocks.back().after() > m_sent &&
         m_blocks.back().length() < m_blockSize)

@@ -53,7 +53,8 @@ std::optional<AgentView::Agent> Stream::Impl::takeUnflushed() {
     return std::exchange(m_unflushed, std::nullopt);
 }
 
-// The same all the time since, as far as can be told: its process would be another one otherwise.
+// Whether that agent has served it ever since, as far as can be told: another one would have
+// another process.
 bool Stream::Impl::isServedBy(const AgentView::Agent& agent) const {
     return m_view->agent().generation == agent.generation && isProcessAlive(agent.processId);
 }
@@ -63,7 +64,8 @@ Status Stream::Impl::flush(Clock::time_point deadline) {
     const auto agent = takeUnflushed();
     for (;;) {
         if (m_closed) return m_end;
-        // In this order: whoever still lives after the segment was seen empty has emptied it.
+        // In this order: an agent still alive after the segment was seen empty is the one that
+        // emptied it.
         const bool drained = m_direction == Direction::Read || m_segment.isDrained();
         if (agent && !isServedBy(*agent)) return m_closed ? m_end : Reason::PeerGone;
         if (drained) return m_closed ? m_end : Status();

@@ -14,10 +14,10 @@ namespace NorvoStreamClient {
 
 class Stream::Impl {
 public:
-    // The view is told of the stream once that is set up, and forgets it when this is closed.
+    // The stream joins the view once it is set up, and leaves it on close().
     Impl(std::string name, Direction direction, std::shared_ptr<AgentView> view)
         : m_name(std::move(name)), m_direction(direction), m_view(std::move(view)) {}
-    // One that could not be opened, and why.
+    // A stream that could not be opened, and why.
     Impl(std::string name, Direction direction, Status failure)
         : m_name(std::move(name)),
           m_direction(direction),
@@ -29,7 +29,7 @@ public:
     Impl& operator=(const Impl&) = delete;
 
     Status setUp(unsigned int capacity);
-    // How opening it ended.
+    // The result of opening it.
     const Status& status() const { return m_opened; }
     const std::string& name() const { return m_name; }
     Direction direction() const { return m_direction; }
@@ -45,7 +45,7 @@ public:
 
 private:
     Status whyNothingCame() const;
-    // The first of several agents stays.
+    // Keeps the earliest of several agents.
     void noteUnflushed(const AgentView::Agent& agent);
     std::optional<AgentView::Agent> takeUnflushed();
     bool isServedBy(const AgentView::Agent& agent) const;
@@ -54,16 +54,16 @@ private:
     const Direction m_direction;
     const std::shared_ptr<AgentView> m_view;
     const Status m_opened;
-    const Status m_end{Reason::Closed};  // what calls answer once it is closed
+    const Status m_end{Reason::Closed};  // what calls return once it is closed
     StreamSegment m_segment;
     std::atomic<bool> m_closed = false;
     VDIFrameworkCommon::LocalMutex m_unflushedMutex;
-    // To whom the first message after the last flush went.
+    // The agent that got the first message after the last flush.
     std::optional<AgentView::Agent> m_unflushed NORVO_GUARDED_BY(m_unflushedMutex);
     const ForkGuard m_process;
 };
 
-// The point in time `timeout` from now; the end of time when that lies beyond it.
+// The time `timeout` from now, clamped to Clock::time_point::max().
 Clock::time_point deadlineAfter(std::chrono::milliseconds timeout);
 
 }  // namespace NorvoStreamClient

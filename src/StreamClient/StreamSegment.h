@@ -10,8 +10,8 @@
 
 namespace NorvoStreamClient {
 
-// One end of a plain segment, whose writer says how long it will wait and can tell whether the
-// reader has taken everything. Thread-safe; one write or read at a time, others wait for it.
+// One end of a plain segment. A write has a deadline, and the writer can tell whether the reader
+// has taken everything. Thread-safe; reads and writes take turns.
 class StreamSegment {
 public:
     StreamSegment() = default;
@@ -25,13 +25,13 @@ public:
     shared_memory::OpenError openError();
     void Close();
 
-    // Gives up at `deadline`, or when a chunk has waited 2000 ms for the reader; at most 20 ms
-    // later when another process holds the segment's mutex.
+    // Gives up at `deadline`, or when a chunk has waited 2000 ms for the reader; up to 2000 ms
+    // later while another process holds the segment's mutex.
     bool write(const void* data, unsigned int length, Clock::time_point deadline);
-    // Waits up to `timeout` ms for a message. Empty, and `length` 0, when none came.
+    // Waits up to `timeout` ms for a message. Empty, with `length` 0, when none arrived.
     std::string ReadData(unsigned int& length, unsigned int timeout);
 
-    // True while no chunk waits; also when the segment is closed.
+    // True while no chunk is waiting; also when the segment is closed.
     bool isDrained();
 
 private:
