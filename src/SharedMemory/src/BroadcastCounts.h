@@ -5,25 +5,24 @@
 
 namespace shared_memory {
 
-// How the ends of a broadcast slot count its readers, in words that the segment has for it.
+// How the ends of a broadcast slot count its readers, in words of the segment's header.
 //
 // Offset 8 counts the readers that are ready for the next message: a reader adds 1 when it opens
 // and when it has taken a message; the writer remembers the count, zeroes it with each message, and
-// writes the next one when as many have taken it. To keep a reader that opens from being counted as
-// one that has taken the message, a reader also adds 1 to the chunk index when it opens, and one
-// that closes takes itself out of both words again. The writer sets the index to 1 with each
-// message, so the chunk index is 1 plus the readers that came minus those that left since the
-// message was written. An end that does not do so is counted by offset 8 alone. Offset 24 counts
-// the readers inside a read.
+// writes the next one when as many have taken it. So that an opening reader does not count as
+// having taken the message, it also adds 1 to the chunk index; a closing reader subtracts itself
+// from both words. The writer sets the index to 1 with each message, so the chunk index is 1 plus
+// the readers that came minus those that left since the message was written. An end that does not
+// do this is counted by offset 8 alone. Offset 24 counts the readers inside a read.
 //
-// All but the looks: with the segment's mutex held.
+// All functions but the getters require the segment's mutex, unless noted.
 class BroadcastCounts {
 public:
     explicit BroadcastCounts(SharedMemoryHeader& header) : m_header(header) {}
 
     unsigned int ready() const { return static_cast<unsigned int>(m_header.lockWord2.load()); }
     // How many have taken the message in the slot. A reader changes two words one after the other:
-    // without the mutex the result may be one too low, and never one too high.
+    // without the mutex the result may be one too low, but never too high.
     unsigned int taken() const {
         const unsigned int ready = this->ready();
         return ready - (m_header.chunkIndex.load() - 1);
@@ -35,14 +34,14 @@ public:
         m_header.chunkIndex.fetch_add(1);
         m_header.lockWord2.fetch_add(1);
     }
-    // A reader leaves that counted itself as ready after the message `countedAfterId`.
+    // Removes a reader that counted itself as ready after the message `countedAfterId`.
     void remove(long countedAfterId) {
         const long current = m_header.newMessageId;
         const bool isReady = countedAfterId == current;
         if (isReady) m_header.lockWord2.fetch_sub(1);
         if (isReady || countedAfterId == idBefore(current)) m_header.chunkIndex.fetch_sub(1);
     }
-    // Takes back what an end whose process is gone has left: a reader's counts, a writer's lock.
+    // Reverts what an end whose process is gone has left: a reader's counts, a writer's lock.
     void remove(const RegistryEntry& gone) {
         if (!gone.is(SegmentRegistry::Role::Reader)) {
             m_header.writerLockCount = 0;
@@ -60,11 +59,11 @@ public:
         while (count > 0 && !m_header.readMessageId.compare_exchange_weak(count, count - 1)) {
         }
     }
-    // Takes those inside for dead.
+    // Assumes that the readers inside are dead.
     void clearInside() { m_header.readMessageId.exchange(0); }
 
-    // Gives the message in the slot another ID; readers that counted themselves after it stay so.
-    // False when it has not the ID `from`.
+    // Changes the ID of the message in the slot; readers counted after it stay counted. False when
+    // its ID is not `from`.
     bool moveId(SegmentRegistry& registry, long from, long to) {
         if (!m_header.newMessageId.compare_exchange_strong(from, to)) return false;
         registry.forEach([&](RegistryEntry& entry) {
@@ -74,10 +73,9 @@ public:
         });
         return true;
     }
-    // For a writer that starts and sets the ID to 0. All readers of the registry, which are still
-    // there, count as ready, also those that have not taken the message before: the writer waits
-    // for them from its first message on. Whether readers that the registry does not know are
-    // ready.
+    // For a starting writer; sets the ID to 0. All registered readers count as ready, even those
+    // that have not taken the previous message: the writer waits for them from its first message
+    // on. Returns whether unregistered readers are ready.
     bool restart(SegmentRegistry& registry) {
         const long before = m_header.newMessageId.exchange(0);
         long known = 0;
@@ -94,7 +92,7 @@ public:
         return unknown > 0;
     }
 
-    // Wraps: the IDs in a segment may be anything.
+    // Wraps: the IDs in a segment may have any value.
     static long idBefore(long id) { return static_cast<long>(static_cast<unsigned long>(id) - 1); }
 
 private:

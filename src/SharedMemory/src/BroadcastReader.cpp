@@ -11,13 +11,13 @@ namespace shared_memory {
 
 namespace {
 
-// A copy that its writer touches is made again, 1 ms later.
+// How often a copy is repeated, after 1 ms, when its writer touches it.
 constexpr int kCopies = 20;
 
 }  // namespace
 
-// A writer that was set up anew has an ID of 0 until a reader puts the one that it has seen back:
-// whoever opens meanwhile has missed the same messages as that reader.
+// A newly set-up writer has ID 0 until a reader restores the ID it has seen; a reader that opens
+// meanwhile has missed the same messages as that one.
 void BroadcastReader::begin(bool isRenewed) {
     const long current = m_slot.header().newMessageId;
     remember(isRenewed ? 0 : std::max(current, lastSeenByOthers()));
@@ -71,8 +71,8 @@ bool BroadcastReader::advance(bool update) {
         if (update) remember(current);
         return true;
     }
-    // While the ID is 0 the writer has not written, and the one before the last was put there by a
-    // reader that has yet to take the last: the slot holds an old message.
+    // ID 0: the writer has not written yet. The ID before the last: restored by a reader that has
+    // yet to take the last message. Either way the slot holds an old message.
     const bool isOld = current == 0 || (current > 1 && current == m_lastSeenId - 1);
     BroadcastCounts(m_slot.header()).moveId(m_slot.registry(), current, m_lastSeenId);
     return !isOld;
@@ -116,7 +116,7 @@ std::string BroadcastReader::take() {
     return copied == Copied::Whole ? message : std::string();
 }
 
-// A writer that has given this reader up may be writing the next message already.
+// A writer that has given up on this reader may already be writing the next message.
 BroadcastReader::Copied BroadcastReader::copy(std::string& message) {
     for (int attempt = 0; attempt < kCopies && !m_slot.isCut(); ++attempt) {
         const long id = m_slot.header().newMessageId;
@@ -138,8 +138,8 @@ BroadcastReader::Copied BroadcastReader::copy(std::string& message) {
     return Copied::Overtaken;
 }
 
-// Our writers write with the mutex held, and their lock says nothing more. Others, which the
-// registry does not know, have only that lock.
+// Our writers hold the mutex while writing; their lock adds nothing. Unregistered ones have only
+// that lock.
 bool BroadcastReader::isUntouched(const ChunkHeader& chunk, long id, std::uint64_t generation) {
     const SegmentSlot::Section section(m_slot);
     if (!section) return false;
@@ -150,8 +150,8 @@ bool BroadcastReader::isUntouched(const ChunkHeader& chunk, long id, std::uint64
            (header.writerLockCount < 1 || m_slot.registry().has(SegmentRegistry::Role::Writer));
 }
 
-// A reader that the writer did not wait for with this message counts like one that opened. One that
-// a writer that was set up anew found late is counted already.
+// A reader that the writer did not wait for with this message counts like one that has just opened.
+// A reader found late by a newly set-up writer is already counted.
 void BroadcastReader::countAsReady() {
     const SegmentSlot::Section section(m_slot);
     if (!section || m_slot.header().newMessageId != m_lastSeenId) return;
@@ -165,7 +165,7 @@ void BroadcastReader::countAsReady() {
     }
 }
 
-// Looked at twice, because an end that is not ours may zero it a moment before it raises the ID.
+// Checked twice, because a third-party end may zero it a moment before it raises the ID.
 void BroadcastReader::stayCounted() {
     if (!m_slot.isMapped() || m_slot.isCut()) return;
     SharedMemoryHeader& header = m_slot.header();

@@ -7,28 +7,26 @@
 
 namespace shared_memory {
 
-// One of the readers of a broadcast slot. It remembers the last message ID that it has seen, and
-// counts itself among the readers that are ready for the next message (BroadcastWriter.h has the
-// rules of counting). Not thread-safe.
+// One of the readers of a broadcast slot. It remembers the last message ID seen, and counts itself
+// among the readers ready for the next message (BroadcastCounts.h has the counting rules). Not
+// thread-safe.
 class BroadcastReader : public SlotEnd {
 public:
     explicit BroadcastReader(SegmentSlot& slot) : m_slot(slot) {}
 
-    // With the segment's mutex held: whether there is a message newer than the last one seen, which
-    // it then is when `update` says so. Puts the ID of a writer that was set up anew back behind
-    // the last one seen.
+    // With the segment's mutex held: whether there is a message newer than the last one seen;
+    // `update` marks it as seen. Raises the ID of a newly set-up writer back to the last one seen.
     bool advance(bool update);
-    // Waits at most that long for advance(false).
+    // Waits up to `timeout` for advance(false).
     bool wait(std::chrono::milliseconds timeout);
-    // Takes the newest message, which is then the last one seen. Empty, after a log line, when its
-    // lengths cannot be right, or when its writer kept writing over it.
+    // Takes the newest message, which then counts as seen. Empty, after a log line, when its
+    // lengths are invalid or its writer kept overwriting it.
     std::string take();
-    // To be called after a wait without a message. A count of ready readers of 0 without a message
-    // to take would keep every writer out for good: the second look that finds that raises it
-    // again.
+    // Call it after a wait without a message. A count of 0 ready readers without a message to take
+    // would block every writer for ever: the second look that finds that raises it again.
     void stayCounted();
 
-    // Counts this reader as being inside a read, and out again.
+    // Counts this reader as being inside a read, and as outside again.
     void enterRead();
     void leaveRead();
 
@@ -52,7 +50,7 @@ private:
     SegmentSlot& m_slot;
     // The last message ID seen.
     long m_lastSeenId = 0;
-    // The one after which this reader counted itself as ready, unless the registry has that.
+    // The ID after which this reader counted itself as ready, unless the registry has it.
     long m_countedAfterId = 0;
     // The last look found the count to be 0 although this reader is counted.
     bool m_isCountLost = false;

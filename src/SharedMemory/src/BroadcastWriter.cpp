@@ -14,13 +14,13 @@ constexpr unsigned int kReaderIsGoneAfterMs = 2000;
 constexpr unsigned int kReaderInsideIsGoneAfterMs = 500;
 constexpr unsigned int kReadersSettleMs = 100;
 constexpr unsigned int kLookEveryMs = 10;
-// A reader that opens, leaves or takes a message wakes the writer; one that does not, as it is not
-// ours, is found by looking, ever less often.
+// A reader that opens, leaves or takes a message wakes the writer; a third-party reader that does
+// not is found by polling, less and less often.
 constexpr unsigned int kFirstPauseMs = 1;
 constexpr unsigned int kLongestPauseMs = 10;
 constexpr unsigned int kLongestPauseForNobodyMs = 100;
 
-// Readers that have seen an earlier writer's message take the next one for new only with a higher
+// Readers that have seen an earlier writer's message accept the next one as new only with a higher
 // ID.
 void raiseIdAboveReaders(SegmentSlot& slot) {
     const long current = slot.header().newMessageId;
@@ -35,8 +35,8 @@ void raiseIdAboveReaders(SegmentSlot& slot) {
 
 }  // namespace
 
-// The ID goes before the count: a writer that dies between the two then leaves a message that the
-// readers answer, and not a count of 0 that keeps the next writer out.
+// The ID is set before the count: a writer that dies in between leaves a message that the readers
+// answer, not a count of 0 that blocks the next writer.
 void storeBroadcast(SegmentSlot& slot, const void* data, unsigned int length) {
     SharedMemoryHeader& header = slot.header();
     header.messageLength = std::numeric_limits<std::uint32_t>::max();
@@ -89,8 +89,8 @@ bool BroadcastWriter::isGranted(unsigned int now) {
     return isTakenByAll() || (!m_slot.isCut() && isGrantedLate(now, inside == 1));
 }
 
-// A reader that opens or closes changes two words, one after the other: that they fit is believed
-// only under the mutex, which it holds meanwhile.
+// A reader that opens or closes changes two words, one after the other: a match counts only under
+// the mutex, which it holds meanwhile.
 bool BroadcastWriter::isTakenByAll() {
     const BroadcastCounts counts(m_slot.header());
     if (counts.taken() != m_readersAtLastWrite) return false;
@@ -109,8 +109,8 @@ bool BroadcastWriter::isGrantedLate(unsigned int now, bool isReaderInside) {
     return true;
 }
 
-// Count, index and ID change in one section, so that a reader that opens is either counted and sees
-// the message, or neither.
+// Count, index and ID change in one critical section, so that an opening reader is either counted
+// and sees the message, or neither.
 bool BroadcastWriter::publish(const void* data, unsigned int length, unsigned int now) {
     {
         const SegmentSlot::Section section(m_slot);

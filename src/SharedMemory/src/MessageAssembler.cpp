@@ -66,7 +66,7 @@ void MessageAssembler::drop() {
     m_nextIndex = 1;
     m_sizeBefore = 0;
     m_nextIndexBefore = 1;
-    // Assigning an empty one would keep the memory.
+    // Assigning an empty string would keep the memory.
     std::string().swap(m_message);
 }
 

@@ -9,15 +9,15 @@
 namespace shared_memory {
 
 // Joins the chunks of one message. Trusts nothing in a chunk header: no byte outside the data area
-// is read, and memory beyond 64 MiB is only taken as bytes arrive. Not thread-safe.
+// is read, and memory beyond 64 MiB is only allocated as bytes arrive. Not thread-safe.
 class MessageAssembler {
 public:
     enum class Outcome {
         Incomplete,  // taken; more chunks must follow
         Complete,    // taken; take() has the message
-        Stray,       // no first chunk, or not the one that had to follow; what was begun is dropped
-        BadLength,   // its lengths cannot be right; what was begun is dropped
-        NoMemory,    // there is no memory for it; what was begun is dropped
+        Stray,       // neither a first chunk nor the expected one; what was begun is dropped
+        BadLength,   // its lengths are invalid; what was begun is dropped
+        NoMemory,    // out of memory; what was begun is dropped
     };
 
     // `data` is the slot's area of `capacity` bytes. A first chunk drops what was begun before.
@@ -27,10 +27,10 @@ public:
     bool inProgress() const { return m_nextIndex > 1; }
     // The complete message.
     std::string take();
-    // Gives back the memory, too.
+    // Also frees the memory.
     void drop();
-    // Takes the chunk added last out again: what it was copied from has changed meanwhile. What it
-    // has replaced or refused does not come back.
+    // Removes the last added chunk: its source changed while it was copied. What it replaced or
+    // refused does not come back.
     void retract();
 
     // The longest message, in bytes. A longer one is refused at both ends.
@@ -45,7 +45,7 @@ private:
     std::uint32_t m_total = 0;
     std::uint32_t m_count = 0;
     std::uint32_t m_nextIndex = 1;
-    // Before the chunk added last.
+    // State before the last added chunk.
     std::size_t m_sizeBefore = 0;
     std::uint32_t m_nextIndexBefore = 1;
 };

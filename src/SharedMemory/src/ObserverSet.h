@@ -15,13 +15,13 @@ namespace shared_memory {
 class ObserverSet {
 public:
     void insert(SharedMemoryObserverI* observer);
-    // Returns when the observer is not being called any more, unless the caller is that call.
+    // Returns once the observer is no longer being called, unless called from within that call.
     void erase(SharedMemoryObserverI* observer);
     void eraseAll();
     bool empty() const { return m_empty.load(); }
 
-    // Calls each observer in the set's order; the last gets `message` itself, the others a copy.
-    // What one throws is logged and keeps the message from none of the others.
+    // Calls each observer in the set's order; the last gets `message` itself, the others a copy. An
+    // exception is logged; the other observers still get the message.
     void deliver(std::string message, SharedMemoryI* source);
 
 private:
@@ -29,7 +29,7 @@ private:
         SharedMemoryObserverI* observer = nullptr;
         bool isLast = false;
     };
-    // The call of the observer after `previous` (the first after null); of none at the end.
+    // Begins the call of the observer after `previous` (null: the first); of none at the end.
     Call beginCallAfter(SharedMemoryObserverI* previous);
     void endCall();
 

@@ -29,8 +29,8 @@ void ReadThread::unsubscribeAll() {
     follow();
 }
 
-// Starts or ends the thread as there are observers or not. On the thread there is nothing to do: it
-// looks at the observers itself after each call.
+// Starts the thread if there are observers, else ends it. On the thread there is nothing to do: it
+// checks the observers after each call.
 void ReadThread::follow() {
     if (isCurrent()) return;
     LocalLock thread(m_threadMutex);

@@ -17,9 +17,10 @@ namespace shared_memory {
 class ReadThread {
 public:
     struct Source {
-        // Whether it can be read at all; the thread ends otherwise.
+        // Whether the segment can be read; otherwise the thread ends.
         std::function<bool()> isReadable;
-        // Waits a while for a message; empty when none came. Returns at once when `gate` is halted.
+        // Waits a while for a message; empty when none arrived. Returns at once when `gate` is
+        // halted.
         std::function<std::string()> read;
     };
     ReadThread(SharedMemoryI& segment, SlotGate& gate, Source source)
@@ -29,17 +30,17 @@ public:
     ReadThread& operator=(const ReadThread&) = delete;
 
     void subscribe(SharedMemoryObserverI* observer);
-    // Returns when the observer is not being called any more, unless the caller is that call.
+    // Returns once the observer is no longer being called, unless called from within that call.
     void unsubscribe(SharedMemoryObserverI* observer);
     void unsubscribeAll();
     bool hasObservers() const { return !m_observers.empty(); }
 
-    // Ends the thread and leaves the observers, for whom the next subscription starts it again. Not
-    // to be called on the thread itself.
+    // Ends the thread but keeps the observers; the next subscription restarts it. Not to be called
+    // on the thread itself.
     void stop();
     bool isRunning() const { return m_isRunning.load(); }
     bool isCurrent() const { return m_id.load() == std::this_thread::get_id(); }
-    // For the source: sleeps, but not beyond a stop.
+    // For the source: sleeps, at most until stop().
     void pause(unsigned int milliseconds) {
         m_stopEvent.timedWait(static_cast<long>(milliseconds));
     }

@@ -11,9 +11,9 @@
 
 namespace shared_memory {
 
-// What an object may do with its segment: by the end that it was set up as, by the gate, and by
-// what the controller allows this process. Each refusal is logged. Also keeps what others ask while
-// the slot is in use: its name, and why it could not be set up. Thread-safe.
+// Decides what an object may do with its segment: from the end it was set up as, the gate, and what
+// the controller allows this process. Refusals are logged unless noted. Also keeps what others may
+// ask while the slot is in use: its name, and why it could not be set up. Thread-safe.
 class SegmentAccess {
 public:
     enum class Mode { NotSetUp = 0, Writer = 1, Reader = 2 };
@@ -29,9 +29,9 @@ public:
 
     // Whether the segment is open and set up for `mode`.
     bool mayOperate(Mode mode);
-    // Whether the controller lets this process read now. Every change is logged, and no refusal.
+    // Whether the controller lets this process read now. Changes are logged, refusals are not.
     bool mayRead();
-    // The same for writing `data`, which must not be null; and the segment must be open for it.
+    // The same for writing `data`, which must not be null; the segment must be open for writing.
     bool mayWrite(const void* data);
     void logIllegalOperation();
 

@@ -92,7 +92,7 @@ bool SegmentMapping::openObject(const std::string& name, bool create) {
     return false;
 }
 
-// Only what was empty when it was opened is removed again: anything else may be in use.
+// Only an object that was empty when opened is removed again: any other may be in use.
 SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int totalSize,
                                            bool create) {
     struct stat status {};
@@ -115,7 +115,7 @@ SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int
               ": ", describe(m_error));
     if (status.st_size != 0) return Sized::No;
     shm_unlink_mac(m_objectName);
-    // Once more: another process may have made one of that name again in between.
+    // Again: another process may have recreated the name in between.
     if (create) shm_unlink_mac(m_objectName);
     return Sized::No;
 }
@@ -143,7 +143,7 @@ SegmentMapping::Growth SegmentMapping::growToObject() {
     if (fstat(m_file.get(), &status) != 0 || mappableSize(status) <= m_mappedSize) {
         return Growth::NotLarger;
     }
-    // Another process may have grown it without memory behind it.
+    // Another process may have grown it without reserving memory.
     if (ftruncate_mac(m_file.get(), mappableSize(status)) != 0) return Growth::Refused;
     void* address =
         mmap(nullptr, mappableSize(status), PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), 0);

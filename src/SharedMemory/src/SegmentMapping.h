@@ -10,9 +10,9 @@ namespace shared_memory {
 
 // The shared-memory object of one segment, and this process's mapping of it.
 //
-// The object is called: effective user ID, "CWVDI_", "MTVDI_" or "DEFVDI_" by client type, segment
-// name. It is for its owner only, and stays in the system when the mapping ends. It may grow while
-// it is mapped, and is never made smaller. Not thread-safe.
+// The object's name is the effective user ID, "CWVDI_", "MTVDI_" or "DEFVDI_" by client type, and
+// the segment name. Only its owner has access; it stays in the system when unmapped. It may grow
+// while mapped, and is never shrunk. Not thread-safe.
 class SegmentMapping {
 public:
     SegmentMapping() = default;
@@ -20,17 +20,17 @@ public:
     SegmentMapping(const SegmentMapping&) = delete;
     SegmentMapping& operator=(const SegmentMapping&) = delete;
 
-    // Maps the object of segment `name`, with `create` made zero-filled when there is none, so that
-    // its data area has at least `capacity` bytes. An object that is too small grows. Where the
-    // system cannot let it grow, it is replaced if no living process has it open. False, after one
-    // log line, when it fails: error() says why, and an object that was not empty stays.
+    // Maps the object of segment `name` (with `create`, creates a zero-filled one if there is
+    // none), with a data area of at least `capacity` bytes. An object that is too small is grown.
+    // Where the system cannot grow it, it is replaced if no living process has it open. On failure
+    // logs one line and returns false; error() says why, and an object that was not empty stays.
     bool open(const std::string& name, unsigned int capacity, bool create);
     enum class Growth {
         Done,
-        NotLarger,  // the object has no more than is mapped
+        NotLarger,  // the object is no larger than the mapping
         Refused,    // the system has no memory or address space for it; the old mapping stays
     };
-    // Maps it anew at the size that the object has by now.
+    // Remaps the object at its current size.
     Growth growToObject();
     // False when the system refused to close the descriptor. The mapping is gone in either case.
     bool close();
@@ -41,21 +41,21 @@ public:
     // Null unless open.
     SharedMemoryHeader* header() const { return static_cast<SharedMemoryHeader*>(m_address); }
     char* data() const { return static_cast<char*>(m_address) + sizeof(SharedMemoryHeader); }
-    // Bytes of the data area as mapped: at least as many as open() was asked for.
+    // Bytes of the data area as mapped: at least as many as passed to open().
     unsigned int capacity() const { return m_capacity; }
 
     enum class State {
-        Whole,    // the object covers the mapping
-        Grown,    // and more than it
-        Shrunk,   // another process has cut it: touching what is cut off would end this process
-        Removed,  // its name has been removed from the system: a newcomer would meet another object
+        Whole,   // the object has the mapped size
+        Grown,   // the object is larger
+        Shrunk,  // another process has truncated it: touching the lost part would kill this process
+        Removed,  // its name was removed from the system: a newcomer would open another object
     };
     // One system call.
     State look() const;
 
-    // Removes the object of that name from the system. What has it mapped keeps it.
+    // Removes the object of that name from the system. Existing mappings stay valid.
     static bool remove(const std::string& name);
-    // The prefix of the client type, and `name`.
+    // `name` with the client type's prefix.
     static std::string prefixed(const std::string& name);
     // Bytes of the object of a segment with a data area of `capacity` bytes.
     static unsigned int sizeFor(unsigned int capacity);

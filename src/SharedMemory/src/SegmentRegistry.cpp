@@ -47,7 +47,7 @@ void SegmentRegistry::enter(Role role) {
     }
 }
 
-// A forked child has a copy of this object, and the entry is its parent's.
+// A forked child has a copy of this object, but the entry is its parent's.
 void SegmentRegistry::leave() {
     ProcessIdentity::Word own = ProcessIdentity::own();
     if (m_own) m_own->process.compare_exchange_strong(own, 0);

@@ -15,8 +15,8 @@ class NamedObject;
 
 namespace shared_memory {
 
-// One end of a segment that a process has open, as it stands in shared memory. Changed under the
-// segment's mutex, by the process that it names, or by others once that one is gone. Nothing read
+// One end of a segment that a process has open, as recorded in shared memory. Changed under the
+// segment's mutex by the process it names, or by others once that process is gone. Nothing read
 // from here is trusted.
 struct RegistryEntry {
     enum class Role : std::uint32_t { Writer = 1, Reader = 2 };
@@ -24,23 +24,22 @@ struct RegistryEntry {
 
     // The process; 0 while the entry is free.
     std::atomic<VDIFrameworkCommon::ProcessIdentity::Word> process;
-    // A broadcast's reader: the ID of the last message seen, and the one after which the reader
-    // counted itself as ready.
+    // Broadcast reader: the ID of the last message seen, and the one after which it counted itself
+    // as ready.
     std::atomic<long> lastSeenId;
     std::atomic<long> countedAfterId;
-    // A broadcast's reader: the last message ID when it opened. One of several writers: what it has
-    // put into the lock word, 0 while it does not hold the lock.
+    // Broadcast reader: the last message ID when it opened. One of several writers: the value it
+    // has put into the lock word, 0 while it does not hold the lock.
     std::atomic<long> since;
     std::atomic<std::uint32_t> role;
-    // A broadcast's reader: 1 while it is counted among those inside a read.
+    // Broadcast reader: 1 while it is counted among those inside a read.
     std::atomic<std::uint32_t> isInside;
 };
 static_assert(sizeof(RegistryEntry) == 40);
 
-// Who has a segment open: a small named object beside the segment, so that one end can tell whether
-// another that does not answer still lives. An end that is not ours does not enter itself. Without
-// an object, all operations do nothing. Not thread-safe; all but open() with the segment's mutex
-// held.
+// Who has a segment open: a small named object beside the segment, by which one end can tell
+// whether another that does not answer still lives. Third-party ends do not register. Without the
+// object all operations do nothing. Not thread-safe; all but open() require the segment's mutex.
 class SegmentRegistry {
 public:
     using Role = RegistryEntry::Role;
@@ -51,20 +50,20 @@ public:
     SegmentRegistry(const SegmentRegistry&) = delete;
     SegmentRegistry& operator=(const SegmentRegistry&) = delete;
 
-    // Opens the registry of segment `name`, which says the client type, too
-    // (SegmentMapping::prefixed); the second form does not make one.
+    // Opens the registry of segment `name`, which includes the client-type prefix
+    // (SegmentMapping::prefixed). openExisting() does not create one.
     bool open(const std::string& name);
     bool openExisting(const std::string& name);
     void close();
 
-    // Takes a free entry for this end. None is free when kEntries ends are open: this one is then
-    // not known to the others.
+    // Takes a free entry for this end. When kEntries ends are open there is none, and the others do
+    // not know about this one.
     void enter(Role role);
     void leave();
     // Null unless entered.
     RegistryEntry* own() const { return m_own; }
 
-    // Calls `forget` with each entry of a process that is gone, and frees it. Whether there was
+    // Calls `forget` with each entry of a process that is gone, and frees it. True if there was
     // one.
     template <class Forget>
     bool removeGone(const Forget& forget) {
@@ -77,7 +76,7 @@ public:
         });
         return any;
     }
-    // Whether some end in that role, not this one, is entered; and in a living process.
+    // Whether another end is registered in that role; hasLiving(): by a living process.
     bool has(Role role);
     bool hasLiving(Role role);
     bool hasLivingProcess(bool exceptOwn);

@@ -21,7 +21,7 @@ bool isFresh(Clock::time_point look, Clock::time_point now) {
     return now - look < kLookIsFresh && now >= look;
 }
 
-// Wraps: the IDs in a segment may be anything.
+// Wraps: the IDs in a segment may have any value.
 long distance(long from, long to) {
     return static_cast<long>(static_cast<unsigned long>(to) - static_cast<unsigned long>(from));
 }
@@ -42,7 +42,7 @@ bool SegmentSlot::open(const std::string& name, unsigned int capacity, bool crea
     return true;
 }
 
-// Whoever removed a segment held its mutex meanwhile, and the mutex is gone with it.
+// A process that removes a segment holds its mutex meanwhile, and removes the mutex with it.
 bool SegmentSlot::openAll(unsigned int capacity, bool create, bool isRenewed) {
     for (int attempt = 0; attempt < 3; ++attempt) {
         if (!createObjects()) return false;
@@ -53,8 +53,8 @@ bool SegmentSlot::openAll(unsigned int capacity, bool create, bool isRenewed) {
     return false;
 }
 
-// Notified with the mutex held, so that a writer that waits writes nothing that a reader that
-// starts would drop; once more when the reader has started.
+// Notified with the mutex held, so that a waiting writer writes nothing that a starting reader
+// would drop; notified again once the reader has started.
 bool SegmentSlot::start(unsigned int capacity, bool create, bool isRenewed) {
     notify(Signal::Taken);
     const bool isOpen = m_mapping.open(m_name, capacity, create);
@@ -137,7 +137,7 @@ bool SegmentSlot::isCut() {
     return !isFresh(m_lastLook, now) && look(now) == SegmentMapping::State::Shrunk;
 }
 
-// A look that finds the object lost does not count: the next check() must find that again.
+// A look that finds the object lost is not cached: the next check() must find it again.
 SegmentMapping::State SegmentSlot::look(Clock::time_point now) {
     const auto state = m_mapping.look();
     const bool isLost =
@@ -217,9 +217,9 @@ bool SegmentSlot::place(const ChunkHeader& chunk, const char* bytes) {
     return true;
 }
 
-// A reader finds zeros behind the chunk, as if the whole area had been cleared. What the chunk
-// before used is cleared before its length is replaced, so a writer that dies on the way leaves a
-// length that still covers the rest.
+// A reader finds zeros behind the chunk, as if the whole area had been cleared. The previous
+// chunk's bytes are cleared before its length is replaced, so a writer that dies in between leaves
+// a length that still covers the rest.
 void SegmentSlot::clearBehind(unsigned int length) {
     const unsigned int before = header().chunkLength.load(std::memory_order_relaxed);
     const unsigned int dirty =

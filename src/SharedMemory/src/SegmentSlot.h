@@ -20,12 +20,12 @@ class SlotEnd {
 public:
     virtual ~SlotEnd() = default;
     virtual SegmentRegistry::Role role() const = 0;
-    // Called with the segment's mutex held. `isRenewed`: the object had been removed or cut by
-    // another process and was made anew, and this end goes on in it.
+    // Called with the segment's mutex held. `isRenewed`: another process removed or truncated the
+    // object; it was recreated, and this end continues in it.
     virtual void begin(bool isRenewed) = 0;
     // Called with the segment's mutex held, before the mapping ends.
     virtual void leave() {}
-    // Takes back what another end, whose process is gone, has left in the segment. Called with the
+    // Reverts what another end, whose process is gone, has left in the segment. Called with the
     // mutex held.
     virtual void forget(const RegistryEntry& /*gone*/) {}
 };
@@ -34,20 +34,20 @@ public:
 //
 // It holds an unread chunk while the new message ID is greater than the read message ID and is free
 // while they are equal. The segment's named mutex guards the two IDs; chunk header and data are
-// touched only by the side that owns the slot. The read condition says that a chunk was written,
+// touched only by the side that owns the slot. The read condition signals that a chunk was written,
 // the write condition that one was taken.
 //
-// Not thread-safe, but for the gate it is made with.
+// Not thread-safe, except for its gate.
 class SegmentSlot {
 public:
     explicit SegmentSlot(SlotGate& gate) : m_gate(gate) {}
     SegmentSlot(const SegmentSlot&) = delete;
     SegmentSlot& operator=(const SegmentSlot&) = delete;
 
-    // Maps segment `name`, with `create` made when there is none, and starts `end`, which must
-    // outlive the use. False, after a log line, when it fails: error() says why.
+    // Maps segment `name` (with `create`, creates it if there is none) and starts `end`, which must
+    // outlive its use here. On failure logs one line and returns false; error() says why.
     bool open(const std::string& name, unsigned int capacity, bool create, SlotEnd& end);
-    // To be called before `end` is destroyed. False when the system refused a part of it; it is
+    // Call it before `end` is destroyed. False when the system refused part of it; the slot is
     // closed in any case.
     bool close();
     bool isMapped() const { return m_mapping.isOpen(); }
@@ -60,30 +60,31 @@ public:
     char* data() { return m_mapping.data(); }
     // Bytes of the data area that are mapped.
     unsigned int mappedCapacity() const { return m_mapping.capacity(); }
-    // Bytes of the data area as open() was asked for: what a writer's chunk may have.
+    // Bytes of the data area as passed to open(): the limit of a writer's chunk.
     unsigned int capacity() const { return m_capacity; }
     SegmentRegistry& registry() { return m_registry; }
-    // Takes the ends of processes that are gone out of the registry; with the mutex held. Whether
+    // Removes the ends of processes that are gone from the registry; with the mutex held. True if
     // there were any.
     bool forgetGone() {
         return m_registry.removeGone([this](const RegistryEntry& gone) { m_end->forget(gone); });
     }
 
     enum class Soundness { Sound, Renewed, Lost };
-    // To be called before a chunk is touched. Looks at the object, unless the last look is less
-    // than 50 us old: touching memory that another process has cut off would end this one. An
-    // object that was removed or cut is made anew. When that is impossible the slot is lost and not
-    // mapped until a later call succeeds, each of which takes 20 ms.
+    // Call it before touching a chunk. Checks the object, unless the last check is less than 50 us
+    // old: touching memory that another process has truncated would kill this one. A removed or
+    // truncated object is recreated. If that fails the slot is lost and unmapped until a later call
+    // succeeds; each such call takes 20 ms.
     Soundness check(Clock::time_point now);
-    // Whether another process has cut the object. To be asked before the memory is touched where
-    // time may have passed since the last look, which counts for 50 us here, too. The next check()
-    // makes the object anew. False while it is not mapped.
+    // Whether another process has truncated the object. Ask before touching the memory if time may
+    // have passed since the last check, which is valid for 50 us here, too. The next check()
+    // recreates the object. False while it is not mapped.
     bool isCut();
-    // Maps what another end has let the object grow to.
+    // Maps the size to which another end has grown the object.
     SegmentMapping::Growth grow() { return m_mapping.growToObject(); }
 
-    // Holds the segment's mutex for a scope, if it could be had: ask. A failure is one log line
-    // until the mutex could be had again. Says no, too, when the object has been cut meanwhile.
+    // Holds the segment's mutex for a scope, if it could be locked: test the object. A failure is
+    // logged once until the mutex could be locked again. Also tests false when the object was
+    // truncated meanwhile.
     class Section {
     public:
         static constexpr std::chrono::milliseconds kLongestWait{2000};
@@ -102,10 +103,10 @@ public:
     enum class Signal { Written, Taken };
     void notify(Signal signal) { condition(signal).notify(); }
 
-    // Waits first and tests then, with the mutex held: without a notification `test` is asked only
-    // when the deadline has passed, or when `silence`, which is asked after 10 ms without a
-    // notification and then every 200 ms, says so. False also when the slot is closed or halted,
-    // when the object was cut meanwhile, or when the mutex could not be had; that takes at most 20
+    // Waits first, then tests, with the mutex held. Without a notification `test` is called only
+    // when the deadline has passed, or when `silence`, called after 10 ms without a notification
+    // and then every 200 ms, returns true. Also false when the slot is closed or halted, when the
+    // object was truncated meanwhile, or when the mutex could not be locked; this takes at most 20
     // ms beyond the deadline.
     template <class Test, class Silence>
     bool waitFor(Signal signal, Clock::time_point now, Clock::time_point deadline, const Test& test,
@@ -120,15 +121,15 @@ public:
 
     // --- with the mutex held
     bool isFree();
-    // Remembers which chunk it is, and of which set-up of a writer.
+    // Remembers which chunk it is, and which set-up of a writer placed it.
     bool isUnread();
 
     // --- by the side that owns the slot, without the mutex
-    // Puts a chunk into the free slot. False when the mutex could not be had: it is not there then.
+    // Puts a chunk into the free slot. False, with nothing placed, when the mutex could not be
+    // locked.
     bool place(const ChunkHeader& chunk, const char* bytes);
-    // Acknowledges the chunk that isUnread() found. False when the slot does not hold it any more,
-    // because a writer was set up anew and did not wait for its reader: what was copied of it may
-    // be torn.
+    // Acknowledges the chunk that isUnread() found. False when the slot no longer holds it, because
+    // a newly set-up writer did not wait for its reader: the copy may be torn.
     bool take();
 
     // Changes with every set-up of a writer, and at times without one.
@@ -168,7 +169,7 @@ private:
     OpenError m_error;
     unsigned int m_capacity = 0;
     Clock::time_point m_lastLook{};
-    // What lies behind the last chunk in the data area is zero.
+    // The data area behind the last chunk is zero.
     bool m_restIsClear = false;
     // The new message ID, and the generation, at which a chunk was last found unread.
     long m_unreadId = 0;

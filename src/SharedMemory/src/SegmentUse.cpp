@@ -24,7 +24,7 @@ bool isOpen(const std::string& name, bool exceptHere) {
            registry.hasLivingProcess(exceptHere);
 }
 
-// The mutex last: who finds it gone finds all gone, and makes all anew.
+// The mutex goes last: a process that finds it gone finds everything gone, and recreates it all.
 void removeAll(const std::string& name) {
     const std::string object = kSegmentObjectPrefix + name;
     using Kind = NamedObject::Kind;

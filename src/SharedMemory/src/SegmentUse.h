@@ -1,5 +1,5 @@
-// Who has a segment open: what its registry (SegmentRegistry.h) tells. An end that does not enter
-// itself there is not known.
+// Who has a segment open, according to its registry (SegmentRegistry.h). An end that does not
+// register is unknown.
 #pragma once
 
 #include <string>
@@ -17,9 +17,9 @@ bool isSegmentInUseElsewhere(const std::string& name);
 // Whether a living process, this one included, has it open in that role.
 bool hasEnd(const std::string& name, SegmentRegistry::Role role);
 
-// Removes the segment from the system, with the mutex, conditions and registry that belong to it,
-// unless a living process has it open. False when it stays for that reason, or when somebody else
-// kept its mutex for 100 ms. True when it is gone, also when there was none.
+// Removes the segment from the system, with its mutex, conditions and registry, unless a living
+// process has it open. False when it stays for that reason, or when another process kept its mutex
+// for 100 ms. True when it is gone, also when there was none.
 bool removeSegmentIfUnused(const std::string& name);
 
 }  // namespace shared_memory

@@ -12,12 +12,13 @@ using VDIFrameworkCommon::LocalLock;
 
 namespace {
 
-// How long the read thread waits at a time: a message, a stop and a close wake it. What notifies
-// nobody, as a removed object, is found this late; later after three waits that brought nothing.
+// How long the read thread waits at a time; a message, a stop or a close wakes it. A change without
+// a notification, such as a removed object, is found this late; later after three waits without a
+// message.
 constexpr unsigned int kReadWaitMs = 200;
 constexpr unsigned int kQuietReadWaitMs = 1000;
 constexpr unsigned int kWaitsUntilQuiet = 3;
-// A living writer gives a message up when a chunk of it has waited this long.
+// A living writer gives up on a message when one of its chunks has waited this long.
 constexpr milliseconds kLongestSilence{2000};
 
 }  // namespace

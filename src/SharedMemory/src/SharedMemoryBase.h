@@ -12,10 +12,9 @@
 
 namespace shared_memory {
 
-// A segment over its parts: the slot (SegmentSlot.h), the end that this object is of it, and the
-// read thread. A backend says where the memory and the clock come from, a variant what is done with
-// the slot. Thread-safe: the operation lock is held while the slot is used, and before the
-// segment's named mutex.
+// A segment and its parts: the slot (SegmentSlot.h), this object's end of it, and the read thread.
+// A backend supplies the memory and the clock; a variant defines the use of the slot. Thread-safe:
+// the operation lock is held while the slot is used, and taken before the segment's named mutex.
 class SharedMemoryBase : public SharedMemoryI {
 public:
     SharedMemoryBase();
@@ -31,19 +30,19 @@ public:
         return setUp(name, size, Mode::Reader);
     }
     OpenError openError() override { return m_access.error(); }
-    // Refused inside an observer's call: the read thread cannot wait for its own end.
+    // Refused inside an observer's call: the read thread cannot join itself.
     bool Close() override;
     std::string getName() override { return m_access.name(); }
     bool WriteData(const void* data, const unsigned int& length) override;
-    // A message whose next chunk does not come within `timeout` is kept as far as it came; a later
-    // call goes on with it. Takes at most 20 ms longer when another process holds the mutex.
+    // A message whose next chunk does not arrive within `timeout` is kept; a later call continues
+    // it. Takes up to 20 ms longer while another process holds the mutex.
     std::string ReadData(unsigned int& length, unsigned int timeout) override;
     void subscribeObserver(SharedMemoryObserverI* observer) override {
         m_readThread.subscribe(observer);
     }
     void unsubscribeObserver(SharedMemoryObserverI* observer) override;
     void unsubscribeAllObservers() override { m_readThread.unsubscribeAll(); }
-    // Gives up after 2000 ms without a chunk, and keeps what it has as above.
+    // Gives up after 2000 ms without a chunk, and keeps an unfinished message as above.
     bool ReadData(void** data, unsigned int& length) override;
 
     // Bytes of the object of a segment with a data area of `capacity` bytes.
@@ -55,20 +54,20 @@ protected:
     using Mode = SegmentAccess::Mode;
 
     // --- supplied by a backend
-    // A monotonic clock in milliseconds, cut to 32 bits: compare differences.
+    // A monotonic clock in milliseconds, truncated to 32 bits: compare only differences.
     virtual unsigned int ElapsedMillisecond() = 0;
     // Atomic on words of the segment, also between processes.
     virtual long IncrementWithLocking(SharedWord* word) = 0;  // the new value
     virtual void DecrementWithLocking(SharedWord* word) = 0;
     virtual long ExcangeWithLocking(SharedWord* target, long value) = 0;  // the old value
-    // Maps the segment and starts the end of `mode()`. False when it is open already or the system
+    // Maps the segment and starts the end of `mode()`. False when already open or when the system
     // refuses.
     virtual bool CreateOrOpen(const std::string& name, unsigned int size, bool bTryToCreate)
         NORVO_REQUIRES(m_operationLock) = 0;
     virtual bool CloseSharedMemory() NORVO_REQUIRES(m_operationLock) = 0;
 
     // --- changed by a variant
-    // Whether a message waits; `update` makes a broadcast's last message seen.
+    // Whether a message is waiting; `update` marks a broadcast's latest message as seen.
     virtual bool NewMessage(bool update) NORVO_REQUIRES(m_operationLock);
     virtual SlotEnd& end(Mode mode) NORVO_REQUIRES(m_operationLock);
     virtual bool writeMessage(const void* data, unsigned int length)
@@ -76,11 +75,11 @@ protected:
         return m_writer.write(data, length);
     }
     virtual bool waitForMessage(unsigned int timeout) NORVO_REQUIRES(m_operationLock);
-    // After it: takes the message, whose chunks follow each other within `silence` ms.
+    // Then takes the message, whose chunks must follow each other within `silence` ms.
     virtual std::string takeMessage(unsigned int silence) NORVO_REQUIRES(m_operationLock) {
         return m_reader.take(std::chrono::milliseconds(silence));
     }
-    // Takes a message that waits, without waiting for it.
+    // Takes a waiting message, if any.
     virtual std::string takeMessageNow() NORVO_REQUIRES(m_operationLock);
 
     bool isOpen() const { return m_gate.isOpen(); }
@@ -104,9 +103,9 @@ private:
     bool setUp(const std::string& name, unsigned int size, Mode mode);
     std::string readForObservers();
 
-    // Asked without the operation lock, which a reader holds while it waits.
+    // Used without the operation lock, which a reader holds while it waits.
     SegmentAccess m_access{m_gate};
-    // How often the read thread has waited for nothing since the last message, as far as it counts.
+    // Waits of the read thread without a message since the last one, up to a limit.
     unsigned int m_vainWaits NORVO_GUARDED_BY(m_operationLock) = 0;
     ReadThread m_readThread;
 };

@@ -9,8 +9,8 @@
 
 namespace shared_memory {
 
-// A segment whose every reader sees every message. A message is one chunk. BroadcastWriter.h and
-// BroadcastCounts.h say how the writer waits for its readers.
+// A segment in which every reader sees every message. A message is one chunk. BroadcastWriter.h and
+// BroadcastCounts.h describe how the writer waits for its readers.
 class SharedMemoryBroadcast : public SharedMemoryMacosx {
 public:
     SharedMemoryBroadcast() = default;
@@ -20,7 +20,7 @@ public:
     std::string ReadData(unsigned int& length, unsigned int timeout) override;
     using SharedMemoryBase::ReadData;
 
-    // One try to get the slot for the next message.
+    // One attempt to lock the slot for the next message.
     bool LockWrite();
     // Tries for at most `timeout` ms.
     bool WaitLockWrite(unsigned int timeout);
@@ -30,7 +30,8 @@ public:
     void UnlockRead();
 
 protected:
-    // Refuses what is longer than the capacity; fails when the slot could not be had in 3000 ms.
+    // Refuses a message longer than the capacity; fails when the slot could not be locked within
+    // 3000 ms.
     bool writeMessage(const void* data, unsigned int length) override
         NORVO_REQUIRES(m_operationLock);
     bool waitForMessage(unsigned int timeout) override NORVO_REQUIRES(m_operationLock);

@@ -12,7 +12,7 @@ enum class ESharedMemoryType : int {
     MultipleWritersOneReader = 2,  // several writers, whole messages never interleave
 };
 
-// A segment that is not set up yet. Empty for a value that is not one of the above.
+// A segment that is not set up yet. Null for an unknown type.
 std::shared_ptr<SharedMemoryI> getSharedMemoryInstance(ESharedMemoryType type);
 
 }  // namespace shared_memory

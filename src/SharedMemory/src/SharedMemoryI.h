@@ -9,7 +9,7 @@ namespace shared_memory {
 
 class SharedMemoryI;
 
-// Gets the messages of a segment that it is subscribed to.
+// Receives the messages of the segments it is subscribed to.
 class SharedMemoryObserverI {
 public:
     virtual ~SharedMemoryObserverI() = default;
@@ -18,32 +18,33 @@ public:
     virtual void onNewMessageReceived(std::string message, SharedMemoryI* source) = 0;
 };
 
-// A segment is set up once, as writer (Create) or reader (Open). Failures are one log line and
-// false or an empty result, never an exception. Thread-safe.
+// A segment is set up once, as writer (Create) or reader (Open). A failure is logged in one line
+// and returned as false or an empty result, never thrown. Thread-safe.
 class SharedMemoryI {
 public:
     virtual ~SharedMemoryI() = default;
 
-    // Sets up as the writer of segment `name` with a data area of `size` bytes; makes the segment
-    // when there is none, and resets its message IDs.
+    // Sets up as the writer of segment `name` with a data area of `size` bytes; creates the segment
+    // if there is none, and resets its message IDs.
     virtual bool Create(const std::string& name, unsigned int size) = 0;
-    // Sets up as the reader; makes the segment when there is none. A waiting chunk is dropped.
+    // Sets up as the reader; creates the segment if there is none. A waiting chunk is dropped.
     virtual bool Open(const std::string& name, unsigned int size) = 0;
     // Why the last Create or Open failed; OpenFailure::None when it did not.
     virtual OpenError openError() { return {}; }
-    // Ends the read thread and unmaps. The object stays in the system for the other end.
+    // Ends the read thread and unmaps the segment. The object stays in the system for the other
+    // end.
     virtual bool Close() = 0;
     virtual std::string getName() = 0;
 
-    // Writes one message of `length` bytes in as many chunks as it takes. False when refused or
-    // when a chunk could not be placed within 2000 ms (chunks already sent stay sent).
+    // Writes one message of `length` bytes in as many chunks as needed. False when refused or when
+    // a chunk could not be placed within 2000 ms (chunks already sent stay sent).
     virtual bool WriteData(const void* data, const unsigned int& length) = 0;
-    // Waits up to `timeout` ms for a message. Empty, and `length` 0, when none came.
+    // Waits up to `timeout` ms for a message. Empty, with `length` 0, when none arrived.
     virtual std::string ReadData(unsigned int& length, unsigned int timeout) = 0;
 
-    // Observers are not owned. The first starts the read thread, the last to leave ends it. After
-    // unsubscribeObserver has returned on another thread than the read thread, the observer is not
-    // called any more.
+    // Observers are not owned. The first starts the read thread, the last to leave ends it. Once
+    // unsubscribeObserver has returned on a thread other than the read thread, the observer is not
+    // called again.
     virtual void subscribeObserver(SharedMemoryObserverI* observer) = 0;
     virtual void unsubscribeObserver(SharedMemoryObserverI* observer) = 0;
     virtual void unsubscribeAllObservers() = 0;

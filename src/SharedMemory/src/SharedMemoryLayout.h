@@ -1,4 +1,4 @@
-// The layout of a segment. Programs that are not ours map the same objects: it is a wire format.
+// The layout of a segment. Third-party programs map the same objects: it is a wire format.
 //
 //   offset width  field               written by
 //        0  8     writer lock count   the variants' writers (and a multiple-writers reader that
@@ -15,7 +15,7 @@
 //       44  4     chunk length        the same
 //       48  C     data area           the same
 //
-// The machine's byte order; a new segment is all zero. Nothing read from here is trusted.
+// Byte order: the machine's. A new segment is all zero. Nothing read from here is trusted.
 #pragma once
 
 #include <atomic>
@@ -25,7 +25,7 @@
 
 namespace shared_memory {
 
-// With the segment's name behind it, what the names of its mutex and its conditions begin with.
+// Prefix of the names of a segment's mutex and conditions; the segment's name follows.
 inline constexpr char kSegmentObjectPrefix[] = "ED992248_";
 inline constexpr char kReadConditionSuffix[] = "_read_condition";
 inline constexpr char kWriteConditionSuffix[] = "_write_condition";

@@ -11,8 +11,8 @@
 namespace shared_memory {
 
 // Decides whether the segments of this process may read and write: not while another process is the
-// active agent. One per process, made on first use and never destroyed, so that threads still
-// running at process exit may ask it. Thread-safe.
+// active agent. One per process, created on first use and never destroyed, so that threads still
+// running at process exit may use it. Thread-safe.
 class SharedMemoryRWController {
 public:
     static std::shared_ptr<SharedMemoryRWController> getInstance();
@@ -21,7 +21,7 @@ public:
     ~SharedMemoryRWController();
 
     // As of the last check, which is at most 500 ms old while the checker thread runs. True before
-    // the first check; after shutdown() as they were last.
+    // the first check; after shutdown() the last value.
     bool canRead() const { return m_canRead.load(std::memory_order_relaxed); }
     bool canWrite() const { return m_canWrite.load(std::memory_order_relaxed); }
 
@@ -30,10 +30,10 @@ public:
     bool markCurrentVirtualChannelAgentAsActive();
     void clearActiveVirtualChannelAgent();
 
-    // Starts the checker thread when it does not run. Every segment does so when it is set up, so
-    // an agent that is built after another one's shutdown() is checked again.
+    // Starts the checker thread unless it runs. Every segment calls this when it is set up, so
+    // checking resumes for an agent built after another one's shutdown().
     void start();
-    // Ends and joins the checker thread. May be called at any time and again.
+    // Ends and joins the checker thread. May be called at any time, repeatedly.
     void shutdown();
 
 private:

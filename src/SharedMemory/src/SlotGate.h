@@ -8,24 +8,24 @@
 
 namespace shared_memory {
 
-// Whether a slot may be used, as other threads than its user see it, and the way to end its user's
-// waits. Thread-safe.
+// Tells other threads whether a slot may be used, and ends the waits of the slot's user.
+// Thread-safe.
 class SlotGate {
 public:
     // --- by the slot
-    // Handles of its own on the slot's conditions: a notification counts for a wait that begins
-    // after it only when another handle made it.
+    // Opens its own handles on the slot's conditions: a notification satisfies a later wait only
+    // when another handle made it.
     void attach(const std::string& readCondition, const std::string& writeCondition);
     void open() { m_open = true; }
 
     // --- by anyone
     bool isOpen() const { return m_open.load(); }
-    // Whether the user may go on waiting.
+    // Whether the user may continue to wait.
     bool isPassable() const { return m_open.load() && !m_halted.load(); }
-    // Ends the user's waits, and lets later ones end at once; resume() takes it back.
+    // Ends the user's waits, and makes later ones end at once; resume() undoes it.
     void halt();
     void resume() { m_halted = false; }
-    // The same for good. False when it was closed before.
+    // The same, permanently. False when it was already closed.
     bool close();
 
 private:

@@ -6,9 +6,9 @@ namespace shared_memory {
 
 namespace {
 
-// How often a chunk is copied again because its writer was set up anew meanwhile.
+// How often a chunk is copied again when a writer was newly set up meanwhile.
 constexpr int kCopies = 3;
-// Longer than the 2000 ms after which a writer gives its next chunk up.
+// Longer than the 2000 ms after which a writer gives up on its next chunk.
 constexpr std::chrono::milliseconds kLeftForLackOfMemory{3000};
 
 }  // namespace
@@ -69,9 +69,9 @@ MessageAssembler::Outcome SlotReader::add(const ChunkHeader& chunk) {
     return m_assembler.add(chunk, m_slot.data(), m_slot.mappedCapacity());
 }
 
-// Left in the slot, a later chunk is dropped as a stray; a first one never would be. One that there
-// is no memory for is left there until its writer has told its caller, and no longer: what is
-// written next must get through.
+// A later chunk left in the slot is dropped as a stray; a first one never would be. One that there
+// is no memory for is left only until its writer has reported the failure: the next message must
+// get through.
 bool SlotReader::staysInSlot(MessageAssembler::Outcome outcome, const ChunkHeader& chunk) {
     const bool lacksMemory = outcome == MessageAssembler::Outcome::NoMemory;
     if (chunk.index != 1) return lacksMemory || outcome == MessageAssembler::Outcome::BadLength;

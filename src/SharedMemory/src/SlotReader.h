@@ -11,16 +11,15 @@
 namespace shared_memory {
 
 // The reader of a plain slot: takes chunks and joins them into messages. A message whose next chunk
-// does not come in time is kept as far as it came, and a later call goes on with it. Not
-// thread-safe.
+// does not arrive in time is kept, and a later call continues it. Not thread-safe.
 class SlotReader : public SlotEnd {
 public:
     explicit SlotReader(SegmentSlot& slot) : m_slot(slot) {}
 
     // Waits for an unread chunk until `deadline`.
     bool wait(Clock::time_point deadline);
-    // Takes the message whose chunk waits, and the chunks of it that follow within `silence` each.
-    // Empty when none was completed.
+    // Takes the message whose chunk is waiting, with those chunks that follow within `silence` of
+    // each other. Empty when no message was completed.
     std::string take(std::chrono::milliseconds silence);
     // Takes what is there without waiting for a first chunk.
     std::string takeNow(std::chrono::milliseconds silence);

@@ -31,7 +31,7 @@ bool SlotWriter::write(const void* data, unsigned int length, Clock::time_point 
     for (unsigned int i = 0; i < count; ++i) {
         const auto now = Clock::now();
         const auto soundness = m_slot.check(now);
-        // The chunks before are lost with the object that they were placed in.
+        // The earlier chunks are lost with the object they were placed in.
         const bool isBroken = soundness != SegmentSlot::Soundness::Sound && i > 0;
         if (isBroken || !waitWritable(now, std::min(deadline, now + kLongestWait))) {
             NORVO_LOG_REPEATED(m_notTaken, Error, "Memory is not writable: ", m_slot.name());
@@ -44,7 +44,7 @@ bool SlotWriter::write(const void* data, unsigned int length, Clock::time_point 
     return true;
 }
 
-// A reader that is known to live need not notify first.
+// A reader known to be alive need not notify first.
 bool SlotWriter::waitWritable(Clock::time_point now, Clock::time_point deadline) {
     return m_slot.isMapped() &&
            m_slot.waitFor(

@@ -6,18 +6,19 @@
 
 namespace shared_memory {
 
-// The writer of a plain slot: cuts a message into chunks and places one after the other. Not
+// The writer of a plain slot: splits a message into chunks and places one after the other. Not
 // thread-safe.
 class SlotWriter : public SlotEnd {
 public:
     explicit SlotWriter(SegmentSlot& slot) : m_slot(slot) {}
 
     // False when the slot was not free by `deadline`, or when a chunk has waited 2000 ms for it:
-    // the chunks placed by then stay, and the reader drops them as a broken message. An empty
-    // message is not sent; returns true.
+    // chunks already placed stay, and the reader drops them as a broken message. An empty message
+    // is not sent; returns true.
     bool write(const void* data, unsigned int length,
                Clock::time_point deadline = Clock::time_point::max());
-    // Whether the slot is free: the reader has taken all. False while the object is cut.
+    // Whether the slot is free: the reader has taken everything. False while the object is
+    // truncated.
     bool isDrained() { return !m_slot.isMapped() || (!m_slot.isCut() && m_slot.isFree()); }
 
     SegmentRegistry::Role role() const override { return SegmentRegistry::Role::Writer; }

@@ -34,14 +34,14 @@ bool WritersLock::tryLock(unsigned int now) {
 
 WritersLock::Try WritersLock::tryOnce(unsigned int now) {
     SharedMemoryHeader& header = m_slot.header();
-    // Wraps like the word itself: another process may have left anything there.
+    // Wraps like the word itself: another process may have left any value.
     const long before = header.writerLockCount.fetch_add(1);
     if (before > 0) {
         header.writerLockCount.fetch_sub(1);
         return Try::Busy;
     }
     if (before < 0) {
-        // Locks released twice: counted back to 0 by the tries, or at once when it is far away.
+        // Locks were released twice: the attempts count back to 0, or reset a lower count at once.
         long count = before + 1;
         if (count < 0) header.writerLockCount.compare_exchange_strong(count, 0);
         return Try::Again;

@@ -4,24 +4,24 @@
 
 namespace shared_memory {
 
-// The lock that several writers of one slot take for the length of a message: the writer lock
+// The lock that several writers of one slot take for the duration of a message: the writer lock
 // count, with the time it was taken in lock word 2. Times are milliseconds of a monotonic clock,
-// cut to 32 bits. Not thread-safe.
+// truncated to 32 bits. Not thread-safe.
 class WritersLock {
 public:
     explicit WritersLock(SegmentSlot& slot) : m_slot(slot) {}
 
-    // One try. From 10 ms after beginWait(), a lock whose owner's process is gone is released
+    // One attempt. From 10 ms after beginWait(), a lock whose owner's process is gone is released
     // first.
     void beginWait(unsigned int now) { m_lastLook = now; }
     bool tryLock(unsigned int now);
     // Releases what this object holds, unless the lock was broken meanwhile.
     void unlock();
-    // Releases the lock that a writer has left whose process is gone.
+    // Releases the lock of a writer whose process is gone.
     static void forget(SegmentSlot& slot, const RegistryEntry& gone);
 
-    // For the reader, after each read: breaks a lock that is 2001 ms old, unless chunks still came
-    // in that time, and a count that stayed above 0 that long without a time beside it.
+    // For the reader, after each read: breaks a lock that is 2001 ms old, unless chunks arrived in
+    // that time, and clears a count that stayed above 0 that long without a lock time.
     void watch(unsigned int now, unsigned long chunksTaken, bool wasEmpty);
 
 private:
@@ -33,15 +33,15 @@ private:
     void noteInRegistry();
 
     SegmentSlot& m_slot;
-    // What this writer has put into the lock word; 0 when it does not hold the lock.
+    // The value this writer has put into the lock word; 0 when it does not hold the lock.
     long m_lockedAt = 0;
     unsigned int m_lastLook = 0;
 
-    // The reader's memory of the last chunks: how many had come, and when it last saw more.
+    // For the reader: how many chunks had arrived, and when it last saw more.
     unsigned long m_chunksSeen = 0;
     unsigned int m_lastChunkSeenAt = 0;
-    // A count that stays above 0 without a time is what writers that died while taking the lock
-    // have left.
+    // A count that stays above 0 without a time was left by writers that died while taking the
+    // lock.
     bool m_hasLeftoverCount = false;
     unsigned int m_leftoverSince = 0;
 };

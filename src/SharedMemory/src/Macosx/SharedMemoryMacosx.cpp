@@ -16,7 +16,7 @@ unsigned int SharedMemoryMacosx::ElapsedMillisecond() {
     return static_cast<unsigned int>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
 }
 
-// Wraps like the word itself: another process may have left anything there.
+// Wraps like the word itself: another process may have left any value.
 long SharedMemoryMacosx::IncrementWithLocking(SharedWord* word) { return ++*word; }
 
 void SharedMemoryMacosx::DecrementWithLocking(SharedWord* word) { word->fetch_sub(1); }
