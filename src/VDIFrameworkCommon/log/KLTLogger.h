@@ -1,5 +1,4 @@
-// The logging service. Code that logs uses the macros of Log.h; this is what lies beneath them, and
-// what sets the log up.
+// The logging service behind the macros of Log.h, and its set-up.
 #pragma once
 
 #include <atomic>
@@ -20,7 +19,7 @@ enum class LogAppenderType {
     None,    // records are dropped
 };
 
-// One log record. The views are valid during the call that gets the record.
+// One log record. The views are valid during the call that receives the record.
 struct LogRecord {
     int severity;
     std::string_view logger;
@@ -30,8 +29,8 @@ struct LogRecord {
     std::string_view message;
 };
 
-// Gets every record that is written, whatever the appender; called on the logging thread, from any
-// thread, with no lock held. Must not log.
+// Receives every record that is written, whatever the appender. Called on the thread that logs,
+// with no lock held. Must not log.
 class LogSink {
 public:
     virtual ~LogSink() = default;
@@ -48,9 +47,9 @@ public:
                      std::string_view operation, std::string_view message) = 0;
 };
 
-// Records of a severity up to this number are written: the threshold (default Info;
-// NORVO_VDI_LOG_LEVEL=0..6 changes it) while a logging object exists and has somewhere to write, an
-// open file, standard error or a sink; else 0.
+// Records up to this severity are written: the threshold (default Info; NORVO_VDI_LOG_LEVEL=0..6
+// changes it) while a logging object exists and has a destination (an open file, standard error or
+// a sink), else 0.
 extern std::atomic<int> g_activeThreshold;
 
 inline bool isEnabled(int severity) {
@@ -60,11 +59,11 @@ inline bool isEnabled(int severity) {
 // Overrides the default and the environment. Values outside 0..6 are clamped.
 void setThreshold(int severity);
 
-// Hands every record to `sink` as well, and makes a logging object when there is none (without a
-// file). Null takes the sink away again. Returns the one that was set before.
+// Also passes every record to `sink`; creates a logging object (without a file) if there is none.
+// Null removes the sink. Returns the previous sink.
 std::shared_ptr<LogSink> setSink(std::shared_ptr<LogSink> sink);
 
-// Has the log call LogRepeats::tellDue() about then.
+// Makes the log call LogRepeats::tellDue() at about `time`.
 void tellRepeatsBy(std::chrono::steady_clock::time_point time);
 
 }  // namespace KLT::kltlogger
@@ -74,17 +73,16 @@ void tellRepeatsBy(std::chrono::steady_clock::time_point time);
 KLT::kltlogger::LoggerHandle KLTLogger_getLogger(const char* name);
 const char* KLTLogger_getName(KLT::kltlogger::LoggerHandle handle);
 
-// Empty before VirtualChannelLogger_init (or a sink) has made it.
+// Null before VirtualChannelLogger_init (or a sink) has created it.
 std::shared_ptr<KLT::kltlogger::VirtualChannelLog> VirtualChannelLogger_getInstance();
 
-// Sets the log file, making its directory (owner only) when it is missing; a second call moves the
-// log to the new path. An empty path means no file. A file that cannot be opened is not a failure:
-// records still go to the sink. One that is lost later is tried again with every write.
+// Sets the log file, creating its directory (owner only) if missing; a second call switches to the
+// new path. An empty path means no file. A file that cannot be opened is not a failure: records
+// still go to the sink. A file lost later is retried with every write.
 void VirtualChannelLogger_init(const std::string& path);
 void VirtualChannelLogger_setAppenderType(KLT::kltlogger::LogAppenderType type);
 
 // Writes buffered records out.
 void VirtualChannelLogger_flush();
-// The same, unless the log was flushed less than 100 ms ago: for places that may be reached in a
-// storm.
+// The same, unless the log was flushed less than 100 ms ago: for code that may run very often.
 void VirtualChannelLogger_flushBufferIfAllowed();

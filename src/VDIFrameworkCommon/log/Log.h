@@ -2,11 +2,11 @@
 //
 //     NORVO_LOG(Error, "mmap failure, failed to map shared memory: ", name);
 //
-// The parts are texts, characters, numbers, bools (written 0 or 1) and pointers, joined as they
-// stand. When the severity is off, the parts are not evaluated: the line costs one relaxed load and
-// a branch. The record names the source file that the line stands in ("src/.../File").
+// The parts are texts, characters, numbers, bools (written 0 or 1) and pointers, concatenated
+// without separators. When the severity is off, the parts are not evaluated: the line costs one
+// relaxed load and a branch. The record names the line's source file ("src/.../File").
 //
-// What may happen again and again is summed up, see LogRepeats.h:
+// Recurring events are summed up, see LogRepeats.h:
 //
 //     NORVO_LOG_REPEATED(m_dropped, Error, "Sending buffer full, stream name: ", name);
 #pragma once
@@ -55,13 +55,13 @@ std::string compose(const Parts&... parts) {
     return text;
 }
 
-// Hands one record to the logging object under the logger name "VirtualChannel".
+// Passes one record to the logging object under the logger name "VirtualChannel".
 void write(int severity, std::string_view source, int line, std::string_view operation,
            std::string_view message);
 
 }  // namespace KLT::kltlogger
 
-// The build gives each source of a layer its own.
+// The build defines it for each source of a layer.
 #ifndef NORVO_SOURCE
 #define NORVO_SOURCE __FILE__
 #endif

@@ -128,7 +128,7 @@ void LogAppender::runTimer() {
             m_due = Time::max();
             m_recordWaits = false;
             lock.unlock();
-            Time next = Time::min();  // after a failure it is tried again in a period
+            Time next = Time::min();  // retried after a period on failure
             VDIFrameworkCommon::contained("Writing the log", [&] {
                 const Time wanted = m_beforeWriting ? m_beforeWriting() : Time::max();
                 drain(1);
@@ -169,7 +169,7 @@ void LogAppender::afterForkInChild() {
     m_timerRuns = false;
     m_recordWaits = false;
     m_due = Time::max();
-    std::construct_at(&m_timer);  // the thread, and its wait, stayed behind in the parent
+    std::construct_at(&m_timer);  // the thread and its wait exist only in the parent
     std::construct_at(&m_wake);
     LogLine::forgetIds();
     afterForkInParent();

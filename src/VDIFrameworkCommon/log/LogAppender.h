@@ -11,13 +11,13 @@
 
 namespace KLT::kltlogger {
 
-// Writes records to their destination. For a file they are gathered in a buffer, which is written
-// out by a record of severity 1 to 3, when it is full, one second after its first record, and by
-// flush(). A thread of the appender's own does the last but one; where it cannot run (it cannot be
-// started, finish() was called, this is a forked child) every record is written at once.
+// Writes records to their destination. Records for a file are buffered; the buffer is written by a
+// record of severity 1 to 3, when full, one second after its first record (by the appender's own
+// thread), and by flush(). Where that thread cannot run (it could not be started, finish() was
+// called, this is a forked child), every record is written at once.
 //
-// Thread-safe. Two locks: appending takes only the buffer's, for the time of a copy; writing holds
-// the file's, and others go on appending meanwhile, up to a full buffer.
+// Thread-safe. Two locks: appending takes only the buffer's, for the duration of a copy; writing
+// holds the file's while others continue to append, up to a full buffer.
 class LogAppender {
 public:
     static constexpr std::size_t kBufferBytes = std::size_t{64} * 1024;
@@ -43,14 +43,14 @@ public:
 
     void append(const LogRecord& record);
     void flush();
-    // Has the thread write, and so call BeforeWriting, about then.
+    // Makes the thread write, and so call BeforeWriting, at about `time`.
     void wakeAt(Time time);
 
     // Writes what is buffered and ends the thread; later records are written at once.
     void finish();
 
-    // Around fork(), for the one appender of the process: nothing is in motion while it forks, and
-    // the child neither repeats the parent's records nor waits for the parent's thread.
+    // Around fork(), for the one appender of the process: nothing is being written while it forks,
+    // and the child neither repeats the parent's records nor waits for the parent's thread.
     void beforeFork() NORVO_NO_THREAD_SAFETY_ANALYSIS;
     void afterForkInParent() NORVO_NO_THREAD_SAFETY_ANALYSIS;
     void afterForkInChild() NORVO_NO_THREAD_SAFETY_ANALYSIS;
@@ -77,7 +77,7 @@ private:
     VDIFrameworkCommon::LocalCondition m_wake;
     std::string m_buffer NORVO_GUARDED_BY(m_bufferMutex);
     bool m_timerRuns NORVO_GUARDED_BY(m_bufferMutex) = false;
-    // A record has come since the thread wrote last.
+    // A record has arrived since the thread last wrote.
     bool m_recordWaits NORVO_GUARDED_BY(m_bufferMutex) = false;
     Time m_due NORVO_GUARDED_BY(m_bufferMutex) = Time::max();  // for the thread
     bool m_finished NORVO_GUARDED_BY(m_bufferMutex) = false;

@@ -16,8 +16,8 @@ using VDIFrameworkCommon::FileUtils;
 
 namespace {
 
-// In a folder that others can write to, the name may stand for a file of theirs, or be a second one
-// of a file of this user's.
+// In a folder that others can write to, the name may be a file of theirs, or a second link to a
+// file of this user.
 bool mayBeLog(const struct stat& status) {
     return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
 }
@@ -58,7 +58,7 @@ void LogFile::write(std::string_view lines) {
     }
 }
 
-// Another process may have rolled the file, or someone removed it, perhaps with its directory.
+// Another process may have rolled the file, or it was removed, perhaps with its directory.
 void LogFile::followPath() {
     struct stat ours {};
     struct stat named {};

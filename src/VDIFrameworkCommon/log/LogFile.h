@@ -9,10 +9,10 @@
 
 namespace KLT::kltlogger {
 
-// A log file that rolls: when a write would take it past its limit, it becomes <path>.1, what was
-// .1 becomes .2, and so on, and a new file is begun; kKept old files are kept. Several processes
-// may write to one path: each write is appended whole, and whoever finds that the path names
-// another file now moves to that. Not thread-safe.
+// A log file that rolls over: when a write would exceed its limit, it becomes <path>.1, .1 becomes
+// .2, and so on, and a new file is started; kKept old files are kept. Several processes may write
+// to one path: each write is appended whole, and a process that finds another file at the path
+// switches to it. Not thread-safe.
 class LogFile {
 public:
     static constexpr off_t kDefaultLimit = off_t{10} * 1024 * 1024;
@@ -20,14 +20,14 @@ public:
 
     explicit LogFile(off_t limit = kDefaultLimit) : m_limit(limit) {}
 
-    // Closes the present file and opens `path` for appending, readable by the owner only, making
-    // its directory when it is missing. False when that fails, or when something else than a
-    // regular file of this user's with one name stands there; then there is no file, and each write
-    // tries again. An empty path means no file.
+    // Closes the current file and opens `path` for appending, readable by the owner only, creating
+    // its directory if missing. False when that fails, or when `path` exists but is not a regular
+    // file of this user with a single link; then there is no file, and each write retries. An empty
+    // path means no file.
     bool open(const std::string& path);
     bool isOpen() const { return bool(m_file); }
 
-    // Appends whole lines. What the system refuses (a full disk) is dropped.
+    // Appends whole lines. Lines that the system refuses (a full disk) are dropped.
     void write(std::string_view lines);
 
 private:

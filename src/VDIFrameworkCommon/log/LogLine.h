@@ -12,10 +12,10 @@ namespace KLT::kltlogger {
 //
 //     2031-05-06T07:08:09.123456Z 1234/1240 WARN VirtualChannel src/a/File:42 operation: message
 //
-// with the time in UTC, then process/thread ID. In a session namespace its name stands in brackets
-// before the severity ("[near] WARN"). Control characters are escaped (\n, \r, \t, \x1b),
-// so a record is one line whatever it says; a message is cut after kMaxMessage bytes.
-// Holds views of the record's texts: use it while those live, on the thread that made it.
+// with the time in UTC, then process/thread ID. A session namespace stands in brackets before the
+// severity ("[near] WARN"). Control characters are escaped (\n, \r, \t, \x1b), so a record is
+// always one line; a message is truncated to kMaxMessage bytes. Holds views of the record's texts:
+// use it while they live, on the thread that created it.
 class LogLine {
 public:
     static constexpr std::size_t kMaxMessage = 32 * 1024;

@@ -27,8 +27,8 @@ std::string grouped(std::uint64_t number) {
 
 }  // namespace
 
-// The objects with a count to tell, and the lock of all of them. Never destroyed: objects may end
-// with the process.
+// The objects with a pending count, and their shared lock. Never destroyed: objects may live until
+// the process ends.
 struct LogRepeats::Waiting {
     static Waiting& get() {
         static auto* const instance = new Waiting;
@@ -119,7 +119,7 @@ LogRepeats::Time LogRepeats::tellDue(bool all) {
 
 void LogRepeats::beforeFork() { Waiting::get().mutex.lock(); }
 
-// What was counted before is the parent's to tell.
+// Earlier counts are the parent's to log.
 void LogRepeats::afterFork(bool inChild) {
     Waiting& waiting = Waiting::get();
     if (inChild) {

@@ -9,13 +9,12 @@
 
 namespace KLT::kltlogger {
 
-// Sums up one matter that is logged again and again: the first time in full, the next ones are
-// counted, and the count is told behind the text of the latest ("... 10,236 more in 60 s") after
-// 10 s, then after distances that grow to an hour. After a quiet minute it begins anew.
+// Sums up one recurring log message: the first is logged in full, later ones are counted, and the
+// count is appended to the latest text ("... 10,236 more in 60 s") after 10 s, then at intervals
+// that grow to an hour. After a quiet minute it starts over.
 //
-// Held by whoever the matter belongs to (a stream, a connection). A count that waits is told when
-// its time has come, when the object ends, and when the process ends. Thread-safe; used by
-// NORVO_LOG_REPEATED.
+// Owned by the object concerned (a stream, a connection). A pending count is logged when it is due,
+// when the object ends, and when the process ends. Thread-safe; used by NORVO_LOG_REPEATED.
 class LogRepeats {
 public:
     using Time = std::chrono::steady_clock::time_point;
@@ -27,18 +26,18 @@ public:
     LogRepeats(const LogRepeats&) = delete;
     LogRepeats& operator=(const LogRepeats&) = delete;
 
-    // `record` without its message, with texts that live as long as the process.
+    // `record` lacks its message; its texts live as long as the process.
     template <class Compose>
     void log(const LogRecord& record, const Compose& compose) {
         const Turn turn = begin();
         if (turn.speaks) tell(record, compose(), turn);
     }
 
-    // The matter is settled: what comes next is a first time again.
+    // The matter is settled: the next message is a first one again.
     void settled();
 
-    // Tells the counts whose time has come, or all. Returns when the next one comes; Time::max()
-    // when none waits.
+    // Logs the counts that are due, or all. Returns when the next one is due; Time::max() when none
+    // is pending.
     static Time tellDue(bool all);
 
     // Around fork().
@@ -51,7 +50,7 @@ private:
         std::uint64_t more = 0;
         std::chrono::seconds since{0};
     };
-    // What is told when no occurrence tells it.
+    // A count to log without a new message.
     struct Rest {
         LogRecord record;
         std::string text;
@@ -68,7 +67,7 @@ private:
     const Now m_now;
     // All below is guarded by the lock of Waiting, which the objects share.
     bool m_begun = false;
-    std::uint64_t m_more = 0;  // not told
+    std::uint64_t m_more = 0;  // not logged yet
     std::chrono::seconds m_distance{0};
     Time m_told;
     Time m_latest;

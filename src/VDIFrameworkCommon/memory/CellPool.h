@@ -1,4 +1,4 @@
-// Heap memory for small objects that one thread makes and another one destroys.
+// Heap memory for small objects that one thread creates and another destroys.
 #pragma once
 
 #include <array>
@@ -11,11 +11,11 @@
 
 namespace VDIFrameworkCommon {
 
-// Has `Count` cells of `Size` bytes, and takes from the heap what is needed beyond them: an
-// allocator that gets memory back on another thread than it gave it to takes a lock, and the two
-// threads contend on it. The cells lie side by side and not among larger blocks of the heap, which
-// could not give its memory back to the system otherwise. `Count` is a power of two. Thread-safe,
-// without a lock.
+// Has `Count` cells of `Size` bytes, and takes more from the heap when they run out. An allocator
+// that gets memory back on another thread than it gave it to takes a lock, and the two threads
+// contend on it. The cells are contiguous, not scattered among larger heap blocks, which would keep
+// the heap from returning memory to the system. `Count` is a power of two. Thread-safe, without a
+// lock.
 template <std::size_t Size, std::size_t Count>
 class CellPool {
 public:
@@ -25,7 +25,7 @@ public:
     CellPool(const CellPool&) = delete;
     CellPool& operator=(const CellPool&) = delete;
 
-    // `Size` bytes, aligned for anything, of any content; null when there is no memory.
+    // `Size` uninitialised bytes, aligned for any type; null when out of memory.
     void* allocate() noexcept {
         if (void* const used = take()) return used;
         if (m_firstUnused.load(std::memory_order_relaxed) < Count) {
@@ -35,22 +35,22 @@ public:
         return ::operator new(Size, std::nothrow);
     }
 
-    // Takes back what `allocate` gave; null is nothing.
+    // Takes back what `allocate` returned; null is ignored.
     void release(void* cell) noexcept {
         if (!isOwn(cell)) return ::operator delete(cell);
-        // There is room for all; a thread may be about to leave the place, though.
+        // There is room for all, but another thread may not have left the slot yet.
         while (!keep(cell)) std::this_thread::yield();
     }
 
 private:
     static_assert(Count > 0 && (Count & (Count - 1)) == 0);
 
-    // Twice as many as can be in it: a slow thread is seldom met.
+    // Twice the number of cells: a slow thread is seldom met.
     static constexpr std::size_t kSlots = 2 * Count;
 
-    // A ring, whose positions count on for ever. A slot's turn says which lap may use it next: it
-    // may be filled in the lap that begins at position p when its turn is p, and emptied at p + 1,
-    // after which it is the turn of the next lap.
+    // A ring with ever-growing positions. A slot's turn says which lap may use it next: it may be
+    // filled in the lap that begins at position p when its turn is p, and emptied at p + 1, after
+    // which it is the turn of the next lap.
     struct Slot {
         std::atomic<std::size_t> turn{0};
         void* cell = nullptr;
@@ -65,8 +65,8 @@ private:
         return !before(cell, first) && before(cell, end);
     }
 
-    // The next slot whose turn is `offset` past its lap, which is then the caller's own, with its
-    // position; null when it is not that far.
+    // Claims the next slot whose turn is `offset` past its lap, and returns it with its position;
+    // null when no slot is that far.
     Slot* claim(std::atomic<std::size_t>& next, std::size_t offset, std::size_t& position) {
         position = next.load(std::memory_order_relaxed);
         for (;;) {

@@ -59,7 +59,7 @@ int openChecked(const std::string& object, int flags) {
     return -1;
 }
 
-// Whether openChecked() failed because of what stands under the name; EINVAL is for folders.
+// Whether openChecked() failed because of what holds the name; EINVAL is for folders.
 bool isObstacle(int error) {
     return error == EACCES || error == EPERM || error == ELOOP || error == EISDIR ||
            error == EINVAL || error == ENXIO || error == ENODEV;
@@ -73,16 +73,16 @@ std::string fittingName(std::string full, std::size_t limit) {
     return '/' + full + '_' + hash;
 }
 
-// The two objects that may stand for a name. Which of them does, every process of the user must
-// decide alike, whenever it comes: the first that exists and is the user's alone; else the
-// documented one is made, unless something is in its way.
+// The two objects that a name may refer to. Every process of the user must choose alike at any
+// time: the first that exists and is the user's alone; else the documented one is created, unless
+// its name is held.
 class Names {
 public:
     explicit Names(const std::string& name)
         : m_documented(sharedMemoryObjectName(name)), m_own(ownSharedMemoryObjectName(name)) {}
 
-    // The object that stands for the name; -1, errno ENOENT, when none does. The documented one is
-    // all that is looked at as long as it is there.
+    // Opens the object for the name; -1, errno ENOENT, when there is none. While the documented one
+    // exists, only that is tried.
     int openExisting(int flags) {
         int fd = openChecked(m_documented, flags);
         m_error = fd >= 0 ? 0 : errno;
@@ -94,17 +94,17 @@ public:
         return -1;
     }
 
-    // Which object that was.
+    // The object that openExisting() opened.
     const std::string& opened() const { return m_error == 0 ? m_documented : m_own; }
 
-    // After that: makes one. EEXIST when another process was faster.
+    // After openExisting(): creates one. EEXIST when another process was faster.
     int createNew(int flags, int mode) {
         if (m_error == ENOENT) {
             return shared_memory_system::createNew(m_documented.c_str(), flags, mode);
         }
         FileDescriptor own(shared_memory_system::createNew(m_own.c_str(), flags, mode));
         if (!own) return -1;
-        // What was in the way may have gone, and another process may have made the documented one.
+        // The obstacle may have gone, and another process may have created the documented one.
         const FileDescriptor documented(openChecked(m_documented, flags));
         if (!documented) {
             tell();
@@ -116,7 +116,7 @@ public:
     }
 
 private:
-    // Once for each name: an object is opened several times for one segment.
+    // Once per name: an object is opened several times for one segment.
     void tell() const {
         static std::array<std::atomic<std::uint64_t>, 64> told;
         const std::uint64_t hash = fnv1a(m_documented, kHashBasis);
@@ -150,7 +150,7 @@ std::string ownSharedMemoryObjectName(std::string_view name) {
 }
 
 // An existing object is opened without O_CREAT: with it, some systems refuse objects of others in a
-// sticky directory before they could be looked at.
+// sticky directory before they can be inspected.
 int shm_open_mac(const std::string& name, int flags, int mode) {
     if ((flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) {
         return shared_memory_system::createNew(sharedMemoryObjectName(name).c_str(), flags, mode);

@@ -1,4 +1,4 @@
-// Where the systems' shared-memory objects differ; used by PosixSharedMemory.cpp only.
+// System-specific handling of shared-memory objects; used by PosixSharedMemory.cpp only.
 #pragma once
 
 #include <sys/stat.h>
@@ -23,15 +23,15 @@ bool isObject(const struct stat& status);
 // processes at once.
 int grow(int fd, long long current, long long length);
 
-// Gives memory to the first `length` bytes of an object that has at least that size. 0, or -1 with
-// errno.
+// Reserves memory for the first `length` bytes of an object that has at least that size. 0, or -1
+// with errno.
 int reserve(int fd, long long length);
 
 // Whether a status shows that an object's name was removed.
 bool tellsRemoval();
 
-// The status of whatever has that object name, as far as it can be had without permission to open
-// it; not of what a symbolic link there leads to. False when nothing is known.
+// The status of whatever has that object name, as far as available without permission to open it;
+// symbolic links are not followed. False when nothing is known.
 bool statusOf(const char* name, struct stat& status);
 
 }  // namespace VDIFrameworkCommon::shared_memory_system

@@ -17,7 +17,7 @@ int createNew(const char* name, int flags, int mode) {
     const auto permissions = static_cast<mode_t>(mode);
     const int fd = shm_open(name, flags | O_CREAT | O_EXCL, permissions);
     struct stat status;
-    // The umask applied: another process of this user would be locked out.
+    // The umask was applied: another process of this user would be locked out.
     if (fd >= 0 && fstat(fd, &status) == 0 && (status.st_mode & 07777) != permissions) {
         fchmod(fd, permissions);
     }

@@ -20,8 +20,8 @@ int createNew(const char* name, int flags, int mode) {
 // The status of a shared-memory object has no file type here.
 bool isObject(const struct stat& status) { return (status.st_mode & S_IFMT) == 0; }
 
-// An object is sized once in its life. EINVAL also means that another process is inside that one
-// call; its size is then 0 for a moment.
+// An object can be sized only once. EINVAL also means that another process is inside that one call;
+// the size is then still 0 for a moment.
 int grow(int fd, long long current, long long length) {
     if (current > 0) {
         errno = EINVAL;
@@ -40,7 +40,7 @@ int grow(int fd, long long current, long long length) {
     return -1;
 }
 
-// Sizing an object gives it its memory.
+// Sizing an object reserves its memory.
 int reserve(int, long long) { return 0; }
 
 bool tellsRemoval() { return false; }

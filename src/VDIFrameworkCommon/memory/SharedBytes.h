@@ -17,7 +17,7 @@ class SharedBytes {
 public:
     SharedBytes() noexcept = default;
 
-    // `size` bytes of any content, or an empty handle when there is no memory for them.
+    // `size` uninitialised bytes, or an empty handle when out of memory.
     static SharedBytes allocate(std::size_t size) noexcept {
         SharedBytes bytes;
         if (size > std::numeric_limits<std::size_t>::max() / 16) return bytes;

@@ -1,4 +1,4 @@
-// Heap memory for blocks that come and go all the time, one after another.
+// Heap memory for blocks that are allocated and freed all the time, one after another.
 #pragma once
 
 #include <atomic>
@@ -7,16 +7,16 @@
 
 namespace VDIFrameworkCommon {
 
-// Keeps the block released last for the next one that it fits: for large blocks an allocator asks
-// the system for memory, and the system for pages, each time. Holds at most one block, of at most
-// `kLargest` bytes, for the life of the process. Thread-safe, without a lock.
+// Keeps the last released block for the next allocation that it fits: for large blocks an allocator
+// asks the system for memory, and the system for pages, each time. Holds at most one block, of at
+// most `kLargest` bytes, for the life of the process. Thread-safe, without a lock.
 class SpareBlock {
 public:
     static constexpr std::size_t kLargest = 2 * 1024 * 1024;
 
-    // At least `size` (not 0) bytes, aligned for anything, of any content; null when there is no
-    // memory. `capacity` gets how many they are: no more than about eight times `size`, so that
-    // small blocks that stay do not hold much.
+    // At least `size` (not 0) uninitialised bytes, aligned for any type; null when out of memory.
+    // `capacity` is set to their number: no more than about eight times `size`, so that long-lived
+    // small blocks do not hold much.
     void* allocate(std::size_t size, std::size_t& capacity) noexcept {
         if (size >= kSmallest && size <= kLargest)
             if (void* const spare = take(size, capacity)) return spare;
@@ -24,14 +24,14 @@ public:
         return ::operator new(capacity, std::nothrow);
     }
 
-    // Takes back what `allocate` gave, with the capacity that it gave.
+    // Takes back what `allocate` returned, with its capacity.
     void release(void* block, std::size_t capacity) noexcept {
         if (capacity < kSmallest || capacity > kLargest || !keep(::new (block) Free{capacity}))
             ::operator delete(block);
     }
 
 private:
-    // Smaller ones are quicker to get from the allocator.
+    // The allocator is faster for smaller blocks.
     static constexpr std::size_t kSmallest = 1000;
     static constexpr std::size_t kMostWaste = 16 * 1024;
 
@@ -44,7 +44,7 @@ private:
         if (!spare) return nullptr;
         capacity = spare->capacity;
         if (capacity >= size && capacity <= 8 * size + kMostWaste) return spare;
-        // One that is too small makes way for the one to be allocated.
+        // One that is too small is freed in favour of the new one.
         if (capacity < size || !keep(spare)) ::operator delete(spare);
         return nullptr;
     }

@@ -20,7 +20,7 @@ namespace {
 constexpr mode_t kFileMode = 0644;
 constexpr int kOpenFlags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr int kAttempts = 20;
-// Cleaners of /tmp take files that nobody touched for days.
+// /tmp cleaners remove files untouched for days.
 constexpr std::chrono::hours kTouchPeriod{1};
 
 std::string fileNameOf(uid_t user) { return namespacedName("agent." + std::to_string(user)); }
@@ -41,8 +41,8 @@ struct flock wholeFile(short type) {
     return lock;
 }
 
-// The holder of a write lock, which needs write permission. Asking on behalf of a read lock leaves
-// out read locks, which any user can have.
+// The holder of a write lock, which requires write permission. Querying for a read lock ignores
+// read locks, which any user can hold.
 std::optional<pid_t> writerOf(int file) {
     struct flock lock = wholeFile(F_RDLCK);
     if (fcntl(file, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return std::nullopt;
@@ -59,8 +59,8 @@ bool lockForWriting(int file) {
     return fcntl(file, F_SETLK, &lock) == 0;
 }
 
-// A file with several names may be any file of that user, locked for a purpose of its own, that
-// somebody linked here: then its text tells.
+// A file with several links may be any file of that user, locked for another purpose and linked
+// here by somebody: its text decides.
 bool isMarkFile(int file, const struct stat& status, pid_t writer) {
     if (status.st_nlink <= 1) return true;
     char text[32] = {};
@@ -69,7 +69,7 @@ bool isMarkFile(int file, const struct stat& status, pid_t writer) {
            (writer == 0 ? std::strncmp(text, "norvo agent ", 12) == 0 : textOf(writer) == text);
 }
 
-// `file` must have been opened from the name of the user's mark.
+// `file` must have been opened by the name of the user's mark.
 std::optional<pid_t> holderOfFile(int file, uid_t user) {
     struct stat status;
     if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != user ||
@@ -82,7 +82,7 @@ std::optional<pid_t> holderOfFile(int file, uid_t user) {
 
 enum class Found { MarkFile, Removed, Intruder };
 
-// What was opened from the name of this user's mark; sets right permissions that are wrong.
+// Judges the file opened by the name of this user's mark; corrects wrong permissions.
 Found inspect(int file) {
     struct stat status;
     if (file < 0 || fstat(file, &status) != 0) return Found::Intruder;
@@ -94,12 +94,12 @@ Found inspect(int file) {
     return right ? Found::MarkFile : Found::Intruder;
 }
 
-// Whether opening the mark's name failed because of what stands there.
+// Whether opening the mark's name failed because of what holds it.
 bool isRefusedByIntruder(int error) {
     return error == ELOOP || error == EACCES || error == EPERM || error == ENXIO;
 }
 
-// For people, and for isMarkFile(). Without it the lock still holds.
+// For display, and for isMarkFile(). The lock holds without it.
 void writeText(int file) {
     const std::string text = textOf(getpid());
     if (ftruncate(file, 0) == 0) {
@@ -107,7 +107,8 @@ void writeText(int file) {
     }
 }
 
-// Who is marked for the user in one of the user's folders; or in any but `except`.
+// Who is marked for the user in `folder`; holderBeside(): in any of the user's folders but
+// `except`.
 std::optional<pid_t> holderIn(const std::string& folder, uid_t user) {
     const FileDescriptor directory = openSessionFolder(folder, user);
     if (!directory) return std::nullopt;
@@ -124,7 +125,7 @@ std::optional<pid_t> holderBeside(const std::string& except, uid_t user) {
     return std::nullopt;
 }
 
-// What keeps a mark out of a folder: what stands under its name, or the folder itself.
+// What keeps a mark out of a folder: whatever holds its name, or the folder itself.
 std::string obstacleIn(const std::string& folder, int error) {
     const std::string path = folder + '/' + fileNameOf(geteuid());
     struct stat status {};
@@ -140,7 +141,7 @@ AgentMark& AgentMark::ofThisProcess() {
     return *mark;
 }
 
-// The lock is held over a fork, so that the child finds it free.
+// The lock is held across a fork, so that it is free in the child.
 AgentMark::AgentMark() {
     pthread_atfork([]() NORVO_NO_THREAD_SAFETY_ANALYSIS { ofThisProcess().m_mutex.lock(); },
                    []() NORVO_NO_THREAD_SAFETY_ANALYSIS { ofThisProcess().m_mutex.unlock(); },
@@ -185,7 +186,7 @@ void AgentMark::release() {
     if (holds()) removeFile();
 }
 
-// Safe under the lock: whoever locks the file next sees that it has lost its name.
+// Safe under the lock: the next process to lock the file sees that it has lost its name.
 void AgentMark::removeFile() {
     const FileDescriptor directory = openSessionFolder(m_folder, geteuid());
     const std::string name = fileNameOf(geteuid());
@@ -219,8 +220,8 @@ AgentMark::Outcome AgentMark::claimLocked() {
     return outcome;
 }
 
-// Of two that claim in different folders at once each sees the other afterwards, and both give up:
-// never are two marked.
+// Two processes that claim in different folders at once see each other afterwards, and both give
+// up: never are two marked.
 AgentMark::Attempt AgentMark::claimIn(const std::string& folder, std::string& inTheWay) {
     if (holderBeside(folder, geteuid())) return Attempt::HeldByOther;
     const FileDescriptor directory = makeSessionFolder(folder, geteuid());
@@ -256,8 +257,9 @@ AgentMark::Attempt AgentMark::attempt(int directory, const std::string& name) {
     return Attempt::Claimed;
 }
 
-// Two who clear it away at once may take each other's new file: renew() notices. A folder is never
-// one of ours; where nothing stands, the folder that it should stand in is not to be written to.
+// Two processes that clear it away at once may remove each other's new file: renew() notices. A
+// folder under the name is never ours, and stays. If nothing has the name, the containing folder
+// must be writable.
 AgentMark::Attempt AgentMark::clearAway(int directory, const std::string& name) {
     struct stat status {};
     if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -267,7 +269,8 @@ AgentMark::Attempt AgentMark::clearAway(int directory, const std::string& name) 
     return cleared ? Attempt::Again : Attempt::Failed;
 }
 
-// A file that somebody locks for reading, which no process of this user does, gives way to another.
+// A file locked for reading, which no process of this user does, is removed so that a new one can
+// be made.
 AgentMark::Attempt AgentMark::whyNotLocked(int directory, const std::string& name, int file) {
     if (errno != EAGAIN && errno != EACCES) return Attempt::Failed;
     if (holderOfFile(file, geteuid())) return Attempt::HeldByOther;

@@ -12,34 +12,33 @@
 
 namespace VDIFrameworkCommon {
 
-// The file behind the active-agent record: agent.<effective user ID> (with the session namespace
-// before it) in /tmp/norvo, readable by all, holding "norvo agent <process ID>". A process is
-// marked while it has a POSIX write lock on it: the only kind of lock that ends exactly with its
-// process, whatever that has forked, and that names its holder to anyone without being disturbed.
+// The file behind the active-agent record: agent.<effective user ID> (prefixed with the session
+// namespace) in /tmp/norvo, readable by all, holding "norvo agent <process ID>". A process is
+// marked while it holds a POSIX write lock on it: the only kind of lock that ends exactly with its
+// process, regardless of forks, and whose holder anyone can query without disturbing it.
 //
 // Such a lock is lost when its process closes any descriptor of the file. So a process has one
 // AgentMark, one descriptor while it is marked, and answers from memory meanwhile.
 //
-// Other users may read the file and so lock it for reading, plant something under its name before
-// its owner comes, link it elsewhere, or have made /tmp/norvo so that nobody else can write there.
-// None of that makes a process appear marked that is not, or keeps one from being marked: where
-// what is in the way cannot be removed, the file lies in the next of the user's folders
-// (SessionFolder.h), and all of them are looked at.
-// Thread-safe and safe over fork: a child is not marked.
+// Other users may lock the file for reading, plant something under its name first, link it
+// elsewhere, or create /tmp/norvo so that nobody else can write there. None of that makes an
+// unmarked process appear marked, or keeps a process from being marked: where an obstacle cannot be
+// removed, the file is placed in the next of the user's folders (SessionFolder.h), and all of them
+// are checked. Thread-safe and fork-safe: a child is not marked.
 class AgentMark {
 public:
     static AgentMark& ofThisProcess();
 
-    // Marks this process. False when another one is marked, or when the file cannot be had in any
-    // of the folders. A log line says what stands in the way.
+    // Marks this process. False when another one is marked, or when the file cannot be created in
+    // any of the folders. A log line names the obstacle.
     bool claim();
-    // Whether this process is marked. Renews a file that was cleared away meanwhile, as the
-    // system's cleaners of /tmp do.
+    // Whether this process is marked. Recreates a file removed meanwhile, for example by a /tmp
+    // cleaner.
     bool isClaimed();
     // Ends the mark of this process and removes the file.
     void release();
 
-    // The process that is marked for `user`; 0 for one whose ID is not known here (of a container).
+    // The process that is marked for `user`; 0 for one whose ID is unknown here (in a container).
     std::optional<pid_t> holderOf(uid_t user);
 
     static std::string pathOf(uid_t user);
@@ -47,7 +46,7 @@ public:
 private:
     enum class Attempt { Claimed, HeldByOther, Again, Failed };
 
-    // What happened under the lock and is logged after it.
+    // What happened under the lock; logged after its release.
     struct Outcome {
         bool marked = false;
         bool renewed = false;
@@ -65,11 +64,11 @@ private:
     Outcome renew() NORVO_REQUIRES(m_mutex);
     void removeFile() NORVO_REQUIRES(m_mutex);
 
-    // Not held while logging: over a fork it is taken after the logger's.
+    // Not held while logging: at a fork it is taken after the logger's.
     LocalMutex m_mutex;
     FileDescriptor m_file NORVO_GUARDED_BY(m_mutex);
-    std::string m_folder NORVO_GUARDED_BY(m_mutex);  // where it lies
-    // Who opened m_file: not this process after a fork.
+    std::string m_folder NORVO_GUARDED_BY(m_mutex);  // where it is
+    // The process that opened m_file: not this one after a fork.
     pid_t m_claimant NORVO_GUARDED_BY(m_mutex) = 0;
     std::chrono::steady_clock::time_point m_touched NORVO_GUARDED_BY(m_mutex);
 };

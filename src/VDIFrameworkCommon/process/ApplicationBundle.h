@@ -13,24 +13,24 @@ struct ApplicationBundle {
 };
 
 // The bundle at `path`; all empty when there is none, or when its description (XML, at most 1 MiB)
-// cannot be read or names no program of the bundle's own.
+// cannot be read or names no program inside the bundle.
 ApplicationBundle readBundle(const std::string& path);
 
-// The innermost ".app" folder on the way to `executable`; empty when it does not lie in one.
+// The innermost ".app" folder that contains `executable`; empty when there is none.
 std::string bundlePathOf(const std::string& executable);
 
-// The installed bundle of that identifier; all empty when there is none.
+// The installed bundle with that identifier; all empty when there is none.
 ApplicationBundle findInstalledBundle(const std::string& identifier);
 
-// `location`, with the folder of installed applications replaced as below.
+// `location`, with the folder of installed applications redirected as below.
 std::string installedPath(const std::string& location);
 
-// False for a bundle that is none of this process's business, see below.
+// False for a bundle hidden by redirectApplications().
 bool isBundleInReach(const std::string& path);
 
-// For tests: takes `folder` for "/Applications" in this process, and makes bundles anywhere else
-// unknown to look-ups by identifier, so that no real application is started, found or ended. Empty:
-// back to normal. Thread-safe.
+// For tests: uses `folder` as "/Applications" in this process, and hides bundles anywhere else from
+// look-ups by identifier, so that no real application is started, found or ended. Empty: back to
+// normal. Thread-safe.
 void redirectApplications(const std::string& folder);
 
 }  // namespace VDIFrameworkCommon

@@ -4,11 +4,11 @@
 
 namespace VDIFrameworkCommon {
 
-// Logs that `what` has failed because of `why`, if there is memory for that.
+// Logs that `what` has failed because of `why`, if memory allows.
 void reportFailure(const char* what, const char* why) noexcept;
 
-// Runs `call` where nothing may be thrown: at the boundary to the host, and on threads of our own.
-// What it throws is logged as the failure of `what`; false then.
+// Runs `call` where no exception may escape: at the boundary to the host, and on threads of our
+// own. An exception is logged as the failure of `what`; returns false then.
 template <class Call>
 bool contained(const char* what, const Call& call) noexcept {
     try {

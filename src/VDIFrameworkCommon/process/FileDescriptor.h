@@ -21,9 +21,9 @@ public:
     // -1 when there is none.
     int get() const { return m_fd; }
     explicit operator bool() const { return m_fd >= 0; }
-    // Closes what there is and takes over `fd`. Keeps errno.
+    // Closes the current descriptor, if any, and takes over `fd`. Preserves errno.
     void reset(int fd = -1);
-    // Gives the descriptor to the caller.
+    // Hands the descriptor over to the caller.
     int release() { return std::exchange(m_fd, -1); }
 
 private:

@@ -18,8 +18,7 @@ bool isDirectory(const std::string& path) {
 
 bool FileUtils::fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-// Not what a link leads to, and no second name that another user has given to a file of this
-// user's.
+// Not the target of a link, nor a hard link that another user has made to a file of this user.
 bool FileUtils::isOwnFile(const std::string& path) {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0 || (S_ISREG(status.st_mode) && status.st_nlink != 1))

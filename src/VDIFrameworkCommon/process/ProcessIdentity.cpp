@@ -17,7 +17,7 @@ namespace system_specific = process_identity_system;
 constexpr unsigned kTagShift = 44;
 constexpr unsigned kStartShift = 24;
 constexpr Word kFieldMask = 0xfffff;
-// The most that any of the systems can be set to.
+// The highest that any of the systems can be set to.
 constexpr pid_t kHighestPid = 1 << 22;
 
 std::atomic<Word> g_own{0};

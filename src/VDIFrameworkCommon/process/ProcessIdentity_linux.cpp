@@ -50,7 +50,7 @@ std::uint64_t numberOfLink(const char* path) {
 ProcessState look(pid_t pid) {
     char text[1024];
     if (!readStatus(pid, text, sizeof text)) return {};
-    // The program's name stands in parentheses and may hold any character.
+    // The program's name is in parentheses and may contain any character.
     const char* end = std::strrchr(text, ')');
     const char* fields = end && end[1] == ' ' ? end + 2 : nullptr;
     const char* threads = skipFields(fields, kThreads);
@@ -59,13 +59,13 @@ ProcessState look(pid_t pid) {
     const char state = fields[kState];
     ProcessState result;
     result.known = true;
-    // A first thread that has left is shown as a zombie while the other threads go on.
+    // A first thread that has exited is shown as a zombie while other threads run on.
     result.ended = (state == 'Z' || state == 'X') && std::strtol(threads, nullptr, 10) <= 1;
     result.startTime = std::strtoull(start, nullptr, 10);
     return result;
 }
 
-// By way of the thread: the process's own links are gone once its first thread has left.
+// Via the thread: the process's own links are gone once its first thread has exited.
 std::uint64_t namespaceTag() {
     return numberOfLink("/proc/thread-self/ns/pid") * 31 +
            numberOfLink("/proc/thread-self/ns/time");

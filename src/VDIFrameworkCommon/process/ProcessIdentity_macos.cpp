@@ -17,8 +17,8 @@ ProcessState look(pid_t pid) {
         result.startTime = info.pbi_start_tvsec * 1000000U + info.pbi_start_tvusec;
         return result;
     }
-    // A zombie is not found, and a process of another user may not be looked at: neither can own
-    // anything of this user's.
+    // A zombie is not found, and a process of another user may not be inspected: neither can own
+    // anything of this user.
     result.ended = errno == ESRCH || errno == EPERM;
     result.known = result.ended;
     return result;

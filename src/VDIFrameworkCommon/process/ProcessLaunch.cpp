@@ -58,8 +58,8 @@ private:
     sigset_t m_before{};
 };
 
-// A host that ignores or gathers its children's ends takes the status away: what is left then is
-// the child's end, and the benefit of the doubt.
+// A host that ignores or reaps its children takes the status away: then only the child's end is
+// known, and success is assumed.
 bool endedWell(pid_t child) {
     int status = 0;
     pid_t ended = 0;
@@ -84,9 +84,9 @@ bool endsWellInTime(pid_t program) {
 
 enum class Success { Started, EndedWell };
 
-// By way of a child, so that the program belongs to the system and nobody here has to reap it. All
-// memory is taken before the fork; the child makes only the one system-level call that returns
-// after the program has been loaded, or with an error, and waits.
+// Via a child, so that the program is reaped by the system and not here. All memory is allocated
+// before the fork; the child makes only the one system-level call that returns once the program has
+// been loaded, or with an error, and waits.
 bool launch(const std::string& path, const std::vector<std::string>& arguments, Success success) {
     if (access(path.c_str(), X_OK) != 0) return false;
     std::vector<std::string> texts{path};

@@ -9,22 +9,22 @@
 
 namespace VDIFrameworkCommon {
 
-// Starts the program at `path` as a stranger to this process: in a session of its own, reaped by
-// the system, with standard streams from and to nowhere, no other descriptor, no blocked and no
-// handled or ignored signal. False when it could not be started.
+// Starts the program at `path` detached from this process: in its own session, reaped by the
+// system, with standard streams on /dev/null, no other descriptor, and no signal blocked, handled
+// or ignored. False when it could not be started.
 bool launchDetached(const std::string& path, const std::vector<std::string>& arguments);
 
-// The same, and waits for its end, for at most 20 s. False also when its exit status is not 0.
+// The same, but waits up to 20 s for it to end. Also false when its exit status is not 0.
 bool runDetached(const std::string& path, const std::vector<std::string>& arguments);
 
-// What the systems do differently.
+// System-specific parts.
 
 // Starts an application bundle. False when it could not be started.
 bool launchBundle(const ApplicationBundle& bundle, const std::vector<std::string>& arguments);
-// Starts the bundle that the system itself knows by that identifier. False when there is none, and
-// always where the system keeps no such register (Linux).
+// Starts the bundle registered with the system under that identifier. False when there is none, and
+// always on systems without such a registry (Linux).
 bool launchByIdentifier(const std::string& identifier);
-// What `environ` is; not the caller's.
+// The value of `environ`; not owned by the caller.
 char** environmentOfProcess();
 // Makes the spawned program inherit no descriptor but the standard ones. Adds to `flags`.
 void closeOtherDescriptors(posix_spawn_file_actions_t& actions, short& flags);

@@ -1,6 +1,6 @@
-// Applications are started by the system's launcher, which gives them their own session, their own
-// standing in permission prompts, and honours quarantine. Its exit status tells whether there was
-// anything to start.
+// Applications are started by the system's launcher, which gives them their own session and their
+// own identity in permission prompts, and honours quarantine. Its exit status tells whether there
+// was anything to start.
 #include <crt_externs.h>
 
 #include "ProcessLaunch.h"

@@ -10,19 +10,19 @@ namespace VDIFrameworkCommon {
 
 struct RunningProcess {
     pid_t pid;
-    std::string executable;  // path, without links
+    std::string executable;  // path, links resolved
 };
 
 // The living processes of the effective user.
 std::vector<RunningProcess> ownProcesses();
 
-// The path of the executable that the process runs now, without links; empty when it has ended or
-// is not this user's to look at.
+// The path of the executable that the process runs now, links resolved; empty when it has ended or
+// this user may not inspect it.
 std::string executableOf(pid_t pid);
 
-// The script that the process of that interpreter was started as, without links: on Linux, where
-// the system runs a script by its interpreter, which then is the executable. Empty when it is none,
-// or none whose path `isOfInterest` says true of: of files that others name, no other is touched.
+// The script that `interpreter` was started to run, links resolved; on Linux a script's executable
+// is its interpreter. Empty when there is none, or when `isOfInterest` is false for its path: no
+// other file named by others is touched.
 std::string scriptOf(const RunningProcess& interpreter,
                      const std::function<bool(const std::string& path)>& isOfInterest);
 

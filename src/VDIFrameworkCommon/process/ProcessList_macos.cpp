@@ -34,7 +34,7 @@ std::string executableOf(pid_t pid) {
     return {path.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
 }
 
-// Applications are not scripts there.
+// Applications are not scripts here.
 std::string scriptOf(const RunningProcess&, const std::function<bool(const std::string&)>&) {
     return {};
 }

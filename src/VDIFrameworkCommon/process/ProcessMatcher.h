@@ -11,8 +11,8 @@
 
 namespace VDIFrameworkCommon {
 
-// Decides which processes a name means, see ProcessUtils. Paths are compared as files, not as
-// texts; what a path means is settled when the matcher is made.
+// Decides which processes a name refers to, see ProcessUtils. Paths are compared as files, not as
+// text; a path is resolved when the matcher is created.
 class ProcessMatcher {
 public:
     explicit ProcessMatcher(std::string name);
@@ -21,7 +21,7 @@ public:
 private:
     using FileId = std::pair<dev_t, ino_t>;
     bool matches(const std::string& executable) const;
-    // By the looks of its path alone.
+    // Judging by its path alone.
     bool mayMatch(const std::string& path) const;
     bool mayBeIdentifier() const;
     void add(const std::string& path);
@@ -33,7 +33,7 @@ private:
     std::set<std::string> m_fileNames;
 };
 
-// The processes of the effective user that `name` means.
+// The processes of the effective user that `name` refers to.
 std::vector<RunningProcess> processesNamed(const std::string& name);
 
 }  // namespace VDIFrameworkCommon

@@ -25,8 +25,8 @@ namespace {
 
 using Identities = std::vector<ProcessIdentity::Word>;
 
-// A program that has just been started may take a moment to show its name. Bounded, for it may also
-// have ended.
+// A newly started program may take a moment to show its name. Bounded, because it may also have
+// ended.
 void waitUntilFound(const std::string& name) {
     constexpr int kRounds = 100;
     for (int round = 0; round < kRounds && processesNamed(name).empty(); ++round) {
@@ -34,7 +34,7 @@ void waitUntilFound(const std::string& name) {
     }
 }
 
-// Under a lock of the bundle's own, so that of several processes only the first starts it.
+// Under a lock per bundle, so that only the first of several processes starts it.
 bool openBundle(const ApplicationBundle& bundle, const std::vector<std::string>& arguments) {
     if (bundle.executable.empty()) return false;
     std::string name = "LAUNCH_" + bundle.path;
@@ -62,7 +62,7 @@ bool startByIdentifier(const std::string& identifier) {
     return bundle.executable.empty() ? launchByIdentifier(identifier) : openBundle(bundle, {});
 }
 
-// One matter for each program that is not there, as its callers try again for ever.
+// One LogRepeats per missing program, as callers retry for ever.
 std::shared_ptr<KLT::kltlogger::LogRepeats> failuresOf(const std::string& what) {
     using KLT::kltlogger::LogRepeats;
     constexpr std::size_t kMost = 32;
@@ -89,7 +89,7 @@ bool reported(bool started, const std::string& what) {
     return started;
 }
 
-// The name is looked up again once the identities are known: an ID that went to another program in
+// The name is looked up again once the identities are known: an ID reused by another program in
 // between drops out.
 Identities identitiesOf(const std::string& name) {
     Identities identities;

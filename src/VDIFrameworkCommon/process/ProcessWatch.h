@@ -6,9 +6,8 @@
 
 namespace VDIFrameworkCommon {
 
-// Whether a program runs, for who asks again and again: remembers the process that was found, and
-// searches all processes only when that one has gone or has become another program.
-// Not thread-safe.
+// Whether a program runs, for repeated polling: remembers the process found, and searches all
+// processes only when it has gone or has become another program. Not thread-safe.
 class ProcessWatch {
 public:
     // The same answer as ProcessUtils::isProcessRunning(name).

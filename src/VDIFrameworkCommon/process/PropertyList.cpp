@@ -30,7 +30,7 @@ void appendUtf8(std::string& out, std::uint32_t code) {
     }
 }
 
-// `name` without its '&' and ';'. False when it stands for nothing.
+// `name` lacks its '&' and ';'. False when it is unknown.
 bool appendEntity(std::string& out, std::string_view name) {
     static constexpr std::array<std::pair<std::string_view, char>, 5> kNamed{
         {{"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}}};
@@ -53,7 +53,7 @@ bool appendEntity(std::string& out, std::string_view name) {
     return true;
 }
 
-// With its ';'. Bounded, or a text of nothing but '&' would be searched to its end for each.
+// Including its ';'. Bounded, or a text of nothing but '&' would be searched to its end for each.
 constexpr std::size_t kLongestEntity = 16;
 
 std::string decoded(std::string_view text) {
@@ -73,13 +73,13 @@ std::string decoded(std::string_view text) {
     return out;
 }
 
-// Reads tags and the text between them; comments, declarations and instructions are passed over.
+// Reads tags and the text between them; skips comments, declarations and instructions.
 class TagReader {
 public:
     explicit TagReader(std::string_view rest) : m_rest(rest) {}
 
     std::string_view name;  // of the tag that next() has read
-    std::string text;       // between the tag before and this one
+    std::string text;       // between the previous tag and this one
     bool opens = false;
     bool closes = false;
 

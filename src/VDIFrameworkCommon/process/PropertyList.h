@@ -7,7 +7,7 @@ namespace VDIFrameworkCommon {
 
 // The text of the <string> that follows <key>`key`</key> in the outermost dictionary of a property
 // list in XML form, with its entities resolved; empty when there is none. Any text is accepted:
-// what is not well-formed ends the search. (A property list in binary form has no such key.)
+// malformed XML ends the search. (A property list in binary form has no such key.)
 std::string propertyListString(std::string_view xml, std::string_view key);
 
 }  // namespace VDIFrameworkCommon

@@ -7,8 +7,8 @@
 
 namespace VDIFrameworkCommon {
 
-// Looked at before it is opened, because opening is the harm; and again afterwards, because the
-// name may mean something else by then.
+// Checked before it is opened, because opening does the harm, and again afterwards, because the
+// name may refer to something else by then.
 FileDescriptor openRegularFile(const std::string& path) {
     struct stat named {};
     if (stat(path.c_str(), &named) != 0 || !S_ISREG(named.st_mode)) return FileDescriptor();

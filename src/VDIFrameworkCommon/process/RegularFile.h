@@ -1,5 +1,5 @@
-// Files whose names come from outside. Nothing but a regular file is opened: opening a pipe or a
-// device takes data from its readers, wakes its writers, or waits.
+// Files whose names come from outside. Only regular files are opened: opening a pipe or a device
+// takes data from its readers, wakes its writers, or blocks.
 #pragma once
 
 #include <sys/stat.h>
@@ -11,7 +11,7 @@
 namespace VDIFrameworkCommon {
 
 // Opens the regular file at `path` for reading; links are followed. Empty when there is none or it
-// cannot be read. Never waits for a writer, never becomes a controlling terminal.
+// cannot be read. Never waits for a writer, never acquires a controlling terminal.
 FileDescriptor openRegularFile(const std::string& path);
 
 // Up to `most` bytes from the start of the regular file at `path`; empty when it cannot be read.
@@ -19,7 +19,7 @@ std::string startOfRegularFile(const std::string& path, std::size_t most);
 
 // "folder of user 1001, mode 755", for log lines.
 std::string describeFile(const struct stat& status);
-// The same for what stands under `name` in the open folder (AT_FDCWD: in the working directory).
+// The same for the entry `name` of the open folder (AT_FDCWD: the working directory).
 std::string describeFile(int folder, const std::string& name);
 
 inline bool isSameFile(const struct stat& a, const struct stat& b) {

@@ -6,7 +6,7 @@
 
 namespace VDIFrameworkCommon {
 
-// The system tells a user only the user's own.
+// The system tells a user only that user's folder.
 std::vector<std::string> privateFolders(uid_t user) {
     char path[PATH_MAX] = {};
     const bool known =

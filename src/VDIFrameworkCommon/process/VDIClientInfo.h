@@ -10,7 +10,7 @@ namespace VDIClientType {
 enum VDIClientTypeEnum { Unknown = 0, Crews = 2, Meetings = 3 };
 }
 
-// Who this side is and what the peer said it is: one per process, thread-safe.
+// Identity of this side and, as reported, of the peer: one per process, thread-safe.
 class VDIClientInfo {
 public:
     static VDIClientInfo& getInstance();
@@ -18,8 +18,8 @@ public:
     void setClientType(VDIClientType::VDIClientTypeEnum type);
     VDIClientType::VDIClientTypeEnum getClientType() const;
 
-    // "NorvoCrews", the project's version and 1. Set by tests only: the plug-in exports none of
-    // this.
+    // Defaults: "NorvoCrews", the project's version and 1. Set by tests only: the plug-in exports
+    // none of this.
     void setClientName(const std::string& name);
     std::string getClientName() const;
     void setClientVersion(const std::string& version);

@@ -13,7 +13,7 @@ public:
     static VDIRunnerCounter& getInstance();
 
     void addRunner(unsigned int pid);
-    // One less for `pid`; nothing when it has none.
+    // Decrements the count of `pid`, if any.
     void removeRunner(unsigned int pid);
     bool hasRunner() const;
     // How often `pid` is counted now.

@@ -9,7 +9,7 @@ namespace {
 constexpr int kMost = 16;
 constexpr int kEnough = 4;
 constexpr int kLoss = 4;
-// A longer wake-up says that the processor was busy, not what a wake-up costs.
+// A longer wake-up shows that the processor was busy, not what a wake-up costs.
 constexpr AdaptiveSpin::Duration kLongestWakeUp = std::chrono::microseconds(50);
 
 std::atomic<bool> g_enabled{true};

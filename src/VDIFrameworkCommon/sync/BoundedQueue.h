@@ -13,9 +13,9 @@
 
 namespace VDIFrameworkCommon {
 
-// The queue between those who have messages and those who take them, oldest first. It keeps the
-// newest messages, so many and of so many bytes; the newest of all always fits, however large.
-// Bytes are what a message's size() says; other messages have none. Thread-safe.
+// A queue from producers to consumers, oldest first, limited in messages and bytes. It keeps the
+// newest messages; the newest of all always fits, however large. Bytes are what a message's size()
+// says; messages without size() count as 0. Thread-safe.
 template <class Message>
 class BoundedQueue {
 public:
@@ -26,11 +26,11 @@ public:
 
     explicit BoundedQueue(Limits limits) : m_limits(limits) {}
 
-    // Appends the message, and drops the oldest ones that it leaves no room for. How many.
+    // Appends the message, and drops the oldest ones to make room. Returns how many.
     std::size_t push(Message message) {
         return push(std::move(message), [](const Message&) { return true; });
     }
-    // The same, but one for which `mayGo` is false goes only when no other is left to.
+    // The same, but a message for which `mayGo` is false is dropped only when no other is left.
     template <class MayGo>
     std::size_t push(Message message, const MayGo& mayGo) {
         std::vector<Message> dropped;  // destroyed outside the lock
@@ -49,8 +49,8 @@ public:
         return dropped.size();
     }
 
-    // The oldest message, waiting for one as long as `goOn()`. When that has become false, what is
-    // still queued comes out all the same; empty when there is nothing.
+    // Takes the oldest message, waiting for one while `goOn()` is true. Queued messages are
+    // returned even after that; empty when there is none.
     template <class GoOn>
     std::optional<Message> pop(const GoOn& goOn) {
         LocalLock lock(m_mutex);
@@ -66,8 +66,8 @@ public:
         return takeFront();
     }
 
-    // Makes waiting consumers look at `goOn()` again. Call it after the change: taking the lock
-    // between makes sure that a consumer has not looked before it and waits after it.
+    // Makes waiting consumers check `goOn()` again. Call it after the change: taking the lock in
+    // between ensures that no consumer checks before the change and waits after it.
     void wake() {
         { LocalLock lock(m_mutex); }
         m_condition.notify_all();

@@ -2,7 +2,7 @@
 
 namespace VDIFrameworkCommon {
 
-// Tells the processor that the loop around this only waits.
+// Tells the processor that the enclosing loop only waits.
 inline void cpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_ia32_pause();

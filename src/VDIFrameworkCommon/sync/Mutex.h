@@ -7,8 +7,8 @@ class Mutex {
 public:
     virtual ~Mutex() = default;
 
-    // True once the caller holds the mutex; false when it could not be had (each implementation
-    // says after how long).
+    // True once the caller holds the mutex; false when it could not be locked within the
+    // implementation's time limit.
     virtual bool lock() = 0;
     // True when the caller held the mutex and has released it.
     virtual bool unlock() = 0;

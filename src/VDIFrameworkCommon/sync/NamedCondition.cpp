@@ -14,7 +14,7 @@ namespace {
 
 using Identity = ProcessIdentity::Word;
 
-// A notifier may be killed between its count and its wake-up; a sleeper finds out after this time.
+// A notifier may be killed between counting and waking; a sleeper notices after this time.
 constexpr std::chrono::milliseconds kSlice{1000};
 constexpr int kLooksPerClockRead = 8;
 constexpr std::uint32_t kMostCpus = 1U << 20U;
@@ -24,8 +24,8 @@ bool isLivingOther(Identity notifier) {
            !ProcessIdentity::isGone(notifier);
 }
 
-// Whether another process that still lives has notified. One that lives is kept in memory over any
-// number of later ones that have ended.
+// Whether another living process has notified. A living one is remembered over any number of later
+// ones that have ended.
 bool livingOtherHasNotified(NamedObjectWords& words) {
     Identity last = words.notifier.load();
     if (isLivingOther(last)) return true;
@@ -51,7 +51,7 @@ std::int64_t nanosecondsNow() {
     return std::chrono::nanoseconds(WaitClock::now().time_since_epoch()).count();
 }
 
-// The word may hold anything: what cannot be a wake-up of this moment tells nothing.
+// The word may hold anything: an invalid time counts as 0.
 AdaptiveSpin::Duration sinceWoken(std::int64_t wokenAt, WaitClock::time_point now) {
     const auto sinceEpoch = std::chrono::nanoseconds(now.time_since_epoch()).count();
     if (wokenAt < 0 || wokenAt > sinceEpoch) return AdaptiveSpin::Duration::zero();
@@ -151,8 +151,8 @@ bool NamedCondition::spinPast(std::uint64_t seen, WaitClock::time_point start) c
     return false;
 }
 
-// Where the last notifier ran, at a moment when that was another than this handle. The word may
-// hold anything.
+// The processor of the last notifier, at a moment when that was another handle. The word may hold
+// anything.
 void NamedCondition::rememberPeer() {
     const auto cpu = m_object->words().notifierCpu.load(std::memory_order_relaxed);
     const bool isKnown = cpu > 0 && cpu <= kMostCpus;
@@ -166,8 +166,8 @@ void NamedCondition::notify() {
     }
     NamedObjectWords& words = m_object->words();
     rememberNotifier(words);
-    // First, so that a wait on this handle meanwhile may end for nothing but never misses
-    // another's.
+    // First, so that a concurrent wait on this handle may end spuriously but never misses another
+    // handle's notification.
     m_seen.fetch_add(1, std::memory_order_relaxed);
     const std::uint64_t before = words.sequence.fetch_add(1);
     if (words.parkedAt.load() < before) return;

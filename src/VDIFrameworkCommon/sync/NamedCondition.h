@@ -13,13 +13,13 @@ namespace VDIFrameworkCommon {
 class NamedMutex;
 class NamedObject;
 
-// A condition that every process of one user reaches by name, and that counts its notifications.
+// A condition variable shared by name among one user's processes, which counts its notifications.
 //
 // Each handle remembers the count it has seen. A notification by another handle made before a wait
-// satisfies that wait, so none is lost between a test and the wait; a handle's own notifications
-// made before its wait do not. A new handle counts what was notified before it by another process
-// that still lives, or through another handle of this process that still exists: so a partner that
-// is already there is noticed, and one that has gone is not. Thread-safe.
+// satisfies that wait, so none is lost between a test and the wait; the handle's own earlier
+// notifications do not. A new handle counts earlier notifications made by another living process,
+// or through another handle of this process that still exists: so a peer that is already there is
+// noticed, and one that has gone is not. Thread-safe.
 class NamedCondition {
 public:
     NamedCondition();
@@ -28,15 +28,15 @@ public:
     NamedCondition(const NamedCondition&) = delete;
     NamedCondition& operator=(const NamedCondition&) = delete;
 
-    // Opens the condition called `name`, making it when there is none; before any other use. Fails
-    // as NamedMutex::create.
+    // Opens the condition called `name`, creating it if there is none; call it before anything
+    // else. Fails like NamedMutex::create.
     bool create(const char* name);
 
     // Called with `mutex` locked by the caller: releases it, waits until another handle has
-    // notified or `milliseconds` have passed, and locks it again. True when notified. The state the
-    // caller waits for must be tested again in either case. False also when the mutex could not be
-    // locked again within `relock` (ask NamedMutex::owns), and at once on a handle that was never
-    // created. A thread that waits already is woken by a notification through its own handle too.
+    // notified or `milliseconds` have passed, and locks it again. True when notified. The caller
+    // must test its state again in either case. Also false when the mutex could not be locked again
+    // within `relock` (check NamedMutex::owns), and at once on a handle that was never created. A
+    // thread that is already waiting is also woken by a notification through its own handle.
     bool timed_wait(NamedMutex& mutex, unsigned int milliseconds,
                     std::chrono::milliseconds relock = std::chrono::milliseconds(2000));
 

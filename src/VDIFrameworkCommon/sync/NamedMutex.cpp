@@ -18,7 +18,7 @@ constexpr std::chrono::seconds kUnknownLimit{10};
 constexpr Identity kContended = ProcessIdentity::kUserBit;
 constexpr int kSpins = 40;
 
-// How long a waiter sleeps before it looks whether the owner still lives: short at first, for an
+// How long a waiter sleeps before it checks whether the owner still lives: short at first, for an
 // owner that has just died, then longer, for one that is only slow.
 constexpr milliseconds kFirstSlice{2};
 constexpr milliseconds kLongestSlice{5};
@@ -54,8 +54,8 @@ public:
                 if (take(owner)) return true;
                 continue;
             }
-            // Before the look at the clock: one who leaves may have swallowed a wake-up, and the
-            // mark sees to it that the next release wakes another.
+            // Before the clock is checked: a leaving waiter may have consumed a wake-up, and the
+            // mark ensures that the next release wakes another.
             if (!(owner & kContended) && !replaceOwner(m_words, owner, owner | kContended)) {
                 continue;
             }
@@ -136,7 +136,7 @@ bool NamedMutex::owns() const {
 
 bool NamedMutex::isCurrent() const { return !m_object || m_object->isCurrent(); }
 
-// What stands there may also be garbage that somebody wrote.
+// The word may also be garbage that somebody wrote.
 bool NamedMutex::takeFromUnknown(std::uint64_t me) {
     NamedObjectWords& words = m_object->words();
     Identity found = words.owner.load();

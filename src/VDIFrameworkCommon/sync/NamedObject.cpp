@@ -37,8 +37,8 @@ const char* textOf(NamedObject::Kind kind) {
 
 bool isPrivate(const struct stat& status) { return (status.st_mode & (S_IRWXG | S_IRWXO)) == 0; }
 
-// Gives a new object its size, and any its memory. One that is too small was not made here and
-// stays as it is.
+// Sizes a new object, and reserves memory for any. One that is too small was not created here and
+// is left alone.
 bool sizeObject(int fd, struct stat& status) {
     if (fstat(fd, &status) != 0) return false;
     if (status.st_size != 0 && status.st_size < static_cast<off_t>(NamedObject::kSize)) return true;
@@ -52,15 +52,15 @@ bool claimIdent(NamedObjectWords& words, std::uint64_t ident) {
 
 }  // namespace
 
-// Which mappings this process has. Never destroyed: handles may be released at any time of the
-// process's end.
+// The mappings of this process. Never destroyed: handles may be released at any time during process
+// exit.
 struct NamedObject::Registry {
     static Registry& get() {
         static Registry* const registry = new Registry;
         return *registry;
     }
 
-    // The lock is held over a fork, so that the child finds it free and the map whole.
+    // The lock is held across a fork, so that it is free in the child, and the map is intact.
     Registry() {
         pthread_atfork([]() NORVO_NO_THREAD_SAFETY_ANALYSIS { get().mutex.lock(); },
                        []() NORVO_NO_THREAD_SAFETY_ANALYSIS { get().mutex.unlock(); },
@@ -72,8 +72,8 @@ struct NamedObject::Registry {
         const auto entry = objects.find(objectName);
         auto found = entry == objects.end() ? nullptr : entry->second.lock();
         lock.unlock();
-        // The name may have been removed from the system and made anew since. An object that
-        // differs may have its last reference here: its destructor takes the lock.
+        // The name may have been removed and recreated since. A differing object may have its last
+        // reference here: its destructor takes the lock.
         return found && found->m_place == place ? found : nullptr;
     }
 
@@ -88,7 +88,7 @@ struct NamedObject::Registry {
         return object;
     }
 
-    // Not held while logging: over a fork it is taken after the logger's.
+    // Not held while logging: at a fork it is taken after the logger's.
     LocalMutex mutex;
     std::map<std::string, std::weak_ptr<NamedObject>> objects NORVO_GUARDED_BY(mutex);
 };

@@ -14,21 +14,23 @@
 
 namespace VDIFrameworkCommon {
 
-// What the object holds; the rest of its 16384 bytes is zero. All-zero is a valid new object: the
-// first process to come writes `ident` by one compare-and-swap, and nothing else needs a creator.
+// What the object holds; the rest of its 16384 bytes is zero, or a registry's area. All-zero is a
+// valid new object: the first process writes `ident` by one compare-and-swap, and nothing else
+// needs initialising.
 struct NamedObjectWords {
     // Magic, layout version, kind and size; see NamedObject::identOf.
     std::atomic<std::uint64_t> ident;
 
-    // Mutex. The owner's identity, its user bit set when somebody may be waiting; 0 when free.
-    // Set by whoever takes the lock, cleared by the owner, or by others once the owner is gone.
+    // Mutex. The owner's identity, its user bit set when somebody may be waiting; 0 when free. Set
+    // by the process that takes the lock, cleared by the owner, or by others once the owner is
+    // gone.
     alignas(64) std::atomic<ProcessIdentity::Word> owner;
     // Counts the releases that found the user bit set; waiters sleep on it.
     WaitWord released;
 
     // Condition. Counts the notifications; waiters sleep on it. Written by each notifier.
     alignas(64) WaitWord sequence;
-    // The highest `sequence` at which somebody has gone to sleep; only raised, by waiters. A
+    // The highest `sequence` at which a waiter has gone to sleep; only raised, by waiters. A
     // notifier that finds a lower one has nobody to wake.
     std::atomic<std::uint64_t> parkedAt;
     // The process that notified last, and a different one that did so before it. Written by
@@ -37,8 +39,8 @@ struct NamedObjectWords {
     std::atomic<ProcessIdentity::Word> earlierNotifier;
     // The processor it notified from, plus 1; 0 when not known.
     std::atomic<std::uint32_t> notifierCpu;
-    // When the last notifier that had somebody to wake began to do so: ns of WaitClock. Only to
-    // learn what a wake-up costs.
+    // When the last notifier that had somebody to wake began to do so: ns of WaitClock. Only used
+    // to measure wake-ups.
     std::atomic<std::int64_t> wokenAt;
 };
 static_assert(offsetof(NamedObjectWords, ident) == 0);
@@ -58,18 +60,18 @@ class NamedObject {
 public:
     enum class Kind : std::uint8_t { Mutex = 1, Condition = 2, Registry = 3 };
 
-    // The largest memory page of the supported systems.
+    // The largest page size of the supported systems.
     static constexpr std::size_t kSize = 16384;
 
-    // Opens the object of that kind and name for this user and session namespace, making it when
-    // there is none. Null, after one log line, when the system refuses, or when what has that name
-    // is of another user, open to others, or not of this layout (EACCES); errno says why.
+    // Opens the object of that kind and name for this user and session namespace, creating it if
+    // there is none. Null, after one log line, when the system refuses, or when the existing object
+    // is another user's, open to others, or of another layout (EACCES); errno says why.
     static std::shared_ptr<NamedObject> open(Kind kind, const char* name);
-    // The same without making one: null, without a log line, when there is none.
+    // The same without creating one: null, without a log line, when there is none.
     static std::shared_ptr<NamedObject> openExisting(Kind kind, const char* name);
-    // Removes the object from the system. Its handles keep what they have mapped, and a handle
-    // opened later has another one. Does nothing where the system cannot tell the two apart
-    // (isCurrent() below).
+    // Removes the object from the system. Existing handles keep their mapping, and a handle opened
+    // later gets a new object. Does nothing where the system cannot tell the two apart (isCurrent()
+    // below).
     static void remove(Kind kind, const char* name);
     ~NamedObject();
     NamedObject(const NamedObject&) = delete;
@@ -77,19 +79,19 @@ public:
 
     NamedObjectWords& words() { return *m_words; }
     const std::string& name() const { return m_name; }
-    // What a registry keeps: kAreaSize bytes behind the words above.
+    // A registry's data: kAreaSize bytes behind the words above.
     void* area() { return reinterpret_cast<char*>(m_words) + kAreaOffset; }
     static constexpr std::size_t kAreaOffset = 256;
     static constexpr std::size_t kAreaSize = kSize - kAreaOffset;
 
-    // Whether the name still leads to this object, as far as the system tells. One that was removed
-    // excludes, and wakes, nobody who comes later.
+    // Whether the name still refers to this object, as far as the system tells. A removed object
+    // neither excludes nor wakes newcomers.
     bool isCurrent() const;
 
     // How many handles of this process have notified and still exist.
     std::atomic<int> notifyingHandles{0};
 
-    // The name that the shared-memory wrappers get: the effective user ID, the kind, the name.
+    // The name passed to the shared-memory wrappers: the effective user ID, the kind, the name.
     static std::string objectName(Kind kind, const std::string& name);
     static std::uint64_t identOf(Kind kind);
 

@@ -4,8 +4,7 @@
 
 namespace VDIFrameworkCommon {
 
-// Locks a Mutex for its own lifetime. A lock that could not be had is not an error here: ask
-// owns().
+// Locks a Mutex for its own lifetime. A failure to lock is not an error here: check owns().
 class ScopedLock {
 public:
     explicit ScopedLock(Mutex& mutex) : m_mutex(mutex), m_owns(mutex.lock()) {}

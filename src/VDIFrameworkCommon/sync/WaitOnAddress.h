@@ -13,30 +13,30 @@ static_assert(WaitWord::is_always_lock_free);
 
 using WaitClock = std::chrono::steady_clock;
 
-// Sleeps while `word` is `expected`, at the latest until `deadline`. May return early for no
-// reason: loop over the word and the clock. The check of the word and the falling asleep are one
-// step towards a waker that changes the word first and wakes then.
+// Sleeps while `word` is `expected`, until `deadline` at the latest. May return spuriously: loop
+// over the word and the clock. Checking the word and falling asleep are one step for a waker that
+// changes the word first and wakes then.
 void waitOnAddress(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
 
-// Wakes one or all who sleep on `word`, in every process. Costs a system call, needed or not.
+// Wakes one or all threads that sleep on `word`, in every process. Always costs a system call.
 void wakeOne(const WaitWord& word);
 void wakeAll(const WaitWord& word);
 
-// How this process waits: by the system's facility, or by looking at the word now and then
-// (the fallback of systems without one; the default when built with NORVO_POLLING_WAIT). Processes
-// may differ in it: one that polls still wakes those that sleep. Returns the one before.
+// How this process waits: by the system's facility, or by polling the word (the fallback on systems
+// without one; the default when built with NORVO_POLLING_WAIT). Processes may differ: one that
+// polls still wakes those that sleep. Returns the previous backend.
 enum class WaitBackend { System, Polling };
 WaitBackend setWaitBackend(WaitBackend backend);
 
 // The backends themselves; everyone else calls the functions above.
 namespace wait_backend {
 
-// Like waitOnAddress. False when the system cannot do it, and then at once.
+// Like waitOnAddress. Returns false at once when the system does not support it.
 bool systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
 void systemWake(const WaitWord& word, bool all);
 
-// Spins and yields for a moment, then sleeps between two looks for a sixteenth of the time that the
-// thread has waited for this change, over several calls if need be: 50 us to 10 ms.
+// Spins and yields for a moment, then polls, sleeping for a sixteenth of the time that the thread
+// has waited for this change, over several calls if need be: 50 us to 10 ms.
 void poll(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
 
 }  // namespace wait_backend

@@ -30,7 +30,7 @@ timespec absolute(WaitClock::time_point time) {
 
 }  // namespace
 
-// With a bit set, the time is absolute on the clock of WaitClock. Format: futex(2).
+// FUTEX_WAIT_BITSET takes an absolute time, on the clock of WaitClock. Format: futex(2).
 bool systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
     const timespec until = absolute(deadline);
     const long result =

@@ -1,5 +1,5 @@
-// By the system's wait on an address, which is there from macOS 14.4 on. It is looked up when first
-// needed, so that neither the build nor the oldest system needs to know it; before 14.4 waiting is
+// Uses the system's wait on an address, available from macOS 14.4. It is looked up when first
+// needed, so that neither the build nor older systems need it; before 14.4 waiting falls back to
 // polling. Format: os/os_sync_wait_on_address.h.
 #include <dlfcn.h>
 

@@ -21,7 +21,7 @@ bool unchanged(const WaitWord& word, std::uint64_t expected) {
 }
 
 // Since when this thread has been waiting for that change. An idle thread waits in slices, and its
-// sleep must not start small with each.
+// sleep must not start small again with each.
 WaitClock::time_point waitingSince(const WaitWord& word, std::uint64_t expected) {
     struct Wait {
         const WaitWord* word;

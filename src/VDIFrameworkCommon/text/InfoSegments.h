@@ -1,4 +1,4 @@
-// The two segments of the INFO protocol, as the agent and its local processes both know them.
+// The two segments of the INFO protocol, shared by the agent and its local processes.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@ inline constexpr unsigned int kInfoSegmentSize = 10240;  // bytes of data, each
 inline constexpr std::string_view kInfoRequestsSuffix = "_Info_STREAM2VC";
 inline constexpr std::string_view kInfoNotificationsSuffix = "_Info_VC2STREAM";
 
-// The segment that local processes write and the agent reads. `clientName` is the one that the
+// The segment that local processes write and the agent reads. `clientName` is the name that the
 // agent's process reports (VDIClientInfo).
 inline std::string infoRequestsName(const std::string& clientName) {
     return clientName + std::string(kInfoRequestsSuffix);
@@ -22,7 +22,7 @@ inline std::string infoNotificationsName(const std::string& clientName) {
     return clientName + std::string(kInfoNotificationsSuffix);
 }
 
-// Whether it is one of the two, of whatever client.
+// Whether it is one of the two, for any client.
 inline bool isInfoSegment(std::string_view name) {
     return name.ends_with(kInfoRequestsSuffix) || name.ends_with(kInfoNotificationsSuffix);
 }

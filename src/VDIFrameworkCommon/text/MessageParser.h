@@ -5,8 +5,8 @@
 
 namespace VDIFrameworkCommon {
 
-// Splits what MessageBuilder made into its fields. Never fails: every text is some list of fields,
-// and an empty text is one empty field.
+// Splits a text built by MessageBuilder into its fields. Never fails: every text is some list of
+// fields, and an empty text is one empty field.
 class MessageParser {
 public:
     explicit MessageParser(std::string text) : m_text(std::move(text)) {}

@@ -9,9 +9,9 @@ namespace VDIFrameworkCommon {
 // letters, digits, '-' and '_' are replaced by '_', and at most 32 are kept.
 const std::string& sessionNamespace();
 
-// `name` as it stands when there is no namespace, else the namespace, a '.', and `name`. Every
+// `name` itself when there is no namespace, else the namespace, a '.', and `name`. Every
 // machine-wide name (shared-memory objects, named mutexes and conditions, active-agent record, stop
-// marker) passes through here, and nothing outside the framework does.
+// marker) passes through here; only the framework calls it.
 std::string namespacedName(std::string_view name);
 
 }  // namespace VDIFrameworkCommon
