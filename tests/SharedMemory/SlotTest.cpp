@@ -191,6 +191,30 @@ TEST(SlotAcrossProcesses, AKilledProcessHoldsNobodyUp) {
     EXPECT_LT(since(start), soon);
 }
 
+TEST_F(SlotTest, AWriteAtOnceNeedsAReaderThatHasTakenAllAndWaitsForNothing) {
+    const auto writer = plain();
+    const auto tryWrite = [&](const std::string& text) {
+        return writer->TryWriteData(text.data(), static_cast<unsigned int>(text.size()));
+    };
+    ASSERT_TRUE(writer->Create(name, 16));
+    EXPECT_FALSE(tryWrite("no reader"));
+    ASSERT_TRUE(slot.open(name, 16, true, reader));
+    EXPECT_FALSE(tryWrite("more than one chunk"));
+    for (const char* text : {"longest message.", "short"}) {
+        EXPECT_TRUE(tryWrite(text));
+        EXPECT_FALSE(tryWrite("not taken yet"));
+        EXPECT_EQ(reader.takeNow(milliseconds(0)), text);
+    }
+    EXPECT_EQ(slot.data()[5], '\0');
+    VDIFrameworkCommon::NamedMutex mutex;
+    ASSERT_TRUE(mutex.create(("ED992248_" + name).c_str()) && mutex.lock());
+    const auto start = Clock::now();
+    EXPECT_FALSE(tryWrite("mutex held"));
+    EXPECT_LT(since(start), milliseconds(1000));
+    mutex.unlock();
+    EXPECT_TRUE(tryWrite("free again"));
+}
+
 TEST_F(SlotTest, AReadKeepsToItsTimeOutWhileAnotherProcessHoldsTheMutex) {
     ASSERT_TRUE(slot.open(name, 16, true, reader));
     VDIFrameworkCommon::NamedMutex mutex;

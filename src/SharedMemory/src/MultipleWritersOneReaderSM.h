@@ -26,6 +26,10 @@ protected:
         NORVO_REQUIRES(m_operationLock);
     // A wait without a chunk also releases a lock that is 2001 ms old, unless chunks arrived in
     // that time.
+    bool tryWriteMessage(const void* /*data*/, unsigned int /*length*/) override
+        NORVO_REQUIRES(m_operationLock) {
+        return false;
+    }
     bool waitForMessage(unsigned int timeout) override NORVO_REQUIRES(m_operationLock);
     std::string takeMessage(unsigned int silence) override NORVO_REQUIRES(m_operationLock);
 

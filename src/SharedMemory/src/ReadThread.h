@@ -19,9 +19,9 @@ public:
     struct Source {
         // Whether the segment can be read; otherwise the thread ends.
         std::function<bool()> isReadable;
-        // Waits a while for a message; empty when none arrived. Returns at once when `gate` is
-        // halted.
-        std::function<std::string()> read;
+        // Waits at most so many milliseconds for a message; empty when none arrived. Returns at
+        // once when `gate` is halted.
+        std::function<std::string(unsigned int)> read;
     };
     ReadThread(SharedMemoryI& segment, SlotGate& gate, Source source)
         : m_segment(segment), m_gate(gate), m_source(std::move(source)) {}
@@ -50,6 +50,8 @@ private:
     void start() NORVO_REQUIRES(m_threadMutex);
     void end() NORVO_REQUIRES(m_threadMutex);
     void run();
+    // Whether a message came within `wait` ms.
+    bool readOnce(unsigned int wait);
     bool endsByItself();
 
     SharedMemoryI& m_segment;

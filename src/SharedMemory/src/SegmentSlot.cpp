@@ -159,6 +159,10 @@ SegmentSlot::Soundness SegmentSlot::renew() {
 }
 
 SegmentSlot::Section::Section(SegmentSlot& slot, milliseconds limit) : m_slot(slot) {
+    if (limit == milliseconds::zero()) {
+        slot.m_mutex.tryLock();
+        return;
+    }
     const bool owns = slot.m_mutex.lockFor(limit);
     if (!owns && !slot.m_isMutexLate) {
         NORVO_LOG(Error, "Error: Locking named mutex timedout, stream: ", slot.m_name);
@@ -205,11 +209,19 @@ bool SegmentSlot::isUnread() {
 }
 
 bool SegmentSlot::place(const ChunkHeader& chunk, const char* bytes) {
-    clearBehind(chunk.length);
-    chunk.store(header());
-    std::memcpy(data(), bytes, chunk.length);
+    fill(chunk, bytes);
+    return publish(Section::kLongestWait);
+}
+
+bool SegmentSlot::tryPlace(const ChunkHeader& chunk, const char* bytes) {
+    if (!isFreeAtOnce() || dirtyBehind(chunk.length) > kMostAtOnce) return false;
+    fill(chunk, bytes);
+    return publish(milliseconds::zero());
+}
+
+bool SegmentSlot::publish(milliseconds limit) {
     {
-        const Section section(*this);
+        const Section section(*this, limit);
         if (!section) return false;
         header().newMessageId.fetch_add(1);
     }
@@ -217,15 +229,35 @@ bool SegmentSlot::place(const ChunkHeader& chunk, const char* bytes) {
     return true;
 }
 
+// Recovering a lost object is left to a call that may wait.
+bool SegmentSlot::isFreeAtOnce() {
+    if (!isMapped() || !m_writeCondition.isNotified()) return false;
+    const auto now = Clock::now();
+    if (!isFresh(m_lastLook, now)) {
+        const auto state = look(now);
+        if (state != SegmentMapping::State::Whole && state != SegmentMapping::State::Grown)
+            return false;
+    }
+    const Section section(*this, milliseconds::zero());
+    return section && isFree();
+}
+
 // A reader finds zeros behind the chunk, as if the whole area had been cleared. The previous
 // chunk's bytes are cleared before its length is replaced, so a writer that dies in between leaves
 // a length that still covers the rest.
-void SegmentSlot::clearBehind(unsigned int length) {
+void SegmentSlot::fill(const ChunkHeader& chunk, const char* bytes) {
+    std::memset(data() + chunk.length, 0, dirtyBehind(chunk.length));
+    m_restIsClear = true;
+    chunk.store(header());
+    std::memcpy(data(), bytes, chunk.length);
+}
+
+// Bytes of the data area behind `length` that may not be zero.
+unsigned int SegmentSlot::dirtyBehind(unsigned int length) {
     const unsigned int before = header().chunkLength.load(std::memory_order_relaxed);
     const unsigned int dirty =
         m_restIsClear ? std::min(before, mappedCapacity()) : mappedCapacity();
-    if (dirty > length) std::memset(data() + length, 0, dirty - length);
-    m_restIsClear = true;
+    return dirty > length ? dirty - length : 0;
 }
 
 bool SegmentSlot::take() {

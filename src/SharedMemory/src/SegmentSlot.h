@@ -88,6 +88,7 @@ public:
     class Section {
     public:
         static constexpr std::chrono::milliseconds kLongestWait{2000};
+        // A `limit` of 0 is one try, whose failure is no log line.
         explicit Section(SegmentSlot& slot, std::chrono::milliseconds limit = kLongestWait);
         ~Section() {
             if (m_slot.m_mutex.owns()) m_slot.m_mutex.unlock();
@@ -128,6 +129,11 @@ public:
     // Puts a chunk into the free slot. False, with nothing placed, when the mutex could not be
     // locked.
     bool place(const ChunkHeader& chunk, const char* bytes);
+    // The same without waiting. Also false when the slot is not free, when nothing has been taken
+    // since the last wait for that, or when more than kMostAtOnce bytes behind the chunk would have
+    // to be cleared.
+    static constexpr unsigned int kMostAtOnce = 128 * 1024;
+    bool tryPlace(const ChunkHeader& chunk, const char* bytes);
     // Acknowledges the chunk that isUnread() found. False when the slot no longer holds it, because
     // a newly set-up writer did not wait for its reader: the copy may be torn.
     bool take();
@@ -155,7 +161,10 @@ private:
                     std::chrono::milliseconds longest, std::chrono::milliseconds relock);
     static std::chrono::milliseconds mutexWait(Clock::time_point now, Clock::time_point deadline);
     void logLockTaken();
-    void clearBehind(unsigned int length);
+    bool isFreeAtOnce();
+    void fill(const ChunkHeader& chunk, const char* bytes);
+    bool publish(std::chrono::milliseconds limit);
+    unsigned int dirtyBehind(unsigned int length);
 
     SlotGate& m_gate;
     std::string m_name;

@@ -12,12 +12,8 @@ using VDIFrameworkCommon::LocalLock;
 
 namespace {
 
-// How long the read thread waits at a time; a message, a stop or a close wakes it. A change without
-// a notification, such as a removed object, is found this late; later after three waits without a
-// message.
-constexpr unsigned int kReadWaitMs = 200;
-constexpr unsigned int kQuietReadWaitMs = 1000;
-constexpr unsigned int kWaitsUntilQuiet = 3;
+// Between two looks at whether this process may read again, and between two chunks of a message.
+constexpr unsigned int kReadPauseMs = 200;
 // A living writer gives up on a message when one of its chunks has waited this long.
 constexpr milliseconds kLongestSilence{2000};
 
@@ -26,7 +22,7 @@ constexpr milliseconds kLongestSilence{2000};
 SharedMemoryBase::SharedMemoryBase()
     : m_readThread(*this, m_gate,
                    {[this] { return isOpen() && mayOperate(Mode::Reader); },
-                    [this] { return readForObservers(); }}) {}
+                    [this](unsigned int wait) { return readForObservers(wait); }}) {}
 
 bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mode) {
     if (isOpen()) {
@@ -59,6 +55,12 @@ bool SharedMemoryBase::WriteData(const void* data, const unsigned int& length) {
     }
     LocalLock operation(m_operationLock);
     return m_access.mayWrite(data) && writeMessage(data, length);
+}
+
+bool SharedMemoryBase::TryWriteData(const void* data, unsigned int length) {
+    if (mode() != Mode::Writer || !m_operationLock.try_lock()) return false;
+    const LocalLock operation(m_operationLock, std::adopt_lock);
+    return m_access.mayWrite(data) && tryWriteMessage(data, length);
 }
 
 std::string SharedMemoryBase::ReadData(unsigned int& length, unsigned int timeout) {
@@ -105,17 +107,14 @@ void SharedMemoryBase::unsubscribeObserver(SharedMemoryObserverI* observer) {
     NORVO_LOG(Info, "Unsubscribe observer stop, stream: ", getName());
 }
 
-std::string SharedMemoryBase::readForObservers() {
+std::string SharedMemoryBase::readForObservers(unsigned int wait) {
     if (!m_access.mayRead()) {
-        m_readThread.pause(kReadWaitMs);
+        m_readThread.pause(kReadPauseMs);
         return {};
     }
     LocalLock operation(m_operationLock);
-    const unsigned int wait = m_vainWaits < kWaitsUntilQuiet ? kReadWaitMs : kQuietReadWaitMs;
-    m_vainWaits = std::min(m_vainWaits + 1, kWaitsUntilQuiet);
-    if (!m_gate.isPassable() || !waitForMessage(wait) || !m_access.mayRead()) return {};
-    m_vainWaits = 0;
-    return takeMessage(kReadWaitMs);
+    const bool hasCome = m_gate.isPassable() && waitForMessage(wait) && m_access.mayRead();
+    return hasCome ? takeMessage(kReadPauseMs) : std::string();
 }
 
 }  // namespace shared_memory

@@ -34,6 +34,7 @@ public:
     bool Close() override;
     std::string getName() override { return m_access.name(); }
     bool WriteData(const void* data, const unsigned int& length) override;
+    bool TryWriteData(const void* data, unsigned int length) override;
     // A message whose next chunk does not arrive within `timeout` is kept; a later call continues
     // it. Takes up to 20 ms longer while another process holds the mutex.
     std::string ReadData(unsigned int& length, unsigned int timeout) override;
@@ -74,6 +75,11 @@ protected:
         NORVO_REQUIRES(m_operationLock) {
         return m_writer.write(data, length);
     }
+    // A variant whose writers take turns by a lock of their own says no.
+    virtual bool tryWriteMessage(const void* data, unsigned int length)
+        NORVO_REQUIRES(m_operationLock) {
+        return m_writer.tryWrite(data, length);
+    }
     virtual bool waitForMessage(unsigned int timeout) NORVO_REQUIRES(m_operationLock);
     // Then takes the message, whose chunks must follow each other within `silence` ms.
     virtual std::string takeMessage(unsigned int silence) NORVO_REQUIRES(m_operationLock) {
@@ -101,12 +107,10 @@ protected:
 
 private:
     bool setUp(const std::string& name, unsigned int size, Mode mode);
-    std::string readForObservers();
+    std::string readForObservers(unsigned int wait);
 
     // Used without the operation lock, which a reader holds while it waits.
     SegmentAccess m_access{m_gate};
-    // Waits of the read thread without a message since the last one, up to a limit.
-    unsigned int m_vainWaits NORVO_GUARDED_BY(m_operationLock) = 0;
     ReadThread m_readThread;
 };
 

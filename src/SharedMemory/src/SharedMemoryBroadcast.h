@@ -34,6 +34,10 @@ protected:
     // 3000 ms.
     bool writeMessage(const void* data, unsigned int length) override
         NORVO_REQUIRES(m_operationLock);
+    bool tryWriteMessage(const void* /*data*/, unsigned int /*length*/) override
+        NORVO_REQUIRES(m_operationLock) {
+        return false;
+    }
     bool waitForMessage(unsigned int timeout) override NORVO_REQUIRES(m_operationLock);
     std::string takeMessage(unsigned int silence) override NORVO_REQUIRES(m_operationLock);
     std::string takeMessageNow() override NORVO_REQUIRES(m_operationLock);

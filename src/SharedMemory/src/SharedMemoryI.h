@@ -39,6 +39,9 @@ public:
     // Writes one message of `length` bytes in as many chunks as needed. False when refused or when
     // a chunk could not be placed within 2000 ms (chunks already sent stay sent).
     virtual bool WriteData(const void* data, const unsigned int& length) = 0;
+    // The same without waiting: false, with nothing sent, when the message cannot be placed at
+    // once. A segment may always refuse.
+    virtual bool TryWriteData(const void* /*data*/, unsigned int /*length*/) { return false; }
     // Waits up to `timeout` ms for a message. Empty, with `length` 0, when none arrived.
     virtual std::string ReadData(unsigned int& length, unsigned int timeout) = 0;
 

@@ -44,6 +44,11 @@ bool SlotWriter::write(const void* data, unsigned int length, Clock::time_point 
     return true;
 }
 
+bool SlotWriter::tryWrite(const void* data, unsigned int length) {
+    if (length == 0 || length > std::min(kMostAtOnce, m_slot.capacity())) return false;
+    return m_slot.tryPlace({1, 1, length, length}, static_cast<const char*>(data));
+}
+
 // A reader known to be alive need not notify first.
 bool SlotWriter::waitWritable(Clock::time_point now, Clock::time_point deadline) {
     return m_slot.isMapped() &&

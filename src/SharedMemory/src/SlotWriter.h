@@ -17,6 +17,10 @@ public:
     // is not sent; returns true.
     bool write(const void* data, unsigned int length,
                Clock::time_point deadline = Clock::time_point::max());
+    // The same without waiting, for a message of one chunk of at most kMostAtOnce bytes. False,
+    // with nothing sent, when the slot is not available at once.
+    static constexpr unsigned int kMostAtOnce = SegmentSlot::kMostAtOnce;
+    bool tryWrite(const void* data, unsigned int length);
     // Whether the slot is free: the reader has taken everything. False while the object is
     // truncated.
     bool isDrained() { return !m_slot.isMapped() || (!m_slot.isCut() && m_slot.isFree()); }

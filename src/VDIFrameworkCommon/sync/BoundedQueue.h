@@ -49,11 +49,23 @@ public:
         return dropped.size();
     }
 
+    // Counts a message that `pass` hands on directly, past the queue. False, without a call of
+    // `pass`, while a message waits or the consumer has one in hand.
+    template <class Pass>
+    bool passBy(const Pass& pass) {
+        LocalLock lock(m_mutex);
+        if (!m_messages.empty() || m_isInHand || !pass()) return false;
+        m_pushed++;
+        return true;
+    }
+
     // Takes the oldest message, waiting for one while `goOn()` is true. Queued messages are
-    // returned even after that; empty when there is none.
+    // returned even after that; empty when there is none. A consumer has the message in hand until
+    // it calls again.
     template <class GoOn>
     std::optional<Message> pop(const GoOn& goOn) {
         LocalLock lock(m_mutex);
+        m_isInHand = false;
         while (m_messages.empty() && goOn()) m_condition.wait(m_mutex);
         return takeFront();
     }
@@ -61,6 +73,7 @@ public:
     template <class Deadline, class GoOn>
     std::optional<Message> popUntil(const Deadline& deadline, const GoOn& goOn) {
         LocalLock lock(m_mutex);
+        m_isInHand = false;
         while (m_messages.empty() && goOn() && Deadline::clock::now() < deadline)
             m_condition.wait_until(m_mutex, deadline);
         return takeFront();
@@ -73,6 +86,11 @@ public:
         m_condition.notify_all();
     }
 
+    // Whether none waits and none is in hand.
+    bool isIdle() const {
+        LocalLock lock(m_mutex);
+        return m_messages.empty() && !m_isInHand;
+    }
     std::size_t size() const {
         LocalLock lock(m_mutex);
         return m_messages.size();
@@ -112,6 +130,7 @@ private:
         std::optional<Message> message(std::move(m_messages.front()));
         m_messages.pop_front();
         m_bytes -= bytesOf(*message);
+        m_isInHand = true;
         return message;
     }
 
@@ -120,6 +139,7 @@ private:
     LocalCondition m_condition;
     std::deque<Message> m_messages NORVO_GUARDED_BY(m_mutex);
     std::size_t m_bytes NORVO_GUARDED_BY(m_mutex) = 0;
+    bool m_isInHand NORVO_GUARDED_BY(m_mutex) = false;
     std::uint64_t m_pushed NORVO_GUARDED_BY(m_mutex) = 0;
 };
 

@@ -26,6 +26,9 @@ private:
 class NORVO_SCOPED_CAPABILITY LocalLock {
 public:
     explicit LocalLock(LocalMutex& mutex) NORVO_ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+    // Takes over the lock that the caller has.
+    LocalLock(LocalMutex& mutex, std::adopt_lock_t /*held*/) NORVO_REQUIRES(mutex)
+        : m_mutex(mutex) {}
     ~LocalLock() NORVO_RELEASE() {
         if (m_held) m_mutex.unlock();
     }

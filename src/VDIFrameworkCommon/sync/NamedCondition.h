@@ -40,6 +40,9 @@ public:
     bool timed_wait(NamedMutex& mutex, unsigned int milliseconds,
                     std::chrono::milliseconds relock = std::chrono::milliseconds(2000));
 
+    // Whether another handle has notified since this one last waited: a wait would end at once.
+    bool isNotified() const { return m_object && count() != m_seen.load(); }
+
     // Wakes every waiter of this name in every process. Needs no lock.
     void notify();
 

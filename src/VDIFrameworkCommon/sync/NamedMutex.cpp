@@ -119,13 +119,19 @@ bool NamedMutex::create(const char* name) {
 bool NamedMutex::lock() { return lockFor(kLockLimit); }
 
 bool NamedMutex::lockFor(milliseconds limit) {
+    if (tryLock()) return true;
+    if (!m_object) return false;
+    const Identity me = ProcessIdentity::own();
+    if (!Waiter(*m_object, me, limit).wait() && !takeFromUnknown(me)) return false;
+    m_holder.store(me, std::memory_order_relaxed);
+    return true;
+}
+
+bool NamedMutex::tryLock() {
     if (!m_object) return false;
     NamedObjectWords& words = m_object->words();
     const Identity me = ProcessIdentity::own();
-    if (!replaceOwner(words, 0, me) && !spinForLock(words, me) &&
-        !Waiter(*m_object, me, limit).wait() && !takeFromUnknown(me)) {
-        return false;
-    }
+    if (!replaceOwner(words, 0, me) && !spinForLock(words, me)) return false;
     m_holder.store(me, std::memory_order_relaxed);
     return true;
 }

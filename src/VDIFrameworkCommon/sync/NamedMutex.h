@@ -37,6 +37,8 @@ public:
     // The same with another limit. An owner in another process-ID namespace, about which nothing
     // can be known, keeps its lock for 10 s after this handle first found it held.
     bool lockFor(std::chrono::milliseconds limit);
+    // The same without waiting: false when another owner has it.
+    bool tryLock();
 
     // Releases the lock that this handle holds, or that a dead process left behind. False when
     // there was none: a lock of another living owner is never touched.

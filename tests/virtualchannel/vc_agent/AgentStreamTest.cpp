@@ -98,6 +98,21 @@ TEST_F(AgentStream, IsNotReadWhileNobodyIsThereToSendTo) {
     neverSent.get();
 }
 
+TEST_F(AgentStream, WritesAtOnceWhatNothingWaitsAheadOf) {
+    const auto segment = runningStream("Basic", false);
+    segment->takesAtOnce = true;
+    m_channel.deliver(routed("Basic", "first"));
+    EXPECT_EQ(segment->written(), Texts{"first"});
+    segment->takesAtOnce = false;
+    segment->setReader(FakeSegment::Reader::Refuses);
+    m_channel.deliver(routed("Basic", "second"));
+    EXPECT_TRUE(eventually([&] { return segment->failedWrites() > 0; }));
+    segment->takesAtOnce = true;
+    m_channel.deliver(routed("Basic", "third"));
+    segment->setReader(FakeSegment::Reader::Takes);
+    expectWritten(*segment, {"first", "second", "third"});
+}
+
 TEST_F(AgentStream, AFailedSegmentIsReportedAndSetUpAsSoonAsThatIsPossible) {
     m_side.machine->segmentsFail = true;
     m_side.request("CreateStream|Media|500");

@@ -40,6 +40,7 @@ public:
           m_onWritten(std::move(onWritten)) {}
 
     // The local process.
+    std::atomic<bool> takesAtOnce{false};
     void setReader(Reader reader) {
         std::lock_guard lock(m_mutex);
         m_reader = reader;
@@ -97,6 +98,9 @@ public:
         m_written.emplace_back(static_cast<const char*>(data), length);
         m_onWritten(*this, m_written.back());
         return true;
+    }
+    bool TryWriteData(const void* data, unsigned int length) override {
+        return takesAtOnce && WriteData(data, length);
     }
     std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
     bool ReadData(void**, unsigned int&) override { return false; }

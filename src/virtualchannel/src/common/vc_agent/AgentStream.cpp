@@ -53,8 +53,21 @@ bool Agent::Stream::begin() {
     return m_type != StreamType::READ || !m_segment || subscribe(*m_segment, this);
 }
 
-void Agent::Stream::enqueue(const char* data, std::size_t length) {
-    enqueue(m_spares.copyOf(data, length));
+// A hand-over to the writer's thread would cost more than the copy, which is made in either case.
+void Agent::Stream::pass(const char* data, std::size_t length) {
+    const auto write = [&] { return m_running && writeAtOnce(data, length); };
+    if (!m_queue.passBy(write)) enqueue(m_spares.copyOf(data, length));
+}
+
+bool Agent::Stream::writeAtOnce(const char* data, std::size_t length) {
+    if (!m_segment || !m_segment->TryWriteData(data, static_cast<unsigned int>(length)))
+        return false;
+    logDelivered(length);
+    return true;
+}
+
+void Agent::Stream::logDelivered(std::size_t length) {
+    AGENT_LOG(m_context, Trace, length, " bytes delivered to address: ", m_name);
 }
 
 void Agent::Stream::enqueue(std::string message) {
@@ -104,9 +117,7 @@ void Agent::Stream::WriterProcessingThread() {
     while (running()) {
         auto message = m_queue.pop(running);
         if (!message) continue;
-        m_delivering.store(true, std::memory_order_relaxed);
         VDIFrameworkCommon::contained("Delivering a message", [&] { deliver(*message); });
-        m_delivering.store(false, std::memory_order_relaxed);
         m_spares.giveBack(std::move(*message));
     }
     AGENT_LOG(m_context, Info, "Thread processing '", m_name, "' exiting");
@@ -116,7 +127,7 @@ void Agent::Stream::deliver(const std::string& message) {
     const auto length = static_cast<unsigned int>(message.size());
     for (bool failed = false; m_running; failed = true) {
         if (m_segment && m_segment->WriteData(message.data(), length)) {
-            AGENT_LOG(m_context, Trace, length, " bytes delivered to address: ", m_name);
+            logDelivered(length);
             if (failed) m_undelivered.settled();
             return;
         }

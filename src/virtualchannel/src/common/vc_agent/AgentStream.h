@@ -42,10 +42,12 @@ public:
     // closed, or could not be started.
     bool start() NORVO_TAKES_SERVICE;
 
-    // Queues one message, or a copy of it, for the local process. The oldest are dropped when more
-    // wait than StreamRules.h allows; among notifications, connection changes are dropped last.
-    void enqueue(const char* data, std::size_t length) NORVO_TAKES_LEAF;
+    // Queues one message for the local process. The oldest are dropped when more wait than
+    // StreamRules.h allows; among notifications, connection changes are dropped last.
     void enqueue(std::string message) NORVO_TAKES_LEAF;
+    // The same for data from the peer, which is written to the segment at once when that takes no
+    // waiting and no earlier message is still under way.
+    void pass(const char* data, std::size_t length) NORVO_TAKES_LEAF;
 
     // How many messages have been queued so far, and how many of them have left the queue.
     std::uint64_t queued() const NORVO_TAKES_LEAF { return m_queue.pushed(); }
@@ -64,7 +66,7 @@ public:
     StreamUse use;
 
     // Whether a message for the local process waits or is being written.
-    bool hasUndelivered() const NORVO_TAKES_LEAF { return m_delivering || queued() != passed(); }
+    bool hasUndelivered() const NORVO_TAKES_LEAF { return !m_queue.isIdle(); }
 
     // The peer's end has the same direction as this one, so nothing can be transferred.
     std::atomic<bool> conflictsWithPeer{false};
@@ -75,7 +77,9 @@ public:
 private:
     bool begin() NORVO_REQUIRES(m_serviceMutex);
     void WriterProcessingThread() NORVO_TAKES_LEAF;
+    bool writeAtOnce(const char* data, std::size_t length);
     void deliver(const std::string& message);
+    void logDelivered(std::size_t length);
 
     AgentContext& m_context;
     ChannelLink& m_link;
@@ -89,7 +93,6 @@ private:
     VDIFrameworkCommon::BoundedQueue<std::string> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
     SpareStrings m_spares;
     std::atomic<bool> m_running{false};
-    std::atomic<bool> m_delivering{false};
 
     KLT::kltlogger::LogRepeats m_dropped;
     KLT::kltlogger::LogRepeats m_undelivered;

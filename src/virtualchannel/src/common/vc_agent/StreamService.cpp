@@ -180,7 +180,7 @@ void StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* 
     if (!IsStreamRoutable(*stream)) {
         AGENT_LOG(m_context, Trace, "The data waits until it is: ", stream->name());
     }
-    stream->enqueue(data, length);
+    stream->pass(data, length);
 }
 
 bool StreamService::isUnused(Agent::Stream& stream, std::uint64_t nowMs) {
