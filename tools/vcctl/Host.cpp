@@ -77,16 +77,17 @@ void Host::say(const std::string& text) const {
     (m_quietOutput ? std::cerr : std::cout) << text + '\n' << std::flush;
 }
 
-void Host::serve(Descriptor socket, const std::string& peer, int listener) {
+bool Host::serve(Descriptor socket, const std::string& peer, int listener) {
     try {
-        serve(overSocket(std::move(socket)), peer, listener);
+        return serve(overSocket(std::move(socket)), peer, listener);
     } catch (const CommandError& error) {
         say("not joined to " + peer + ": " + error.what());
         StopSignal::wait(kPauseAfterFailure);
+        return false;
     }
 }
 
-void Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener) {
+bool Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener) {
     StopSignal::takeHangUp();  // one that came while there was nothing to drop
     m_greetings = 0;
     m_peerHasGreeted = false;
@@ -97,7 +98,7 @@ void Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, in
     } catch (const std::system_error& error) {
         say("not joined to " + peer + ": " + error.what());
         StopSignal::wait(kPauseAfterFailure);
-        return;
+        return false;
     }
     say("joined to " + peer);
     m_plugin.ChannelActive(1);
@@ -107,6 +108,7 @@ void Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, in
     m_plugin.ChannelActive(0);
     setLink(nullptr);
     say("left " + peer + ": " + joined->closeReason());
+    return m_peerHasGreeted;
 }
 
 void Host::waitForEnd(PacketLink& link, int listener) const {

@@ -38,8 +38,9 @@ public:
     // Connects the channel to the peer until one side ends it or the user stops. Further
     // connections to `listener` (if any) are turned away, unless the peer has not greeted as an
     // agent does: then it gives way. Pauses when the system lacks resources for another peer.
-    void serve(support::Descriptor socket, const std::string& peer, int listener = -1);
-    void serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener = -1);
+    // Whether the peer has greeted.
+    bool serve(support::Descriptor socket, const std::string& peer, int listener = -1);
+    bool serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener = -1);
 
     // Prints one line for the user, not on standard output if that is the channel.
     void say(const std::string& text) const;

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -58,51 +57,47 @@ void serveListener(const HostOptions& options, const Endpoint& endpoint) {
     }
 }
 
-// Pauses between attempts that grow while no connection lasts: a host that is always turned away
-// retries less and less often.
+// Pauses between attempts. They grow while no peer greets: a host that is always turned away does
+// not try continually.
 class Pauses {
 public:
-    void begin() { m_begun = Clock::now(); }
-    void wait() {
-        if (Clock::now() - m_begun > std::chrono::milliseconds(kLongest)) m_next = kFirst;
+    void wait(bool peerHasGreeted) {
+        if (peerHasGreeted) m_next = kFirst;
         StopSignal::wait(m_next);
         m_next = std::min(m_next * 2, kLongest);
     }
 
 private:
-    using Clock = std::chrono::steady_clock;
     static constexpr int kFirst = 50;  // milliseconds, as the next
     static constexpr int kLongest = 2000;
     int m_next = kFirst;
-    Clock::time_point m_begun = Clock::now();
 };
 
 void serveConnector(Host& host, const Endpoint& endpoint) {
     Pauses pauses;
     bool told = false;
     while (!StopSignal::requested()) {
-        pauses.begin();
+        bool hasGreeted = false;
         if (Descriptor peer = endpoint.connect()) {
-            host.serve(std::move(peer), endpoint.text());
+            hasGreeted = host.serve(std::move(peer), endpoint.text());
             told = false;
         } else if (!told && !StopSignal::requested()) {
             host.say("nothing answers on " + endpoint.text() + " (" + std::strerror(errno) +
                      "); trying again until it does");
             told = true;
         }
-        pauses.wait();
+        pauses.wait(hasGreeted);
     }
 }
 
 void serveCommand(Host& host, const std::vector<std::string>& command) {
     Pauses pauses;
     while (!StopSignal::requested()) {
-        pauses.begin();
         ChildCommand child(command);
-        host.serve(child.takeSocket(), "'" + command[0] + "'");
+        const bool hasGreeted = host.serve(child.takeSocket(), "'" + command[0] + "'");
         if (StopSignal::requested()) return;
         host.say("'" + command[0] + "' has left: " + child.outcome() + "; starting it again");
-        pauses.wait();
+        pauses.wait(hasGreeted);
     }
 }
 
