@@ -118,21 +118,13 @@ TEST_F(BroadcastTest, ALateWriteDoesNotOvertakeAReaderInsideItsCopy) {
     reader.UnlockRead();
     EXPECT_TRUE(canWriteNow());
 
-    // The writer stops waiting for a reader that died inside, and its count is removed.
-    ASSERT_TRUE(reader.LockRead());
+    // The writer stops waiting for readers that died inside, and their count is removed.
+    ASSERT_TRUE(reader.LockRead() && reader.LockRead());
     EXPECT_FALSE(canWriteNow());
     g_testTime += 500;
     EXPECT_TRUE(canWriteNow());
     EXPECT_EQ(raw.word64(24), 0);
     reader.UnlockRead();
-    EXPECT_EQ(raw.word64(24), 0);
-
-    // The same with several.
-    ASSERT_TRUE(crosses("two"));
-    ASSERT_TRUE(reader.LockRead() && reader.LockRead());
-    EXPECT_FALSE(canWriteNow());
-    g_testTime += 2001;
-    EXPECT_TRUE(canWriteNow());
     EXPECT_EQ(raw.word64(24), 0);
 }
 
@@ -155,18 +147,6 @@ TEST_F(BroadcastTest, ALostCountOfReadyReadersIsRestored) {
     ASSERT_TRUE(another.Open(name, 64));
     EXPECT_EQ(raw.word64(24), 1);
     EXPECT_TRUE(takes(another, ""));
-}
-
-TEST_F(BroadcastTest, ReadersRestoreTheIdOfAWriterThatIsSetUpAnew) {
-    const RawSegment raw(name);
-    EXPECT_TRUE(crosses("first") && crosses("second"));
-    ClockedBroadcast next;
-    ASSERT_TRUE(next.Create(name, 64));
-    EXPECT_EQ(raw.word64(16), 0);
-    EXPECT_TRUE(takes(reader, ""));
-    EXPECT_EQ(raw.word64(16), 2);
-    g_testTime += 100;
-    EXPECT_TRUE(write(next, "third") && takes(reader, "third"));
 }
 
 TEST_F(BroadcastTest, AnInvalidWriteIsRefusedAndLogged) {
@@ -201,7 +181,7 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
     std::atomic<std::uint32_t> sent = 0;
     std::atomic<bool> stop = false;
     auto sender = std::async([&] {
-        while (!stop && write(writer, numberedMessage({1, sent}, sent % 50))) ++sent;
+        while (!stop && write(writer, numberedMessage(1, sent, sent % 50))) ++sent;
         return stop.load();
     });
     std::deque<ReadyChild> visitors;
@@ -213,7 +193,7 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
     int kills = kSanitized ? 1 : 3;
     for (unsigned i = 0; sent < count && !HasFailure(); ++i) {
         const std::string stay = std::to_string(20 + i * 37 % 100);
-        visitors.emplace_back("segmentListener", std::vector<std::string>{name, "64", "-1", stay});
+        visitors.emplace_back("segmentListener", Texts{name, "64", "-1", stay});
         if (i % 4 == 1 && kills-- > 0) visitors.back().kill();
         if (visitors.size() > 2) seeOff();
     }

@@ -58,7 +58,7 @@ TEST_F(RWControllerAcrossProcesses, AfterAShutdownTheNextSegmentStartsTheChecksA
     EXPECT_TRUE(controller->canRead());
     EXPECT_TRUE(writes());
 
-    const auto next = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    const auto next = broadcast();
     ASSERT_TRUE(next->Create(uniqueName(), 64));
     EXPECT_TRUE(comesTo([&] { return !controller->canRead() && !controller->canWrite(); }));
     EXPECT_FALSE(write(*next, "x"));

@@ -1,7 +1,3 @@
-#include <limits>
-#include <random>
-#include <type_traits>
-
 #include "MultipleWritersOneReaderSM.h"
 #include "NamedCondition.h"
 #include "SegmentSupport.h"
@@ -72,7 +68,7 @@ TYPED_TEST(GarbageTest, TheNextWellFormedMessageGetsThrough) {
     std::uint32_t number = 0;
     forEachGarbage(raw, [&] {
         written.notify();
-        const std::string message = numberedMessage({1, number++}, 40);
+        const std::string message = numberedMessage(1, number++, 40);
         bool arrived = false;
         for (auto wait = waits.begin(); wait != waits.end() && !arrived; ++wait) {
             ASSERT_TRUE(eventually([&] { return write(writer, message); }));
@@ -107,7 +103,7 @@ TEST(Garbage, AnythingMayChangeWhileItIsRead) {
         const auto scribbling = std::async(scribble, name);
         ASSERT_TRUE(disturbed.Create(name, kCapacity));
         while (scribbling.wait_for(milliseconds(0)) != std::future_status::ready)
-            write(disturbed, numberedMessage({1, 1}, 300));
+            write(disturbed, numberedMessage(1, 1, 300));
     }
     EXPECT_LT(memory.growth(), 128 * 1024);
 

@@ -4,59 +4,50 @@
 
 namespace {
 
-using shared_memory::ChunkHeader;
-using shared_memory::MessageAssembler;
-using testsupport::kSanitized;
+using namespace segmenttest;
 using Outcome = MessageAssembler::Outcome;
 constexpr std::uint32_t kCapacity = 8;
 constexpr char kSlot[] = "abcdefgh";
 
-TEST(MessageAssemblerTest, JoinsChunksInOrderAndStartsOverAtAFirstChunk) {
-    MessageAssembler assembler;
-    EXPECT_EQ(assembler.add({2, 1, 16, 8}, kSlot, kCapacity), Outcome::Incomplete);
-    EXPECT_EQ(assembler.add({3, 1, 20, 8}, kSlot, kCapacity), Outcome::Incomplete);
-    EXPECT_EQ(assembler.add({3, 2, 20, 8}, kSlot, kCapacity), Outcome::Incomplete);
-    EXPECT_TRUE(assembler.inProgress());
-    EXPECT_EQ(assembler.add({3, 3, 20, 4}, kSlot, kCapacity), Outcome::Complete);
-    EXPECT_EQ(assembler.take(), "abcdefghabcdefghabcd");
-    EXPECT_FALSE(assembler.inProgress());
-}
+struct Step {
+    ChunkHeader chunk;
+    Outcome outcome;
+};
 
-TEST(MessageAssemblerTest, AChunkThatDoesNotFollowIsAStray) {
-    const std::vector<ChunkHeader> strays = {{3, 3, 20, 4},   // one is missing
-                                             {3, 0, 20, 8},   // before the first
-                                             {4, 2, 20, 8},   // of another message
-                                             {3, 4, 20, 8}};  // after the last
-    for (const auto& stray : strays) {
-        MessageAssembler assembler;
-        ASSERT_EQ(assembler.add({3, 1, 20, 8}, kSlot, kCapacity), Outcome::Incomplete);
-        EXPECT_EQ(assembler.add(stray, kSlot, kCapacity), Outcome::Stray) << stray.index;
-        EXPECT_FALSE(assembler.inProgress());
-        EXPECT_EQ(assembler.add({3, 2, 20, 8}, kSlot, kCapacity), Outcome::Stray);
-    }
-}
-
-TEST(MessageAssemblerTest, RefusesInvalidLengths) {
-    const std::vector<ChunkHeader> starts = {
-        {0, 1, 0, 0},            // no chunks at all
-        {1, 1, 9, 8},            // more than its chunks can hold
-        {2, 1, 17, 8},           // the same
-        {3, 1, 2, 1},            // more chunks than bytes
-        {1, 1, 4, 5},            // a chunk longer than its message
-        {2, 1, 16, 9},           // a chunk longer than the slot
-        {1, 1, 5, 4},            // a last chunk that leaves the message short
-        {1, 1, 0xffffffffU, 8},  // and extremes
-        {0xffffffffU, 1, 8, 8}, {2, 1, 16, 0xffffffffU},
+TEST(MessageAssemblerTest, JoinsChunksInOrderAndStartsOverAtAFirstChunkAndRefusesOthers) {
+    constexpr Step kFirst{{3, 1, 20, 8}, Outcome::Incomplete};
+    constexpr Step kSecond{{3, 2, 20, 8}, Outcome::Incomplete};
+    const std::vector<Step> cases[] = {
+        {{{2, 1, 16, 8}, Outcome::Incomplete}, kFirst, kSecond, {{3, 3, 20, 4}, Outcome::Complete}},
+        // What does not follow: one is missing, before the first, of another message, after the
+        // last.
+        {kFirst, {{3, 3, 20, 4}, Outcome::Stray}, {{3, 2, 20, 8}, Outcome::Stray}},
+        {kFirst, {{3, 0, 20, 8}, Outcome::Stray}, {{3, 2, 20, 8}, Outcome::Stray}},
+        {kFirst, {{4, 2, 20, 8}, Outcome::Stray}, {{3, 2, 20, 8}, Outcome::Stray}},
+        {kFirst, {{3, 4, 20, 8}, Outcome::Stray}, {{3, 2, 20, 8}, Outcome::Stray}},
+        // Invalid lengths.
+        {{{0, 1, 0, 0}, Outcome::BadLength}},   // no chunks at all
+        {{{1, 1, 9, 8}, Outcome::BadLength}},   // more than its chunks can hold
+        {{{2, 1, 17, 8}, Outcome::BadLength}},  // the same
+        {{{3, 1, 2, 1}, Outcome::BadLength}},   // more chunks than bytes
+        {{{1, 1, 4, 5}, Outcome::BadLength}},   // a chunk longer than its message
+        {{{2, 1, 16, 9}, Outcome::BadLength}},  // a chunk longer than the slot
+        {{{1, 1, 5, 4}, Outcome::BadLength}},   // a last chunk that leaves the message short
+        {{{2, 1, 10, 8}, Outcome::Incomplete}, {{2, 2, 10, 3}, Outcome::BadLength}},
+        {{{1, 1, 0xffffffffU, 8}, Outcome::BadLength}},  // and extremes
+        {{{0xffffffffU, 1, 8, 8}, Outcome::BadLength}},
+        {{{2, 1, 16, 0xffffffffU}, Outcome::BadLength}},
     };
-    for (const auto& start : starts) {
+    for (const auto& steps : cases) {
         MessageAssembler assembler;
-        EXPECT_EQ(assembler.add(start, kSlot, kCapacity), Outcome::BadLength)
-            << start.count << ' ' << start.total << ' ' << start.length;
-        EXPECT_FALSE(assembler.inProgress());
+        for (const auto& [chunk, outcome] : steps) {
+            EXPECT_EQ(assembler.add(chunk, kSlot, kCapacity), outcome)
+                << chunk.count << ' ' << chunk.index << ' ' << chunk.total << ' ' << chunk.length;
+            EXPECT_EQ(assembler.inProgress(), outcome == Outcome::Incomplete);
+        }
+        EXPECT_EQ(assembler.take(),
+                  steps.back().outcome == Outcome::Complete ? "abcdefghabcdefghabcd" : "");
     }
-    MessageAssembler assembler;
-    ASSERT_EQ(assembler.add({2, 1, 10, 8}, kSlot, kCapacity), Outcome::Incomplete);
-    EXPECT_EQ(assembler.add({2, 2, 10, 3}, kSlot, kCapacity), Outcome::BadLength);
 }
 
 TEST(MessageAssemblerTest, ARetractedChunkLeavesWhatWasThereBefore) {
@@ -75,7 +66,7 @@ TEST(MessageAssemblerTest, ARetractedChunkLeavesWhatWasThereBefore) {
 TEST(MessageAssemblerTest, ABrokenMessageReleasesItsMemoryAndATooLongOneIsRefused) {
     constexpr std::uint32_t kChunk = 1 << 20;
     const std::string slot(kChunk, 'x');
-    const segmenttest::PeakMemory memory;
+    const PeakMemory memory;
     MessageAssembler assemblers[3];
     for (auto& assembler : assemblers) {
         for (std::uint32_t i = 1; i < 60; ++i)
@@ -92,7 +83,7 @@ TEST(MessageAssemblerTest, ABrokenMessageReleasesItsMemoryAndATooLongOneIsRefuse
 
 TEST(MessageAssemblerTest, AnAnnouncedTotalTakesNoMemoryBeforeItArrives) {
     const std::string slot(65536, 'x');
-    const segmenttest::PeakMemory memory;
+    const PeakMemory memory;
     for (int i = 0; i < 50; ++i) {
         MessageAssembler assembler;
         EXPECT_EQ(assembler.add({65536, 1, MessageAssembler::kLongest, 65536}, slot.data(), 65536),

@@ -71,7 +71,7 @@ TEST_F(MultipleWritersTest, ALongMessageStillBeingReceivedKeepsItsLock) {
     Clocked<SharedMemoryMacosx> slow;
     ASSERT_TRUE(slow.Create(name, 64));
     ASSERT_TRUE(first.LockWrite(0));
-    auto written = std::async([&] { return write(slow, numberedMessage({1, 1}, 100)); });
+    auto written = std::async([&] { return write(slow, numberedMessage(1, 1, 100)); });
     g_testTime += 1990;
     ASSERT_TRUE(eventually([&] { return raw.word64(16) > 0; }));
     EXPECT_EQ(read(reader, 5000).size(), 100U);

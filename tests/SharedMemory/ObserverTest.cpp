@@ -1,5 +1,4 @@
 #include "SegmentSupport.h"
-#include "Threads.h"
 
 namespace {
 
@@ -31,7 +30,7 @@ TEST_F(ObserverTest, EveryObserverGetsItsOwnCopyOnce) {
     Collector& first = observe();
     Collector& second = observe();
     reader->subscribeObserver(&first);
-    const std::vector<std::string> sent{std::string(200, 'm'), "second"};
+    const Texts sent{std::string(200, 'm'), "second"};
     for (const auto& message : sent) ASSERT_TRUE(write(*writer, message));
     for (const auto* each : {&first, &second}) {
         ASSERT_TRUE(each->waitForCount(2));

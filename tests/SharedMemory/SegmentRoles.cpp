@@ -23,7 +23,7 @@ CHILD_ROLE(segmentSource) {
     if (count != 0) hear();
     for (std::uint32_t i = 0; count == 0 || i < count; ++i) {
         const std::size_t longest = args[0] == "1" ? capacity : 3 * capacity;
-        const auto message = numberedMessage({number(args[3]), i}, lengthOf(i, longest));
+        const auto message = numberedMessage(number(args[3]), i, lengthOf(i, longest));
         if (!write(*out, message)) return 2;
     }
     return 0;
@@ -54,7 +54,7 @@ CHILD_ROLE(segmentLockHolder) {
 // name, capacity, last, count: reads a broadcast up to message number `last`, or `count` messages.
 // Each must directly follow the previous one.
 CHILD_ROLE(segmentListener) {
-    const auto in = getSharedMemoryInstance(ESharedMemoryType::Broadcast);
+    const auto in = broadcast();
     if (!in->Open(args[0], number(args[1]))) return 1;
     say("ready");
     std::optional<Numbered> id;

@@ -1,29 +1,10 @@
 // Shared by the segment tests.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <cstdint>
-#include <deque>
-#include <functional>
-#include <future>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include "Eventually.h"
-#include "LogCapture.h"
-#include "ReadyChild.h"
-#include "Rounds.h"
+#include "MappedObject.h"
+#include "Numbered.h"
 #include "SharedMemoryFactory.h"
 #include "SharedMemoryMacosx.h"
 
@@ -31,21 +12,21 @@ namespace segmenttest {
 
 using namespace shared_memory;
 using namespace testsupport;
-using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 // A segment name that is unique in this run.
-std::string uniqueName();
+inline std::string uniqueName() {
+    static std::atomic<int> next{0};
+    return "segment" + std::to_string(getpid()) + "_" + std::to_string(next++);
+}
 
-// A message that contains its number, with every byte depending on it.
-struct Numbered {
-    std::uint32_t source;
-    std::uint32_t number;
-};
-inline constexpr std::size_t kShortestNumbered = 12;
-std::string numberedMessage(Numbered id, std::size_t length);
-// Empty if any byte differs from what numberedMessage wrote.
-std::optional<Numbered> readNumbered(const std::string& message);
+// The shared-memory object of a segment, and its path in the system.
+inline std::string objectOf(const std::string& name) {
+    return std::to_string(geteuid()) + "DEFVDI_" + name;
+}
+inline std::string pathOf(const std::string& name) {
+    return "/dev/shm" + VDIFrameworkCommon::sharedMemoryObjectName(objectOf(name));
+}
 
 inline bool write(SharedMemoryI& segment, const std::string& message) {
     return segment.WriteData(message.data(), static_cast<unsigned int>(message.size()));
@@ -63,6 +44,9 @@ inline bool crosses(SharedMemoryI& from, SharedMemoryI& to, const std::string& m
 
 inline std::shared_ptr<SharedMemoryI> plain() {
     return getSharedMemoryInstance(ESharedMemoryType::Plain);
+}
+inline std::shared_ptr<SharedMemoryI> broadcast() {
+    return getSharedMemoryInstance(ESharedMemoryType::Broadcast);
 }
 
 // A plain segment with both ends in this process.
@@ -125,7 +109,7 @@ public:
         std::lock_guard lock(m_mutex);
         m_messages.push_back(std::move(message));
     }
-    std::vector<std::string> messages() const {
+    Texts messages() const {
         std::lock_guard lock(m_mutex);
         return m_messages;
     }
@@ -140,35 +124,29 @@ public:
 private:
     const Action m_action;
     mutable std::mutex m_mutex;
-    std::vector<std::string> m_messages;
+    Texts m_messages;
 };
 
 // A segment's shared-memory object as another program would map it.
-class RawSegment {
+class RawSegment : public MappedObject {
 public:
-    explicit RawSegment(const std::string& name);
-    ~RawSegment();
-    RawSegment(const RawSegment&) = delete;
-    RawSegment& operator=(const RawSegment&) = delete;
+    explicit RawSegment(const std::string& name) : MappedObject(objectOf(name)) {}
 
-    std::size_t size() const { return m_size; }
-    std::int64_t word64(std::size_t offset) const { return value<std::int64_t>(offset); }
-    std::uint32_t word32(std::size_t offset) const { return value<std::uint32_t>(offset); }
+    std::int64_t word64(std::size_t offset) const { return at<std::int64_t>(offset); }
+    std::uint32_t word32(std::size_t offset) const { return at<std::uint32_t>(offset); }
     std::string bytes(std::size_t offset, std::size_t length) const {
-        return {m_bytes + offset, length};
+        return {data() + offset, length};
     }
     template <class T>
     void put(std::size_t offset, T value) {
-        reinterpret_cast<std::atomic<T>*>(m_bytes + offset)->store(value);
+        at<T>(offset) = value;
     }
 
 private:
     template <class T>
-    T value(std::size_t offset) const {
-        return reinterpret_cast<const std::atomic<T>*>(m_bytes + offset)->load();
+    std::atomic<T>& at(std::size_t offset) const {
+        return *reinterpret_cast<std::atomic<T>*>(data() + offset);
     }
-    std::size_t m_size = 0;
-    char* m_bytes = nullptr;
 };
 
 template <class Segment, unsigned int (*kTime)()>

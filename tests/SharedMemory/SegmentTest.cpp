@@ -1,11 +1,4 @@
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <array>
-
-#include "Descriptor.h"
 #include "NamedCondition.h"
-#include "PosixSharedMemory.h"
 #include "SegmentSupport.h"
 #include "VDIClientInfo.h"
 
@@ -46,7 +39,7 @@ TEST_F(SegmentTest, MessagesOfEveryLengthCross) {
     ASSERT_TRUE(reader->Open(name, kCapacity) && writer->Create(name, kCapacity));
     for (const std::size_t length :
          {1U, kCapacity - 1, kCapacity, kCapacity + 1, 10 * kCapacity + 7, 32U << 20U}) {
-        const std::string message = numberedMessage({1, 1}, length).substr(0, length);
+        const std::string message = numberedMessage(1, 1, length).substr(0, length);
         auto written = std::async([&] { return write(*writer, message); });
         ASSERT_TRUE(read(*reader) == message) << length;
         EXPECT_TRUE(written.get());
@@ -81,16 +74,14 @@ TEST_F(SegmentTest, TheObjectIsNamedByUserClientTypeAndSegment) {
         VDIFrameworkCommon::VDIClientInfo::getInstance().setClientType(type);
         const auto segment = plain();
         ASSERT_TRUE(segment->Create(name, 10));
-        const support::Descriptor object(VDIFrameworkCommon::shm_open_mac(
-            std::to_string(geteuid()) + prefix + name, O_RDONLY, 0));
-        EXPECT_TRUE(object) << prefix;
+        EXPECT_NO_THROW(MappedObject(std::to_string(geteuid()) + prefix + name)) << prefix;
     }
 }
 
 TEST_F(SegmentTest, TheStepsOfOpeningAreLoggedInOrder) {
     LogCapture log;
     ASSERT_TRUE(reader->Open(name, 10));
-    const std::vector<std::string> steps = {
+    const Texts steps = {
         "CreateMutex for shared memory start Suceded, stream: " + name,
         "Create condition for reading shared memory start succeed, stream: " + name,
         "Create condition for writing shared memory start succeed, stream: " + name,
@@ -177,11 +168,8 @@ TEST_F(SegmentTest, AWriterWithoutAReaderWaitsTwoSecondsAndThenWrites) {
 // Puts the first chunk of an unfinished message into the slot.
 void beginMessage(const std::string& name) {
     RawSegment raw(name);
-    std::size_t offset = 32;
-    for (const std::uint32_t field : {2U, 1U, 8U, 4U}) {
-        raw.put<std::uint32_t>(offset, field);
-        offset += 4;
-    }
+    const std::uint32_t fields[] = {2, 1, 8, 4};
+    for (std::size_t i = 0; i < 4; ++i) raw.put(32 + 4 * i, fields[i]);
     raw.put<long>(16, raw.word64(16) + 1);
 }
 

@@ -1,7 +1,5 @@
 // One end of a segment when the other misbehaves or is gone.
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "AllocationFailure.h"
 #include "MultipleWritersOneReaderSM.h"
@@ -12,11 +10,6 @@
 namespace {
 
 using namespace segmenttest;
-
-std::string objectPath(const std::string& name) {
-    const std::string object = std::to_string(geteuid()) + "DEFVDI_" + name;
-    return "/dev/shm" + VDIFrameworkCommon::sharedMemoryObjectName(object);
-}
 
 class SlotTest : public testing::Test {
 protected:
@@ -108,8 +101,12 @@ TEST_F(SlotTest, AReaderThatOpensWhileTheWriterRestartsDoesNotTakeAnOldMessage) 
     ASSERT_TRUE(listener.Open(name, 16) && writers[0].Create(name, 16));
     ASSERT_TRUE(crosses(writers[0], listener, "old"));
     ASSERT_TRUE(writers[1].Create(name, 16) && late.Open(name, 16));
-    EXPECT_EQ(read(listener), "");  // which restores the ID
+    const RawSegment raw(name);
+    EXPECT_EQ(raw.word64(16), 0);
+    EXPECT_EQ(read(listener), "");
+    EXPECT_EQ(raw.word64(16), 1) << "the reader restores the ID";
     EXPECT_EQ(read(late), "");
+    EXPECT_TRUE(crosses(writers[1], listener, "next") && read(late) == "next");
     // A message written before any reader has restored the ID is new to all readers.
     ASSERT_TRUE(writers[2].Create(name, 16));
     EXPECT_TRUE(crosses(writers[2], listener, "new"));
@@ -117,7 +114,7 @@ TEST_F(SlotTest, AReaderThatOpensWhileTheWriterRestartsDoesNotTakeAnOldMessage) 
 }
 
 TEST_F(SlotTest, ARemovedOrTruncatedObjectIsMadeAnewByBothEnds) {
-    const std::string path = objectPath(name);
+    const std::string path = pathOf(name);
     Collector collector;
     const auto in = plain();
     const auto out = plain();
@@ -146,20 +143,20 @@ TEST(SlotAcrossProcesses, IdleReadersAndAClosingWriterSurviveThatTheirObjectIsCu
     ReadyChild sink("segmentSink", {names[0], "64"});
     ReadyChild listener("segmentListener", {names[1], "64", "7", "1"});
     for (const std::string& name : names) {
-        ASSERT_EQ(truncate(objectPath(name).c_str(), 0), 0);
-        struct stat status {};
+        ASSERT_EQ(truncate(pathOf(name).c_str(), 0), 0);
+        std::error_code missing;
         ASSERT_TRUE(eventually([&] {
-            return stat(objectPath(name).c_str(), &status) == 0 && status.st_size > 0;
-        })) << "the reader did not make it anew: "
-            << name;
+            const auto size = fs::file_size(pathOf(name), missing);
+            return !missing && size > 0;
+        })) << "the reader did not make it anew";
     }
-    const std::string message = numberedMessage({1, 7}, 64);
+    const std::string message = numberedMessage(1, 7, 64);
     EXPECT_TRUE(write(*out, message) && write(broadcast, message));
     EXPECT_EQ(sink.readLine(), "good");
     EXPECT_EQ(listener.readLine(), "7");
     sink.kill();
     sink.wait();
-    ASSERT_EQ(truncate(objectPath(names[0]).c_str(), 0), 0);
+    ASSERT_EQ(truncate(pathOf(names[0]).c_str(), 0), 0);
     EXPECT_TRUE(out->Close());
 }
 

@@ -1,16 +1,10 @@
 #include "AgentView.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-#include <vector>
+#include "TestSupport.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace testsupport;
 using namespace NorvoStreamClient;
-using Texts = std::vector<std::string>;
 
 class AgentViewTest : public testing::Test {
 protected:
@@ -29,7 +23,7 @@ protected:
         const auto texts = sendDue();
         return std::find(texts.begin(), texts.end(), request) != texts.end();
     }
-    AgentView::Heard hear(const std::string& name, std::vector<std::string> fields = {}) {
+    AgentView::Heard hear(const std::string& name, Texts fields = {}) {
         return view.hear({name, std::move(fields)}, now);
     }
     void meetAgent() {

@@ -1,17 +1,10 @@
 // The C interface; ClientTest covers the client beneath it.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cerrno>
-#include <string>
-#include <thread>
-
-#include "Eventually.h"
 #include "FakeAgent.h"
 #include "NorvoStreamClientC.h"
 
 namespace {
 
+using namespace testsupport;
 constexpr char kName[] = "ClientCTest";
 constexpr int kLong = 20000;
 
@@ -36,8 +29,7 @@ protected:
     FakeAgent agent{kName};
     norvo_client* client = norvo_client_open(kName);
     norvo_stream* stream = nullptr;
-    const std::shared_ptr<shared_memory::SharedMemoryI> end =
-        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
+    const std::shared_ptr<shared_memory::SharedMemoryI> end = segmenttest::plain();
     char buffer[100] = {};
     size_t length = 0;
 };
@@ -87,11 +79,10 @@ TEST_F(ClientCTest, TellsOfTheAgentAndOfEachCodeInWords) {
         kName,
         [](int connected, void* context) { *static_cast<std::atomic<int>*>(context) = connected; },
         &told);
-    EXPECT_TRUE(testsupport::eventually([&] { return told == 1; }));
+    EXPECT_TRUE(eventually([&] { return told == 1; }));
     EXPECT_EQ(norvo_client_status(watching), NORVO_OK);
     EXPECT_EQ(norvo_client_is_listening(watching), 1);
-    EXPECT_TRUE(
-        testsupport::eventually([&] { return norvo_client_agent_process_id(watching) == 1; }));
+    EXPECT_TRUE(eventually([&] { return norvo_client_agent_process_id(watching) == 1; }));
     norvo_client_close(watching);
     EXPECT_STREQ(norvo_error_text(NORVO_NO_AGENT), "no agent answers in this session");
     EXPECT_STREQ(norvo_error_text(NORVO_ERRNO + EACCES), "the system refused: Permission denied");

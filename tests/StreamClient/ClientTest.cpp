@@ -1,20 +1,11 @@
 // A client with an agent whose INFO side is real and whose streams the test plays.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <future>
-#include <thread>
-
-#include "ChildProcess.h"
-#include "Eventually.h"
 #include "FakeAgent.h"
 #include "NorvoStreamClient.h"
 #include "PosixSharedMemory.h"
-#include "Rounds.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace testsupport;
 using namespace NorvoStreamClient;
 
 constexpr char kName[] = "ClientTest";
@@ -28,8 +19,7 @@ protected:
         return plain;
     }
     static Reason reasonOf(const OpenedStream& opened) { return opened.status().reason(); }
-    const std::shared_ptr<shared_memory::SharedMemoryI> agentsEnd =
-        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
+    const std::shared_ptr<shared_memory::SharedMemoryI> agentsEnd = segmenttest::plain();
 };
 
 TEST_F(ClientTest, AWriteGivesUpInTimeBeforeTheStreamIsUpAndWhenNobodyReads) {
@@ -43,9 +33,9 @@ TEST_F(ClientTest, AWriteGivesUpInTimeBeforeTheStreamIsUpAndWhenNobodyReads) {
     ASSERT_TRUE(stream->waitUntilUp(kLong));
     EXPECT_TRUE(stream->write("fills it", 8, kLong));
     EXPECT_EQ(stream->flush(1ms).reason(), Reason::Timeout);
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = Clock::now();
     EXPECT_EQ(stream->write("no room", 7, 50ms).reason(), Reason::Timeout);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
+    EXPECT_LT(Clock::now() - start, 1500ms);
     unsigned int length = 0;
     EXPECT_EQ(agentsEnd->ReadData(length, 1000), "fills it");
     EXPECT_TRUE(stream->flush(kLong));
@@ -90,8 +80,7 @@ TEST_F(ClientTest, HearsTheAgentOnceItsSegmentCanBeSetUp) {
     useCrewsSegments();
     auto late = options();
     late.clientName = "CTLate";
-    const auto taken =
-        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
+    const auto taken = segmenttest::broadcast();
     ASSERT_TRUE(taken->Create("CTLate_Info_VC2STREAM", 10));
     const bool grow = VDIFrameworkCommon::setExistingObjectsGrow(false);
     Client client(late);
@@ -100,7 +89,7 @@ TEST_F(ClientTest, HearsTheAgentOnceItsSegmentCanBeSetUp) {
     taken->Close();
     FakeAgent agent("CTLate");
     EXPECT_TRUE(client.waitUntilConnected(kLong));
-    EXPECT_TRUE(testsupport::eventually([&] { return client.isListening(); }));
+    EXPECT_TRUE(eventually([&] { return client.isListening(); }));
 }
 
 TEST_F(ClientTest, ASlowCallbackHoldsUpNobodyAndIsToldOfTheLastChangeOfTheConnection) {
@@ -119,12 +108,12 @@ TEST_F(ClientTest, ASlowCallbackHoldsUpNobodyAndIsToldOfTheLastChangeOfTheConnec
     Client client(watching);
     ASSERT_TRUE(client.waitUntilConnected(kLong));
     for (int i = 0; i < 71; ++i) agent.notify({i % 2 == 0 ? "ChannelDown" : "ChannelUp"});
-    ASSERT_TRUE(testsupport::eventually([&] { return !client.isConnected(); }));
-    for (int i = 0; i < testsupport::rounds(1100); ++i) agent.notify({"SessionUp"});
+    ASSERT_TRUE(eventually([&] { return !client.isConnected(); }));
+    for (int i = 0; i < rounds(1100); ++i) agent.notify({"SessionUp"});
     EXPECT_TRUE(client.request("FlushLog", {}, kLong));
     EXPECT_EQ(told, 0);
     release.set_value();
-    EXPECT_TRUE(testsupport::eventually([&] { return told >= 5 && !connected; }));
+    EXPECT_TRUE(eventually([&] { return told >= 5 && !connected; }));
     client.close();
     EXPECT_FALSE(connected);
 }
@@ -166,7 +155,7 @@ TEST_F(ClientTest, SaysWhatAStreamLacks) {
     EXPECT_EQ(client.waitUntilConnected(0ms).reason(), Reason::NoAgent);
     {
         FakeAgent apart(kName, 1, false);
-        ASSERT_TRUE(testsupport::eventually([&] { return client.agentProcessId() == 1; }));
+        ASSERT_TRUE(eventually([&] { return client.agentProcessId() == 1; }));
         EXPECT_EQ(stream->waitUntilUp(0ms).reason(), Reason::NotConnected);
     }
     FakeAgent agent(kName, static_cast<unsigned int>(getpid()));
@@ -191,7 +180,7 @@ TEST_F(ClientTest, AFlushFailsWhenTheAgentWasReplacedSinceTheWrite) {
     ASSERT_TRUE(agentsEnd->Open("CTReplaced", 10)) << "which drops what waits in it";
     second.raise("CTReplaced", "WRITE");
     second.notify({"VCProcessId", std::to_string(getppid()), "1"});
-    ASSERT_TRUE(testsupport::eventually(
+    ASSERT_TRUE(eventually(
         [&] { return client.agentProcessId() == static_cast<unsigned int>(getppid()); }));
     EXPECT_EQ(stream->flush(kLong).reason(), Reason::PeerGone);
     EXPECT_TRUE(stream->flush(kLong)) << "nothing was written since";
@@ -200,7 +189,7 @@ TEST_F(ClientTest, AFlushFailsWhenTheAgentWasReplacedSinceTheWrite) {
 TEST_F(ClientTest, AForkedChildLeavesAClientToItsParent) {
     auto client = std::make_unique<Client>(options());
     auto stream = client->openStream("CTFork", Direction::Read, 10);
-    EXPECT_TRUE(testsupport::holdsInForkedChild([&] {
+    EXPECT_TRUE(holdsInForkedChild([&] {
         alarm(10);  // in case it hangs
         client.reset();
         stream.reset();

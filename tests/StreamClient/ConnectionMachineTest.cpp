@@ -1,20 +1,10 @@
 // Two machines and a path between them that loses, repeats, reorders and delays frames.
 #include "ConnectionMachine.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
-#include <deque>
-#include <optional>
-#include <random>
-#include <tuple>
-
-#include "Rounds.h"
+#include "TestSupport.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace testsupport;
 using NorvoStreamClient::ConnectionFrame;
 using NorvoStreamClient::ConnectionMachine;
 using NorvoStreamClient::Reason;
@@ -43,14 +33,11 @@ public:
         settings.capacity = kCapacity;
         settings.messages = kMessages;
         End& end = m_ends[index];
-        end.machine.emplace(index == 0 ? Machine::Role::Connect : Machine::Role::Accept, ++m_epoch,
-                            settings, now);
+        end.onTheWay = std::exchange(end, End()).onTheWay;
+        end.epoch = ++m_epoch;
+        end.machine = std::make_unique<Machine>(
+            index == 0 ? Machine::Role::Connect : Machine::Role::Accept, m_epoch, settings, now);
         end.machine->setPath(m_up, now);
-        end.sent.clear();
-        end.got.clear();
-        end.limitSaid = 0;
-        end.epoch = m_epoch;
-        end.finished = false;
     }
     Machine& machine(std::size_t index) { return *m_ends[index].machine; }
     bool below(int percent) { return static_cast<int>(m_random() % 100) < percent; }
@@ -124,7 +111,7 @@ public:
 
 private:
     struct End {
-        std::optional<Machine> machine;
+        std::unique_ptr<Machine> machine;
         std::string sent;
         std::string got;
         std::deque<std::string> onTheWay;  // to the other end
@@ -165,8 +152,7 @@ private:
 
 TEST(ConnectionMachine, WhatIsWrittenArrivesWholeThroughLossRepetitionDisorderAndCuts) {
     const Trouble troubles[] = {{}, {5, 0, 0}, {30, 0, 0}, {0, 30, 0}, {0, 0, 50}, {10, 10, 20}};
-    for (std::uint64_t seed = 0; seed < static_cast<std::uint64_t>(testsupport::rounds(1500));
-         ++seed) {
+    for (std::uint64_t seed = 0; seed < static_cast<std::uint64_t>(rounds(1500)); ++seed) {
         SCOPED_TRACE(seed);
         World world(seed, troubles[seed % std::size(troubles)]);
         for (int step = 0; step < 700; ++step) {
@@ -183,8 +169,7 @@ TEST(ConnectionMachine, WhatIsWrittenArrivesWholeThroughLossRepetitionDisorderAn
 }
 
 TEST(ConnectionMachine, NothingOfAFormerConnectionIsTakenForThisOne) {
-    for (std::uint64_t seed = 0; seed < static_cast<std::uint64_t>(testsupport::rounds(1000));
-         ++seed) {
+    for (std::uint64_t seed = 0; seed < static_cast<std::uint64_t>(rounds(1000)); ++seed) {
         SCOPED_TRACE(seed);
         World world(seed, {static_cast<int>(seed % 3) * 5, static_cast<int>(seed % 5) * 5, 0});
         for (int step = 0; step < 400; ++step) {

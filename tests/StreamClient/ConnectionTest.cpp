@@ -1,21 +1,12 @@
 // Connections and the examples between two real hosts; ConnectionMachineTest covers the protocol.
-#include <gtest/gtest.h>
-
-#include <future>
-#include <thread>
-
-#include "Eventually.h"
 #include "HostPair.h"
 #include "NorvoStreamClient.h"
 #include "NorvoStreamClientC.h"
-#include "Rounds.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace testsupport;
 using namespace NorvoStreamClient;
-using testsupport::HostPair;
-using testsupport::Side;
 
 constexpr auto kLong = 60s;
 
@@ -38,7 +29,7 @@ CHILD_ROLE(mediaToBasic) {
     Client client;
     const auto in = client.openStream("Media", Direction::Read);
     const auto out = client.openStream("Basic", Direction::Write);
-    testsupport::say(in->waitUntilUp(kLong) && out->waitUntilUp(kLong) ? "up" : "down");
+    say(in->waitUntilUp(kLong) && out->waitUntilUp(kLong) ? "up" : "down");
     std::string message;
     while (in->read(message, 1h)) out->write(message.data(), message.size(), kLong);
     return 0;
@@ -64,7 +55,7 @@ TEST(ConnectionAcrossProcesses, EveryByteComesBackThroughTheLossOfTheChannelAndO
     Client client;
     const auto connection = client.connect("Media");
     ASSERT_TRUE(connection->waitUntilOpen(kLong));
-    const std::size_t stage = testsupport::kSanitized ? 2'000'000 : 20'000'000;
+    const std::size_t stage = kSanitized ? 2'000'000 : 20'000'000;
     const std::size_t whole = 4 * stage;
     std::thread writer([&] {
         std::string block(150'000, '\0');
@@ -98,8 +89,8 @@ TEST(ConnectionAcrossProcesses, SaysWhatIsLackingAndWhoIsGone) {
     const auto lonely = client.connect("Generic");
     EXPECT_EQ(lonely->waitUntilOpen(100ms).reason(), Reason::NoAgent);
     HostPair hosts;
-    EXPECT_TRUE(testsupport::eventually(
-        [&] { return lonely->waitUntilOpen(100ms).reason() == Reason::Timeout; }));
+    EXPECT_TRUE(
+        eventually([&] { return lonely->waitUntilOpen(100ms).reason() == Reason::Timeout; }));
     {
         auto echo = hosts.run(Side::Far, "connectionEcho", {"Generic"});
         ASSERT_TRUE(lonely->waitUntilOpen(kLong));

@@ -1,18 +1,9 @@
 // The agent's INFO side, built on segments: receives clients' requests and sends the set answers.
 #pragma once
 
-#include <algorithm>
-#include <memory>
-#include <mutex>
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "Eventually.h"
 #include "InfoSegments.h"
 #include "MessageBuilder.h"
-#include "SharedMemoryFactory.h"
+#include "SegmentSupport.h"
 #include "VDIClientInfo.h"
 
 // Segment names depend on the process's client type: use the agent's.
@@ -69,10 +60,8 @@ public:
 private:
     const unsigned int m_processId;
     const bool m_connected;
-    std::shared_ptr<shared_memory::SharedMemoryI> m_out =
-        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
-    std::shared_ptr<shared_memory::SharedMemoryI> m_in =
-        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
+    std::shared_ptr<shared_memory::SharedMemoryI> m_out = segmenttest::broadcast();
+    std::shared_ptr<shared_memory::SharedMemoryI> m_in = segmenttest::broadcast();
     mutable std::mutex m_mutex;
     std::vector<std::string> m_requests;
     std::set<std::pair<std::string, std::string>> m_up;

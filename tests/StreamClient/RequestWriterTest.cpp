@@ -1,21 +1,12 @@
 #include "RequestWriter.h"
 
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <future>
-#include <thread>
-
-#include "ChildProcess.h"
-#include "Eventually.h"
 #include "FakeAgent.h"
 #include "InfoSegments.h"
-#include "Rounds.h"
 #include "SegmentMapping.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace testsupport;
 using NorvoStreamClient::Clock;
 using NorvoStreamClient::RequestWriter;
 
@@ -39,11 +30,10 @@ CHILD_ROLE(request_sender) {
 // An agent that opens its segment and takes nothing.
 CHILD_ROLE(request_reader) {
     useCrewsSegments();
-    const auto segment =
-        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
+    const auto segment = segmenttest::broadcast();
     if (!segment->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize)) return 1;
-    testsupport::say("ready");
-    testsupport::hear();
+    say("ready");
+    hear();
     return 0;
 }
 
@@ -65,8 +55,7 @@ TEST(RequestWriterTest, IsTakenByTheAgentThatLivesAndByNobodyElse) {
 
 TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     useCrewsSegments();
-    const auto agent =
-        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
+    const auto agent = segmenttest::broadcast();
     ASSERT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
     shared_memory::SegmentMapping slot;
     ASSERT_TRUE(slot.open(kSegment, VDIFrameworkCommon::kInfoSegmentSize, false));
@@ -74,8 +63,7 @@ TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     const long before = slot.header()->newMessageId;
     RequestWriter writer(kSegment);
     auto sent = std::async([&] { return writer.send("after all", Clock::now() + 20s); });
-    ASSERT_TRUE(
-        testsupport::eventually([&] { return slot.header()->newMessageId != before; }, 10s));
+    ASSERT_TRUE(eventually([&] { return slot.header()->newMessageId != before; }, 10s));
     unsigned int length = 0;
     EXPECT_EQ(agent->ReadData(length, 0), "after all");
     EXPECT_TRUE(sent.get());
@@ -88,8 +76,7 @@ TEST(RequestWriterAcrossProcesses, ARequestThatNobodyTakesHoldsUpNoOtherAndArriv
     auto waiting = std::async([&] { return patient.send("patient", Clock::now() + 20s); });
     {
         // Left by an agent that was killed while ready: nobody takes what is placed.
-        testsupport::ChildProcess victim("request_reader");
-        ASSERT_EQ(victim.readLine(), "ready");
+        ReadyChild victim("request_reader");
         victim.kill();
         victim.wait();
     }
@@ -105,22 +92,20 @@ TEST(RequestWriterAcrossProcesses, ARequestThatNobodyTakesHoldsUpNoOtherAndArriv
 
 TEST(RequestWriterAcrossProcesses, EveryRequestArrivesOnceWhileOtherClientsAreKilledAtAnyMoment) {
     FakeAgent agent("RequestTest");
-    const int count = testsupport::rounds(100);
-    std::deque<testsupport::ChildProcess> senders;
-    for (const char* prefix : {"a", "b"})
-        senders.emplace_back("request_sender",
-                             std::vector<std::string>{prefix, std::to_string(count)});
+    const int count = rounds(100);
+    ChildProcess a("request_sender", {"a", std::to_string(count)});
+    ChildProcess b("request_sender", {"b", std::to_string(count)});
     RequestWriter writer(kSegment);
-    const int victims = testsupport::rounds(30);
+    const int victims = rounds(30);
     for (int i = 0; i < victims; ++i) {
-        testsupport::ChildProcess victim("request_sender", {"victim", "1000000"});
+        ChildProcess victim("request_sender", {"victim", "1000000"});
         ASSERT_TRUE(agent.waitFor("victim0", i + 1));
         std::this_thread::sleep_for(std::chrono::microseconds(137 * i));
         victim.kill();
         victim.wait();
         EXPECT_TRUE(writer.send("own" + std::to_string(i), Clock::now() + 10s));
     }
-    for (auto& sender : senders) EXPECT_EQ(sender.wait(), 0);
+    EXPECT_EQ(a.wait() + b.wait(), 0);
     for (const auto& [prefix, sent] : {std::pair{"a", count}, {"b", count}, {"own", victims}}) {
         for (int i = 0; i < sent; ++i) {
             const std::string request = prefix + std::to_string(i);

@@ -1,6 +1,5 @@
 #include "AdaptiveSpin.h"
-
-#include <gtest/gtest.h>
+#include "TestSupport.h"
 
 using namespace std::chrono_literals;
 using VDIFrameworkCommon::AdaptiveSpin;

@@ -1,8 +1,5 @@
 #include "Event.h"
-
-#include <gtest/gtest.h>
-
-#include <thread>
+#include "TestSupport.h"
 
 TEST(Event, AWaitConsumesTheSignalOfAnAutoResetEvent) {
     for (const bool autoReset : {true, false}) {

@@ -10,11 +10,6 @@ namespace {
 class LogFileTest : public testing::Test {
 protected:
     std::string content(const std::string& name) { return contentOf(dir / name); }
-    unsigned int modeOf(const std::string& name) {
-        struct stat status {};
-        EXPECT_EQ(stat((dir / name).c_str(), &status), 0) << name;
-        return status.st_mode & 0777U;
-    }
     const TempDir dir;
     LogFile file{20};
 };
@@ -23,9 +18,9 @@ TEST_F(LogFileTest, MakesItsDirectoryForTheOwnerOnly) {
     ASSERT_TRUE(file.open(dir / "a/b/x.log"));
     file.write("line\n");
     EXPECT_EQ(content("a/b/x.log"), "line\n");
-    EXPECT_EQ(modeOf("a"), 0700U);
-    EXPECT_EQ(modeOf("a/b"), 0700U);
-    EXPECT_EQ(modeOf("a/b/x.log") & 0077U, 0U);
+    for (const char* folder : {"a", "a/b"})
+        EXPECT_EQ(fs::status(dir / folder).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(fs::status(dir / "a/b/x.log").permissions() & ~fs::perms::owner_all, fs::perms::none);
 }
 
 TEST_F(LogFileTest, AppendsAndRollsOverBeforeItsLimitAndKeepsThreeFiles) {

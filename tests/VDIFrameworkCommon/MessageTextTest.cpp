@@ -1,11 +1,7 @@
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <random>
-
 #include "Conversions.h"
 #include "MessageBuilder.h"
 #include "MessageParser.h"
+#include "TestSupport.h"
 
 using namespace VDIFrameworkCommon;
 using Fields = std::vector<std::string>;

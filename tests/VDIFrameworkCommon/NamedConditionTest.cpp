@@ -1,10 +1,5 @@
 #include "NamedCondition.h"
 
-#include <algorithm>
-#include <ctime>
-#include <future>
-#include <utility>
-
 #include "FrameworkSupport.h"
 #include "NamedMutex.h"
 #include "NamedObject.h"
@@ -55,18 +50,18 @@ TEST_P(NamedConditionTest, OnlyAnothersEarlierNotificationSatisfiesAWaitOnce) {
 
 TEST_P(NamedConditionTest, EveryWaitingThreadWakesIncludingThoseOnTheNotifyingHandle) {
     std::atomic<int> waiting{0};
-    std::vector<std::future<bool>> results;
-    for (auto* const condition : {&m_first, &m_second, &m_first, &m_second}) {
-        results.push_back(std::async(std::launch::async, [&waiting, condition] {
-            NamedMutex mutex;
-            return mutex.create("condition mutex") && mutex.lock() && ++waiting > 0 &&
-                   condition->timed_wait(mutex, kLong) && mutex.unlock();
-        }));
-    }
-    // A thread that has been counted releases the mutex only inside its wait.
-    EXPECT_TRUE(eventually([&] { return waiting == 4 && m_mutex.lock() && m_mutex.unlock(); }));
-    m_second.notify();
-    for (auto& woken : results) EXPECT_TRUE(woken.get());
+    onThreads(5, [&](int number) {
+        NamedMutex mutex;
+        EXPECT_TRUE(mutex.create("condition mutex"));
+        if (number == 4) {
+            // A thread that has been counted releases the mutex only inside its wait.
+            EXPECT_TRUE(eventually([&] { return waiting == 4 && mutex.lock() && mutex.unlock(); }));
+            return m_second.notify();
+        }
+        auto& condition = number % 2 == 0 ? m_first : m_second;
+        EXPECT_TRUE(mutex.lock() && ++waiting > 0 && condition.timed_wait(mutex, kLong) &&
+                    mutex.unlock());
+    });
 }
 
 TEST_P(NamedConditionTest, ANewHandleCountsOnlyWhatAHandleThatStillExistsNotified) {

@@ -1,6 +1,3 @@
-#include <cerrno>
-#include <functional>
-
 #include "FileDescriptor.h"
 #include "FrameworkSupport.h"
 #include "Namespace.h"
@@ -83,24 +80,18 @@ TEST_F(PosixSharedMemoryTest, GrowsToWhatTheSystemCanHoldAndNeverShrinksAndKeeps
     EXPECT_EQ(ftruncate_mac(-1, 100), -1);
 }
 
-using Obstacle = std::function<bool(const char* path)>;
-std::vector<Obstacle> obstacles() {
-    const auto makeFile = [](const char* path) { return std::ofstream(path).put('x').good(); };
-    std::vector<Obstacle> result{
-        [=](const char* path) { return makeFile(path) && chmod(path, 0620) == 0; },
-        [](const char* path) { return mkfifo(path, 0600) == 0; },
-        [](const char* path) { return symlink("/etc/passwd", path) == 0; },
-        [](const char* path) { return mkdir(path, 0700) == 0; }};
-    if (geteuid() == 0) {
-        result.push_back(
-            [=](const char* path) { return makeFile(path) && !chown(path, 65534, 0); });
-    }
-    return result;
-}
-
 TEST_F(PosixSharedMemoryTest, WhatIsNotThisUsersAloneIsPassedOverAlikeWheneverOneComes) {
+    const auto makeFile = [](const char* at) { return std::ofstream(at).put('x').good(); };
+    const std::function<bool(const char* at)> obstacles[] = {
+        [=](auto at) { return makeFile(at) && chmod(at, 0620) == 0; },
+        [=](auto at) {
+            return makeFile(at) && (geteuid() == 0 ? chown(at, 65534, 0) : chmod(at, 0602)) == 0;
+        },
+        [](auto at) { return mkfifo(at, 0600) == 0; },
+        [](auto at) { return symlink("/etc/passwd", at) == 0; },
+        [](auto at) { return mkdir(at, 0700) == 0; }};
     LogCapture log;
-    for (const auto& plant : obstacles()) {
+    for (const auto& plant : obstacles) {
         ASSERT_TRUE(plant(path.c_str()));
         EXPECT_EQ(open(O_RDWR), -1);
         EXPECT_EQ(errno, ENOENT);

@@ -2,9 +2,6 @@
 
 #include <sys/inotify.h>
 
-#include <algorithm>
-#include <csignal>
-
 #include "ApplicationBundle.h"
 #include "FrameworkSupport.h"
 #include "ProcessLaunch.h"

@@ -1,24 +1,12 @@
 // norvo_bench on the command line; the figures themselves are not checked.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include "Eventually.h"
-#include "FileContent.h"
-#include "Subprocess.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 
 namespace {
 
 using namespace testsupport;
 
-support::Subprocess bench(const std::vector<std::string>& arguments) {
-    std::vector<std::string> argv{NORVO_BENCH};
+support::Subprocess bench(const Texts& arguments) {
+    Texts argv{NORVO_BENCH};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return support::Subprocess(argv);
 }
@@ -27,7 +15,7 @@ int sharedObjectsOf(pid_t process) {
     int count = 0;
     for (const char separator : {'.', '-'}) {
         const std::string session = "nvb" + std::to_string(process) + separator;
-        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm"))
+        for (const auto& entry : fs::directory_iterator("/dev/shm"))
             count += entry.path().filename().string().find(session) != std::string::npos;
     }
     return count;
@@ -39,7 +27,7 @@ int livingPeersOf(pid_t process) {
     int count = 0;
     std::error_code gone;
     const std::string session = "NORVO_VDI_NAMESPACE=nvb" + std::to_string(process);
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", gone)) {
+    for (const auto& entry : fs::directory_iterator("/proc", gone)) {
         if (entry.path().filename() == std::to_string(process)) continue;
         count += contentOf(entry.path() / "environ").find(session) != std::string::npos;
     }
@@ -85,7 +73,6 @@ TEST(NorvoBenchAcrossProcesses, WritesFiguresAndVerdicts) {
 }
 
 TEST(NorvoBenchAcrossProcesses, ReportsItsMeasurementsWhenItIsInterrupted) {
-    using namespace std::chrono_literals;
     std::string text;
     for (auto patience = 200ms; text.empty() && patience < 20s; patience *= 2) {
         auto stopped = bench({"--filter=^event/", "--repeat=1000"});  // would take minutes

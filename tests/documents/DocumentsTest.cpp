@@ -1,21 +1,13 @@
 // The documents agree with the programs.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <map>
 #include <regex>
-#include <set>
-#include <sstream>
-
-#include "FileContent.h"
-#include "Subprocess.h"
+#include "TestSupport.h"
 
 namespace {
 
-using testsupport::contentOf;
+using namespace testsupport;
 using Words = std::set<std::string>;
 
-const std::filesystem::path kRoot = NORVO_ROOT;
+const fs::path kRoot = NORVO_ROOT;
 
 std::string outputOf(const std::vector<std::string>& command) {
     support::Subprocess process(command);
@@ -104,15 +96,14 @@ TEST(Documents, ReadmeShowsTheExamplesAsTheyAreCompiled) {
 }
 
 TEST(Documents, LinksLeadToExistingFiles) {
-    std::vector<std::filesystem::path> pages(std::filesystem::directory_iterator(kRoot / "docs"),
-                                             {});
+    std::vector<fs::path> pages(fs::directory_iterator(kRoot / "docs"), {});
     pages.insert(pages.end(), {kRoot / "README.md", kRoot / "CONTRIBUTING.md"});
     std::size_t links = 0;
     for (const auto& page : pages) {
         for (const std::string& link :
              matchesOf(contentOf(page), "\\]\\(([^)#:]+)(?:#[^)]*)?\\)")) {
             ++links;
-            EXPECT_TRUE(std::filesystem::exists(page.parent_path() / link)) << page << link;
+            EXPECT_TRUE(fs::exists(page.parent_path() / link)) << page << link;
         }
     }
     EXPECT_GE(links, 5U);
@@ -123,13 +114,13 @@ TEST(Documents, NameTestsThatThereAre) {
     const auto& all = *testing::UnitTest::GetInstance();
     for (int i = 0; i < all.total_test_suite_count(); ++i) {
         const auto& suite = *all.GetTestSuite(i);
-        const std::string name = std::filesystem::path(suite.name()).filename();
+        const std::string name = fs::path(suite.name()).filename();
         for (int j = 0; j < suite.total_test_count(); ++j) {
             const std::string test = suite.GetTestInfo(j)->name();
             tests.insert(name + '.' + test.substr(0, test.find('/')));
         }
     }
-    for (const auto& file : std::filesystem::directory_iterator(kRoot / "docs")) {
+    for (const auto& file : fs::directory_iterator(kRoot / "docs")) {
         for (const auto& test : matchesOf(contentOf(file.path()), "`([A-Z]\\w+\\.[A-Z][a-z]\\w+)`"))
             EXPECT_TRUE(tests.contains(test)) << file.path().filename() << ": " << test;
     }

@@ -1,42 +1,18 @@
 // Messages between local processes at the two ends of a channel, with real hosts between them.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <csignal>
-#include <deque>
-#include <functional>
-#include <map>
-#include <optional>
-#include <thread>
-
-#include "Eventually.h"
 #include "HostPair.h"
 #include "NorvoStreamClient.h"
-#include "Rounds.h"
+#include "Numbered.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace testsupport;
 using namespace NorvoStreamClient;
-using testsupport::HostPair;
-using testsupport::Side;
 
 constexpr auto kLong = 20s;
-constexpr const char* kUsualStreams[] = {
-    "Basic", "Generic", "GenericUnReliable", "LogCollection", "Media", "StringCipher", "upgrade"};
-
-// Different for every stream and number.
-std::string messageOf(const std::string& stream, std::size_t size, std::size_t number = 0) {
-    std::string text(size, '\0');
-    for (std::size_t i = 0; i < size; ++i)
-        text[i] = static_cast<char>(
-            number + static_cast<unsigned char>(stream[i % stream.size()]) * 31U + (i * i >> 7));
-    return text;
-}
 
 // The named streams, from the near side to the far, and those named NAME.back in return.
 struct Streams {
-    Streams(Client& client, const std::vector<std::string>& names, Side side = Side::Near) {
+    Streams(Client& client, const Texts& names, Side side = Side::Near) {
         const bool isNear = side == Side::Near;
         for (const auto& name : names) {
             out[name] = client.openStream(isNear ? name : name + ".back", Direction::Write);
@@ -64,7 +40,7 @@ CHILD_ROLE(echoStreams) {
             while (in.read(message, 1h)) out.write(message.data(), message.size(), kLong);
         });
     }
-    testsupport::hear();
+    hear();
     client.close();
     for (auto& thread : threads) thread.join();
     return 0;
@@ -77,15 +53,18 @@ TEST_P(EndToEndAcrossProcesses, EveryUsualStreamCarriesMessagesOfAllSizesThereAn
     const bool isFast = GetParam() == std::string("tcp");
     const std::size_t sizes[] = {1, 976, 977, 4992, 65536, 65537, 1 << 20};
     const std::size_t sizesOfAll = isFast ? 7 : 6;
-    const std::size_t messages = isFast ? 7 * static_cast<std::size_t>(testsupport::rounds(10)) : 6;
+    const std::size_t messages = isFast ? 7 * static_cast<std::size_t>(rounds(10)) : 6;
     HostPair hosts(GetParam());
-    const std::vector<std::string> names(std::begin(kUsualStreams), std::end(kUsualStreams));
+    const Texts names{"Basic",        "Generic", "GenericUnReliable", "LogCollection", "Media",
+                      "StringCipher", "upgrade"};
     auto echo = hosts.run(Side::Far, "echoStreams", names);
     Client client;
     const Streams streams(client, names);
     ASSERT_TRUE(streams.areUp());
     const auto message = [&](const std::string& name, std::size_t number) {
-        return messageOf(name, sizes[number % sizesOfAll], number);
+        const std::size_t size = sizes[number % sizesOfAll];
+        const auto source = static_cast<std::uint32_t>(std::hash<std::string>()(name));
+        return numberedMessage(source, static_cast<std::uint32_t>(number), size).substr(0, size);
     };
     std::deque<std::thread> threads;
     for (const auto& name : names) {
@@ -115,7 +94,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, EndToEndAcrossProcesses,
 TEST(HostsAcrossProcesses, StreamsOutliveEveryLossOfAProcessAndOfTheConnection) {
     HostPair hosts;
     const std::string name = "Media";
-    std::optional<testsupport::ChildProcess> echo(hosts.run(Side::Far, "echoStreams", {name}));
+    std::optional<ChildProcess> echo(hosts.run(Side::Far, "echoStreams", {name}));
     Client client;
     std::optional<Streams> streams;
     streams.emplace(client, std::vector{name});
@@ -145,7 +124,7 @@ TEST(HostsAcrossProcesses, StreamsOutliveEveryLossOfAProcessAndOfTheConnection) 
         each.second();
         ASSERT_TRUE(streams->areUp());
         // The far side's streams may come up later than ours: data sent before may be lost.
-        ASSERT_TRUE(testsupport::eventually([&] { return echoOf(loss, 200ms) == loss; }));
+        ASSERT_TRUE(eventually([&] { return echoOf(loss, 200ms) == loss; }));
         for (int i = 0; i < 20; ++i) {
             const std::string text = loss + std::to_string(i);
             std::string answer = echoOf(text, kLong);
@@ -164,18 +143,73 @@ TEST(HostsAcrossProcesses, AHostEndsAtOnceWhileItsStreamsAreInUse) {
     ASSERT_TRUE(streams.areUp());
     std::atomic<bool> ends{false};
     std::thread writer([&] {
-        const std::string text = messageOf("Media", 1 << 20);
+        const std::string text = numberedMessage(1, 1, 1 << 20);
         while (!ends) streams.out.at("Media")->write(text.data(), text.size(), 100ms);
     });
     std::string answer;
     EXPECT_TRUE(streams.in.at("Media")->read(answer, kLong));
     for (const Side side : {Side::Near, Side::Far}) {
-        const auto begun = std::chrono::steady_clock::now();
+        const auto begun = Clock::now();
         hosts.stop(side);
-        EXPECT_LT(testsupport::since(begun), 5s);
+        EXPECT_LT(since(begun), 5s);
     }
     ends = true;
     writer.join();
+}
+
+// Takes messages until the end of its input, then reports how many were good and how many were
+// mixed.
+CHILD_ROLE(judgesMessages) {
+    Client client;
+    const auto stream = client.openStream("Media", Direction::Read);
+    std::atomic<bool> over{false};
+    int good = 0;
+    int corrupt = 0;
+    std::thread reader([&] {
+        std::string message;
+        while (!over)
+            if (stream->read(message, 100ms)) ++(readNumbered(message) ? good : corrupt);
+    });
+    say("ready");
+    hear();
+    over = true;
+    reader.join();
+    say(std::to_string(good) + " good, " + std::to_string(corrupt) + " corrupt");
+    return 0;
+}
+
+TEST(KilledSenderAcrossProcesses, LeavesNoMessageOfTwoHalves) {
+    HostPair hosts("rdp");
+    auto judge = hosts.run(Side::Far, "judgesMessages");
+    ASSERT_EQ(judge.readLine(), "ready");
+    Client client;
+    const auto stream = client.openStream("Media", Direction::Write);
+    std::atomic<bool> over{false};
+    std::atomic<int> written{0};
+    std::thread writer([&] {
+        for (std::uint32_t number = 0; !over; ++number) {
+            const std::string message = numberedMessage(1, number, 256 * 1024);
+            if (stream->write(message.data(), message.size(), 500ms)) ++written;
+        }
+    });
+    const auto threeAreWritten = [&] {
+        const int before = written;
+        return eventually([&] { return written >= before + 3; });
+    };
+    for (int kill = 0; kill < 4; ++kill) {
+        ASSERT_TRUE(threeAreWritten());
+        hosts.kill(Side::Near);
+        hosts.start(Side::Near);
+        ASSERT_TRUE(threeAreWritten());
+        hosts.reconnect();
+    }
+    EXPECT_TRUE(threeAreWritten());
+    over = true;
+    writer.join();
+    judge.closeInput();
+    const std::string verdict = judge.readLine();
+    EXPECT_TRUE(verdict.ends_with(" good, 0 corrupt")) << verdict;
+    EXPECT_FALSE(verdict.starts_with("0 good")) << verdict;
 }
 
 }  // namespace
