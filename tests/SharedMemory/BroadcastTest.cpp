@@ -175,9 +175,6 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
     SharedMemoryBroadcast writer;
     ASSERT_TRUE(reader.Open(name, 64) && writer.Create(name, 64));
     reader.subscribeObserver(&checker);
-    ReadyChild staying("segmentListener",
-                       {name, "64", std::to_string(count - 1), std::to_string(count)});
-
     std::atomic<std::uint32_t> sent = 0;
     std::atomic<bool> stop = false;
     auto sender = std::async([&] {
@@ -193,7 +190,7 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
     int kills = kSanitized ? 1 : 3;
     for (unsigned i = 0; sent < count && !HasFailure(); ++i) {
         const std::string stay = std::to_string(20 + i * 37 % 100);
-        visitors.emplace_back("segmentListener", Texts{name, "64", "-1", stay});
+        visitors.emplace_back("segmentListener", Texts{name, "64", stay});
         if (i % 4 == 1 && kills-- > 0) visitors.back().kill();
         if (visitors.size() > 2) seeOff();
     }
@@ -201,9 +198,6 @@ TEST(BroadcastAcrossProcesses, ReadersThatStaySeeEveryMessageWhileOthersComeAndG
     stop = true;
     EXPECT_TRUE(sender.get()) << "failed after " << sent;
     EXPECT_TRUE(eventually([&] { return checker.count() == sent; }));
-    EXPECT_EQ(staying.readLine(), "0");
-    EXPECT_EQ(staying.readLine(), "left after " + std::to_string(count - 1));
-    EXPECT_EQ(staying.wait(), 0);
 }
 
 }  // namespace

@@ -51,24 +51,22 @@ CHILD_ROLE(segmentLockHolder) {
     return 0;
 }
 
-// name, capacity, last, count: reads a broadcast up to message number `last`, or `count` messages.
-// Each must directly follow the previous one.
+// name, capacity, count: reads that many messages of a broadcast, each of which must directly
+// follow the previous one, and says the number of the last.
 CHILD_ROLE(segmentListener) {
     const auto in = broadcast();
     if (!in->Open(args[0], number(args[1]))) return 1;
     say("ready");
     std::optional<Numbered> id;
-    const unsigned int last = number(args[2]);
-    for (unsigned int left = number(args[3]); left > 0 && (!id || id->number != last); --left) {
+    for (unsigned int left = number(args[2]); left > 0; --left) {
         const auto before = id;
         std::string message;
         if (!eventually([&] { return !(message = read(*in)).empty(); })) return 2;
         id = readNumbered(message);
         if (!id || (before && id->number != before->number + 1)) return 3;
-        if (!before) say(std::to_string(id->number));
     }
     in->Close();
-    say("left after " + std::to_string(id->number));
+    say(std::to_string(id->number));
     return 0;
 }
 

@@ -141,7 +141,7 @@ TEST(SlotAcrossProcesses, IdleReadersAndAClosingWriterSurviveThatTheirObjectIsCu
     SharedMemoryBroadcast broadcast;
     ASSERT_TRUE(out->Create(names[0], 64) && broadcast.Create(names[1], 64));
     ReadyChild sink("segmentSink", {names[0], "64"});
-    ReadyChild listener("segmentListener", {names[1], "64", "7", "1"});
+    ReadyChild listener("segmentListener", {names[1], "64", "1"});
     for (const std::string& name : names) {
         ASSERT_EQ(truncate(pathOf(name).c_str(), 0), 0);
         std::error_code missing;
@@ -166,7 +166,7 @@ TEST(SlotAcrossProcesses, AKilledProcessHoldsNobodyUp) {
     // A broadcast reader that has not taken the last message.
     SharedMemoryBroadcast writer;
     ASSERT_TRUE(writer.Create(name, 64));
-    ReadyChild listener("segmentListener", {name, "64", "-1", "1"});
+    ReadyChild listener("segmentListener", {name, "64", "2"});
     SharedMemoryBroadcast reader;
     ASSERT_TRUE(reader.Open(name, 64));
     ASSERT_EQ(kill(listener.pid(), SIGSTOP), 0);

@@ -217,24 +217,24 @@ TEST_F(ProcessUtilsAcrossProcesses, AProgramWhoseFileWasReplacedIsFoundAndAZombi
 }
 
 CHILD_ROLE(terminatorOfItsOwnName) {
-    if (args.empty()) {
-        sleep(60);
-        return 0;
-    }
+    say("ready");
+    hear();
     ProcessUtils::terminateProcess(fs::read_symlink("/proc/self/exe"));
-    std::ofstream(args[0]) << "done";
+    say("still here");
     return 0;
 }
 
 TEST_F(ProcessUtilsAcrossProcesses, TheCallerIsNeverTerminated) {
     const std::string copy = app.folder() + "/copy";
     fs::copy_file(fs::read_symlink("/proc/self/exe"), copy);
-    ASSERT_TRUE(launchDetached(copy, {"--child-role", "terminatorOfItsOwnName"}));
-    ASSERT_TRUE(ProcessUtils::isProcessRunning(copy));
-    const std::string mark = app.folder() + "/mark";
-    ASSERT_TRUE(launchDetached(copy, {"--child-role", "terminatorOfItsOwnName", mark}));
-    EXPECT_TRUE(eventually([&] { return fs::exists(mark); }));
-    EXPECT_TRUE(eventually([&] { return !ProcessUtils::isProcessRunning(copy); }));
+    const Texts command{copy, "--child-role", "terminatorOfItsOwnName"};
+    support::Subprocess other(command);
+    support::Subprocess caller(command);
+    for (auto* each : {&other, &caller}) ASSERT_EQ(each->readLine(), "ready");
+    EXPECT_TRUE(ProcessUtils::isProcessRunning(copy));
+    caller.closeInput();
+    EXPECT_EQ(caller.readLine(), "still here");
+    EXPECT_EQ(other.wait(), 128 + SIGTERM);
 }
 
 }  // namespace
