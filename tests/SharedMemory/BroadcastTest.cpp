@@ -118,13 +118,21 @@ TEST_F(BroadcastTest, ALateWriteDoesNotOvertakeAReaderInsideItsCopy) {
     reader.UnlockRead();
     EXPECT_TRUE(canWriteNow());
 
-    // The writer stops waiting for readers that died inside, and their count is removed.
-    ASSERT_TRUE(reader.LockRead() && reader.LockRead());
+    // The writer stops waiting for a reader that died inside, and its count is removed.
+    ASSERT_TRUE(reader.LockRead());
     EXPECT_FALSE(canWriteNow());
     g_testTime += 500;
     EXPECT_TRUE(canWriteNow());
     EXPECT_EQ(raw.word64(24), 0);
     reader.UnlockRead();
+    EXPECT_EQ(raw.word64(24), 0);
+
+    // The same with several.
+    ASSERT_TRUE(crosses("two"));
+    ASSERT_TRUE(reader.LockRead() && reader.LockRead());
+    EXPECT_FALSE(canWriteNow());
+    g_testTime += 2001;
+    EXPECT_TRUE(canWriteNow());
     EXPECT_EQ(raw.word64(24), 0);
 }
 
