@@ -1,7 +1,6 @@
 // A client with an agent whose INFO side is real and whose streams the test plays.
 #include "FakeAgent.h"
 #include "NorvoStreamClient.h"
-#include "PosixSharedMemory.h"
 
 namespace {
 
@@ -122,17 +121,13 @@ TEST_F(ClientTest, ClosingEndsEveryWaitAndTheStreamsStayHarmless) {
     auto client = std::make_unique<Client>(options());
     auto in = client->openStream("CTCloseIn", Direction::Read, 10);
     auto out = client->openStream("CTCloseOut", Direction::Write, 10);
+    Notification news;
+    std::string message;
     std::vector<std::thread> waits;
     waits.emplace_back([&] { EXPECT_FALSE(client->waitUntilConnected(100s)); });
     waits.emplace_back([&] { EXPECT_FALSE(client->request("FlushLog", {}, 100s)); });
-    waits.emplace_back([&] {
-        Notification news;
-        EXPECT_FALSE(client->nextNotification(news, 100s));
-    });
-    waits.emplace_back([&] {
-        std::string message;
-        EXPECT_FALSE(in->read(message, 100s));
-    });
+    waits.emplace_back([&] { EXPECT_FALSE(client->nextNotification(news, 100s)); });
+    waits.emplace_back([&] { EXPECT_FALSE(in->read(message, 100s)); });
     waits.emplace_back([&] { EXPECT_FALSE(out->write("x", 1, std::chrono::milliseconds::max())); });
     std::this_thread::sleep_for(20ms);
     client->close();
@@ -140,7 +135,6 @@ TEST_F(ClientTest, ClosingEndsEveryWaitAndTheStreamsStayHarmless) {
     client->close();
     EXPECT_EQ(reasonOf(client->openStream("CTLate", Direction::Read)), Reason::Closed);
     client.reset();
-    std::string message;
     EXPECT_EQ(in->read(message, 100s).reason(), Reason::Closed);
     EXPECT_EQ(out->flush(100s).reason(), Reason::Closed);
     EXPECT_EQ(out->waitUntilUp(100s).reason(), Reason::Closed);

@@ -5,10 +5,9 @@ namespace {
 
 using namespace testsupport;
 
-support::Subprocess bench(const Texts& arguments) {
-    Texts argv{NORVO_BENCH};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    return support::Subprocess(argv);
+support::Subprocess bench(Texts arguments) {
+    arguments.insert(arguments.begin(), NORVO_BENCH);
+    return support::Subprocess(arguments);
 }
 
 int sharedObjectsOf(pid_t process) {
