@@ -35,8 +35,7 @@ TEST_F(RWControllerAcrossProcesses, AnotherActiveAgentStopsReadingAndWritingWith
         return comesTo([&] { return log.count(flag + pair.name) == times; });
     };
     for (const int round : {1, 2}) {
-        ChildProcess other("agent");
-        ASSERT_EQ(other.readLine(), "marked");
+        ReadyChild other("agent");
         EXPECT_TRUE(comesTo([&] { return !writes(); }));
         EXPECT_TRUE(comesToSay("Canread flag turns to false: ", round));
         for (int i = 0; i < 3; ++i) EXPECT_FALSE(writes());
@@ -52,8 +51,7 @@ TEST_F(RWControllerAcrossProcesses, AnotherActiveAgentStopsReadingAndWritingWith
 TEST_F(RWControllerAcrossProcesses, AfterAShutdownTheNextSegmentStartsTheChecksAgain) {
     controller->shutdown();
     controller->shutdown();
-    ChildProcess other("agent");
-    ASSERT_EQ(other.readLine(), "marked");
+    ReadyChild other("agent");
     std::this_thread::sleep_for(milliseconds(600));
     EXPECT_TRUE(controller->canRead());
     EXPECT_TRUE(writes());

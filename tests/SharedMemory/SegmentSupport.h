@@ -60,19 +60,12 @@ struct PlainPair {
     const std::shared_ptr<SharedMemoryI> writer = plain();
 };
 
-// By how much the peak memory use of this process has grown since construction, in KiB.
-class PeakMemory {
-public:
-    long growth() const { return now() - m_before; }
-
-private:
-    static long now() {
-        rusage usage{};
-        getrusage(RUSAGE_SELF, &usage);
-        return usage.ru_maxrss;
-    }
-    const long m_before = now();
-};
+// The peak memory use of this process so far, in KiB.
+inline long peakMemory() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
 
 // Checks that no numbered message of a source is damaged, repeated or missing. The first wrong one
 // fails the test.

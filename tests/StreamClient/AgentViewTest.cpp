@@ -26,15 +26,19 @@ protected:
     AgentView::Heard hear(const std::string& name, Texts fields = {}) {
         return view.hear({name, std::move(fields)}, now);
     }
-    void meetAgent() {
-        sendDue();
-        hear("VCProcessId", {"77", "1"});
-        sendDue();
-    }
 
     AgentView view;
     Clock::time_point now = Clock::now();
     std::optional<bool> lastChange;
+};
+
+class AgentViewOfAnAgentTest : public AgentViewTest {
+protected:
+    AgentViewOfAnAgentTest() {
+        sendDue();
+        hear("VCProcessId", {"77", "1"});
+        sendDue();
+    }
 };
 
 TEST_F(AgentViewTest, AnAgentThatStartsDuringARequestAndMissesItIsFound) {
@@ -59,8 +63,7 @@ TEST_F(AgentViewTest, ProbesForAnAgentBeforeItAsksForStreams) {
     EXPECT_EQ(sendDue(), (Texts{"RequestVCProcessId", "CreateStream|Media|100"}));
 }
 
-TEST_F(AgentViewTest, RepeatsARequestUntilTheStreamIsUpInItsDirection) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest, RepeatsARequestUntilTheStreamIsUpInItsDirection) {
     view.addStream("Media", Direction::Write, 100);
     EXPECT_TRUE(asksFor("OpenStream|Media|100"));
     now += 3s;
@@ -73,8 +76,7 @@ TEST_F(AgentViewTest, RepeatsARequestUntilTheStreamIsUpInItsDirection) {
     EXPECT_FALSE(asksFor("OpenStream|Media|100"));
 }
 
-TEST_F(AgentViewTest, AStreamOpenedAgainDuringItsOldRequestIsAskedForAtOnce) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest, AStreamOpenedAgainDuringItsOldRequestIsAskedForAtOnce) {
     view.addStream("Media", Direction::Write, 100);
     const auto old = view.due(now);
     ASSERT_TRUE(old);
@@ -84,8 +86,7 @@ TEST_F(AgentViewTest, AStreamOpenedAgainDuringItsOldRequestIsAskedForAtOnce) {
     EXPECT_TRUE(asksFor("CreateStream|Media|100"));
 }
 
-TEST_F(AgentViewTest, AsksForAllStreamsEverMoreRarelyWhileOneIsDown) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest, AsksForAllStreamsEverMoreRarelyWhileOneIsDown) {
     view.addStream("Media", Direction::Write, 100);
     int calls = 0;
     for (int i = 0; i < 290; ++i) {
@@ -96,8 +97,8 @@ TEST_F(AgentViewTest, AsksForAllStreamsEverMoreRarelyWhileOneIsDown) {
     EXPECT_LE(calls, 9);
 }
 
-TEST_F(AgentViewTest, ALostConnectionOrANewAgentTakesTheStreamsDownAndTheyAreAskedForAgain) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest,
+       ALostConnectionOrANewAgentTakesTheStreamsDownAndTheyAreAskedForAgain) {
     view.addStream("Media", Direction::Write, 100);
     EXPECT_EQ(sendDue(), (Texts{"OpenStream|Media|100", "RequestNotifyStream"}));
     hear("StreamUp", {"Media", "WRITE"});
@@ -113,8 +114,7 @@ TEST_F(AgentViewTest, ALostConnectionOrANewAgentTakesTheStreamsDownAndTheyAreAsk
     EXPECT_TRUE(asksFor("OpenStream|Media|100"));
 }
 
-TEST_F(AgentViewTest, AnAgentThatDoesNotTakeASignOfLifeIsGone) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest, AnAgentThatDoesNotTakeASignOfLifeIsGone) {
     EXPECT_EQ(sendDue(), Texts());
     now += 2s;
     EXPECT_EQ(sendDue(), Texts{""});
@@ -126,14 +126,12 @@ TEST_F(AgentViewTest, AnAgentThatDoesNotTakeASignOfLifeIsGone) {
     EXPECT_EQ(view.agentProcessId(), 0u);
 }
 
-TEST_F(AgentViewTest, AsksAgainAfterTheProcessWasSuspended) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest, AsksAgainAfterTheProcessWasSuspended) {
     now += 60s;
     EXPECT_TRUE(asksFor("RequestVCProcessId"));
 }
 
-TEST_F(AgentViewTest, AKnownProcessIdIsNewsOnlyToThoseWhoAsk) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest, AKnownProcessIdIsNewsOnlyToThoseWhoAsk) {
     EXPECT_FALSE(hear("VCProcessId", {"77", "1"}).isNews);
     view.expectProcessId();
     EXPECT_TRUE(hear("VCProcessId", {"77", "1"}).isNews);
@@ -142,8 +140,7 @@ TEST_F(AgentViewTest, AKnownProcessIdIsNewsOnlyToThoseWhoAsk) {
     EXPECT_TRUE(hear("EnviromentType", {"tcp"}).isNews);
 }
 
-TEST_F(AgentViewTest, AStateThatContradictsWhatIsKnownIsAskedForAgain) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest, AStateThatContradictsWhatIsKnownIsAskedForAgain) {
     EXPECT_EQ(hear("VCProcessId", {"77", "0"}).connectionChange, std::nullopt);
     EXPECT_TRUE(view.isConnected());
     now += 100ms;
@@ -168,8 +165,7 @@ TEST_F(AgentViewTest, AStateOlderThanTheNewsDoesNotOutliveTheNextQuestion) {
     EXPECT_EQ(sendDue(), Texts{"RequestVCProcessId"}) << "the news of a return may be lost";
 }
 
-TEST_F(AgentViewTest, MalformedNewsChangesNothing) {
-    meetAgent();
+TEST_F(AgentViewOfAnAgentTest, MalformedNewsChangesNothing) {
     view.addStream("Media", Direction::Read, 100);
     for (const auto* name : {"VCProcessId", "StreamUp"}) {
         hear(name);

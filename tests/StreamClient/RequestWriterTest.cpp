@@ -77,8 +77,7 @@ TEST(RequestWriterAcrossProcesses, ARequestThatNobodyTakesHoldsUpNoOtherAndArriv
     {
         // Left by an agent that was killed while ready: nobody takes what is placed.
         ReadyChild victim("request_reader");
-        victim.kill();
-        victim.wait();
+        victim.killAndWait();
     }
     EXPECT_FALSE(other.send("in vain", Clock::now() + 100ms));
     FakeAgent agent("RequestTest");
@@ -101,8 +100,7 @@ TEST(RequestWriterAcrossProcesses, EveryRequestArrivesOnceWhileOtherClientsAreKi
         ChildProcess victim("request_sender", {"victim", "1000000"});
         ASSERT_TRUE(agent.waitFor("victim0", i + 1));
         std::this_thread::sleep_for(std::chrono::microseconds(137 * i));
-        victim.kill();
-        victim.wait();
+        victim.killAndWait();
         EXPECT_TRUE(writer.send("own" + std::to_string(i), Clock::now() + 10s));
     }
     EXPECT_EQ(a.wait() + b.wait(), 0);

@@ -25,9 +25,9 @@ protected:
     const std::string m_path = AgentMark::pathOf(geteuid());
 };
 
-// Claims the mark, reports the result, and stays until told to exit.
+// Claims the mark, says "ready" with it, and stays until told to exit.
 CHILD_ROLE(agent) {
-    say(mark() ? "marked" : "not marked");
+    say(mark() ? "ready" : "not marked");
     hear();
     clear();
     return 0;
@@ -36,8 +36,7 @@ CHILD_ROLE(agent) {
 TEST_F(ActiveAgentAcrossProcesses, OneProcessAtATimeIsMarkedUntilItClearsTheMarkOrIsKilled) {
     for (int i = 0; i < rounds(20); ++i) {
         const bool killed = i % 2 != 0;
-        ChildProcess agent("agent");
-        ASSERT_EQ(agent.readLine(), "marked");
+        ReadyChild agent("agent");
         ASSERT_TRUE(seesAnother());
         ASSERT_FALSE(mark());
         killed ? agent.kill() : agent.closeInput();
@@ -79,7 +78,7 @@ TEST_F(ActiveAgentAcrossProcesses,
     }));
     EXPECT_EQ(ChildProcess("agent").readLine(), "not marked");
     clear();
-    EXPECT_EQ(ChildProcess("agent").readLine(), "marked");
+    ReadyChild("agent");
 }
 
 TEST_F(ActiveAgentAcrossProcesses, ARemovedRecordIsMadeAnewUnlessAnotherProcessHasComeFirst) {
@@ -89,8 +88,7 @@ TEST_F(ActiveAgentAcrossProcesses, ARemovedRecordIsMadeAnewUnlessAnotherProcessH
     EXPECT_TRUE(recordExists());
 
     ASSERT_EQ(unlink(m_path.c_str()), 0);
-    ChildProcess agent("agent");
-    ASSERT_EQ(agent.readLine(), "marked");
+    ReadyChild agent("agent");
     EXPECT_TRUE(seesAnother());
     EXPECT_FALSE(mark());
 }
@@ -153,12 +151,10 @@ CHILD_ROLE(agentStranger) {
 TEST_F(ActiveAgentAcrossProcesses, AnotherUserSeesTheMarkButCanNeitherForgeNorPreventIt) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
     const Texts user{std::to_string(geteuid())};
-    ChildProcess agent("agent");
-    ASSERT_EQ(agent.readLine(), "marked");
+    ReadyChild agent("agent");
     EXPECT_EQ(ChildProcess("agentStranger", user).readLine(),
               std::to_string(agent.pid()) + ", no read lock, stopped");
-    agent.kill();
-    agent.wait();
+    agent.killAndWait();
     ASSERT_TRUE(recordExists());
     ChildProcess stranger("agentStranger", user);
     EXPECT_EQ(stranger.readLine(), "nobody, read lock, stopped");

@@ -238,8 +238,7 @@ TEST(NewConditionHandleAcrossProcesses, CountsWhatALivingProcessNotifiedAndNotWh
     ReadyChild partner("conditionNotifier", {"partner"});
     for (int i = 0; i < 3; ++i) visit("partner");
     EXPECT_TRUE(counts("partner"));
-    partner.kill();
-    partner.wait();
+    partner.killAndWait();
     EXPECT_FALSE(counts("partner"));
 }
 

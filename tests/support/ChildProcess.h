@@ -56,6 +56,11 @@ public:
                           const std::vector<std::string>& environment = {})
         : Subprocess(commandLine(role, args), environment) {}
 
+    int killAndWait() {
+        kill();
+        return wait();
+    }
+
 private:
     static std::vector<std::string> commandLine(const std::string& role,
                                                 std::vector<std::string> args) {

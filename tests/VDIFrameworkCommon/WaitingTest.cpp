@@ -1,8 +1,8 @@
 #include "AdaptiveSpin.h"
-#include "TestSupport.h"
+#include "Event.h"
+#include "FrameworkSupport.h"
 
-using namespace std::chrono_literals;
-using VDIFrameworkCommon::AdaptiveSpin;
+using namespace frameworktest;
 
 namespace {
 
@@ -40,6 +40,17 @@ TEST(AdaptiveSpin, WakeUpsOfBothSidesDoNotCountAsWaiting) {
     AdaptiveSpin busyMachine;
     repeat(10, busyMachine, 5ms, 5ms);
     EXPECT_EQ(busyMachine.budget(0, 1), kNone);
+}
+
+TEST(Event, AWaitConsumesTheSignalOfAnAutoResetEvent) {
+    for (const bool autoReset : {true, false}) {
+        Event event(autoReset);
+        EXPECT_FALSE(event.timedWait(0));
+        std::thread setter([&] { event.set(); });
+        EXPECT_TRUE(event.timedWait(20000));
+        setter.join();
+        EXPECT_EQ(event.timedWait(0), !autoReset);
+    }
 }
 
 }  // namespace
