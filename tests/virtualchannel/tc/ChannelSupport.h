@@ -1,20 +1,26 @@
-// Shared by the channel tests: the kinds, calls of a channel, and the runners that channels count.
+// Shared by the channel tests: the kinds, a channel's two neighbours (the host below and the
+// observer above), calls of a channel, and the runners that channels count.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "CitrixVirtualChannel.h"
-#include "FakeHost.h"
+#include "HostCallbacks.h"
 #include "KRANRunner.h"
+#include "PacketBytes.h"
 #include "ProcessUtils.h"
 #include "RDPVirtualChannel.h"
 #include "TCPSocketVirtualChannel.h"
 #include "VDIRunnerCounter.h"
 #include "VMWareVirtualChannel.h"
+#include "WorkRecord.h"
 
 namespace testsupport {
 
@@ -58,6 +64,96 @@ inline const Kind all[] = {
     {"TCPSocket", kTcpSocket, 1500, 0, true, false, 1, "c", makeChannel<TCPSocketVirtualChannel>,
      theChannel<TCPSocketVirtualChannel>}};
 }  // namespace kinds
+
+// The packets of one message in wire format, in the order sent.
+inline std::vector<std::string> packetsOf(const std::string& message, int maxPacketSize) {
+    NorvoVirtualChannel::Packetization packetizer(nullptr, maxPacketSize);
+    std::vector<std::string> wire;
+    for (const auto& packet : packettest::cut(packetizer, message)) {
+        wire.push_back(packettest::textOf(packet->WireBytes()));
+    }
+    return wire;
+}
+
+// The process's host while it lives: receives the packets that channels send; the outgoing gate is
+// open.
+class FakeHost {
+public:
+    FakeHost() {
+        host().setAppendBuffer(&FakeHost::append, this);
+        host().setActive(true);
+    }
+    ~FakeHost() {
+        host().setActive(false);
+        host().setAppendBuffer(nullptr, nullptr);
+    }
+    FakeHost(const FakeHost&) = delete;
+    FakeHost& operator=(const FakeHost&) = delete;
+
+    static NorvoVirtualChannel::tc::HostCallbacks& host() {
+        return NorvoVirtualChannel::tc::HostCallbacks::GetInstance();
+    }
+
+    // Makes the worker wait in the next call of the append callback until goOn().
+    void holdUp() { m_holdsUp = true; }
+    bool waitUntilHeldUp() const { return m_entered.pass(); }
+    void goOn() { m_door.open(); }
+
+    std::vector<std::string> packets() const { return m_packets.entries(); }
+    // The messages received so far.
+    std::vector<std::string> messages() const {
+        packettest::Receiver receiver;
+        NorvoVirtualChannel::Packetization joiner(&receiver, 1500);
+        for (const auto& packet : packets()) packettest::receive(joiner, packet);
+        return receiver.messages;
+    }
+    // Whether `count` packets arrive within 20 s.
+    bool waitFor(std::size_t count) const { return m_packets.waitFor(count); }
+
+private:
+    static int append(const void* data, std::uint32_t length, std::uintptr_t flag, void* context) {
+        auto& self = *static_cast<FakeHost*>(context);
+        if (self.m_holdsUp) {
+            self.m_entered.open();
+            self.m_door.pass();
+        }
+        EXPECT_EQ(flag, 1U);
+        self.m_packets.add({static_cast<const char*>(data), length});
+        return 7;
+    }
+
+    std::atomic<bool> m_holdsUp{false};
+    Door m_entered;
+    Door m_door;
+    Journal m_packets;
+};
+
+// Records what a channel tells it: "up", "down", "shutdown" and the messages themselves.
+class FakeObserver : public NorvoVirtualChannel::Observer {
+public:
+    // Runs inside each call, before it is recorded.
+    std::function<void(const std::string&)> onCall;
+
+    std::vector<std::string> calls() const { return m_calls.entries(); }
+    void OnVirtualChannelReceiveData(const void* data, unsigned int length) override {
+        note({static_cast<const char*>(data), length});
+    }
+    void OnVirtualChannelAvailabilityChange(bool available) override {
+        note(available ? "up" : "down");
+    }
+    void OnVirtualChannelShutdown() override { note("shutdown"); }
+    void OnSessionAvailabilityChange(bool) override { note("session"); }
+    void OnThinClientPlatformChange(unsigned int) override { note("platform"); }
+    void OnChannelBlockedByPolicySetting(bool) override { note("policy"); }
+
+private:
+    void note(const std::string& call) {
+        if (onCall) onCall(call);
+        m_calls.add(call);
+    }
+
+    Journal m_calls;
+};
 
 // How many runners are counted for this process.
 inline unsigned int runners() {

@@ -1,4 +1,4 @@
-// What all channels have in common; ChannelKindTest.cpp covers what is specific to a kind.
+// The four channels; the table in ChannelSupport.h says how they differ.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -6,33 +6,22 @@
 #include <thread>
 
 #include "ChannelSupport.h"
-#include "Eventually.h"
+#include "DataWorkers.h"
+#include "FakeChannel.h"
 #include "LanguageAbstraction.h"
 #include "LogCapture.h"
+#include "ObserverSlot.h"
 #include "SharedMemoryFactory.h"
-#include "VCMessage.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;
+using namespace VirtualChannelAgent;
 using NorvoVirtualChannel::StreamSend;
 using packettest::pattern;
 
 namespace {
 
 using Calls = std::vector<std::string>;
-
-// A message of the peer agent.
-std::string agentMessage(VirtualChannelAgent::MessageTypeEnum type, const std::string& stream = {},
-                         unsigned int streamType = 0) {
-    VirtualChannelAgent::VCMessage message;
-    message.setMessageType(type);
-    if (!stream.empty()) {
-        message.setStreamName(stream);
-        message.setStreamType(streamType);
-        message.setStreamSize(1000);
-    }
-    return packettest::textOf(message.wireBytes());
-}
 
 class ChannelTest : public testing::TestWithParam<Kind> {
 protected:
@@ -49,6 +38,11 @@ protected:
         for (const auto& packet : packetsOf(message, m_kind.maxMsgSize)) {
             ASSERT_EQ(receive(m_channel, packet), 0);
         }
+    }
+    // Starts a real agent.
+    void openWithAgent() {
+        m_channel.OnChannelInitialize();
+        m_channel.ChannelActive(1);
     }
     std::future<StreamSend> streamSends(const std::string& message) {
         return std::async(std::launch::async, [this, message] {
@@ -83,30 +77,14 @@ INSTANTIATE_TEST_SUITE_P(Kinds, ChannelTest, testing::ValuesIn(kinds::all),
 
 TEST_P(ChannelTest, SendsAMessageAsPacketsOfItsSizeLastOneFirst) {
     open();
-    const auto payload = static_cast<std::size_t>(m_kind.maxMsgSize) - 24;
-    const std::string message = pattern(2 * payload + 77);
-    const std::string onePacket = pattern(payload);
-    for (const auto& each : {message, onePacket, std::string()}) {
-        EXPECT_EQ(send(m_channel, each), 0);
-    }
+    const auto most = static_cast<std::size_t>(m_kind.maxMsgSize);
+    const Calls messages{pattern(2 * (most - 24) + 77), pattern(most - 24), ""};
+    for (const auto& each : messages) EXPECT_EQ(send(m_channel, each), 0);
     ASSERT_TRUE(m_host.waitFor(5));
     std::vector<std::size_t> sizes;
     for (const auto& packet : m_host.packets()) sizes.push_back(packet.size());
-    EXPECT_EQ(sizes,
-              (std::vector<std::size_t>{77 + 24, payload + 24, payload + 24, payload + 24, 24}));
-    EXPECT_EQ(m_host.messages(), (Calls{message, onePacket, ""}));
-}
-
-TEST_P(ChannelTest, WithTheGateClosedTakesMessagesAndDropsThem) {
-    LogCapture log;
-    open();
-    FakeHost::host().setActive(false);
-    EXPECT_EQ(send(m_channel, "lost"), 0);
-    EXPECT_TRUE(eventually([&] { return log.contains("will NOT appendBuffer"); }));
-    FakeHost::host().setActive(true);
-    send(m_channel, "kept");
-    ASSERT_TRUE(m_host.waitFor(1));
-    EXPECT_EQ(m_host.messages(), Calls{"kept"});
+    EXPECT_EQ(sizes, (std::vector<std::size_t>{77 + 24, most, most, most, 24}));
+    EXPECT_EQ(m_host.messages(), messages);
 }
 
 TEST_P(ChannelTest, MixesInALowPriorityMessageAfterThreeOthers) {
@@ -155,14 +133,12 @@ TEST_P(ChannelTest, AStreamWaitsForTheHostAndTheEndOfItsConnectionDropsWhatWaits
     m_channel.onAgentStateChange(false);
 }
 
-// A real agent, whose stream's read thread waits for a host that takes nothing.
 TEST_P(ChannelTest, AnAgentEndsWhileItsStreamsWaitForTheHost) {
-    namespace vca = VirtualChannelAgent;
-    m_channel.OnChannelInitialize();
-    m_channel.ChannelActive(1);
-    receiveAll(agentMessage(vca::CTL_CONNECTED));
-    receiveAll(agentMessage(vca::CTL_S_CREATE, "Media", 1));
-    receiveAll(agentMessage(vca::CTL_S_CREATED, "Media", 1));
+    openWithAgent();
+    receiveAll(wireOf(control(CTL_CONNECTED)));
+    receiveAll(wireOf(aboutStream(CTL_S_CREATE, "Media", 1)));
+    receiveAll(wireOf(aboutStream(CTL_S_CREATED, "Media", 1)));
+    LogCapture log;
     m_host.holdUp();
     const auto segment =
         shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Plain);
@@ -171,19 +147,41 @@ TEST_P(ChannelTest, AnAgentEndsWhileItsStreamsWaitForTheHost) {
     EXPECT_TRUE(segment->WriteData(message.data(), static_cast<unsigned int>(message.size())));
     ASSERT_TRUE(m_host.waitUntilHeldUp());
     m_channel.Shutdown();
+    EXPECT_EQ(log.contains("A call of the append callback is under way"),
+              m_kind.type == NorvoVirtualChannel::kCitrix);  // the others keep their worker
     m_host.goOn();
     segment->Close();
     EXPECT_LT(m_host.packets().size(), 20U);
 }
 
+// Blocks the host's thread in the log.
+TEST_P(ChannelTest, AnAgentIsKeptUntilACallOfTheHostHasLeftIt) {
+    struct HoldingSink : KLT::kltlogger::LogSink {
+        void write(const KLT::kltlogger::LogRecord& record) override {
+            if (record.message.find("Received CTL_NOOP") == std::string_view::npos) return;
+            entered.open();
+            door.pass();
+        }
+        Door entered;
+        Door door;
+    };
+    openWithAgent();
+    const auto sink = std::make_shared<HoldingSink>();
+    const auto before = KLT::kltlogger::setSink(sink);
+    auto call = std::async(std::launch::async, [&] { receiveAll(wireOf(control(CTL_NOOP))); });
+    EXPECT_TRUE(sink->entered.pass());
+    auto end = std::async(std::launch::async, [&] { m_channel.Shutdown(); });
+    EXPECT_EQ(end.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    sink->door.open();
+    end.get();
+    call.get();
+    KLT::kltlogger::setSink(before);
+}
+
 // A restarted sender may use its predecessor's message IDs. With a real agent, as only the agent
 // recognises a peer's first message.
 TEST_P(ChannelTest, JoinsNothingAcrossANewBeginning) {
-    const struct {
-        const char* what;
-        std::function<void()> happens;
-        bool joins;
-    } cases[] = {
+    const std::tuple<const char*, std::function<void()>, bool> cases[] = {
         {"the host repeats itself", [&] { m_channel.ChannelActive(1); }, true},
         {"the channel was lost",
          [&] {
@@ -191,13 +189,10 @@ TEST_P(ChannelTest, JoinsNothingAcrossANewBeginning) {
              m_channel.ChannelActive(1);
          },
          false},
-        {"the peer looks for an agent",
-         [&] { receiveAll(agentMessage(VirtualChannelAgent::CTL_CONNECT)); }, false},
+        {"the peer looks for an agent", [&] { receiveAll(wireOf(control(CTL_CONNECT))); }, false},
     };
-    m_channel.OnChannelInitialize();
-    m_channel.ChannelActive(1);
-    const std::string message =
-        agentMessage(VirtualChannelAgent::CTL_S_ERROR, std::string(2 * 4992, 'n'));
+    openWithAgent();
+    const std::string message = wireOf(aboutStream(CTL_S_ERROR, std::string(2 * 4992, 'n'), 0));
     for (const auto& [what, happens, joins] : cases) {
         SCOPED_TRACE(what);
         LogCapture log;
@@ -211,15 +206,6 @@ TEST_P(ChannelTest, JoinsNothingAcrossANewBeginning) {
         for (const auto& packet : packets) receive(m_channel, packet);
         EXPECT_EQ(log.count("Remote agent communicated an error in nnn"), 1);
     }
-    m_channel.Shutdown();
-}
-
-TEST_P(ChannelTest, DropsWhatIsNoPacket) {
-    open();
-    EXPECT_EQ(m_channel.ReceiveData(nullptr, 0), 0);
-    EXPECT_EQ(m_channel.ReceiveData(nullptr, 24), 0);
-    EXPECT_EQ(receive(m_channel, packetsOf("message", 1000).front() + '?'), 0);
-    EXPECT_EQ(m_observer.calls(), Calls{});
 }
 
 TEST_P(ChannelTest, PassesAvailabilityOnToItsOneObserver) {
@@ -296,7 +282,6 @@ TEST_P(ChannelTest, ShutdownTellsTheObserverAndTakesBackTheRunner) {
 }
 
 TEST_P(ChannelTest, PassesMessagesAfterShutdownAsItsKindDoes) {
-    LogCapture log;
     const int refusal = m_kind.type == NorvoVirtualChannel::kCitrix ? -1 : 0;
     Calls heard{"up", "shutdown"};
     Calls sent;
@@ -319,74 +304,91 @@ TEST_P(ChannelTest, PassesMessagesAfterShutdownAsItsKindDoes) {
     ASSERT_TRUE(m_host.waitFor(sent.size()));
     EXPECT_EQ(m_host.messages(), sent);
     EXPECT_EQ(m_observer.calls(), heard);
-    EXPECT_EQ(log.count("virtual channel is shutdown return."), refusal == 0 ? 0 : 6);
     m_channel.onAgentStateChange(false);
     m_channel.Shutdown();
 }
 
 TEST_P(ChannelTest, AsksTheHostAboutWindows) {
     int window = 0;
-    EXPECT_FALSE(m_channel.IsMultiSession());
-    EXPECT_FALSE(m_channel.IsSeamlessMode());
-    EXPECT_EQ(IsSeamlessMode_(), -1);
-    EXPECT_EQ(m_channel.GetClientWindowHandleFromServerWindowHandle(&window), nullptr);
+    void* const client = reinterpret_cast<char*>(&window) + 1;
+    const auto expectAnswers = [&](int seamless, void* clientWindow) {
+        EXPECT_EQ(IsSeamlessMode_(), seamless);
+        EXPECT_EQ(m_channel.IsSeamlessMode(), seamless == 0);
+        EXPECT_EQ(m_channel.GetClientWindowHandleFromServerWindowHandle(&window), clientWindow);
+        EXPECT_EQ(GetClientWindowHandleFromServerWindowHandle_(&window), clientWindow);
+    };
+    expectAnswers(-1, nullptr);
     SetIsSeamlessModeFunc([] { return 0; });
     SetGetClientWindowHandleFromServerWindowHandleFunc(
         [](void* server) -> void* { return static_cast<char*>(server) + 1; });
-    EXPECT_TRUE(m_channel.IsSeamlessMode());
-    EXPECT_EQ(IsSeamlessMode_(), 0);
-    void* const client = reinterpret_cast<char*>(&window) + 1;
-    EXPECT_EQ(m_channel.GetClientWindowHandleFromServerWindowHandle(&window), client);
-    EXPECT_EQ(GetClientWindowHandleFromServerWindowHandle_(&window), client);
+    expectAnswers(0, client);
     EXPECT_EQ(m_channel.GetClientWindowHandleFromServerWindowHandle(nullptr), nullptr);
     SetIsSeamlessModeFunc([] { return 1; });
-    EXPECT_FALSE(m_channel.IsSeamlessMode());
+    expectAnswers(1, client);
     SetIsSeamlessModeFunc(nullptr);
     SetGetClientWindowHandleFromServerWindowHandleFunc(nullptr);
-    EXPECT_EQ(IsSeamlessMode_(), -1);
-}
-
-TEST_P(ChannelTest, TracesInItsOwnNameAndInOrder) {
-    LogCapture log;
-    const auto channel = m_kind.make({});
-    EXPECT_EQ(channel->GetType(), m_kind.type);
-    channel->AddObserver(&m_observer);
-    channel->ChannelActive(1);
-    send(*channel, "m", true);
-    receive(*channel, packetsOf("m", 1000).front());
-    channel->RemoveObserver(&m_observer);
-    const std::string name = std::string(m_kind.name) + "VirtualChannel";
-    const bool vmware = m_kind.type == NorvoVirtualChannel::kVMware;
-    const bool rdp = m_kind.type == NorvoVirtualChannel::kRdp;
-    const auto lines = log.lines();
-    auto from = lines.begin();
-    for (const std::string& text :
-         {name + "()", name + "::GetType()",
-          name + (vmware ? "::AddObserver(0x" : "::AttachCallback()"),
-          name + (rdp ? "::SendData(),lowPriority = 1, size = 1" : "::SendData()"),
-          std::string("Creating packet queue."), std::string("Iterating 1 packet(s)."),
-          std::string("Getting payload data from the packet."),
-          name + (vmware ? "::ReceiveData(0x" : "::ReceiveData()"),
-          std::string("Complete message received."),
-          name + (vmware ? "::RemoveObserver( 0x" : "::RemoveObserver()")}) {
-        from = std::find_if(from, lines.end(), [&](const std::string& line) {
-            return line.find(text) != std::string::npos;
-        });
-        ASSERT_NE(from++, lines.end()) << text;
-    }
+    expectAnswers(-1, nullptr);
+    EXPECT_FALSE(m_channel.IsMultiSession());
+    EXPECT_EQ(m_channel.GetType(), m_kind.type);
 }
 
 TEST_P(ChannelTest, NeedsAnActiveChannelWhereTheKindSaysSo) {
-    LogCapture log;
     m_channel.RemoveObserver(nullptr);
     m_channel.ChannelActive(1);  // without an observer
     m_channel.AddObserver(&m_observer);
-    EXPECT_EQ(send(m_channel, "m"), 0);
+    send(m_channel, "out");
     receiveAll("in");
-    EXPECT_EQ(log.count("Channel is not active, will not receive data."),
-              m_kind.needsToBeActive ? 2 : 0);
     m_channel.ChannelActive(1);
+    EXPECT_EQ(receive(m_channel, packetsOf("no packet", 1000).front() + '?'), 0);
     receiveAll("heard");
-    EXPECT_EQ(m_observer.calls(),
-              m_kind.needsToBeActive ? (Calls{"up", "heard"}) : (Calls{"in", "up", "heard"}));
+    send(m_channel, "sent");
+    const bool needsIt = m_kind.needsToBeActive;
+    EXPECT_EQ(m_observer.calls(), needsIt ? (Calls{"up", "heard"}) : (Calls{"in", "up", "heard"}));
+    ASSERT_TRUE(m_host.waitFor(needsIt ? 1 : 2));
+    EXPECT_EQ(m_host.messages(), needsIt ? Calls{"sent"} : (Calls{"out", "sent"}));
+}
+
+TEST(RDPVirtualChannelTest, CountsARunnerWithEveryInitialisation) {
+    forgetRunners();
+    RDPVirtualChannel channel;
+    channel.OnChannelInitialize();
+    channel.OnChannelInitialize();
+    EXPECT_EQ(runners(), 2U);
+    channel.Shutdown();
+    EXPECT_EQ(runners(), 1U);
+    forgetRunners();
+}
+
+TEST(CitrixVirtualChannelTest, TellsTheSessionsWindow) {
+    LogCapture log;
+    CitrixVirtualChannel channel;
+    EXPECT_EQ(channel.GetICAWindowInfo().xWinWidth, 0U);
+    SetGetWindowInfoFunc([] { return ICAWindowInfo{nullptr, 7, 100, 200, 300, 400, -5, -6, 9}; });
+    EXPECT_EQ(GetICAWindowInfo_().padding, 9U);
+    EXPECT_EQ(channel.GetICAWindowInfo().reserved, 7U);
+    SetGetWindowInfoFunc(nullptr);
+    EXPECT_TRUE(
+        log.contains("hwnd:0x0 xWinWidth:100 yWinHeight:200 xViewWidth:300 "
+                     "yViewHeight:400 xViewOffset:-5 yViewOffset:-6"));
+}
+
+TEST(DataWorkerTest, SendsACopyOfTheBytesItIsMadeFromUnlessTheGateIsClosed) {
+    LogCapture log;
+    FakeHost host;
+    std::string bytes = "packet";
+    DataWorker worker(bytes.data(), 6, true, 7);
+    bytes.assign(6, '?');
+    EXPECT_EQ(worker.DoWork(), 0);
+    FakeHost::host().setActive(false);
+    EXPECT_EQ(worker.DoWork(), 0);
+    EXPECT_EQ(host.packets(), Calls{"packet"});
+    EXPECT_TRUE(log.contains("will NOT appendBuffer"));
+}
+
+TEST(ObserverSlotTest, GivesUpOnAThreadThatDoesNotLeaveTheObserver) {
+    ObserverSlot slot(ObserverCalls::Concurrent);
+    FakeObserver observer;
+    slot.set(&observer);
+    slot.notify([&](auto&) { EXPECT_FALSE(slot.clearAndWait(std::chrono::milliseconds(1))); });
+    EXPECT_TRUE(slot.clearAndWait(std::chrono::seconds(20)));
 }

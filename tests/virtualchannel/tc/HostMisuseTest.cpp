@@ -88,38 +88,23 @@ void callEverything() {
     Shutdown();
 }
 
-void beforeInitialisation(std::uint32_t kind) {
+void beforeInitialisationAndWithUnknownKinds(std::uint32_t kind) {
     EXPECT_EQ(receiveOne(), 0xFFFFFFFF);
     callEverything();
-    initialise(kind);
-    EXPECT_EQ(receiveOne(), 0U);
-    Shutdown();
-}
-
-void unknownKinds(std::uint32_t kind) {
     for (const std::uint32_t unknown : {0U, 5U, 7U, 0xFFFFFFFFU}) {
         initialise(unknown);
         EXPECT_EQ(receiveOne(), unknown - 1);
         callEverything();
     }
     initialise(kind);
+    EXPECT_EQ(receiveOne(), 0U);
     initialise(9);
     callEverything();
 }
 
-void nullCallbacksAndShutdownTwice(std::uint32_t kind) {
+void nullCallbacksAndInitialisationAgain(std::uint32_t kind) {
     begin(kind, nullptr);
     sendFrom(kind, 100);
-    begin(kind);
-    sendFrom(kind, 20);
-    Shutdown();
-    Shutdown();
-    callEverything();
-    sendFrom(kind, 20);
-    EXPECT_EQ(receiveOne(), kind == NORVO_CHANNEL_CITRIX ? 0xFFFFFFFF : 0U);
-}
-
-void initialiseAgain(std::uint32_t kind) {
     for (int round = 0; round < 3; ++round) {
         for (const std::uint32_t next : {kind, kind, kind % 4 + 1}) {
             begin(next);
@@ -127,8 +112,11 @@ void initialiseAgain(std::uint32_t kind) {
             receiveOne();
         }
         Shutdown();
+        Shutdown();
         initialise(kind);
         callEverything();
+        sendFrom(kind, 20);
+        EXPECT_EQ(receiveOne(), kind == NORVO_CHANNEL_CITRIX ? 0xFFFFFFFF : 0U);
     }
 }
 
@@ -144,33 +132,29 @@ void manyThreadsInitialiseAtOnce(std::uint32_t kind) {
 
 std::atomic<int> g_calls{0};
 
-void slowCallback(std::uint32_t kind) {
-    begin(kind, [] {
-        ++g_calls;
-        std::this_thread::sleep_for(100ms);
-    });
-    const auto start = std::chrono::steady_clock::now();
-    sendFrom(kind, 1000);
+std::uint32_t g_kind = 0;
+
+// No lock that these calls need is held while the callback runs.
+void callBack() {
     receiveOne();
-    ChannelActive(0);
-    Shutdown();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 60s);
-    EXPECT_LT(g_calls, 600);
+    IsSeamlessMode_();
+    LogMessage_VDI(1, "inside");
+    ChannelActive(1);
+    if (g_calls++ != 0) return;
+    std::thread([] {
+        AppendDataToBuffer("", 0, 0);
+        initialise(g_kind, callBack);
+    }).join();
 }
 
 void callbackCallsBack(std::uint32_t kind) {
-    begin(kind, [] {
-        ++g_calls;
-        receiveOne();
-        IsSeamlessMode_();
-        LogMessage_VDI(1, "inside");
-        ChannelActive(1);
-    });
+    g_kind = kind;
+    begin(kind, callBack);
     for (int i = 0; i < 200; ++i) {
         sendFrom(kind, 1);
         receiveOne();
     }
-    while (g_calls < 20) std::this_thread::yield();
+    EXPECT_TRUE(eventually([] { return g_calls >= 20; }));
     Shutdown();
 }
 
@@ -178,30 +162,23 @@ std::mutex g_hostLock;
 
 // The host holds its lock during every call into the library, and needs it to take a packet.
 void callbackTakesTheHostsLock(std::uint32_t kind) {
-    const auto takesTheLock = [] {
+    begin(kind, [] {
         ++g_calls;
         const std::lock_guard lock(g_hostLock);
         --g_calls;
-    };
-    const auto locked = [](const auto& call) {
+    });
+    for (int i = 0; i < 20; ++i) {
         const std::lock_guard lock(g_hostLock);
-        call();
-    };
-    const auto someAreUnderWay = [&] {
         ChannelActive(1);
         sendFrom(kind, 10);
         receiveOne();
-    };
-    locked([&] { initialise(kind, takesTheLock); });
-    for (int i = 0; i < 20; ++i) {
-        locked(someAreUnderWay);
-        locked([] { ChannelActive(0); });
+        ChannelActive(0);
     }
-    locked([&] {
-        someAreUnderWay();
-        while (g_calls == 0) std::this_thread::yield();
-        Shutdown();
-    });
+    const std::lock_guard lock(g_hostLock);
+    ChannelActive(1);
+    sendFrom(kind, 10);
+    while (g_calls == 0) std::this_thread::yield();
+    Shutdown();
 }
 
 void shutdownInsideTheAppendCallback(std::uint32_t kind) {
@@ -250,7 +227,7 @@ void noMemory(std::uint32_t kind) {
 void noThread(std::uint32_t kind) {
     const auto failsToInitialise = [](std::uint32_t which) {
         std::size_t pages = 0;
-        if (kSanitized || !(std::ifstream("/proc/self/statm") >> pages)) return;
+        std::ifstream("/proc/self/statm") >> pages;
         rlimit before{};
         getrlimit(RLIMIT_AS, &before);
         const rlimit noStack{pages * static_cast<std::size_t>(getpagesize()) + (3U << 20),
@@ -259,8 +236,9 @@ void noThread(std::uint32_t kind) {
         EXPECT_THROW(initialise(which), std::system_error);
         setrlimit(RLIMIT_AS, &before);
     };
+    if (kSanitized || access("/proc/self/statm", R_OK) != 0) return;
     failsToInitialise(kind);
-    EXPECT_EQ(receiveOne(), kSanitized ? receiveOne() : 0xFFFFFFFF);
+    EXPECT_EQ(receiveOne(), 0xFFFFFFFF);
     initialise(kind);
     EXPECT_EQ(receiveOne(), 0U);
     failsToInitialise(kind % 4 + 1);
@@ -268,27 +246,8 @@ void noThread(std::uint32_t kind) {
     Shutdown();
 }
 
-// No lock that these calls need is held while the callback runs.
-void callbackInitialises(std::uint32_t kind) {
-    static std::uint32_t again;
-    again = kind;
-    static Door done;
-    begin(kind, [] {
-        if (g_calls++ != 0) return;
-        std::thread([] {
-            AppendDataToBuffer("", 0, 0);
-            initialise(again);
-        }).join();
-        done.open();
-    });
-    sendFrom(kind, 1);
-    EXPECT_TRUE(done.pass());
-    Shutdown();
-}
-
 // By then the library's objects have been destroyed, or must still work.
 void callsWhileTheProcessEnds(std::uint32_t kind) {
-    static std::uint32_t g_kind = 0;
     g_kind = kind;
     begin(kind);
     sendFrom(kind, 2);
@@ -301,14 +260,10 @@ void callsWhileTheProcessEnds(std::uint32_t kind) {
 }
 
 const std::map<std::string, std::function<void(std::uint32_t kind)>> kCases{
-    {"beforeInitialisation", beforeInitialisation},
-    {"unknownKinds", unknownKinds},
-    {"nullCallbacksAndShutdownTwice", nullCallbacksAndShutdownTwice},
-    {"initialiseAgain", initialiseAgain},
+    {"beforeInitialisationAndWithUnknownKinds", beforeInitialisationAndWithUnknownKinds},
+    {"nullCallbacksAndInitialisationAgain", nullCallbacksAndInitialisationAgain},
     {"manyThreadsInitialiseAtOnce", manyThreadsInitialiseAtOnce},
-    {"slowCallback", slowCallback},
     {"callbackCallsBack", callbackCallsBack},
-    {"callbackInitialises", callbackInitialises},
     {"callsWhileTheProcessEnds", callsWhileTheProcessEnds},
     {"noMemory", noMemory},
     {"noThread", noThread},
@@ -347,21 +302,22 @@ TEST_P(ShutdownRaceTest, ReceivesSendsAndAvailabilityRaceShutdown) {
         const auto channel = GetParam().make({});
         channel->OnChannelInitialize();
         std::atomic<bool> over{false};
-        const auto receives = [&] {
-            for (const auto& packet : packets) receive(*channel, packet);
-        };
-        const auto sends = [&] { send(*channel, "message"); };
-        const auto comesAndGoes = [&] {
-            for (const int state : {1, 0}) channel->ChannelActive(state);
-        };
-        const auto ends = [&] {
-            if (round % 2) std::this_thread::yield();
-            channel->Shutdown();
-            channel->OnChannelInitialize();
-            channel->Shutdown();
-            over = true;
-        };
-        const std::function<void()> acts[] = {receives, sends, comesAndGoes, ends};
+        const std::function<void()> acts[] = {[&] {
+                                                  for (const auto& packet : packets)
+                                                      receive(*channel, packet);
+                                              },
+                                              [&] { send(*channel, "message"); },
+                                              [&] {
+                                                  for (const int state : {1, 0})
+                                                      channel->ChannelActive(state);
+                                              },
+                                              [&] {
+                                                  if (round % 2) std::this_thread::yield();
+                                                  channel->Shutdown();
+                                                  channel->OnChannelInitialize();
+                                                  channel->Shutdown();
+                                                  over = true;
+                                              }};
         std::barrier start(4);
         onThreads(4, [&](int number) {
             start.arrive_and_wait();
