@@ -72,12 +72,6 @@ struct AgentSide {
         EXPECT_TRUE(eventually([&] { return info->written().size() >= count; }));
         return info->written();
     }
-    // The same, operation names only.
-    Texts operations(std::size_t count) {
-        auto texts = notifications(count);
-        for (auto& text : texts) text = text.substr(0, text.find('|'));
-        return texts;
-    }
     bool wasTold(const std::string& text) {
         return eventually([&] {
             const auto texts = segment(infoOutputName())->written();
@@ -93,13 +87,6 @@ struct AgentSide {
 
 class AgentTest : public ::testing::Test {
 protected:
-    // The one message sent since the last call.
-    FakeChannel::Sent takeOne() {
-        auto sent = m_channel.takeSent();
-        EXPECT_EQ(sent.size(), 1U);
-        sent.resize(1);
-        return sent[0];
-    }
     LogCapture m_log;
     AgentSide m_side;
     FakeChannel& m_channel = m_side.channel;

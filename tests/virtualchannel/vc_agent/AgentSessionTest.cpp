@@ -5,14 +5,16 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
+#include <functional>
 #include <map>
 #include <optional>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "AgentFixture.h"
 #include "FileContent.h"
+#include "StreamType.h"
 
 using namespace testsupport;
 using namespace VirtualChannelAgent;
@@ -45,6 +47,8 @@ public:
         m_others.clear();
         for (auto& line : lines) {
             line = std::regex_replace(line, std::regex("\\b" + std::to_string(getpid())), "PID");
+            line =
+                std::regex_replace(line, std::regex("\\b" + std::to_string(getppid())), "PARENT");
             line = std::regex_replace(line, std::regex("0x[0-9a-f]+"), "POINTER");
         }
         return lines;
@@ -60,29 +64,26 @@ private:
 // The message type, then a stream's name, type, size and data, or a handshake's streams, channel
 // version, internal version and client version; "-" for a missing one.
 VCMessage messageOf(const std::string& text) {
+    using Setters = std::vector<std::function<void(VCMessage&, const std::string&)>>;
+    static const auto number = [](const std::string& digits) {
+        return static_cast<unsigned int>(std::stoul(digits));
+    };
+    static const Setters ofHandshake{&VCMessage::setSupportedStreams, &VCMessage::setChannelVersion,
+                                     &VCMessage::setInternalVersion, &VCMessage::setClientVersion};
+    static const Setters ofStream{
+        &VCMessage::setStreamName,
+        [](auto& message, auto& value) { message.setStreamType(number(value)); },
+        [](auto& message, auto& value) { message.setStreamSize(number(value)); },
+        [](auto& message, auto& value) {
+            message.setRouteData(value.data(), static_cast<unsigned int>(value.size()));
+        }};
     std::istringstream words(text);
     int type = 0;
     words >> type;
     auto message = control(static_cast<MessageTypeEnum>(type));
-    const Texts values(std::istream_iterator<std::string>(words), {});
-    const auto set = [&](std::size_t index, auto setter) {
-        if (index < values.size() && values[index] != "-") setter(values[index]);
-    };
-    const auto number = [](const std::string& digits) {
-        return static_cast<unsigned int>(std::stoul(digits));
-    };
-    if (type < CTL_S_CREATE) {
-        set(0, [&](const auto& value) { message.setSupportedStreams(value); });
-        set(1, [&](const auto& value) { message.setChannelVersion(value); });
-        set(2, [&](const auto& value) { message.setInternalVersion(value); });
-        set(3, [&](const auto& value) { message.setClientVersion(value); });
-    } else {
-        set(0, [&](const auto& value) { message.setStreamName(value); });
-        set(1, [&](const auto& value) { message.setStreamType(number(value)); });
-        set(2, [&](const auto& value) { message.setStreamSize(number(value)); });
-        set(3, [&](const auto& value) {
-            message.setRouteData(value.data(), static_cast<unsigned int>(value.size()));
-        });
+    std::string word;
+    for (const auto& set : type < CTL_S_CREATE ? ofHandshake : ofStream) {
+        if (words >> word && word != "-") set(message, word);
     }
     return message;
 }
@@ -112,7 +113,12 @@ const std::map<std::string, void (*)(AgentSide&)> kEvents{
     {"no other agent is active", [](AgentSide& side) { side.machine->otherAgentIsActive = false; }},
     {"segments fail", [](AgentSide& side) { side.machine->segmentsFail = true; }},
     {"segments do not fail", [](AgentSide& side) { side.machine->segmentsFail = false; }},
+    {"two threads wait",
+     [](AgentSide& side) {
+         EXPECT_TRUE(eventually([&] { return side.machine->waiting() == 2; }));
+     }},
     {"the wall clock is set back", [](AgentSide& side) { side.machine->clock -= 100'000; }},
+    {"the session is seamless", [](AgentSide& side) { side.channel.seamless = true; }},
     {"agent stops", [](AgentSide& side) { side.agent->stop(); }},
 };
 
@@ -129,6 +135,12 @@ public:
             m_side->channel.deliver(messageOf(text));
         } else if (who == "local") {
             m_side->request(text);
+        } else if (who == "channel-type") {
+            m_side->channel.type = std::stoi(text);
+        } else if (who == "in-use") {
+            std::set<std::string> names;
+            utils::split(text, names, "-");
+            m_side->machine->setOpenElsewhere(names);
         } else if (who == "pass") {
             EXPECT_TRUE(m_side->machine->pass(std::stoul(text)));
         } else {
@@ -150,42 +162,26 @@ private:
             m_transcript.note("segment " + segment.getName() + " is " + segment.text());
         };
         machine->onWritten = [this](FakeSegment& segment, const std::string& text) {
-            if (segment.getName() == infoOutputName()) return;  // the log shows these
+            // The log shows the other notifications.
+            if (segment.getName() == infoOutputName() && !text.starts_with("StreamUp")) return;
             m_transcript.note("segment " + segment.getName() + " has '" + text + "'");
         };
         m_side.emplace("side", machine);
-        m_side->channel.onCall = [this](const std::string& call) {
-            if (call != "send" && call != "question") m_transcript.note("channel: " + call);
+        const auto noteCall = [this](const std::string& call) {
+            m_transcript.note("channel: " + call +
+                              (m_side->agent->IsConnected() ? "" : ", not connected"));
         };
-        m_side->channel.onSent = [this](const FakeChannel::Sent& sent) {
-            m_transcript.note("channel: send " + sent.text());
+        m_side->channel.onCall = [noteCall](const std::string& call) {
+            if (call != "send" && call != "question") noteCall(call);
+        };
+        m_side->channel.onSent = [noteCall](const FakeChannel::Sent& sent) {
+            noteCall("send " + sent.text());
         };
     }
 
     Transcript& m_transcript;
     std::optional<AgentSide> m_side;
 };
-
-struct Step {
-    std::string comments;
-    std::string what;
-    Texts lines;  // that result from it
-};
-
-std::vector<Step> stepsOf(const std::string& file) {
-    std::vector<Step> steps;
-    std::string comments;
-    for (const auto& line : linesOf(file)) {
-        if (line.empty() || line[0] == '#') {
-            comments += line + '\n';
-        } else if (line[0] == '>') {
-            steps.push_back({std::exchange(comments, ""), line.substr(2), {}});
-        } else {
-            steps.back().lines.push_back(line);
-        }
-    }
-    return steps;
-}
 
 }  // namespace
 
@@ -195,13 +191,20 @@ TEST(AgentSession, GoesAsItsTranscriptSays) {
     const auto before = KLT::kltlogger::setSink(transcript);
     std::ostringstream seen;
     Session session(*transcript);
-    for (const auto& [comments, what, expected] : stepsOf(SESSION_TRANSCRIPT)) {
-        session.happens(what);
+    const Texts file = linesOf(SESSION_TRANSCRIPT);
+    for (auto line = file.begin(); line != file.end();) {
+        const std::string what = *line++;
+        seen << what << '\n';
+        if (what.empty() || what[0] != '>') continue;  // a comment
+        const auto next = std::find_if(line, file.end(), [](const std::string& each) {
+            return each.empty() || each[0] == '>';
+        });
+        const Texts expected(std::exchange(line, next), next);
+        session.happens(what.substr(2));
         const Texts lines = output ? transcript->take(1000, std::chrono::milliseconds(300))
                                    : transcript->take(expected.size(), std::chrono::seconds(20));
-        EXPECT_EQ(lines, expected) << "> " << what;
-        seen << comments << "> " << what << '\n';
-        for (const auto& line : lines) seen << line << '\n';
+        EXPECT_EQ(lines, expected) << what;
+        for (const auto& each : lines) seen << each << '\n';
     }
     KLT::kltlogger::setSink(before);
     if (output) std::ofstream(output) << seen.str();

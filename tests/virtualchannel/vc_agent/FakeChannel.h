@@ -22,38 +22,37 @@ inline std::string wireOf(const VirtualChannelAgent::VCMessage& message) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
+// The message's type and its fields: "6 Media 1 500".
+inline std::string textOf(const VirtualChannelAgent::VCMessage& message) {
+    using VirtualChannelAgent::VCMessage;
+    std::ostringstream text;
+    text << +message.rawMessageType();
+    const auto add = [&](auto has, auto get) {
+        if ((message.*has)()) text << ' ' << (message.*get)();
+    };
+    add(&VCMessage::hasStreamName, &VCMessage::getStreamName);
+    add(&VCMessage::hasStreamType, &VCMessage::getStreamType);
+    add(&VCMessage::hasStreamSize, &VCMessage::getStreamSize);
+    add(&VCMessage::hasSupportedStreams, &VCMessage::getSupportedStreams);
+    add(&VCMessage::hasChannelVersion, &VCMessage::getChannelVersion);
+    add(&VCMessage::hasInternalVersion, &VCMessage::getInternalVersion);
+    add(&VCMessage::hasClientVersion, &VCMessage::getClientVersion);
+    char* data = nullptr;
+    const auto length = message.hasRouteData() ? message.getRouteData(&data) : 0;
+    if (length > 0) text << ' ' << std::string(data, length);
+    if (message.hasUnsupportedMessageType()) text << ' ' << +message.getUnsupportedMessageType();
+    return text.str();
+}
+
 class FakeChannel : public NorvoVirtualChannel::VirtualChannel {
 public:
     struct Sent {
         std::string bytes;
         bool lowPriority = false;
-        VirtualChannelAgent::VCMessage message() const {
-            VirtualChannelAgent::VCMessage parsed;
-            parsed.parseFromArray(bytes.data(), static_cast<unsigned int>(bytes.size()));
-            return parsed;
-        }
-        // Its type and its fields: "6 Media 1 500".
         std::string text() const {
-            using VirtualChannelAgent::VCMessage;
-            const auto parsed = message();
-            std::ostringstream text;
-            text << +parsed.rawMessageType();
-            const auto add = [&](auto has, auto get) {
-                if ((parsed.*has)()) text << ' ' << (parsed.*get)();
-            };
-            add(&VCMessage::hasStreamName, &VCMessage::getStreamName);
-            add(&VCMessage::hasStreamType, &VCMessage::getStreamType);
-            add(&VCMessage::hasStreamSize, &VCMessage::getStreamSize);
-            add(&VCMessage::hasSupportedStreams, &VCMessage::getSupportedStreams);
-            add(&VCMessage::hasChannelVersion, &VCMessage::getChannelVersion);
-            add(&VCMessage::hasInternalVersion, &VCMessage::getInternalVersion);
-            add(&VCMessage::hasClientVersion, &VCMessage::getClientVersion);
-            char* data = nullptr;
-            const auto length = parsed.hasRouteData() ? parsed.getRouteData(&data) : 0;
-            if (length > 0) text << ' ' << std::string(data, length);
-            if (parsed.hasUnsupportedMessageType())
-                text << ' ' << +parsed.getUnsupportedMessageType();
-            return text.str() + (lowPriority ? ", low priority" : "");
+            VirtualChannelAgent::VCMessage message;
+            message.parseFromArray(bytes.data(), static_cast<unsigned int>(bytes.size()));
+            return textOf(message) + (lowPriority ? ", low priority" : "");
         }
     };
 

@@ -23,6 +23,8 @@
 
 namespace testsupport {
 
+class FakeMachine;
+
 // A segment as the agent set it up, seen from its other end.
 class FakeSegment : public shared_memory::SharedMemoryI,
                     public std::enable_shared_from_this<FakeSegment> {
@@ -30,14 +32,7 @@ public:
     enum class Reader { Takes, Refuses, IsStuck };
     using Kind = VirtualChannelAgent::AgentEnvironment::SegmentKind;
 
-    // `onSetUp` returns whether the segment can be set up.
-    FakeSegment(Kind kind, std::chrono::milliseconds closeTakes,
-                std::function<bool(FakeSegment&)> onSetUp,
-                std::function<void(FakeSegment&, const std::string&)> onWritten)
-        : m_kind(kind),
-          m_closeTakes(closeTakes),
-          m_onSetUp(std::move(onSetUp)),
-          m_onWritten(std::move(onWritten)) {}
+    FakeSegment(FakeMachine& machine, Kind kind) : m_machine(machine), m_kind(kind) {}
 
     // The local process.
     std::atomic<bool> takesAtOnce{false};
@@ -75,30 +70,10 @@ public:
     bool Open(const std::string& name, unsigned int size) override {
         return setUp("opened ", name, size);
     }
-    bool Close() override {
-        if (std::exchange(m_isClosed, true)) std::abort();  // twice
-        if (m_open) std::this_thread::sleep_for(m_closeTakes);
-        std::lock_guard lock(m_mutex);
-        m_open = false;
-        m_changed.notify_all();
-        return true;
-    }
+    bool Close() override;
     shared_memory::OpenError openError() override { return {shared_memory::OpenFailure::NoSpace}; }
     std::string getName() override { return m_name; }
-    // A stuck reader blocks a writer as long as a real one would: 2000 ms, or until closed.
-    bool WriteData(const void* data, const unsigned int& length) override {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait_for(lock, std::chrono::milliseconds(2000),
-                           [&] { return !m_open || m_reader != Reader::IsStuck; });
-        const bool taken = m_open && m_reader == Reader::Takes;
-        if (!taken) {
-            m_failedWrites++;
-            return false;
-        }
-        m_written.emplace_back(static_cast<const char*>(data), length);
-        m_onWritten(*this, m_written.back());
-        return true;
-    }
+    bool WriteData(const void* data, const unsigned int& length) override;
     bool TryWriteData(const void* data, unsigned int length) override {
         return takesAtOnce && WriteData(data, length);
     }
@@ -114,17 +89,10 @@ public:
     void unsubscribeAllObservers() override { subscribeObserver(nullptr); }
 
 private:
-    bool setUp(const char* how, const std::string& name, unsigned int size) {
-        m_name = name;
-        m_text = how + std::string(m_kind == Kind::Broadcast ? "broadcast " : "plain ") +
-                 std::to_string(size);
-        return m_open = m_onSetUp(*this);
-    }
+    bool setUp(const char* how, const std::string& name, unsigned int size);
 
+    FakeMachine& m_machine;
     const Kind m_kind;
-    const std::chrono::milliseconds m_closeTakes;
-    const std::function<bool(FakeSegment&)> m_onSetUp;
-    const std::function<void(FakeSegment&, const std::string&)> m_onWritten;
     std::string m_name;
     std::string m_text;
     std::atomic<bool> m_open{false};
@@ -161,6 +129,14 @@ public:
     std::atomic<int> pauses{0};
     std::atomic<int> pausedMs{0};
 
+    // Whether it can be set up.
+    bool add(FakeSegment& segment) {
+        onSegmentSetUp(segment);
+        if (segmentsFail) return false;
+        std::lock_guard lock(m_mutex);
+        m_byName[segment.getName()] = segment.shared_from_this();
+        return true;
+    }
     std::set<std::string> peerSegments() const {
         std::lock_guard lock(m_mutex);
         return m_peerSegments;
@@ -182,6 +158,7 @@ public:
                           [](const auto& segment) { return segment.second->isOpen(); }));
     }
 
+    int waiting() const { return m_waiting; }
     // Advances the clock by `ms`, which resumes the waiting thread, and returns when that waits
     // again. (Changing `clock` alone simulates a wall clock change.)
     bool pass(std::uint64_t ms) {
@@ -208,14 +185,7 @@ public:
         return set;
     }
     std::shared_ptr<shared_memory::SharedMemoryI> makeSegment(SegmentKind kind) override {
-        const auto onSetUp = [this](FakeSegment& segment) {
-            onSegmentSetUp(segment);
-            if (segmentsFail) return false;
-            std::lock_guard lock(m_mutex);
-            m_byName[segment.getName()] = segment.shared_from_this();
-            return true;
-        };
-        return std::make_shared<FakeSegment>(kind, closeTakes.load(), onSetUp, onWritten);
+        return std::make_shared<FakeSegment>(*this, kind);
     }
     bool isSegmentInUseElsewhere(const std::string& name) override {
         std::lock_guard lock(m_mutex);
@@ -247,5 +217,35 @@ private:
     std::atomic<int> m_waiting{0};
     std::atomic<int> m_waits{0};
 };
+
+inline bool FakeSegment::setUp(const char* how, const std::string& name, unsigned int size) {
+    m_name = name;
+    m_text = how + std::string(m_kind == Kind::Broadcast ? "broadcast " : "plain ") +
+             std::to_string(size);
+    return m_open = m_machine.add(*this);
+}
+
+inline bool FakeSegment::Close() {
+    if (std::exchange(m_isClosed, true)) std::abort();  // twice
+    if (m_open) std::this_thread::sleep_for(m_machine.closeTakes.load());
+    std::lock_guard lock(m_mutex);
+    m_open = false;
+    m_changed.notify_all();
+    return true;
+}
+
+// A stuck reader blocks a writer as long as a real one would: 2000 ms, or until closed.
+inline bool FakeSegment::WriteData(const void* data, const unsigned int& length) {
+    std::unique_lock lock(m_mutex);
+    m_changed.wait_for(lock, std::chrono::milliseconds(2000),
+                       [&] { return !m_open || m_reader != Reader::IsStuck; });
+    if (!m_open || m_reader != Reader::Takes) {
+        m_failedWrites++;
+        return false;
+    }
+    m_written.emplace_back(static_cast<const char*>(data), length);
+    m_machine.onWritten(*this, m_written.back());
+    return true;
+}
 
 }  // namespace testsupport

@@ -84,7 +84,6 @@ TEST(VCMessage, HasTheBytesOfTheFormat) {
         "\xCD\xCD\x00\x00\x02\x19\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
         "Basic",
         45);
-    EXPECT_EQ(serialised(sent), example);
     EXPECT_EQ(wireOf(sent), example);
     EXPECT_EQ(message(6, block(2, "Basic")), example);
 }
@@ -118,17 +117,8 @@ TEST(VCMessage, CarriesEveryFieldToTheOtherEnd) {
     ASSERT_TRUE(parse(copied, bytes));
     ASSERT_TRUE(parseInPlace(inPlace, bytes));
     for (const VCMessage* received : {&copied, &inPlace}) {
-        EXPECT_EQ(received->getMessageType(), CTL_CONNECTED);
-        EXPECT_EQ(received->getUnsupportedMessageType(), 0xFE);
-        EXPECT_EQ(received->getStreamName(), "Generic");
-        EXPECT_EQ(received->getStreamType(), 1u);
-        EXPECT_EQ(received->getStreamSize(), 0xFFFFFFFFu);
-        EXPECT_EQ(routeData(*received), std::string("a\0b", 3));
-        EXPECT_EQ(received->getSupportedStreams(), "Basic-Media-");
-        EXPECT_EQ(received->getChannelVersion(), "1.0.679.0");
-        EXPECT_EQ(received->getInternalVersion(), "-1");
-        EXPECT_EQ(received->getClientVersion(), "");
-        EXPECT_TRUE(received->hasClientVersion());
+        EXPECT_EQ(testsupport::textOf(*received),
+                  std::string("4 Generic 1 4294967295 Basic-Media- 1.0.679.0 -1  a\0b 254", 57));
         EXPECT_EQ(serialised(*received), bytes);
     }
     EXPECT_EQ(log.lines(), Lines{});
@@ -138,6 +128,8 @@ TEST(VCMessage, LogsWhichFieldIsMissing) {
     const VCMessage empty;
     char* data = nullptr;
     LogCapture log;
+    EXPECT_EQ(testsupport::textOf(empty), "0");  // has no field
+    EXPECT_EQ(log.lines(), Lines{});
     EXPECT_EQ(empty.getUnsupportedMessageType() + empty.getStreamType() + empty.getStreamSize() +
                   empty.getRouteData(&data),
               0u);
@@ -151,10 +143,6 @@ TEST(VCMessage, LogsWhichFieldIsMissing) {
               (Lines{"getClientVersion failed", "getMessageType failed", "getRouteData failed",
                      "getStreamName failed", "getStreamSize failed", "getStreamType failed",
                      "getSupportedStreams failed", "getVersion failed", "getVersion failed"}));
-    EXPECT_FALSE(empty.hasUnsupportedMessageType() || empty.hasStreamName() ||
-                 empty.hasStreamType() || empty.hasStreamSize() || empty.hasRouteData() ||
-                 empty.hasSupportedStreams() || empty.hasChannelVersion() ||
-                 empty.hasInternalVersion() || empty.hasClientVersion());
 }
 
 TEST(VCMessage, MayHaveAnyTypeAndAnyChecksum) {
@@ -179,8 +167,6 @@ TEST(VCMessage, NeedsABufferOfItsSize) {
     std::string buffer(message.byteSize(), '?');
     LogCapture log;
     EXPECT_FALSE(message.serializeToArray(nullptr, 1000));
-    EXPECT_FALSE(message.serializeToArray(buffer.data(), 0));
-    EXPECT_EQ(log.lines(), Lines{});
     EXPECT_FALSE(message.serializeToArray(buffer.data(), message.byteSize() - 1));
     EXPECT_EQ(log.lines(), Lines{"Buffer size is not enough."});
     EXPECT_EQ(buffer, std::string(message.byteSize(), '?'));
@@ -292,7 +278,6 @@ TEST(VCDataBlock, HasTheBytesOfTheFormatAndGivesItsValueBack) {
     const auto bytesOf = [](const VCDataBlock& block) {
         return std::string(block.data(), block.size());
     };
-    EXPECT_EQ(bytesOf(VCDataBlock(2, std::string("Basic"))), block(2, "Basic"));
     EXPECT_EQ(bytesOf(VCDataBlock(3, 0x01020304u)), block(3, number(0x01020304)));
     EXPECT_EQ(bytesOf(VCDataBlock(5, "\0x", 2)), block(5, std::string("\0x", 2)));
     EXPECT_EQ(bytesOf(VCDataBlock(5, nullptr, 3u)), block(5, std::string(3, '\0')));
@@ -307,9 +292,8 @@ TEST(VCDataBlock, HasTheBytesOfTheFormatAndGivesItsValueBack) {
     EXPECT_EQ(text.getIntData(), 0x72756F66u);  // "four" as an integer
     EXPECT_EQ(VCDataBlock(2, std::string("fives")).getIntData(), 0u);
     char* value = nullptr;
-    EXPECT_EQ(text.getByteData(nullptr), 0u);
+    EXPECT_EQ(text.getByteData(nullptr) + VCDataBlock(2, std::string()).getByteData(&value), 0u);
     EXPECT_EQ(text.getByteData(&value), 4u);
-    EXPECT_EQ(VCDataBlock(2, std::string()).getByteData(&value), 0u);
     EXPECT_EQ(value, text.data() + 20);
 }
 
@@ -326,7 +310,6 @@ TEST(VCDataBlock, IsInvalidWhenItIsNotABlock) {
         EXPECT_FALSE(VCDataBlock::verifyData(bytes.data(), length));
         expectInvalid(VCDataBlock(bytes.data(), length));
     }
-    expectInvalid(VCDataBlock(static_cast<const char*>(nullptr), 25u));
     VCDataBlock cleared(2, std::string("Basic"));
     cleared.clear();
     expectInvalid(cleared);

@@ -9,6 +9,8 @@ target_sources(norvo_tests PRIVATE
 target_link_libraries(norvo_tests PRIVATE norvo_agent norvo_packets)
 set_property(SOURCE AgentSessionTest.cpp TARGET_DIRECTORY norvo_tests
     APPEND PROPERTY COMPILE_DEFINITIONS SESSION_TRANSCRIPT="${CMAKE_CURRENT_LIST_DIR}/AgentSession.txt")
+set_property(SOURCE AgentHostileTest.cpp TARGET_DIRECTORY norvo_tests
+    APPEND PROPERTY COMPILE_DEFINITIONS RECEIVE_PATH_SEEDS="${PROJECT_SOURCE_DIR}/fuzz/corpus/ReceivePath")
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
     APPEND PROPERTY COMPILE_DEFINITIONS LLVMFuzzerTestOneInput=fuzzReceivePath)
 set_property(SOURCE ${PROJECT_SOURCE_DIR}/fuzz/ReceivePath.cpp TARGET_DIRECTORY norvo_tests
