@@ -107,28 +107,23 @@ private:
     std::map<std::int32_t, Counts> m_table;
 };
 
-struct Traffic {
-    explicit Traffic(unsigned int seed) : random(seed) {}
-
-    std::uint32_t below(std::uint32_t bound) {
-        return std::uniform_int_distribution<std::uint32_t>(0, bound - 1)(random);
-    }
-
-    // Few IDs, totals and sequences, so that they collide; occasionally an odd one.
-    std::pair<Header, std::string> next() {
-        static constexpr std::uint32_t kOdd[] = {0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
-        const std::string payload(below(8) == 0 ? below(9000) : below(60),
-                                  static_cast<char>('a' + below(26)));
-        const auto length = static_cast<std::uint32_t>(payload.size());
-        Header header = part(below(6), 1 + below(4), 1 + below(4), length + below(9) * below(40));
-        if (below(20) == 0) header.sequence = kOdd[below(5)];
-        if (below(20) == 0) header.totalPackets = kOdd[below(5)];
-        if (below(20) == 0) header.packetId = kOdd[below(5)];
-        if (below(50) == 0) header.messageSize = below(2) ? 0x80000018 : 0xFFFFFFFF;
-        return {header, payload};
-    }
-    std::mt19937 random;
-};
+// A packet with few IDs, totals and sequences, so that they collide; occasionally an odd one.
+std::pair<Header, std::string> anyPacket(std::mt19937& random) {
+    static constexpr std::uint32_t kOdd[] = {0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
+    const auto below = [&](unsigned int bound) {
+        return static_cast<std::uint32_t>(random() % bound);
+    };
+    const std::string payload(below(8) == 0 ? below(9000) : below(60),
+                              static_cast<char>('a' + below(26)));
+    const auto length = static_cast<std::uint32_t>(payload.size());
+    Header header = part(below(6), 1 + below(4), 1 + below(4), length + below(9) * below(40));
+    if (below(20) == 0) header.sequence = kOdd[below(5)];
+    if (below(20) == 0) header.totalPackets = kOdd[below(5)];
+    if (below(20) == 0) header.packetId = kOdd[below(5)];
+    if (below(50) == 0) header.messageSize = below(2) ? 0x80000018 : 0xFFFFFFFF;
+    header.payloadSize = length;
+    return {header, payload};
+}
 
 }  // namespace
 
@@ -138,11 +133,10 @@ TEST(ReassemblyModel, AgreesOnMessagesOrderAndLogLines) {
         Model model;
         Receiver receiver;
         Packetization packetization(&receiver, 1500);
-        Traffic traffic(static_cast<unsigned int>(seed));
+        std::mt19937 random(static_cast<unsigned int>(seed));
         testsupport::LogCapture log;
         for (int i = 0; i < 400; ++i) {
-            auto [header, payload] = traffic.next();
-            header.payloadSize = static_cast<std::uint32_t>(payload.size());
+            const auto [header, payload] = anyPacket(random);
             const Packet packet(header, payload.data());
             ASSERT_TRUE(packet.isPacketValid());
             model.enqueue(header, payload);
