@@ -46,8 +46,9 @@ protected:
     }
     std::future<StreamSend> streamSends(const std::string& message) {
         return std::async(std::launch::async, [this, message] {
-            return m_channel.SendStreamData(message.data(),
-                                            static_cast<unsigned int>(message.size()), false,
+            const auto bytes = std::as_bytes(std::span(message));
+            const auto half = bytes.size() / 2;
+            return m_channel.SendStreamData({bytes.first(half), bytes.subspan(half)}, false,
                                             [] { return true; });
         });
     }

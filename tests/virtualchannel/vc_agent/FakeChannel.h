@@ -101,11 +101,14 @@ public:
         m_sent.push_back(std::move(sent));
         return 0;
     }
-    NorvoVirtualChannel::StreamSend SendStreamData(const void* data, unsigned int length,
+    NorvoVirtualChannel::StreamSend SendStreamData(const VDIFrameworkCommon::SplitBytes& message,
                                                    bool lowPriority,
-                                                   const std::function<bool()>& goesOn) override {
+                                                   const std::function<bool()>&) override {
         if (refusals > 0 && refusals-- > 0) return NorvoVirtualChannel::StreamSend::NotSent;
-        return VirtualChannel::SendStreamData(data, length, lowPriority, goesOn);
+        std::string bytes(message.size(), 0);
+        message.copy(0, bytes.size(), reinterpret_cast<std::byte*>(bytes.data()));
+        SendData(bytes.data(), static_cast<unsigned int>(bytes.size()), lowPriority);
+        return NorvoVirtualChannel::StreamSend::Sent;
     }
     void AddObserver(NorvoVirtualChannel::Observer* observer) override {
         std::lock_guard lock(m_observerMutex);

@@ -237,8 +237,12 @@ TEST(VCMessage, LeavesOutAFieldThatDoesNotFit) {
     EXPECT_EQ(log.lines(),
               (Lines{"Malloc failed, size: 4294967300", "Malloc failed, size: 4294967275"}));
     EXPECT_FALSE(message.hasRouteData());
+    EXPECT_EQ(message.wireBytesBefore(0xFFFFFFFF - 40).size(), 0U);
+    const auto head = message.wireBytesBefore(5);
     message.setRouteData(nullptr, 5);
     EXPECT_EQ(routeData(message), std::string(5, '\0'));
+    EXPECT_TRUE(std::ranges::equal(std::span(head.data(), head.size()),
+                                   message.wireBytes().first(message.byteSize() - 5)));
     for (unsigned int i = 0; i < 2000; ++i) message.setStreamSize(i);
     EXPECT_EQ(message.getTotalDataSize(), 2 * 25u + 2000 * 24u);
     VCMessage received;

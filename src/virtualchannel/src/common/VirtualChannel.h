@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "ChannelKinds.h"
+#include "SplitBytes.h"
 
 namespace NorvoVirtualChannel {
 
@@ -64,11 +65,8 @@ public:
     // shut down, and when `goesOn()` has become false (call WakeStreamSenders() then). `goesOn` is
     // called with a lock held and must not take one. One message of a stream at a time; any thread
     // that is not inside a callback. Never throws.
-    virtual StreamSend SendStreamData(const void* data, unsigned int length, bool lowPriority,
-                                      const std::function<bool()>& /*goesOn*/) {
-        SendData(data, length, lowPriority);
-        return StreamSend::Sent;
-    }
+    virtual StreamSend SendStreamData(const VDIFrameworkCommon::SplitBytes& message,
+                                      bool lowPriority, const std::function<bool()>& goesOn) = 0;
     // Makes waiting SendStreamData() calls check their `goesOn()` again.
     virtual void WakeStreamSenders() {}
 };

@@ -9,6 +9,8 @@
 
 namespace NorvoVirtualChannel {
 
+using VDIFrameworkCommon::SplitBytes;
+
 namespace {
 
 // Packets that share one block of memory, which is freed with the last of them.
@@ -21,10 +23,11 @@ std::uint32_t payloadMaxOf(int maxPacketSize) {
 }
 
 // 0 when the message cannot be cut.
-std::uint32_t packetsNeeded(const void* data, unsigned int length, int maxPacketSize) {
+std::uint32_t packetsNeeded(const SplitBytes& message, int maxPacketSize) {
     constexpr auto largest =
         static_cast<unsigned int>(std::numeric_limits<std::int32_t>::max()) - kPacketHeaderSize;
-    if (length > largest || (!data && length > 0)) return 0;
+    if (message.size() > largest || (!message.first.data() && !message.first.empty())) return 0;
+    const auto length = static_cast<std::uint32_t>(message.size());
     if (maxPacketSize < static_cast<int>(kPacketHeaderSize)) return 0;
     if (length == 0) return 1;
     const std::uint32_t payloadMax = payloadMaxOf(maxPacketSize);
@@ -34,16 +37,19 @@ std::uint32_t packetsNeeded(const void* data, unsigned int length, int maxPacket
 }  // namespace
 
 MessageCutter::MessageCutter(const void* data, unsigned int length, int maxPacketSize)
-    : m_data(static_cast<const std::byte*>(data)),
-      m_length(length),
+    : MessageCutter({{static_cast<const std::byte*>(data), length}, {}}, maxPacketSize) {}
+
+MessageCutter::MessageCutter(const SplitBytes& message, int maxPacketSize)
+    : m_message(message),
+      m_length(static_cast<std::uint32_t>(message.size())),
       m_payloadMax(payloadMaxOf(maxPacketSize)),
-      m_total(packetsNeeded(data, length, maxPacketSize)),
+      m_total(packetsNeeded(message, maxPacketSize)),
       m_id(UIDGenerator::GetInstance()->GetNextUID()),
       m_remaining(m_total) {
-    NORVO_LOG(Trace, "Packetizing ", length, " bytes of data.");
+    NORVO_LOG(Trace, "Packetizing ", message.size(), " bytes of data.");
     NORVO_LOG(Trace, "Packets needed: ", m_total);
     NORVO_LOG(Trace, "send message id: ", m_id, ", numPackets: ", m_total);
-    if (m_total == 0) NORVO_LOG(Error, "Unable to packetize a message, length: ", length);
+    if (m_total == 0) NORVO_LOG(Error, "Unable to packetize a message, length: ", message.size());
 }
 
 MessageCutter::~MessageCutter() {
@@ -71,8 +77,9 @@ std::unique_ptr<Packet> MessageCutter::next() {
     NORVO_LOG(Trace, "Freeing temporary memory.");
     if (m_remaining == 0) NORVO_LOG(Trace, "Returning the dequeue.");
     std::byte* const wire = std::exchange(m_wire, m_wire + kPacketHeaderSize + size);
-    return std::unique_ptr<Packet>(::new (m_block->place(m_built++)) Packet(
-        common, sequence, {m_data + offset, size}, *m_block, wire));
+    m_message.copy(offset, size, wire + kPacketHeaderSize);
+    return std::unique_ptr<Packet>(::new (m_block->place(m_built++))
+                                       Packet(common, sequence, size, *m_block, wire));
 }
 
 }  // namespace NorvoVirtualChannel

@@ -44,16 +44,14 @@ inline void PacketBlock::release() {
 
 // Copying a header that has just been written field by field is slow: the load waits for the stores
 // of the fields. So copy one that was written earlier.
-inline Packet::Packet(const Header& common, std::uint32_t sequence,
-                      std::span<const std::byte> payload, PacketBlock& block, std::byte* wire)
+inline Packet::Packet(const Header& common, std::uint32_t sequence, std::uint32_t payloadSize,
+                      PacketBlock& block, std::byte* wire)
     : m_header(common), m_payload(wire + kPacketHeaderSize), m_block(&block) {
-    const auto size = static_cast<std::uint32_t>(payload.size());
     m_header.sequence = sequence;
-    m_header.payloadSize = size;
+    m_header.payloadSize = payloadSize;
     std::memcpy(wire, &common, kPacketHeaderSize);
     std::memcpy(wire + offsetof(Header, sequence), &sequence, sizeof sequence);
-    std::memcpy(wire + offsetof(Header, payloadSize), &size, sizeof size);
-    if (size > 0) std::memcpy(wire + kPacketHeaderSize, payload.data(), size);
+    std::memcpy(wire + offsetof(Header, payloadSize), &payloadSize, sizeof payloadSize);
 }
 
 }  // namespace NorvoVirtualChannel

@@ -13,6 +13,7 @@
 #include "LocalMutex.h"
 #include "PacketHeader.h"
 #include "PendingMessages.h"
+#include "SplitBytes.h"
 
 namespace NorvoVirtualChannel {
 
@@ -79,9 +80,10 @@ private:
     friend class Packetization;
     struct BorrowTag {};
     Packet(BorrowTag, const void* raw, unsigned int length);
-    // One packet of a block, with its bytes at `wire`. `common` is the header without sequence and
-    // payload size. The arguments come from the packetizer and are not validated.
-    Packet(const Header& common, std::uint32_t sequence, std::span<const std::byte> payload,
+    // One packet of a block, with its bytes at `wire`: the caller writes the payload behind the
+    // header. `common` is the header without sequence and payload size. The arguments come from the
+    // packetizer and are not validated.
+    Packet(const Header& common, std::uint32_t sequence, std::uint32_t payloadSize,
            PacketBlock& block, std::byte* wire);
     // Checks received bytes and fills the header as far as it is valid.
     bool parse(const void* raw, unsigned int length);
@@ -122,9 +124,10 @@ private:
 // time.
 class MessageCutter {
 public:
-    // Takes the next message ID. `data` must stay unchanged until everything has been cut.
+    // Takes the next message ID. The message must stay unchanged until everything has been cut.
     // `maxPacketSize` includes the header. A message longer than 2 GiB - 25, null with a length, or
     // without room for payload in a packet yields no packets.
+    MessageCutter(const VDIFrameworkCommon::SplitBytes& message, int maxPacketSize);
     MessageCutter(const void* data, unsigned int length, int maxPacketSize);
     ~MessageCutter();
     MessageCutter(const MessageCutter&) = delete;
@@ -139,8 +142,8 @@ public:
 private:
     void beginBlock();
 
-    const std::byte* const m_data;
-    const unsigned int m_length;
+    const VDIFrameworkCommon::SplitBytes m_message;
+    const std::uint32_t m_length;
     const std::uint32_t m_payloadMax;
     const std::uint32_t m_total;
     const std::uint32_t m_id;

@@ -108,7 +108,7 @@ void Agent::Stream::onNewMessageReceived(std::string message,
                                          shared_memory::SharedMemoryI* /*source*/) {
     if (!m_running || m_context.stopping || message.empty()) return;
     use.note();
-    m_link.sendRoutedData(m_name, m_type, m_size, std::move(message), m_lowPriority, m_running);
+    m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority, m_running);
 }
 
 void Agent::Stream::WriterProcessingThread() {

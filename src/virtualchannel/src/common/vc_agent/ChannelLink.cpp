@@ -24,24 +24,24 @@ void ChannelLink::SendMessageToChannel(const VCMessage& message, bool lowPriorit
 }
 
 void ChannelLink::sendRoutedData(const std::string& streamName, StreamType type, unsigned int size,
-                                 std::string data, bool lowPriority,
+                                 std::string_view data, bool lowPriority,
                                  const std::atomic<bool>& goesOn) {
     VCMessage message;
     message.setMessageType(CTL_S_ROUTE);
     message.setStreamName(streamName);
     message.setStreamType(static_cast<unsigned int>(type));
     message.setStreamSize(size);
-    message.setRouteData(data.data(), static_cast<unsigned int>(data.size()));
-    std::string().swap(data);  // the wait may be long
-    const auto bytes = message.wireBytes();
+    const MessageBytes head = message.wireBytesBefore(data.size());
+    if (head.size() == 0) return;
+    const VDIFrameworkCommon::SplitBytes bytes{{head.data(), head.size()},
+                                               std::as_bytes(std::span(data))};
     std::uint64_t generation = kNone;
     const auto asBefore = [&] { return goesOn && m_generation == generation; };
     StreamSend result = StreamSend::NotSent;
     while (result == StreamSend::NotSent) {
         VirtualChannel* const target = waitForConnection(generation, goesOn);
         if (!target) return;
-        result = target->SendStreamData(bytes.data(), static_cast<unsigned int>(bytes.size()),
-                                        lowPriority, asBefore);
+        result = target->SendStreamData(bytes, lowPriority, asBefore);
     }
     if (result == StreamSend::Dropped) {
         AGENT_LOG(m_context, Notice,

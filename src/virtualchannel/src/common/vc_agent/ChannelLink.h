@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "AgentContext.h"
 #include "LockOrder.h"
@@ -34,7 +35,7 @@ public:
     // `goesOn` is true; call wakeSenders() when it becomes false. A message that is partly sent
     // when the connection ends is dropped; one not yet begun is sent on the next connection.
     void sendRoutedData(const std::string& streamName, StreamType type, unsigned int size,
-                        std::string data, bool lowPriority,
+                        std::string_view data, bool lowPriority,
                         const std::atomic<bool>& goesOn) NORVO_TAKES_LEAF;
     void wakeSenders() NORVO_TAKES_LEAF;
 

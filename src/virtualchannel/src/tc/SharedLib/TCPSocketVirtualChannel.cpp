@@ -6,6 +6,8 @@
 
 namespace NorvoVirtualChannel::tc {
 
+using VDIFrameworkCommon::SplitBytes;
+
 namespace {
 constexpr ChannelProfile kProfile{
     .type = kTcpSocket,
@@ -35,10 +37,9 @@ int TCPSocketVirtualChannel::SendData(const void* data, unsigned int length, boo
     return TransportChannel::SendData(data, length, false);
 }
 
-StreamSend TCPSocketVirtualChannel::SendStreamData(const void* data, unsigned int length,
-                                                   bool /*lowPriority*/,
+StreamSend TCPSocketVirtualChannel::SendStreamData(const SplitBytes& message, bool /*lowPriority*/,
                                                    const std::function<bool()>& goesOn) {
-    return TransportChannel::SendStreamData(data, length, false, goesOn);
+    return TransportChannel::SendStreamData(message, false, goesOn);
 }
 
 void TCPSocketVirtualChannel::shutdownSteps() {

@@ -15,7 +15,7 @@ public:
     ~TCPSocketVirtualChannel() override;
 
     int SendData(const void* data, unsigned int length, bool lowPriority) override;
-    StreamSend SendStreamData(const void* data, unsigned int length, bool lowPriority,
+    StreamSend SendStreamData(const VDIFrameworkCommon::SplitBytes& message, bool lowPriority,
                               const std::function<bool()>& goesOn) override;
 
 private:

@@ -17,6 +17,7 @@ namespace NorvoVirtualChannel::tc {
 
 using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::LocalLock;
+using VDIFrameworkCommon::SplitBytes;
 using namespace std::chrono_literals;
 
 namespace {
@@ -40,8 +41,8 @@ struct TransportChannel::Parts {
 // An outgoing message, cut into work items that pass its packets to the host.
 class TransportChannel::OutgoingMessage final : public Turnstile::Message {
 public:
-    OutgoingMessage(const ChannelProfile& profile, const void* data, unsigned int length)
-        : m_profile(profile), m_cutter(data, length, profile.maxMsgSize) {
+    OutgoingMessage(const ChannelProfile& profile, const SplitBytes& message)
+        : m_profile(profile), m_cutter(message, profile.maxMsgSize) {
         CHANNEL_LOG(Trace, "Iterating ", m_cutter.total(), " packet(s).");
     }
     std::size_t remaining() const override { return m_cutter.remaining(); }
@@ -148,14 +149,14 @@ int TransportChannel::SendData(const void* data, unsigned int length, bool lowPr
     CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message", [&] {
         std::vector<WorkItem> packets;
-        OutgoingMessage message(m_profile, data, length);
+        OutgoingMessage message(m_profile, {{static_cast<const std::byte*>(data), length}, {}});
         message.cut(message.remaining(), packets);
         parts->worker.AddWork(packets, lowPriority);
     });
     return 0;
 }
 
-StreamSend TransportChannel::SendStreamData(const void* data, unsigned int length, bool lowPriority,
+StreamSend TransportChannel::SendStreamData(const SplitBytes& bytes, bool lowPriority,
                                             const std::function<bool()>& goesOn) {
     CHANNEL_LOG(Trace, m_profile.name, "::SendStreamData()");
     const auto parts = this->parts();
@@ -163,7 +164,7 @@ StreamSend TransportChannel::SendStreamData(const void* data, unsigned int lengt
     StreamSend result = StreamSend::Dropped;
     CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message of a stream", [&] {
-        OutgoingMessage message(m_profile, data, length);
+        OutgoingMessage message(m_profile, bytes);
         result = m_turnstile.pass(message, lowPriority, parts->worker, goesOn);
     });
     return result;

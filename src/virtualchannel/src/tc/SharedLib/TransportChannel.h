@@ -71,7 +71,7 @@ public:
     void* GetClientWindowHandleFromServerWindowHandle(void* serverWindow) override;
     void onAgentStateChange(bool connected) override;
     void ForgetIncompleteMessages() override;
-    StreamSend SendStreamData(const void* data, unsigned int length, bool lowPriority,
+    StreamSend SendStreamData(const VDIFrameworkCommon::SplitBytes& message, bool lowPriority,
                               const std::function<bool()>& goesOn) override;
     void WakeStreamSenders() override { m_turnstile.wakeSenders(); }
     bool WaitUntilSent(std::chrono::milliseconds limit) override;

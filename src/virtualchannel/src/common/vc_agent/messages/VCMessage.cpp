@@ -162,6 +162,21 @@ void VCMessage::setRouteData(const char* data, unsigned int length) {
     }
 }
 
+MessageBytes VCMessage::wireBytesBefore(std::size_t length) const {
+    constexpr std::size_t kLargest = std::numeric_limits<std::uint32_t>::max();
+    MessageBytes bytes(m_bytes);
+    const bool fits = length <= kLargest - kHeaderSize - bytes.size();
+    std::byte* const block = fits ? bytes.append(kHeaderSize) : nullptr;
+    if (!block) {
+        NORVO_LOG(Error, "Malloc failed, size: ", kHeaderSize + length);
+        return {};
+    }
+    const auto dataSize = static_cast<std::uint32_t>(length);
+    RecordHeader{RecordHeader::kBlockFlag, RouteData, kHeaderSize + dataSize}.write(block);
+    RecordHeader{RecordHeader::kMessageFlag, m_type, bytes.size() + dataSize}.write(bytes.own());
+    return bytes;
+}
+
 unsigned int VCMessage::getRouteData(char** out) const {
     const auto block = find(RouteData);
     if (block.empty()) {

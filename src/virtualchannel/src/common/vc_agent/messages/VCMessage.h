@@ -83,6 +83,11 @@ public:
     unsigned int getRouteData(char** out) const;
     bool hasRouteData() const;
 
+    // What goes on the wire before `length` bytes of routed data, which the sender keeps where they
+    // are: the message with that field added. Empty, after a log line, when there is no memory for
+    // it or the whole would exceed 4 GiB.
+    MessageBytes wireBytesBefore(std::size_t length) const;
+
     // Stream names, each followed by "-".
     void setSupportedStreams(const std::string& streams);
     std::string getSupportedStreams() const;
