@@ -10,6 +10,7 @@
 
 #include "FakeChannel.h"
 #include "FakeMachine.h"
+#include "InfoSegments.h"
 #include "LogCapture.h"
 #include "VDIClientInfo.h"
 #include "VirtualChannelAgent.h"
@@ -22,11 +23,9 @@ inline constexpr unsigned int kRead = 0;
 inline constexpr unsigned int kWrite = 1;
 
 inline std::string infoOutputName() {
-    return VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName() + "_Info_VC2STREAM";
+    return VDIFrameworkCommon::infoNotificationsName("NorvoCrews");
 }
-inline std::string infoInputName() {
-    return VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName() + "_Info_STREAM2VC";
-}
+inline std::string infoInputName() { return VDIFrameworkCommon::infoRequestsName("NorvoCrews"); }
 
 // One side of a channel.
 struct AgentSide {

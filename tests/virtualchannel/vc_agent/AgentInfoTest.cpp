@@ -27,25 +27,6 @@ TEST_F(AgentInfo, KeepsWhatThePeerAndTheClientAre) {
     EXPECT_EQ(m_side.agent->getHvdClientInfoManager()->second(), 0U);
 }
 
-TEST_F(AgentInfo, AnAgentWithoutAChannelGetsOneLater) {
-    m_side.agent->SetVirtualChannel(nullptr);
-    EXPECT_FALSE(m_channel.isObserved());
-    for (const auto* unanswered : {"FlushLog", "IsSeamless", "IsMultiSession", "GetWindowHandle|1",
-                                   "RequestEnviromentType"}) {
-        m_side.request(unanswered);
-    }
-    EXPECT_EQ(m_side.notifications(1), Texts{"EnviromentType|unknown"});
-    FakeChannel later;
-    m_side.agent->SetVirtualChannel(&later);
-    EXPECT_TRUE(later.isObserved());
-    later.deliver(control(CTL_CONNECT));
-    EXPECT_EQ(later.sentCount(), 1U);
-    EXPECT_EQ(m_channel.sentCount(), 0U);
-    m_side.agent->stop();
-    m_side.agent->SetVirtualChannel(&later);
-    EXPECT_FALSE(later.isObserved());
-}
-
 TEST_F(AgentInfo, TheLogIsWrittenOutAtBothEndsAndMovesToAnotherDirectory) {
     TempDir dir;
     for (const std::string ending : {"/a/b", "/c/"}) {

@@ -118,6 +118,8 @@ const std::map<std::string, void (*)(AgentSide&)> kEvents{
          EXPECT_TRUE(eventually([&] { return side.machine->waiting() == 2; }));
      }},
     {"the wall clock is set back", [](AgentSide& side) { side.machine->clock -= 100'000; }},
+    {"the channel is taken away", [](AgentSide& side) { side.agent->SetVirtualChannel(nullptr); }},
+    {"the channel comes", [](AgentSide& side) { side.agent->SetVirtualChannel(&side.channel); }},
     {"the session is seamless", [](AgentSide& side) { side.channel.seamless = true; }},
     {"agent stops", [](AgentSide& side) { side.agent->stop(); }},
 };

@@ -193,7 +193,7 @@ TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
     const std::string tooLong(300, 'x');
     const Texts forbidden{"",     "/",     "../x",         "a/b", nul, "line\nbreak",
                           "\x7F", tooLong, infoInputName()};
-    const auto before = m_side.machine->segmentCount();
+    const auto before = m_side.machine->openSegments();
     for (const auto& name : forbidden) {
         for (const auto type : {kRead, kWrite}) {
             m_channel.deliver(aboutStream(CTL_S_CREATE, name, type));
@@ -203,7 +203,7 @@ TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
     for (const auto size : {0U, kMaxStreamSize + 1, 0xFFFFFFFFU}) {
         m_channel.deliver(aboutStream(CTL_S_CREATE, "Media", kWrite, size));
     }
-    EXPECT_EQ(m_side.machine->segmentCount(), before);
+    EXPECT_EQ(m_side.machine->openSegments(), before);
     EXPECT_EQ(m_side.segment(infoInputName())->text(), "opened broadcast 10240");
     m_channel.deliver(routed(infoOutputName(), "SessionDown"));
     m_side.request("RequestEnviromentType");
@@ -211,10 +211,10 @@ TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
 }
 
 TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProcesses) {
-    const auto own = m_side.machine->segmentCount();
+    const int own = m_side.machine->openSegments();
     // The number of segments after both sides have requested `count` streams each.
     const auto askFor = [&](int count, unsigned int size) {
-        std::vector<std::size_t> made;
+        std::vector<std::uint64_t> made;
         for (const bool isFarSide : {true, false}) {
             for (int i = 0; i < count; ++i) {
                 const std::string name = (isFarSide ? "f" : "l") + std::to_string(i);
@@ -224,16 +224,16 @@ TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProces
                     m_side.request("CreateStream|" + name + "|" + std::to_string(size));
                 }
             }
-            made.push_back(static_cast<std::size_t>(m_side.machine->openSegments()) - own);
+            made.push_back(static_cast<std::uint64_t>(m_side.machine->openSegments() - own));
         }
         return made;
     };
-    using Counts = std::vector<std::size_t>;
+    using Counts = std::vector<std::uint64_t>;
     EXPECT_EQ(askFor(2000, 1), (Counts{kMaxPeerStreams, kMaxStreams - 1}));  // one is for INFO
     m_side.machine->setOpenElsewhere({});
     ASSERT_TRUE(m_side.machine->pass(500));
     ASSERT_TRUE(m_side.machine->pass(60'000));
-    EXPECT_EQ(m_side.machine->openSegments(), static_cast<int>(own));
+    EXPECT_EQ(m_side.machine->openSegments(), own);
     EXPECT_EQ(m_side.machine->peerSegments(), std::set<std::string>{});
     EXPECT_EQ(askFor(20, kMaxStreamSize), (Counts{kMaxPeerTotalSize / kMaxStreamSize,
                                                   kMaxTotalStreamSize / kMaxStreamSize - 1}));

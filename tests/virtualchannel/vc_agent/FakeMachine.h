@@ -147,10 +147,6 @@ public:
         const auto found = m_byName.find(name);
         return found == m_byName.end() ? nullptr : found->second;
     }
-    std::size_t segmentCount() const {
-        std::lock_guard lock(m_mutex);
-        return m_byName.size();
-    }
     int openSegments() const {
         std::lock_guard lock(m_mutex);
         return static_cast<int>(

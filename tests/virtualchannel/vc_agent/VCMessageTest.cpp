@@ -302,14 +302,10 @@ TEST(VCDataBlock, HasTheBytesOfTheFormatAndGivesItsValueBack) {
 }
 
 TEST(VCDataBlock, IsInvalidWhenItIsNotABlock) {
-    const std::string cases[] = {block(2, "Basic").substr(0, 24),
-                                 block(2, "Basic") + "!",
-                                 record('\xCB', 2, 25, "Basic"),
-                                 record('\xCD', 2, 26, "Basic"),
-                                 record('\xCD', 2, 0, ""),
-                                 block(2, "").substr(0, 19),
-                                 ""};
-    for (const auto& bytes : cases) {
+    const std::string good = block(2, "Basic");
+    for (const auto& bytes :
+         Lines{good.substr(0, 24), good + "!", record('\xCB', 2, 25, "Basic"),
+               record('\xCD', 2, 26, "Basic"), record('\xCD', 2, 0, ""), good.substr(0, 19), ""}) {
         const auto length = static_cast<unsigned int>(bytes.size());
         EXPECT_FALSE(VCDataBlock::verifyData(bytes.data(), length));
         expectInvalid(VCDataBlock(bytes.data(), length));
