@@ -203,8 +203,9 @@ TEST(AgentSession, GoesAsItsTranscriptSays) {
         });
         const Texts expected(std::exchange(line, next), next);
         session.happens(what.substr(2));
-        const Texts lines = output ? transcript->take(1000, std::chrono::milliseconds(300))
-                                   : transcript->take(expected.size(), std::chrono::seconds(20));
+        const Texts lines =
+            output ? transcript->take(1000, std::chrono::milliseconds(300))
+                   : transcript->take(expected.size(), std::chrono::seconds(HasFailure() ? 1 : 20));
         EXPECT_EQ(lines, expected) << what;
         for (const auto& each : lines) seen << each << '\n';
     }
