@@ -64,27 +64,20 @@ TEST_F(ClientTest, RefusesStreamsThatCannotBe) {
               Reason::InvalidArgument);
 }
 
-TEST_F(ClientTest, SaysWhyASegmentCannotBeSetUp) {
-    Client client(options());
-    ASSERT_TRUE(agentsEnd->Create("CTSmall", 10));
-    const bool grow = VDIFrameworkCommon::setExistingObjectsGrow(false);
-    const auto stream = client.openStream("CTSmall", Direction::Read, 1'000'000);
-    VDIFrameworkCommon::setExistingObjectsGrow(grow);
-    EXPECT_EQ(reasonOf(stream), Reason::CapacityMismatch);
-    EXPECT_GE(stream.status().existingCapacity(), 10U);
-    EXPECT_EQ(stream->write("x", 1, 1ms).reason(), Reason::CapacityMismatch);
-}
-
-TEST_F(ClientTest, HearsTheAgentOnceItsSegmentCanBeSetUp) {
+TEST_F(ClientTest, SaysWhyASegmentCannotBeSetUpAndHearsTheAgentOnceItCan) {
     useCrewsSegments();
     auto late = options();
     late.clientName = "CTLate";
     const auto taken = segmenttest::broadcast();
-    ASSERT_TRUE(taken->Create("CTLate_Info_VC2STREAM", 10));
+    ASSERT_TRUE(taken->Create("CTLate_Info_VC2STREAM", 10) && agentsEnd->Create("CTSmall", 10));
     const bool grow = VDIFrameworkCommon::setExistingObjectsGrow(false);
     Client client(late);
-    EXPECT_EQ(client.status().reason(), Reason::CapacityMismatch);
+    const auto stream = client.openStream("CTSmall", Direction::Read, 1'000'000);
     VDIFrameworkCommon::setExistingObjectsGrow(grow);
+    EXPECT_EQ(client.status().reason(), Reason::CapacityMismatch);
+    EXPECT_EQ(reasonOf(stream), Reason::CapacityMismatch);
+    EXPECT_GE(stream.status().existingCapacity(), 10U);
+    EXPECT_EQ(stream->write("x", 1, 1ms).reason(), Reason::CapacityMismatch);
     taken->Close();
     FakeAgent agent("CTLate");
     EXPECT_TRUE(client.waitUntilConnected(kLong));

@@ -114,16 +114,11 @@ TEST_F(ActiveAgentAcrossProcesses, AnythingElseUnderTheNameIsNotAMarkAndIsReplac
     unlink(other.c_str());
 }
 
-struct flock lockOf(short type) {
-    struct flock lock {};
-    lock.l_type = type;
-    return lock;
-}
-
 TEST_F(ActiveAgentAcrossProcesses, AFileThatOthersMayLockForWritingIsNotAMark) {
     EXPECT_TRUE(mark());
     clear();
-    auto lock = lockOf(F_WRLCK);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
     for (const mode_t mode : {mode_t{0644}, mode_t{0666}}) {
         const support::Descriptor file(open(m_path.c_str(), O_RDWR | O_CREAT, 0600));
         ASSERT_EQ(fchmod(file.get(), mode), 0);
@@ -139,7 +134,8 @@ CHILD_ROLE(agentStranger) {
     const auto holder = AgentMark::ofThisProcess().holderOf(victim);
     const std::string path = AgentMark::pathOf(victim);
     const int file = open(path.c_str(), O_RDONLY);
-    auto lock = lockOf(F_RDLCK);
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
     const bool readLocked = file >= 0 && fcntl(file, F_SETLK, &lock) == 0;
     const bool stopped = open(path.c_str(), O_RDWR) < 0 && unlink(path.c_str()) != 0;
     say((holder ? std::to_string(*holder) : "nobody") +

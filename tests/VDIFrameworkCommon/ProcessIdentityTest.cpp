@@ -9,13 +9,7 @@ using namespace frameworktest;
 
 namespace {
 
-ProcessIdentity::Word identityFrom(ChildProcess& child) { return std::stoull(child.readLine()); }
-
 void tellIdentity() { say(std::to_string(ProcessIdentity::own())); }
-
-bool comesToBeGone(ProcessIdentity::Word word) {
-    return eventually([&] { return ProcessIdentity::isGone(word); });
-}
 
 // With an argument, uses up its descriptors so that it cannot read its own start time.
 CHILD_ROLE(identityTeller) {
@@ -33,12 +27,12 @@ CHILD_ROLE(identityTeller) {
 TEST(ProcessIdentityAcrossProcesses, AZombieAndAReapedProcessAreGone) {
     for (const Texts& args : {Texts(), {"no descriptors"}}) {
         ChildProcess child("identityTeller", args);
-        const auto word = identityFrom(child);
+        const auto word = std::stoull(child.readLine());
         EXPECT_EQ(ProcessIdentity::pid(word), child.pid());
         EXPECT_FALSE(ProcessIdentity::isGone(word));
         EXPECT_FALSE(ProcessIdentity::isGone(word | ProcessIdentity::kUserBit));
         child.kill();
-        EXPECT_TRUE(comesToBeGone(word));
+        EXPECT_TRUE(eventually([&] { return ProcessIdentity::isGone(word); }));
         EXPECT_FALSE(ProcessIdentity::hasNoProcess(word));
         child.wait();
         EXPECT_TRUE(ProcessIdentity::isGone(word));
@@ -59,7 +53,7 @@ CHILD_ROLE(identityLeaver) {
 
 TEST(ProcessIdentityAcrossProcesses, AProcessWhoseFirstThreadHasExitedIsAlive) {
     ChildProcess child("identityLeaver");
-    const auto word = identityFrom(child);
+    const auto word = std::stoull(child.readLine());
     child.writeLine("speak");
     ASSERT_EQ(child.readLine(), "still here");
     for (int i = 0; i < 50; ++i) {
@@ -67,7 +61,7 @@ TEST(ProcessIdentityAcrossProcesses, AProcessWhoseFirstThreadHasExitedIsAlive) {
         usleep(200);
     }
     child.writeLine("leave");
-    EXPECT_TRUE(comesToBeGone(word));
+    EXPECT_TRUE(eventually([&] { return ProcessIdentity::isGone(word); }));
 }
 
 }  // namespace
