@@ -8,14 +8,17 @@
 #include <utility>
 #include <vector>
 
-#include "KLTLogger.h"
+#include "LogRepeats.h"
 
 namespace testsupport {
 
 class LogCapture {
 public:
-    // Enables all severities up to `threshold` while the capture lives.
-    explicit LogCapture(int threshold = KLT::kltlogger::Trace) : m_sink(std::make_shared<Sink>()) {
+    // Enables all severities up to `threshold` while the capture lives. NORVO_LOG_SUMMED_UP logs
+    // each line, unless `sumsUp`.
+    explicit LogCapture(int threshold = KLT::kltlogger::Trace, bool sumsUp = false)
+        : m_sink(std::make_shared<Sink>()) {
+        KLT::kltlogger::LogRepeats::sumUpOfProcess(sumsUp);
         m_before = KLT::kltlogger::setSink(m_sink);
         KLT::kltlogger::setThreshold(threshold);
     }
@@ -38,9 +41,17 @@ public:
         }));
     }
     bool contains(const std::string& text) const { return count(text) > 0; }
+    // The source file that the first line with `text` names.
+    std::string sourceOf(const std::string& text) const {
+        std::lock_guard lock(m_sink->mutex);
+        for (std::size_t i = 0; i < m_sink->lines.size(); ++i)
+            if (m_sink->lines[i].find(text) != std::string::npos) return m_sink->sources[i];
+        return "no such line";
+    }
     void clear() {
         std::lock_guard lock(m_sink->mutex);
         m_sink->lines.clear();
+        m_sink->sources.clear();
     }
 
 private:
@@ -48,9 +59,11 @@ private:
         void write(const KLT::kltlogger::LogRecord& record) override {
             std::lock_guard lock(mutex);
             lines.emplace_back(record.message);
+            sources.emplace_back(record.source);
         }
         std::mutex mutex;
         std::vector<std::string> lines;
+        std::vector<std::string> sources;
     };
     std::shared_ptr<Sink> m_sink;
     std::shared_ptr<KLT::kltlogger::LogSink> m_before;

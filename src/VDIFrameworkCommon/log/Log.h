@@ -9,6 +9,8 @@
 // Recurring events are summed up, see LogRepeats.h:
 //
 //     NORVO_LOG_REPEATED(m_dropped, Error, "Sending buffer full, stream name: ", name);
+//
+// NORVO_LOG_SUMMED_UP is for code without an object to own the sum: one per line of code.
 #pragma once
 
 #include <charconv>
@@ -88,3 +90,10 @@ void write(int severity, std::string_view source, int line, std::string_view ope
                           [&] { return ::KLT::kltlogger::compose(__VA_ARGS__); }); \
         }                                                                          \
     } while (false)
+
+#define NORVO_LOG_SUMMED_UP(severity, ...)                                                   \
+    NORVO_LOG_REPEATED(([]() -> ::KLT::kltlogger::LogRepeats& {                              \
+                           static auto& repeats = ::KLT::kltlogger::LogRepeats::ofProcess(); \
+                           return repeats;                                                   \
+                       }()),                                                                 \
+                       severity, __VA_ARGS__)

@@ -1,7 +1,9 @@
 #include "LogRepeats.h"
 
 #include <algorithm>
+#include <memory>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "LocalMutex.h"
@@ -27,15 +29,16 @@ std::string grouped(std::uint64_t number) {
 
 }  // namespace
 
-// The objects with a pending count, and their shared lock. Never destroyed: objects may live until
-// the process ends.
+// All objects share one lock. Never destroyed: objects may live until the process ends.
 struct LogRepeats::Waiting {
     static Waiting& get() {
         static auto* const instance = new Waiting;
         return *instance;
     }
     LocalMutex mutex;
-    std::set<LogRepeats*> objects NORVO_GUARDED_BY(mutex);
+    std::set<LogRepeats*> objects NORVO_GUARDED_BY(mutex);  // those with a pending count
+    std::vector<std::unique_ptr<LogRepeats>> ofProcess NORVO_GUARDED_BY(mutex);
+    bool sumsUpOfProcess NORVO_GUARDED_BY(mutex) = true;
 };
 
 LogRepeats::~LogRepeats() { settled(); }
@@ -54,6 +57,7 @@ LogRepeats::Turn LogRepeats::begin() {
     Waiting& waiting = Waiting::get();
     const Time now = m_now();
     LocalLock lock(waiting.mutex);
+    if (m_logsEach) return {true, 0, {}};
     const bool anew = !m_begun || now - m_latest >= kQuiet;
     m_begun = true;
     m_latest = now;
@@ -115,6 +119,26 @@ LogRepeats::Time LogRepeats::tellDue(bool all) {
     lock.unlock();
     for (const Rest& rest : due) write(rest);
     return next;
+}
+
+LogRepeats& LogRepeats::ofProcess() {
+    Waiting& waiting = Waiting::get();
+    auto made = std::make_unique<LogRepeats>();
+    const LocalLock lock(waiting.mutex);
+    made->m_logsEach = !waiting.sumsUpOfProcess;
+    return *waiting.ofProcess.emplace_back(std::move(made));
+}
+
+void LogRepeats::sumUpOfProcess(bool on) {
+    Waiting& waiting = Waiting::get();
+    const LocalLock lock(waiting.mutex);
+    waiting.sumsUpOfProcess = on;
+    for (const auto& object : waiting.ofProcess) {
+        waiting.objects.erase(object.get());
+        object->m_logsEach = !on;
+        object->m_begun = false;
+        object->m_more = 0;
+    }
 }
 
 void LogRepeats::beforeFork() { Waiting::get().mutex.lock(); }

@@ -13,8 +13,9 @@ namespace KLT::kltlogger {
 // count is appended to the latest text ("... 10,236 more in 60 s") after 10 s, then at intervals
 // that grow to an hour. After a quiet minute it starts over.
 //
-// Owned by the object concerned (a stream, a connection). A pending count is logged when it is due,
-// when the object ends, and when the process ends. Thread-safe; used by NORVO_LOG_REPEATED.
+// Owned by the object concerned (a stream, a connection), or by the process. A pending count is
+// logged when it is due, when the object ends, and when the process ends. Thread-safe; used by
+// NORVO_LOG_REPEATED.
 class LogRepeats {
 public:
     using Time = std::chrono::steady_clock::time_point;
@@ -39,6 +40,11 @@ public:
     // Logs the counts that are due, or all. Returns when the next one is due; Time::max() when none
     // is pending.
     static Time tellDue(bool all);
+
+    // For code whose failures belong to no object: an object that is never destroyed.
+    static LogRepeats& ofProcess();
+    // For tests: whether these sum up (the default), or log each message. Makes them start over.
+    static void sumUpOfProcess(bool on);
 
     // Around fork().
     static void beforeFork() NORVO_NO_THREAD_SAFETY_ANALYSIS;
@@ -66,6 +72,7 @@ private:
 
     const Now m_now;
     // All below is guarded by the lock of Waiting, which the objects share.
+    bool m_logsEach = false;
     bool m_begun = false;
     std::uint64_t m_more = 0;  // not logged yet
     std::chrono::seconds m_distance{0};

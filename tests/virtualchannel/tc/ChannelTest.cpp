@@ -193,7 +193,7 @@ TEST_P(ChannelTest, JoinsNothingAcrossANewBeginning) {
         {"the peer looks for an agent", [&] { receiveAll(wireOf(control(CTL_CONNECT))); }, false},
     };
     openWithAgent();
-    const std::string message = wireOf(aboutStream(CTL_S_ERROR, std::string(2 * 4992, 'n'), 0));
+    const std::string message = wireOf(aboutStream(CTL_S_CREATED, std::string(2 * 4992, 'n'), 0));
     for (const auto& [what, happens, joins] : cases) {
         SCOPED_TRACE(what);
         LogCapture log;
@@ -203,9 +203,9 @@ TEST_P(ChannelTest, JoinsNothingAcrossANewBeginning) {
         for (const auto& packet : packets) receive(m_channel, packet);
         happens();
         receive(m_channel, last);
-        EXPECT_EQ(log.count("Remote agent communicated an error in nnn"), joins ? 1 : 0);
+        EXPECT_EQ(log.count("Received CTL_S_CREATED: nnn"), joins ? 1 : 0);
         for (const auto& packet : packets) receive(m_channel, packet);
-        EXPECT_EQ(log.count("Remote agent communicated an error in nnn"), 1);
+        EXPECT_EQ(log.count("Received CTL_S_CREATED: nnn"), 1);
     }
 }
 

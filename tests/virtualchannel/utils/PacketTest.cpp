@@ -89,13 +89,13 @@ TEST(Packet, ReportsWhatIsWrongWithAReceivedPacket) {
         SCOPED_TRACE(what);
         std::string wire = goodPacket();
         damage(wire);
-        LogCapture log(KLT::kltlogger::Warning);
+        LogCapture log(KLT::kltlogger::Warning, true);
         const Packet packet(wire.data(), static_cast<unsigned int>(wire.size()));
         EXPECT_FALSE(packet.isPacketValid());
-        EXPECT_EQ(log.lines(), Lines{line});
         EXPECT_TRUE(packet.WireBytes().empty());
         EXPECT_FALSE(
             Packet::Borrow(wire.data(), static_cast<unsigned int>(wire.size())).isPacketValid());
+        EXPECT_EQ(log.lines(), Lines{line}) << "the second is only counted";
     }
 }
 

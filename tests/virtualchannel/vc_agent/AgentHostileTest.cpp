@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <random>
 
+#include "AgentFixture.h"
 #include "FileContent.h"
 #include "KLTLogger.h"
 #include "Rounds.h"
@@ -69,4 +70,32 @@ TEST(AgentHostile, AnyMessagesLeaveTheAgentAliveAndItsMemoryBounded) {
     // Up to 1001 messages of 600 bytes wait in each of at most 192 streams.
     if (testsupport::kSanitized) return;
     EXPECT_LT(peakKilobytes() - peakBefore, 500 * 1024);
+}
+
+TEST(AgentHostile, AMessageThatIsRepeatedWithoutEndIsLoggedInFullOnce) {
+    using namespace testsupport;
+    using namespace VirtualChannelAgent;
+    auto unsupported = control(CTL_MESSAGE_TYPE_NOTSUPPORTED);
+    unsupported.setUnsupportedMessageType(42);
+    const std::pair<std::string, const char*> cases[] = {
+        {"?", "Wrong message received, size: 1"},
+        {wireOf(control(CTL_S_CREATE)), "CTL_S_CREATE without stream details"},
+        {wireOf(control(CTL_S_CREATED)), "Stream details not provided"},
+        {wireOf(control(CTL_S_ROUTE)), "destination not specified"},
+        {wireOf(control(CTL_S_ERROR)), "without specifying the Stream"},
+        {wireOf(unsupported), "Message type not supported by peer, type: 42"},
+        {wireOf(aboutStream(CTL_S_ERROR, "Media", kRead)), "communicated an error in Media"},
+        {wireOf(aboutStream(CTL_S_CREATE, "a/b", kRead)), "Failed to Create Stream."},
+        {wireOf(routed("a/b", "data")), "could no be recreated!"},
+    };
+    const LogCapture log(KLT::kltlogger::Warning, true);
+    AgentSide side;
+    side.connect();
+    for (int i = 0; i < 3; ++i)
+        for (const auto& repeated : cases) side.channel.deliver(repeated.first);
+    for (const auto& [bytes, line] : cases) EXPECT_EQ(log.count(line), 1) << line;
+    // Each names the file it is written in, not the logger, which all share.
+    const std::string folder = "src/virtualchannel/src/common/vc_agent/";
+    EXPECT_EQ(log.sourceOf(cases[0].second), folder + "messages/VCMessage");
+    EXPECT_EQ(log.sourceOf(cases[1].second), folder + "ControlProtocol");
 }

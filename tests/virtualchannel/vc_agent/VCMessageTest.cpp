@@ -212,10 +212,10 @@ TEST(VCMessage, ReportsWhatIsWrongWithAReceivedMessageAndKeepsTheBlocksBeforeIt)
         std::string bytes = good;
         damage(bytes);
         VCMessage received = routed("Media", "of an earlier use");
-        LogCapture log;
+        LogCapture log(KLT::kltlogger::Trace, true);
         EXPECT_FALSE(parseInPlace(received, bytes));
         EXPECT_FALSE(parse(received, bytes));
-        EXPECT_EQ(log.lines(), (Lines{line, line}));
+        EXPECT_EQ(log.lines(), Lines{line}) << "the second is only counted";
         EXPECT_FALSE(received.hasRouteData());
         EXPECT_EQ(received.isInitialized(), line == "Parse error.");
         if (!received.isInitialized()) continue;

@@ -58,7 +58,7 @@ Packet Packet::Borrow(const void* raw, unsigned int length) {
 bool Packet::parse(const void* raw, unsigned int length) {
     NORVO_LOG(Trace, "Retreiving the header from the packet.");
     if (!raw || length < kPacketHeaderSize) {
-        NORVO_LOG(Warning, "Broken packet received. Ignoring it!");
+        NORVO_LOG_SUMMED_UP(Warning, "Broken packet received. Ignoring it!");
         return false;
     }
     std::uint16_t protocolVersion = 0;
@@ -66,18 +66,18 @@ bool Packet::parse(const void* raw, unsigned int length) {
                 static_cast<const std::byte*>(raw) + offsetof(Header, protocolVersion),
                 sizeof protocolVersion);
     if (protocolVersion != Header::kVersion) {
-        NORVO_LOG(Error,
-                  "Packet belongs to an incompatible version of the protocol and cannot be used.");
+        NORVO_LOG_SUMMED_UP(
+            Error, "Packet belongs to an incompatible version of the protocol and cannot be used.");
         return false;
     }
     std::memcpy(&m_header, raw, kPacketHeaderSize);
     NORVO_LOG(Trace, "Retrieving the data from the packet.");
     if (m_header.payloadSize != length - kPacketHeaderSize) {
-        NORVO_LOG(Warning, "Broken packet received. Ignoring it!");
+        NORVO_LOG_SUMMED_UP(Warning, "Broken packet received. Ignoring it!");
         return false;
     }
     if (payloadExceedsMessage(m_header)) {
-        NORVO_LOG(Warning, "The packet size information is incorrect.");
+        NORVO_LOG_SUMMED_UP(Warning, "The packet size information is incorrect.");
         return false;
     }
     return true;
@@ -87,7 +87,7 @@ void Packet::store(const void* payload) {
     m_own.reset(new (std::nothrow)
                     std::byte[std::size_t{kPacketHeaderSize} + m_header.payloadSize]);
     if (!m_own) {
-        NORVO_LOG(Error, "No memory for a packet, payload size: ", m_header.payloadSize);
+        NORVO_LOG_SUMMED_UP(Error, "No memory for a packet, payload size: ", m_header.payloadSize);
         return;
     }
     std::byte* const wire = m_own.get();

@@ -48,11 +48,11 @@ void PendingMessage::add(const Header& header, const std::byte* payload) {
 
 // An incomplete message must not pass for a whole one.
 void PendingMessage::lose() {
-    NORVO_LOG(Error, "No memory for a packet; its message is lost, ID: ", m_id);
     m_lost = true;
     m_block.reset();
     m_pieces = {};
     m_capacity = 0;
+    NORVO_LOG_SUMMED_UP(Error, "No memory for a packet; its message is lost, ID: ", m_id);
 }
 
 bool PendingMessage::grow(const Header& header, bool inFront) {
@@ -75,13 +75,13 @@ bool PendingMessage::grow(const Header& header, bool inFront) {
 std::optional<std::span<const std::byte>> PendingMessage::join() {
     const std::int64_t size = static_cast<std::int32_t>(m_messageSize - kPacketHeaderSize);
     if (m_lost) {
-        NORVO_LOG(Error, "No memory for a message, size: ", size);
+        NORVO_LOG_SUMMED_UP(Error, "No memory for a message, size: ", size);
         return std::nullopt;
     }
     if (m_order == Order::Mixed) sortPieces();
     const std::int64_t carried = measure(size);
     if (carried == kTooMuch) {
-        NORVO_LOG(Warning, "The total size of the segment exceeds the buffer size!");
+        NORVO_LOG_SUMMED_UP(Warning, "The total size of the segment exceeds the buffer size!");
         return std::nullopt;
     }
     const std::int64_t gap = size - carried;
@@ -90,7 +90,7 @@ std::optional<std::span<const std::byte>> PendingMessage::join() {
     if (inPlace && gap > 0) {
         std::memset(at(m_end), 0, static_cast<std::size_t>(gap));
     } else if (!inPlace && !gather(carried, size)) {
-        NORVO_LOG(Error, "No memory for a message, size: ", size);
+        NORVO_LOG_SUMMED_UP(Error, "No memory for a message, size: ", size);
         return std::nullopt;
     }
     return std::span<const std::byte>(at(m_begin), static_cast<std::size_t>(size));
@@ -110,8 +110,8 @@ std::int64_t PendingMessage::measure(std::int64_t limit) const {
         carried = 0;
         for (const Piece& piece : m_pieces) {
             if (piece.position == kMissing) {
-                NORVO_LOG(Warning, "The payload is NULL.");
-                NORVO_LOG(Warning, "Unable to copy the data to the buffer.");
+                NORVO_LOG_SUMMED_UP(Warning, "The payload is NULL.");
+                NORVO_LOG_SUMMED_UP(Warning, "Unable to copy the data to the buffer.");
             } else if ((carried += piece.size) > limit) {
                 break;
             }

@@ -104,7 +104,8 @@ void ControlProtocol::dispatch(const VCMessage& message) {
     Received received{message, {}};
     if (*handler->incomplete) {
         if (!message.hasStreamName() || !message.hasStreamType() || !message.hasStreamSize()) {
-            AGENT_LOG(m_context, Warning, handler->incomplete);
+            AGENT_LOG_REPEATED(m_context, m_incomplete[handler->type], Warning,
+                               handler->incomplete);
             return;
         }
         received.stream = {message.getStreamName(),
@@ -116,8 +117,9 @@ void ControlProtocol::dispatch(const VCMessage& message) {
 
 void ControlProtocol::typeNotSupported(const Received& received) {
     if (!received.message.hasUnsupportedMessageType()) return;
-    AGENT_LOG(m_context, Warning, "Message type not supported by peer, type: ",
-              received.message.getUnsupportedMessageType());
+    AGENT_LOG_REPEATED(
+        m_context, m_unsupported, Warning,
+        "Message type not supported by peer, type: ", received.message.getUnsupportedMessageType());
 }
 
 void ControlProtocol::createStream(const Received& received) {
@@ -140,7 +142,7 @@ void ControlProtocol::createStream(const Received& received) {
             ? m_streams.OpenStream(wanted.name, wanted.size, Requester::FarSide)
             : wanted.type == StreamType::READ &&
                   m_streams.CreateStream(wanted.name, wanted.size, Requester::FarSide);
-    if (!done) AGENT_LOG(m_context, Warning, "Failed to Create Stream.");
+    if (!done) AGENT_LOG_REPEATED(m_context, m_notCreated, Warning, "Failed to Create Stream.");
 }
 
 void ControlProtocol::streamCreated(const Received& received) {
@@ -163,16 +165,23 @@ void ControlProtocol::routeData(const Received& received) {
 }
 
 StreamPtr ControlProtocol::recreate(const StreamDetails& wanted) {
-    AGENT_LOG(m_context, Info,
-              "Received CTL_S_ROUTE, there was no receiveing stream found, so recreating it.");
+    AGENT_LOG_REPEATED(
+        m_context, m_recreated, Info,
+        "Received CTL_S_ROUTE, there was no receiveing stream found, so recreating it.");
     StreamPtr stream;
     if (!m_streams.CreateStream(wanted.name, wanted.size, Requester::FarSide)) {
-        AGENT_LOG(m_context, Warning, "Stream not found, and could no be recreated!.");
+        AGENT_LOG_REPEATED(m_context, m_notRecreated, Warning,
+                           "Stream not found, and could no be recreated!.");
     } else if (stream = findOpposite(wanted); !stream) {
-        AGENT_LOG(m_context, Error,
-                  "Stream not found, and succesfully recreated, but still unable to route msgs.");
+        AGENT_LOG_REPEATED(
+            m_context, m_notRecreated, Error,
+            "Stream not found, and succesfully recreated, but still unable to route msgs.");
     }
-    if (!stream) sendError(wanted);
+    if (stream) {
+        m_recreated.settled();
+    } else {
+        sendError(wanted);
+    }
     return stream;
 }
 
@@ -188,8 +197,8 @@ void ControlProtocol::route(const StreamPtr& stream, const Received& received) {
 }
 
 void ControlProtocol::streamError(const Received& received) {
-    AGENT_LOG(m_context, Warning, "Remote agent communicated an error in ",
-              shown(received.stream.name));
+    AGENT_LOG_REPEATED(m_context, m_peersErrors, Warning, "Remote agent communicated an error in ",
+                       shown(received.stream.name));
 }
 
 StreamPtr ControlProtocol::findOpposite(const StreamDetails& stream) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 #include "AgentConnection.h"
 #include "AgentContext.h"
 #include "LockOrder.h"
@@ -66,6 +68,12 @@ private:
     KLT::kltlogger::LogRepeats m_absent;
     KLT::kltlogger::LogRepeats m_empty;
     KLT::kltlogger::LogRepeats m_conflicts;
+    KLT::kltlogger::LogRepeats m_unsupported;
+    KLT::kltlogger::LogRepeats m_peersErrors;
+    KLT::kltlogger::LogRepeats m_notCreated;
+    KLT::kltlogger::LogRepeats m_recreated;
+    KLT::kltlogger::LogRepeats m_notRecreated;
+    std::array<KLT::kltlogger::LogRepeats, CTL_LOGFLUSH + 1> m_incomplete;  // by message type
 };
 
 }  // namespace VirtualChannelAgent

@@ -78,7 +78,7 @@ std::byte* VCMessage::addBlock(std::uint8_t code, std::size_t valueSize) {
     const auto blockSize = static_cast<std::uint32_t>(kHeaderSize + valueSize);
     std::byte* const block = fits ? m_bytes.append(blockSize) : nullptr;
     if (!block) {
-        NORVO_LOG(Error, "Malloc failed, size: ", kHeaderSize + valueSize);
+        NORVO_LOG_SUMMED_UP(Error, "Malloc failed, size: ", kHeaderSize + valueSize);
         return nullptr;
     }
     RecordHeader{RecordHeader::kBlockFlag, code, blockSize}.write(block);
@@ -231,17 +231,17 @@ bool VCMessage::serializeToArray(void* out, unsigned int size) const {
 
 bool VCMessage::verifyData(const void* data, unsigned int length) {
     if (!data || length < kHeaderSize) {
-        NORVO_LOG(Warning, "Wrong message received, size: ", length);
+        NORVO_LOG_SUMMED_UP(Warning, "Wrong message received, size: ", length);
         return false;
     }
     const RecordHeader header = RecordHeader::read(data);
     if (header.flag != RecordHeader::kMessageFlag) {
-        NORVO_LOG(Warning, "Wrong message received, data flag not matched");
+        NORVO_LOG_SUMMED_UP(Warning, "Wrong message received, data flag not matched");
         return false;
     }
     if (header.size != length) {
-        NORVO_LOG(Warning, "Wrong message received. Actual message size ", header.size,
-                  " != ", "received size ", length);
+        NORVO_LOG_SUMMED_UP(Warning, "Wrong message received. Actual message size ", header.size,
+                            " != ", "received size ", length);
         return false;
     }
     return true;
@@ -270,11 +270,11 @@ bool VCMessage::parse(const void* data, unsigned int length, Keep keep) {
     } else if (m_bytes.assign(data, end)) {
         writeHeader();
     } else {
-        NORVO_LOG(Error, "Malloc failed, size: ", end);
+        NORVO_LOG_SUMMED_UP(Error, "Malloc failed, size: ", end);
         reset();
         return false;
     }
-    if (!whole) NORVO_LOG(Warning, "Parse error.");
+    if (!whole) NORVO_LOG_SUMMED_UP(Warning, "Parse error.");
     return whole;
 }
 
