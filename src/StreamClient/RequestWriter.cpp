@@ -44,19 +44,19 @@ void RequestSlot::forget(const RegistryEntry& gone) {
     }
 }
 
-long RequestSlot::tryPlace(const std::string& text) {
+// Looks and places in one section: a reader that takes the request in between would get it twice.
+bool RequestSlot::step(const std::string& text, long& placed) {
     const auto now = Clock::now();
-    if (m_slot.check(now) == SegmentSlot::Soundness::Lost || text.size() > m_slot.capacity()) {
-        return 0;
-    }
-    long id = 0;
+    if (m_slot.check(now) == SegmentSlot::Soundness::Lost) return false;
     {
         const SegmentSlot::Section section(m_slot, kMutexWait);
-        if (!section || !mayPlace(now)) return 0;
-        id = place(text);
+        if (!section) return false;
+        if (isTaken(placed)) return true;
+        if (text.size() > m_slot.capacity() || !mayPlace(now)) return false;
+        placed = place(text);
     }
     m_slot.notify(SegmentSlot::Signal::Written);
-    return id;
+    return false;
 }
 
 bool RequestSlot::mayPlace(Clock::time_point now) {
@@ -83,17 +83,18 @@ long RequestSlot::place(const std::string& text) {
     return m_slot.header().newMessageId;
 }
 
-// Once another client's request is in the slot, the registry decides. If no agent registers there,
-// the placing of that request proves that a reader was ready for it.
+// The counts do not show a reader that took this request but not the one before, which a client
+// that was killed while writing had left: the registry does. It also decides once another client's
+// request is in the slot. If no agent registers there, the placing of that request proves that a
+// reader was ready for it.
 bool RequestSlot::isTaken(long id) {
-    if (id == 0 || !m_slot.isMapped() || m_slot.isCut()) return false;
-    if (m_slot.header().newMessageId == id) {
-        return static_cast<int>(BroadcastCounts(m_slot.header()).taken()) > 0;
-    }
-    bool isTaken = !m_slot.registry().has(SegmentRegistry::Role::Reader);
+    if (id == 0) return false;
+    const bool isInSlot = m_slot.header().newMessageId == id;
+    bool isTaken = isInSlot ? static_cast<int>(BroadcastCounts(m_slot.header()).taken()) > 0
+                            : !m_slot.registry().has(SegmentRegistry::Role::Reader);
     m_slot.registry().forEachOther([&](const RegistryEntry& entry) {
-        isTaken = isTaken || (entry.is(SegmentRegistry::Role::Reader) && entry.since < id &&
-                              entry.lastSeenId >= id);
+        const bool hasIt = isInSlot ? entry.countedAfterId == id : entry.lastSeenId >= id;
+        isTaken = isTaken || (entry.is(SegmentRegistry::Role::Reader) && entry.since < id && hasIt);
     });
     return isTaken;
 }
@@ -104,10 +105,7 @@ void RequestSlot::pause() {
 
 bool RequestWriter::sendStep(const std::string& text, long& placed) {
     LocalLock lock(m_mutex);
-    if (m_slot.isTaken(placed)) return true;
-    // Placed again when it was overwritten, or when a new agent has not seen it.
-    if (const long id = m_slot.tryPlace(text); id != 0) placed = id;
-    return false;
+    return m_slot.step(text, placed);
 }
 
 bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {

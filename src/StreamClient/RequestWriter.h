@@ -26,12 +26,12 @@ public:
 
     // Opens the segment unless it is open.
     bool open(const std::string& name);
-    // Places a message and returns its ID when a reader that lives, as far as is known, is ready:
-    // it has taken the previous message. Also when no reader has taken that one for 2 s although
-    // one lives: none ever will. Else 0.
-    long tryPlace(const std::string& text);
-    // Whether a reader that was there when message `id` was written has taken it.
-    bool isTaken(long id);
+    // True when a reader that was there when message `placed` was written has taken it (0: none was
+    // written). Else places `text` and sets `placed` to its ID when a reader that lives, as far as
+    // is known, is ready: it has taken the previous message. Also when no reader has taken that one
+    // for 2 s although one lives: none ever will. So `text` is placed again when it was overwritten
+    // before it was taken, or when a new agent has not seen it.
+    bool step(const std::string& text, long& placed);
     // Waits up to 2 ms for a reader to take something.
     void pause();
 
@@ -43,6 +43,7 @@ public:
 
 private:
     // With the segment's mutex held.
+    bool isTaken(long id);
     bool mayPlace(Clock::time_point now);
     long place(const std::string& text);
 

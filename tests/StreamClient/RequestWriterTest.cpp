@@ -2,6 +2,7 @@
 
 #include "FakeAgent.h"
 #include "InfoSegments.h"
+#include "NamedMutex.h"
 #include "SegmentMapping.h"
 
 namespace {
@@ -67,6 +68,41 @@ TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
     unsigned int length = 0;
     EXPECT_EQ(agent->ReadData(length, 0), "after all");
     EXPECT_TRUE(sent.get());
+}
+
+// Neither while the writer looks at the slot, nor after the message of a client that was killed
+// before it had reset the count of ready readers: the reader then counts like a newcomer.
+TEST(RequestWriterTest, PlacesNothingAgainThatWasTaken) {
+    useCrewsSegments();
+    const auto agent =
+        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
+    ASSERT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
+    shared_memory::SegmentMapping slot;
+    ASSERT_TRUE(slot.open(kSegment, VDIFrameworkCommon::kInfoSegmentSize, false));
+    NorvoStreamClient::RequestSlot requests;
+    ASSERT_TRUE(requests.open(kSegment));
+    VDIFrameworkCommon::NamedMutex mutex;
+    ASSERT_TRUE(
+        mutex.create((std::string(shared_memory::kSegmentObjectPrefix) + kSegment).c_str()));
+
+    long placed = 0;
+    EXPECT_FALSE(requests.step("first", placed));
+    const long first = placed;
+    ASSERT_TRUE(mutex.lock());
+    auto looks = std::async([&] { return requests.step("first", placed); });
+    std::this_thread::sleep_for(20ms);  // until it waits for the mutex
+    slot.header()->lockWord2 = 1;       // as when a reader has taken it
+    ASSERT_TRUE(mutex.unlock());
+    EXPECT_TRUE(looks.get() || requests.step("first", placed));
+    EXPECT_EQ(placed, first);
+
+    unsigned int length = 0;
+    EXPECT_EQ(agent->ReadData(length, 0), "first");
+    ++slot.header()->newMessageId;
+    placed = 0;
+    EXPECT_FALSE(requests.step("second", placed));
+    EXPECT_EQ(agent->ReadData(length, 0), "second");
+    EXPECT_TRUE(requests.step("second", placed));
 }
 
 TEST(RequestWriterAcrossProcesses, ARequestThatNobodyTakesHoldsUpNoOtherAndArrivesOnce) {
