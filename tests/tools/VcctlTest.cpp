@@ -384,6 +384,15 @@ TEST_F(VcctlAcrossProcesses, EachTroubleOfATransferIsNamed) {
     expectPart(receiver.readAll(),
                "the sender is gone; what came is in " + m_far.file("copy.part"));
 
+    Subprocess victim = m_far.start("recv Basic " + m_far.file("dead"));
+    Subprocess waiting = m_near.start("send Basic");  // its input stays open
+    waiting.writeLine("begun");
+    ASSERT_TRUE(testsupport::eventually([&] { return sizeOf(m_far.file("dead.part")) > 0; }));
+    end(victim, SIGKILL);
+    const Subprocess successor = m_far.start("recv Basic " + m_far.file("dead"));
+    EXPECT_EQ(waiting.wait(20s), 1);
+    expectPart(waiting.readAll(), "the receiver is gone");
+
     Subprocess full = m_near.startShell("trap '' XFSZ; ulimit -f 300; exec " VCCTL_PROGRAM
                                         " send Large --raw --size 1M " +
                                         large + " 2>&1");

@@ -8,9 +8,11 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "CommandError.h"
 #include "CommandLine.h"
@@ -59,8 +61,10 @@ public:
         return isFile ? std::optional<std::uint64_t>(status.st_size) : std::nullopt;
     }
 
-    // Reads the next message; false at the end of the input.
-    bool next(std::string& message) {
+    // Reads the next message; false at the end of the input. `meanwhile` is called while it waits,
+    // about ten times a second, and may throw.
+    bool next(std::string& message, std::function<void()> meanwhile = nullptr) {
+        m_meanwhile = std::move(meanwhile);
         return m_options.lines ? nextLine(message) : nextBlock(message);
     }
 
@@ -114,9 +118,12 @@ private:
     // 0 at the end. Waits in a poll that a stop signal interrupts; a read would sleep on.
     std::size_t readSome(char* to, std::size_t size) const {
         pollfd waited[2] = {{m_fd, POLLIN, 0}, {StopSignal::descriptor(), POLLIN, 0}};
+        const int longest = m_meanwhile ? static_cast<int>(kPollTime.count()) : -1;
         for (;;) {
             StopSignal::throwIfRequested();
-            if (poll(waited, 2, -1) < 0) continue;
+            const int ready = poll(waited, 2, longest);
+            if (ready == 0) m_meanwhile();
+            if (ready <= 0) continue;
             if (waited[1].revents) StopSignal::drain();
             if (!waited[0].revents) continue;
             const ssize_t got = read(m_fd, to, size);
@@ -130,6 +137,7 @@ private:
     const std::string m_name;
     const Descriptor m_owned;
     const int m_fd;
+    std::function<void()> m_meanwhile;
     std::array<char, 1u << 16> m_buffer{};
     std::string_view m_ahead;
 };
@@ -200,7 +208,7 @@ private:
     void sendAll() {
         std::string message;
         std::uint64_t messages = 0;
-        while (messages < m_options.count && m_input.next(message)) {
+        while (messages < m_options.count && m_input.next(message, [this] { lookAtReceiver(); })) {
             sendMessage(message);
             ++messages;
         }
@@ -233,6 +241,14 @@ private:
             showProgress();
             if (!m_hasVerdict && m_link.hasInput()) takeVerdict();
         });
+    }
+
+    // Input may take long to come: a receiver that ends meanwhile must not go unnoticed.
+    void lookAtReceiver() {
+        showProgress();
+        if (m_hasVerdict) return;
+        if (m_link.hasInput()) return takeVerdict();
+        m_link.checkAlive();
     }
 
     void showProgress() {

@@ -37,13 +37,14 @@ void TransferLink::fail(const Status& why) const {
 
 void TransferLink::check(const Status& status) const {
     StopSignal::throwIfRequested();
-    if (status || mayPass(status)) {
-        if (status) return;
-        // The call timed out before it was complete; the connection itself says when it has failed.
-        if (const Status now = m_connection->status(); !now) fail(now);
-        return;
-    }
-    fail(status);
+    if (status) return;
+    if (!mayPass(status)) fail(status);
+    // The call timed out before it was complete; the connection itself says when it has failed.
+    checkAlive();
+}
+
+void TransferLink::checkAlive() const {
+    if (const Status now = m_connection->status(); !now) fail(now);
 }
 
 void TransferLink::waitUntilOpen() {
@@ -92,8 +93,15 @@ std::uint64_t TransferLink::readNumber() {
 }
 
 void TransferLink::expectTag(const char* tag) {
+    // A receiver speaks at once; a sender may have to read its file first.
+    const bool isBounded = m_role == Role::Send && m_wait > 0;
+    const auto deadline = isBounded ? after(m_wait) : Clock::time_point::max();
     char bytes[8];
-    read(bytes, sizeof bytes);
+    read(bytes, sizeof bytes, [&] {
+        if (Clock::now() >= deadline)
+            throw CommandError("the program at the far end of '" + m_name +
+                               "' does not receive: start vcctl recv " + m_name + " there");
+    });
     if (std::memcmp(bytes, tag, sizeof bytes) != 0)
         throw CommandError("the program at the far end of '" + m_name + "' is not vcctl " +
                            (m_role == Role::Send ? "recv" : "send") + ", or of another version");

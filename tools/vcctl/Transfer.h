@@ -59,6 +59,8 @@ public:
     void read(void* data, std::size_t length) {
         read(data, length, [] {});
     }
+    // Throws LinkLost once the connection has failed; does not wait.
+    void checkAlive() const;
     // Whether data from the partner is available; does not wait.
     bool hasInput();
     void finish();
