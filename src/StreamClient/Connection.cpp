@@ -250,8 +250,10 @@ Status Connection::Impl::layPair() {
     }
     Status laid = Reason::Closed;
     for (int attempt = 0; attempt < 2 && mayGoOn(); ++attempt) {
-        if (laid = openPair(*inbound); !laid) return laid;
-        if (laid = waitUntilUp(); laid.reason() != Reason::InUseOtherDirection) break;
+        laid = openPair(*inbound);
+        if (laid) laid = waitUntilUp();
+        if (laid.reason() == Reason::InUse) laid = whoseUse(*inbound, attempt);
+        if (laid.reason() != Reason::InUseOtherDirection) break;
         m_in.reset();
         m_out.reset();
         inbound = !*inbound;
@@ -260,6 +262,13 @@ Status Connection::Impl::layPair() {
     m_paired = static_cast<bool>(laid);
     m_work.notify_one();
     return laid;
+}
+
+// The pair is another program's, or the agent has it, in the other direction: since just now for a
+// peer that connects, too, or, on the second attempt, for this end.
+Status Connection::Impl::whoseUse(bool inbound, int attempt) {
+    return attempt > 0 || lookUpPair().value_or(inbound) != inbound ? Reason::InUseOtherDirection
+                                                                    : Reason::InUse;
 }
 
 std::optional<bool> Connection::Impl::lookUpPair() {

@@ -54,6 +54,8 @@ private:
     // Whether the stream `name` is inbound here; nothing when no such stream is known yet.
     std::optional<bool> lookUpPair();
     Status openPair(bool inbound);
+    // What it means that openPair() has returned InUse.
+    Status whoseUse(bool inbound, int attempt);
     Status waitUntilUp();
     Status pathStatus();
     void hear(std::string frame, Status path);

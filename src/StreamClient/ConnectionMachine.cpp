@@ -30,7 +30,7 @@ ConnectionMachine::ConnectionMachine(Role role, std::uint64_t epoch, Settings se
     : m_role(role),
       m_epoch(epoch),
       m_settings(settings),
-      m_state(role == Role::Connect ? State::Calling : State::Listening),
+      m_state(initialState()),
       m_out(settings.blockSize, settings.capacity),
       m_in(settings.capacity, settings.messages),
       m_nextGreeting(now),
@@ -48,7 +48,7 @@ void ConnectionMachine::enter(State state, Time now) {
     m_stateSince = now;
     m_nextGreeting = state == State::Open ? Time::max() : now;
     m_greetingPause = kFirstGreetingPause;
-    if (state == State::Listening) m_peer = 0;
+    if (state == initialState()) m_peer = 0;
     if (state == State::Open) m_lastHeard = now;
     assert(isConsistent());
 }
@@ -60,7 +60,7 @@ bool ConnectionMachine::isConsistent() const {
         case State::Listening:
             return m_role == Role::Accept && m_peer == 0 && !m_in.hasData();
         case State::Welcoming:
-            return m_role == Role::Accept && m_peer != 0 && !m_in.hasData();
+            return m_peer != 0 && !m_in.hasData();
         case State::Open:
             return m_peer != 0 && m_failure;
         case State::Failed:
@@ -119,7 +119,10 @@ void ConnectionMachine::hear(std::string message, Time now) {
 }
 
 void ConnectionMachine::hearHello(const ConnectionFrame& frame, Time now) {
-    if (m_role != Role::Accept || frame.to != 0) return;
+    if (frame.to != 0) return;
+    // Of two ends that call each other, the one with the lower epoch answers.
+    const bool mayAnswer = m_role == Role::Accept || frame.from > m_epoch;
+    if (m_state != State::Open && !mayAnswer) return;
     if (m_state == State::Open && frame.from != m_peer) {
         m_peerPatience = std::min(m_peerPatience, kPatienceBesideACaller);
         m_nextPing = now;
@@ -135,8 +138,10 @@ void ConnectionMachine::hearHello(const ConnectionFrame& frame, Time now) {
 
 void ConnectionMachine::hearWelcome(const ConnectionFrame& frame, Time now) {
     if (m_role != Role::Connect || frame.to != m_epoch) return;
-    if (m_state == State::Calling) {
+    // A caller that has answered an old Hello takes the Welcome to its own.
+    if (m_state == State::Calling || m_state == State::Welcoming) {
         m_peer = frame.from;
+        m_out.forgetWindow();
         enter(State::Open, now);
     }
     if (!isFromPeer(frame)) return;
@@ -147,7 +152,7 @@ void ConnectionMachine::hearWelcome(const ConnectionFrame& frame, Time now) {
 
 void ConnectionMachine::hearReset(const ConnectionFrame& frame, Time now) {
     if (!isFromPeer(frame)) return;
-    if (m_state == State::Welcoming) return enter(State::Listening, now);
+    if (m_state == State::Welcoming) return enter(initialState(), now);
     if (!isOver()) fail(Reason::PeerGone, now, false);
 }
 
@@ -176,7 +181,7 @@ void ConnectionMachine::lookAtTime(Time now) {
     m_lastLook = now;
     if (stoodStill) m_pathSince = now;
     if (m_state == State::Welcoming && now - m_stateSince > kLongestWelcome)
-        return enter(State::Listening, now);
+        return enter(initialState(), now);
     if (m_state == State::Open && now >= peerDeadline())
         fail(m_pathIsUp ? Reason::PeerGone : Reason::NotConnected, now, true);
 }
@@ -197,7 +202,7 @@ ConnectionMachine::Frame ConnectionMachine::greeting(Time now) {
     m_nextGreeting = m_state == State::Open ? Time::max() : now + m_greetingPause;
     m_greetingPause = std::min(m_greetingPause * 2, kLongestGreetingPause);
     ConnectionFrame frame;
-    frame.kind = m_role == Role::Connect ? Kind::Hello : Kind::Welcome;
+    frame.kind = m_state == State::Calling ? Kind::Hello : Kind::Welcome;
     frame.from = m_epoch;
     frame.to = m_peer;
     return bare(frame);

@@ -27,7 +27,8 @@ public:
     enum class State {
         Calling,    // sends Hello until a Welcome arrives
         Listening,  // waits for a Hello
-        Welcoming,  // has answered one, and waits for proof that the answer arrived
+        Welcoming,  // has answered one, and waits for proof that the answer arrived. Also an end
+                    // that calls, when its peer calls, too, and has the higher epoch
         Open,
         Failed,
     };
@@ -87,6 +88,9 @@ public:
     std::uint64_t framesUnderWay() const { return m_out.underWay(); }
 
 private:
+    State initialState() const {
+        return m_role == Role::Connect ? State::Calling : State::Listening;
+    }
     void enter(State state, Time now);
     bool isConsistent() const;
     void fail(Status why, Time now, bool tellPeer);

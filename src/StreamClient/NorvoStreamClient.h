@@ -152,7 +152,9 @@ public:
                             unsigned int capacity = kDefaultCapacity);
 
     // Opens the connection `name` (1 to 59 characters, as for a stream) over the streams `name` and
-    // `name`.back. Its peer must make the opposite call; Connection::waitUntilOpen waits for that.
+    // `name`.back. Its peer makes the opposite call; Connection::waitUntilOpen waits for that. Two
+    // ends that both connect join, too, unless neither finds the streams of the other
+    // (InUseOtherDirection).
     // The two streams keep the direction in which the agents already carry them, so either end may
     // connect, also when the name is reused.
     // InvalidArgument: invalid name or option; SystemError: no thread can be started.

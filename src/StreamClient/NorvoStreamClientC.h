@@ -111,8 +111,9 @@ NORVO_STREAM_CLIENT_C_API int norvo_stream_read(norvo_stream* stream, void* buff
 /* Connections: reliable, ordered byte streams in both directions; NorvoStreamConnection.h describes
  * each call. */
 
-/* Opens the connection `name`, whose peer must use the opposite role: NORVO_CONNECT or
- * NORVO_ACCEPT. `*connection` is NULL after a failure. The caller closes it. */
+/* Opens the connection `name`, whose peer uses the opposite role: NORVO_CONNECT or NORVO_ACCEPT.
+ * Both may connect, as NorvoStreamClient.h says. `*connection` is NULL after a failure. The caller
+ * closes it. */
 enum { NORVO_CONNECT = 0, NORVO_ACCEPT = 1 };
 NORVO_STREAM_CLIENT_C_API int norvo_connection_open(norvo_client* client, const char* name,
                                                     int role, norvo_connection** connection);

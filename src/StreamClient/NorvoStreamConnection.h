@@ -40,10 +40,11 @@ struct ConnectionOptions {
 // A failure is final. Calls then return the reason:
 // PeerGone: the peer process exited, restarted, was silent for too long, or closed the connection
 // before both directions were finished; NoAgent, NotConnected or NotTakenUp: the streams were down
-// for too long; InUseOtherDirection: the two streams' directions do not form a usable pair; InUse:
-// another program in this session has a connection of this name open; Closed; errors of
-// Client::openStream: a stream could not be opened. Data received before the failure can still be
-// read.
+// for too long; InUseOtherDirection: the two streams' directions do not form a usable pair, as when
+// both ends connect at the same moment although neither stream exists yet (let one end accept; the
+// name is usable again when nobody has had it open for a minute); InUse: another program in this
+// session has a connection of this name open; Closed; errors of Client::openStream: a stream could
+// not be opened. Data received before the failure can still be read.
 //
 // A call that times out returns Timeout, or what the streams lack at present (NoAgent,
 // NotConnected, NotTakenUp): the connection continues, and status() reports no failure.

@@ -21,7 +21,10 @@ struct Trouble {
 
 class World {
 public:
-    explicit World(std::uint64_t seed, Trouble trouble = {}) : m_random(seed), m_trouble(trouble) {
+    // Both ends may call.
+    explicit World(std::uint64_t seed, Trouble trouble = {},
+                   Machine::Role second = Machine::Role::Accept)
+        : m_random(seed), m_trouble(trouble), m_second(second) {
         restart(0);
         restart(1);
     }
@@ -35,8 +38,8 @@ public:
         End& end = m_ends[index];
         end.onTheWay = std::exchange(end, End()).onTheWay;
         end.epoch = ++m_epoch;
-        end.machine = std::make_unique<Machine>(
-            index == 0 ? Machine::Role::Connect : Machine::Role::Accept, m_epoch, settings, now);
+        end.machine = std::make_unique<Machine>(index == 0 ? Machine::Role::Connect : m_second,
+                                                m_epoch, settings, now);
         end.machine->setPath(m_up, now);
     }
     Machine& machine(std::size_t index) { return *m_ends[index].machine; }
@@ -145,6 +148,7 @@ private:
 
     std::mt19937_64 m_random;
     const Trouble m_trouble;
+    const Machine::Role m_second;
     std::array<End, 2> m_ends;
     std::uint64_t m_epoch = 100;
     bool m_up = true;
@@ -154,7 +158,8 @@ TEST(ConnectionMachine, WhatIsWrittenArrivesWholeThroughLossRepetitionDisorderAn
     const Trouble troubles[] = {{}, {5, 0, 0}, {30, 0, 0}, {0, 30, 0}, {0, 0, 50}, {10, 10, 20}};
     for (std::uint64_t seed = 0; seed < static_cast<std::uint64_t>(rounds(1500)); ++seed) {
         SCOPED_TRACE(seed);
-        World world(seed, troubles[seed % std::size(troubles)]);
+        World world(seed, troubles[seed % std::size(troubles)],
+                    seed % 5 == 0 ? Machine::Role::Connect : Machine::Role::Accept);
         for (int step = 0; step < 700; ++step) {
             world.step();
             if (seed % 3 == 0 && world.below(1)) {
@@ -171,7 +176,8 @@ TEST(ConnectionMachine, WhatIsWrittenArrivesWholeThroughLossRepetitionDisorderAn
 TEST(ConnectionMachine, NothingOfAFormerConnectionIsTakenForThisOne) {
     for (std::uint64_t seed = 0; seed < static_cast<std::uint64_t>(rounds(1000)); ++seed) {
         SCOPED_TRACE(seed);
-        World world(seed, {static_cast<int>(seed % 3) * 5, static_cast<int>(seed % 5) * 5, 0});
+        World world(seed, {static_cast<int>(seed % 3) * 5, static_cast<int>(seed % 5) * 5, 0},
+                    seed % 4 == 0 ? Machine::Role::Connect : Machine::Role::Accept);
         for (int step = 0; step < 400; ++step) {
             world.step();
             if (!world.below(2)) continue;
