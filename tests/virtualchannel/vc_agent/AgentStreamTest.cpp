@@ -1,4 +1,6 @@
 // Streams: their limits, their ends, and what delays their data.
+#include <gmock/gmock.h>
+
 #include <future>
 
 #include "AgentFixture.h"
