@@ -243,6 +243,8 @@ void measurePathBursts(const PathRun& run, std::size_t window, double seconds, S
 void measureIdlePath(const PathRun& run, double seconds, Sample& sample) {
     PathSession session(run, {"rest", 1, 0});
     session.run();
+    // Read threads wait longer when nothing has come for 600 ms.
+    std::this_thread::sleep_for(std::chrono::seconds(1));
     const double cpuBefore = session.relaysCpuNanoseconds();
     const double sleepsBefore = session.relaysSleeps();
     const auto start = nowNanoseconds();
