@@ -188,9 +188,18 @@ void Connection::Impl::close() {
         m_news.notify_all();
     }
     if (m_writer.joinable()) m_writer.join();
+    endReading();
     if (m_reader.joinable()) m_reader.join();
     if (m_in) m_in->close();
     if (m_out) m_out->close();
+}
+
+// Before the pair is laid m_in is the reader's own.
+void Connection::Impl::endReading() {
+    LocalLock lock(m_mutex);
+    const bool isLaid = m_paired;
+    lock.unlock();
+    if (isLaid) m_in->close();
 }
 
 void Connection::Impl::fail(Status why) {

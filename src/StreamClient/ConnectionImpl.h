@@ -72,6 +72,7 @@ private:
     void wakeProgram() NORVO_REQUIRES(m_mutex);
     // Waits for the next change. False at the deadline.
     bool waitForChange(Clock::time_point deadline) NORVO_REQUIRES(m_mutex);
+    void endReading();
     void fail(Status why);
 
     const std::shared_ptr<Client::Impl> m_client;

@@ -20,6 +20,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 constexpr unsigned int kHighPriorityPerLow = 3;
 constexpr int kLooksPerClockRead = 16;
+constexpr int kMostOwedPauses = 8;
 }  // namespace
 
 WorkerThread::WorkerThread(Pause pause, WorkSource* source)
@@ -228,8 +229,8 @@ void WorkerThread::pauseIfDue(int& countdown) {
     countdown = m_packetsPerBreak - 1;
 }
 
-// A sleeping thread always wakes a little late. The overrun of one pause is taken off the next, so
-// that the intended rate is reached.
+// A sleeping thread always wakes a little late, and at times much. The overrun is taken off the next
+// pauses, at most half of each, so that the intended rate is reached.
 void WorkerThread::sleep(std::chrono::milliseconds time) {
     const Clock::duration slack = std::min<Clock::duration>(m_overslept, time / 2);
     const Clock::time_point deadline = Clock::now() + time - slack;
@@ -238,7 +239,8 @@ void WorkerThread::sleep(std::chrono::milliseconds time) {
     while (!due && (m_running || QueueSize() != 0)) {
         due = !m_stopCondition.wait_until(m_workMutex, deadline);
     }
-    m_overslept = due ? Clock::now() - deadline : Clock::duration::zero();
+    const Clock::duration overrun = due ? Clock::now() - deadline : Clock::duration::zero();
+    m_overslept = std::min<Clock::duration>(m_overslept - slack + overrun, kMostOwedPauses * time);
 }
 
 void WorkerThread::requestStop() {

@@ -145,7 +145,7 @@ private:
 
     const Pause m_pause;
     WorkSource* const m_source;
-    // By how much the last pause overran; worker's thread only.
+    // By how much pauses have overrun that is not made up for yet; worker's thread only.
     std::chrono::steady_clock::duration m_overslept{0};
 
     // A thread that changes m_queued or m_running and then finds m_parked set locks and unlocks
