@@ -75,7 +75,10 @@ public:
     std::string getName() override { return m_name; }
     bool WriteData(const void* data, const unsigned int& length) override;
     bool TryWriteData(const void* data, unsigned int length) override {
-        return takesAtOnce && WriteData(data, length);
+        if (!takesAtOnce) return false;
+        std::lock_guard lock(m_mutex);
+        m_written.emplace_back(static_cast<const char*>(data), length);
+        return true;
     }
     std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
     bool ReadData(void**, unsigned int&) override { return false; }
