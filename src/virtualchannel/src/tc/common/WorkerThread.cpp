@@ -229,8 +229,8 @@ void WorkerThread::pauseIfDue(int& countdown) {
     countdown = m_packetsPerBreak - 1;
 }
 
-// A sleeping thread always wakes a little late, and at times much. The overrun is taken off the next
-// pauses, at most half of each, so that the intended rate is reached.
+// A sleeping thread always wakes a little late, and at times much. The overrun is taken off the
+// next pauses, at most half of each, so that the intended rate is reached.
 void WorkerThread::sleep(std::chrono::milliseconds time) {
     const Clock::duration slack = std::min<Clock::duration>(m_overslept, time / 2);
     const Clock::time_point deadline = Clock::now() + time - slack;
