@@ -1,9 +1,8 @@
 #include <dlfcn.h>
 #include <freerdp/settings.h>
 #include <freerdp/svc.h>
-#include <gtest/gtest.h>
 
-#include <string>
+#include "TestSupport.h"
 
 namespace {
 

@@ -1,8 +1,5 @@
 #include "DesktopSession.h"
-
-#include <gtest/gtest.h>
-
-#include <sstream>
+#include "TestSupport.h"
 
 namespace hosts {
 namespace {

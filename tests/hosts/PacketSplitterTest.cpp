@@ -1,11 +1,7 @@
 #include "PacketSplitter.h"
 
-#include <gtest/gtest.h>
-
-#include <random>
-#include <string>
-
 #include "PacketBytes.h"
+#include "TestSupport.h"
 
 namespace hosts {
 namespace {

@@ -1,14 +1,7 @@
 #include "PluginThread.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <string>
-#include <vector>
-
-#include "Eventually.h"
 #include "PacketBytes.h"
+#include "TestSupport.h"
 
 namespace hosts {
 namespace {

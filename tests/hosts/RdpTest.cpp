@@ -1,33 +1,18 @@
 // The plug-in in a real RDP client, connected to real remote ends: our own server, and an xrdp
 // desktop. Needs no account and uses loopback only.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <csignal>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <sstream>
 
 #include "Endpoint.h"
-#include "Eventually.h"
-#include "FileContent.h"
 #include "Subprocess.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 #include "UserEnd.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using support::Subprocess;
-using testsupport::contentOf;
-using testsupport::eventually;
-using testsupport::lineStarting;
+using namespace testsupport;
 using Side = testsupport::UserEnd;
 
 const std::string kFolder = "/run/xrdp/sockdir";  // a constant of xrdp's

@@ -1,14 +1,8 @@
 #include "PacketLink.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <atomic>
-#include <thread>
-
 #include "Endpoint.h"
-#include "Eventually.h"
 #include "PacketHeader.h"
+#include "TestSupport.h"
 
 namespace vcctl {
 namespace {

@@ -1,35 +1,18 @@
 // vcctl end to end: real hosts with the real library, joined over loopback TCP.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <optional>
-#include <sstream>
-#include <vector>
 
 #include "Endpoint.h"
-#include "Eventually.h"
-#include "FileContent.h"
-#include "Rounds.h"
 #include "SessionObjects.h"
+#include "TestSupport.h"
 #include "UserEnd.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using support::Subprocess;
-using testsupport::contentOf;
-using testsupport::expectPart;
-using testsupport::lineStarting;
-using testsupport::lineWith;
-using testsupport::makeFile;
-using testsupport::Outcome;
+using namespace testsupport;
 using Side = testsupport::UserEnd;
 
 // Ends it with a signal and returns the exit status.

@@ -1,11 +1,5 @@
 #include "Acknowledgement.h"
-
-#include <gtest/gtest.h>
-
-#include <future>
-
-#include "Eventually.h"
-#include "LogCapture.h"
+#include "TestSupport.h"
 
 using namespace std::chrono_literals;
 using NorvoVirtualChannel::tc::Acknowledgement;

@@ -2,14 +2,7 @@
 // observer above), calls of a channel, and the runners that channels count.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
-#include <memory>
 #include <ostream>
-#include <string>
-#include <vector>
 
 #include "CitrixVirtualChannel.h"
 #include "HostCallbacks.h"
@@ -18,6 +11,7 @@
 #include "ProcessUtils.h"
 #include "RDPVirtualChannel.h"
 #include "TCPSocketVirtualChannel.h"
+#include "TestSupport.h"
 #include "VDIRunnerCounter.h"
 #include "VMWareVirtualChannel.h"
 #include "WorkRecord.h"

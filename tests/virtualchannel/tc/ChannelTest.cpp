@@ -1,17 +1,12 @@
 // The four channels; the table in ChannelSupport.h says how they differ.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <future>
-#include <thread>
 
 #include "ChannelSupport.h"
 #include "DataWorkers.h"
 #include "FakeChannel.h"
 #include "LanguageAbstraction.h"
-#include "LogCapture.h"
 #include "ObserverSlot.h"
 #include "SharedMemoryFactory.h"
+#include "TestSupport.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;

@@ -1,26 +1,15 @@
 // Misuse by the host, on each kind of channel. Each case runs in its own process, since a process
 // makes its channels only once.
-#include <gtest/gtest.h>
 
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <barrier>
-#include <fstream>
-#include <functional>
-#include <map>
-#include <mutex>
 #include <system_error>
-#include <thread>
 
 #include "AllocationFailure.h"
 #include "ChannelSupport.h"
-#include "ChildProcess.h"
 #include "LanguageAbstraction.h"
-#include "LogCapture.h"
-#include "Rounds.h"
-#include "Threads.h"
+#include "TestSupport.h"
 
 using namespace NorvoVirtualChannel::tc;
 using namespace testsupport;

@@ -1,28 +1,14 @@
 #include "KRANRunner.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <csignal>
-#include <fstream>
-#include <thread>
-
 #include "ApplicationBundle.h"
-#include "Eventually.h"
 #include "FileUtils.h"
-#include "LogCapture.h"
 #include "ProcessUtils.h"
-#include "ReadyChild.h"
 #include "TestApplication.h"
+#include "TestSupport.h"
 #include "VDIClientInfo.h"
 
 using namespace NorvoVirtualChannel::tc;
-using testsupport::eventually;
-using testsupport::LogCapture;
-using testsupport::ReadyChild;
-using testsupport::TestApplication;
+using namespace testsupport;
 using VDIFrameworkCommon::FileUtils;
 using VDIFrameworkCommon::VDIClientInfo;
 namespace VDIClientType = VDIFrameworkCommon::VDIClientType;

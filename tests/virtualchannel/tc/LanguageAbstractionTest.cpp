@@ -1,26 +1,15 @@
 #include "LanguageAbstraction.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <csignal>
 #include <regex>
 #include <system_error>
-#include <thread>
 
-#include "ChildProcess.h"
-#include "Eventually.h"
-#include "FileContent.h"
 #include "KLTLogger.h"
-#include "LogCapture.h"
-#include "Rounds.h"
-#include "TempDir.h"
-#include "Threads.h"
+#include "TestSupport.h"
 
-using testsupport::ChildProcess;
-using testsupport::LogCapture;
+using namespace testsupport;
 
 // ---- The library, whose threads keep running after the host has closed it
 

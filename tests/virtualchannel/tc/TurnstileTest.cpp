@@ -2,11 +2,7 @@
 // does not run; the test takes its items.
 #include "Turnstile.h"
 
-#include <gtest/gtest.h>
-
-#include <future>
-
-#include "Eventually.h"
+#include "TestSupport.h"
 #include "WorkRecord.h"
 
 using namespace NorvoVirtualChannel::tc;

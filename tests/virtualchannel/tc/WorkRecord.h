@@ -1,16 +1,9 @@
 // For tests of threads: a journal of events, a door, and work items.
 #pragma once
 
-#include <atomic>
-#include <chrono>
 #include <condition_variable>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "Eventually.h"
+#include "TestSupport.h"
 #include "WorkerThread.h"
 
 namespace testsupport {

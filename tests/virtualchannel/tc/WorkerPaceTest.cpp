@@ -1,10 +1,7 @@
 // The mean rate of a paced worker whose thread wakes late.
-#include <gtest/gtest.h>
 #include <sys/prctl.h>
 
-#include <algorithm>
-#include <chrono>
-
+#include "TestSupport.h"
 #include "WorkRecord.h"
 
 using namespace std::chrono_literals;

@@ -1,11 +1,6 @@
 #include "WorkerThread.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-
-#include "Rounds.h"
+#include "TestSupport.h"
 #include "WorkRecord.h"
 
 using namespace std::chrono_literals;

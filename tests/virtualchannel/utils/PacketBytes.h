@@ -1,14 +1,8 @@
 // Helpers of the packet tests to build and inspect packets.
 #pragma once
 
-#include <cstring>
-#include <deque>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "Packets.h"
+#include "TestSupport.h"
 
 namespace packettest {
 

@@ -1,10 +1,8 @@
-#include <gtest/gtest.h>
 
 #include <ctime>
-#include <functional>
 
-#include "LogCapture.h"
 #include "PacketBytes.h"
+#include "TestSupport.h"
 
 using namespace packettest;
 using NorvoVirtualChannel::UIDGenerator;

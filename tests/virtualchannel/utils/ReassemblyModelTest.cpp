@@ -1,14 +1,8 @@
 // Compares the receiving side with a simple model, which keeps all packets in one queue and scans a
 // table of all messages after each: same messages, same order, same log lines.
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <map>
-#include <random>
-
-#include "LogCapture.h"
 #include "PacketBytes.h"
-#include "Rounds.h"
+#include "TestSupport.h"
 
 using namespace packettest;
 

@@ -1,18 +1,9 @@
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <ctime>
-#include <random>
-#include <sstream>
 
-#include "ChildProcess.h"
-#include "FileContent.h"
-#include "LogCapture.h"
 #include "PacketBytes.h"
-#include "Rounds.h"
-#include "Threads.h"
+#include "TestSupport.h"
 
 using namespace packettest;
 using testsupport::LogCapture;

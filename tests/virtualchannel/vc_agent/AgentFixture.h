@@ -1,17 +1,10 @@
 // One agent on the test's own machine and channel.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "FakeChannel.h"
 #include "FakeMachine.h"
 #include "InfoSegments.h"
-#include "LogCapture.h"
+#include "TestSupport.h"
 #include "VDIClientInfo.h"
 #include "VirtualChannelAgent.h"
 

@@ -1,17 +1,12 @@
 // A hostile peer: the seeds of the fuzz target of the receive path, damaged and in any order. The
 // build target `full_runs` sends a million messages.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <random>
 
 #include "AgentFixture.h"
-#include "FileContent.h"
 #include "KLTLogger.h"
-#include "Rounds.h"
+#include "TestSupport.h"
 
 // Ends the process if an agent has too many streams or no longer works.
 extern "C" int fuzzReceivePath(const std::uint8_t* data, std::size_t size);

@@ -1,9 +1,8 @@
 // The INFO protocol: requests of local processes that AgentSessionTest does not cover.
-#include <filesystem>
 #include <new>
 
 #include "AgentFixture.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 
 using namespace testsupport;
 using namespace VirtualChannelAgent;

@@ -1,7 +1,6 @@
 // Ending an agent: in every state, from any permitted thread, while others are still calling.
 #include "AgentFixture.h"
-#include "Rounds.h"
-#include "Threads.h"
+#include "TestSupport.h"
 
 using namespace testsupport;
 using namespace VirtualChannelAgent;

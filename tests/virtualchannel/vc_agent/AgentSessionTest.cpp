@@ -1,20 +1,13 @@
 // What an agent logs, sends and sets up in whole sessions. AgentSession.txt is the transcript: each
 // line "> event" is followed by the resulting lines; those of threads other than the test's are
 // indented and sorted. NORVO_WRITE_SESSION=FILE writes what the test has seen.
-#include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <functional>
-#include <map>
-#include <optional>
 #include <regex>
-#include <set>
-#include <sstream>
 
 #include "AgentFixture.h"
-#include "FileContent.h"
 #include "StreamType.h"
+#include "TestSupport.h"
 
 using namespace testsupport;
 using namespace VirtualChannelAgent;

@@ -1,11 +1,9 @@
 // Streams: their limits, their ends, and what delays their data.
-#include <gmock/gmock.h>
-
-#include <future>
 
 #include "AgentFixture.h"
 #include "SpareStrings.h"
 #include "StreamRules.h"
+#include "TestSupport.h"
 
 using namespace testsupport;
 using namespace VirtualChannelAgent;

@@ -1,17 +1,7 @@
 // In-memory channels: what an agent sends is kept until the test takes it or has it delivered.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
-#include <functional>
-#include <mutex>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include "Eventually.h"
+#include "TestSupport.h"
 #include "VCMessage.h"
 #include "VirtualChannel.h"
 

@@ -1,9 +1,8 @@
 // Segments made at the peer's request that a killed host leaves in the system.
-#include <gtest/gtest.h>
 
-#include "ChildProcess.h"
 #include "PeerSegmentRecord.h"
 #include "SharedMemoryFactory.h"
+#include "TestSupport.h"
 
 using VirtualChannelAgent::PeerSegmentRecord;
 

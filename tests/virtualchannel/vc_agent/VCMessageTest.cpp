@@ -1,19 +1,10 @@
 #include "VCMessage.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-#include <functional>
-
 #include "FakeChannel.h"
-#include "LogCapture.h"
-#include "Rounds.h"
+#include "TestSupport.h"
 
 using namespace VirtualChannelAgent;
-using testsupport::LogCapture;
-using testsupport::routed;
-using testsupport::wireOf;
+using namespace testsupport;
 
 namespace {
 
