@@ -1,7 +1,17 @@
 // In-memory channels: what an agent sends is kept until the test takes it or has it delivered.
 #pragma once
 
-#include "TestSupport.h"
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Eventually.h"
 #include "VCMessage.h"
 #include "VirtualChannel.h"
 

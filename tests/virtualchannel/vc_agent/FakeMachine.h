@@ -2,11 +2,24 @@
 // in memory, and the test plays the local processes at their other ends.
 #pragma once
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "AgentEnvironment.h"
-#include "TestSupport.h"
+#include "Eventually.h"
 
 namespace testsupport {
 
