@@ -95,6 +95,10 @@ std::shared_ptr<NorvoStreamClient::Stream> SessionClient::open(const std::string
 std::shared_ptr<NorvoStreamClient::Connection> SessionClient::connection(
     const std::string& name, bool connects, const NorvoStreamClient::ConnectionOptions& options) {
     const auto opened = connects ? m_client.connect(name, options) : m_client.accept(name, options);
+    const Reason reason = opened.status().reason();
+    // The pair may have been found in use by now; otherwise its user learns that later.
+    if (reason == Reason::InUse || reason == Reason::InUseOtherDirection)
+        throw CommandError(explain(opened.status(), name));
     if (!opened) throw whyNotOpened(name, options.capacity, opened.status());
     noteUnusualName(name);
     std::shared_ptr<NorvoStreamClient::Connection> connection = opened;
