@@ -156,7 +156,7 @@ int TransportChannel::SendData(const void* data, unsigned int length, bool lowPr
     return 0;
 }
 
-StreamSend TransportChannel::SendStreamData(const SplitBytes& bytes, bool lowPriority,
+StreamSend TransportChannel::SendStreamData(const SplitBytes& message, bool lowPriority,
                                             const std::function<bool()>& goesOn) {
     CHANNEL_LOG(Trace, m_profile.name, "::SendStreamData()");
     const auto parts = this->parts();
@@ -164,8 +164,8 @@ StreamSend TransportChannel::SendStreamData(const SplitBytes& bytes, bool lowPri
     StreamSend result = StreamSend::Dropped;
     CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message of a stream", [&] {
-        OutgoingMessage message(m_profile, bytes);
-        result = m_turnstile.pass(message, lowPriority, parts->worker, goesOn);
+        OutgoingMessage outgoing(m_profile, message);
+        result = m_turnstile.pass(outgoing, lowPriority, parts->worker, goesOn);
     });
     return result;
 }
