@@ -11,6 +11,7 @@
 #include "Log.h"
 #include "MessageBuilder.h"
 #include "MessageParser.h"
+#include "PosixSharedMemory.h"
 #include "ProcessLife.h"
 #include "SegmentStatus.h"
 #include "SegmentUse.h"
@@ -55,6 +56,15 @@ void declareProcess() {
     VDIFrameworkCommon::ActiveVirtualChannelAgentRecorder::declareClientProcess();
     VDIFrameworkCommon::VDIClientInfo::getInstance().setClientType(
         VDIFrameworkCommon::VDIClientType::Crews);
+}
+
+// A segment's memory is reserved at once, so a large one must be a small part of what is left.
+unsigned int chosenCapacity() {
+    constexpr unsigned int kUsual = 65536;
+    constexpr unsigned int kLarge = 1u << 20;
+    constexpr unsigned int kLeastParts = 1000;
+    const bool hasRoom = VDIFrameworkCommon::sharedMemoryRoom() / kLeastParts >= kLarge;
+    return hasRoom ? kLarge : kUsual;
 }
 
 // A stream whose calls all fail with `why`.
@@ -238,8 +248,9 @@ Status Client::Impl::request(const std::string& operation, const std::vector<std
 
 std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, Direction direction,
                                                        unsigned int capacity, For users) {
+    if (capacity == kDefaultCapacity) capacity = chosenCapacity();
     const auto failed = [&](const Status& why) { return unopened(name, direction, capacity, why); };
-    if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) || capacity == 0 ||
+    if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) ||
         capacity > kLargestCapacity) {
         return failed(Reason::InvalidArgument);
     }

@@ -56,7 +56,9 @@ struct Options {
     std::function<void(bool connected)> onConnectionChange;
 };
 
-inline constexpr unsigned int kDefaultCapacity = 65536;  // bytes
+// Lets the library choose a segment's capacity: 1 MiB where segments can grow (Linux) and the
+// system has room for a thousand such ones, otherwise 65536 bytes.
+inline constexpr unsigned int kDefaultCapacity = 0;
 
 // One direction of one named stream, from Client::openStream. May outlive its client, and is then
 // closed. Reads on several threads take turns, and so do writes; the wait for a turn is not bounded
@@ -144,8 +146,9 @@ public:
     Client& operator=(const Client&) = delete;
 
     // Opens the stream `name` (1 to 64 letters, digits, '-', '_' and '.', not starting with '.')
-    // with a segment of `capacity` bytes (1 byte to 64 MiB), and asks the agent to open its end,
-    // without waiting for the answer.
+    // with a segment of `capacity` bytes (1 byte to 64 MiB, or kDefaultCapacity), and asks the
+    // agent to open its end, without waiting for the answer. A message longer than the capacity
+    // crosses the segment in several parts, which takes longer.
     // InvalidArgument: invalid name or capacity; AlreadyOpen; CapacityMismatch, NoSpace,
     // NoPermission or SystemError: the segment cannot be set up.
     OpenedStream openStream(const std::string& name, Direction direction,

@@ -230,8 +230,7 @@ int norvo_stream_open(norvo_client* client, const char* name, int direction, uns
     if (direction != NORVO_READ && direction != NORVO_WRITE) return NORVO_INVALID;
     return guarded([&] {
         const auto opened = client->state->client.openStream(
-            name, direction == NORVO_READ ? Direction::Read : Direction::Write,
-            capacity ? capacity : NorvoStreamClient::kDefaultCapacity);
+            name, direction == NORVO_READ ? Direction::Read : Direction::Write, capacity);
         if (opened) {
             auto state = std::make_shared<StreamState>();
             state->stream = opened;

@@ -90,8 +90,8 @@ NORVO_STREAM_CLIENT_C_API int norvo_client_next_notification(norvo_client* clien
                                                              size_t size, size_t* length,
                                                              int timeout_ms);
 
-/* Opens a stream. `direction` is what the caller does, `capacity` the segment's bytes (0: 65536).
- * `*stream` is NULL after a failure. The caller closes it. */
+/* Opens a stream. `direction` is what the caller does, `capacity` the segment's bytes (0: the
+ * library chooses). `*stream` is NULL after a failure. The caller closes it. */
 NORVO_STREAM_CLIENT_C_API int norvo_stream_open(norvo_client* client, const char* name,
                                                 int direction, unsigned int capacity,
                                                 norvo_stream** stream);

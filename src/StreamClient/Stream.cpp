@@ -84,14 +84,13 @@ Status Stream::Impl::whyNothingCame() const {
 
 Status Stream::Impl::read(std::string& message, Clock::time_point deadline) {
     constexpr auto kLongestWait = std::chrono::milliseconds(200);
-    message.clear();
+    if (m_closed || m_direction != Direction::Read) message.clear();
     if (m_closed) return m_end;
     if (m_direction != Direction::Read) return Reason::InvalidArgument;
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         const auto wait = std::clamp(left, std::chrono::milliseconds(0), kLongestWait);
-        unsigned int length = 0;
-        message = m_segment.ReadData(length, static_cast<unsigned int>(wait.count()));
+        m_segment.read(message, wait);
         if (!message.empty()) return {};
         const Status why = whyNothingCame();
         const bool neverComes =

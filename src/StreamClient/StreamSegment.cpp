@@ -1,5 +1,7 @@
 #include "StreamSegment.h"
 
+#include <utility>
+
 namespace NorvoStreamClient {
 
 using VDIFrameworkCommon::LocalLock;
@@ -30,13 +32,10 @@ bool StreamSegment::write(const void* data, unsigned int length, Clock::time_poi
     return m_gate.isOpen() && m_writer.write(data, length, deadline);
 }
 
-std::string StreamSegment::ReadData(unsigned int& length, unsigned int timeout) {
-    const std::chrono::milliseconds wait(timeout);
-    std::string message;
+void StreamSegment::read(std::string& message, std::chrono::milliseconds timeout) {
     LocalLock lock(m_mutex);
-    if (m_gate.isOpen() && m_reader.wait(Clock::now() + wait)) message = m_reader.take(wait);
-    length = static_cast<unsigned int>(message.size());
-    return message;
+    m_reader.offer(std::exchange(message, {}));
+    if (m_gate.isOpen() && m_reader.wait(Clock::now() + timeout)) message = m_reader.take(timeout);
 }
 
 bool StreamSegment::isDrained() {

@@ -46,10 +46,8 @@ TEST_F(ClientTest, RefusesStreamsThatCannotBe) {
                                     std::string("ClientTest_Info_STREAM2VC")})
         EXPECT_EQ(reasonOf(client.openStream(name, Direction::Read)), Reason::InvalidArgument)
             << name;
-    for (const unsigned int size : {0u, (64u << 20) + 1})
-        EXPECT_EQ(reasonOf(client.openStream("CTSize", Direction::Read, size)),
-                  Reason::InvalidArgument)
-            << size;
+    EXPECT_EQ(reasonOf(client.openStream("CTSize", Direction::Read, (64u << 20) + 1)),
+              Reason::InvalidArgument);
     auto first = client.openStream("CTSize", Direction::Read, 10);
     EXPECT_TRUE(first);
     const auto second = client.openStream("CTSize", Direction::Write, 10);

@@ -1,5 +1,6 @@
 #include "CellPool.h"
 #include "FrameworkSupport.h"
+#include "MemoryBlock.h"
 #include "SharedBytes.h"
 #include "SpareBlock.h"
 
@@ -82,6 +83,35 @@ TEST(SpareBlock, IsSharedByThreads) {
                           [&](void* block, std::size_t size) { memory.release(block, size); }),
               0);
     ::operator delete(memory.allocate(1000, capacity));
+}
+
+TEST(MemoryBlock, LendsWhatWasGivenUpForAMomentOnly) {
+    constexpr std::size_t kSize = 1 << 20;
+    MemoryBlock::freeKept();
+    MemoryBlock block = MemoryBlock::allocate(1, 1);  // too small to be kept
+    block = MemoryBlock::allocate(kSize, kSize);
+    std::byte* const first = block.data();
+    std::fill_n(first, kSize, std::byte{1});
+    block = {};
+    EXPECT_EQ(MemoryBlock::kept(), kSize);
+    block = MemoryBlock::allocate(100, 100 * kSize);
+    EXPECT_EQ(block.capacity(), 100u) << "there is none of the size that would be best";
+    block = MemoryBlock::zeroed(kSize);
+    EXPECT_EQ(std::count(block.data(), block.data() + kSize, std::byte{0}), long{kSize});
+    EXPECT_NE(MemoryBlock::allocate(kSize / 4, kSize / 4).data(), first) << "it is far too large";
+    MemoryBlock again = MemoryBlock::allocate(100, kSize);
+    EXPECT_EQ(again.data(), first);
+    again = {};
+    for (const std::size_t kept : {kSize + kSize / 4, std::size_t{0}}) {
+        MemoryBlock::freeOld();
+        EXPECT_EQ(MemoryBlock::kept(), kept);
+    }
+    std::vector<MemoryBlock> many;
+    for (std::size_t i = 0; i < 40; ++i) many.push_back(MemoryBlock::allocate(kSize, kSize));
+    many.clear();
+    EXPECT_LE(MemoryBlock::kept(), MemoryBlock::kMostKept);
+    MemoryBlock::freeKept();
+    EXPECT_EQ(MemoryBlock::kept(), 0u);
 }
 
 }  // namespace

@@ -51,7 +51,7 @@ class EndToEndAcrossProcesses : public testing::TestWithParam<const char*> {};
 TEST_P(EndToEndAcrossProcesses, EveryUsualStreamCarriesMessagesOfAllSizesThereAndBackInOrder) {
     // The pauses of the other kinds make this slow.
     const bool isFast = GetParam() == std::string("tcp");
-    const std::size_t sizes[] = {1, 976, 977, 4992, 65536, 65537, 1 << 20};
+    const std::size_t sizes[] = {1, 976, 977, 4992, 65536, 65537, 3 << 20};
     const std::size_t sizesOfAll = isFast ? 7 : 6;
     const std::size_t messages = isFast ? 7 * static_cast<std::size_t>(rounds(10)) : 6;
     HostPair hosts(GetParam());

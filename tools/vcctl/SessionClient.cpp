@@ -43,8 +43,10 @@ const char* nextStep(Reason reason) {
 }
 
 CommandError whyNotOpened(const std::string& name, unsigned int capacity, const Status& status) {
-    return CommandError("cannot open a stream '" + name + "' of " + std::to_string(capacity) +
-                            " bytes: " + status.text() + nextStep(status.reason()),
+    const bool isGiven = capacity != NorvoStreamClient::kDefaultCapacity;
+    const std::string size = isGiven ? " of " + std::to_string(capacity) + " bytes" : "";
+    return CommandError("cannot open a stream '" + name + "'" + size + ": " + status.text() +
+                            nextStep(status.reason()),
                         status.reason() == Reason::InvalidArgument ? kUsage : kFailed);
 }
 

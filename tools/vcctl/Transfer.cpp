@@ -14,7 +14,7 @@ TransferLink::TransferLink(SessionClient& session, const std::string& name, Role
                            unsigned int capacity, double wait)
     : m_session(session), m_name(name), m_role(role), m_wait(wait) {
     NorvoStreamClient::ConnectionOptions options;
-    options.capacity = capacity;
+    if (capacity != NorvoStreamClient::kDefaultCapacity) options.capacity = capacity;
     if (wait > 0) options.outage = std::chrono::milliseconds(static_cast<long>(wait * 1000));
     m_connection = session.connection(name, role == Role::Send, options);
 }

@@ -9,6 +9,9 @@ namespace shared_memory {
 namespace {
 
 constexpr std::uint32_t kReservedAtOnce = 64U << 20U;
+// The allocator is as fast for less.
+constexpr std::size_t kSmallestOffered = 128U << 10U;
+constexpr std::size_t kMostWaste = 64U << 10U;
 
 bool isPlausibleStart(const ChunkHeader& chunk, std::uint32_t capacity) {
     const std::uint64_t room = std::uint64_t{chunk.count} * capacity;
@@ -40,7 +43,7 @@ MessageAssembler::Outcome MessageAssembler::add(const ChunkHeader& chunk, const 
 }
 
 bool MessageAssembler::begin(const ChunkHeader& chunk, std::uint32_t capacity) {
-    drop();
+    dropMessage();
     if (!isPlausibleStart(chunk, capacity)) return false;
     m_total = chunk.total;
     m_count = chunk.count;
@@ -49,12 +52,26 @@ bool MessageAssembler::begin(const ChunkHeader& chunk, std::uint32_t capacity) {
 
 bool MessageAssembler::append(const ChunkHeader& chunk, const char* data) {
     try {
-        if (chunk.index == 1) m_message.reserve(std::min(m_total, kReservedAtOnce));
+        if (chunk.index == 1) reserve();
         m_message.append(data, chunk.length);
     } catch (const std::bad_alloc&) {
         return false;
     }
     return true;
+}
+
+void MessageAssembler::reserve() {
+    std::string offered = std::exchange(m_offered, {});
+    const bool fits = offered.capacity() >= m_total &&
+                      offered.capacity() <= 2 * std::size_t{m_total} + kMostWaste;
+    if (fits) m_message.swap(offered);
+    m_message.reserve(std::min(m_total, kReservedAtOnce));
+}
+
+void MessageAssembler::offer(std::string memory) {
+    memory.clear();
+    m_offered.swap(memory);
+    if (m_offered.capacity() < kSmallestOffered) std::string().swap(m_offered);
 }
 
 std::string MessageAssembler::take() {
@@ -63,6 +80,11 @@ std::string MessageAssembler::take() {
 }
 
 void MessageAssembler::drop() {
+    dropMessage();
+    std::string().swap(m_offered);
+}
+
+void MessageAssembler::dropMessage() {
     m_nextIndex = 1;
     m_sizeBefore = 0;
     m_nextIndexBefore = 1;

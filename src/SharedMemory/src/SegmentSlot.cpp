@@ -214,7 +214,7 @@ bool SegmentSlot::place(const ChunkHeader& chunk, const char* bytes) {
 }
 
 bool SegmentSlot::tryPlace(const ChunkHeader& chunk, const char* bytes) {
-    if (!isFreeAtOnce() || dirtyBehind(chunk.length) > kMostAtOnce) return false;
+    if (!isFreeAtOnce() || dirtyBehind(chunk.length) > kMostClearedAtOnce) return false;
     fill(chunk, bytes);
     return publish(milliseconds::zero());
 }

@@ -130,9 +130,9 @@ public:
     // locked.
     bool place(const ChunkHeader& chunk, const char* bytes);
     // The same without waiting. Also false when the slot is not free, when nothing has been taken
-    // since the last wait for that, or when more than kMostAtOnce bytes behind the chunk would have
-    // to be cleared.
-    static constexpr unsigned int kMostAtOnce = 128 * 1024;
+    // since the last wait for that, or when more than kMostClearedAtOnce bytes behind the chunk
+    // would have to be cleared.
+    static constexpr unsigned int kMostClearedAtOnce = 128 * 1024;
     bool tryPlace(const ChunkHeader& chunk, const char* bytes);
     // Acknowledges the chunk that isUnread() found. False when the slot no longer holds it, because
     // a newly set-up writer did not wait for its reader: the copy may be torn.

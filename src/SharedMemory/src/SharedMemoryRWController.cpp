@@ -4,6 +4,7 @@
 
 #include "Contained.h"
 #include "LocalMutex.h"
+#include "MemoryBlock.h"
 
 namespace shared_memory {
 
@@ -54,6 +55,7 @@ void SharedMemoryRWController::shutdown() {
     LocalLock lock(m_threadMutex);
     m_running = false;
     m_event.set();
+    VDIFrameworkCommon::MemoryBlock::freeKept();
     if (!m_checker.joinable()) return;
     if (m_checkerProcess == getpid()) {
         m_checker.join();
@@ -69,6 +71,7 @@ void SharedMemoryRWController::checkActiveVirtualChannelAgent() {
             m_canRead = allowed;
             m_canWrite = allowed;
         });
+        VDIFrameworkCommon::MemoryBlock::freeOld();
         m_event.timedWait(kCheckEveryMs);
     }
 }

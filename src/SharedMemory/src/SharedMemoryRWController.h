@@ -31,7 +31,8 @@ public:
     void clearActiveVirtualChannelAgent();
 
     // Starts the checker thread unless it runs. Every segment calls this when it is set up, so
-    // checking resumes for an agent built after another one's shutdown().
+    // checking resumes for an agent built after another one's shutdown(). The thread also frees
+    // what MemoryBlock keeps.
     void start();
     // Ends and joins the checker thread. May be called at any time, repeatedly.
     void shutdown();

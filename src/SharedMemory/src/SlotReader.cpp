@@ -20,9 +20,11 @@ void SlotReader::begin(bool isRenewed) {
 
 bool SlotReader::wait(Clock::time_point deadline) {
     const auto now = Clock::now();
-    return m_slot.check(now) != SegmentSlot::Soundness::Lost &&
-           m_slot.waitFor(SegmentSlot::Signal::Written, now, deadline,
-                          [this] { return m_slot.isUnread(); });
+    const bool hasCome = m_slot.check(now) != SegmentSlot::Soundness::Lost &&
+                         m_slot.waitFor(SegmentSlot::Signal::Written, now, deadline,
+                                        [this] { return m_slot.isUnread(); });
+    if (!hasCome) m_assembler.offer({});
+    return hasCome;
 }
 
 std::string SlotReader::take(std::chrono::milliseconds silence) {

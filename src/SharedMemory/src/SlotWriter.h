@@ -19,7 +19,7 @@ public:
                Clock::time_point deadline = Clock::time_point::max());
     // The same without waiting, for a message of one chunk of at most kMostAtOnce bytes. False,
     // with nothing sent, when the slot is not available at once.
-    static constexpr unsigned int kMostAtOnce = SegmentSlot::kMostAtOnce;
+    static constexpr unsigned int kMostAtOnce = 1024 * 1024;
     bool tryWrite(const void* data, unsigned int length);
     // Whether the slot is free: the reader has taken everything. False while the object is
     // truncated.

@@ -204,6 +204,8 @@ bool isSharedMemoryRemoved(const struct stat& status) {
     return shared_memory_system::tellsRemoval() && status.st_nlink == 0;
 }
 
+unsigned long long sharedMemoryRoom() { return shared_memory_system::room(); }
+
 bool isSharedMemoryRemovalSeen() { return shared_memory_system::tellsRemoval(); }
 
 bool setExistingObjectsGrow(bool grow) { return g_existingObjectsGrow.exchange(grow); }

@@ -30,6 +30,10 @@ std::string openedSharedMemoryObject(const std::string& name);
 // system sizes an object only once (macOS), growing it later fails with EINVAL.
 int ftruncate_mac(int fd, long long length);
 
+// How many bytes objects may still take. 0 when the system does not tell, or sizes an object only
+// once.
+unsigned long long sharedMemoryRoom();
+
 // Removes both objects.
 int shm_unlink_mac(const std::string& name);
 

@@ -27,6 +27,9 @@ int grow(int fd, long long current, long long length);
 // with errno.
 int reserve(int fd, long long length);
 
+// Bytes that objects may still take; 0 when the system does not tell, or when objects cannot grow.
+unsigned long long room();
+
 // Whether a status shows that an object's name was removed.
 bool tellsRemoval();
 

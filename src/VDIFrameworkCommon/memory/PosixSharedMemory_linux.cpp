@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -36,6 +37,12 @@ int reserve(int fd, long long length) {
     }
     if (error != 0) errno = error;
     return error == 0 ? 0 : -1;
+}
+
+unsigned long long room() {
+    struct statvfs status {};
+    if (statvfs("/dev/shm", &status) != 0) return 0;
+    return static_cast<unsigned long long>(status.f_bavail) * status.f_frsize;
 }
 
 bool tellsRemoval() { return true; }

@@ -43,6 +43,8 @@ int grow(int fd, long long current, long long length) {
 // Sizing an object reserves its memory.
 int reserve(int, long long) { return 0; }
 
+unsigned long long room() { return 0; }
+
 bool tellsRemoval() { return false; }
 
 bool statusOf(const char* name, struct stat& status) {

@@ -39,6 +39,26 @@ TEST_F(Reassembly, DeliversAnUnsplitMessageAtOnceFromWhereItLies) {
     EXPECT_EQ(place.seen, wire.data() + 24);
 }
 
+TEST_F(Reassembly, GivesTheMemoryOfASplitMessageAway) {
+    std::vector<VDIFrameworkCommon::MemoryBlock> taken;
+    receiver.onMessage = [&](const std::string&) {
+        taken.push_back(packetization.TakeMemory());
+        EXPECT_FALSE(packetization.TakeMemory());
+    };
+    receive(packetization, wireOf(part(1, 1, 1, 5), "whole"));
+    ASSERT_FALSE(taken.back()) << "it lies in the host's memory";
+    for (const char* text : {"abcdef", "ghijkl"}) {
+        receivePart(2, 2, 2, 6, text + 3);
+        receivePart(2, 1, 2, 6, std::string(text, 3));
+        ASSERT_TRUE(taken.back());
+    }
+    const auto textIn = [&](std::size_t index) {
+        return std::string(reinterpret_cast<const char*>(taken.at(index).data()), 6);
+    };
+    EXPECT_EQ((Texts{textIn(1), textIn(2)}), (Texts{"abcdef", "ghijkl"}));
+    EXPECT_FALSE(packetization.TakeMemory()) << "nothing is being delivered";
+}
+
 TEST_F(Reassembly, JoinsMessagesOfEverySizeInEveryDirection) {
     for (const std::size_t length : {101ul, 20'000ul, 70'000ul, 300'000ul, 4'000'000ul, 150ul}) {
         const std::string message = pattern(length);

@@ -1,7 +1,6 @@
 // Streams: their limits, their ends, and what delays their data.
 
 #include "AgentFixture.h"
-#include "SpareStrings.h"
 #include "StreamRules.h"
 #include "TestSupport.h"
 
@@ -237,18 +236,4 @@ TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProces
     EXPECT_EQ(m_side.machine->peerSegments(), std::set<std::string>{});
     EXPECT_EQ(askFor(20, kMaxStreamSize), (Counts{kMaxPeerTotalSize / kMaxStreamSize,
                                                   kMaxTotalStreamSize / kMaxStreamSize - 1}));
-}
-
-TEST(SpareStrings, LendMemoryThatWasGivenBackAndKeepNoMoreThanTheyMay) {
-    constexpr std::size_t kMoreThanHalf = SpareStrings::kMostBytes / 2 + 1;
-    const std::string message(SpareStrings::kSmallest, 'x');
-    SpareStrings spares;
-    for (const std::size_t capacity : {kMoreThanHalf, kMoreThanHalf, 2 * SpareStrings::kMostBytes})
-        spares.giveBack(std::string(capacity, 'y'));
-
-    EXPECT_LT(spares.copyOf("small", 5).capacity(), kMoreThanHalf);
-    const std::string first = spares.copyOf(message.data(), message.size());
-    EXPECT_EQ(first, message);
-    EXPECT_GE(first.capacity(), kMoreThanHalf);
-    EXPECT_LT(spares.copyOf(message.data(), message.size()).capacity(), kMoreThanHalf);
 }

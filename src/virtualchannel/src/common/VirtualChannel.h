@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "ChannelKinds.h"
+#include "MemoryBlock.h"
 #include "SplitBytes.h"
 
 namespace NorvoVirtualChannel {
@@ -57,6 +58,9 @@ public:
     // The peer has restarted: messages that it has sent in part will never be completed. Any
     // thread, also from inside an observer call.
     virtual void ForgetIncompleteMessages() {}
+    // From inside OnVirtualChannelReceiveData, on its thread: the memory that the message lies in,
+    // which stays where it is and is the caller's from then on. Empty when it is the host's.
+    virtual VDIFrameworkCommon::MemoryBlock TakeReceivedMemory() { return {}; }
     // Waits, at most `limit`, until what was queued before the call has been handed to the host.
     // Returns whether it has been.
     virtual bool WaitUntilSent(std::chrono::milliseconds /*limit*/) { return true; }

@@ -95,9 +95,14 @@ void Packetization::reassemble() {
     try {
         deliver(message);
     } catch (...) {
-        m_pending.finish(message);
+        finish(message);
         throw;
     }
+    finish(message);
+}
+
+void Packetization::finish(PendingMessage& message) {
+    m_delivered = nullptr;
     m_pending.finish(message);
 }
 
@@ -108,7 +113,12 @@ void Packetization::deliver(PendingMessage& message) {
     const auto whole = message.join();
     if (!whole) return;
     NORVO_LOG(Trace, "Notifying observer.");
+    m_delivered = &message;
     m_observer->OnFullPacketReceived(whole->data(), static_cast<unsigned int>(whole->size()));
+}
+
+VDIFrameworkCommon::MemoryBlock Packetization::TakeMemory() {
+    return m_delivered ? m_delivered->takeMemory() : VDIFrameworkCommon::MemoryBlock();
 }
 
 }  // namespace NorvoVirtualChannel

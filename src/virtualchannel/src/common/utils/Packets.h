@@ -187,6 +187,10 @@ public:
     void EnqueuePacket(const Packet* packet) NORVO_EXCLUDES(m_Mutex);
     // Delivers what is complete. `EnqueuePacket` does so itself.
     void ReassemblePackets() NORVO_EXCLUDES(m_Mutex);
+    // The memory of the message that is being delivered: its bytes stay where they are, and are the
+    // caller's from then on. Empty when it has none of its own, as a message of one packet. Only
+    // from inside `OnFullPacketReceived`, on its thread.
+    VDIFrameworkCommon::MemoryBlock TakeMemory();
     // Discards all packets taken so far: a restarted sender numbers its messages from the clock
     // again, and its packets must not complete messages of its predecessor. Any thread, also from
     // inside `OnFullPacketReceived`. The memory is freed with the next packet at the latest.
@@ -198,6 +202,7 @@ private:
     PendingMessage& findOrBegin(const Packet& packet) NORVO_REQUIRES(m_Mutex);
     void reassemble() NORVO_REQUIRES(m_Mutex);
     void deliver(PendingMessage& message) NORVO_REQUIRES(m_Mutex);
+    void finish(PendingMessage& message) NORVO_REQUIRES(m_Mutex);
     void forgetIfAsked() NORVO_REQUIRES(m_Mutex);
 
     const int m_maxPacketSize;
@@ -206,6 +211,8 @@ private:
     PendingMessages m_pending NORVO_GUARDED_BY(m_Mutex);
     // The message that the last packet was added to, the only one that can be complete.
     PendingMessage* m_latest NORVO_GUARDED_BY(m_Mutex) = nullptr;
+    // The message that is being delivered; used by the delivering thread only.
+    PendingMessage* m_delivered = nullptr;
     // Not guarded, as a delivery holds the mutex: a request from inside it takes effect after it.
     std::atomic<bool> m_forget{false};
 };

@@ -7,11 +7,14 @@
 
 namespace NorvoVirtualChannel {
 
+using VDIFrameworkCommon::MemoryBlock;
+
 namespace {
 
-constexpr std::int64_t kLargestKeptBlock = 2 * 1024 * 1024;
+constexpr std::size_t kLargestKeptBlock = 128 * 1024;
 constexpr std::size_t kMostKeptPieces = 4096;
 constexpr std::int64_t kGrowthFactor = 4;
+constexpr std::int64_t kLeast = 1;
 
 }  // namespace
 
@@ -49,9 +52,8 @@ void PendingMessage::add(const Header& header, const std::byte* payload) {
 // An incomplete message must not pass for a whole one.
 void PendingMessage::lose() {
     m_lost = true;
-    m_block.reset();
+    m_block = {};
     m_pieces = {};
-    m_capacity = 0;
     NORVO_LOG_SUMMED_UP(Error, "No memory for a packet; its message is lost, ID: ", m_id);
 }
 
@@ -59,15 +61,15 @@ bool PendingMessage::grow(const Header& header, bool inFront) {
     const std::int64_t used = m_end - m_begin;
     const std::int64_t needed = used + header.payloadSize;
     const std::int64_t announced = std::int64_t{header.messageSize} - kPacketHeaderSize;
-    const std::int64_t plenty = kGrowthFactor * std::max(needed, std::int64_t{1});
+    const std::int64_t plenty = kGrowthFactor * needed;
     const std::int64_t capacity = announced >= needed ? std::min(plenty, announced) : plenty;
-    Block grown(static_cast<std::byte*>(
-        std::malloc(static_cast<std::size_t>(std::max(capacity, std::int64_t{1})))));
+    const std::int64_t wanted = std::max(capacity, announced);
+    MemoryBlock grown = MemoryBlock::allocate(static_cast<std::size_t>(std::max(capacity, kLeast)),
+                                              static_cast<std::size_t>(std::max(wanted, kLeast)));
     if (!grown) return false;
-    const std::int64_t start = inFront ? capacity - used : 0;
-    if (used > 0) std::memcpy(grown.get() + start, at(m_begin), static_cast<std::size_t>(used));
+    const std::int64_t start = inFront ? static_cast<std::int64_t>(grown.capacity()) - used : 0;
+    if (used > 0) std::memcpy(grown.data() + start, at(m_begin), static_cast<std::size_t>(used));
     m_block = std::move(grown);
-    m_capacity = capacity;
     m_origin = start - m_begin;
     return true;
 }
@@ -86,7 +88,7 @@ std::optional<std::span<const std::byte>> PendingMessage::join() {
     }
     const std::int64_t gap = size - carried;
     const bool inPlace =
-        m_order != Order::Mixed && m_block && m_capacity - (m_origin + m_end) >= gap;
+        m_order != Order::Mixed && m_block && capacity() - (m_origin + m_end) >= gap;
     if (inPlace && gap > 0) {
         std::memset(at(m_end), 0, static_cast<std::size_t>(gap));
     } else if (!inPlace && !gather(carried, size)) {
@@ -121,12 +123,11 @@ std::int64_t PendingMessage::measure(std::int64_t limit) const {
 }
 
 bool PendingMessage::gather(std::int64_t carried, std::int64_t size) {
-    // Zeroed memory from the system costs nothing until touched, however large the announced size.
-    const auto bytes = static_cast<std::size_t>(std::max(size, std::int64_t{1}));
-    Block whole(
-        static_cast<std::byte*>(size > carried ? std::calloc(bytes, 1) : std::malloc(bytes)));
+    const auto bytes = static_cast<std::size_t>(std::max(size, kLeast));
+    MemoryBlock whole =
+        size > carried ? MemoryBlock::zeroed(bytes) : MemoryBlock::allocate(bytes, bytes);
     if (!whole) return false;
-    std::byte* next = whole.get();
+    std::byte* next = whole.data();
     if (m_order == Order::Falling) std::reverse(m_pieces.begin(), m_pieces.end());
     for (const Piece& piece : m_pieces) {
         if (piece.position == kMissing || piece.size == 0) continue;
@@ -134,14 +135,14 @@ bool PendingMessage::gather(std::int64_t carried, std::int64_t size) {
         next += piece.size;
     }
     m_block = std::move(whole);
-    m_capacity = size;
     m_origin = m_begin = 0;
     m_end = carried;
     return true;
 }
 
-bool PendingMessage::isWorthKeeping() const {
-    return m_capacity <= kLargestKeptBlock && m_pieces.capacity() <= kMostKeptPieces;
+void PendingMessage::freeLargeMemory() {
+    if (m_block.capacity() > kLargestKeptBlock) m_block = {};
+    if (m_pieces.capacity() > kMostKeptPieces) m_pieces = {};
 }
 
 }  // namespace NorvoVirtualChannel

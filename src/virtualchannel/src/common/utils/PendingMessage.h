@@ -2,14 +2,14 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
+#include "MemoryBlock.h"
 #include "PacketHeader.h"
 
 namespace NorvoVirtualChannel {
@@ -23,8 +23,8 @@ constexpr bool sequenceBefore(std::uint32_t a, std::uint32_t b) {
 //
 // Payloads go into one growing block. While packets come in falling order, each is put in front of
 // the earlier ones, otherwise behind them. So packets in rising or falling order end up in order,
-// and the message is delivered from the block without another copy. The block is never larger than
-// four times what has arrived, or than an earlier message left it.
+// and the message is delivered from the block without another copy. A new block is never larger
+// than four times what has arrived.
 class PendingMessage {
 public:
     // Makes this an empty message `id` of `total` packets; keeps its memory.
@@ -44,8 +44,11 @@ public:
     // exceed that size or there is no memory. Call it once.
     std::optional<std::span<const std::byte>> join();
 
-    // Whether its memory is small enough to be kept for the next message.
-    bool isWorthKeeping() const;
+    // The memory that join() returned the message in: the bytes stay where they are. Empty when the
+    // message has none.
+    VDIFrameworkCommon::MemoryBlock takeMemory() { return std::move(m_block); }
+    // Keeps only so much memory as any next message may have.
+    void freeLargeMemory();
 
 private:
     struct Piece {
@@ -58,16 +61,13 @@ private:
     // The order of the sequences so far. In rising and falling order every piece has its bytes, so
     // the bytes are in order too.
     enum class Order { Unknown, Rising, Falling, Mixed };
-    struct Free {
-        void operator()(std::byte* block) const { std::free(block); }
-    };
-    using Block = std::unique_ptr<std::byte[], Free>;
 
     Order orderWith(std::uint32_t sequence, bool hasBytes) const;
     bool makeRoom(const Header& header, bool inFront);
     bool grow(const Header& header, bool inFront);
     void lose();
-    std::byte* at(std::int64_t position) const { return m_block.get() + (m_origin + position); }
+    std::int64_t capacity() const { return static_cast<std::int64_t>(m_block.capacity()); }
+    std::byte* at(std::int64_t position) const { return m_block.data() + (m_origin + position); }
     void noteSize(const Header& header);
     // How many payload bytes have arrived; `kTooMuch` when more than `limit`.
     std::int64_t measure(std::int64_t limit) const;
@@ -85,8 +85,7 @@ private:
 
     // The used part of the block is [m_begin, m_end), as positions; position 0 is m_origin bytes
     // behind its start.
-    Block m_block;
-    std::int64_t m_capacity = 0;
+    VDIFrameworkCommon::MemoryBlock m_block;
     std::int64_t m_origin = 0;
     std::int64_t m_begin = 0;
     std::int64_t m_end = 0;
@@ -104,8 +103,8 @@ inline PendingMessage::Order PendingMessage::orderWith(std::uint32_t sequence,
 
 inline bool PendingMessage::makeRoom(const Header& header, bool inFront) {
     if (!m_block) return grow(header, inFront);
-    if (m_begin == m_end) m_origin = (inFront ? m_capacity : 0) - m_begin;
-    const std::int64_t room = inFront ? m_origin + m_begin : m_capacity - (m_origin + m_end);
+    if (m_begin == m_end) m_origin = (inFront ? capacity() : 0) - m_begin;
+    const std::int64_t room = inFront ? m_origin + m_begin : capacity() - (m_origin + m_end);
     return room >= header.payloadSize || grow(header, inFront);
 }
 

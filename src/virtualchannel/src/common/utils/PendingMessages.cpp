@@ -39,7 +39,8 @@ void PendingMessages::finish(PendingMessage& message) {
     if (m_found == &message) m_found = nullptr;
     if (m_spareHolder && m_spareHolder != &message) return;
     m_spareHolder = nullptr;
-    if (finished->isWorthKeeping()) m_spare = std::move(finished);
+    finished->freeLargeMemory();
+    m_spare = std::move(finished);
 }
 
 }  // namespace NorvoVirtualChannel

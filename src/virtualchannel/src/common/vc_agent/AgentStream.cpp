@@ -19,7 +19,7 @@ bool isLowPriority(const std::string& streamName) {
 }
 
 // What a local process must not miss, however many notifications it gets.
-bool isConnectionChange(const std::string& notification) {
+bool isConnectionChange(std::string_view notification) {
     return notification == "ChannelUp" || notification == "ChannelDown";
 }
 
@@ -56,7 +56,12 @@ bool Agent::Stream::begin() {
 // A hand-over to the writer's thread would cost more than the copy, which is made in either case.
 void Agent::Stream::pass(const char* data, std::size_t length) {
     const auto write = [&] { return m_running && writeAtOnce(data, length); };
-    if (!m_queue.passBy(write)) enqueue(m_spares.copyOf(data, length));
+    if (m_queue.passBy(write)) return;
+    if (auto memory = m_link.takeReceivedMemory()) {
+        enqueue(StreamMessage(std::move(memory), {data, length}));
+    } else {
+        enqueue(std::string(data, length));
+    }
 }
 
 bool Agent::Stream::writeAtOnce(const char* data, std::size_t length) {
@@ -70,9 +75,9 @@ void Agent::Stream::logDelivered(std::size_t length) {
     AGENT_LOG(m_context, Trace, length, " bytes delivered to address: ", m_name);
 }
 
-void Agent::Stream::enqueue(std::string message) {
-    const auto mayGo = [this](const std::string& text) {
-        return !m_isInfoOutput || !isConnectionChange(text);
+void Agent::Stream::enqueue(StreamMessage message) {
+    const auto mayGo = [this](const StreamMessage& one) {
+        return !m_isInfoOutput || !isConnectionChange(one.bytes());
     };
     if (m_queue.push(std::move(message), mayGo) > 0) {
         AGENT_LOG_REPEATED(
@@ -105,10 +110,11 @@ void Agent::Stream::close() {
 }
 
 void Agent::Stream::onNewMessageReceived(std::string message,
-                                         shared_memory::SharedMemoryI* /*source*/) {
+                                         shared_memory::SharedMemoryI* source) {
     if (!m_running || m_context.stopping || message.empty()) return;
     use.note();
     m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority, m_running);
+    if (source) source->GiveBack(std::move(message));
 }
 
 void Agent::Stream::WriterProcessingThread() {
@@ -118,15 +124,15 @@ void Agent::Stream::WriterProcessingThread() {
         auto message = m_queue.pop(running);
         if (!message) continue;
         VDIFrameworkCommon::contained("Delivering a message", [&] { deliver(*message); });
-        m_spares.giveBack(std::move(*message));
     }
     AGENT_LOG(m_context, Info, "Thread processing '", m_name, "' exiting");
 }
 
-void Agent::Stream::deliver(const std::string& message) {
-    const auto length = static_cast<unsigned int>(message.size());
+void Agent::Stream::deliver(const StreamMessage& message) {
+    const std::string_view bytes = message.bytes();
+    const auto length = static_cast<unsigned int>(bytes.size());
     for (bool failed = false; m_running; failed = true) {
-        if (m_segment && m_segment->WriteData(message.data(), length)) {
+        if (m_segment && m_segment->WriteData(bytes.data(), length)) {
             logDelivered(length);
             if (failed) m_undelivered.settled();
             return;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "AgentContext.h"
 #include "AgentThread.h"
@@ -11,7 +12,7 @@
 #include "ChannelLink.h"
 #include "LockOrder.h"
 #include "SharedMemoryI.h"
-#include "SpareStrings.h"
+#include "StreamMessage.h"
 #include "StreamRules.h"
 #include "StreamType.h"
 #include "StreamUse.h"
@@ -44,9 +45,11 @@ public:
 
     // Queues one message for the local process. The oldest are dropped when more wait than
     // StreamRules.h allows; among notifications, connection changes are dropped last.
-    void enqueue(std::string message) NORVO_TAKES_LEAF;
-    // The same for data from the peer, which is written to the segment at once when that takes no
-    // waiting and no earlier message is still under way.
+    void enqueue(std::string message) NORVO_TAKES_LEAF {
+        enqueue(StreamMessage(std::move(message)));
+    }
+    // The same for data from the peer, inside its delivery. It is written to the segment at once
+    // when that takes no waiting and no earlier message is still under way.
     void pass(const char* data, std::size_t length) NORVO_TAKES_LEAF;
 
     // How many messages have been queued so far, and how many of them have left the queue.
@@ -78,7 +81,8 @@ private:
     bool begin() NORVO_REQUIRES(m_serviceMutex);
     void WriterProcessingThread() NORVO_TAKES_LEAF;
     bool writeAtOnce(const char* data, std::size_t length);
-    void deliver(const std::string& message);
+    void enqueue(StreamMessage message) NORVO_TAKES_LEAF;
+    void deliver(const StreamMessage& message);
     void logDelivered(std::size_t length);
 
     AgentContext& m_context;
@@ -90,8 +94,7 @@ private:
     const bool m_lowPriority;
     const std::shared_ptr<shared_memory::SharedMemoryI> m_segment;
     std::atomic<bool> m_isSegmentClosed{false};
-    VDIFrameworkCommon::BoundedQueue<std::string> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
-    SpareStrings m_spares;
+    VDIFrameworkCommon::BoundedQueue<StreamMessage> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
     std::atomic<bool> m_running{false};
 
     KLT::kltlogger::LogRepeats m_dropped;

@@ -39,6 +39,12 @@ public:
                         const std::atomic<bool>& goesOn) NORVO_TAKES_LEAF;
     void wakeSenders() NORVO_TAKES_LEAF;
 
+    // As VirtualChannel::TakeReceivedMemory().
+    VDIFrameworkCommon::MemoryBlock takeReceivedMemory() const {
+        NorvoVirtualChannel::VirtualChannel* const source = channel();
+        return source ? source->TakeReceivedMemory() : VDIFrameworkCommon::MemoryBlock();
+    }
+
 private:
     void change(const std::function<void()>& step) NORVO_TAKES_LEAF;
     // Waits for a channel and a connection of a generation other than `generation`, and sets

@@ -17,6 +17,7 @@ namespace NorvoVirtualChannel::tc {
 
 using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::LocalLock;
+using VDIFrameworkCommon::MemoryBlock;
 using VDIFrameworkCommon::SplitBytes;
 using namespace std::chrono_literals;
 
@@ -211,6 +212,12 @@ void TransportChannel::OnFullPacketReceived(const void* data, unsigned int size)
     CHANNEL_LOG(Trace, "Complete message received.");
     m_observer.notify(
         [&](Observer& observer) { observer.OnVirtualChannelReceiveData(data, size); });
+}
+
+MemoryBlock TransportChannel::TakeReceivedMemory() {
+    const auto parts = this->parts();
+    const bool isInside = parts && ReentryMark::isSet(&parts->packetizer);
+    return isInside ? parts->packetizer.TakeMemory() : MemoryBlock();
 }
 
 void TransportChannel::ForgetIncompleteMessages() {

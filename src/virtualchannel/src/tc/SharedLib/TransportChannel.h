@@ -74,6 +74,7 @@ public:
     StreamSend SendStreamData(const VDIFrameworkCommon::SplitBytes& message, bool lowPriority,
                               const std::function<bool()>& goesOn) override;
     void WakeStreamSenders() override { m_turnstile.wakeSenders(); }
+    VDIFrameworkCommon::MemoryBlock TakeReceivedMemory() override;
     bool WaitUntilSent(std::chrono::milliseconds limit) override;
 
     // ---- PacketizationObserver

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "MemoryBlock.h"
+
+namespace VirtualChannelAgent {
+
+// One message on its way to a local process: a text of its own, or part of the memory in which it
+// was received.
+class StreamMessage {
+public:
+    explicit StreamMessage(std::string text) : m_text(std::move(text)) {}
+    // `part` lies in `memory`.
+    StreamMessage(VDIFrameworkCommon::MemoryBlock memory, std::string_view part)
+        : m_memory(std::move(memory)), m_part(part) {}
+
+    std::string_view bytes() const { return m_memory ? m_part : std::string_view(m_text); }
+    std::size_t size() const { return bytes().size(); }
+
+private:
+    std::string m_text;
+    VDIFrameworkCommon::MemoryBlock m_memory;
+    std::string_view m_part;
+};
+
+}  // namespace VirtualChannelAgent
