@@ -14,14 +14,15 @@ namespace {
 
 // Large enough to spread the cost of a system call over many packets, small enough that the peer
 // can process the first part of a long message while the rest is in flight.
-constexpr std::size_t kMostGathered = 32u << 10;
+constexpr std::size_t kGathered = 32u << 10;
 
-// A message's packets leave in reverse order of sequence.
-bool leavesLast(const unsigned char* packet, std::uint32_t length) {
+// A message's packets leave in reverse order of sequence, and all but the first to leave are of the
+// same size. How many bytes of the message follow this packet.
+std::size_t bytesToFollow(const unsigned char* packet, std::uint32_t length) {
     NorvoVirtualChannel::Header header;
-    if (length < sizeof header) return true;
+    if (length < sizeof header) return 0;
     std::memcpy(&header, packet, sizeof header);
-    return header.sequence <= 1;
+    return header.sequence > 1 ? (header.sequence - std::size_t{1}) * length : 0;
 }
 
 }  // namespace
@@ -38,7 +39,11 @@ bool PacketLink::send(const void* packet, std::uint32_t length) {
     LocalLock lock(m_sending);
     if (m_closed) return false;
     m_gathered.insert(m_gathered.end(), bytes, bytes + length);
-    return m_gathered.size() < kMostGathered && !leavesLast(bytes, length) ? true : sendGathered();
+    const std::size_t rest = bytesToFollow(bytes, length);
+    // A short rest goes along.
+    const bool waits = rest > 0 && (m_gathered.size() < kGathered || rest < kGathered / 2) &&
+                       m_gathered.size() < 2 * kGathered;
+    return waits || sendGathered();
 }
 
 bool PacketLink::sendGathered() {
