@@ -58,13 +58,15 @@ void declareProcess() {
         VDIFrameworkCommon::VDIClientType::Crews);
 }
 
-// A segment's memory is reserved at once, so a large one must be a small part of what is left.
-unsigned int chosenCapacity() {
+// A segment's memory is reserved at once, so a large one must be a small part of what is left, and
+// many streams do not get one.
+unsigned int chosenCapacity(std::size_t openStreams) {
     constexpr unsigned int kUsual = 65536;
     constexpr unsigned int kLarge = 1u << 20;
     constexpr unsigned int kLeastParts = 1000;
+    constexpr std::size_t kMostLarge = 16;
     const bool hasRoom = VDIFrameworkCommon::sharedMemoryRoom() / kLeastParts >= kLarge;
-    return hasRoom ? kLarge : kUsual;
+    return hasRoom && openStreams < kMostLarge ? kLarge : kUsual;
 }
 
 // A stream whose calls all fail with `why`.
@@ -248,7 +250,6 @@ Status Client::Impl::request(const std::string& operation, const std::vector<std
 
 std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, Direction direction,
                                                        unsigned int capacity, For users) {
-    if (capacity == kDefaultCapacity) capacity = chosenCapacity();
     const auto failed = [&](const Status& why) { return unopened(name, direction, capacity, why); };
     if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) ||
         capacity > kLargestCapacity) {
@@ -258,13 +259,14 @@ std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, 
     const Role role = direction == Direction::Read ? Role::Reader : Role::Writer;
     if (users == For::OneProgram && shared_memory::hasEnd(name, role)) return failed(Reason::InUse);
     LocalLock lock(m_mutex);
+    std::erase_if(m_streams, [](const auto& stream) { return stream.expired(); });
+    if (capacity == kDefaultCapacity) capacity = chosenCapacity(m_streams.size());
     if (const Status free = m_view->mayAddStream(name); !free) return failed(free);
     auto impl = std::make_shared<Stream::Impl>(name, direction, m_view);
     if (const Status ready = impl->setUp(capacity); !ready) return failed(ready);
     // The agent may be asked from here on, and must find that this process has the segment open.
     if (const Status added = m_view->addStream(name, direction, capacity); !added)
         return failed(added);
-    std::erase_if(m_streams, [](const auto& stream) { return stream.expired(); });
     m_streams.push_back(impl);
     return impl;
 }

@@ -8,7 +8,7 @@ namespace NorvoVirtualChannel {
 namespace {
 
 // Most messages fit in a cell; larger ones come less often.
-using Cells = VDIFrameworkCommon::CellPool<256, 1024>;
+using Cells = VDIFrameworkCommon::CellPool<320, 1024>;
 constinit Cells g_cells;
 VDIFrameworkCommon::SpareBlock g_memory;
 
@@ -23,7 +23,7 @@ void* allocateMemory(std::size_t size, std::size_t& capacity) {
 PacketBlock* PacketBlock::allocate(std::uint32_t packets, std::size_t wireSize) {
     std::size_t capacity = 0;
     void* const memory =
-        allocateMemory(sizeof(PacketBlock) + packets * sizeof(Packet) + wireSize, capacity);
+        allocateMemory(sizeof(PacketBlock) + packets * kPlace + wireSize, capacity);
     if (!memory) return nullptr;
     auto* const block = ::new (memory) PacketBlock(capacity);
     block->m_alive.store(packets, std::memory_order_relaxed);

@@ -9,8 +9,8 @@
 
 namespace NorvoVirtualChannel {
 
-// The heap block of the packets that one message was cut into: the packets themselves, then their
-// bytes. It is freed when the last packet has been released.
+// The heap block of the packets that one message was cut into: the packets themselves, each with
+// its room, then their bytes. It is freed when the last packet has been released.
 class PacketBlock {
 public:
     // Room for `packets` packets, all counted as alive, and `wireSize` bytes in total. Null when
@@ -18,13 +18,15 @@ public:
     static PacketBlock* allocate(std::uint32_t packets, std::size_t wireSize);
 
     // Where to build packet `index` (from 0), and where the bytes begin.
-    void* place(std::uint32_t index) { return packets() + index * sizeof(Packet); }
-    std::byte* wire() { return packets() + m_count * sizeof(Packet); }
+    void* place(std::uint32_t index) { return packets() + index * kPlace; }
+    std::byte* wire() { return packets() + m_count * kPlace; }
 
     // Releases one packet; the block may be freed by that. Any thread.
     void release();
 
 private:
+    static constexpr std::size_t kPlace = sizeof(Packet) + Packet::kRoom;
+
     explicit PacketBlock(std::size_t capacity) : m_capacity(capacity) {}
     void free();
     std::byte* packets() { return reinterpret_cast<std::byte*>(this + 1); }
@@ -33,7 +35,8 @@ private:
     std::atomic<std::uint32_t> m_alive{0};
     std::uint32_t m_count = 0;
 };
-static_assert(sizeof(PacketBlock) % alignof(Packet) == 0);
+static_assert(sizeof(PacketBlock) % alignof(std::max_align_t) == 0);
+static_assert(sizeof(Packet) % alignof(std::max_align_t) == 0);
 
 inline void PacketBlock::release() {
     // The last release needs no read-modify-write: nobody else can change the count.

@@ -72,6 +72,11 @@ public:
         return {m_payload, m_payload ? GetPayloadSize() : 0};
     }
 
+    // Memory of `kRoom` bytes for whatever carries a packet that a MessageCutter made, aligned for
+    // any type; as long-lived as the packet. Null with other packets.
+    static constexpr std::size_t kRoom = 48;
+    void* room() { return m_block ? this + 1 : nullptr; }
+
     // Orders packets of one message: true when a's sequence is less than b's, as signed numbers.
     static bool PacketSort(const Packet* a, const Packet* b);
 

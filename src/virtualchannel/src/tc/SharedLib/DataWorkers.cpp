@@ -4,7 +4,6 @@
 #include <new>
 #include <utility>
 
-#include "CellPool.h"
 #include "HostCallbacks.h"
 #include "Log.h"
 
@@ -18,19 +17,22 @@ std::unique_ptr<std::byte[]> copyOf(const void* data, unsigned int size) {
     return copy;
 }
 
-using Cells = VDIFrameworkCommon::CellPool<64, 1024>;
-constinit Cells g_cells;
-
 }  // namespace
 
-void* DataWorker::operator new(std::size_t) {
-    static_assert(sizeof(DataWorker) <= Cells::kCellSize);
-    void* const memory = g_cells.allocate();
-    if (!memory) throw std::bad_alloc();
-    return memory;
+WorkItem DataWorker::carrying(std::unique_ptr<Packet> packet, bool verbose) {
+    static_assert(sizeof(DataWorker) <= Packet::kRoom);
+    void* const room = packet->room();
+    if (!room) return std::make_unique<DataWorker>(std::move(packet), verbose);
+    return WorkItem(::new (room) DataWorker(std::move(packet), verbose));
 }
 
-void DataWorker::operator delete(void* memory) { g_cells.release(memory); }
+// In a packet's room its memory ends with the packet's.
+void DataWorker::operator delete(DataWorker* worker, std::destroying_delete_t) {
+    const std::unique_ptr<Packet> packet = std::move(worker->m_packet);
+    const bool isInRoom = packet && packet->room() == worker;
+    worker->~DataWorker();
+    if (!isInRoom) ::operator delete(worker);
+}
 
 DataWorker::DataWorker(const void* data, unsigned int size, bool verbose, int packetId)
     : m_copy(copyOf(data, size)), m_bytes(m_copy.get(), size), m_verbose(verbose) {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <new>
 #include <span>
 
 #include "Packets.h"
@@ -18,9 +19,9 @@ public:
     // Takes ownership of a valid packet and sends it without a copy.
     DataWorker(std::unique_ptr<Packet> packet, bool verbose);
     ~DataWorker() override;
-    // Allocated by senders, freed by the worker.
-    static void* operator new(std::size_t size);
-    static void operator delete(void* memory);
+    // The same, made in the packet's room if it has one.
+    static WorkItem carrying(std::unique_ptr<Packet> packet, bool verbose);
+    static void operator delete(DataWorker* worker, std::destroying_delete_t);
 
     // Passes the bytes once to the host's append callback if the outgoing gate is open. Returns 0.
     int DoWork() override;
@@ -28,7 +29,7 @@ public:
 private:
     void traceMaking(int packetId) const;
 
-    const std::unique_ptr<Packet> m_packet;
+    std::unique_ptr<Packet> m_packet;
     const std::unique_ptr<std::byte[]> m_copy;
     const std::span<const std::byte> m_bytes;
     const bool m_verbose;

@@ -1,5 +1,7 @@
 #include "HostCallbacks.h"
 
+#include <algorithm>
+
 #include "PluginLog.h"
 #include "ReentryMark.h"
 
@@ -18,8 +20,11 @@ HostCallbacks& HostCallbacks::GetInstance() {
 
 void HostCallbacks::setAppendBuffer(AppendBufferFunc append, void* context) {
     LocalLock lock(m_mutex);
-    m_append = append;
-    m_context = context;
+    const auto known = std::find_if(m_appends.begin(), m_appends.end(), [&](const Append& one) {
+        return one.function == append && one.context == context;
+    });
+    m_append =
+        known != m_appends.end() ? &*known : &m_appends.emplace_back(Append{append, context});
 }
 
 std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, bool flag) {
@@ -28,15 +33,9 @@ std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, 
         logMessage(host_level::kEvent, "channel_Active = false, will NOT appendBuffer");
         return 0;
     }
-    AppendBufferFunc append = nullptr;
-    void* context = nullptr;
-    {
-        LocalLock lock(m_mutex);
-        append = m_append;
-        context = m_context;
-    }
-    if (append) {
-        append(data, length, flag ? 1 : 0, context);
+    const Append* const append = m_append;
+    if (append && append->function) {
+        append->function(data, length, flag ? 1 : 0, append->context);
     } else {
         logMessage(host_level::kError, "appendBuffer is NULL");
     }

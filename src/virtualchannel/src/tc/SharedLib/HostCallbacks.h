@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 
 #include "LanguageAbstraction.h"
 #include "LocalMutex.h"
@@ -40,9 +41,16 @@ public:
     static bool askedByThisThread();
 
 private:
+    struct Append {
+        AppendBufferFunc function;
+        void* context;
+    };
+
+    // Read for every packet, so without a lock. Earlier ones are kept: a thread may be about to
+    // call them.
+    std::atomic<const Append*> m_append{nullptr};
     VDIFrameworkCommon::LocalMutex m_mutex;
-    AppendBufferFunc m_append NORVO_GUARDED_BY(m_mutex) = nullptr;
-    void* m_context NORVO_GUARDED_BY(m_mutex) = nullptr;
+    std::deque<Append> m_appends NORVO_GUARDED_BY(m_mutex);
     std::atomic<bool> m_active{false};
     std::atomic<IsSeamlessModeFunc> m_isSeamlessMode{nullptr};
     std::atomic<GetWindowInfoFunc> m_getWindowInfo{nullptr};

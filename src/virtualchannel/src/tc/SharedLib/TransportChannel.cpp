@@ -52,7 +52,7 @@ public:
         stage.reserve(stage.size() + count);
         for (; count > 0; --count) {
             CHANNEL_LOG(Trace, "Getting payload data from the packet.");
-            stage.push_back(std::make_unique<DataWorker>(m_cutter.next(), kVerbose));
+            stage.push_back(DataWorker::carrying(m_cutter.next(), kVerbose));
         }
     }
 

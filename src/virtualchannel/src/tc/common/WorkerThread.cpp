@@ -1,6 +1,7 @@
 #include "WorkerThread.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "Contained.h"
@@ -62,24 +63,29 @@ void WorkerThread::AddWork(WorkItem item, bool lowPriority) {
 void WorkerThread::AddWork(std::span<WorkItem> items, bool lowPriority) {
     NORVO_LOG(Trace, "WorkerThread::AddWork()");
     Queue& queue = queueOf(lowPriority);
-    try {
+    bool isComplete = false;
+    {
         LocalLock lock(queue.mutex);
-        for (WorkItem& item : items) {
-            push(queue, item);
-            NORVO_LOG(Trace, "AddWork --- ", lowPriority ? "LowPriority" : "HighPriority",
-                      ", size = ", queue.items.size());
-        }
-    } catch (...) {
-        traceAndWake();  // for the items already queued
-        throw;
+        isComplete = push(queue, items);
+        queue.size = queue.items.size();
     }
     traceAndWake();
+    if (!isComplete) throw std::bad_alloc();
 }
 
-void WorkerThread::push(Queue& queue, WorkItem& item) {
-    queue.items.push_back(std::move(item));
-    ++queue.size;
-    ++m_queued;
+// False when there was no memory for all of them.
+bool WorkerThread::push(Queue& queue, std::span<WorkItem> items) {
+    try {
+        for (WorkItem& item : items) {
+            queue.items.push_back(std::move(item));
+            NORVO_LOG(Trace, "AddWork --- ",
+                      &queue == &m_lowPriority ? "LowPriority" : "HighPriority",
+                      ", size = ", queue.items.size());
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
 }
 
 void WorkerThread::traceAndWake() {
@@ -99,9 +105,9 @@ void WorkerThread::wake() {
 void WorkerThread::append(bool lowPriority, WorkItem item) {
     Queue& queue = queueOf(lowPriority);
     LocalLock lock(queue.mutex);
-    push(queue, item);
-    NORVO_LOG(Trace, "AddWork --- ", lowPriority ? "LowPriority" : "HighPriority",
-              ", size = ", queue.items.size());
+    const bool isComplete = push(queue, std::span(&item, 1));
+    queue.size = queue.items.size();
+    if (!isComplete) throw std::bad_alloc();
 }
 
 void WorkerThread::addLowPriorityWork(WorkItem item) { append(true, std::move(item)); }
@@ -114,8 +120,7 @@ WorkItem WorkerThread::pop(Queue& queue, const char* label) {
     if (queue.items.empty()) return nullptr;
     WorkItem item = std::move(queue.items.front());
     queue.items.pop_front();
-    --queue.size;
-    --m_queued;
+    queue.size.store(queue.items.size(), std::memory_order_release);
     return item;
 }
 
@@ -192,7 +197,7 @@ void WorkerThread::park(Clock::time_point start) {
         LocalLock lock(m_workMutex);
         m_parked = true;
         m_idleCondition.notify_all();
-        while (m_running && m_queued == 0) m_workCondition.wait(m_workMutex);
+        while (m_running && QueueSize() == 0) m_workCondition.wait(m_workMutex);
         m_parked = false;
     }
     const Clock::time_point end = Clock::now();
@@ -293,7 +298,7 @@ bool WorkerThread::WaitUntilIdle(std::chrono::milliseconds limit) {
     const Clock::time_point deadline = Clock::now() + limit;
     if (onOwnThread()) return false;
     LocalLock lock(m_workMutex);
-    while (!m_ended && (!m_parked || m_queued != 0)) {
+    while (!m_ended && (!m_parked || QueueSize() != 0)) {
         if (!m_idleCondition.wait_until(m_workMutex, deadline)) return false;
     }
     return true;
@@ -311,8 +316,7 @@ void WorkerThread::clear(Queue& queue) {
         dropped;  // declared before the lock, so its items are destroyed after unlocking
     LocalLock lock(queue.mutex);
     dropped.swap(queue.items);
-    queue.size -= dropped.size();
-    m_queued -= dropped.size();
+    queue.size = 0;
 }
 
 }  // namespace NorvoVirtualChannel::tc

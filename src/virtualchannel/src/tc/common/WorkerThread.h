@@ -80,7 +80,7 @@ public:
 
     std::size_t lowPriorityQueueSize() const;
     std::size_t highPriorityQueueSize() const;
-    std::size_t QueueSize() const { return m_queued.load(std::memory_order_relaxed); }
+    std::size_t QueueSize() const { return m_highPriority.size + m_lowPriority.size; }
     // The size of one queue, without its lock.
     std::size_t backlog(bool lowPriority) const {
         return (lowPriority ? m_lowPriority : m_highPriority).size.load(std::memory_order_relaxed);
@@ -114,7 +114,7 @@ private:
     void run();
     Queue& queueOf(bool lowPriority) { return lowPriority ? m_lowPriority : m_highPriority; }
     void append(bool lowPriority, WorkItem item);
-    void push(Queue& queue, WorkItem& item) NORVO_REQUIRES(queue.mutex);
+    bool push(Queue& queue, std::span<WorkItem> items) NORVO_REQUIRES(queue.mutex);
     WorkItem pop(Queue& queue, const char* label);
     void clear(Queue& queue);
     void traceAndWake();
@@ -134,8 +134,6 @@ private:
 
     Queue m_highPriority;
     Queue m_lowPriority;
-    // Items in both queues; written under the lock of the queue that changes.
-    std::atomic<std::size_t> m_queued{0};
 
     std::atomic<bool> m_running{false};
     std::atomic<int> m_packetsPerBreak{0};
@@ -148,10 +146,10 @@ private:
     // By how much pauses have overrun that is not made up for yet; worker's thread only.
     std::chrono::steady_clock::duration m_overslept{0};
 
-    // A thread that changes m_queued or m_running and then finds m_parked set locks and unlocks
-    // this mutex before it notifies. The worker sets m_parked before it checks the two a last time.
-    // So it cannot miss a change between its check and its wait. Taken before a queue's mutex,
-    // never after.
+    // A thread that fills a queue or changes m_running and then finds m_parked set locks and
+    // unlocks this mutex before it notifies. The worker sets m_parked before it checks the two a
+    // last time. So it cannot miss a change between its check and its wait. Taken before a queue's
+    // mutex, never after.
     VDIFrameworkCommon::LocalMutex m_workMutex;
     VDIFrameworkCommon::LocalCondition m_workCondition;
     VDIFrameworkCommon::LocalCondition m_stopCondition;
