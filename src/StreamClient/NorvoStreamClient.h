@@ -56,8 +56,9 @@ struct Options {
     std::function<void(bool connected)> onConnectionChange;
 };
 
-// Lets the library choose a segment's capacity: 1 MiB for a client's first 16 streams where segments
-// can grow (Linux) and the system has room for a thousand such ones, otherwise 65536 bytes.
+// Lets the library choose a segment's capacity: 1 MiB where segments can grow (Linux), the system
+// has room for a thousand such ones, and the client has fewer than 16 streams; otherwise 65536
+// bytes.
 inline constexpr unsigned int kDefaultCapacity = 0;
 
 // One direction of one named stream, from Client::openStream. May outlive its client, and is then

@@ -1,6 +1,8 @@
 // A client with an agent whose INFO side is real and whose streams the test plays.
 #include "FakeAgent.h"
 #include "NorvoStreamClient.h"
+#include "PosixSharedMemory.h"
+#include "SegmentMapping.h"
 
 namespace {
 
@@ -38,6 +40,20 @@ TEST_F(ClientTest, AWriteGivesUpInTimeBeforeTheStreamIsUpAndWhenNobodyReads) {
     unsigned int length = 0;
     EXPECT_EQ(agentsEnd->ReadData(length, 1000), "fills it");
     EXPECT_TRUE(stream->flush(kLong));
+}
+
+TEST_F(ClientTest, GivesALargeSegmentToItsFirstStreamsWhereThereIsRoom) {
+    Client client(options());
+    std::vector<std::shared_ptr<Stream>> streams;
+    for (int i = 0; i < 17; ++i)
+        streams.push_back(client.openStream("CTMany" + std::to_string(i), Direction::Write));
+    const auto capacityOf = [](const char* name) {
+        shared_memory::SegmentMapping mapping;
+        return mapping.open(name, 1, false) ? mapping.capacity() : 0;
+    };
+    const bool hasRoom = VDIFrameworkCommon::sharedMemoryRoom() >= 1100ULL << 20;
+    EXPECT_EQ(capacityOf("CTMany15"), hasRoom ? 1U << 20 : 65536U);
+    EXPECT_EQ(capacityOf("CTMany16"), 65536U);
 }
 
 TEST_F(ClientTest, RefusesStreamsThatCannotBe) {

@@ -87,8 +87,12 @@ TEST(SpareBlock, IsSharedByThreads) {
 
 TEST(MemoryBlock, LendsWhatWasGivenUpForAMomentOnly) {
     constexpr std::size_t kSize = 1 << 20;
-    MemoryBlock::freeKept();
-    MemoryBlock block = MemoryBlock::allocate(1, 1);  // too small to be kept
+    MemoryBlock::setKeeping(false);
+    MemoryBlock block = MemoryBlock::allocate(kSize, kSize);
+    block = {};
+    EXPECT_EQ(MemoryBlock::kept(), 0u);
+    MemoryBlock::setKeeping(true);
+    block = MemoryBlock::allocate(1, 1);  // too small to be kept
     block = MemoryBlock::allocate(kSize, kSize);
     std::byte* const first = block.data();
     std::fill_n(first, kSize, std::byte{1});
@@ -107,11 +111,13 @@ TEST(MemoryBlock, LendsWhatWasGivenUpForAMomentOnly) {
         EXPECT_EQ(MemoryBlock::kept(), kept);
     }
     std::vector<MemoryBlock> many;
-    for (std::size_t i = 0; i < 40; ++i) many.push_back(MemoryBlock::allocate(kSize, kSize));
+    for (std::size_t i = 0; i < 10; ++i)
+        many.push_back(MemoryBlock::allocate(4 * kSize, 4 * kSize));
     many.clear();
-    EXPECT_LE(MemoryBlock::kept(), MemoryBlock::kMostKept);
-    MemoryBlock::freeKept();
+    EXPECT_EQ(MemoryBlock::kept(), MemoryBlock::kMostKept);
+    MemoryBlock::setKeeping(false);
     EXPECT_EQ(MemoryBlock::kept(), 0u);
+    MemoryBlock::setKeeping(true);
 }
 
 }  // namespace

@@ -126,7 +126,9 @@ void addWaitOption(Command& command, double& seconds, const char* help) {
 void addStreamOptions(Command& command, std::string& stream, unsigned int& capacity,
                       std::uint64_t& count) {
     command.argument("stream", stream, "The stream, for example Media").required();
-    command.argument("--size", capacity, "Capacity of the stream's segment (units: K, M)").bytes();
+    command.argument("--size", capacity, "Capacity of the stream's segment (units: K, M)")
+        .bytes()
+        .range(std::size_t{1}, std::size_t{64} << 20);
     command.argument("--count", count, "Stop after so many messages").type("N");
 }
 

@@ -40,7 +40,7 @@ bool PacketLink::send(const void* packet, std::uint32_t length) {
     if (m_closed) return false;
     m_gathered.insert(m_gathered.end(), bytes, bytes + length);
     const std::size_t rest = bytesToFollow(bytes, length);
-    // A short rest goes along.
+    // A short rest is sent with it, to save a system call.
     const bool waits = rest > 0 && (m_gathered.size() < kGathered || rest < kGathered / 2) &&
                        m_gathered.size() < 2 * kGathered;
     return waits || sendGathered();

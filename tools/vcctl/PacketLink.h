@@ -17,8 +17,8 @@ namespace vcctl {
 // Bytes that cannot belong to a packet end the connection: the peer is not a host of the same kind.
 //
 // send() writes on the caller's thread, with one system call for the packets of a short message or
-// for some 32 KiB of a longer one, and blocks while the peer takes nothing. A reader thread passes
-// on packets as they come; it is joined in end() or the destructor.
+// for some 32 to 48 KiB of a longer one, and blocks while the peer takes nothing. A reader thread
+// passes on packets as they come; it is joined in end() or the destructor.
 class PacketLink {
 public:
     using Receiver = std::function<void(unsigned char* packet, std::uint32_t length)>;

@@ -11,6 +11,7 @@ namespace {
 constexpr std::uint32_t kReservedAtOnce = 64U << 20U;
 // The allocator is as fast for less.
 constexpr std::size_t kSmallestOffered = 128U << 10U;
+constexpr std::size_t kLargestOffered = 32U << 20U;
 constexpr std::size_t kMostWaste = 64U << 10U;
 
 bool isPlausibleStart(const ChunkHeader& chunk, std::uint32_t capacity) {
@@ -71,7 +72,8 @@ void MessageAssembler::reserve() {
 void MessageAssembler::offer(std::string memory) {
     memory.clear();
     m_offered.swap(memory);
-    if (m_offered.capacity() < kSmallestOffered) std::string().swap(m_offered);
+    const std::size_t capacity = m_offered.capacity();
+    if (capacity < kSmallestOffered || capacity > kLargestOffered) std::string().swap(m_offered);
 }
 
 std::string MessageAssembler::take() {

@@ -27,8 +27,8 @@ public:
     bool inProgress() const { return m_nextIndex > 1; }
     // The complete message.
     std::string take();
-    // Takes the memory of an earlier message for the next one, if it is large; that one gets it if
-    // it is about as long. Frees what was offered before.
+    // Takes the memory of an earlier message for the next one, if it is large, but at most 32 MiB;
+    // that one gets it if it is about as long. Frees what was offered before.
     void offer(std::string memory);
     // Also frees the memory.
     void drop();

@@ -10,6 +10,7 @@ namespace shared_memory {
 
 using VDIFrameworkCommon::LocalLock;
 using VDIFrameworkCommon::LocalMutex;
+using VDIFrameworkCommon::MemoryBlock;
 
 namespace {
 
@@ -49,16 +50,17 @@ void SharedMemoryRWController::start() {
         throw;
     }
     m_checkerProcess = getpid();
+    MemoryBlock::setKeeping(true);
 }
 
 void SharedMemoryRWController::shutdown() {
     LocalLock lock(m_threadMutex);
     m_running = false;
     m_event.set();
-    VDIFrameworkCommon::MemoryBlock::freeKept();
     if (!m_checker.joinable()) return;
     if (m_checkerProcess == getpid()) {
         m_checker.join();
+        MemoryBlock::setKeeping(false);
     } else {
         m_checker.detach();
     }
@@ -71,7 +73,7 @@ void SharedMemoryRWController::checkActiveVirtualChannelAgent() {
             m_canRead = allowed;
             m_canWrite = allowed;
         });
-        VDIFrameworkCommon::MemoryBlock::freeOld();
+        MemoryBlock::freeOld();
         m_event.timedWait(kCheckEveryMs);
     }
 }

@@ -32,7 +32,7 @@ public:
 
     // Starts the checker thread unless it runs. Every segment calls this when it is set up, so
     // checking resumes for an agent built after another one's shutdown(). The thread also frees
-    // what MemoryBlock keeps.
+    // what MemoryBlock keeps; without it nothing is kept.
     void start();
     // Ends and joins the checker thread. May be called at any time, repeatedly.
     void shutdown();

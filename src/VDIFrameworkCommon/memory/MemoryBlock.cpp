@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <new>
 #include <span>
 
 #include "LocalMutex.h"
@@ -18,7 +19,6 @@ namespace {
 // allocator may keep it for good.
 constexpr std::size_t kSmallestMapped = 256 * 1024;
 constexpr std::size_t kGranularity = 64 * 1024;  // of mapped blocks; a multiple of any page size
-constexpr std::size_t kMostWaste = 64 * 1024;
 
 struct Memory {
     std::byte* data = nullptr;
@@ -30,7 +30,7 @@ struct Memory {
 Memory fromSystem(std::size_t size, bool mustBeZero) {
     if (size < kSmallestMapped) {
         void* const block = mustBeZero ? std::calloc(size, 1) : std::malloc(size);
-        return {static_cast<std::byte*>(block), size};
+        return {static_cast<std::byte*>(block), block ? size : 0};
     }
     const std::size_t capacity = (size + kGranularity - 1) / kGranularity * kGranularity;
     void* const mapped =
@@ -71,7 +71,7 @@ public:
         LocalLock lock(m_mutex);
         for (std::size_t i = m_count; i-- > 0;) {
             const std::size_t capacity = m_blocks[i].capacity;
-            if (capacity >= wanted && capacity <= 2 * wanted + kMostWaste) return remove(i);
+            if (capacity >= wanted && capacity <= 2 * wanted) return remove(i);
         }
         return {};
     }
@@ -79,10 +79,19 @@ public:
     void keep(const Memory& memory) {
         Freed freed;
         LocalLock lock(m_mutex);
+        if (!m_isKeeping) return freed.add(memory);
         while (m_count == m_blocks.size() || m_bytes + memory.capacity > MemoryBlock::kMostKept)
             freed.add(remove(0));
         m_blocks[m_count++] = {memory.data, memory.capacity};
         m_bytes += memory.capacity;
+    }
+
+    void setKeeping(bool isKept) {
+        {
+            LocalLock lock(m_mutex);
+            m_isKeeping = isKept;
+        }
+        if (!isKept) freeUnused(true);
     }
 
     void freeUnused(bool alsoNew) {
@@ -113,11 +122,14 @@ private:
     LocalMutex m_mutex;
     std::array<Memory, 16> m_blocks NORVO_GUARDED_BY(m_mutex);
     std::size_t m_count NORVO_GUARDED_BY(m_mutex) = 0;
+    bool m_isKeeping NORVO_GUARDED_BY(m_mutex) = true;
     std::atomic<std::size_t> m_bytes{0};  // written under the mutex
 };
 
 Store& store() {
-    static Store* const only = new Store;  // outlives every thread that may use it
+    // Never destroyed: outlives every thread that may use it.
+    alignas(Store) static std::byte place[sizeof(Store)];
+    static Store* const only = ::new (place) Store;
     return *only;
 }
 
@@ -141,7 +153,7 @@ void MemoryBlock::giveUp(std::byte* data, std::size_t capacity) noexcept {
 
 void MemoryBlock::freeOld() noexcept { store().freeUnused(false); }
 
-void MemoryBlock::freeKept() noexcept { store().freeUnused(true); }
+void MemoryBlock::setKeeping(bool isKept) noexcept { store().setKeeping(isKept); }
 
 std::size_t MemoryBlock::kept() noexcept { return store().bytes(); }
 

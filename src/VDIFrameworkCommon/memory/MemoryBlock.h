@@ -16,8 +16,8 @@ public:
     static constexpr std::size_t kSmallestKept = 16 * 1024;
     static constexpr std::size_t kMostKept = 32U << 20;  // bytes, all together
 
-    // At least `size` bytes (not 0), or a kept block that has room for `wanted` bytes (at least
-    // `size`) and is not much larger. Empty when out of memory.
+    // A kept block of `wanted` bytes (at least `size`) up to twice as many; otherwise a new one of
+    // `size` bytes (not 0), rounded up. Empty when out of memory.
     static MemoryBlock allocate(std::size_t size, std::size_t wanted) noexcept;
 
     // `size` bytes (not 0) of zeros, which need memory only where they are touched.
@@ -43,8 +43,8 @@ public:
     // Frees what has been kept since before the last call. To be called now and then; costs next to
     // nothing when nothing is kept.
     static void freeOld() noexcept;
-    // Frees everything kept.
-    static void freeKept() noexcept;
+    // Whether memory is kept at all; initially so. When not, what is kept is freed.
+    static void setKeeping(bool isKept) noexcept;
     // Bytes kept.
     static std::size_t kept() noexcept;
 

@@ -145,7 +145,7 @@ TEST_F(Reassembly, UsesMemoryForWhatArrivedOnly) {
     for (std::uint32_t i = 0; i < 2000; ++i) {
         receivePart(3 * i, 1, 2, 1'000'000, "a");
         receivePart(3 * i, 2, 2, 1'000'000, "b");
-        receivePart(3 * i + 1, 1, 1000, 0x7FFFFFFF - 24, large);
+        receivePart(3 * i + 1, 1, 1000, i % 2 == 0 ? 0x7FFFFFFF - 24 : 1'000'000, large);
         receiver.messages.clear();
     }
     for (std::uint32_t id = 0; id < 60'000; ++id) receivePart(6000 + id, 1, 2, 1'000'000, "a");

@@ -187,6 +187,12 @@ TEST_F(AgentStream, AtMostOneQueuedMessageLeavesAfterADisconnection) {
     EXPECT_EQ(m_side.sentTexts(4).size(), 4U);
 }
 
+TEST_F(AgentStream, HasASmallerSegmentWhereTheOneThatWasAskedForIsImpossible) {
+    m_side.machine->largestSegment = 65536;
+    m_channel.deliver(aboutStream(CTL_S_CREATE, "Large", kRead, 1 << 20));
+    EXPECT_THAT(m_side.segment("Large")->text(), testing::HasSubstr(" plain 65536"));
+}
+
 TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
     const std::string nul("nul\0l", 5);
     const std::string tooLong(300, 'x');

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <sstream>
@@ -64,11 +65,14 @@ public:
     std::function<void(const std::string& call)> onCall = [](const std::string&) {};
     std::function<void(const Sent&)> onSent = [](const Sent&) {};
 
-    // To the agent, one call at a time.
+    // To the agent, one call at a time. The bytes last only if their memory is taken.
     void deliver(const std::string& bytes) {
         callObserver([&](auto& observer) {
-            observer.OnVirtualChannelReceiveData(bytes.data(),
+            m_received = VDIFrameworkCommon::MemoryBlock::allocate(bytes.size() + 1, 1);
+            std::memcpy(m_received.data(), bytes.data(), bytes.size());
+            observer.OnVirtualChannelReceiveData(m_received.data(),
                                                  static_cast<unsigned int>(bytes.size()));
+            if (m_received) std::memset(m_received.data(), 'x', bytes.size());
         });
     }
     void deliver(const VirtualChannelAgent::VCMessage& message) { deliver(wireOf(message)); }
@@ -131,12 +135,14 @@ public:
     }
     void onAgentStateChange(bool connected) override { onCall(connected ? "up" : "down"); }
     void ForgetIncompleteMessages() override { onCall("forget"); }
+    VDIFrameworkCommon::MemoryBlock TakeReceivedMemory() override { return std::move(m_received); }
     bool WaitUntilSent(std::chrono::milliseconds) override {
         onCall("wait");
         return true;
     }
 
 private:
+    VDIFrameworkCommon::MemoryBlock m_received;
     std::mutex m_observerMutex;
     NorvoVirtualChannel::Observer* m_observer = nullptr;
     mutable std::mutex m_sentMutex;

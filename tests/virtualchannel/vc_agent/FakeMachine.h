@@ -114,6 +114,7 @@ public:
     // Set by the test.
     std::atomic<bool> otherAgentIsActive{false};
     std::atomic<bool> segmentsFail{false};
+    std::atomic<unsigned int> largestSegment{~0U};
     std::atomic<std::uint64_t> clock{1'000'000};
     std::atomic<std::chrono::microseconds> pauseTakes{std::chrono::microseconds(200)};
     std::atomic<std::chrono::milliseconds> closeTakes{std::chrono::milliseconds(0)};
@@ -221,7 +222,7 @@ inline bool FakeSegment::setUp(const char* how, const std::string& name, unsigne
     m_name = name;
     m_text = how + std::string(m_kind == Kind::Broadcast ? "broadcast " : "plain ") +
              std::to_string(size);
-    return m_open = m_machine.add(*this);
+    return m_open = size <= m_machine.largestSegment && m_machine.add(*this);
 }
 
 inline bool FakeSegment::Close() {

@@ -167,10 +167,10 @@ private:
 //
 // An incomplete message is kept until its packets have arrived, however long that takes, or until
 // `ForgetIncompleteMessages()`. It uses memory in proportion to what has arrived, not to what its
-// headers announce. A message is complete when as many packets have arrived as its first one
-// announced. Duplicates are counted, not detected; the size check at the end catches them. Only the
-// message of the packet just queued can be complete, so the cost of a packet does not depend on how
-// many other messages are open.
+// headers announce; one message at a time may use more, if that memory is there already. A message
+// is complete when as many packets have arrived as its first one announced. Duplicates are counted,
+// not detected; the size check at the end catches them. Only the message of the packet just queued
+// can be complete, so the cost of a packet does not depend on how many other messages are open.
 class Packetization {
 public:
     // `observer` is not owned and outlives this object. `maxPacketSize` includes the header.

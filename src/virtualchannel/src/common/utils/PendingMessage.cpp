@@ -18,11 +18,12 @@ constexpr std::int64_t kLeast = 1;
 
 }  // namespace
 
-void PendingMessage::start(std::int32_t id, std::uint32_t total) {
+void PendingMessage::start(std::int32_t id, std::uint32_t total, bool mayBeginLarge) {
     m_id = id;
     m_arrived = 0;
     m_total = total;
     m_order = Order::Unknown;
+    m_mayBeginLarge = mayBeginLarge;
     m_lost = false;
     m_pieces.clear();
     m_origin = m_begin = m_end = 0;
@@ -63,7 +64,7 @@ bool PendingMessage::grow(const Header& header, bool inFront) {
     const std::int64_t announced = std::int64_t{header.messageSize} - kPacketHeaderSize;
     const std::int64_t plenty = kGrowthFactor * needed;
     const std::int64_t capacity = announced >= needed ? std::min(plenty, announced) : plenty;
-    const std::int64_t wanted = std::max(capacity, announced);
+    const std::int64_t wanted = m_mayBeginLarge ? std::max(capacity, announced) : capacity;
     MemoryBlock grown = MemoryBlock::allocate(static_cast<std::size_t>(std::max(capacity, kLeast)),
                                               static_cast<std::size_t>(std::max(wanted, kLeast)));
     if (!grown) return false;

@@ -23,12 +23,13 @@ constexpr bool sequenceBefore(std::uint32_t a, std::uint32_t b) {
 //
 // Payloads go into one growing block. While packets come in falling order, each is put in front of
 // the earlier ones, otherwise behind them. So packets in rising or falling order end up in order,
-// and the message is delivered from the block without another copy. A new block is never larger
-// than four times what has arrived.
+// and the message is delivered from the block without another copy. A block is at most eight times
+// as large as what has arrived, unless the message may begin in a large one.
 class PendingMessage {
 public:
-    // Makes this an empty message `id` of `total` packets; keeps its memory.
-    void start(std::int32_t id, std::uint32_t total);
+    // Makes this an empty message `id` of `total` packets; keeps its memory. If it `mayBeginLarge`,
+    // a kept block with room for all that it announces may be used from the first packet on.
+    void start(std::int32_t id, std::uint32_t total, bool mayBeginLarge);
     // Counts a packet and copies its payload, whose size is in its header. A null payload leaves a
     // gap. When there is no memory, the whole message is lost.
     void add(const Header& header, const std::byte* payload);
@@ -80,6 +81,7 @@ private:
     std::uint32_t m_lowestSequence = 0;
     std::uint32_t m_messageSize = 0;  // from the packet with the lowest sequence
     Order m_order = Order::Unknown;
+    bool m_mayBeginLarge = false;
     bool m_lost = false;          // there was no memory for a packet
     std::vector<Piece> m_pieces;  // in order of arrival until they are joined
 

@@ -23,7 +23,7 @@ PendingMessage& PendingMessages::begin(std::int32_t id, std::uint32_t total) {
     } else {
         m_fresh = std::make_unique<PendingMessage>();
     }
-    m_fresh->start(id, total);
+    m_fresh->start(id, total, m_fresh.get() == m_spareHolder);
     return *m_fresh;
 }
 

@@ -33,8 +33,9 @@ private:
     PendingMessage* m_found = nullptr;        // the one in the table found last
 
     // A finished message, whose memory the next one reuses, and the message that reuses it. There
-    // is no second spare while that one is open. Otherwise long messages, each followed by the
-    // beginning of another, could pile up nearly empty blocks.
+    // is no second spare while that one is open, and only that one may begin in a large block.
+    // Otherwise large messages, each followed by the beginning of another, could pile up nearly
+    // empty blocks.
     std::unique_ptr<PendingMessage> m_spare;
     PendingMessage* m_spareHolder = nullptr;
 };

@@ -11,6 +11,8 @@ using lock_order::OrderedLock;
 namespace {
 
 constexpr std::chrono::milliseconds kRetryPause{5};
+// More than the memory of a message may exceed its data, and it is copied into memory of its own.
+constexpr std::size_t kMostWaste = 4096;
 
 // Background bulk data: it must not delay calls and meetings.
 bool isLowPriority(const std::string& streamName) {
@@ -53,11 +55,13 @@ bool Agent::Stream::begin() {
     return m_type != StreamType::READ || !m_segment || subscribe(*m_segment, this);
 }
 
-// A hand-over to the writer's thread would cost more than the copy, which is made in either case.
+// A hand-over to the writer's thread would cost more than the copy into the segment, which is made
+// in either case.
 void Agent::Stream::pass(const char* data, std::size_t length) {
     const auto write = [&] { return m_running && writeAtOnce(data, length); };
     if (m_queue.passBy(write)) return;
-    if (auto memory = m_link.takeReceivedMemory()) {
+    const std::size_t most = 2 * length + kMostWaste;
+    if (auto memory = m_link.takeReceivedMemory(); memory && memory.capacity() <= most) {
         enqueue(StreamMessage(std::move(memory), {data, length}));
     } else {
         enqueue(std::string(data, length));

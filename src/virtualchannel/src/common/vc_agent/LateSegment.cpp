@@ -8,6 +8,30 @@ namespace VirtualChannelAgent {
 
 using VDIFrameworkCommon::LocalLock;
 
+namespace {
+
+// 0 when none is worth a try. Local processes ask for this many bytes where room is short.
+unsigned int smallerThan(unsigned int size, const shared_memory::OpenError& error) {
+    constexpr unsigned int kUsual = 65536;
+    unsigned int smaller = 0;
+    if (error.failure == shared_memory::OpenFailure::CapacityMismatch)
+        smaller = error.existingCapacity;
+    if (error.failure == shared_memory::OpenFailure::NoSpace) smaller = kUsual;
+    return smaller < size ? smaller : 0;
+}
+
+}  // namespace
+
+bool SegmentSetup::run(shared_memory::SharedMemoryI& segment, const std::string& name,
+                       unsigned int size) const {
+    const auto attempt = [&](unsigned int bytes) {
+        return creates ? segment.Create(name, bytes) : segment.Open(name, bytes);
+    };
+    if (attempt(size)) return true;
+    const unsigned int smaller = isBroadcast ? 0 : smallerThan(size, segment.openError());
+    return smaller != 0 && attempt(smaller);
+}
+
 LateSegment::LateSegment(Make make, std::string name, unsigned int size, const SegmentSetup& setup)
     : m_make(std::move(make)), m_name(std::move(name)), m_size(size), m_setup(setup) {}
 

@@ -19,10 +19,10 @@ struct SegmentSetup {
     const char* unavailable;
     const char* failed;
 
+    // With a smaller size if `size` is not possible: longer messages then go in several chunks. A
+    // broadcast has only one.
     bool run(shared_memory::SharedMemoryI& segment, const std::string& name,
-             unsigned int size) const {
-        return creates ? segment.Create(name, size) : segment.Open(name, size);
-    }
+             unsigned int size) const;
 };
 
 // A segment that could not be set up when requested, for example for lack of memory. Until

@@ -19,7 +19,8 @@ public:
         : m_memory(std::move(memory)), m_part(part) {}
 
     std::string_view bytes() const { return m_memory ? m_part : std::string_view(m_text); }
-    std::size_t size() const { return bytes().size(); }
+    // Bytes of memory that it holds.
+    std::size_t size() const { return m_memory ? m_memory.capacity() : m_text.size(); }
 
 private:
     std::string m_text;

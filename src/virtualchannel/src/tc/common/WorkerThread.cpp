@@ -82,7 +82,7 @@ bool WorkerThread::push(Queue& queue, std::span<WorkItem> items) {
                       &queue == &m_lowPriority ? "LowPriority" : "HighPriority",
                       ", size = ", queue.items.size());
         }
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
         return false;
     }
     return true;
