@@ -84,13 +84,14 @@ Status Stream::Impl::whyNothingCame() const {
 
 Status Stream::Impl::read(std::string& message, Clock::time_point deadline) {
     constexpr auto kLongestWait = std::chrono::milliseconds(200);
-    if (m_closed || m_direction != Direction::Read) message.clear();
+    message.clear();
     if (m_closed) return m_end;
     if (m_direction != Direction::Read) return Reason::InvalidArgument;
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         const auto wait = std::clamp(left, std::chrono::milliseconds(0), kLongestWait);
-        m_segment.read(message, wait);
+        unsigned int length = 0;
+        message = m_segment.ReadData(length, static_cast<unsigned int>(wait.count()));
         if (!message.empty()) return {};
         const Status why = whyNothingCame();
         const bool neverComes =

@@ -1,7 +1,5 @@
 #include "StreamSegment.h"
 
-#include <utility>
-
 namespace NorvoStreamClient {
 
 using VDIFrameworkCommon::LocalLock;
@@ -32,10 +30,13 @@ bool StreamSegment::write(const void* data, unsigned int length, Clock::time_poi
     return m_gate.isOpen() && m_writer.write(data, length, deadline);
 }
 
-void StreamSegment::read(std::string& message, std::chrono::milliseconds timeout) {
+std::string StreamSegment::ReadData(unsigned int& length, unsigned int timeout) {
+    const std::chrono::milliseconds wait(timeout);
+    std::string message;
     LocalLock lock(m_mutex);
-    m_reader.offer(std::exchange(message, {}));
-    if (m_gate.isOpen() && m_reader.wait(Clock::now() + timeout)) message = m_reader.take(timeout);
+    if (m_gate.isOpen() && m_reader.wait(Clock::now() + wait)) message = m_reader.take(wait);
+    length = static_cast<unsigned int>(message.size());
+    return message;
 }
 
 bool StreamSegment::isDrained() {

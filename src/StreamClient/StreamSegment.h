@@ -28,9 +28,8 @@ public:
     // Gives up at `deadline`, or when a chunk has waited 2000 ms for the reader; up to 2000 ms
     // later while another process holds the segment's mutex.
     bool write(const void* data, unsigned int length, Clock::time_point deadline);
-    // Waits up to `timeout` for a message, whose memory may be that of the string passed in. Empty
-    // when none arrived.
-    void read(std::string& message, std::chrono::milliseconds timeout);
+    // Waits up to `timeout` ms for a message. Empty, with `length` 0, when none arrived.
+    std::string ReadData(unsigned int& length, unsigned int timeout);
 
     // True while no chunk is waiting; also when the segment is closed.
     bool isDrained();

@@ -81,25 +81,6 @@ TEST(MessageAssemblerTest, ABrokenMessageReleasesItsMemoryAndATooLongOneIsRefuse
         Outcome::BadLength);
 }
 
-TEST(MessageAssemblerTest, OfferedMemoryServesTheNextMessageOnlyAndOnlyIfItIsAboutAsLong) {
-    constexpr std::uint32_t kLong = 1 << 20;
-    const std::string slot(kLong, 'x');
-    MessageAssembler assembler;
-    const auto next = [&](std::uint32_t length) {
-        EXPECT_EQ(assembler.add({1, 1, length, length}, slot.data(), kLong), Outcome::Complete);
-        return assembler.take();
-    };
-    std::string message = next(kLong);
-    const char* const memory = message.data();
-    assembler.offer(std::move(message));
-    message = next(kLong - 5);
-    EXPECT_EQ(message.data(), memory);
-    EXPECT_EQ(message.size(), kLong - 5);
-    assembler.offer(std::move(message));
-    EXPECT_LT(next(kLong / 4).capacity(), kLong / 2) << "it would waste memory";
-    EXPECT_EQ(next(5), "xxxxx");
-}
-
 TEST(MessageAssemblerTest, AnAnnouncedTotalTakesNoMemoryBeforeItArrives) {
     const std::string slot(65536, 'x');
     const long before = peakMemory();

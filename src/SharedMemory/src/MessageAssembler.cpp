@@ -9,10 +9,6 @@ namespace shared_memory {
 namespace {
 
 constexpr std::uint32_t kReservedAtOnce = 64U << 20U;
-// The allocator is as fast for less.
-constexpr std::size_t kSmallestOffered = 128U << 10U;
-constexpr std::size_t kLargestOffered = 32U << 20U;
-constexpr std::size_t kMostWaste = 64U << 10U;
 
 bool isPlausibleStart(const ChunkHeader& chunk, std::uint32_t capacity) {
     const std::uint64_t room = std::uint64_t{chunk.count} * capacity;
@@ -44,7 +40,7 @@ MessageAssembler::Outcome MessageAssembler::add(const ChunkHeader& chunk, const 
 }
 
 bool MessageAssembler::begin(const ChunkHeader& chunk, std::uint32_t capacity) {
-    dropMessage();
+    drop();
     if (!isPlausibleStart(chunk, capacity)) return false;
     m_total = chunk.total;
     m_count = chunk.count;
@@ -53,27 +49,12 @@ bool MessageAssembler::begin(const ChunkHeader& chunk, std::uint32_t capacity) {
 
 bool MessageAssembler::append(const ChunkHeader& chunk, const char* data) {
     try {
-        if (chunk.index == 1) reserve();
+        if (chunk.index == 1) m_message.reserve(std::min(m_total, kReservedAtOnce));
         m_message.append(data, chunk.length);
     } catch (const std::bad_alloc&) {
         return false;
     }
     return true;
-}
-
-void MessageAssembler::reserve() {
-    std::string offered = std::exchange(m_offered, {});
-    const bool fits = offered.capacity() >= m_total &&
-                      offered.capacity() <= 2 * std::size_t{m_total} + kMostWaste;
-    if (fits) m_message.swap(offered);
-    m_message.reserve(std::min(m_total, kReservedAtOnce));
-}
-
-void MessageAssembler::offer(std::string memory) {
-    memory.clear();
-    m_offered.swap(memory);
-    const std::size_t capacity = m_offered.capacity();
-    if (capacity < kSmallestOffered || capacity > kLargestOffered) std::string().swap(m_offered);
 }
 
 std::string MessageAssembler::take() {
@@ -82,11 +63,6 @@ std::string MessageAssembler::take() {
 }
 
 void MessageAssembler::drop() {
-    dropMessage();
-    std::string().swap(m_offered);
-}
-
-void MessageAssembler::dropMessage() {
     m_nextIndex = 1;
     m_sizeBefore = 0;
     m_nextIndexBefore = 1;

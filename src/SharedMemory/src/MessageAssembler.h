@@ -27,9 +27,6 @@ public:
     bool inProgress() const { return m_nextIndex > 1; }
     // The complete message.
     std::string take();
-    // Takes the memory of an earlier message for the next one, if it is large, but at most 32 MiB;
-    // that one gets it if it is about as long. Frees what was offered before.
-    void offer(std::string memory);
     // Also frees the memory.
     void drop();
     // Removes the last added chunk: its source changed while it was copied. What it replaced or
@@ -41,13 +38,10 @@ public:
 
 private:
     bool begin(const ChunkHeader& chunk, std::uint32_t capacity);
-    void reserve();
     bool append(const ChunkHeader& chunk, const char* data);
-    void dropMessage();
     Outcome refuse(Outcome outcome);
 
     std::string m_message;
-    std::string m_offered;
     std::uint32_t m_total = 0;
     std::uint32_t m_count = 0;
     std::uint32_t m_nextIndex = 1;

@@ -46,11 +46,6 @@ public:
     // Gives up after 2000 ms without a chunk, and keeps an unfinished message as above.
     bool ReadData(void** data, unsigned int& length) override;
 
-    void GiveBack(std::string message) override {
-        VDIFrameworkCommon::LocalLock operation(m_operationLock);
-        m_reader.offer(std::move(message));
-    }
-
     // Bytes of the object of a segment with a data area of `capacity` bytes.
     static unsigned int CalculateSharedMemorySize(unsigned int capacity) {
         return SegmentMapping::sizeFor(capacity);

@@ -52,9 +52,6 @@ public:
     virtual void unsubscribeObserver(SharedMemoryObserverI* observer) = 0;
     virtual void unsubscribeAllObservers() = 0;
 
-    // Offers the memory of a message of this segment, when done with it, for the next one.
-    virtual void GiveBack(std::string /*message*/) {}
-
     // Takes one whole message now. On true, `*data` is a new[] array of `length` bytes that the
     // caller deletes.
     virtual bool ReadData(void** data, unsigned int& length) = 0;

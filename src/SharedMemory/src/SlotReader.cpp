@@ -20,11 +20,9 @@ void SlotReader::begin(bool isRenewed) {
 
 bool SlotReader::wait(Clock::time_point deadline) {
     const auto now = Clock::now();
-    const bool hasCome = m_slot.check(now) != SegmentSlot::Soundness::Lost &&
-                         m_slot.waitFor(SegmentSlot::Signal::Written, now, deadline,
-                                        [this] { return m_slot.isUnread(); });
-    if (!hasCome) m_assembler.offer({});
-    return hasCome;
+    return m_slot.check(now) != SegmentSlot::Soundness::Lost &&
+           m_slot.waitFor(SegmentSlot::Signal::Written, now, deadline,
+                          [this] { return m_slot.isUnread(); });
 }
 
 std::string SlotReader::take(std::chrono::milliseconds silence) {

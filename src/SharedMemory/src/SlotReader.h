@@ -2,7 +2,6 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "LogRepeats.h"
 #include "MessageAssembler.h"
@@ -17,15 +16,13 @@ class SlotReader : public SlotEnd {
 public:
     explicit SlotReader(SegmentSlot& slot) : m_slot(slot) {}
 
-    // Waits for an unread chunk until `deadline`. When none came, frees what was offered.
+    // Waits for an unread chunk until `deadline`.
     bool wait(Clock::time_point deadline);
     // Takes the message whose chunk is waiting, with those chunks that follow within `silence` of
     // each other. Empty when no message was completed.
     std::string take(std::chrono::milliseconds silence);
     // Takes what is there without waiting for a first chunk.
     std::string takeNow(std::chrono::milliseconds silence);
-    // Offers the memory of a message taken earlier for the next one.
-    void offer(std::string memory) { m_assembler.offer(std::move(memory)); }
     // How many chunks this reader has taken so far.
     unsigned long chunksTaken() const { return m_chunksTaken; }
 

@@ -114,11 +114,10 @@ void Agent::Stream::close() {
 }
 
 void Agent::Stream::onNewMessageReceived(std::string message,
-                                         shared_memory::SharedMemoryI* source) {
+                                         shared_memory::SharedMemoryI* /*source*/) {
     if (!m_running || m_context.stopping || message.empty()) return;
     use.note();
     m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority, m_running);
-    if (source) source->GiveBack(std::move(message));
 }
 
 void Agent::Stream::WriterProcessingThread() {
