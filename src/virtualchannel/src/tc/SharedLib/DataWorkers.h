@@ -21,6 +21,8 @@ public:
     ~DataWorker() override;
     // The same, made in the packet's room if it has one.
     static WorkItem carrying(std::unique_ptr<Packet> packet, bool verbose);
+    static void* operator new(std::size_t size) { return ::operator new(size); }
+    static void operator delete(void* memory) { ::operator delete(memory); }
     static void operator delete(DataWorker* worker, std::destroying_delete_t);
 
     // Passes the bytes once to the host's append callback if the outgoing gate is open. Returns 0.
