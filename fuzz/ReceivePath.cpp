@@ -27,6 +27,9 @@ constexpr int kPacketSize = 100;
 
 class FarSide : public NorvoVirtualChannel::PacketizationObserver {
 public:
+    FarSide() {
+        m_channel.takeReceived = [this] { return m_packets.TakeMemory(); };
+    }
     void take(unsigned char what, const std::vector<uint8_t>& bytes) {
         switch (what % 8) {
             case 0:

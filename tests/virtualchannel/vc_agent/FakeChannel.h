@@ -64,6 +64,10 @@ public:
     // "forget" (incomplete messages) or "question".
     std::function<void(const std::string& call)> onCall = [](const std::string&) {};
     std::function<void(const Sent&)> onSent = [](const Sent&) {};
+    // Gives away the memory of the message that is being delivered.
+    std::function<VDIFrameworkCommon::MemoryBlock()> takeReceived = [this] {
+        return std::move(m_received);
+    };
 
     // To the agent, one call at a time. The bytes last only if their memory is taken.
     void deliver(const std::string& bytes) {
@@ -73,6 +77,7 @@ public:
             observer.OnVirtualChannelReceiveData(m_received.data(),
                                                  static_cast<unsigned int>(bytes.size()));
             if (m_received) std::memset(m_received.data(), 'x', bytes.size());
+            m_received = {};
         });
     }
     void deliver(const VirtualChannelAgent::VCMessage& message) { deliver(wireOf(message)); }
@@ -135,7 +140,7 @@ public:
     }
     void onAgentStateChange(bool connected) override { onCall(connected ? "up" : "down"); }
     void ForgetIncompleteMessages() override { onCall("forget"); }
-    VDIFrameworkCommon::MemoryBlock TakeReceivedMemory() override { return std::move(m_received); }
+    VDIFrameworkCommon::MemoryBlock TakeReceivedMemory() override { return takeReceived(); }
     bool WaitUntilSent(std::chrono::milliseconds) override {
         onCall("wait");
         return true;
