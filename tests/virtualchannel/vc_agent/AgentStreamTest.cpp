@@ -66,12 +66,13 @@ TEST_F(AgentStream, WritesAtOnceWhatNothingWaitsAheadOf) {
     EXPECT_EQ(segment->written(), Texts{"first"});
     segment->takesAtOnce = false;
     segment->setReader(FakeSegment::Reader::Refuses);
-    m_channel.deliver(routed("Basic", "second"));
+    const std::string large(VDIFrameworkCommon::MemoryBlock::kSmallestKept, 'l');
+    m_channel.deliver(routed("Basic", large));
     EXPECT_TRUE(eventually([&] { return segment->failedWrites() > 0; }));
     segment->takesAtOnce = true;
     m_channel.deliver(routed("Basic", "third"));
     segment->setReader(FakeSegment::Reader::Takes);
-    expectWritten(*segment, {"first", "second", "third"});
+    expectWritten(*segment, {"first", large, "third"});
 }
 
 TEST_F(AgentStream,

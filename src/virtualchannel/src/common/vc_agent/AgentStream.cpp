@@ -7,12 +7,11 @@
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
+using VDIFrameworkCommon::MemoryBlock;
 
 namespace {
 
 constexpr std::chrono::milliseconds kRetryPause{5};
-// More than the memory of a message may exceed its data, and it is copied into memory of its own.
-constexpr std::size_t kMostWaste = 4096;
 
 // Background bulk data: it must not delay calls and meetings.
 bool isLowPriority(const std::string& streamName) {
@@ -60,8 +59,9 @@ bool Agent::Stream::begin() {
 void Agent::Stream::pass(const char* data, std::size_t length) {
     const auto write = [&] { return m_running && writeAtOnce(data, length); };
     if (m_queue.passBy(write)) return;
-    const std::size_t most = 2 * length + kMostWaste;
-    if (auto memory = m_link.takeReceivedMemory(); memory && memory.capacity() <= most) {
+    // Of a short message, or a small part of a long one, a copy needs less memory.
+    auto memory = length < MemoryBlock::kSmallestKept ? MemoryBlock() : m_link.takeReceivedMemory();
+    if (memory && memory.capacity() <= 2 * length) {
         enqueue(StreamMessage(std::move(memory), {data, length}));
     } else {
         enqueue(std::string(data, length));
