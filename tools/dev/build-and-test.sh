@@ -29,7 +29,8 @@ run_tests --parallel $((jobs + 1)) --output-log "$tree/test.log" "$@" && exit
 ! grep -qE 'SUMMARY: [A-Za-z]+Sanitizer|: runtime error: ' "$tree/test.log" || exit 1
 # Timing tests may have lacked processor time: tests that failed in parallel are retried once alone.
 note "running what failed again, alone"
-run_tests --rerun-failed --output-log "$tree/retest.log"
+# With the same arguments: ctest goes by the numbers of the tests, which depend on them.
+run_tests --rerun-failed --output-log "$tree/retest.log" "$@"
 total=$(sed -n 's/.* tests failed out of \([0-9]*\)$/\1/p' "$tree/test.log" | tail -n 1)
 say "when those that failed had run again, alone:" \
     "100% tests passed, 0 tests failed out of $total" | tee -a "$tree/test.log"
