@@ -19,6 +19,7 @@ namespace {
 // allocator may keep it for good.
 constexpr std::size_t kSmallestMapped = 256 * 1024;
 constexpr std::size_t kGranularity = 64 * 1024;  // of mapped blocks; a multiple of any page size
+constexpr std::size_t kMostBlocks = 16;          // kept
 
 struct Memory {
     std::byte* data = nullptr;
@@ -62,7 +63,7 @@ public:
 
     private:
         std::size_t m_count = 0;
-        std::array<Memory, 16> m_blocks;
+        std::array<Memory, kMostBlocks> m_blocks;
     };
 
     // The latest block is the most likely to be in the cache.
@@ -120,7 +121,7 @@ private:
     }
 
     LocalMutex m_mutex;
-    std::array<Memory, 16> m_blocks NORVO_GUARDED_BY(m_mutex);
+    std::array<Memory, kMostBlocks> m_blocks NORVO_GUARDED_BY(m_mutex);
     std::size_t m_count NORVO_GUARDED_BY(m_mutex) = 0;
     bool m_isKeeping NORVO_GUARDED_BY(m_mutex) = true;
     std::atomic<std::size_t> m_bytes{0};  // written under the mutex
