@@ -12,6 +12,8 @@ class ProcessWatch {
 public:
     // The same answer as ProcessUtils::isProcessRunning(name).
     bool isRunning(const std::string& name);
+    // Whether it was running when last asked.
+    bool hasFound() const { return m_process != 0; }
 
 private:
     bool stillRuns() const;

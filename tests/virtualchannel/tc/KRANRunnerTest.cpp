@@ -87,6 +87,15 @@ TEST_F(KRANRunnerAcrossProcesses, AMarkerKeepsItStoppedAndItsRemovalLaunchesIt) 
     EXPECT_LT(std::chrono::steady_clock::now() - removed, std::chrono::seconds(10));
 }
 
+TEST_F(KRANRunnerAcrossProcesses, AnApplicationThatIsInstalledDuringTheSessionIsLaunched) {
+    std::filesystem::rename(m_app.path(), m_app.path() + ".part");
+    LogCapture log;
+    startKRAN();
+    ASSERT_TRUE(eventually([&] { return log.contains("could not start "); }));
+    std::filesystem::rename(m_app.path() + ".part", m_app.path());
+    EXPECT_EQ(m_app.waitForProcesses(1).size(), 1U);
+}
+
 TEST_F(KRANRunnerAcrossProcesses, AnotherUsersMarkerStopsNothing) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another user";
     makeMarker();

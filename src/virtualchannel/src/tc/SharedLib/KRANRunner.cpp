@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "ApplicationBundle.h"
 #include "Contained.h"
 #include "Event.h"
 #include "FileUtils.h"
@@ -85,6 +86,12 @@ void launch() {
     }
 }
 
+// False when a launch could only fail.
+bool isInstalled() {
+    return VDIClientInfo::getInstance().getClientType() != VDIClientType::Crews ||
+           FileUtils::fileExists(VDIFrameworkCommon::installedPath(kLauncherBundle));
+}
+
 // State that the runner's thread keeps between rounds.
 class Companion {
 public:
@@ -98,6 +105,13 @@ public:
         return !identifier.empty() && m_watch.isRunning(identifier);
     }
 
+    // Relaunches it if it has ended. To search all processes costs most of what an idle session
+    // does: a program that is not installed, and was not running before, is not searched for.
+    void lookAfter() {
+        if (!m_watch.hasFound() && !isInstalled() && !isMarkedToStop()) return;
+        if (!isRunning()) relaunchUnlessMarked();
+    }
+
     // Anybody can put a file there, so check its owner.
     bool isMarkedToStop() {
         if (!FileUtils::fileExists(m_marker)) return false;
@@ -107,6 +121,7 @@ public:
         return false;
     }
 
+private:
     void relaunchUnlessMarked() {
         if (isMarkedToStop()) {
             NORVO_LOG(Trace, "thinclient stopped running, but ", m_marker,
@@ -117,7 +132,6 @@ public:
         launch();
     }
 
-private:
     const std::string m_marker = FileUtils::markerPath(kMarkerDirectory, kStopMarker);
     VDIFrameworkCommon::NamedMutex m_launchMutex;
     VDIFrameworkCommon::ProcessWatch m_watch;
@@ -145,7 +159,7 @@ void runKRANThread() {
     while (runner().running) {
         runner().stop.timedWait(kRoundMilliseconds);
         contained("Looking after the thin client", [&] {
-            if (runner().running && !companion.isRunning()) companion.relaunchUnlessMarked();
+            if (runner().running) companion.lookAfter();
         });
     }
     stopThinclient();
