@@ -82,6 +82,13 @@ void Packetization::ReassemblePackets() {
     reassemble();
 }
 
+void Packetization::freeIncompleteMessages() {
+    ForgetIncompleteMessages();
+    if (!m_Mutex.try_lock()) return;
+    const VDIFrameworkCommon::LocalLock lock(m_Mutex, std::adopt_lock);
+    forgetIfAsked();
+}
+
 void Packetization::forgetIfAsked() {
     if (!m_forget.load(std::memory_order_relaxed) || !m_forget.exchange(false)) return;
     m_pending = {};

@@ -200,6 +200,9 @@ public:
     // again, and its packets must not complete messages of its predecessor. Any thread, also from
     // inside `OnFullPacketReceived`. The memory is freed with the next packet at the latest.
     void ForgetIncompleteMessages() { m_forget = true; }
+    // The same, and frees the memory at once unless another thread is inside `EnqueuePacket`. Not
+    // from inside `OnFullPacketReceived`.
+    void freeIncompleteMessages();
 
 private:
     void deliverUnsplit(const Packet& packet) NORVO_REQUIRES(m_Mutex);

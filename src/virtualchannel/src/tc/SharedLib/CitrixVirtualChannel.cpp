@@ -67,7 +67,7 @@ void CitrixVirtualChannel::shutdownSteps() {
     cleanupSharedMemory();
     ResetChannel();
     Acknowledgement::Shutdown();
-    deleteParts();
+    endTraffic();
     stopAndDeleteAgent();
     VirtualChannelLogger_flushBufferIfAllowed();
 }

@@ -27,18 +27,6 @@ constexpr auto kObserverEndLimit = 5s;
 constexpr bool kVerbose = true;
 }  // namespace
 
-struct TransportChannel::Parts {
-    Parts(TransportChannel* channel, const ChannelProfile& profile, WorkerThread::Pause pause)
-        : packetizer(channel, profile.maxMsgSize), worker(std::move(pause), &channel->m_turnstile) {
-        worker.setPacketsToSendPerBreak(profile.packetsToSendPerBreak);
-        worker.setBreakTime(profile.breakTime);
-        worker.Start();
-    }
-
-    Packetization packetizer;
-    WorkerThread worker;
-};
-
 // An outgoing message, cut into work items that pass its packets to the host.
 class TransportChannel::OutgoingMessage final : public Turnstile::Message {
 public:
@@ -62,9 +50,17 @@ private:
 };
 
 TransportChannel::TransportChannel(const ChannelProfile& profile, WorkerThread::Pause pause)
-    : m_profile(profile), m_observer(profile.observerCalls), m_turnstile(profile.flow) {
+    : m_profile(profile),
+      m_observer(profile.observerCalls),
+      m_packetizer(this, profile.maxMsgSize),
+      m_turnstile(profile.flow) {
     CHANNEL_LOG(Trace, m_profile.name, "()");
-    m_parts = std::make_shared<Parts>(this, m_profile, std::move(pause));
+    auto worker = std::make_shared<WorkerThread>(std::move(pause), &m_turnstile);
+    worker->setPacketsToSendPerBreak(profile.packetsToSendPerBreak);
+    worker->setBreakTime(profile.breakTime);
+    worker->Start();
+    LocalLock lock(m_workerMutex);
+    m_worker = std::move(worker);
 }
 
 TransportChannel::~TransportChannel() = default;
@@ -72,14 +68,14 @@ TransportChannel::~TransportChannel() = default;
 void TransportChannel::release() {
     ResetChannel();
     Acknowledgement::Shutdown();
-    deleteParts();
+    endTraffic();
     LocalLock lock(m_lifeMutex);
     stopAndDeleteAgent();
 }
 
-std::shared_ptr<TransportChannel::Parts> TransportChannel::parts() {
-    LocalLock lock(m_partsMutex);
-    return m_parts;
+std::shared_ptr<WorkerThread> TransportChannel::worker() {
+    LocalLock lock(m_workerMutex);
+    return m_worker;
 }
 
 // ---- Life
@@ -123,18 +119,19 @@ void TransportChannel::deleteAgent() {
     }
 }
 
-void TransportChannel::deleteParts() {
+void TransportChannel::endTraffic() {
     m_turnstile.close();
-    std::shared_ptr<Parts> parts;
+    m_packetizer.freeIncompleteMessages();
+    std::shared_ptr<WorkerThread> worker;
     {
-        LocalLock lock(m_partsMutex);
-        parts.swap(m_parts);
+        LocalLock lock(m_workerMutex);
+        worker.swap(m_worker);
     }
-    if (!parts || parts->worker.StopWithin(kWorkerEndLimit)) return;
+    if (!worker || worker->StopWithin(kWorkerEndLimit)) return;
     CHANNEL_LOG(Warning, "A call of the append callback is under way, and ends by itself.");
-    parts->worker.ResetQueue();
-    LocalLock lock(m_partsMutex);
-    m_leftBehind = std::move(parts);
+    worker->ResetQueue();
+    LocalLock lock(m_workerMutex);
+    m_leftBehind = std::move(worker);
 }
 
 // ---- Sending
@@ -145,14 +142,14 @@ int TransportChannel::SendData(const void* data, unsigned int length, bool lowPr
         CHANNEL_LOG(Trace, "Channel is not active, will not receive data.");
         return 0;
     }
-    const auto parts = this->parts();
-    if (!parts) return 0;
+    const auto worker = this->worker();
+    if (!worker) return 0;
     CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message", [&] {
         std::vector<WorkItem> packets;
         OutgoingMessage message(m_profile, {{static_cast<const std::byte*>(data), length}, {}});
         message.cut(message.remaining(), packets);
-        parts->worker.AddWork(packets, lowPriority);
+        worker->AddWork(packets, lowPriority);
     });
     return 0;
 }
@@ -160,25 +157,24 @@ int TransportChannel::SendData(const void* data, unsigned int length, bool lowPr
 StreamSend TransportChannel::SendStreamData(const SplitBytes& message, bool lowPriority,
                                             const std::function<bool()>& goesOn) {
     CHANNEL_LOG(Trace, m_profile.name, "::SendStreamData()");
-    const auto parts = this->parts();
-    if (!parts) return StreamSend::NotSent;
+    const auto worker = this->worker();
+    if (!worker) return StreamSend::NotSent;
     StreamSend result = StreamSend::Dropped;
     CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message of a stream", [&] {
         OutgoingMessage outgoing(m_profile, message);
-        result = m_turnstile.pass(outgoing, lowPriority, parts->worker, goesOn);
+        result = m_turnstile.pass(outgoing, lowPriority, *worker, goesOn);
     });
     return result;
 }
 
 bool TransportChannel::WaitUntilSent(std::chrono::milliseconds limit) {
-    const auto parts = this->parts();
-    return !parts || parts->worker.WaitUntilIdle(limit);
+    const auto worker = this->worker();
+    return !worker || worker->WaitUntilIdle(limit);
 }
 
 void TransportChannel::ResetChannel() {
-    const auto parts = this->parts();
-    m_turnstile.reset(parts ? &parts->worker : nullptr);
+    m_turnstile.reset(worker().get());
     Acknowledgement::GetInstance()->ClearCurrentAck();
 }
 
@@ -194,35 +190,27 @@ int TransportChannel::takePacket(const void* data, unsigned int length) {
         CHANNEL_LOG(Trace, "Channel is not active, will not receive data.");
         return 0;
     }
-    const auto parts = this->parts();
-    if (!parts) return 0;
-    if (ReentryMark::isSet(&parts->packetizer)) {
+    if (isInsideDelivery()) {
         CHANNEL_LOG(Warning, "A packet from inside a delivery is dropped.");
         return 0;
     }
     const Packet packet = Packet::Borrow(data, length);
-    if (packet.isPacketValid()) {
-        const ReentryMark mark(&parts->packetizer);
-        parts->packetizer.EnqueuePacket(&packet);
-    }
+    if (packet.isPacketValid()) m_packetizer.EnqueuePacket(&packet);
     return 0;
 }
 
 void TransportChannel::OnFullPacketReceived(const void* data, unsigned int size) {
     CHANNEL_LOG(Trace, "Complete message received.");
+    const ReentryMark mark(&m_packetizer);
     m_observer.notify(
         [&](Observer& observer) { observer.OnVirtualChannelReceiveData(data, size); });
 }
 
 MemoryBlock TransportChannel::TakeReceivedMemory() {
-    const auto parts = this->parts();
-    const bool isInside = parts && ReentryMark::isSet(&parts->packetizer);
-    return isInside ? parts->packetizer.TakeMemory() : MemoryBlock();
+    return isInsideDelivery() ? m_packetizer.TakeMemory() : MemoryBlock();
 }
 
-void TransportChannel::ForgetIncompleteMessages() {
-    if (const auto parts = this->parts()) parts->packetizer.ForgetIncompleteMessages();
-}
+void TransportChannel::ForgetIncompleteMessages() { m_packetizer.ForgetIncompleteMessages(); }
 
 // ---- The observer
 
@@ -249,8 +237,7 @@ void TransportChannel::ChannelActive(int state) {
 }
 
 void TransportChannel::noteAvailability() {
-    const auto parts = this->parts();
-    m_turnstile.setAvailable(m_available && isOpen(), parts ? &parts->worker : nullptr);
+    m_turnstile.setAvailable(m_available && isOpen(), worker().get());
 }
 
 void TransportChannel::beforeAvailabilityChange(bool available) {

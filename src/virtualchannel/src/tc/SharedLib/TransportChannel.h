@@ -10,6 +10,7 @@
 #include "Log.h"
 #include "ObserverSlot.h"
 #include "Packets.h"
+#include "ReentryMark.h"
 #include "Turnstile.h"
 #include "VirtualChannel.h"
 #include "WorkerThread.h"
@@ -102,8 +103,8 @@ protected:
     // Both end and delete the agent; one that does not return from a call is abandoned instead.
     void stopAndDeleteAgent() NORVO_REQUIRES(m_lifeMutex);
     void deleteAgent() NORVO_REQUIRES(m_lifeMutex);
-    // Stops and deletes worker and packetizer: the channel carries nothing from then on.
-    void deleteParts();
+    // Ends the worker and drops what has arrived in part: the channel sends nothing from then on.
+    void endTraffic();
     void release();
 
     const ChannelProfile m_profile;
@@ -111,21 +112,22 @@ protected:
     VDIFrameworkCommon::LocalMutex m_lifeMutex;
 
 private:
-    struct Parts;
     class OutgoingMessage;
 
-    // A running call keeps alive what it uses.
-    std::shared_ptr<Parts> parts();
+    // A running call keeps it alive. Null once it has been ended.
+    std::shared_ptr<WorkerThread> worker();
+    bool isInsideDelivery() const { return ReentryMark::isSet(&m_packetizer); }
     bool insideCallback(const char* operation) const;
 
     ObserverSlot m_observer;
     std::atomic<bool> m_available{false};  // as last set by the host
     std::unique_ptr<VirtualChannelAgent::Agent> m_agent NORVO_GUARDED_BY(m_lifeMutex);
+    Packetization m_packetizer;
     Turnstile m_turnstile;  // must outlive the worker, which takes from it
-    VDIFrameworkCommon::LocalMutex m_partsMutex;
-    std::shared_ptr<Parts> m_parts NORVO_GUARDED_BY(m_partsMutex);
-    // Parts whose worker did not return from the host when it was stopped.
-    std::shared_ptr<Parts> m_leftBehind NORVO_GUARDED_BY(m_partsMutex);
+    VDIFrameworkCommon::LocalMutex m_workerMutex;
+    std::shared_ptr<WorkerThread> m_worker NORVO_GUARDED_BY(m_workerMutex);
+    // A worker that did not return from the host when it was stopped.
+    std::shared_ptr<WorkerThread> m_leftBehind NORVO_GUARDED_BY(m_workerMutex);
 };
 
 }  // namespace NorvoVirtualChannel::tc
