@@ -30,6 +30,11 @@ namespace {
 // Milliseconds. A connection that cannot be accepted, for lack of descriptors, stays pending.
 constexpr int kPauseAfterFailure = 100;
 
+// Without a locked operation per packet: one thread at a time changes the count.
+void add(std::atomic<std::uint64_t>& count, std::uint32_t bytes) {
+    count.store(count.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
+}
+
 }  // namespace
 
 Host::Host(const HostOptions& options)
@@ -49,6 +54,7 @@ Host::Host(const HostOptions& options)
 Host::~Host() {
     constexpr int kMostWaits = 2000;
     m_plugin.Shutdown();
+    setLink(nullptr);
     for (int i = 0; m_appending > 0 && i < kMostWaits; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -91,23 +97,24 @@ bool Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, in
     StopSignal::takeHangUp();  // one that came while there was nothing to drop
     m_greetings = 0;
     m_peerHasGreeted = false;
+    std::shared_ptr<PacketLink> link;
     try {
-        setLink(std::make_shared<PacketLink>(
+        link = std::make_shared<PacketLink>(
             std::move(bytes), m_kind.maxPacket,
-            [this](unsigned char* packet, std::uint32_t length) { receive(packet, length); }));
+            [this](unsigned char* packet, std::uint32_t length) { receive(packet, length); });
     } catch (const std::system_error& error) {
         say("not joined to " + peer + ": " + error.what());
         StopSignal::wait(kPauseAfterFailure);
         return false;
     }
+    setLink(link);
     say("joined to " + peer);
     m_plugin.ChannelActive(1);
-    const auto joined = link();
-    waitForEnd(*joined, listener);
-    joined->end("this host stops");
+    waitForEnd(*link, listener);
+    link->end("this host stops");
     m_plugin.ChannelActive(0);
     setLink(nullptr);
-    say("left " + peer + ": " + joined->closeReason());
+    say("left " + peer + ": " + link->closeReason());
     return m_peerHasGreeted;
 }
 
@@ -141,19 +148,26 @@ void Host::waitForEnd(PacketLink& link, int listener) const {
 }
 
 int Host::append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
-    auto* host = static_cast<Host*>(context);
+    auto* const host = static_cast<Host*>(context);
     ++host->m_appending;
-    host->m_bytesSent.fetch_add(length, std::memory_order_relaxed);
-    if (const auto link = host->link()) {
-        if (host->m_capture) host->m_capture->write(Direction::Outbound, data, length);
-        if (!link->send(data, length)) host->waitUntilLeft(link);
-    }
+    host->send(data, length);
     --host->m_appending;
     return 0;
 }
 
+// A closed link accepts nothing: packets that the plug-in has not yet passed on are not lost
+// in it while the plug-in is about to be told.
+void Host::send(const void* data, std::uint32_t length) {
+    LocalLock lock(m_mutex);
+    if (!m_link) return;
+    add(m_bytesSent, length);
+    if (m_capture) m_capture->write(Direction::Outbound, data, length);
+    if (m_link->send(data, length)) return;
+    for (const auto left = m_link; m_link == left;) m_linkChanged.wait(m_mutex);
+}
+
 void Host::receive(unsigned char* packet, std::uint32_t length) {
-    m_bytesReceived.fetch_add(length, std::memory_order_relaxed);
+    add(m_bytesReceived, length);
     if (m_capture) m_capture->write(Direction::Inbound, packet, length);
     if (!m_peerHasGreeted) noteGreeting(packet, length);
     m_plugin.ReceiveData(packet, length);
@@ -173,24 +187,12 @@ void Host::noteGreeting(const unsigned char* packet, std::uint32_t length) {
     m_peerHasGreeted = (m_greetings & kAsked) != 0 && (m_greetings & kAnswered) != 0;
 }
 
-std::shared_ptr<PacketLink> Host::link() {
-    LocalLock lock(m_mutex);
-    return m_link;
-}
-
 void Host::setLink(std::shared_ptr<PacketLink> link) {
     {
         LocalLock lock(m_mutex);
         m_link = std::move(link);
     }
-    m_left.notify_all();
-}
-
-// A closed link accepts nothing: packets that the plug-in has not yet passed on are not lost
-// in it while the plug-in is about to be told.
-void Host::waitUntilLeft(const std::shared_ptr<PacketLink>& link) {
-    LocalLock lock(m_mutex);
-    while (m_link == link) m_left.wait(m_mutex);
+    m_linkChanged.notify_all();
 }
 
 }  // namespace vcctl

@@ -47,12 +47,11 @@ public:
 
 private:
     static int append(const void* data, std::uint32_t length, std::uintptr_t, void* context);
+    void send(const void* data, std::uint32_t length);
     void receive(unsigned char* packet, std::uint32_t length);
     void noteGreeting(const unsigned char* packet, std::uint32_t length);
     void waitForEnd(PacketLink& link, int listener) const;
-    std::shared_ptr<PacketLink> link();
     void setLink(std::shared_ptr<PacketLink> link);
-    void waitUntilLeft(const std::shared_ptr<PacketLink>& link);
     void refuseToBeTheSecond();
 
     const ChannelKind& m_kind;
@@ -67,8 +66,9 @@ private:
     // Types of agent messages from the peer; the reader thread's, until the peer has greeted.
     unsigned int m_greetings = 0;
     std::atomic<bool> m_peerHasGreeted = false;
+    // Held while the link's peer takes nothing: a link is closed before it is taken away here.
     VDIFrameworkCommon::LocalMutex m_mutex;
-    VDIFrameworkCommon::LocalCondition m_left;
+    VDIFrameworkCommon::LocalCondition m_linkChanged;
     std::shared_ptr<PacketLink> m_link NORVO_GUARDED_BY(m_mutex);
 };
 

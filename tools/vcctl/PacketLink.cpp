@@ -36,7 +36,6 @@ PacketLink::~PacketLink() { end("closed"); }
 
 bool PacketLink::send(const void* packet, std::uint32_t length) {
     const auto* bytes = static_cast<const unsigned char*>(packet);
-    LocalLock lock(m_sending);
     if (m_closed) return false;
     m_gathered.insert(m_gathered.end(), bytes, bytes + length);
     const std::size_t rest = bytesToFollow(bytes, length);

@@ -32,7 +32,7 @@ public:
 
     // Sends one packet, at the latest with the last packet of its message. Blocks while the peer
     // takes nothing: at most 192 KiB are buffered in either system then.
-    // False once the link is closed, which also ends the wait. Any thread.
+    // False once the link is closed, which also ends the wait. One thread at a time.
     bool send(const void* packet, std::uint32_t length);
 
     // Ends the link for `reason` (the first one counts). Any thread, also from inside `receive`.
@@ -48,13 +48,11 @@ public:
 private:
     void readLoop(std::uint32_t maxPacket, const Receiver& receive);
     // Blocks while the peer takes nothing. False once the link is closed.
-    bool sendGathered() NORVO_REQUIRES(m_sending);
+    bool sendGathered();
 
     const std::unique_ptr<ByteChannel> m_bytes;
 
-    // Held while the peer takes nothing: close() must not need it.
-    VDIFrameworkCommon::LocalMutex m_sending;
-    std::vector<unsigned char> m_gathered NORVO_GUARDED_BY(m_sending);
+    std::vector<unsigned char> m_gathered;
 
     mutable VDIFrameworkCommon::LocalMutex m_mutex;
     std::string m_reason NORVO_GUARDED_BY(m_mutex);
