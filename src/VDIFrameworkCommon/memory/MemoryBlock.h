@@ -1,4 +1,4 @@
-// Large buffers that are needed again and again, as for received messages.
+// Large buffers that are needed again and again, as for messages and their packets.
 #pragma once
 
 #include <cstddef>

@@ -4,14 +4,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
+#include "MemoryBlock.h"
 #include "Packets.h"
 
 namespace NorvoVirtualChannel {
 
-// The heap block of the packets that one message was cut into: the packets themselves, each with
-// its room, then their bytes. It is freed when the last packet has been released.
-class PacketBlock {
+// The memory of the packets that one message was cut into: the packets themselves, each with its
+// room, then their bytes. It is freed when the last packet has been released.
+class alignas(std::max_align_t) PacketBlock {
 public:
     // Room for `packets` packets, all counted as alive, and `wireSize` bytes in total. Null when
     // there is no memory.
@@ -27,15 +29,15 @@ public:
 private:
     static constexpr std::size_t kPlace = sizeof(Packet) + Packet::kRoom;
 
-    explicit PacketBlock(std::size_t capacity) : m_capacity(capacity) {}
+    PacketBlock(VDIFrameworkCommon::MemoryBlock memory, std::uint32_t packets)
+        : m_memory(std::move(memory)), m_alive(packets), m_count(packets) {}
     void free();
     std::byte* packets() { return reinterpret_cast<std::byte*>(this + 1); }
 
-    const std::size_t m_capacity;  // this object included
-    std::atomic<std::uint32_t> m_alive{0};
-    std::uint32_t m_count = 0;
+    VDIFrameworkCommon::MemoryBlock m_memory;  // which holds this object; empty in a cell
+    std::atomic<std::uint32_t> m_alive;
+    const std::uint32_t m_count;
 };
-static_assert(sizeof(PacketBlock) % alignof(std::max_align_t) == 0);
 static_assert(sizeof(Packet) % alignof(std::max_align_t) == 0);
 
 inline void PacketBlock::release() {
