@@ -1,5 +1,7 @@
 #include "RequestWriter.h"
 
+#include <algorithm>
+
 #include "BroadcastCounts.h"
 #include "BroadcastWriter.h"
 #include "InfoSegments.h"
@@ -11,6 +13,7 @@ using shared_memory::BroadcastCounts;
 using shared_memory::RegistryEntry;
 using shared_memory::SegmentRegistry;
 using shared_memory::SegmentSlot;
+using std::chrono::milliseconds;
 using VDIFrameworkCommon::kInfoSegmentSize;
 using VDIFrameworkCommon::LocalLock;
 
@@ -21,6 +24,22 @@ namespace {
 constexpr auto kLongestHoldUp = std::chrono::seconds(2);
 constexpr auto kLookEvery = std::chrono::milliseconds(10);
 constexpr auto kMutexWait = std::chrono::milliseconds(100);
+// The reader wakes those who wait for their turn. One that does not is found by polling, but many
+// who poll often would keep the mutex from the reader.
+constexpr milliseconds kFirstPause{2};
+constexpr milliseconds kLongestPause{64};
+
+// Counts a thread that sends.
+class Sender {
+public:
+    explicit Sender(std::atomic<int>& count) : m_count(count) { ++m_count; }
+    ~Sender() { --m_count; }
+    Sender(const Sender&) = delete;
+    Sender& operator=(const Sender&) = delete;
+
+private:
+    std::atomic<int>& m_count;
+};
 
 }  // namespace
 
@@ -62,7 +81,7 @@ bool RequestSlot::step(const std::string& text, long& placed) {
 bool RequestSlot::mayPlace(Clock::time_point now) {
     if (now - m_lastLook >= kLookEvery) {
         m_lastLook = now;
-        m_slot.forgetGone();
+        m_slot.forgetGone(SegmentRegistry::Role::Reader);
     }
     if (m_slot.header().lockWord2.load() > 0) return true;
     if (const long id = m_slot.header().newMessageId.load(); id != m_heldUpId) {
@@ -99,13 +118,17 @@ bool RequestSlot::isTaken(long id) {
     return isTaken;
 }
 
-void RequestSlot::pause() {
-    if (m_slot.isMapped()) m_slot.pause(SegmentSlot::Signal::Taken, 2);
+void RequestSlot::pause(milliseconds longest) {
+    const auto limit = static_cast<unsigned int>(longest.count());
+    if (m_slot.isMapped()) m_slot.pause(SegmentSlot::Signal::Taken, limit);
 }
 
-bool RequestWriter::sendStep(const std::string& text, long& placed) {
+bool RequestWriter::sendStep(const std::string& text, long& placed, milliseconds& pause) {
     LocalLock lock(m_mutex);
-    return m_slot.step(text, placed);
+    const long before = placed;
+    const bool isTaken = m_slot.step(text, placed);
+    if (placed != before) pause = kFirstPause;
+    return isTaken;
 }
 
 bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {
@@ -113,11 +136,17 @@ bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {
         LocalLock lock(m_mutex);
         if (m_cancelled || !m_slot.open(m_name)) return false;
     }
+    const Sender sender(m_senders);
     long placed = 0;
     bool taken = false;
-    while (!m_cancelled && !(taken = sendStep(text, placed)) && Clock::now() < deadline) {
+    auto pause = kFirstPause;
+    while (!m_cancelled && !(taken = sendStep(text, placed, pause)) && Clock::now() < deadline) {
         LocalLock lock(m_mutex);
-        m_slot.pause();
+        // The wake-up that one thread waits for may come while another one pauses.
+        const auto longest = m_senders > 1 ? kFirstPause : pause;
+        const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
+        m_slot.pause(std::clamp(left, milliseconds(0), longest));
+        pause = std::min(2 * pause, kLongestPause);
     }
     NORVO_LOG(Trace, taken ? "request taken: " : "request not taken: ", text);
     return taken;

@@ -32,8 +32,8 @@ public:
     // for 2 s although one lives: none ever will. So `text` is placed again when it was overwritten
     // before it was taken, or when a new agent has not seen it.
     bool step(const std::string& text, long& placed);
-    // Waits up to 2 ms for a reader to take something.
-    void pause();
+    // Waits for a reader to take something.
+    void pause(std::chrono::milliseconds longest);
 
     shared_memory::SegmentRegistry::Role role() const override {
         return shared_memory::SegmentRegistry::Role::Writer;
@@ -70,11 +70,12 @@ public:
     void cancel() { m_cancelled = true; }
 
 private:
-    bool sendStep(const std::string& text, long& placed);
+    bool sendStep(const std::string& text, long& placed, std::chrono::milliseconds& pause);
 
     const std::string m_name;
     std::atomic<bool> m_cancelled{false};
-    // Held for one look at the slot, or a pause of 2 ms.
+    std::atomic<int> m_senders{0};
+    // Held for one look at the slot, or a pause.
     VDIFrameworkCommon::LocalMutex m_mutex;
     RequestSlot m_slot NORVO_GUARDED_BY(m_mutex);
 };

@@ -13,7 +13,9 @@ namespace {
 constexpr unsigned int kReaderIsGoneAfterMs = 2000;
 constexpr unsigned int kReaderInsideIsGoneAfterMs = 500;
 constexpr unsigned int kReadersSettleMs = 100;
+// Looks take at most a tenth of the time: readers need the mutex, too.
 constexpr unsigned int kLookEveryMs = 10;
+constexpr unsigned int kLookShare = 10;
 // A reader that opens, leaves or takes a message wakes the writer; a third-party reader that does
 // not is found by polling, less and less often.
 constexpr unsigned int kFirstPauseMs = 1;
@@ -132,6 +134,7 @@ bool BroadcastWriter::publish(const void* data, unsigned int length, unsigned in
 
 void BroadcastWriter::beginWait(unsigned int now) {
     m_lastLook = now;
+    m_lookEveryMs = kLookEveryMs;
     m_pauseMs = kFirstPauseMs;
 }
 
@@ -141,10 +144,13 @@ void BroadcastWriter::waitForReaders(unsigned int now) {
     const bool isNobodyThere =
         BroadcastCounts(m_slot.header()).ready() == 0 && m_readersAtLastWrite == 0;
     m_pauseMs = std::min(2 * m_pauseMs, isNobodyThere ? kLongestPauseForNobodyMs : kLongestPauseMs);
-    if (now - m_lastLook < kLookEveryMs) return;
+    if (now - m_lastLook < m_lookEveryMs) return;
     m_lastLook = now;
     const SegmentSlot::Section section(m_slot);
+    const auto begun = Clock::now();
     if (section) m_slot.forgetGone();
+    const auto took = std::chrono::ceil<std::chrono::milliseconds>(Clock::now() - begun);
+    m_lookEveryMs = std::max(kLookEveryMs, kLookShare * static_cast<unsigned int>(took.count()));
 }
 
 }  // namespace shared_memory

@@ -49,6 +49,7 @@ private:
     bool m_isFirst = true;
     // When the registry was last checked, or the wait began.
     unsigned int m_lastLook = 0;
+    unsigned int m_lookEveryMs = 0;
     unsigned int m_pauseMs = 0;
     // Since when a reader inside a read has held up a late write.
     bool m_isHeldUp = false;

@@ -63,10 +63,11 @@ public:
     // Bytes of the data area as passed to open(): the limit of a writer's chunk.
     unsigned int capacity() const { return m_capacity; }
     SegmentRegistry& registry() { return m_registry; }
-    // Removes the ends of processes that are gone from the registry; with the mutex held. True if
-    // there were any.
-    bool forgetGone() {
-        return m_registry.removeGone([this](const RegistryEntry& gone) { m_end->forget(gone); });
+    // Removes the ends of processes that are gone (of that role, if it is given) from the registry;
+    // with the mutex held. True if there were any.
+    bool forgetGone(std::optional<SegmentRegistry::Role> role = std::nullopt) {
+        return m_registry.removeGone([this](const RegistryEntry& gone) { m_end->forget(gone); },
+                                     role);
     }
 
     enum class Soundness { Sound, Renewed, Lost };
