@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Conversions.h"
+#include "InfoSegments.h"
 #include "MessageBuilder.h"
 
 namespace NorvoStreamClient {
@@ -17,10 +18,9 @@ namespace {
 constexpr auto kStreamRequestPause = 3s;
 constexpr auto kProcessIdPause = 500ms;
 constexpr auto kDoubtPause = 100ms;
-// A roll call (RequestNotifyStream) is answered with one message per running stream: poll soon,
-// then less and less often.
-constexpr auto kFirstRollCallPause = 20ms;
-constexpr auto kLongestRollCallPause = 1s;
+// Whether streams are up is polled soon, then less and less often.
+constexpr auto kFirstPollPause = 5ms;
+constexpr auto kLongestPollPause = 1s;
 constexpr auto kSignOfLifePause = 2s;
 // A living agent takes a request within about 20 ms, unless its process is starved or suspended.
 constexpr auto kPatience = 2s;
@@ -92,6 +92,12 @@ Status AgentView::waitUntilUp(const std::string& name, Clock::time_point deadlin
     }
 }
 
+void AgentView::forgetDirections(const std::string& name, const std::string& opposite) {
+    LocalLock lock(m_mutex);
+    m_heardOf.erase(name);
+    m_heardOf.erase(opposite);
+}
+
 bool AgentView::isConnected() const {
     LocalLock lock(m_mutex);
     return static_cast<bool>(connectionStanding());
@@ -144,7 +150,7 @@ AgentView::Heard AgentView::hear(const Notification& notification, Clock::time_p
         heard.isNews = known != m_state.processId() || heard.connectionChange || m_expectsProcessId;
         m_expectsProcessId = false;
     } else if (notification.name == "StreamUp") {
-        hearStreamUp(notification, now);
+        hearStreamUp(notification);
     }
     m_changed.notify_all();
     return heard;
@@ -161,10 +167,8 @@ std::optional<bool> AgentView::hearProcessId(const Notification& notification,
     return follow(change, before);
 }
 
-void AgentView::hearStreamUp(const Notification& notification, Clock::time_point now) {
+void AgentView::hearStreamUp(const Notification& notification) {
     if (notification.fields.size() < 2) return;
-    // All clients receive the answers, whichever of them polled.
-    m_nextRollCall = std::max(m_nextRollCall, now + m_rollCallPause);
     const bool reads = notification.fields[1] == "READ";
     if (m_heardOf.size() < kMostHeardOf)
         m_heardOf[notification.fields[0]] = reads ? Direction::Read : Direction::Write;
@@ -197,17 +201,22 @@ void AgentView::askForAllAgain() {
         entry.otherDirection = false;
         entry.nextRequest = {};
     }
-    callTheRollSoon();
 }
 
-void AgentView::callTheRollSoon() {
-    m_nextRollCall = {};
-    m_rollCallPause = kFirstRollCallPause;
-}
-
-bool AgentView::wantsRollCall() const {
+bool AgentView::wantsPoll() const {
     return m_state.isConnected() && std::any_of(m_streams.begin(), m_streams.end(),
                                                 [](const auto& entry) { return !entry.second.up; });
+}
+
+// An agent of an earlier version answers for all its streams.
+std::string AgentView::pollText() const {
+    MessageBuilder text;
+    text.append("RequestNotifyStream");
+    for (const auto& [name, entry] : m_streams) {
+        if (!entry.up) text.append(name);
+    }
+    std::string whole = text.msg();
+    return whole.size() <= VDIFrameworkCommon::kInfoSegmentSize ? whole : "RequestNotifyStream";
 }
 
 std::chrono::milliseconds AgentView::patience() const {
@@ -220,6 +229,16 @@ void AgentView::noticeStandstill(Clock::time_point now) {
     m_lastLook = now;
 }
 
+// For a stream that is to be requested by then.
+std::optional<AgentView::Due> AgentView::streamRequest(Clock::time_point by,
+                                                       Clock::time_point now) const {
+    for (const auto& stream : m_streams) {
+        if (!stream.second.up && stream.second.nextRequest <= by)
+            return Due{requestText(stream), stream.first, patience(), now};
+    }
+    return std::nullopt;
+}
+
 std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
     LocalLock lock(m_mutex);
     noticeStandstill(now);
@@ -228,15 +247,13 @@ std::optional<AgentView::Due> AgentView::due(Clock::time_point now) {
         return Due{"RequestVCProcessId", {}, patience(), now};
     }
     if (!m_state.isThere()) return std::nullopt;
-    for (const auto& stream : m_streams) {
-        if (stream.second.up || stream.second.nextRequest > now) continue;
-        return Due{requestText(stream), stream.first, patience(), now};
+    if (auto first = streamRequest({}, now)) return first;
+    if (wantsPoll() && m_nextPoll <= now) {
+        m_nextPoll = now + m_pollPause;
+        m_pollPause = std::min<Clock::duration>(m_pollPause * 2, kLongestPollPause);
+        return Due{pollText(), {}, patience(), now};
     }
-    if (wantsRollCall() && m_nextRollCall <= now) {
-        m_nextRollCall = now + m_rollCallPause;
-        m_rollCallPause = std::min<Clock::duration>(m_rollCallPause * 2, kLongestRollCallPause);
-        return Due{"RequestNotifyStream", {}, patience(), now};
-    }
+    if (auto repeated = streamRequest(now, now)) return repeated;
     // While disconnected it also requests the state: the notification of a change may have been
     // lost.
     if (m_nextSignOfLife <= now)
@@ -253,8 +270,12 @@ std::optional<bool> AgentView::finished(const Due& request, bool taken, Clock::t
     const auto found = m_streams.find(request.stream);
     // The stream may have been closed and reopened with other parameters meanwhile.
     if (found != m_streams.end() && requestText(*found) == request.text) {
-        found->second.nextRequest = now + kStreamRequestPause;
-        callTheRollSoon();
+        auto& next = found->second.nextRequest;
+        if (next == Clock::time_point{}) {
+            m_pollPause = kFirstPollPause;
+            m_nextPoll = now + m_pollPause;
+        }
+        next = now + kStreamRequestPause;
     }
     return std::nullopt;
 }
@@ -280,7 +301,7 @@ Clock::time_point AgentView::nextDue() const {
     for (const auto& [name, entry] : m_streams) {
         if (!entry.up) next = std::min(next, entry.nextRequest);
     }
-    return wantsRollCall() ? std::min(next, m_nextRollCall) : next;
+    return wantsPoll() ? std::min(next, m_nextPoll) : next;
 }
 
 bool AgentView::waitForDue(Clock::time_point latest) const {

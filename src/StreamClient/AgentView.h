@@ -60,6 +60,8 @@ public:
     // only `opposite` was reported, the reverse of its direction. Waits until either is reported.
     std::optional<Direction> waitForDirection(const std::string& name, const std::string& opposite,
                                               Clock::time_point deadline) const;
+    // Before the agent is asked: what it reported earlier may no longer hold.
+    void forgetDirections(const std::string& name, const std::string& opposite);
     unsigned int agentProcessId() const { return agent().processId; }
 
     Heard hear(const Notification& notification, Clock::time_point now);
@@ -96,13 +98,14 @@ private:
     Status connectionStanding() const NORVO_REQUIRES(m_mutex);
     std::optional<bool> hearProcessId(const Notification& notification, Clock::time_point now)
         NORVO_REQUIRES(m_mutex);
-    void hearStreamUp(const Notification& notification, Clock::time_point now)
-        NORVO_REQUIRES(m_mutex);
+    void hearStreamUp(const Notification& notification) NORVO_REQUIRES(m_mutex);
     std::optional<bool> losesAgent(Clock::time_point now) NORVO_REQUIRES(m_mutex);
     void askForAllAgain() NORVO_REQUIRES(m_mutex);
-    void callTheRollSoon() NORVO_REQUIRES(m_mutex);
     void noticeStandstill(Clock::time_point now) NORVO_REQUIRES(m_mutex);
-    bool wantsRollCall() const NORVO_REQUIRES(m_mutex);
+    bool wantsPoll() const NORVO_REQUIRES(m_mutex);
+    std::string pollText() const NORVO_REQUIRES(m_mutex);
+    std::optional<Due> streamRequest(Clock::time_point by, Clock::time_point now) const
+        NORVO_REQUIRES(m_mutex);
     bool wantsProcessId() const NORVO_REQUIRES(m_mutex) {
         return !m_state.isThere() || m_state.processId() == 0 || m_state.isDoubted();
     }
@@ -120,8 +123,8 @@ private:
     Clock::time_point m_nextProcessId NORVO_GUARDED_BY(m_mutex){};
     Clock::time_point m_lastHeard NORVO_GUARDED_BY(m_mutex){};
     Clock::time_point m_nextSignOfLife NORVO_GUARDED_BY(m_mutex){};
-    Clock::time_point m_nextRollCall NORVO_GUARDED_BY(m_mutex){};
-    Clock::duration m_rollCallPause NORVO_GUARDED_BY(m_mutex){};
+    Clock::time_point m_nextPoll NORVO_GUARDED_BY(m_mutex){};
+    Clock::duration m_pollPause NORVO_GUARDED_BY(m_mutex){};
     Clock::time_point m_lastLook NORVO_GUARDED_BY(m_mutex){};
 };
 

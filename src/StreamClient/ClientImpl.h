@@ -38,6 +38,7 @@ public:
     Status nextNotification(Notification& notification, Clock::time_point deadline);
     Status status() const;
     const AgentView& view() const { return *m_view; }
+    AgentView& view() { return *m_view; }
     Status close();
     bool isForkedChild() const { return m_process.isForkedChild(); }
 

@@ -18,9 +18,9 @@ constexpr auto kReadWait = 100ms;
 constexpr auto kWriteWait = 500ms;
 constexpr auto kLongestSleep = 500ms;
 constexpr auto kLastWords = 500ms;
-// How long the agent has to report its streams. Once the agents are connected it requests the peer
-// agent's streams, one every 5 ms.
-constexpr auto kRollCall = 100ms;
+// How long the agent has to report the streams of a pair. Once the agents are connected it requests
+// the peer agent's streams, one every 5 ms.
+constexpr auto kAnswer = 100ms;
 // Of the 65536 bytes allowed: with the agents' fields they fill 44 RDP and TCP packets, and a few
 // more bytes would need another packet.
 constexpr std::size_t kLargestFrame = 64800;
@@ -281,9 +281,10 @@ Status Connection::Impl::whoseUse(bool inbound, int attempt) {
 }
 
 std::optional<bool> Connection::Impl::lookUpPair() {
-    if (!m_client->request("RequestNotifyStream", {}, Clock::now() + 2s)) return std::nullopt;
-    const auto found =
-        m_client->view().waitForDirection(m_name, backOf(m_name), Clock::now() + kRollCall);
+    const std::vector<std::string> pair = {m_name, backOf(m_name)};
+    m_client->view().forgetDirections(pair[0], pair[1]);
+    if (!m_client->request("RequestNotifyStream", pair, Clock::now() + 2s)) return std::nullopt;
+    const auto found = m_client->view().waitForDirection(pair[0], pair[1], Clock::now() + kAnswer);
     if (!found) return std::nullopt;
     return *found == Direction::Read;
 }

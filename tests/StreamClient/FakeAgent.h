@@ -53,7 +53,7 @@ public:
         lock.unlock();
         if (message == "RequestVCProcessId")
             notify({"VCProcessId", std::to_string(m_processId), m_connected ? "1" : "0"});
-        if (message != "RequestNotifyStream") return;
+        if (!message.starts_with("RequestNotifyStream")) return;
         for (const auto& [stream, type] : up) notify({"StreamUp", stream, type});
     }
 

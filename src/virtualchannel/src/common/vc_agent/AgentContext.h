@@ -60,9 +60,6 @@ public:
     // The handshake is done. Written by ConnectionState only.
     std::atomic<bool> connected{false};
 
-    // How many streams have been started so far.
-    std::atomic<std::uint64_t> streamsBegun{0};
-
     // ---- The peer
 
     // The observed channel; null when there is none.
@@ -83,7 +80,7 @@ public:
     virtual void notifyInfoS(std::string message) NORVO_TAKES_STREAMS = 0;
     virtual void notifyInvalidStreams() NORVO_TAKES_STREAMS = 0;
     // Tells them the stream's name and direction.
-    virtual void notifyStream(const Agent::Stream& stream) NORVO_TAKES_STREAMS = 0;
+    virtual void notifyStream(Agent::Stream& stream) NORVO_TAKES_STREAMS = 0;
 
     // ---- Streams
 

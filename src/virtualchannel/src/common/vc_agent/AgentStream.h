@@ -74,6 +74,10 @@ public:
     // The peer's end has the same direction as this one, so nothing can be transferred.
     std::atomic<bool> conflictsWithPeer{false};
 
+    // The position among all notifications of the last one of this stream that still holds.
+    static constexpr std::uint64_t kNotAnnounced = ~std::uint64_t{0};
+    std::atomic<std::uint64_t> announcedAt{kNotAnnounced};
+
     // When the peer was last asked to create its end, in wall-clock milliseconds.
     std::atomic<std::uint64_t> lastCreateRequestMs{0};
 

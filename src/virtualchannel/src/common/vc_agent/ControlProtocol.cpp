@@ -216,6 +216,7 @@ void ControlProtocol::noteDirection(Agent::Stream& stream, StreamType peers) {
     if (stream.name() == m_context.infoOutputName) return;
     const bool conflicts = utils::IsStreamTypeValid(peers) && stream.type() == peers;
     if (stream.conflictsWithPeer.exchange(conflicts) == conflicts) return;
+    stream.announcedAt = Agent::Stream::kNotAnnounced;
     if (m_context.connected && stream.isRunning()) m_context.notifyStream(stream);
 }
 

@@ -34,7 +34,9 @@ void InfoNotifier::notifyInfoS(std::string message) {
 }
 
 void InfoNotifier::notifyEvent(const char* operation) {
-    m_rollCallAt = kNone;  // a process told of a lost connection forgets the streams
+    // A process told of a lost connection forgets the streams.
+    if (const StreamPtr info = m_context.findStream(m_context.infoOutputName))
+        m_eventAt = info->queued();
     notifyInfoS(MessageBuilder().append(operation).msg());
 }
 
@@ -82,29 +84,27 @@ void InfoNotifier::notifyInvalidStreams() {
     notifyInfoS(MessageBuilder().append("InvalidStreams").append(invalid).msg());
 }
 
-bool InfoNotifier::rollCallWaits(const Agent::Stream& info) const {
-    return info.passed() <= m_rollCallAt && m_rollCallAt != kNone &&
-           m_rollCallOf == m_context.streamsBegun;
+bool InfoNotifier::waitsToBeHeard(const Agent::Stream& stream, const Agent::Stream& info) const {
+    const std::uint64_t at = stream.announcedAt;
+    return at >= m_eventAt && at < info.queued() && info.passed() <= at;
 }
 
-void InfoNotifier::notifyRunningStreams() {
+void InfoNotifier::notifyRunningStreams(std::span<const std::string> names) {
     if (!m_context.connected) {
         AGENT_LOG(m_context, Info, "agent disconnected:");
         return;
     }
-    const StreamPtr info = infoStream();
-    if (!info || rollCallWaits(*info)) return;
-    m_rollCallOf = m_context.streamsBegun.load();
-    const std::uint64_t at = info->queued();
-    for (const auto& stream : m_context.streams()) {
-        if (stream->isRunning()) notifyStream(*stream);
+    std::vector<StreamPtr> asked;
+    for (const std::string& name : names) asked.push_back(m_context.findStream(name));
+    for (const auto& stream : names.empty() ? m_context.streams() : asked) {
+        if (stream && stream->isRunning()) notifyStream(*stream);
     }
-    m_rollCallAt = at;
 }
 
-void InfoNotifier::notifyStream(const Agent::Stream& stream) {
+void InfoNotifier::notifyStream(Agent::Stream& stream) {
     const StreamPtr info = infoStream();
-    if (!info) return;
+    if (!info || waitsToBeHeard(stream, *info)) return;
+    stream.announcedAt = info->queued();
     // When both ends have the same direction, only the opposite one is of use to a process.
     const StreamType use =
         stream.conflictsWithPeer ? stream.type() : utils::GetMirroredSType(stream.type());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <span>
 #include <string>
 
 #include "AgentContext.h"
@@ -29,29 +30,28 @@ public:
     void notifyChannelVersion() NORVO_TAKES_STREAMS;
     // The names of our streams that the peer does not serve, if any; only while connected.
     void notifyInvalidStreams() NORVO_TAKES_STREAMS;
-    // One message per running stream, with its type as a local process sees it; only while
-    // connected. Requests that arrive before any of the answer has been delivered share that
-    // answer.
-    void notifyRunningStreams() NORVO_TAKES_STREAMS;
+    // Notifies of each running stream of these names, or of all when there are none; only while
+    // connected.
+    void notifyRunningStreams(std::span<const std::string> names) NORVO_TAKES_STREAMS;
 
     void notifyIsSeamlessMode() NORVO_TAKES_STREAMS;
     void notifyIsMultiSession() NORVO_TAKES_STREAMS;
     void notifyGetWindowHandle(void* serverWindow) NORVO_TAKES_STREAMS;
-    // "StreamUp" for one stream.
-    void notifyStream(const Agent::Stream& stream) NORVO_TAKES_STREAMS;
+    // "StreamUp" for one stream, with its type as a local process sees it; unless the last one for
+    // it is still to be delivered.
+    void notifyStream(Agent::Stream& stream) NORVO_TAKES_STREAMS;
 
 private:
     StreamPtr infoStream() const NORVO_TAKES_STREAMS;
-    bool rollCallWaits(const Agent::Stream& info) const NORVO_TAKES_LEAF;
+    bool waitsToBeHeard(const Agent::Stream& stream,
+                        const Agent::Stream& info) const NORVO_TAKES_LEAF;
 
     AgentContext& m_context;
     const PeerCapabilities& m_peer;
 
     KLT::kltlogger::LogRepeats m_streamsUp;
-    static constexpr std::uint64_t kNone = ~std::uint64_t{0};
-    // The position of the last roll call among all notifications.
-    std::atomic<std::uint64_t> m_rollCallAt{kNone};
-    std::atomic<std::uint64_t> m_rollCallOf{0};  // streamsBegun at that time
+    // The position of the last event among all notifications.
+    std::atomic<std::uint64_t> m_eventAt{0};
 };
 
 }  // namespace VirtualChannelAgent

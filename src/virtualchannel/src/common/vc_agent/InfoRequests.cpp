@@ -40,8 +40,7 @@ const InfoRequests::Operation* InfoRequests::find(const Fields& fields) {
              self.m_notifier.notifyCurrentProcessId(self.m_context.connected);
          }},
         {"FlushLog", 0, [](Self& self, const Fields&) { self.m_connection.sendFlushLogs(); }},
-        {"RequestNotifyStream", 0,
-         [](Self& self, const Fields&) { self.m_notifier.notifyRunningStreams(); }},
+        {"RequestNotifyStream", 0, [](Self& self, const Fields& f) { self.notifyStreams(f); }},
         {"RequestInvalidStreams", 0,
          [](Self& self, const Fields&) { self.m_notifier.notifyInvalidStreams(); }},
         {"RequestPeerVersion", 0,
@@ -81,6 +80,12 @@ void InfoRequests::openStream(const Fields& fields) {
     m_streams.OpenStream(fields[1], toUnsignedInt(fields[2]), Requester::LocalProcess);
 }
 
+void InfoRequests::notifyStreams(const Fields& fields) {
+    Fields names(fields.begin() + 1, fields.end());
+    std::erase(names, "");
+    m_notifier.notifyRunningStreams(names);
+}
+
 void InfoRequests::setClientInfo(const Fields& fields) {
     m_clientInfo()->setInfo(toUnsignedInt(fields[1]), toUnsignedInt(fields[2]));
 }
@@ -103,8 +108,8 @@ void InfoRequests::setLogPath(const Fields& fields) {
 
 // Processes that wait for a change poll with these two requests.
 void InfoRequests::printMessage(const std::string& caption, const std::string& message) {
-    if (message == "RequestNotifyStream") {
-        AGENT_LOG_REPEATED(m_context, m_rollCalls, Info, caption, message);
+    if (message == "RequestNotifyStream" || message.starts_with("RequestNotifyStream|")) {
+        AGENT_LOG_REPEATED(m_context, m_rollCalls, Info, caption, shown(message));
     } else if (message == "RequestVCProcessId") {
         AGENT_LOG_REPEATED(m_context, m_processIds, Info, caption, message);
     } else {

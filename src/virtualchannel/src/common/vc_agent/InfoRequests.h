@@ -37,6 +37,7 @@ private:
 
     void createStream(const Fields& fields);
     void openStream(const Fields& fields);
+    void notifyStreams(const Fields& fields) NORVO_TAKES_STREAMS;
     void setClientInfo(const Fields& fields);
     void setLogPath(const Fields& fields);
     void getWindowHandle(const Fields& fields);

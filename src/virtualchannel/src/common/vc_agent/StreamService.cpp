@@ -88,7 +88,7 @@ void StreamService::noteRequest(Agent::Stream& stream, Requester requester) {
     if (m_context.environment->isSegmentInUseElsewhere(stream.name())) stream.use.seenOpen();
 }
 
-void StreamService::tellDirection(const Agent::Stream& stream, StreamType wanted) {
+void StreamService::tellDirection(Agent::Stream& stream, StreamType wanted) {
     if (stream.type() == wanted) return;
     AGENT_LOG(m_context, Warning, "Stream is in use in the other direction: ", stream.name(),
               ", a local process can only ",
@@ -150,9 +150,7 @@ void StreamService::StartStreamProcessor(const StreamPtr& stream, bool checkPeer
                   "Agent is terminating. Won't start processing: ", stream->name());
         return;
     }
-    if (stream->start()) {
-        m_context.streamsBegun++;
-    } else if (stream->isRunning()) {
+    if (!stream->start() && stream->isRunning()) {
         AGENT_LOG(m_context, Info, "Stream '", stream->name(), "' is already being processed. ");
     }
     if (checkPeerSupport && !m_context.peerSupports(stream->name())) {

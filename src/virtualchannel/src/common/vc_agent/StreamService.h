@@ -61,7 +61,7 @@ private:
     StreamPtr findOrMake(const std::string& name, StreamType type, unsigned int size,
                          Requester requester) NORVO_TAKES_CREATION;
     // Tells a local process that wants the other direction which one it can have.
-    void tellDirection(const Agent::Stream& stream, StreamType wanted) NORVO_TAKES_STREAMS;
+    void tellDirection(Agent::Stream& stream, StreamType wanted) NORVO_TAKES_STREAMS;
     StreamPtr make(const StreamDetails& wanted, Requester requester)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void noteRequest(Agent::Stream& stream, Requester requester);

@@ -56,7 +56,7 @@ struct Agent::Parts final : AgentContext {
     }
     void notifyInfoS(std::string message) override { m_notifier.notifyInfoS(std::move(message)); }
     void notifyInvalidStreams() override { m_notifier.notifyInvalidStreams(); }
-    void notifyStream(const Stream& stream) override { m_notifier.notifyStream(stream); }
+    void notifyStream(Stream& stream) override { m_notifier.notifyStream(stream); }
     StreamPtr findStream(std::string_view name) const override { return m_streams.find(name); }
     std::vector<StreamPtr> streams() const override { return m_streams.snapshot(); }
     StreamPtr makeStream(const StreamDetails& stream,
