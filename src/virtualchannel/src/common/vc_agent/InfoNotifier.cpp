@@ -94,9 +94,10 @@ void InfoNotifier::notifyRunningStreams(std::span<const std::string> names) {
         AGENT_LOG(m_context, Info, "agent disconnected:");
         return;
     }
-    std::vector<StreamPtr> asked;
-    for (const std::string& name : names) asked.push_back(m_context.findStream(name));
-    for (const auto& stream : names.empty() ? m_context.streams() : asked) {
+    std::vector<StreamPtr> streams;
+    if (names.empty()) streams = m_context.streams();
+    for (const std::string& name : names) streams.push_back(m_context.findStream(name));
+    for (const auto& stream : streams) {
         if (stream && stream->isRunning()) notifyStream(*stream);
     }
 }
