@@ -4,13 +4,14 @@
 #
 #     tools/dev/transfer-runs.sh rate 20 1024 [KIND]    20 files of 1 GiB; beside each the same with --raw
 #     tools/dev/transfer-runs.sh cut 100 64 [KIND]      100 of 64 MiB, the channel cut at a random moment
+#     tools/dev/transfer-runs.sh pairs 50 1 [KIND]      50 of 1 MiB at once, each through its own streams
 #     tools/dev/transfer-runs.sh kill 50 64 [KIND]      50, with --resume, a host or tool killed at one
 #
 # Prints a line for each and exits with 1 if any file did not arrive intact. FOLDER (by default a
 # temporary one) holds the files: in memory, it shows the rate without the disk. SEED changes the
 # moments, VCCTL the tool (default build-release/tools/vcctl); RAW=0 omits --raw.
 set -u
-mode=${1:?rate, cut or kill}; count=${2:-1}; size=${3:-64}; kind=${4:-tcp}
+mode=${1:?rate, cut, pairs or kill}; count=${2:-1}; size=${3:-64}; kind=${4:-tcp}
 vcctl=$(realpath "${VCCTL:-$(dirname "$0")/../../build-release/tools/vcctl}")
 folder=${FOLDER:-$(mktemp -d)}; near=nvx${$}a; far=nvx${$}b; RANDOM=${SEED:-1}
 pids=()
@@ -18,7 +19,7 @@ pids=()
 finish() {
     for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null; done
     wait 2>/dev/null
-    rm -f /dev/shm/$near.* /dev/shm/$far.* "$folder"/{original,copy,copy.part,raw,near,far}
+    rm -f /dev/shm/$near.* /dev/shm/$far.* "$folder"/{original,copy,copy.part,raw,near,far} "$folder"/copy.*
     [ -n "${FOLDER:-}" ] || rm -rf "$folder"
 }
 trap finish EXIT
@@ -66,6 +67,21 @@ raw_time() {
     echo $took
 }
 
+# All transfers at once: how long until the last has ended, and how many arrived.
+run_pairs() {
+    local begun i bad=0 ends=(); begun=$(now)
+    for i in $(seq "$count"); do
+        in_session $far "$vcctl" recv "Pair$i" "$folder/copy.$i" 2>/dev/null & ends+=("$!")
+        in_session $near "$vcctl" send "Pair$i" "$folder/original" 2>/dev/null & ends+=("$!")
+    done
+    pids+=("${ends[@]}")
+    wait "${ends[@]}"
+    local took=$(($(now) - begun))
+    for i in $(seq "$count"); do cmp -s "$folder/original" "$folder/copy.$i" || bad=$((bad + 1)); done
+    echo "$((count - bad)) of $count arrived in $((took / 1000000)) ms"
+    [ $bad = 0 ]
+}
+
 resume=(); [ "$mode" = kill ] && resume=(--resume --wait 15)
 address=127.0.0.1:0
 start_near
@@ -74,6 +90,10 @@ for _ in $(seq 50); do
 done
 start_far
 head -c "${size}M" /dev/urandom >"$folder/original"
+if [ "$mode" = pairs ]; then
+    run_pairs
+    exit
+fi
 usual=1000; bad=0
 for i in $(seq "$count"); do
     rm -f "$folder/copy" "$folder/copy.part"
