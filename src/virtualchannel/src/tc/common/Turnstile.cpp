@@ -1,14 +1,12 @@
 #include "Turnstile.h"
 
 #include <algorithm>
-#include <new>
 #include <utility>
 
-#include "Contained.h"
+#include "Log.h"
 
 namespace NorvoVirtualChannel::tc {
 
-using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::LocalLock;
 
 namespace {
@@ -30,12 +28,15 @@ void Turnstile::close() {
 }
 
 void Turnstile::setAvailable(bool available, WorkerThread* worker) {
-    LocalLock lock(m_mutex);
-    m_available = available;
-    for (const bool lowPriority : {false, true}) {
-        if (worker) fill(lowPriority, *worker);
+    {
+        LocalLock lock(m_mutex);
+        m_available = available;
+        for (const bool lowPriority : {false, true}) {
+            if (worker) fill(lowPriority, *worker);
+        }
+        noteWaiting();
     }
-    noteWaiting();
+    if (worker) worker->signal();
 }
 
 void Turnstile::reset(WorkerThread* worker) {
@@ -62,6 +63,10 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
         if (!sender.isShort) noteWaiting();
         fill(lowPriority, worker);
         noteWaiting();
+        // A woken worker may run at once on this processor: it must not have to wait for the lock.
+        lock.unlock();
+        worker.signal();
+        lock.lock();
         while (sender.waits && goesOn()) sender.changed.wait(m_mutex);
         if (sender.waits) leave(sender, lowPriority);
         if (sender.left() > 0) return sender.outcome(sender.ifNotBegun);
@@ -162,7 +167,8 @@ void Turnstile::take(Lane& lane, Senders& senders, std::size_t count, WorkerThre
     const bool lowPriority = &lane == &m_lanes[1];
     const std::span<WorkItem> slice = std::span(sender.stage).subspan(sender.next, count);
     sender.begun = true;
-    if (!contained("Queueing packets", [&] { worker.AddWork(slice, lowPriority); })) {
+    if (!worker.queue(slice, lowPriority)) {
+        NORVO_LOG(Error, "No memory to queue packets");
         remove(senders, senders.begin());
         return;
     }

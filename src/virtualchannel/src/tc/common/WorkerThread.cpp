@@ -61,16 +61,16 @@ void WorkerThread::AddWork(WorkItem item, bool lowPriority) {
 }
 
 void WorkerThread::AddWork(std::span<WorkItem> items, bool lowPriority) {
-    NORVO_LOG(Trace, "WorkerThread::AddWork()");
-    Queue& queue = queueOf(lowPriority);
-    bool isComplete = false;
-    {
-        LocalLock lock(queue.mutex);
-        isComplete = push(queue, items);
-        queue.size = queue.items.size();
-    }
-    traceAndWake();
+    const bool isComplete = queue(items, lowPriority);
+    signal();
     if (!isComplete) throw std::bad_alloc();
+}
+
+bool WorkerThread::queue(std::span<WorkItem> items, bool lowPriority) {
+    NORVO_LOG(Trace, "WorkerThread::AddWork()");
+    const bool isComplete = append(lowPriority, items);
+    NORVO_LOG(Trace, "Size of work queue after adding an item: ", highPriorityQueueSize());
+    return isComplete;
 }
 
 // False when there was no memory for all of them.
@@ -88,8 +88,7 @@ bool WorkerThread::push(Queue& queue, std::span<WorkItem> items) {
     return true;
 }
 
-void WorkerThread::traceAndWake() {
-    NORVO_LOG(Trace, "Size of work queue after adding an item: ", highPriorityQueueSize());
+void WorkerThread::signal() {
     NORVO_LOG(Trace, "Signal mutex at AddWork()...");
     if (m_parked) wake();
     NORVO_LOG(Trace, "Unlock mutex at AddWork()...");
@@ -102,17 +101,21 @@ void WorkerThread::wake() {
     m_workCondition.notify_all();
 }
 
-void WorkerThread::append(bool lowPriority, WorkItem item) {
+bool WorkerThread::append(bool lowPriority, std::span<WorkItem> items) {
     Queue& queue = queueOf(lowPriority);
     LocalLock lock(queue.mutex);
-    const bool isComplete = push(queue, std::span(&item, 1));
+    const bool isComplete = push(queue, items);
     queue.size = queue.items.size();
-    if (!isComplete) throw std::bad_alloc();
+    return isComplete;
 }
 
-void WorkerThread::addLowPriorityWork(WorkItem item) { append(true, std::move(item)); }
+void WorkerThread::addLowPriorityWork(WorkItem item) {
+    if (!append(true, std::span(&item, 1))) throw std::bad_alloc();
+}
 
-void WorkerThread::addHighPriorityWork(WorkItem item) { append(false, std::move(item)); }
+void WorkerThread::addHighPriorityWork(WorkItem item) {
+    if (!append(false, std::span(&item, 1))) throw std::bad_alloc();
+}
 
 WorkItem WorkerThread::pop(Queue& queue, const char* label) {
     LocalLock lock(queue.mutex);

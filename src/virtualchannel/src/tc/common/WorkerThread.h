@@ -67,6 +67,11 @@ public:
     // Queues all items in order and contiguously, with one wake-up, and leaves them empty. On
     // std::bad_alloc the items that could not be queued are still there.
     void AddWork(std::span<WorkItem> items, bool lowPriority);
+    // The same without the wake-up; false instead of std::bad_alloc. signal() must follow, once the
+    // caller has released what the thread will want: it may run at once, in place of the caller.
+    [[nodiscard]] bool queue(std::span<WorkItem> items, bool lowPriority);
+    // Wakes the thread if it waits for work.
+    void signal();
 
     // Like AddWork(), without the wake-up.
     void addLowPriorityWork(WorkItem item);
@@ -113,11 +118,10 @@ private:
 
     void run();
     Queue& queueOf(bool lowPriority) { return lowPriority ? m_lowPriority : m_highPriority; }
-    void append(bool lowPriority, WorkItem item);
+    bool append(bool lowPriority, std::span<WorkItem> items);
     bool push(Queue& queue, std::span<WorkItem> items) NORVO_REQUIRES(queue.mutex);
     WorkItem pop(Queue& queue, const char* label);
     void clear(Queue& queue);
-    void traceAndWake();
     void wake();
     void waitForWork();
     bool spinForWork(std::chrono::steady_clock::time_point start) const;
