@@ -22,7 +22,7 @@ _vcctl() {
     fi
     case $before in
         --kind) mapfile -t COMPREPLY < <(compgen -W "citrix vmware rdp tcp" -- "$word") ;;
-        send | recv) mapfile -t COMPREPLY < <(compgen -W "$streams" -- "$word") ;;
+        send | recv | RequestNotifyStream) mapfile -t COMPREPLY < <(compgen -W "$streams" -- "$word") ;;
         ask)
             mapfile -t COMPREPLY < <(compgen -W "CreateStream OpenStream SetHVDClientInfo RequestVCProcessId FlushLog
                 RequestNotifyStream RequestInvalidStreams RequestPeerVersion SetLogPath RequestEnviromentType

@@ -27,6 +27,9 @@ namespace {
 
 using NorvoStreamClient::Notification;
 
+// In place of a form's last field: any number of names.
+constexpr char kNames[] = "[NAME...]";
+
 // Request, its fields, the notification that answers it (empty: none), and what its absence means,
 // which may itself be an answer (empty: the agent does not answer).
 struct RequestForm {
@@ -46,7 +49,10 @@ const std::vector<RequestForm>& requestForms() {
         {"SetHVDClientInfo", {"NUMBER", "NUMBER"}},
         {"RequestVCProcessId", {}, "VCProcessId"},
         {"FlushLog", {}},
-        {"RequestNotifyStream", {}, "StreamUp", "no stream runs, or the agents are not connected"},
+        {"RequestNotifyStream",
+         {kNames},
+         "StreamUp",
+         "no such stream runs, or the agents are not connected"},
         {"RequestInvalidStreams", {}, "InvalidStreams", "there are none"},
         {"RequestPeerVersion",
          {},
@@ -99,11 +105,15 @@ const RequestForm& formOf(const std::string& request, std::vector<std::string>& 
     if (form == forms.end()) {
         throw CommandError("'" + request + "' is not a request. " + allUsages(), kUsage);
     }
-    if (form->fields.size() != fields.size()) {
+    std::vector<std::string> kinds(form->fields.begin(), form->fields.end());
+    if (!kinds.empty() && kinds.back() == kNames) {
+        kinds.pop_back();
+        kinds.resize(std::max(kinds.size(), fields.size()), "NAME");
+    }
+    if (kinds.size() != fields.size()) {
         throw CommandError("the request is: " + usageOf(*form), kUsage);
     }
-    for (std::size_t i = 0; i < fields.size(); ++i)
-        fields[i] = checkedField(form->fields[i], fields[i]);
+    for (std::size_t i = 0; i < fields.size(); ++i) fields[i] = checkedField(kinds[i], fields[i]);
     return *form;
 }
 
@@ -161,6 +171,17 @@ struct AskOptions {
     bool json = false;
 };
 
+// Answers go to everyone: this one may be to another program that named other streams.
+bool isAnswer(const Notification& notification, const AskOptions& options,
+              const RequestForm& form) {
+    const auto& names = options.fields;
+    const bool namesStreams = form.answer == std::string("StreamUp") && !names.empty();
+    return notification.name == form.answer &&
+           (!namesStreams ||
+            (!notification.fields.empty() &&
+             std::find(names.begin(), names.end(), notification.fields[0]) != names.end()));
+}
+
 // Prints the answer; for streams, all answers until none has come for a while.
 int printAnswers(SessionClient& session, const AskOptions& options, const RequestForm& form) {
     using Clock = std::chrono::steady_clock;
@@ -172,7 +193,7 @@ int printAnswers(SessionClient& session, const AskOptions& options, const Reques
         Notification notification;
         if (StopSignal::requested()) return kInterrupted;
         if (!session.client().nextNotification(notification, std::chrono::milliseconds(20)) ||
-            notification.name != form.answer) {
+            !isAnswer(notification, options, form)) {
             continue;
         }
         show(notification, options.json);
