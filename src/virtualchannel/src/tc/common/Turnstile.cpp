@@ -1,6 +1,7 @@
 #include "Turnstile.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 #include "Log.h"
@@ -13,23 +14,36 @@ namespace {
 constexpr unsigned int kShortPerSlice = 3;
 }
 
+// ---- The lock
+
+Turnstile::Section::Section(Turnstile& turnstile) : m_turnstile(turnstile) {
+    turnstile.m_mutex.lock();
+}
+
+Turnstile::Section::~Section() {
+    std::uint64_t removed = std::exchange(m_turnstile.m_removed, 0);
+    m_turnstile.m_mutex.unlock();
+    for (; removed != 0; removed &= removed - 1)
+        m_turnstile.m_conditions[static_cast<std::size_t>(std::countr_zero(removed))].notify_all();
+}
+
 // ---- States
 
 void Turnstile::open() {
-    LocalLock lock(m_mutex);
+    const Section section(*this);
     m_open = true;
     noteWaiting();
 }
 
 void Turnstile::close() {
-    LocalLock lock(m_mutex);
+    const Section section(*this);
     m_open = false;
     sendAllAway(StreamSend::NotSent);
 }
 
 void Turnstile::setAvailable(bool available, WorkerThread* worker) {
     {
-        LocalLock lock(m_mutex);
+        const Section section(*this);
         m_available = available;
         for (const bool lowPriority : {false, true}) {
             if (worker) fill(lowPriority, *worker);
@@ -40,7 +54,7 @@ void Turnstile::setAvailable(bool available, WorkerThread* worker) {
 }
 
 void Turnstile::reset(WorkerThread* worker) {
-    LocalLock lock(m_mutex);
+    const Section section(*this);
     sendAllAway(StreamSend::Dropped);
     if (worker) worker->ResetQueue();
 }
@@ -49,38 +63,39 @@ void Turnstile::reset(WorkerThread* worker) {
 
 StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& worker,
                            const std::function<bool()>& goesOn) {
-    Sender sender(message.remaining() <= m_limits.slice);
+    Sender sender(message.remaining() <= m_limits.slice, m_nextCondition++ % kConditions);
     std::uint64_t epoch = 0;
     while (message.remaining() > 0) {
         sender.stage.clear();
         sender.next = 0;
         message.cut(m_limits.stage, sender.stage);
-        LocalLock lock(m_mutex);
-        if (!sender.begun) epoch = m_epoch;
-        if (!m_open || epoch != m_epoch) return sender.outcome(StreamSend::NotSent);
-        enter(sender, lowPriority);
-        // A worker faster than this thread waits for the next slice.
-        if (!sender.isShort) noteWaiting();
-        fill(lowPriority, worker);
-        noteWaiting();
+        {
+            const Section section(*this);
+            if (!sender.begun) epoch = m_epoch;
+            if (!m_open || epoch != m_epoch) return sender.outcome(StreamSend::NotSent);
+            enter(sender, lowPriority);
+            // A worker faster than this thread waits for the next slice.
+            if (!sender.isShort) noteWaiting();
+            fill(lowPriority, worker);
+            noteWaiting();
+        }
         // A woken worker may run at once on this processor: it must not have to wait for the lock.
-        lock.unlock();
         worker.signal();
-        lock.lock();
-        while (sender.waits && goesOn()) sender.changed.wait(m_mutex);
-        if (sender.waits) leave(sender, lowPriority);
+        waitForTurn(sender, lowPriority, goesOn);
         if (sender.left() > 0) return sender.outcome(sender.ifNotBegun);
     }
     return StreamSend::Sent;
 }
 
+void Turnstile::waitForTurn(Sender& sender, bool lowPriority, const std::function<bool()>& goesOn) {
+    const LocalLock lock(m_mutex);
+    while (sender.waits && goesOn()) m_conditions[sender.condition].wait(m_mutex);
+    if (sender.waits) leave(sender, lowPriority);
+}
+
 void Turnstile::wakeSenders() {
-    LocalLock lock(m_mutex);
-    for (const Lane& lane : m_lanes) {
-        for (const Senders* senders : {&lane.shortOnes, &lane.longOnes}) {
-            for (Sender* const sender : *senders) sender->changed.notify_all();
-        }
-    }
+    { LocalLock lock(m_mutex); }
+    for (auto& condition : m_conditions) condition.notify_all();
 }
 
 std::size_t Turnstile::waiting() const {
@@ -110,7 +125,7 @@ void Turnstile::remove(Senders& senders, Senders::iterator place) {
     Sender& sender = **place;
     sender.place.splice(sender.place.end(), senders, place);
     sender.waits = false;
-    sender.changed.notify_all();
+    m_removed |= std::uint64_t{1} << sender.condition;
 }
 
 void Turnstile::sendAllAway(StreamSend ifNotBegun) {
@@ -133,7 +148,7 @@ void Turnstile::refill(WorkerThread& worker) {
     for (const bool lowPriority : {false, true}) {
         if (!m_lanes[lowPriority].waits.load(std::memory_order_relaxed)) continue;
         if (worker.backlog(lowPriority) > m_limits.lowWater) continue;
-        LocalLock lock(m_mutex);
+        const Section section(*this);
         fill(lowPriority, worker);
         noteWaiting();
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -72,7 +73,7 @@ private:
     // A message in the turnstile, on its sending thread's stack. Guarded by m_mutex, except that
     // `stage` and `next` belong to the thread while the sender does not wait.
     struct Sender {
-        explicit Sender(bool isShortOne) : isShort(isShortOne) {}
+        Sender(bool isShortOne, std::size_t waitsOn) : isShort(isShortOne), condition(waitsOn) {}
         std::size_t left() const { return stage.size() - next; }
         StreamSend outcome(StreamSend notBegun) const {
             return begun ? StreamSend::Dropped : notBegun;
@@ -84,8 +85,8 @@ private:
         bool begun = false;    // part of the message has been queued
         bool waits = false;    // in a lane
         StreamSend ifNotBegun = StreamSend::NotSent;
-        VDIFrameworkCommon::LocalCondition changed;
-        Senders place{this};  // its list node while in no lane, so entering allocates nothing
+        std::size_t condition;  // which to wait on
+        Senders place{this};    // its list node while in no lane, so entering allocates nothing
     };
 
     struct Lane {
@@ -100,7 +101,23 @@ private:
         std::atomic<bool> waits{false};
     };
 
+    // Holds the lock. Senders removed meanwhile are notified after it is released: they may run at
+    // once and want it.
+    class NORVO_SCOPED_CAPABILITY Section {
+    public:
+        explicit Section(Turnstile& turnstile) NORVO_ACQUIRE(turnstile.m_mutex);
+        ~Section() NORVO_RELEASE();
+        Section(const Section&) = delete;
+        Section& operator=(const Section&) = delete;
+
+    private:
+        Turnstile& m_turnstile;
+    };
+    static constexpr std::size_t kConditions = 64;
+
     void enter(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
+    void waitForTurn(Sender& sender, bool lowPriority, const std::function<bool()>& goesOn)
+        NORVO_EXCLUDES(m_mutex);
     void leave(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
     void remove(Senders& senders, Senders::iterator place) NORVO_REQUIRES(m_mutex);
     void sendAllAway(StreamSend ifNotBegun) NORVO_REQUIRES(m_mutex);
@@ -116,6 +133,10 @@ private:
     bool m_open NORVO_GUARDED_BY(m_mutex) = false;
     bool m_available NORVO_GUARDED_BY(m_mutex) = false;
     std::uint64_t m_epoch NORVO_GUARDED_BY(m_mutex) = 0;  // counts resets
+    // Shared by the senders, as one that is to be notified may be gone by then.
+    std::array<VDIFrameworkCommon::LocalCondition, kConditions> m_conditions;
+    std::uint64_t m_removed NORVO_GUARDED_BY(m_mutex) = 0;  // a bit per condition to notify
+    std::atomic<std::size_t> m_nextCondition{0};
     Lane m_lanes[2];  // index: low priority; under m_mutex except `waits`
 };
 
