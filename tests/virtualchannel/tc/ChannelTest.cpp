@@ -129,6 +129,18 @@ TEST_P(ChannelTest, AStreamWaitsForTheHostAndTheEndOfItsConnectionDropsWhatWaits
     m_channel.onAgentStateChange(false);
 }
 
+// As replies to a flood of the far side would.
+TEST_P(ChannelTest, WhatWaitsForTheHostIsBounded) {
+    open();
+    LogCapture log;
+    sendAndHoldUp("first");
+    for (int i = 0; i < 5000; ++i) EXPECT_EQ(send(m_channel, "reply"), 0);
+    m_host.goOn();
+    EXPECT_TRUE(m_channel.WaitUntilSent(std::chrono::seconds(20)));
+    EXPECT_EQ(m_host.packets().size(), 1U + 4096U);
+    EXPECT_TRUE(log.contains("The host takes packets too slowly, a message is dropped."));
+}
+
 TEST_P(ChannelTest, AnAgentEndsWhileItsStreamsWaitForTheHost) {
     openWithAgent();
     receiveAll(wireOf(control(CTL_CONNECTED)));

@@ -190,6 +190,7 @@ void shutdownInsideAQuestion(std::uint32_t kind) {
     });
     EXPECT_TRUE(channelOf(kind).IsSeamlessMode());
     EXPECT_TRUE(log.contains("Shutdown() from inside a callback is ignored."));
+    EXPECT_TRUE(log.contains("InitialiseChannel() inside a callback is ignored."));
     Shutdown();
 }
 

@@ -134,6 +134,18 @@ TEST(LanguageAbstractionTest, RunsAThreadOfTheHostInEachPlaceWhichCannotWaitForI
     EXPECT_TRUE(testsupport::eventually([] { return ran == 5; }));
     PluginThreadDestroy();
     EXPECT_TRUE(log.contains("a thread cannot wait for its own end"));
+    static std::atomic<bool> mayEnd;
+    PluginThreadCreate([] {
+        testsupport::eventually([] { return mayEnd.load(); });
+        ++ran;
+    });
+    std::vector<std::future<void>> waiting;
+    for (int i = 0; i < 2; ++i) waiting.push_back(std::async(PluginThreadDestroy));
+    EXPECT_EQ(waiting[1].wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    EXPECT_EQ(waiting[0].wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+    mayEnd = true;
+    for (auto& one : waiting) one.get();
+    EXPECT_EQ(ran, 6);
     WatchdogThreadCreate(nullptr);
     EXPECT_TRUE(log.contains("no function to run on the new thread"));
 }

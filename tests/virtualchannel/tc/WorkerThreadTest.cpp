@@ -6,6 +6,8 @@
 using namespace std::chrono_literals;
 using namespace testsupport;
 using NorvoVirtualChannel::tc::WorkerThread;
+using NorvoVirtualChannel::tc::WorkItem;
+using NorvoVirtualChannel::tc::WorkSource;
 
 namespace {
 
@@ -91,6 +93,34 @@ TEST(WorkerThreadTest, WakesForEverySingleItem) {
     for (int i = 1; i <= rounds(5000); ++i) {
         worker.AddWork(note(journal, "item"), i % 2 == 0);
         ASSERT_TRUE(journal.waitFor(static_cast<std::size_t>(i)));
+    }
+}
+
+// A sender that finds the queue full shows that it waits when the worker may have parked already.
+TEST(WorkerThreadTest, WakesForWhatItsSourceHasWhileItsQueuesAreEmpty) {
+    Journal journal;
+    class Source : public WorkSource {
+    public:
+        explicit Source(Journal& journal) : m_journal(journal) {}
+        void give() { m_hasMore = true; }
+        void refill(WorkerThread& worker) override {
+            WorkItem item = note(m_journal, "item");
+            if (!m_hasMore.exchange(false)) return;
+            EXPECT_TRUE(worker.queue(std::span(&item, 1), false));
+        }
+        bool hasMore() const override { return m_hasMore; }
+
+    private:
+        Journal& m_journal;
+        std::atomic<bool> m_hasMore{false};
+    } source(journal);
+    WorkerThread worker({}, &source);
+    worker.Start();
+    for (std::size_t i = 1; i <= 200; ++i) {
+        EXPECT_TRUE(i % 2 == 0 || worker.WaitUntilIdle(20s));
+        source.give();
+        worker.signal();
+        ASSERT_TRUE(journal.waitFor(i));
     }
 }
 

@@ -18,13 +18,14 @@ HostCallbacks& HostCallbacks::GetInstance() {
     return *only;
 }
 
-void HostCallbacks::setAppendBuffer(AppendBufferFunc append, void* context) {
+const HostCallbacks::Append* HostCallbacks::setAppendBuffer(AppendBufferFunc append,
+                                                            void* context) {
     LocalLock lock(m_mutex);
     const auto known = std::find_if(m_appends.begin(), m_appends.end(), [&](const Append& one) {
         return one.function == append && one.context == context;
     });
-    m_append =
-        known != m_appends.end() ? &*known : &m_appends.emplace_back(Append{append, context});
+    return m_append.exchange(
+        known != m_appends.end() ? &*known : &m_appends.emplace_back(Append{append, context}));
 }
 
 std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, bool flag) {

@@ -19,8 +19,14 @@ public:
     HostCallbacks(const HostCallbacks&) = delete;
     HostCallbacks& operator=(const HostCallbacks&) = delete;
 
-    // Null removes the callback. A call of the old one may still be running on return.
-    void setAppendBuffer(AppendBufferFunc append, void* context);
+    struct Append {
+        AppendBufferFunc function;
+        void* context;
+    };
+    // Null removes the callback. A call of the old one may still be running on return. Returns the
+    // old one (null: none), for restoreAppendBuffer().
+    const Append* setAppendBuffer(AppendBufferFunc append, void* context);
+    void restoreAppendBuffer(const Append* append) { m_append = append; }
     void setActive(bool active) { m_active = active; }
     // Passes the bytes to the host's callback if the gate is open; else drops them with a log line.
     // Returns 0.
@@ -41,11 +47,6 @@ public:
     static bool askedByThisThread();
 
 private:
-    struct Append {
-        AppendBufferFunc function;
-        void* context;
-    };
-
     // Read for every packet, so without a lock. Earlier ones are kept: a thread may be about to
     // call them.
     std::atomic<const Append*> m_append{nullptr};

@@ -23,16 +23,21 @@ void HostThread::create(void (*entry)()) {
 }
 
 void HostThread::destroy() {
-    std::thread thread;
-    {
-        LocalLock lock(m_mutex);
-        if (m_thread.get_id() == std::this_thread::get_id()) {
-            logMessage(host_level::kWarning, "a thread cannot wait for its own end");
-            return;
-        }
-        thread.swap(m_thread);
+    const std::thread::id caller = std::this_thread::get_id();
+    LocalLock lock(m_mutex);
+    if (m_thread.get_id() == caller || m_joining == caller) {
+        logMessage(host_level::kWarning, "a thread cannot wait for its own end");
+        return;
     }
-    if (thread.joinable()) thread.join();
+    while (m_joining != std::thread::id()) m_joined.wait(m_mutex);
+    if (!m_thread.joinable()) return;
+    m_joining = m_thread.get_id();
+    std::thread thread = std::move(m_thread);
+    lock.unlock();
+    thread.join();
+    lock.lock();
+    m_joining = std::thread::id();
+    m_joined.notify_all();
 }
 
 }  // namespace NorvoVirtualChannel::tc

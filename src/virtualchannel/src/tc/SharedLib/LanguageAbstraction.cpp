@@ -69,6 +69,21 @@ void containedButForThreads(const char* what, const Call& call) {
 
 HostCallbacks& host() { return HostCallbacks::GetInstance(); }
 
+// A channel that cannot be made does not replace a running one. One that has been made may send at
+// once, so it must find its callback.
+void setUp(AppendBufferFunc append, std::uint32_t kind, void* context) {
+    TransportChannel* const channel = channelOf(kind);
+    const auto* const earlierAppend = host().setAppendBuffer(append, context);
+    const std::uint32_t earlierKind = g_kind.exchange(kind);
+    try {
+        if (channel) channel->OnChannelInitialize();
+    } catch (...) {
+        g_kind = earlierKind;
+        host().restoreAppendBuffer(earlierAppend);
+        throw;
+    }
+}
+
 // Never destroyed: destroying a thread that the host left running would terminate the process.
 HostThread& pluginThread() {
     static HostThread* const only = new HostThread;
@@ -90,10 +105,11 @@ void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
         VDIClientInfo::getInstance().setClientType(VDIFrameworkCommon::VDIClientType::Crews);
         logMessage(host_level::kEvent, "InitialiseChannel()");
         logMessage(host_level::kEvent, VDIClientInfo::getInstance().getClientName().c_str());
-        // First: a channel that cannot be made must not replace a running one.
-        if (TransportChannel* const channel = channelOf(kind)) channel->OnChannelInitialize();
-        host().setAppendBuffer(append, context);
-        g_kind = kind;
+        if (HostCallbacks::askedByThisThread()) {
+            logMessage(host_level::kWarning, "InitialiseChannel() inside a callback is ignored.");
+            return;
+        }
+        setUp(append, kind, context);
     });
 }
 

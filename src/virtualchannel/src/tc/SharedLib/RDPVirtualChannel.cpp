@@ -34,10 +34,9 @@ int RDPVirtualChannel::OnChannelInitialize() {
     return TransportChannel::OnChannelInitialize();
 }
 
-int RDPVirtualChannel::SendData(const void* data, unsigned int length, bool lowPriority) {
+void RDPVirtualChannel::traceSending(unsigned int length, bool lowPriority) {
     CHANNEL_LOG(Trace, m_profile.name, "::SendData(),lowPriority = ", lowPriority,
                 ", size = ", length);
-    return TransportChannel::SendData(data, length, lowPriority);
 }
 
 void RDPVirtualChannel::shutdownSteps() {

@@ -15,9 +15,9 @@ public:
     ~RDPVirtualChannel() override;
 
     int OnChannelInitialize() override;
-    int SendData(const void* data, unsigned int length, bool lowPriority) override;
 
 private:
+    void traceSending(unsigned int length, bool lowPriority) override;
     void beforeAvailabilityChange(bool /*available*/) override {}
     void shutdownSteps() override NORVO_REQUIRES(m_lifeMutex);
 };

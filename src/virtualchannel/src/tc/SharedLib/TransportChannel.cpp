@@ -25,6 +25,9 @@ namespace {
 constexpr auto kWorkerEndLimit = 2s;
 constexpr auto kObserverEndLimit = 5s;
 constexpr bool kVerbose = true;
+// Packets that may wait for the host. Stream data keeps far below it. The far side can cause
+// replies faster than a host takes them.
+constexpr std::size_t kMostWaiting = 4096;
 }  // namespace
 
 // An outgoing message, cut into work items that pass its packets to the host.
@@ -113,6 +116,7 @@ void TransportChannel::deleteAgent() {
     if (!m_agent) return;
     if (m_observer.clearAndWait(kObserverEndLimit)) {
         m_agent.reset();
+        m_packetizer.freeIncompleteMessages();
     } else {
         CHANNEL_LOG(Error, "The agent does not come back from a call, and is left behind.");
         static_cast<void>(m_agent.release());
@@ -136,14 +140,22 @@ void TransportChannel::endTraffic() {
 
 // ---- Sending
 
-int TransportChannel::SendData(const void* data, unsigned int length, bool lowPriority) {
+void TransportChannel::traceSending(unsigned int /*length*/, bool /*lowPriority*/) {
     CHANNEL_LOG(Trace, m_profile.name, "::SendData()");
+}
+
+int TransportChannel::SendData(const void* data, unsigned int length, bool lowPriority) {
+    traceSending(length, lowPriority);
     if (!isOpen()) {
         CHANNEL_LOG(Trace, "Channel is not active, will not receive data.");
         return 0;
     }
     const auto worker = this->worker();
     if (!worker) return 0;
+    if (worker->backlog(lowPriority) >= kMostWaiting) {
+        NORVO_LOG_SUMMED_UP(Warning, "The host takes packets too slowly, a message is dropped.");
+        return 0;
+    }
     CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message", [&] {
         std::vector<WorkItem> packets;
@@ -156,7 +168,7 @@ int TransportChannel::SendData(const void* data, unsigned int length, bool lowPr
 
 StreamSend TransportChannel::SendStreamData(const SplitBytes& message, bool lowPriority,
                                             const std::function<bool()>& goesOn) {
-    CHANNEL_LOG(Trace, m_profile.name, "::SendStreamData()");
+    traceSending(static_cast<unsigned int>(message.size()), lowPriority);
     const auto worker = this->worker();
     if (!worker) return StreamSend::NotSent;
     StreamSend result = StreamSend::Dropped;

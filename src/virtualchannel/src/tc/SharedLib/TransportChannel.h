@@ -90,6 +90,7 @@ protected:
 
     virtual bool isOpen() { return true; }                  // packets pass, in both directions
     virtual void beforeAvailabilityChange(bool available);  // called within the observer call
+    virtual void traceSending(unsigned int length, bool lowPriority);
     virtual void shutdownSteps() NORVO_REQUIRES(m_lifeMutex) = 0;
 
     // ---- Steps for use in overrides

@@ -4,7 +4,7 @@
 
 namespace NorvoVirtualChannel::tc {
 
-// Kind 2. Still carries packets after Shutdown(), until the host calls it inactive.
+// Kind 2. Still takes packets after Shutdown(), and sends them while the host calls it active.
 class VMWareVirtualChannel final : public GatedChannel {
 public:
     // Made on the first call, from any thread, and never deleted.

@@ -79,7 +79,8 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
             fill(lowPriority, worker);
             noteWaiting();
         }
-        // A woken worker may run at once on this processor: it must not have to wait for the lock.
+        // The worker may have emptied its queue, found nobody waiting and parked meanwhile. It may
+        // run at once on this processor, and must not have to wait for the lock.
         worker.signal();
         waitForTurn(sender, lowPriority, goesOn);
         if (sender.left() > 0) return sender.outcome(sender.ifNotBegun);

@@ -65,6 +65,7 @@ public:
     std::size_t waiting() const;
 
     void refill(WorkerThread& worker) override;
+    bool hasMore() const override { return m_lanes[false].waits || m_lanes[true].waits; }
 
 private:
     struct Sender;

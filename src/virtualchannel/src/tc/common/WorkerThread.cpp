@@ -195,12 +195,16 @@ bool WorkerThread::spinForWork(Clock::time_point start) const {
     return false;
 }
 
+bool WorkerThread::mayPark() const {
+    return m_running && QueueSize() == 0 && !(m_source && m_source->hasMore());
+}
+
 void WorkerThread::park(Clock::time_point start) {
     {
         LocalLock lock(m_workMutex);
         m_parked = true;
         m_idleCondition.notify_all();
-        while (m_running && QueueSize() == 0) m_workCondition.wait(m_workMutex);
+        while (mayPark()) m_workCondition.wait(m_workMutex);
         m_parked = false;
     }
     const Clock::time_point end = Clock::now();

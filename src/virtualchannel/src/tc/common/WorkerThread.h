@@ -29,9 +29,12 @@ class WorkerThread;
 class WorkSource {
 public:
     virtual ~WorkSource() = default;
-    // Queues what is due with AddWork(). Called on the worker's thread before each item: must be
+    // Queues what is due with queue(). Called on the worker's thread before each item: must be
     // cheap when there is nothing to do.
     virtual void refill(WorkerThread& worker) = 0;
+    // Whether refill() would queue something if the worker's queues were empty. When it becomes
+    // true, signal() must follow. Called on the worker's thread, with a lock held.
+    virtual bool hasMore() const = 0;
 };
 
 // Runs work items on its own thread, within a priority in the order they were queued. While both
@@ -70,7 +73,7 @@ public:
     // The same without the wake-up; false instead of std::bad_alloc. signal() must follow, once the
     // caller has released what the thread will want: it may run at once, in place of the caller.
     [[nodiscard]] bool queue(std::span<WorkItem> items, bool lowPriority);
-    // Wakes the thread if it waits for work.
+    // Wakes the thread if it waits for work of a queue or the source.
     void signal();
 
     // Like AddWork(), without the wake-up.
@@ -128,6 +131,7 @@ private:
     void park(std::chrono::steady_clock::time_point start);
     void drain();
     bool hasWork();
+    bool mayPark() const;
     void pauseIfDue(int& countdown);
     void sleep(std::chrono::milliseconds time);
     void requestStop();
@@ -150,10 +154,10 @@ private:
     // By how much pauses have overrun that is not made up for yet; worker's thread only.
     std::chrono::steady_clock::duration m_overslept{0};
 
-    // A thread that fills a queue or changes m_running and then finds m_parked set locks and
-    // unlocks this mutex before it notifies. The worker sets m_parked before it checks the two a
-    // last time. So it cannot miss a change between its check and its wait. Taken before a queue's
-    // mutex, never after.
+    // A thread that fills a queue, gives the source more or changes m_running and then finds
+    // m_parked set locks and unlocks this mutex before it notifies. The worker sets m_parked before
+    // it checks the three a last time. So it cannot miss a change between its check and its wait.
+    // Taken before a queue's mutex, never after.
     VDIFrameworkCommon::LocalMutex m_workMutex;
     VDIFrameworkCommon::LocalCondition m_workCondition;
     VDIFrameworkCommon::LocalCondition m_stopCondition;
