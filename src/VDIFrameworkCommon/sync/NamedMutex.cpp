@@ -59,7 +59,12 @@ public:
             if (!(owner & kContended) && !replaceOwner(m_words, owner, owner | kContended)) {
                 continue;
             }
-            if (WaitClock::now() >= m_deadline) return false;
+            if (WaitClock::now() >= m_deadline) {
+                // A short limit ends before any close look.
+                if (m_lookClosely) return false;
+                m_lookClosely = true;
+                continue;
+            }
             sleep(released);
         }
     }
