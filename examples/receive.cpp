@@ -1,13 +1,13 @@
-// Prints the next message of the stream "Basic".
+// Prints the next message of the stream "Media".
 #include <NorvoStreamClient.h>
 
 #include <iostream>
 
 int main() {
     NorvoStreamClient::Client client;
-    const auto basic = client.openStream("Basic", NorvoStreamClient::Direction::Read);
+    const auto media = client.openStream("Media", NorvoStreamClient::Direction::Read);
     std::string message;
-    const auto done = basic->read(message, std::chrono::seconds(30));
+    const auto done = media->read(message, std::chrono::seconds(30));
     (done ? std::cout : std::cerr) << (done ? message : done.text()) << std::endl;
     return done ? 0 : 1;
 }

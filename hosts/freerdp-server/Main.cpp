@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "FarEnd.h"
+#include "StandardDescriptors.h"
 
 namespace {
 
@@ -239,6 +240,7 @@ int serve(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    support::occupyStandardDescriptors();
     try {
         return serve(argc, argv);
     } catch (const std::exception& error) {

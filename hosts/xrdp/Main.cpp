@@ -16,6 +16,7 @@
 #include "Agent.h"
 #include "DesktopSession.h"
 #include "Plugin.h"
+#include "StandardDescriptors.h"
 #include "XrdpApi.h"
 
 namespace {
@@ -143,6 +144,7 @@ int parseAndRun(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    support::occupyStandardDescriptors();
     try {
         return parseAndRun(argc, argv);
     } catch (const std::exception& error) {

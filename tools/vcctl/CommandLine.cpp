@@ -116,17 +116,19 @@ void addLibraryOption(Command& command, std::string& pluginPath) {
         .type("PATH");
 }
 
-void addWaitOption(Command& command, double& seconds, const char* help) {
+void addWaitOption(Command& command, double& seconds, const char* help, double least) {
     command.argument("--wait", seconds, help)
         .type("SECONDS")
-        .range(0.0, kLongestWait)
+        .range(least, kLongestWait)
         .showDefault();
 }
 
 void addStreamOptions(Command& command, std::string& stream, unsigned int& capacity,
                       std::uint64_t& count) {
     command.argument("stream", stream, "The stream, for example Media").required();
-    command.argument("--size", capacity, "Capacity of the stream's segment (units: K, M)")
+    command
+        .argument("--size", capacity,
+                  "Capacity of the stream's segment (units: K, M); without --raw at least 128")
         .bytes()
         .range(std::size_t{1}, std::size_t{64} << 20);
     command.argument("--count", count, "Stop after so many messages").type("N");

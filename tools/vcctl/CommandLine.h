@@ -65,7 +65,7 @@ std::string bytesOf(std::string text);
 // Options that several subcommands share.
 void addKindOption(Command& command, std::string& kind);
 void addLibraryOption(Command& command, std::string& pluginPath);
-void addWaitOption(Command& command, double& seconds, const char* help);
+void addWaitOption(Command& command, double& seconds, const char* help, double least = 0);
 // The stream's name (first argument), its segment's capacity, and the number of messages to pass.
 void addStreamOptions(Command& command, std::string& stream, unsigned int& capacity,
                       std::uint64_t& count);

@@ -115,7 +115,7 @@ bool Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, in
     m_plugin.ChannelActive(0);
     setLink(nullptr);
     say("left " + peer + ": " + link->closeReason());
-    return m_peerHasGreeted;
+    return m_peerHasGreeted && !link->isAlien();
 }
 
 void Host::waitForEnd(PacketLink& link, int listener) const {

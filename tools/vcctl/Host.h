@@ -38,7 +38,7 @@ public:
     // Connects the channel to the peer until one side ends it or the user stops. Further
     // connections to `listener` (if any) are turned away, unless the peer has not greeted as an
     // agent does: then it gives way. Pauses when the system lacks resources for another peer.
-    // Whether the peer has greeted.
+    // Whether the peer is a host of this kind: it has greeted, and sent nothing but packets.
     bool serve(support::Descriptor socket, const std::string& peer, int listener = -1);
     bool serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener = -1);
 

@@ -40,6 +40,7 @@ struct RequestForm {
     bool silenceIsAnswer = true;
 };
 
+constexpr double kShortestWait = 0.1;                             // seconds
 constexpr std::int64_t kLargestSegment = std::int64_t{64} << 20;  // an agent's limit
 
 const std::vector<RequestForm>& requestForms() {
@@ -254,7 +255,8 @@ void addAskCommand(CLI::App& app, int& exitCode) {
     Command command(app, "ask", "Sends one request to the agent and prints its answer");
     command.argument("request", options->request, "The request").required();
     command.argument("fields", options->fields, "Its fields");
-    addWaitOption(command, options->wait, "How long to wait for the agent and for the answer");
+    addWaitOption(command, options->wait, "How long to wait for the agent and for the answer",
+                  kShortestWait);
     command.flag("--json", options->json, "Print answers as JSON objects");
     command.footer(allUsages());
     command.run([=, &exitCode] { exitCode = runAsk(*options); });

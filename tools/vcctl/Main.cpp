@@ -2,9 +2,11 @@
 
 #include "CommandError.h"
 #include "CommandLine.h"
+#include "StandardDescriptors.h"
 #include "StopSignal.h"
 
 int main(int argc, char** argv) {
+    support::occupyStandardDescriptors();
     vcctl::StopSignal::install();
     try {
         return vcctl::runCommand(argc, argv);

@@ -44,6 +44,8 @@ public:
     // A descriptor that becomes readable when the link has ended.
     int closedDescriptor() const { return m_bytes->interrupted(); }
     std::string closeReason() const;
+    // Ended by what was no packet of this kind of host.
+    bool isAlien() const { return m_isAlien; }
 
 private:
     void readLoop(std::uint32_t maxPacket, const Receiver& receive);
@@ -57,6 +59,7 @@ private:
     mutable VDIFrameworkCommon::LocalMutex m_mutex;
     std::string m_reason NORVO_GUARDED_BY(m_mutex);
     std::atomic<bool> m_closed = false;
+    std::atomic<bool> m_isAlien = false;
 
     std::thread m_reader;
 };

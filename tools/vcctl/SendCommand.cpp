@@ -52,7 +52,10 @@ public:
           m_name(options.file == "-" ? "standard input" : options.file),
           m_owned(options.file == "-" ? -1 : open(options.file.c_str(), O_RDONLY | O_CLOEXEC)),
           m_fd(options.file == "-" ? STDIN_FILENO : m_owned.get()) {
-        if (m_fd < 0) throw systemError("cannot read " + m_name, errno);
+        struct stat status {};
+        if (m_fd < 0 || fstat(m_fd, &status) != 0)
+            throw systemError("cannot read " + m_name, errno);
+        if (S_ISDIR(status.st_mode)) throw systemError("cannot read " + m_name, EISDIR);
     }
 
     std::optional<std::uint64_t> size() const {
@@ -322,8 +325,8 @@ void addSendCommand(CLI::App& app, int& exitCode) {
                  "When the receiver is lost, wait for the next one and go on where it stopped");
     addWaitOption(
         command, options->wait,
-        "How long to wait for the host, the far side and the receiver, also when they are lost "
-        "on the way");
+        "How long to wait for the host, the far side and the receiver (0: without limit, with "
+        "--raw not at all), also when they are lost on the way (0: 60 s)");
     command.run([=, &exitCode] { exitCode = runSend(*options); });
 }
 

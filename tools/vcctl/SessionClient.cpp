@@ -101,6 +101,12 @@ std::shared_ptr<NorvoStreamClient::Connection> SessionClient::connection(
     // The pair may have been found in use by now; otherwise its user learns that later.
     if (reason == Reason::InUse || reason == Reason::InUseOtherDirection)
         throw CommandError(explain(opened.status(), name));
+    if (reason == Reason::InvalidArgument)
+        throw CommandError("cannot open a connection '" + name + "' of " +
+                               std::to_string(options.capacity) +
+                               " bytes: a name is 1 to 59 letters, digits, '-', '_' and '.', a "
+                               "capacity 128 bytes to 64 MiB (with --raw: 64 letters, 1 byte)",
+                           kUsage);
     if (!opened) throw whyNotOpened(name, options.capacity, opened.status());
     noteUnusualName(name);
     std::shared_ptr<NorvoStreamClient::Connection> connection = opened;

@@ -54,7 +54,8 @@ extern "C" {
  * the call only. `flag` is 1. `context` is what InitialiseChannel was given. The result is ignored.
  *
  * Called on a plug-in thread, one packet at a time and in order; further packets wait while it
- * runs. May call any exported function.
+ * runs. (The host's own AppendDataToBuffer calls it on their thread, with their flag.) May call any
+ * exported function.
  *
  * The call may block, and should while the connection takes no more data: that is how the plug-in
  * knows to take no more from local processes. A callback with an unbounded queue only moves the
