@@ -30,15 +30,18 @@ public:
     std::size_t push(Message message) {
         return push(std::move(message), [](const Message&) { return true; });
     }
-    // The same, but a message for which `mayGo` is false is dropped only when no other is left.
+    // The same, but a message for which `mayGo` is false is dropped only when no other is left, and
+    // with a lower limit in bytes.
     template <class MayGo>
-    std::size_t push(Message message, const MayGo& mayGo) {
+    std::size_t push(Message message, const MayGo& mayGo,
+                     std::size_t mostBytes = std::numeric_limits<std::size_t>::max()) {
         std::vector<Message> dropped;  // destroyed outside the lock
         bool wasEmpty;
         {
             LocalLock lock(m_mutex);
             const std::size_t bytes = bytesOf(message);
-            while (!m_messages.empty() && !hasRoomFor(bytes)) dropOne(mayGo, dropped);
+            const std::size_t most = std::min(mostBytes, m_limits.bytes);
+            while (!m_messages.empty() && !hasRoomFor(bytes, most)) dropOne(mayGo, dropped);
             wasEmpty = m_messages.empty();
             m_messages.push_back(std::move(message));
             m_bytes += bytes;
@@ -113,9 +116,8 @@ private:
             return 0;
         }
     }
-    bool hasRoomFor(std::size_t bytes) const NORVO_REQUIRES(m_mutex) {
-        return m_messages.size() < m_limits.messages && bytes <= m_limits.bytes &&
-               m_bytes <= m_limits.bytes - bytes;
+    bool hasRoomFor(std::size_t bytes, std::size_t most) const NORVO_REQUIRES(m_mutex) {
+        return m_messages.size() < m_limits.messages && bytes <= most && m_bytes <= most - bytes;
     }
     template <class MayGo>
     void dropOne(const MayGo& mayGo, std::vector<Message>& dropped) NORVO_REQUIRES(m_mutex) {

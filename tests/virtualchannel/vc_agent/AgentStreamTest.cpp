@@ -127,6 +127,14 @@ TEST_F(AgentStream, FullQueuesLoseTheirOldestMessages) {
         m_channel.deliver(routed("Large", message));
     }
     EXPECT_EQ(writtenOf("Large", 1).front().size(), moreThanHalf.size());
+
+    for (const std::string name : {"l1", "l2", "l3", "l4"}) {
+        m_side.request("CreateStream|" + name + "|500");
+        m_channel.deliver(routed(name, moreThanHalf));
+    }
+    EXPECT_EQ(m_log.count("Too much waits for local processes, a message of"), 1);
+    m_channel.deliver(routed("l4", "short"));
+    EXPECT_EQ(writtenOf("l4", 1).back().size(), 5U);
 }
 
 // 60 local processes start at once, and each requests all streams.
@@ -243,4 +251,13 @@ TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProces
     EXPECT_EQ(m_side.machine->peerSegments(), std::set<std::string>{});
     EXPECT_EQ(askFor(20, kMaxStreamSize), (Counts{kMaxPeerTotalSize / kMaxStreamSize,
                                                   kMaxTotalStreamSize / kMaxStreamSize - 1}));
+
+    // Without a connection, unused streams make room when that is needed. Of a local one nobody
+    // knows whether it is.
+    m_channel.deliver(control(CTL_DISCONNECT));
+    const std::string another = "CreateStream|another|" + std::to_string(kMaxStreamSize);
+    m_side.request(another);
+    m_side.machine->clock += 60'000;
+    m_side.request(another);
+    EXPECT_EQ(m_side.machine->openSegments(), own + 2);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -59,6 +60,8 @@ public:
     std::atomic<bool> stopping{false};
     // The handshake is done. Written by ConnectionState only.
     std::atomic<bool> connected{false};
+    // Of the messages that wait for local processes or are being written for them.
+    std::atomic<std::size_t> queuedBytes{0};
 
     // ---- The peer
 

@@ -19,6 +19,18 @@ bool isLowPriority(const std::string& streamName) {
            streamName.find("upgrade") != std::string::npos;
 }
 
+// Sets a flag for a scope.
+class Marked {
+public:
+    explicit Marked(std::atomic<bool>& flag) : m_flag(flag) { m_flag = true; }
+    ~Marked() { m_flag = false; }
+    Marked(const Marked&) = delete;
+    Marked& operator=(const Marked&) = delete;
+
+private:
+    std::atomic<bool>& m_flag;
+};
+
 // What a local process must not miss, however many notifications it gets.
 bool isConnectionChange(std::string_view notification) {
     return notification == "ChannelUp" || notification == "ChannelDown";
@@ -83,7 +95,14 @@ void Agent::Stream::enqueue(StreamMessage message) {
     const auto mayGo = [this](const StreamMessage& one) {
         return !m_isInfoOutput || !isConnectionChange(one.bytes());
     };
-    if (m_queue.push(std::move(message), mayGo) > 0) {
+    message.countIn(m_context.queuedBytes);
+    const bool isCrowded = m_context.queuedBytes > kMaxQueuedBytesInAll;
+    const std::size_t most = isCrowded ? kMaxQueuedBytesWhenCrowded : kMaxQueuedBytes;
+    if (isCrowded && message.size() > most) {
+        AGENT_LOG_REPEATED(m_context, m_dropped, Notice,
+                           "Too much waits for local processes, a message of ", message.size(),
+                           " bytes is dropped, stream name: ", m_name);
+    } else if (m_queue.push(std::move(message), mayGo, most) > 0) {
         AGENT_LOG_REPEATED(
             m_context, m_dropped, Notice,
             "Sending buffer full, removing the oldest message to make space for a new one, "
@@ -117,6 +136,7 @@ void Agent::Stream::onNewMessageReceived(std::string message,
                                          shared_memory::SharedMemoryI* /*source*/) {
     if (!m_running || m_context.stopping || message.empty()) return;
     use.note();
+    const Marked sending(m_isSending);
     m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority, m_running);
 }
 

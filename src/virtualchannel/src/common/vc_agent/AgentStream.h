@@ -68,8 +68,8 @@ public:
     // Determines how long the stream must be kept (StreamService.h).
     StreamUse use;
 
-    // Whether a message for the local process waits or is being written.
-    bool hasUndelivered() const NORVO_TAKES_LEAF { return !m_queue.isIdle(); }
+    // Whether a message waits, in either direction, or is being passed on.
+    bool hasUndelivered() const NORVO_TAKES_LEAF { return m_isSending || !m_queue.isIdle(); }
 
     // The peer's end has the same direction as this one, so nothing can be transferred.
     std::atomic<bool> conflictsWithPeer{false};
@@ -100,6 +100,7 @@ private:
     std::atomic<bool> m_isSegmentClosed{false};
     VDIFrameworkCommon::BoundedQueue<StreamMessage> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
     std::atomic<bool> m_running{false};
+    std::atomic<bool> m_isSending{false};
 
     KLT::kltlogger::LogRepeats m_dropped;
     KLT::kltlogger::LogRepeats m_undelivered;

@@ -40,7 +40,11 @@ void ChannelLink::sendRoutedData(const std::string& streamName, StreamType type,
     StreamSend result = StreamSend::NotSent;
     while (result == StreamSend::NotSent) {
         VirtualChannel* const target = waitForConnection(generation, goesOn);
-        if (!target) return;
+        if (!target) {
+            AGENT_LOG(m_context, Notice, "The stream ended before a message was sent: ", streamName,
+                      ", size: ", bytes.size());
+            return;
+        }
         result = target->SendStreamData(bytes, lowPriority, asBefore);
     }
     if (result == StreamSend::Dropped) {

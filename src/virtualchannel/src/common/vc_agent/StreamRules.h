@@ -26,6 +26,9 @@ inline constexpr std::uint64_t kMaxPeerTotalSize = 384U << 20;  // bytes
 // newest message of a stream is always kept.
 inline constexpr std::size_t kMaxQueuedMessages = 1001;
 inline constexpr std::size_t kMaxQueuedBytes = 256U << 20;  // of one stream
+// While more waits in all streams together, a stream keeps less, and no longer message.
+inline constexpr std::size_t kMaxQueuedBytesInAll = 512U << 20;
+inline constexpr std::size_t kMaxQueuedBytesWhenCrowded = 1U << 20;
 
 // A stream that no local process has open is freed when neither side has used it for this long.
 inline constexpr std::uint64_t kFreeAfterMs = 60'000;

@@ -101,9 +101,16 @@ bool StreamService::admits(const StreamDetails& wanted, Requester requester) {
     // With access to the request segment, the peer could make requests as a local process.
     const bool isInfo =
         wanted.name == m_context.infoInputName || wanted.name == m_context.infoOutputName;
-    const std::string_view refusal =
-        isInfo ? "it is an INFO stream"
-               : refusalOfStream(wanted.name, wanted.size, requester == Requester::FarSide, m_load);
+    const auto refusalWith = [&](const StreamLoad& load) -> std::string_view {
+        return isInfo ? "it is an INFO stream"
+                      : refusalOfStream(wanted.name, wanted.size, requester == Requester::FarSide,
+                                        load);
+    };
+    std::string_view refusal = refusalWith(m_load);
+    if (!refusal.empty() && refusalWith({}).empty()) {
+        freeUnusedOnes();
+        refusal = refusalWith(m_load);
+    }
     if (refusal.empty()) return true;
     AGENT_LOG_REPEATED(m_context, m_refused, Warning, "Stream refused, ", refusal, ": ",
                        shown(wanted.name), ", size ", wanted.size);
@@ -194,7 +201,10 @@ bool StreamService::isUnused(Agent::Stream& stream, std::uint64_t nowMs) {
 
 void StreamService::freeUnused() {
     OrderedLock lock(m_creationMutex, lock_order::creation);
-    if (m_context.stopping) return;
+    if (!m_context.stopping) freeUnusedOnes();
+}
+
+void StreamService::freeUnusedOnes() {
     const std::uint64_t now = m_context.environment->nowMs();
     std::vector<StreamPtr> unused;
     for (const auto& stream : m_streams.snapshot()) {

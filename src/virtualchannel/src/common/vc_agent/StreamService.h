@@ -16,7 +16,8 @@ namespace VirtualChannelAgent {
 // Makes and starts streams, passes them the peer's data, and frees unused ones: those that no local
 // process has open and neither side has used for a minute. A stream requested by a local process
 // whose use cannot be seen (it does not use this framework) is never freed. A stream made at the
-// peer's request is freed with its segment. Any thread.
+// peer's request is freed with its segment. Unused streams are looked for while the agents are
+// connected, and when another stream finds no room. Any thread.
 class StreamService {
 public:
     StreamService(AgentContext& context, StreamTable& streams)
@@ -65,7 +66,9 @@ private:
     StreamPtr make(const StreamDetails& wanted, Requester requester)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void noteRequest(Agent::Stream& stream, Requester requester);
-    bool admits(const StreamDetails& wanted, Requester requester) NORVO_REQUIRES(m_creationMutex);
+    void freeUnusedOnes() NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
+    bool admits(const StreamDetails& wanted, Requester requester)
+        NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     bool add(const StreamPtr& stream, Requester requester)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void announce(const StreamPtr& stream) NORVO_TAKES_LEAF;

@@ -114,9 +114,11 @@ void Agent::begin(VirtualChannel* channel) {
     AGENT_LOG(context, Notice, "Virtual Channel Agent created (PRINT_MESSAGES: ", "disabled",
               "), version: ", kChannelVersion);
     if (context.environment->hasOtherActiveAgent()) {
-        AGENT_LOG(context, Warning,
-                  "Another virtual channel agent is active, and this one idle until it has ended.",
-                  context.activeAgent());
+        AGENT_LOG(
+            context, Warning,
+            "Another virtual channel agent is active, and this one idle until it has ended and the "
+            "host reports the channel as available again.",
+            context.activeAgent());
     }
     SetVirtualChannel(channel);
     m_parts->m_service.beginInfoOutput(kInfoSegmentSize);
