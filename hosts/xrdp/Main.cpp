@@ -30,6 +30,7 @@ struct Options {
 };
 
 constexpr char kChannel[] = "NRVOCW";
+constexpr int kUsage = 2;  // exit status
 
 class CheckList {
 public:
@@ -60,6 +61,7 @@ int check(const Options& options) {
                     [&] { const hosts::Plugin plugin(options.library); });
     list.addAttempt("xrdp's library libxrdpapi.so.0", [] { const hosts::XrdpApi api; });
     std::ifstream globals(options.xrdpIni);
+    if (!globals) throw std::runtime_error("cannot read " + options.xrdpIni);
     list.add(hosts::allowsChannels(globals), "channels at all in " + options.xrdpIni,
              "set allow_channels=true below [Globals], and restart xrdp");
     std::ifstream channels(options.xrdpIni);
@@ -135,7 +137,11 @@ int parseAndRun(int argc, char** argv) {
                    "this machine");
     app.add_option("--xrdp-ini", options.xrdpIni, "xrdp's configuration, for --check");
     app.set_version_flag("--version", NORVO_VERSION);
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsage;
+    }
     if (!options.sessionNamespace.empty())
         setenv("NORVO_VDI_NAMESPACE", options.sessionNamespace.c_str(), 1);
     return options.check ? check(options) : run(options);

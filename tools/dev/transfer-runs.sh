@@ -11,7 +11,12 @@
 # temporary one) holds the files: in memory, it shows the rate without the disk. SEED changes the
 # moments, VCCTL the tool (default build-release/tools/vcctl); RAW=0 omits --raw.
 set -u
-mode=${1:?rate, cut, pairs or kill}; count=${2:-1}; size=${3:-64}; kind=${4:-tcp}
+case ${1:-} in
+    rate | cut | pairs | kill) ;;
+    -h | --help) sed -n '2,/^set /{/^#/s/^# \{0,1\}//p}' "$0"; exit ;;
+    *) echo "usage: $0 rate|cut|pairs|kill COUNT MIB [KIND], see --help" >&2; exit 2 ;;
+esac
+mode=$1; count=${2:-1}; size=${3:-64}; kind=${4:-tcp}
 vcctl=$(realpath "${VCCTL:-$(dirname "$0")/../../build-release/tools/vcctl}")
 folder=${FOLDER:-$(mktemp -d)}; near=nvx${$}a; far=nvx${$}b; RANDOM=${SEED:-1}
 pids=()
@@ -19,7 +24,7 @@ pids=()
 finish() {
     for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null; done
     wait 2>/dev/null
-    rm -f /dev/shm/$near.* /dev/shm/$far.* "$folder"/{original,copy,copy.part,raw,near,far} "$folder"/copy.*
+    rm -f /dev/shm/{$near,$far}.* /tmp/norvo/{$near,$far}.* "$folder"/{original,copy,copy.part,raw,near,far} "$folder"/copy.*
     [ -n "${FOLDER:-}" ] || rm -rf "$folder"
 }
 trap finish EXIT
@@ -88,6 +93,7 @@ start_near
 for _ in $(seq 50); do
     address=$(awk '/^listening on/ { print $NF; exit }' "$folder/near"); [ -n "$address" ] && break; sleep 0.1
 done
+[ -n "$address" ] || { cat "$folder/near" >&2; exit 1; }
 start_far
 head -c "${size}M" /dev/urandom >"$folder/original"
 if [ "$mode" = pairs ]; then

@@ -83,6 +83,15 @@ std::string allUsages() {
     return text;
 }
 
+// An agent refuses others, and says so in its log only.
+bool isStreamName(const std::string& name) {
+    constexpr std::size_t kLongest = 255;
+    return !name.empty() && name.size() <= kLongest &&
+           std::none_of(name.begin(), name.end(), [](unsigned char byte) {
+               return byte < 0x20 || byte == 0x7f || byte == '/';
+           });
+}
+
 // `value` as it will be sent.
 std::string checkedField(const std::string& name, std::string value) {
     if (name == "SIZE") value = bytesOf(value);
@@ -90,7 +99,7 @@ std::string checkedField(const std::string& name, std::string value) {
     const char* end = value.data() + value.size();
     const auto [stop, error] = std::from_chars(value.data(), end, number);
     const bool isNumber = error == std::errc() && stop == end;
-    const bool fits = name == "NAME"        ? !value.empty()
+    const bool fits = name == "NAME"        ? isStreamName(value)
                       : name == "DIRECTORY" ? value.starts_with('/')
                       : name == "SIZE"      ? isNumber && number > 0 && number <= kLargestSegment
                       : name == "NUMBER"    ? isNumber && number >= 0 && number <= UINT32_MAX
