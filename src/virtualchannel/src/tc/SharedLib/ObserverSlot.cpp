@@ -18,19 +18,24 @@ void ObserverSlot::passTurnOn() {
     m_left.notify_all();
 }
 
+void ObserverSlot::store(Observer* observer) {
+    m_observer = observer;
+    m_isEmpty = !observer;
+}
+
 void ObserverSlot::set(Observer* observer) {
     LocalLock lock(m_mutex);
     if (takesTurns()) {
         waitForTurn();
         passTurnOn();
     }
-    m_observer = observer;
+    store(observer);
 }
 
 bool ObserverSlot::clearAndWait(std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     LocalLock lock(m_mutex);
-    m_observer = nullptr;
+    store(nullptr);
     while (m_inside != 0) {
         if (!m_left.wait_until(m_mutex, deadline) && m_inside != 0) return false;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -37,6 +38,9 @@ public:
         return true;
     }
 
+    // Without a lock: may be changing.
+    bool isEmpty() const { return m_isEmpty; }
+
     // Whether the calling thread is inside the observer.
     bool insideOnThisThread() const { return ReentryMark::isSet(this); }
 
@@ -62,11 +66,13 @@ private:
     bool takesTurns() const;
     void waitForTurn() NORVO_REQUIRES(m_mutex);
     void passTurnOn() NORVO_REQUIRES(m_mutex);
+    void store(Observer* observer) NORVO_REQUIRES(m_mutex);
 
     const ObserverCalls m_calls;
     VDIFrameworkCommon::LocalMutex m_mutex;
     VDIFrameworkCommon::LocalCondition m_left;
     Observer* m_observer NORVO_GUARDED_BY(m_mutex) = nullptr;
+    std::atomic<bool> m_isEmpty{true};
     // With OneAtATime, threads are served in order of arrival.
     std::uint64_t m_nextTicket NORVO_GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_turn NORVO_GUARDED_BY(m_mutex) = 0;

@@ -207,7 +207,8 @@ int TransportChannel::takePacket(const void* data, unsigned int length) {
         return 0;
     }
     const Packet packet = Packet::Borrow(data, length);
-    if (packet.isPacketValid()) m_packetizer.EnqueuePacket(&packet);
+    // Without an observer, beginnings of messages would only pile up.
+    if (packet.isPacketValid() && !m_observer.isEmpty()) m_packetizer.EnqueuePacket(&packet);
     return 0;
 }
 
