@@ -96,8 +96,10 @@ bool SegmentMapping::openObject(const std::string& name, bool create) {
 SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int totalSize,
                                            bool create) {
     struct stat status {};
-    if (fstat(m_file.get(), &status) == 0 && ftruncate_mac(m_file.get(), totalSize) == 0) {
-        return Sized::Yes;
+    if (fstat(m_file.get(), &status) == 0) {
+        // All that will be mapped: another process may have grown it without reserving memory.
+        m_mappedSize = std::max(totalSize, mappableSize(status));
+        if (ftruncate_mac(m_file.get(), m_mappedSize) == 0) return Sized::Yes;
     }
     m_error = openErrorFor(errno);
     const bool cannotGrow = status.st_size > 0 && m_error.error == EINVAL;
@@ -121,16 +123,12 @@ SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int
 }
 
 bool SegmentMapping::map(const std::string& name, bool create) {
-    struct stat status {};
-    if (fstat(m_file.get(), &status) == 0) {
-        m_mappedSize = mappableSize(status);
-        void* address =
-            mmap(nullptr, m_mappedSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), 0);
-        if (address != MAP_FAILED) {
-            m_address = address;
-            m_capacity = m_mappedSize - sizeFor(0);
-            return true;
-        }
+    void* address =
+        mmap(nullptr, m_mappedSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), 0);
+    if (address != MAP_FAILED) {
+        m_address = address;
+        m_capacity = m_mappedSize - sizeFor(0);
+        return true;
     }
     m_error = openErrorFor(errno);
     NORVO_LOG(Error, "mmap failure, failed to map shared memory: ", name, ": ", describe(m_error));
