@@ -123,6 +123,11 @@ SegmentMapping::Sized SegmentMapping::size(const std::string& name, unsigned int
 }
 
 bool SegmentMapping::map(const std::string& name, bool create) {
+    if (look() == State::Shrunk) {
+        NORVO_LOG(Error, "Shared memory was cut by another process: ", name);
+        fail(OpenFailure::SystemError, 0);
+        return false;
+    }
     void* address =
         mmap(nullptr, m_mappedSize, PROT_READ | PROT_WRITE, MAP_SHARED, m_file.get(), 0);
     if (address != MAP_FAILED) {
