@@ -56,6 +56,9 @@ TEST_F(BroadcastTest, EveryReaderGetsEveryMessageBeforeTheNextIsWritten) {
                                              "3x",
                                              34));
     EXPECT_EQ(raw.word64(0), 0);
+    ClockedBroadcast idle;
+    ASSERT_TRUE(idle.Create(name, 64) && send("four"));
+    for (auto* each : {&reader, &others[0], &others[1]}) EXPECT_EQ(read(*each), "four");
 }
 
 TEST_F(BroadcastTest, ANewReaderDoesNotCountAsHavingReadAndAClosedOneIsNotWaitedFor) {

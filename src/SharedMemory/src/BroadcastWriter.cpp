@@ -22,8 +22,7 @@ constexpr unsigned int kFirstPauseMs = 1;
 constexpr unsigned int kLongestPauseMs = 10;
 constexpr unsigned int kLongestPauseForNobodyMs = 100;
 
-// Readers that have seen an earlier writer's message accept the next one as new only with a higher
-// ID.
+// Readers that have seen another writer's message accept the next one as new only with a higher ID.
 void raiseIdAboveReaders(SegmentSlot& slot) {
     const long current = slot.header().newMessageId;
     long last = current;
@@ -60,7 +59,7 @@ void BroadcastWriter::begin(bool isRenewed) {
     header.writerLockCount = 0;
     m_lastWriteTime = m_createdAt - kReaderIsGoneAfterMs - 1;
     m_readersAtLastWrite = 0;
-    m_isFirst = true;
+    m_lastId.reset();
     m_isHeldUp = false;
 }
 
@@ -120,9 +119,10 @@ bool BroadcastWriter::publish(const void* data, unsigned int length, unsigned in
             unlock();
             return false;
         }
-        if (m_isFirst) raiseIdAboveReaders(m_slot);
-        m_isFirst = false;
+        const SharedWord& id = m_slot.header().newMessageId;
+        if (m_lastId != id) raiseIdAboveReaders(m_slot);
         storeBroadcast(m_slot, data, length);
+        m_lastId = id;
         m_readersAtLastWrite = static_cast<unsigned int>(m_slot.header().lockWord2.exchange(0));
         m_lastWriteTime = now;
         m_isHeldUp = false;

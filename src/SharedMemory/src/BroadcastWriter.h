@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "SegmentSlot.h"
 
 namespace shared_memory {
@@ -45,8 +47,9 @@ private:
     unsigned int m_readersAtLastWrite = 0;
     unsigned int m_createdAt = 0;
     unsigned int m_settleMs = 0;
-    // The next message is the first since the start.
-    bool m_isFirst = true;
+    // The ID of this writer's last message. The segment has another one after the start of another
+    // writer, which sets it to 0, or that writer's message.
+    std::optional<long> m_lastId;
     // When the registry was last checked, or the wait began.
     unsigned int m_lastLook = 0;
     unsigned int m_lookEveryMs = 0;
