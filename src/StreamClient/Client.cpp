@@ -14,7 +14,6 @@
 #include "PosixSharedMemory.h"
 #include "ProcessLife.h"
 #include "SegmentStatus.h"
-#include "SegmentUse.h"
 #include "SharedMemoryFactory.h"
 #include "StreamImpl.h"
 #include "VDIClientInfo.h"
@@ -255,15 +254,14 @@ std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, 
         capacity > kLargestCapacity) {
         return failed(Reason::InvalidArgument);
     }
-    using Role = shared_memory::SegmentRegistry::Role;
-    const Role role = direction == Direction::Read ? Role::Reader : Role::Writer;
-    if (users == For::OneProgram && shared_memory::hasEnd(name, role)) return failed(Reason::InUse);
+    using Claim = StreamSegment::Claim;
+    const Claim claim = users == For::OneProgram ? Claim::Exclusive : Claim::Shared;
     LocalLock lock(m_mutex);
     std::erase_if(m_streams, [](const auto& stream) { return stream.expired(); });
     if (capacity == kDefaultCapacity) capacity = chosenCapacity(m_streams.size());
     if (const Status free = m_view->mayAddStream(name); !free) return failed(free);
     auto impl = std::make_shared<Stream::Impl>(name, direction, m_view);
-    if (const Status ready = impl->setUp(capacity); !ready) return failed(ready);
+    if (const Status ready = impl->setUp(capacity, claim); !ready) return failed(ready);
     // The agent may be asked from here on, and must find that this process has the segment open.
     if (const Status added = m_view->addStream(name, direction, capacity); !added)
         return failed(added);

@@ -10,6 +10,8 @@ Status statusOf(const shared_memory::OpenError& error) {
             return Reason::InvalidArgument;
         case OpenFailure::CapacityMismatch:
             return {Reason::CapacityMismatch, error.error, error.existingCapacity};
+        case OpenFailure::InUse:
+            return Reason::InUse;
         case OpenFailure::NoSpace:
             return {Reason::NoSpace, error.error};
         case OpenFailure::NoPermission:

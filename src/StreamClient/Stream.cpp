@@ -19,9 +19,9 @@ Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
     return now + std::max(timeout, std::chrono::milliseconds(0));
 }
 
-Status Stream::Impl::setUp(unsigned int capacity) {
-    const bool ready = m_direction == Direction::Read ? m_segment.Open(m_name, capacity)
-                                                      : m_segment.Create(m_name, capacity);
+Status Stream::Impl::setUp(unsigned int capacity, StreamSegment::Claim claim) {
+    const bool ready = m_direction == Direction::Read ? m_segment.Open(m_name, capacity, claim)
+                                                      : m_segment.Create(m_name, capacity, claim);
     return ready ? Status() : statusOf(m_segment.openError());
 }
 

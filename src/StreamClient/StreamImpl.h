@@ -28,7 +28,7 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    Status setUp(unsigned int capacity);
+    Status setUp(unsigned int capacity, StreamSegment::Claim claim);
     // The result of opening it.
     const Status& status() const { return m_opened; }
     const std::string& name() const { return m_name; }

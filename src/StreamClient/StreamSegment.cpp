@@ -4,14 +4,14 @@ namespace NorvoStreamClient {
 
 using VDIFrameworkCommon::LocalLock;
 
-bool StreamSegment::Create(const std::string& name, unsigned int capacity) {
+bool StreamSegment::Create(const std::string& name, unsigned int capacity, Claim claim) {
     LocalLock lock(m_mutex);
-    return m_slot.open(name, capacity, true, m_writer);
+    return m_slot.open(name, capacity, true, m_writer, claim);
 }
 
-bool StreamSegment::Open(const std::string& name, unsigned int capacity) {
+bool StreamSegment::Open(const std::string& name, unsigned int capacity, Claim claim) {
     LocalLock lock(m_mutex);
-    return m_slot.open(name, capacity, true, m_reader);
+    return m_slot.open(name, capacity, true, m_reader, claim);
 }
 
 shared_memory::OpenError StreamSegment::openError() {

@@ -19,9 +19,10 @@ public:
     StreamSegment(const StreamSegment&) = delete;
     StreamSegment& operator=(const StreamSegment&) = delete;
 
+    using Claim = shared_memory::SegmentSlot::Claim;
     // As SharedMemoryI. Close ends a write or read on another thread.
-    bool Create(const std::string& name, unsigned int capacity);
-    bool Open(const std::string& name, unsigned int capacity);
+    bool Create(const std::string& name, unsigned int capacity, Claim claim);
+    bool Open(const std::string& name, unsigned int capacity, Claim claim);
     shared_memory::OpenError openError();
     void Close();
 

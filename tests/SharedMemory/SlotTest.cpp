@@ -1,4 +1,6 @@
 // One end of a segment when the other misbehaves or is gone.
+#include <latch>
+
 #include "AllocationFailure.h"
 #include "MultipleWritersOneReaderSM.h"
 #include "SegmentSupport.h"
@@ -34,6 +36,22 @@ TEST_F(SlotTest, AChunkOverwrittenByANewWriterIsNotAcknowledged) {
     ASSERT_TRUE(write(*next, "seen") && waitForChunk());
     slot.header().newMessageId.fetch_add(1);
     EXPECT_FALSE(slot.take());
+}
+
+TEST_F(SlotTest, OneOfSeveralThatOpenAtOnceGetsAnExclusiveEnd) {
+    std::atomic<int> got = 0;
+    std::latch all(8);
+    onThreads(8, [&](int) {
+        SlotGate ownGate;
+        SegmentSlot own{ownGate};
+        SlotWriter writer{own};
+        if (own.open(name, 16, true, writer, SegmentSlot::Claim::Exclusive)) ++got;
+        all.arrive_and_wait();
+        EXPECT_TRUE(own.isMapped() || own.error().failure == OpenFailure::InUse);
+        own.close();
+    });
+    EXPECT_EQ(got, 1);
+    EXPECT_TRUE(slot.open(name, 16, true, reader, SegmentSlot::Claim::Exclusive));
 }
 
 TEST_F(SlotTest, AMessageThatThereIsNoMemoryForWaitsUntilThereIs) {

@@ -16,6 +16,8 @@ std::string reason(const OpenError& error) {
         case OpenFailure::CapacityMismatch:
             return "the existing one has a capacity of " + std::to_string(error.existingCapacity) +
                    " bytes and is in use";
+        case OpenFailure::InUse:
+            return "another end of the same role is in use";
         case OpenFailure::NoSpace:
             return "no memory is left for it";
         case OpenFailure::NoPermission:

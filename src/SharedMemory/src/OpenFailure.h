@@ -9,6 +9,7 @@ enum class OpenFailure {
     None,              // set up, or never attempted
     InvalidArgument,   // a capacity of 0 or one whose object size does not fit 32 bits
     CapacityMismatch,  // the existing object is too small, cannot grow, and is in use
+    InUse,             // another end has it open in the same role, and this one was to be the only
     NoSpace,           // the system has no memory left for it
     NoPermission,      // the system refuses this process
     NameTaken,         // held by another user's object, one open to others, or no shared memory

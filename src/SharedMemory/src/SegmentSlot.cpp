@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "Log.h"
+#include "SegmentUse.h"
 
 namespace shared_memory {
 
@@ -28,7 +29,8 @@ long distance(long from, long to) {
 
 }  // namespace
 
-bool SegmentSlot::open(const std::string& name, unsigned int capacity, bool create, SlotEnd& end) {
+bool SegmentSlot::open(const std::string& name, unsigned int capacity, bool create, SlotEnd& end,
+                       Claim claim) {
     m_error = {OpenFailure::SystemError, 0, 0, -1};
     if (isMapped()) {
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
@@ -36,6 +38,7 @@ bool SegmentSlot::open(const std::string& name, unsigned int capacity, bool crea
     }
     m_name = name;
     m_end = &end;
+    m_claim = claim;
     if (!openAll(capacity, create, false)) return false;
     m_gate.resume();
     m_gate.open();
@@ -56,6 +59,7 @@ bool SegmentSlot::openAll(unsigned int capacity, bool create, bool isRenewed) {
 // Notified with the mutex held, so that a waiting writer writes nothing that a starting reader
 // would drop; notified again once the reader has started.
 bool SegmentSlot::start(unsigned int capacity, bool create, bool isRenewed) {
+    if (!isRenewed && !mayStart()) return false;
     notify(Signal::Taken);
     const bool isOpen = m_mapping.open(m_name, capacity, create);
     m_error = m_mapping.error();
@@ -70,6 +74,14 @@ bool SegmentSlot::start(unsigned int capacity, bool create, bool isRenewed) {
     m_end->begin(isRenewed);
     if (m_end->role() == SegmentRegistry::Role::Reader) notify(Signal::Taken);
     return true;
+}
+
+// With the mutex held until this end is registered, so that only one of several gets past.
+bool SegmentSlot::mayStart() {
+    if (m_claim == Claim::Shared || !hasEnd(m_name, m_end->role())) return true;
+    m_error.failure = OpenFailure::InUse;
+    NORVO_LOG(Error, "Another end of the same role is in use: ", m_name);
+    return false;
 }
 
 bool SegmentSlot::createObjects() {

@@ -44,9 +44,12 @@ public:
     SegmentSlot(const SegmentSlot&) = delete;
     SegmentSlot& operator=(const SegmentSlot&) = delete;
 
+    // Exclusive: refused while the registry shows another living end of the same role.
+    enum class Claim { Shared, Exclusive };
     // Maps segment `name` (with `create`, creates it if there is none) and starts `end`, which must
     // outlive its use here. On failure logs one line and returns false; error() says why.
-    bool open(const std::string& name, unsigned int capacity, bool create, SlotEnd& end);
+    bool open(const std::string& name, unsigned int capacity, bool create, SlotEnd& end,
+              Claim claim = Claim::Shared);
     // Call it before `end` is destroyed. False when the system refused part of it; the slot is
     // closed in any case.
     bool close();
@@ -151,6 +154,7 @@ private:
     bool openAll(unsigned int capacity, bool create, bool isRenewed);
     bool createObjects();
     bool start(unsigned int capacity, bool create, bool isRenewed);
+    bool mayStart();
     SegmentMapping::State look(Clock::time_point now);
     Soundness renew();
     void logLost(const char* reason);
@@ -178,6 +182,7 @@ private:
     SegmentRegistry m_registry;
     OpenError m_error;
     unsigned int m_capacity = 0;
+    Claim m_claim = Claim::Shared;
     Clock::time_point m_lastLook{};
     // The data area behind the last chunk is zero.
     bool m_restIsClear = false;
