@@ -61,8 +61,8 @@ TEST_F(LogFileTest, APathThatCannotBeALogFileIsNotOpened) {
     std::ofstream(dir / "precious") << "precious";
     fs::create_symlink(dir / "precious", dir / "link");
     fs::create_hard_link(dir / "precious", dir / "second name");
-    for (const std::string& path : {std::string(), dir / "plain/x.log", dir / "fifo",
-                                    dir / "folder", dir / "link", dir / "second name"}) {
+    for (const std::string& path :
+         {dir / "plain/x.log", dir / "fifo", dir / "folder", dir / "link", dir / "second name"}) {
         EXPECT_FALSE(file.open(path)) << path;
         file.write("line\n");
     }

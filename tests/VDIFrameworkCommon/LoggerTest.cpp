@@ -87,6 +87,7 @@ TEST_F(LogAppenderTest, KeepsNotableEventsUntilAFailureAFullBufferOrTheEnd) {
     appender.append(recordOf(Trace, "before"));
     appender.setFile(dir / "b.log");
     EXPECT_EQ(written().back(), "before") << "another path gets only what comes after";
+    EXPECT_FALSE(appender.setFile(dir / "b.log/no folder"));
     appender.append(recordOf(Info, "last"));
     appender.finish();
     appender.finish();

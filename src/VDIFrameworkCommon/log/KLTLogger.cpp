@@ -47,7 +47,7 @@ public:
     }
 
     void write(const LogRecord& record);
-    void init(const std::string& path);
+    bool init(const std::string& path);
     void setType(LogAppenderType type);
     void setThreshold(int severity);
     std::shared_ptr<LogSink> setSink(std::shared_ptr<LogSink> sink);
@@ -105,11 +105,12 @@ void LogService::write(const LogRecord& record) {
     m_appender.append(record);
 }
 
-void LogService::init(const std::string& path) {
+bool LogService::init(const std::string& path) {
     LocalLock lock(m_mutex);
     m_made = true;
-    m_appender.setFile(path);
+    const bool isSet = m_appender.setFile(path);
     publishThreshold();
+    return isSet;
 }
 
 void LogService::setType(LogAppenderType type) {
@@ -222,7 +223,7 @@ std::shared_ptr<VirtualChannelLog> VirtualChannelLogger_getInstance() {
     return LogService::get().instance();
 }
 
-void VirtualChannelLogger_init(const std::string& path) { LogService::get().init(path); }
+bool VirtualChannelLogger_init(const std::string& path) { return LogService::get().init(path); }
 
 void VirtualChannelLogger_setAppenderType(LogAppenderType type) { LogService::get().setType(type); }
 

@@ -77,9 +77,9 @@ const char* KLTLogger_getName(KLT::kltlogger::LoggerHandle handle);
 std::shared_ptr<KLT::kltlogger::VirtualChannelLog> VirtualChannelLogger_getInstance();
 
 // Sets the log file, creating its directory (owner only) if missing; a second call switches to the
-// new path. An empty path means no file. A file that cannot be opened is not a failure: records
-// still go to the sink. A file lost later is retried with every write.
-void VirtualChannelLogger_init(const std::string& path);
+// new path. An empty path means no file. False when the file cannot be opened: records still go to
+// the file so far, if any, and to the sink. A file lost later is retried with every write.
+bool VirtualChannelLogger_init(const std::string& path);
 void VirtualChannelLogger_setAppenderType(KLT::kltlogger::LogAppenderType type);
 
 // Writes buffered records out.

@@ -30,11 +30,13 @@ void writeToStderr(const LogRecord& record) {
 
 LogAppender::~LogAppender() { finish(); }
 
-void LogAppender::setFile(const std::string& path) {
+bool LogAppender::setFile(const std::string& path) {
     flush();
     LocalLock lock(m_fileMutex);
-    m_fileOpen = m_file.open(path);
+    if (!m_file.open(path)) return false;
+    m_fileOpen = !path.empty();
     if (m_fileOpen) startTimer();
+    return true;
 }
 
 void LogAppender::setType(LogAppenderType type) {

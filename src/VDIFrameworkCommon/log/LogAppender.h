@@ -35,8 +35,8 @@ public:
     LogAppender(const LogAppender&) = delete;
     LogAppender& operator=(const LogAppender&) = delete;
 
-    // Empty: no file.
-    void setFile(const std::string& path);
+    // Empty: no file. False, with the file so far kept, when it cannot be opened.
+    bool setFile(const std::string& path);
     void setType(LogAppenderType type);
     // False when a record would go nowhere.
     bool hasDestination() const;

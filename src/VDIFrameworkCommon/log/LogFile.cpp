@@ -6,12 +6,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "FileUtils.h"
 #include "RegularFile.h"
 
 namespace KLT::kltlogger {
 
+using VDIFrameworkCommon::FileDescriptor;
 using VDIFrameworkCommon::FileUtils;
 
 namespace {
@@ -22,26 +24,30 @@ bool mayBeLog(const struct stat& status) {
     return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
 }
 
+FileDescriptor openLog(const std::string& path) {
+    if (path.empty()) return FileDescriptor();
+    if (const auto end = path.rfind('/'); end != std::string::npos && end > 0)
+        FileUtils::createDirectory(path.substr(0, end));
+    // Opening a pipe would already wake its reader.
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && !mayBeLog(status)) return FileDescriptor();
+    constexpr int kFlags = O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY;
+    FileDescriptor file(::open(path.c_str(), O_WRONLY | kFlags, 0600));
+    if (file && (fstat(file.get(), &status) != 0 || !mayBeLog(status))) file.reset();
+    return file;
+}
+
 }  // namespace
 
 bool LogFile::open(const std::string& path) {
+    FileDescriptor file = openLog(path);
+    if (!file && !path.empty()) return false;
     m_path = path;
-    return openPath();
+    m_file = std::move(file);
+    return true;
 }
 
-bool LogFile::openPath() {
-    m_file.reset();
-    if (m_path.empty()) return false;
-    if (const auto end = m_path.rfind('/'); end != std::string::npos && end > 0)
-        FileUtils::createDirectory(m_path.substr(0, end));
-    // Opening a pipe would already wake its reader.
-    struct stat status {};
-    if (lstat(m_path.c_str(), &status) == 0 && !mayBeLog(status)) return false;
-    constexpr int kFlags = O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY;
-    m_file.reset(::open(m_path.c_str(), O_WRONLY | kFlags, 0600));
-    if (m_file && (fstat(m_file.get(), &status) != 0 || !mayBeLog(status))) m_file.reset();
-    return isOpen();
-}
+void LogFile::openPath() { m_file = openLog(m_path); }
 
 void LogFile::write(std::string_view lines) {
     followPath();

@@ -20,18 +20,17 @@ public:
 
     explicit LogFile(off_t limit = kDefaultLimit) : m_limit(limit) {}
 
-    // Closes the current file and opens `path` for appending, readable by the owner only, creating
-    // its directory if missing. False when that fails, or when `path` exists but is not a regular
-    // file of this user with a single link; then there is no file, and each write retries. An empty
-    // path means no file.
+    // Opens `path` for appending, readable by the owner only, creating its directory if missing,
+    // and closes the file so far. False, with that one kept, when this fails, or when `path` exists
+    // but is not a regular file of this user with a single link. An empty path means no file.
     bool open(const std::string& path);
-    bool isOpen() const { return bool(m_file); }
 
-    // Appends whole lines. Lines that the system refuses (a full disk) are dropped.
+    // Appends whole lines. Lines that the system refuses (a full disk) are dropped. Without its
+    // file each write tries to open it again.
     void write(std::string_view lines);
 
 private:
-    bool openPath();
+    void openPath();
     void followPath();
     void roll();
 

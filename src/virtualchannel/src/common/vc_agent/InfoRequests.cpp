@@ -99,11 +99,10 @@ void InfoRequests::setLogPath(const Fields& fields) {
     const std::string separator = FileUtils::FileSeparator();
     if (!VDIFrameworkCommon::endsWith(directory, separator)) directory += separator;
     // A relative path would depend on where the host was started.
-    if (!fields[1].starts_with('/') || !FileUtils::createDirectory(directory)) {
+    const bool isUsable = fields[1].starts_with('/') && FileUtils::createDirectory(directory) &&
+                          VirtualChannelLogger_init(directory + "VirtualChannel.log");
+    if (!isUsable)
         AGENT_LOG(m_context, Warning, "Cannot use this directory for the log: ", shown(fields[1]));
-        return;
-    }
-    VirtualChannelLogger_init(directory + "VirtualChannel.log");
 }
 
 // Processes that wait for a change poll with these two requests.
