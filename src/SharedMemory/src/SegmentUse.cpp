@@ -24,6 +24,17 @@ bool isOpen(const std::string& name, bool exceptHere) {
            registry.hasLivingProcess(exceptHere);
 }
 
+// Another process that removes the segment while this one waits removes the mutex with it.
+bool lockCurrent(NamedMutex& mutex, const std::string& name) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const bool isLocked =
+            mutex.create((kSegmentObjectPrefix + name).c_str()) && mutex.lockFor(kMutexWait);
+        if (!isLocked || mutex.isCurrent()) return isLocked;
+        mutex.unlock();
+    }
+    return false;
+}
+
 // The mutex goes last: a process that finds it gone finds everything gone, and recreates it all.
 void removeAll(const std::string& name) {
     const std::string object = kSegmentObjectPrefix + name;
@@ -48,9 +59,7 @@ bool hasEnd(const std::string& name, SegmentRegistry::Role role) {
 
 bool removeSegmentIfUnused(const std::string& name) {
     NamedMutex mutex;
-    if (!mutex.create((kSegmentObjectPrefix + name).c_str()) || !mutex.lockFor(kMutexWait)) {
-        return false;
-    }
+    if (!lockCurrent(mutex, name)) return false;
     const bool isUnused = !isSegmentInUse(name);
     if (isUnused) {
         removeAll(name);
