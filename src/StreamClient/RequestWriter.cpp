@@ -6,6 +6,7 @@
 #include "BroadcastWriter.h"
 #include "InfoSegments.h"
 #include "Log.h"
+#include "ProcessIdentity.h"
 
 namespace NorvoStreamClient {
 
@@ -16,6 +17,7 @@ using shared_memory::SegmentSlot;
 using std::chrono::milliseconds;
 using VDIFrameworkCommon::kInfoSegmentSize;
 using VDIFrameworkCommon::LocalLock;
+using VDIFrameworkCommon::ProcessIdentity;
 
 namespace {
 
@@ -40,6 +42,11 @@ public:
 private:
     std::atomic<int>& m_count;
 };
+
+// Only such a reader takes that message: it counts those before its start as seen.
+bool wasThereBefore(const RegistryEntry& entry, long id) {
+    return entry.is(SegmentRegistry::Role::Reader) && entry.since < id;
+}
 
 }  // namespace
 
@@ -83,7 +90,7 @@ bool RequestSlot::mayPlace(Clock::time_point now) {
         m_lastLook = now;
         m_slot.forgetGone(SegmentRegistry::Role::Reader);
     }
-    if (m_slot.header().lockWord2.load() > 0) return true;
+    if (m_slot.header().lockWord2.load() > 0 && !isAwaited()) return true;
     if (const long id = m_slot.header().newMessageId.load(); id != m_heldUpId) {
         m_heldUpId = id;
         m_heldUpSince = now;
@@ -92,7 +99,27 @@ bool RequestSlot::mayPlace(Clock::time_point now) {
            m_slot.registry().hasLiving(SegmentRegistry::Role::Reader);
 }
 
+// Whether the message in the slot may still be taken by one of those for whom it was written. A
+// reader that came later is ready, but skips it.
+bool RequestSlot::isAwaited() {
+    const long id = m_slot.header().newMessageId;
+    if (isTakenFromSlot()) return false;
+    bool isAwaited = false;
+    m_slot.registry().forEachOther([&](const RegistryEntry& entry) {
+        isAwaited = isAwaited ||
+                    (wasThereBefore(entry, id) && !ProcessIdentity::isGone(entry.process.load()));
+    });
+    return isAwaited;
+}
+
 long RequestSlot::place(const std::string& text) {
+    // A reader that has not taken the previous message never will, but it is going to see a later
+    // one: for the previous one it counts like a reader that came too late.
+    const long previous = m_slot.header().newMessageId;
+    m_slot.registry().forEachOther([&](RegistryEntry& entry) {
+        if (wasThereBefore(entry, previous) && entry.countedAfterId != previous)
+            entry.since = previous;
+    });
     // Overrides what a dead writer may have left: nobody else writes without the mutex.
     m_slot.header().writerLockCount = 1;
     storeBroadcast(m_slot, text.data(), static_cast<unsigned int>(text.size()));
@@ -102,20 +129,32 @@ long RequestSlot::place(const std::string& text) {
     return m_slot.header().newMessageId;
 }
 
-// The counts do not show a reader that took this request but not the one before, which a client
-// that was killed while writing had left: the registry does. It also decides once another client's
-// request is in the slot. If no agent registers there, the placing of that request proves that a
-// reader was ready for it.
+// If another client's request is in the slot and no agent registers there, the placing of that
+// request proves that a reader was ready for it.
 bool RequestSlot::isTaken(long id) {
     if (id == 0) return false;
-    const bool isInSlot = m_slot.header().newMessageId == id;
-    bool isTaken = isInSlot ? static_cast<int>(BroadcastCounts(m_slot.header()).taken()) > 0
-                            : !m_slot.registry().has(SegmentRegistry::Role::Reader);
+    if (m_slot.header().newMessageId == id) return isTakenFromSlot();
+    bool isTaken = !m_slot.registry().has(SegmentRegistry::Role::Reader);
     m_slot.registry().forEachOther([&](const RegistryEntry& entry) {
-        const bool hasIt = isInSlot ? entry.countedAfterId == id : entry.lastSeenId >= id;
-        isTaken = isTaken || (entry.is(SegmentRegistry::Role::Reader) && entry.since < id && hasIt);
+        isTaken = isTaken || (wasThereBefore(entry, id) && entry.lastSeenId >= id);
     });
     return isTaken;
+}
+
+// For registered readers the registry decides: the counts do not show one that took this request
+// but not the one before, which a client that was killed while writing had left, and show one that
+// left without taking it.
+bool RequestSlot::isTakenFromSlot() {
+    const BroadcastCounts counts(m_slot.header());
+    const long id = m_slot.header().newMessageId;
+    bool isTaken = false;
+    auto unregistered = static_cast<int>(counts.ready());
+    m_slot.registry().forEachOther([&](const RegistryEntry& entry) {
+        if (!entry.is(SegmentRegistry::Role::Reader) || entry.countedAfterId != id) return;
+        --unregistered;
+        isTaken = isTaken || wasThereBefore(entry, id);
+    });
+    return isTaken || (unregistered > 0 && static_cast<int>(counts.taken()) > 0);
 }
 
 void RequestSlot::pause(milliseconds longest) {

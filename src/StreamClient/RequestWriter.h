@@ -27,10 +27,11 @@ public:
     // Opens the segment unless it is open.
     bool open(const std::string& name);
     // True when a reader that was there when message `placed` was written has taken it (0: none was
-    // written). Else places `text` and sets `placed` to its ID when a reader that lives, as far as
-    // is known, is ready: it has taken the previous message. Also when no reader has taken that one
-    // for 2 s although one lives: none ever will. So `text` is placed again when it was overwritten
-    // before it was taken, or when a new agent has not seen it.
+    // written). Else places `text` and sets `placed` to its ID when a reader is ready and the
+    // previous message was taken, or can no longer be: all readers that were there when it was
+    // written are gone. Also when none of them has taken it for 2 s: none ever will. So `text` is
+    // placed again when it was overwritten before it was taken, or when a new agent has not seen
+    // it.
     bool step(const std::string& text, long& placed);
     // Waits for a reader to take something.
     void pause(std::chrono::milliseconds longest);
@@ -44,6 +45,8 @@ public:
 private:
     // With the segment's mutex held.
     bool isTaken(long id);
+    bool isTakenFromSlot();
+    bool isAwaited();
     bool mayPlace(Clock::time_point now);
     long place(const std::string& text);
 

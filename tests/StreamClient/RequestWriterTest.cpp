@@ -105,6 +105,37 @@ TEST(RequestWriterTest, PlacesNothingAgainThatWasTaken) {
     EXPECT_TRUE(requests.step("second", placed));
 }
 
+// Neither a reader that comes later, and skips the request, nor one that leaves without it, nor one
+// that is going to see a later request has taken it.
+TEST(RequestWriterTest, IsTakenOnlyByAReaderThatGotIt) {
+    useCrewsSegments();
+    const auto agentOn = [] {
+        auto agent = segmenttest::broadcast();
+        EXPECT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
+        return agent;
+    };
+    NorvoStreamClient::RequestSlot one, other;
+    ASSERT_TRUE(one.open(kSegment) && other.open(kSegment));
+    auto busy = agentOn();
+    long first = 0, second = 0;
+    EXPECT_FALSE(one.step("first", first));
+    const auto next = agentOn();
+    EXPECT_FALSE(other.step("second", second));
+    EXPECT_EQ(second, 0) << "over a request that nobody has taken";
+    busy.reset();
+    EXPECT_FALSE(one.step("first", first));
+    EXPECT_EQ(segmenttest::read(*next), "first");
+    EXPECT_TRUE(one.step("first", first));
+
+    first = 0;
+    EXPECT_FALSE(one.step("third", first));
+    ASSERT_TRUE(eventually([&] { return other.step("second", second) || second != 0; }));
+    EXPECT_EQ(segmenttest::read(*next), "second");
+    EXPECT_FALSE(one.step("third", first)) << "held up until it was given up";
+    EXPECT_EQ(segmenttest::read(*next), "third");
+    EXPECT_TRUE(one.step("third", first) && other.step("second", second));
+}
+
 TEST(RequestWriterAcrossProcesses, ARequestThatNobodyTakesHoldsUpNoOtherAndArrivesOnce) {
     useCrewsSegments();
     RequestWriter patient(kSegment);
