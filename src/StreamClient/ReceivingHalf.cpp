@@ -10,6 +10,8 @@ namespace {
 constexpr std::chrono::milliseconds kLongestSilence{10};
 // One acknowledgement per this many frames.
 constexpr unsigned int kFramesPerAnswer = 16;
+// Of a peer's frame, whatever the capacities of its streams.
+constexpr std::size_t kLongestPayload = 65536 - ConnectionFrame::kHeaderSize;
 
 }  // namespace
 
@@ -48,8 +50,18 @@ std::size_t ReceivingHalf::read(char* data, std::size_t length) {
         if (front.begin == front.message.size()) m_waiting.pop_front();
     }
     m_taken += done;
-    if (m_taken + m_capacity >= m_limitTold + m_capacity / 2 && !m_hasEnd) owe(Time::min());
+    if (isLimitDue()) owe(Time::min());
     return done;
+}
+
+// A peer that has sent all it may waits until the limit leaves room for a whole frame. In a window
+// below two frames, the limit may have to grow by more than half of the window for that, but is
+// high enough once everything was read.
+bool ReceivingHalf::isLimitDue() const {
+    const std::uint64_t limit = m_taken + m_capacity;
+    const bool isPeerStuck = m_waiting.empty() && m_limitTold < m_received + kLongestPayload;
+    return !m_hasEnd &&
+           (limit >= m_limitTold + m_capacity / 2 || (isPeerStuck && limit > m_limitTold));
 }
 
 void ReceivingHalf::describe(ConnectionFrame& frame) {

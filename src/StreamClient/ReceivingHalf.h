@@ -42,6 +42,8 @@ private:
     };
 
     void owe(Time by);
+    // Whether the peer should be told at once how far it may send by now.
+    bool isLimitDue() const;
     // Takes the frame if it continues what has arrived.
     bool accept(const ConnectionFrame& frame, std::string message);
 

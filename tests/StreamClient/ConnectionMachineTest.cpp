@@ -23,8 +23,8 @@ class World {
 public:
     // Both ends may call.
     explicit World(std::uint64_t seed, Trouble trouble = {},
-                   Machine::Role second = Machine::Role::Accept)
-        : m_random(seed), m_trouble(trouble), m_second(second) {
+                   Machine::Role second = Machine::Role::Accept, std::size_t capacity = kCapacity)
+        : m_random(seed), m_trouble(trouble), m_second(second), m_capacity(capacity) {
         restart(0);
         restart(1);
     }
@@ -33,7 +33,7 @@ public:
     void restart(std::size_t index) {
         Machine::Settings settings;
         settings.blockSize = kBlock;
-        settings.capacity = kCapacity;
+        settings.capacity = m_capacity;
         settings.messages = kMessages;
         End& end = m_ends[index];
         end.onTheWay = std::exchange(end, End()).onTheWay;
@@ -149,6 +149,7 @@ private:
     std::mt19937_64 m_random;
     const Trouble m_trouble;
     const Machine::Role m_second;
+    const std::size_t m_capacity;
     std::array<End, 2> m_ends;
     std::uint64_t m_epoch = 100;
     bool m_up = true;
@@ -171,6 +172,18 @@ TEST(ConnectionMachine, WhatIsWrittenArrivesWholeThroughLossRepetitionDisorderAn
         }
         ASSERT_NO_FATAL_FAILURE(world.expectAllArrives());
     }
+}
+
+TEST(ConnectionMachine, AWindowBelowTwoBlocksDoesNotWaitForPings) {
+    World world(1, {}, Machine::Role::Accept, kBlock + kBlock / 4);
+    std::size_t got = 0;
+    for (char byte = 'x'; got < 20 * kBlock && world.now < Time(60s);) {
+        world.machine(0).write(std::string(kBlock, byte).data(), kBlock);
+        world.pass(0);
+        world.pass(1);
+        got += world.machine(1).read(&byte, 1);
+    }
+    EXPECT_LT(world.now, Time(2s));
 }
 
 TEST(ConnectionMachine, NothingOfAFormerConnectionIsTakenForThisOne) {
