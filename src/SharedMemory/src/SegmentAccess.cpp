@@ -1,5 +1,7 @@
 #include "SegmentAccess.h"
 
+#include <cerrno>
+
 #include "Log.h"
 
 namespace shared_memory {
@@ -9,11 +11,18 @@ using VDIFrameworkCommon::LocalLock;
 SegmentAccess::SegmentAccess(const SlotGate& gate)
     : m_gate(gate), m_controller(SharedMemoryRWController::getInstance()) {}
 
-void SegmentAccess::setUp(const SegmentSlot& slot, bool isReady) {
+bool SegmentAccess::mayBeSetUp() {
+    if (m_controller->start()) return true;
+    LocalLock lock(m_mutex);
+    m_error = openErrorFor(EAGAIN);
+    return false;
+}
+
+bool SegmentAccess::setUp(const SegmentSlot& slot, bool isReady) {
     LocalLock lock(m_mutex);
     m_error = slot.error();
     m_name = slot.name();
-    if (isReady) m_controller->start();
+    return isReady;
 }
 
 std::string SegmentAccess::name() {

@@ -22,8 +22,10 @@ public:
 
     void setMode(Mode mode) { m_mode = mode; }
     Mode mode() const { return m_mode.load(); }
-    // After a set-up, which may have failed.
-    void setUp(const SegmentSlot& slot, bool isReady);
+    // Before a set-up, which must not happen if this returns false: the controller cannot check.
+    bool mayBeSetUp();
+    // After a set-up, which may have failed; returns `isReady`.
+    bool setUp(const SegmentSlot& slot, bool isReady);
     std::string name();
     OpenError error();
 

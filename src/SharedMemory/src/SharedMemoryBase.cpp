@@ -29,11 +29,10 @@ bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mo
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
         return false;
     }
+    if (!m_access.mayBeSetUp()) return false;
     LocalLock operation(m_operationLock);
     if (!m_slot.isMapped()) m_access.setMode(mode);
-    const bool ready = CreateOrOpen(name, size, true);
-    m_access.setUp(m_slot, ready);
-    return ready;
+    return m_access.setUp(m_slot, CreateOrOpen(name, size, true));
 }
 
 bool SharedMemoryBase::Close() {

@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <exception>
+
 #include "Contained.h"
 #include "LocalMutex.h"
+#include "Log.h"
 #include "MemoryBlock.h"
 
 namespace shared_memory {
@@ -39,18 +42,20 @@ SharedMemoryRWController::SharedMemoryRWController() { start(); }
 
 SharedMemoryRWController::~SharedMemoryRWController() { shutdown(); }
 
-void SharedMemoryRWController::start() {
+bool SharedMemoryRWController::start() {
     LocalLock lock(m_threadMutex);
-    if (m_running) return;
+    if (m_running) return true;
     m_running = true;
     try {
         m_checker = std::thread(&SharedMemoryRWController::checkActiveVirtualChannelAgent, this);
-    } catch (...) {
+    } catch (const std::exception& failure) {
         m_running = false;
-        throw;
+        NORVO_LOG(Error, "Cannot start the check for another active agent: ", failure.what());
+        return false;
     }
     m_checkerProcess = getpid();
     MemoryBlock::setKeeping(true);
+    return true;
 }
 
 void SharedMemoryRWController::shutdown() {

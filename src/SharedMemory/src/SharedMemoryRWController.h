@@ -32,8 +32,9 @@ public:
 
     // Starts the checker thread unless it runs. Every segment calls this when it is set up, so
     // checking resumes for an agent built after another one's shutdown(). The thread also frees
-    // what MemoryBlock keeps; without it nothing is kept.
-    void start();
+    // what MemoryBlock keeps; without it nothing is kept. False, after a log line, when the system
+    // refuses the thread.
+    bool start();
     // Ends and joins the checker thread. May be called at any time, repeatedly.
     void shutdown();
 
