@@ -23,7 +23,8 @@ public:
     // Maps the object of segment `name` (with `create`, creates a zero-filled one if there is
     // none), with a data area of at least `capacity` bytes. An object that is too small is grown.
     // Where the system cannot grow it, it is replaced if no living process has it open. On failure
-    // logs one line and returns false; error() says why, and an object that was not empty stays.
+    // logs one line and returns false; error() says why. An object that was empty is then removed,
+    // and with `create` one that cannot be mapped and that no living process has open.
     bool open(const std::string& name, unsigned int capacity, bool create);
     enum class Growth {
         Done,

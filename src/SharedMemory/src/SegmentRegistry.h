@@ -26,7 +26,7 @@ struct RegistryEntry {
     // The process; 0 while the entry is free.
     std::atomic<VDIFrameworkCommon::ProcessIdentity::Word> process;
     // Broadcast reader: the ID of the last message seen, and the one after which it counted itself
-    // as ready.
+    // as ready; other ends change the latter when they change the segment's ID without a message.
     std::atomic<long> lastSeenId;
     std::atomic<long> countedAfterId;
     // Broadcast reader: the last message ID when it opened. One of several writers: the value it
