@@ -10,6 +10,8 @@ namespace {
 constexpr std::chrono::milliseconds kLongestSilence{10};
 // One acknowledgement per this many frames.
 constexpr unsigned int kFramesPerAnswer = 16;
+// Small payloads share a buffer of up to this size: each would cost more than its bytes.
+constexpr std::size_t kSharedBuffer = 4096;
 // Of a peer's frame, whatever the capacities of its streams.
 constexpr std::size_t kLongestPayload = 65536 - ConnectionFrame::kHeaderSize;
 
@@ -31,12 +33,20 @@ bool ReceivingHalf::accept(const ConnectionFrame& frame, std::string message) {
     const bool fits = frame.offset + length <= m_taken + m_capacity;
     if (frame.offset != m_received || m_hasEnd || !fits) return false;
     m_received += length;
-    if (length > 0) m_waiting.push_back({std::move(message), ConnectionFrame::kHeaderSize});
+    if (length > 0) keep(std::move(message), length);
     if (frame.has(ConnectionFrame::kEnd)) {
         m_hasEnd = true;
         ++m_received;
     }
     return true;
+}
+
+void ReceivingHalf::keep(std::string message, std::size_t length) {
+    if (!m_waiting.empty() && m_waiting.back().message.size() + length <= kSharedBuffer) {
+        m_waiting.back().message.append(message, ConnectionFrame::kHeaderSize);
+    } else {
+        m_waiting.push_back({std::move(message), ConnectionFrame::kHeaderSize});
+    }
 }
 
 std::size_t ReceivingHalf::read(char* data, std::size_t length) {

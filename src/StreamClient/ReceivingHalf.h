@@ -47,6 +47,9 @@ private:
     // Takes the frame if it continues what has arrived.
     bool accept(const ConnectionFrame& frame, std::string message);
 
+    // Appends its payload of `length` bytes to what waits for the program.
+    void keep(std::string message, std::size_t length);
+
     const std::size_t m_capacity;
     const std::uint32_t m_messages;
     std::deque<Waiting> m_waiting;
