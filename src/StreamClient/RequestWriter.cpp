@@ -59,6 +59,11 @@ bool RequestSlot::open(const std::string& name) {
     return m_gate.isOpen() || m_slot.open(name, kInfoSegmentSize, true, *this);
 }
 
+void RequestSlot::begin(bool /*isRenewed*/) {
+    ++m_object;
+    m_heldUpId = -1;
+}
+
 // A reader that has not taken the message in the slot stays in the count of those that came:
 // otherwise the message would seem to be taken.
 void RequestSlot::forget(const RegistryEntry& gone) {
@@ -71,15 +76,15 @@ void RequestSlot::forget(const RegistryEntry& gone) {
 }
 
 // Looks and places in one section: a reader that takes the request in between would get it twice.
-bool RequestSlot::step(const std::string& text, long& placed) {
+bool RequestSlot::step(const std::string& text, Placed& placed) {
     const auto now = Clock::now();
     if (m_slot.check(now) == SegmentSlot::Soundness::Lost) return false;
     {
         const SegmentSlot::Section section(m_slot, kMutexWait);
         if (!section) return false;
-        if (isTaken(placed)) return true;
+        if (placed.object == m_object && isTaken(placed.id)) return true;
         if (text.size() > m_slot.capacity() || !mayPlace(now)) return false;
-        placed = place(text);
+        placed = {place(text), m_object};
     }
     m_slot.notify(SegmentSlot::Signal::Written);
     return false;
@@ -162,11 +167,12 @@ void RequestSlot::pause(milliseconds longest) {
     if (m_slot.isMapped()) m_slot.pause(SegmentSlot::Signal::Taken, limit);
 }
 
-bool RequestWriter::sendStep(const std::string& text, long& placed, milliseconds& pause) {
+bool RequestWriter::sendStep(const std::string& text, RequestSlot::Placed& placed,
+                             milliseconds& pause) {
     LocalLock lock(m_mutex);
-    const long before = placed;
+    const long before = placed.id;
     const bool isTaken = m_slot.step(text, placed);
-    if (placed != before) pause = kFirstPause;
+    if (placed.id != before) pause = kFirstPause;
     return isTaken;
 }
 
@@ -176,7 +182,7 @@ bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {
         if (m_cancelled || !m_slot.open(m_name)) return false;
     }
     const Sender sender(m_senders);
-    long placed = 0;
+    RequestSlot::Placed placed;
     bool taken = false;
     auto pause = kFirstPause;
     while (!m_cancelled && !(taken = sendStep(text, placed, pause)) && Clock::now() < deadline) {

@@ -24,22 +24,28 @@ public:
     RequestSlot(const RequestSlot&) = delete;
     RequestSlot& operator=(const RequestSlot&) = delete;
 
+    // A message that this end has placed.
+    struct Placed {
+        long id = 0;  // 0: none
+        // In which of the objects that the segment has had; the IDs start anew in each.
+        unsigned int object = 0;
+    };
+
     // Opens the segment unless it is open.
     bool open(const std::string& name);
-    // True when a reader that was there when message `placed` was written has taken it (0: none was
-    // written). Else places `text` and sets `placed` to its ID when a reader is ready and the
-    // previous message was taken, or can no longer be: all readers that were there when it was
-    // written are gone. Also when none of them has taken it for 2 s: none ever will. So `text` is
-    // placed again when it was overwritten before it was taken, or when a new agent has not seen
-    // it.
-    bool step(const std::string& text, long& placed);
+    // True when a reader that was there when message `placed` was written has taken it. Else places
+    // `text` and sets `placed` when a reader is ready and the previous message was taken, or can no
+    // longer be: all readers that were there when it was written are gone. Also when none of them
+    // has taken it for 2 s: none ever will. So `text` is placed again when it was overwritten
+    // before it was taken, when a new agent has not seen it, or when the segment was recreated.
+    bool step(const std::string& text, Placed& placed);
     // Waits for a reader to take something.
     void pause(std::chrono::milliseconds longest);
 
     shared_memory::SegmentRegistry::Role role() const override {
         return shared_memory::SegmentRegistry::Role::Writer;
     }
-    void begin(bool /*isRenewed*/) override {}
+    void begin(bool isRenewed) override;
     void forget(const shared_memory::RegistryEntry& gone) override;
 
 private:
@@ -52,7 +58,8 @@ private:
 
     shared_memory::SlotGate m_gate;
     shared_memory::SegmentSlot m_slot{m_gate};
-    // Since when no reader is ready for a message after this ID.
+    unsigned int m_object = 0;
+    // Since when the message with this ID has kept others waiting.
     Clock::time_point m_heldUpSince{};
     long m_heldUpId = -1;
     Clock::time_point m_lastLook{};
@@ -73,7 +80,8 @@ public:
     void cancel() { m_cancelled = true; }
 
 private:
-    bool sendStep(const std::string& text, long& placed, std::chrono::milliseconds& pause);
+    bool sendStep(const std::string& text, RequestSlot::Placed& placed,
+                  std::chrono::milliseconds& pause);
 
     const std::string m_name;
     std::atomic<bool> m_cancelled{false};

@@ -3,6 +3,7 @@
 #include "FakeAgent.h"
 #include "InfoSegments.h"
 #include "NamedMutex.h"
+#include "PosixSharedMemory.h"
 #include "SegmentMapping.h"
 
 namespace {
@@ -10,6 +11,7 @@ namespace {
 using namespace testsupport;
 using NorvoStreamClient::Clock;
 using NorvoStreamClient::RequestWriter;
+using Placed = NorvoStreamClient::RequestSlot::Placed;
 
 constexpr char kSegment[] = "RequestTest_Info_STREAM2VC";
 
@@ -85,28 +87,28 @@ TEST(RequestWriterTest, PlacesNothingAgainThatWasTaken) {
     ASSERT_TRUE(
         mutex.create((std::string(shared_memory::kSegmentObjectPrefix) + kSegment).c_str()));
 
-    long placed = 0;
+    Placed placed;
     EXPECT_FALSE(requests.step("first", placed));
-    const long first = placed;
+    const long first = placed.id;
     ASSERT_TRUE(mutex.lock());
     auto looks = std::async([&] { return requests.step("first", placed); });
     std::this_thread::sleep_for(20ms);  // until it waits for the mutex
     slot.header()->lockWord2 = 1;       // as when a reader has taken it
     ASSERT_TRUE(mutex.unlock());
     EXPECT_TRUE(looks.get() || requests.step("first", placed));
-    EXPECT_EQ(placed, first);
+    EXPECT_EQ(placed.id, first);
 
     unsigned int length = 0;
     EXPECT_EQ(agent->ReadData(length, 0), "first");
     ++slot.header()->newMessageId;
-    placed = 0;
+    placed = {};
     EXPECT_FALSE(requests.step("second", placed));
     EXPECT_EQ(agent->ReadData(length, 0), "second");
     EXPECT_TRUE(requests.step("second", placed));
 }
 
 // Neither a reader that comes later, and skips the request, nor one that leaves without it, nor one
-// that is going to see a later request has taken it.
+// that is going to see a later request has taken it. What was in a removed segment is lost.
 TEST(RequestWriterTest, IsTakenOnlyByAReaderThatGotIt) {
     useCrewsSegments();
     const auto agentOn = [] {
@@ -114,26 +116,37 @@ TEST(RequestWriterTest, IsTakenOnlyByAReaderThatGotIt) {
         EXPECT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
         return agent;
     };
+    const std::string object = std::to_string(geteuid()) + "CWVDI_" + kSegment;
     NorvoStreamClient::RequestSlot one, other;
     ASSERT_TRUE(one.open(kSegment) && other.open(kSegment));
     auto busy = agentOn();
-    long first = 0, second = 0;
+    Placed first, second;
     EXPECT_FALSE(one.step("first", first));
-    const auto next = agentOn();
+    auto next = agentOn();
     EXPECT_FALSE(other.step("second", second));
-    EXPECT_EQ(second, 0) << "over a request that nobody has taken";
+    EXPECT_EQ(second.id, 0) << "over a request that nobody has taken";
     busy.reset();
     EXPECT_FALSE(one.step("first", first));
     EXPECT_EQ(segmenttest::read(*next), "first");
     EXPECT_TRUE(one.step("first", first));
 
-    first = 0;
+    first = {};
     EXPECT_FALSE(one.step("third", first));
-    ASSERT_TRUE(eventually([&] { return other.step("second", second) || second != 0; }));
+    ASSERT_TRUE(eventually([&] { return other.step("second", second) || second.id != 0; }));
     EXPECT_EQ(segmenttest::read(*next), "second");
     EXPECT_FALSE(one.step("third", first)) << "held up until it was given up";
     EXPECT_EQ(segmenttest::read(*next), "third");
     EXPECT_TRUE(one.step("third", first) && other.step("second", second));
+
+    first = {};
+    EXPECT_FALSE(one.step("fourth", first));
+    next.reset();
+    ASSERT_EQ(VDIFrameworkCommon::shm_unlink_mac(object), 0);
+    std::this_thread::sleep_for(1ms);  // the object was just looked at
+    EXPECT_FALSE(one.step("fourth", first));
+    next = agentOn();
+    EXPECT_FALSE(one.step("fourth", first));
+    EXPECT_EQ(segmenttest::read(*next), "fourth");
 }
 
 TEST(RequestWriterAcrossProcesses, ARequestThatNobodyTakesHoldsUpNoOtherAndArrivesOnce) {
