@@ -236,13 +236,13 @@ Status Client::Impl::nextNotification(Notification& notification, Clock::time_po
 }
 
 Status Client::Impl::request(const std::string& operation, const std::vector<std::string>& fields,
-                             Clock::time_point deadline) {
+                             Clock::time_point deadline, const std::function<bool()>& mayGoOn) {
     const std::string text = textOf(operation, fields);
     if (operation.empty()) return Reason::InvalidArgument;
     if (text.size() > kInfoSegmentSize) return Reason::TooLong;
     if (m_closed) return Reason::Closed;
     if (operation == "RequestVCProcessId") m_view->expectProcessId();
-    if (m_requests.send(text, deadline)) return {};
+    if (m_requests.send(text, deadline, mayGoOn)) return {};
     const Status agent = m_view->agentStanding();
     return agent ? Reason::Timeout : agent;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -33,8 +34,10 @@ public:
                             For users = For::Anyone);
     // Whether a connection's name and options are valid.
     static Status checkConnection(const std::string& name, const ConnectionOptions& options);
-    Status request(const std::string& operation, const std::vector<std::string>& fields,
-                   Clock::time_point deadline);
+    // Gives up once `mayGoOn` returns false.
+    Status request(
+        const std::string& operation, const std::vector<std::string>& fields,
+        Clock::time_point deadline, const std::function<bool()>& mayGoOn = [] { return true; });
     Status nextNotification(Notification& notification, Clock::time_point deadline);
     Status status() const;
     const AgentView& view() const { return *m_view; }

@@ -15,9 +15,9 @@ using VDIFrameworkCommon::LocalLock;
 namespace {
 
 constexpr auto kReadWait = 100ms;
-constexpr auto kWriteWait = 500ms;
 constexpr auto kLongestSleep = 500ms;
-constexpr auto kLastWords = 500ms;
+// For one write, and for all that is said after close().
+constexpr auto kLongestWrite = 500ms;
 // How long the agent has to report the streams of a pair. Once the agents are connected it requests
 // the peer agent's streams, one every 5 ms.
 constexpr auto kAnswer = 100ms;
@@ -183,7 +183,7 @@ void Connection::Impl::close() {
         LocalLock lock(m_mutex);
         if (!m_closed && !m_machine.isOver()) m_machine.abort(Clock::now());
         m_closed = true;
-        m_lastWords = Clock::now() + kLastWords;
+        m_lastWords = Clock::now() + kLongestWrite;
         m_work.notify_all();
         m_news.notify_all();
     }
@@ -283,7 +283,9 @@ Status Connection::Impl::whoseUse(bool inbound, int attempt) {
 std::optional<bool> Connection::Impl::lookUpPair() {
     const std::vector<std::string> pair = {m_name, backOf(m_name)};
     m_client->view().forgetDirections(pair[0], pair[1]);
-    if (!m_client->request("RequestNotifyStream", pair, Clock::now() + 2s)) return std::nullopt;
+    const auto goesOn = [this] { return mayGoOn(); };
+    if (!m_client->request("RequestNotifyStream", pair, Clock::now() + 2s, goesOn))
+        return std::nullopt;
     const auto found = m_client->view().waitForDirection(pair[0], pair[1], Clock::now() + kAnswer);
     if (!found) return std::nullopt;
     return *found == Direction::Read;
@@ -325,7 +327,7 @@ void Connection::Impl::writeLoop() {
         LocalLock lock(m_mutex);
         if (!m_paired) return;
         lock.unlock();
-        m_out->flush(kLastWords);
+        m_out->flush(timeToWrite());
     } catch (const std::exception& failure) {
         NORVO_LOG(Error, "connection ", m_name, " writes no more: ", failure.what());
         fail(Reason::NoMemory);
@@ -346,10 +348,16 @@ bool Connection::Impl::waitForFrame(ConnectionMachine::Frame& frame) {
     }
 }
 
+std::chrono::milliseconds Connection::Impl::timeToWrite() const {
+    LocalLock lock(m_mutex);
+    if (!m_closed) return kLongestWrite;
+    return std::chrono::ceil<std::chrono::milliseconds>(m_lastWords - Clock::now());
+}
+
 // False when the writer should end.
 bool Connection::Impl::send(const std::string& frame) {
     for (;;) {
-        const Status sent = m_out->write(frame.data(), frame.size(), kWriteWait);
+        const Status sent = m_out->write(frame.data(), frame.size(), timeToWrite());
         if (sent) return true;
         LocalLock lock(m_mutex);
         if (m_closed && Clock::now() >= m_lastWords) return false;

@@ -64,6 +64,8 @@ private:
     void writeLoop();
     bool waitForFrame(ConnectionMachine::Frame& frame);
     bool send(const std::string& frame);
+    // How long the next write or flush may take.
+    std::chrono::milliseconds timeToWrite() const;
     bool mayGoOn();
 
     Status standing() const NORVO_REQUIRES(m_mutex);

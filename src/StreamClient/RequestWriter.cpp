@@ -176,7 +176,8 @@ bool RequestWriter::sendStep(const std::string& text, RequestSlot::Placed& place
     return isTaken;
 }
 
-bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {
+bool RequestWriter::send(const std::string& text, Clock::time_point deadline,
+                         const std::function<bool()>& mayGoOn) {
     {
         LocalLock lock(m_mutex);
         if (m_cancelled || !m_slot.open(m_name)) return false;
@@ -185,7 +186,8 @@ bool RequestWriter::send(const std::string& text, Clock::time_point deadline) {
     RequestSlot::Placed placed;
     bool taken = false;
     auto pause = kFirstPause;
-    while (!m_cancelled && !(taken = sendStep(text, placed, pause)) && Clock::now() < deadline) {
+    while (!m_cancelled && !(taken = sendStep(text, placed, pause)) && Clock::now() < deadline &&
+           mayGoOn()) {
         LocalLock lock(m_mutex);
         // The wake-up that one thread waits for may come while another one pauses.
         const auto longest = m_senders > 1 ? kFirstPause : pause;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "AgentView.h"
@@ -73,8 +74,11 @@ public:
 
     // True once an agent has taken `text`. An empty text is a heartbeat: the agent's segment takes
     // it, but the agent itself does not see it. False when no agent took it by `deadline`; an agent
-    // that starts later does not take it either.
-    bool send(const std::string& text, Clock::time_point deadline);
+    // that starts later does not take it either. Also false, within about 100 ms, once `mayGoOn`
+    // returns false.
+    bool send(
+        const std::string& text, Clock::time_point deadline,
+        const std::function<bool()>& mayGoOn = [] { return true; });
 
     // Ends a send on another thread, and makes every later one fail.
     void cancel() { m_cancelled = true; }

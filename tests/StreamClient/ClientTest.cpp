@@ -148,6 +148,20 @@ TEST_F(ClientTest, ClosingEndsEveryWaitAndTheStreamsStayHarmless) {
     in->close();
 }
 
+TEST_F(ClientTest, ClosingAConnectionDoesNotWaitForAnAgentThatIsGone) {
+    auto agent = std::make_unique<FakeAgent>(kName);
+    Client client(options());
+    ASSERT_TRUE(client.waitUntilConnected(kLong));
+    agent.reset();
+    const auto connection = client.connect("CTGone");
+    ASSERT_TRUE(eventually([&] {
+        return connection->waitUntilOpen(0ms).reason() == Reason::NotTakenUp;
+    })) << "it has asked the agent";
+    const auto start = Clock::now();
+    connection->close();
+    EXPECT_LT(Clock::now() - start, 1s);
+}
+
 TEST_F(ClientTest, SaysWhatAStreamLacks) {
     Client client(options());
     const auto stream = client.openStream("CTLacks", Direction::Read, 10);
