@@ -40,7 +40,6 @@ ConnectionMachine::ConnectionMachine(Role role, std::uint64_t epoch, Settings se
       m_lastHeard(now),
       m_nextPing(now),
       m_lastLook(now),
-      m_peerPatience(settings.peerTimeout),
       m_strangerSince(now) {}
 
 void ConnectionMachine::enter(State state, Time now) {
@@ -124,7 +123,7 @@ void ConnectionMachine::hearHello(const ConnectionFrame& frame, Time now) {
     const bool mayAnswer = m_role == Role::Accept || frame.from > m_epoch;
     if (m_state != State::Open && !mayAnswer) return;
     if (m_state == State::Open && frame.from != m_peer) {
-        m_peerPatience = std::min(m_peerPatience, kPatienceBesideACaller);
+        if (!m_callerSince) m_callerSince = now;
         m_nextPing = now;
     } else if (m_state == State::Open) {
         m_nextGreeting = now;  // it has not received the Welcome
@@ -161,7 +160,7 @@ void ConnectionMachine::hearData(const ConnectionFrame& frame, std::string messa
     if (m_state == State::Welcoming) enter(State::Open, now);
     m_lastHeard = now;
     m_nextPing = now + kPingPause;
-    m_peerPatience = m_settings.peerTimeout;
+    m_callerSince.reset();
     if (m_out.hear(frame, now)) m_in.hear(frame, std::move(message), now);
 }
 
@@ -188,7 +187,9 @@ void ConnectionMachine::lookAtTime(Time now) {
 
 ConnectionMachine::Time ConnectionMachine::peerDeadline() const {
     if (!m_pathIsUp) return m_pathSince + m_settings.outage;
-    return std::max(m_lastHeard, m_pathSince) + m_peerPatience;
+    const Time usual = std::max(m_lastHeard, m_pathSince) + m_settings.peerTimeout;
+    if (!m_callerSince) return usual;
+    return std::min<Time>(usual, std::max(*m_callerSince, m_pathSince) + kPatienceBesideACaller);
 }
 
 ConnectionMachine::Frame ConnectionMachine::bare(ConnectionFrame frame) {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -127,7 +128,8 @@ private:
     Time m_lastHeard;
     Time m_nextPing;
     Time m_lastLook;
-    std::chrono::milliseconds m_peerPatience;
+    // Since when another program has called without a sign of the peer.
+    std::optional<Time> m_callerSince;
     // The Reset to send; none when to == 0.
     ConnectionFrame m_reset;
     std::uint64_t m_lastStranger = 0;

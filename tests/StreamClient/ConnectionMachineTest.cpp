@@ -242,6 +242,18 @@ TEST_F(OpenMachines, APartnerMayIdleForLongAndIsGoneWhenItIsSilentForTheStatedTi
     EXPECT_EQ(world.machine(0).failure().reason(), Reason::PeerGone);
 }
 
+TEST_F(OpenMachines, APartnerHasTheStatedTimeToAnswerOnceAnotherProgramCalls) {
+    for (const Time quiet = world.now + 8s; world.now < quiet; world.now += 10ms)
+        world.machine(1).nextFrame(world.now);
+    ConnectionFrame hello;
+    hello.kind = ConnectionFrame::Kind::Hello;
+    hello.from = 1000;
+    std::string message(ConnectionFrame::kHeaderSize, '\0');
+    hello.writeHeader(message.data(), 0);
+    world.machine(1).hear(message, world.now);
+    EXPECT_NEAR(failsAfter(1), 5000, 100);
+}
+
 TEST_F(OpenMachines, ABrokenPathIsEnduredForTheStatedTime) {
     world.setPath(false);
     EXPECT_NEAR(failsAfter(1), 60000, 1000);
