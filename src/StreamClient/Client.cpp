@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cctype>
 #include <exception>
+#include <new>
 #include <system_error>
 
 #include "ActiveVirtualChannelAgentRecorder.h"
@@ -88,13 +89,20 @@ Client::Impl::Impl(Options options)
         if (!m_start) NORVO_LOG(Error, "cannot listen to the agent: ", m_start.text());
         startThreads();
     } catch (const std::system_error& failure) {
-        NORVO_LOG(Error, "cannot start the client's threads: ", failure.what());
-        {
-            LocalLock lock(m_startMutex);
-            m_start = Status(Reason::SystemError, failure.code().value());
-        }
-        close();
+        giveUp(Status(Reason::SystemError, failure.code().value()));
+    } catch (const std::bad_alloc&) {
+        giveUp(Reason::NoMemory);
     }
+}
+
+// Ends the thread that runs, if any, before anything here can fail.
+void Client::Impl::giveUp(const Status& why) {
+    {
+        LocalLock lock(m_startMutex);
+        m_start = why;
+    }
+    close();
+    NORVO_LOG(Error, "cannot start the client: ", why.text());
 }
 
 Status Client::Impl::listen() {

@@ -56,6 +56,7 @@ private:
     // Drops a connection change only when no notification is left to drop.
     static void add(NewsQueue& queue, News news);
     void startThreads();
+    void giveUp(const Status& why);
     // Opens the notification segment and listens; returns why that failed.
     Status listen();
     void listenAfterAll();

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <random>
 #include <system_error>
 
@@ -60,6 +61,8 @@ Connection::Impl::Impl(std::shared_ptr<Client::Impl> client, std::string name, R
         m_writer = std::thread([this] { writeLoop(); });
     } catch (const std::system_error& failure) {
         fail(Status(Reason::SystemError, failure.code().value()));
+    } catch (const std::bad_alloc&) {
+        fail(Reason::NoMemory);
     }
 }
 

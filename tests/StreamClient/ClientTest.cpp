@@ -1,4 +1,5 @@
 // A client with an agent whose INFO side is real and whose streams the test plays.
+#include "AllocationFailure.h"
 #include "FakeAgent.h"
 #include "NorvoStreamClient.h"
 #include "PosixSharedMemory.h"
@@ -160,6 +161,18 @@ TEST_F(ClientTest, ClosingAConnectionDoesNotWaitForAnAgentThatIsGone) {
     const auto start = Clock::now();
     connection->close();
     EXPECT_LT(Clock::now() - start, 1s);
+}
+
+TEST_F(ClientTest, StartsWithAllItsThreadsOrNone) {
+    Options threads = options();
+    threads.onNotification = [](const Notification&) {};
+    failEachAllocation([&] {
+        try {
+            Client client(threads);
+            client.connect("CTScarce");
+        } catch (const std::bad_alloc&) {
+        }
+    });
 }
 
 TEST_F(ClientTest, SaysWhatAStreamLacks) {
