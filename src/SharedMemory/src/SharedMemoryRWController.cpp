@@ -45,6 +45,7 @@ SharedMemoryRWController::~SharedMemoryRWController() { shutdown(); }
 bool SharedMemoryRWController::start() {
     LocalLock lock(m_threadMutex);
     if (m_running) return true;
+    check();  // before a segment of an idle agent can carry anything
     m_running = true;
     try {
         m_checker = std::thread(&SharedMemoryRWController::checkActiveVirtualChannelAgent, this);
@@ -71,13 +72,17 @@ void SharedMemoryRWController::shutdown() {
     }
 }
 
+void SharedMemoryRWController::check() {
+    VDIFrameworkCommon::contained("Looking for another active agent", [this] {
+        const bool allowed = !hasOtherActiveVirtualChannelAgent();
+        m_canRead = allowed;
+        m_canWrite = allowed;
+    });
+}
+
 void SharedMemoryRWController::checkActiveVirtualChannelAgent() {
     while (m_running) {
-        VDIFrameworkCommon::contained("Looking for another active agent", [this] {
-            const bool allowed = !hasOtherActiveVirtualChannelAgent();
-            m_canRead = allowed;
-            m_canWrite = allowed;
-        });
+        check();
         MemoryBlock::freeOld();
         m_event.timedWait(kCheckEveryMs);
     }

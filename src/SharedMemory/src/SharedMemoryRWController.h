@@ -20,8 +20,8 @@ public:
     SharedMemoryRWController& operator=(const SharedMemoryRWController&) = delete;
     ~SharedMemoryRWController();
 
-    // As of the last check, which is at most 500 ms old while the checker thread runs. True before
-    // the first check; after shutdown() the last value.
+    // As of the last check, which is at most 500 ms old while the checker thread runs; after
+    // shutdown() the last value.
     bool canRead() const { return m_canRead.load(std::memory_order_relaxed); }
     bool canWrite() const { return m_canWrite.load(std::memory_order_relaxed); }
 
@@ -30,16 +30,17 @@ public:
     bool markCurrentVirtualChannelAgentAsActive();
     void clearActiveVirtualChannelAgent();
 
-    // Starts the checker thread unless it runs. Every segment calls this when it is set up, so
-    // checking resumes for an agent built after another one's shutdown(). The thread also frees
-    // what MemoryBlock keeps; without it nothing is kept. False, after a log line, when the system
-    // refuses the thread.
+    // Checks, and starts the checker thread, unless it runs. Every segment calls this when it is
+    // set up, so checking resumes for an agent built after another one's shutdown(). The thread
+    // also frees what MemoryBlock keeps; without it nothing is kept. False, after a log line, when
+    // the system refuses the thread.
     bool start();
     // Ends and joins the checker thread. May be called at any time, repeatedly.
     void shutdown();
 
 private:
     SharedMemoryRWController();
+    void check();
     // The checker thread's body.
     void checkActiveVirtualChannelAgent();
 
