@@ -117,14 +117,18 @@ bool RequestSlot::isAwaited() {
     return isAwaited;
 }
 
-long RequestSlot::place(const std::string& text) {
-    // A reader that has not taken the previous message never will, but it is going to see a later
-    // one: for the previous one it counts like a reader that came too late.
-    const long previous = m_slot.header().newMessageId;
+// If nobody has taken the message in the slot nobody ever will, but its readers are going to see a
+// later one: for this one they count like readers that came too late.
+void RequestSlot::giveUpReaders() {
+    if (isTakenFromSlot()) return;
+    const long id = m_slot.header().newMessageId;
     m_slot.registry().forEachOther([&](RegistryEntry& entry) {
-        if (wasThereBefore(entry, previous) && entry.countedAfterId != previous)
-            entry.since = previous;
+        if (wasThereBefore(entry, id)) entry.since = id;
     });
+}
+
+long RequestSlot::place(const std::string& text) {
+    giveUpReaders();
     // Overrides what a dead writer may have left: nobody else writes without the mutex.
     m_slot.header().writerLockCount = 1;
     storeBroadcast(m_slot, text.data(), static_cast<unsigned int>(text.size()));

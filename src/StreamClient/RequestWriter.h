@@ -55,6 +55,7 @@ private:
     bool isTakenFromSlot();
     bool isAwaited();
     bool mayPlace(Clock::time_point now);
+    void giveUpReaders();
     long place(const std::string& text);
 
     shared_memory::SlotGate m_gate;
