@@ -155,9 +155,9 @@ TEST_F(ClientTest, ClosingAConnectionDoesNotWaitForAnAgentThatIsGone) {
     ASSERT_TRUE(client.waitUntilConnected(kLong));
     agent.reset();
     const auto connection = client.connect("CTGone");
-    ASSERT_TRUE(eventually([&] {
-        return connection->waitUntilOpen(0ms).reason() == Reason::NotTakenUp;
-    })) << "it has asked the agent";
+    // Until it asks the agent.
+    ASSERT_TRUE(
+        eventually([&] { return connection->waitUntilOpen(0ms).reason() == Reason::NotTakenUp; }));
     const auto start = Clock::now();
     connection->close();
     EXPECT_LT(Clock::now() - start, 1s);

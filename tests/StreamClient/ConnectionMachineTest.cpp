@@ -229,6 +229,16 @@ protected:
         }
         return std::chrono::duration<double, std::milli>(world.now - start).count();
     }
+    // The second end receives a frame of the first one, changed by `lie`.
+    void hear(std::size_t length, void (*lie)(ConnectionFrame&)) {
+        ConnectionFrame frame;
+        frame.from = 101;
+        frame.to = 102;
+        lie(frame);
+        std::string message(ConnectionFrame::kHeaderSize + length, 'x');
+        frame.writeHeader(message.data(), length);
+        world.machine(1).hear(message, world.now);
+    }
     World world{1};
 };
 
@@ -245,12 +255,11 @@ TEST_F(OpenMachines, APartnerMayIdleForLongAndIsGoneWhenItIsSilentForTheStatedTi
 TEST_F(OpenMachines, APartnerHasTheStatedTimeToAnswerOnceAnotherProgramCalls) {
     for (const Time quiet = world.now + 8s; world.now < quiet; world.now += 10ms)
         world.machine(1).nextFrame(world.now);
-    ConnectionFrame hello;
-    hello.kind = ConnectionFrame::Kind::Hello;
-    hello.from = 1000;
-    std::string message(ConnectionFrame::kHeaderSize, '\0');
-    hello.writeHeader(message.data(), 0);
-    world.machine(1).hear(message, world.now);
+    hear(0, [](auto& frame) {
+        frame.kind = ConnectionFrame::Kind::Hello;
+        frame.from = 1000;
+        frame.to = 0;
+    });
     EXPECT_NEAR(failsAfter(1), 5000, 100);
 }
 
@@ -272,21 +281,11 @@ TEST_F(OpenMachines, AnAbortIsToldToThePartnerWhichKeepsWhatHasCome) {
 }
 
 TEST_F(OpenMachines, FramesThatCannotBeTrueChangeNothing) {
-    Machine& machine = world.machine(1);
-    const auto hear = [&](std::size_t length, auto&& lie) {
-        ConnectionFrame frame;
-        frame.from = 101;
-        frame.to = 102;
-        lie(frame);
-        std::string message(ConnectionFrame::kHeaderSize + length, 'x');
-        frame.writeHeader(message.data(), length);
-        machine.hear(message, world.now);
-    };
     hear(0, [](auto& frame) { frame.acked = 1; });  // acknowledges what was never sent
     hear(0, [](auto& frame) { frame.seen = 1000; });
     hear(kCapacity + 1, [](auto& frame) { frame.number = 1; });  // exceeds the capacity
-    machine.hear("too short", world.now);
-    EXPECT_FALSE(machine.hasData());
+    world.machine(1).hear("too short", world.now);
+    EXPECT_FALSE(world.machine(1).hasData());
     world.write(0);
     ASSERT_NO_FATAL_FAILURE(world.expectAllArrives());
 }

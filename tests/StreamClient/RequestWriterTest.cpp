@@ -30,11 +30,16 @@ CHILD_ROLE(request_sender) {
     return sendNumbered(args.at(0), count) == count ? 0 : 1;
 }
 
-// An agent that opens its segment and takes nothing.
-CHILD_ROLE(request_reader) {
+// An agent that opens its segment and takes nothing by itself.
+std::shared_ptr<shared_memory::SharedMemoryI> idleAgent() {
     useCrewsSegments();
-    const auto segment = segmenttest::broadcast();
-    if (!segment->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize)) return 1;
+    auto segment = segmenttest::broadcast();
+    EXPECT_TRUE(segment->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
+    return segment;
+}
+
+CHILD_ROLE(request_reader) {
+    const auto segment = idleAgent();
     say("ready");
     hear();
     return 0;
@@ -56,29 +61,10 @@ TEST(RequestWriterTest, IsTakenByTheAgentThatLivesAndByNobodyElse) {
     EXPECT_FALSE(writer.send("nobody any more", Clock::now() + 50ms));
 }
 
-TEST(RequestWriterTest, GoesOnAfterAMessageThatWasNeverFinished) {
-    useCrewsSegments();
-    const auto agent = segmenttest::broadcast();
-    ASSERT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
-    shared_memory::SegmentMapping slot;
-    ASSERT_TRUE(slot.open(kSegment, VDIFrameworkCommon::kInfoSegmentSize, false));
-    slot.header()->lockWord2 = 0;
-    const long before = slot.header()->newMessageId;
-    RequestWriter writer(kSegment);
-    auto sent = std::async([&] { return writer.send("after all", Clock::now() + 20s); });
-    ASSERT_TRUE(eventually([&] { return slot.header()->newMessageId != before; }, 10s));
-    unsigned int length = 0;
-    EXPECT_EQ(agent->ReadData(length, 0), "after all");
-    EXPECT_TRUE(sent.get());
-}
-
 // Neither while the writer looks at the slot, nor after the message of a client that was killed
 // before it had reset the count of ready readers: the reader then counts like a newcomer.
 TEST(RequestWriterTest, PlacesNothingAgainThatWasTaken) {
-    useCrewsSegments();
-    const auto agent =
-        shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
-    ASSERT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
+    const auto agent = idleAgent();
     shared_memory::SegmentMapping slot;
     ASSERT_TRUE(slot.open(kSegment, VDIFrameworkCommon::kInfoSegmentSize, false));
     NorvoStreamClient::RequestSlot requests;
@@ -98,31 +84,24 @@ TEST(RequestWriterTest, PlacesNothingAgainThatWasTaken) {
     EXPECT_TRUE(looks.get() || requests.step("first", placed));
     EXPECT_EQ(placed.id, first);
 
-    unsigned int length = 0;
-    EXPECT_EQ(agent->ReadData(length, 0), "first");
+    EXPECT_EQ(segmenttest::read(*agent), "first");
     ++slot.header()->newMessageId;
     placed = {};
     EXPECT_FALSE(requests.step("second", placed));
-    EXPECT_EQ(agent->ReadData(length, 0), "second");
+    EXPECT_EQ(segmenttest::read(*agent), "second");
     EXPECT_TRUE(requests.step("second", placed));
 }
 
 // Neither a reader that comes later, and skips the request, nor one that leaves without it, nor one
 // that is going to see a later request has taken it. What was in a removed segment is lost.
 TEST(RequestWriterTest, IsTakenOnlyByAReaderThatGotIt) {
-    useCrewsSegments();
-    const auto agentOn = [] {
-        auto agent = segmenttest::broadcast();
-        EXPECT_TRUE(agent->Open(kSegment, VDIFrameworkCommon::kInfoSegmentSize));
-        return agent;
-    };
+    auto busy = idleAgent();
     const std::string object = std::to_string(geteuid()) + "CWVDI_" + kSegment;
     NorvoStreamClient::RequestSlot one, other;
     ASSERT_TRUE(one.open(kSegment) && other.open(kSegment));
-    auto busy = agentOn();
     Placed first, second;
     EXPECT_FALSE(one.step("first", first));
-    auto next = agentOn();
+    auto next = idleAgent();
     EXPECT_FALSE(other.step("second", second));
     EXPECT_EQ(second.id, 0) << "over a request that nobody has taken";
     busy.reset();
@@ -144,7 +123,7 @@ TEST(RequestWriterTest, IsTakenOnlyByAReaderThatGotIt) {
     ASSERT_EQ(VDIFrameworkCommon::shm_unlink_mac(object), 0);
     std::this_thread::sleep_for(1ms);  // the object was just looked at
     EXPECT_FALSE(one.step("fourth", first));
-    next = agentOn();
+    next = idleAgent();
     EXPECT_FALSE(one.step("fourth", first));
     EXPECT_EQ(segmenttest::read(*next), "fourth");
 }
