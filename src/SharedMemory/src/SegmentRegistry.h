@@ -29,8 +29,9 @@ struct RegistryEntry {
     // as ready; other ends change the latter when they change the segment's ID without a message.
     std::atomic<long> lastSeenId;
     std::atomic<long> countedAfterId;
-    // Broadcast reader: the last message ID when it opened. One of several writers: the value it
-    // has put into the lock word, 0 while it does not hold the lock.
+    // Broadcast reader: the last message ID when it opened; of requests, a writer raises it to that
+    // of one which the reader has left. One of several writers: the value it has put into the lock
+    // word, 0 while it does not hold the lock.
     std::atomic<long> since;
     std::atomic<std::uint32_t> role;
     // Broadcast reader: 1 while it is counted among those inside a read.
