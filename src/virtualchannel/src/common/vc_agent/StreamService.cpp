@@ -107,7 +107,10 @@ bool StreamService::admits(const StreamDetails& wanted, Requester requester) {
                                         load);
     };
     std::string_view refusal = refusalWith(m_load);
-    if (!refusal.empty() && refusalWith({}).empty()) {
+    // The peer's requests come while unused streams are looked for anyway, and on a thread of the
+    // host's, which must not wait for their end.
+    const bool mayMakeRoom = requester == Requester::LocalProcess && refusalWith({}).empty();
+    if (!refusal.empty() && mayMakeRoom) {
         freeUnusedOnes();
         refusal = refusalWith(m_load);
     }

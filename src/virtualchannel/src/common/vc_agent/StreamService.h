@@ -17,7 +17,7 @@ namespace VirtualChannelAgent {
 // process has open and neither side has used for a minute. A stream requested by a local process
 // whose use cannot be seen (it does not use this framework) is never freed. A stream made at the
 // peer's request is freed with its segment. Unused streams are looked for while the agents are
-// connected, and when another stream finds no room. Any thread.
+// connected, and when a local process's stream finds no room. Any thread.
 class StreamService {
 public:
     StreamService(AgentContext& context, StreamTable& streams)
