@@ -11,7 +11,11 @@ using NorvoVirtualChannel::StreamSend;
 
 namespace {
 
-constexpr FlowLimits kLimits{.slice = 2, .quantum = 4, .backlog = 6, .lowWater = 3, .stage = 8};
+constexpr FlowLimits limits(std::size_t alone) {
+    return {.slice = 2, .quantum = 4, .backlog = 6, .alone = alone, .lowWater = 3, .stage = 8};
+}
+constexpr FlowLimits kLimits = limits(6);
+constexpr FlowLimits kDeeperAlone = limits(10);
 
 class TurnstileTest : public testing::Test {
 protected:
@@ -37,7 +41,7 @@ protected:
         Sender m_sender;
     };
 
-    TurnstileTest() {
+    explicit TurnstileTest(const FlowLimits& limits = kLimits) : m_limits(limits) {
         m_turnstile.open();
         m_turnstile.setAvailable(true, &m_worker);
     }
@@ -64,8 +68,8 @@ protected:
         m_ran.clear();
         for (std::size_t i = 0; i < count; ++i) {
             m_turnstile.refill(m_worker);
-            EXPECT_LE(m_worker.backlog(false), kLimits.backlog);
-            EXPECT_LE(m_worker.backlog(true), kLimits.backlog);
+            EXPECT_LE(m_worker.backlog(false), m_limits.alone);
+            EXPECT_LE(m_worker.backlog(true), m_limits.alone);
             if (const WorkItem item = m_worker.popWork()) item->DoWork();
         }
         return m_ran;
@@ -83,8 +87,13 @@ protected:
     std::string m_ran;
     std::atomic<bool> m_goesOn{true};
     std::size_t m_waiting = 0;
-    Turnstile m_turnstile{kLimits};
+    const FlowLimits m_limits;
+    Turnstile m_turnstile{m_limits};
     WorkerThread m_worker{{}, &m_turnstile};
+};
+
+struct DeeperAloneTest : TurnstileTest {
+    DeeperAloneTest() : TurnstileTest(kDeeperAlone) {}
 };
 
 }  // namespace
@@ -101,6 +110,19 @@ TEST_F(TurnstileTest, ShortMessagesComeBetweenTheSlicesOfLongOnesThreeForOne) {
 
 TEST_F(TurnstileTest, LowPriorityIsALaneOfItsOwn) {
     expectOrder({{'l', 8, true}, {'h', 6}}, "hhhlhhhlllllll");
+}
+
+TEST_F(DeeperAloneTest, AThreadThatHasTheLaneToItselfMayQueueMoreOfLongMessages) {
+    const auto start = std::chrono::steady_clock::now();
+    auto first = bring({'a', 12});
+    EXPECT_EQ(m_worker.backlog(false), m_limits.alone);
+    auto second = bring({'b', 8});
+    EXPECT_EQ(run(8), "aaaaaaaa");  // the last of them after a refill
+    const bool isLate = std::chrono::steady_clock::now() - start > std::chrono::milliseconds(200);
+    EXPECT_TRUE(isLate || m_worker.backlog(false) < m_limits.backlog) << m_worker.backlog(false);
+    EXPECT_EQ(run(12), "aaaabbbbbbbb");
+    EXPECT_EQ(first.get(), StreamSend::Sent);
+    EXPECT_EQ(second.get(), StreamSend::Sent);
 }
 
 TEST_F(TurnstileTest, AMessageOfManyStagesArrivesWhole) {

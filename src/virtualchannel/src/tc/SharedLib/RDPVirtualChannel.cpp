@@ -13,7 +13,7 @@ constexpr ChannelProfile kProfile{
     .packetsToSendPerBreak = 10,
     .breakTime = 3,
     .observerCalls = ObserverCalls::Concurrent,
-    .flow = {.slice = 10, .quantum = 10, .backlog = 33, .lowWater = 22, .stage = 60},
+    .flow = {.slice = 10, .quantum = 10, .backlog = 33, .alone = 33, .lowWater = 22, .stage = 60},
     .name = "RDPVirtualChannel",
     .source = "src/virtualchannel/src/tc/SharedLib/RDPVirtualChannel",
 };

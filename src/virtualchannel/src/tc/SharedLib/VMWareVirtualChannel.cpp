@@ -13,7 +13,7 @@ constexpr ChannelProfile kProfile{
     .packetsToSendPerBreak = 10,
     .breakTime = 10,
     .observerCalls = ObserverCalls::OneAtATime,
-    .flow = {.slice = 3, .quantum = 3, .backlog = 10, .lowWater = 6, .stage = 60},
+    .flow = {.slice = 3, .quantum = 3, .backlog = 10, .alone = 10, .lowWater = 6, .stage = 60},
     .name = "VMWareVirtualChannel",
     .source = "src/virtualchannel/src/tc/SharedLib/VMWareVirtualChannel",
 };

@@ -9,10 +9,12 @@
 namespace NorvoVirtualChannel::tc {
 
 using VDIFrameworkCommon::LocalLock;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 constexpr unsigned int kShortPerSlice = 3;
-}
+constexpr std::chrono::milliseconds kAlone{200};
+}  // namespace
 
 // ---- The lock
 
@@ -69,6 +71,7 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
         sender.stage.clear();
         sender.next = 0;
         message.cut(m_limits.stage, sender.stage);
+        bool waits = false;
         {
             const Section section(*this);
             if (!sender.begun) epoch = m_epoch;
@@ -78,11 +81,12 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
             if (!sender.isShort) noteWaiting();
             fill(lowPriority, worker);
             noteWaiting();
+            waits = sender.waits;
         }
         // The worker may have emptied its queue, found nobody waiting and parked meanwhile. It may
         // run at once on this processor, and must not have to wait for the lock.
         worker.signal();
-        waitForTurn(sender, lowPriority, goesOn);
+        if (waits) waitForTurn(sender, lowPriority, goesOn);
         if (sender.left() > 0) return sender.outcome(sender.ifNotBegun);
     }
     return StreamSend::Sent;
@@ -107,9 +111,18 @@ std::size_t Turnstile::waiting() const {
 }
 
 void Turnstile::enter(Sender& sender, bool lowPriority) {
-    Senders& senders = m_lanes[lowPriority].sendersLike(sender);
+    Lane& lane = m_lanes[lowPriority];
+    noteUser(lane);
+    Senders& senders = lane.sendersLike(sender);
     senders.splice(senders.end(), sender.place);
     sender.waits = true;
+}
+
+void Turnstile::noteUser(Lane& lane) {
+    const auto self = std::this_thread::get_id();
+    if (lane.user != self) lane.sharedAt = lane.usedAt;
+    lane.user = self;
+    lane.usedAt = Clock::now();
 }
 
 void Turnstile::leave(Sender& sender, bool lowPriority) {
@@ -161,7 +174,7 @@ void Turnstile::fill(bool lowPriority, WorkerThread& worker) {
     while (!lane.isEmpty()) {
         Senders& senders = nextIn(lane);
         const std::size_t count = nextSlice(lane, *senders.front());
-        if (worker.backlog(lowPriority) + count > m_limits.backlog) break;
+        if (!hasRoom(lane, *senders.front(), worker.backlog(lowPriority) + count)) break;
         lane.shortInARow = &senders == &lane.longOnes ? 0 : lane.shortInARow + 1;
         take(lane, senders, count, worker);
     }
@@ -171,6 +184,12 @@ Turnstile::Senders& Turnstile::nextIn(Lane& lane) {
     const bool shortOne =
         !lane.shortOnes.empty() && (lane.longOnes.empty() || lane.shortInARow < kShortPerSlice);
     return shortOne ? lane.shortOnes : lane.longOnes;
+}
+
+// Whether the worker's queue may grow to so many packets.
+bool Turnstile::hasRoom(const Lane& lane, const Sender& sender, std::size_t packets) const {
+    if (packets <= m_limits.backlog) return true;
+    return packets <= m_limits.alone && !sender.isShort && Clock::now() - lane.sharedAt >= kAlone;
 }
 
 std::size_t Turnstile::nextSlice(const Lane& lane, const Sender& sender) const {

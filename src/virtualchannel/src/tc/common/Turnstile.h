@@ -2,11 +2,13 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <span>
+#include <thread>
 #include <vector>
 
 #include "LocalMutex.h"
@@ -20,13 +22,16 @@ struct FlowLimits {
     std::size_t slice;     // taken from a message at a time; a message that fits in one is short
     std::size_t quantum;   // taken from a message before it is the next one's turn
     std::size_t backlog;   // most packets in one queue of the worker
+    std::size_t alone;     // the same for long messages of a sender that has the lane to itself
     std::size_t lowWater;  // a queue this short is refilled
     std::size_t stage;     // cut ahead from a waiting message
 };
 
 // Holds messages of streams until the worker has room for them. Of each, the next stage is already
 // cut into packets. Long messages take turns of one quantum; up to three short ones go between two
-// of their slices. Each priority has its own lane, for one of the worker's queues.
+// of their slices. Each priority has its own lane, for one of the worker's queues. While only one
+// thread uses a lane there is nobody whom a deeper queue would delay, and the two threads change
+// places less often.
 //
 // This is the streams' flow control: the sending thread waits here and meanwhile takes nothing more
 // from its segment.
@@ -98,6 +103,9 @@ private:
         Senders longOnes;      // it is the front one's turn
         std::size_t turn = 0;  // packets taken in this turn
         unsigned int shortInARow = 0;
+        std::thread::id user;                            // the last one
+        std::chrono::steady_clock::time_point usedAt;    // by that one
+        std::chrono::steady_clock::time_point sharedAt;  // when another one used it last
         // A sender waits for room. Polled by the worker before each packet.
         std::atomic<bool> waits{false};
     };
@@ -117,6 +125,7 @@ private:
     static constexpr std::size_t kConditions = 64;
 
     void enter(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
+    static void noteUser(Lane& lane);
     void waitForTurn(Sender& sender, bool lowPriority, const std::function<bool()>& goesOn)
         NORVO_EXCLUDES(m_mutex);
     void leave(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
@@ -124,6 +133,8 @@ private:
     void sendAllAway(StreamSend ifNotBegun) NORVO_REQUIRES(m_mutex);
     void fill(bool lowPriority, WorkerThread& worker) NORVO_REQUIRES(m_mutex);
     Senders& nextIn(Lane& lane) NORVO_REQUIRES(m_mutex);
+    bool hasRoom(const Lane& lane, const Sender& sender, std::size_t packets) const
+        NORVO_REQUIRES(m_mutex);
     std::size_t nextSlice(const Lane& lane, const Sender& sender) const NORVO_REQUIRES(m_mutex);
     void take(Lane& lane, Senders& senders, std::size_t count, WorkerThread& worker)
         NORVO_REQUIRES(m_mutex);
