@@ -48,20 +48,21 @@ void Agent::run(int stop) {
     Clock::time_point nextBlindTry;
     do {
         const DesktopSession session = desktopSession(m_display);
-        if (session != DesktopSession::None) {
+        if (session.state != DesktopSession::None) {
             m_hadSession = true;
             m_lastSeen = Clock::now();
         }
         if (sessionHasEnded()) return say("the desktop's session has ended");
-        if (session == DesktopSession::NoClient) {
+        if (session.state == DesktopSession::NoClient) {
             say("waiting for a client");
-        } else if (session == DesktopSession::Attached) {
-            if (!serve(stop)) say("waiting: a client is there, but the channel cannot be opened");
+        } else if (session.state == DesktopSession::Attached) {
+            if (!serve(stop, session.client))
+                say("waiting: a client is there, but the channel cannot be opened");
         } else {
             say("waiting for xrdp's channel server of display :" + std::to_string(m_display));
             // There may be a session even if the system does not list the sockets.
             if (Clock::now() < nextBlindTry) continue;
-            serve(stop);
+            serve(stop, session.client);
             nextBlindTry = Clock::now() + kBlindPause;
         }
     } while (!waitFor(stop, kWaitingPause));
@@ -71,13 +72,13 @@ bool Agent::sessionHasEnded() {
     return m_hadSession && Clock::now() - m_lastSeen > kLongestAbsence;
 }
 
-bool Agent::serve(int stop) {
+bool Agent::serve(int stop, std::uint64_t client) {
     auto channel = m_api.open(m_plugin.getChannelName());
     if (!channel) return false;
     setChannel(std::move(channel));
     say("channel open");
     m_plugin.ChannelActive(1);
-    const std::string why = passOnUntilTheEnd(stop);
+    const std::string why = passOnUntilTheEnd(stop, client);
     m_leaving = true;
     m_plugin.ChannelActive(0);
     setChannel(nullptr);
@@ -85,7 +86,7 @@ bool Agent::serve(int stop) {
     return true;
 }
 
-std::string Agent::passOnUntilTheEnd(int stop) {
+std::string Agent::passOnUntilTheEnd(int stop, std::uint64_t client) {
     PacketSplitter splitter(kRdpPacket);
     pollfd waited[2] = {{m_channel->socket(), POLLIN, 0}, {stop, POLLIN, 0}};
     auto nextLook = Clock::now();
@@ -94,9 +95,12 @@ std::string Agent::passOnUntilTheEnd(int stop) {
         if (waited[1].revents) return "the agent stops";
         if (Clock::now() >= nextLook) {
             const DesktopSession session = desktopSession(m_display);
-            if (session == DesktopSession::NoClient) return "the client has left";
-            if (session == DesktopSession::Attached) m_lastSeen = Clock::now();
-            m_hadSession = m_hadSession || session == DesktopSession::Attached;
+            const bool isAttached = session.state == DesktopSession::Attached;
+            if (session.state == DesktopSession::NoClient) return "the client has left";
+            if (isAttached && client != 0 && session.client != client)
+                return "another client is there, or the same one again";
+            if (isAttached) m_lastSeen = Clock::now();
+            m_hadSession = m_hadSession || isAttached;
             nextLook = Clock::now() + std::chrono::milliseconds(kServingPause);
         }
         if (!waited[0].revents) continue;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,9 +30,10 @@ private:
 
     static int append(const void* data, std::uint32_t length, std::uintptr_t, void* self);
     void send(const unsigned char* bytes, std::size_t size);
-    // Connects the channel to the plug-in until the client leaves. False if it cannot be opened.
-    bool serve(int stop);
-    std::string passOnUntilTheEnd(int stop);
+    // Connects the channel to the plug-in until that client leaves (0: any). False if it cannot be
+    // opened.
+    bool serve(int stop, std::uint64_t client);
+    std::string passOnUntilTheEnd(int stop, std::uint64_t client);
     bool sessionHasEnded();
     void setChannel(std::unique_ptr<XrdpApi::Channel> channel);
     // Prints why the agent waits, or that it no longer does, to standard output and the plug-in's

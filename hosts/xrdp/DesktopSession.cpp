@@ -39,15 +39,16 @@ bool isOn(std::istream& ini, const std::string& section, const std::string& name
 // Each line: number, references, protocol, flags, type, state, inode, path.
 DesktopSession desktopSession(std::istream& sockets, int display) {
     const std::string end = "/xrdp_chansrv_socket_" + std::to_string(display);
-    DesktopSession result = DesktopSession::None;
+    DesktopSession result;
     for (std::string line; std::getline(sockets, line);) {
         if (!line.ends_with(end)) continue;
         std::istringstream fields(line);
         std::string ignored;
         std::string state;
-        fields >> ignored >> ignored >> ignored >> ignored >> ignored >> state;
-        if (state == "03") return DesktopSession::Attached;
-        result = DesktopSession::NoClient;
+        std::uint64_t inode = 0;
+        fields >> ignored >> ignored >> ignored >> ignored >> ignored >> state >> inode;
+        if (state == "03") return {DesktopSession::Attached, inode};
+        result.state = DesktopSession::NoClient;
     }
     return result;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <iosfwd>
 #include <string>
 
@@ -7,10 +8,15 @@ namespace hosts {
 
 // The state of a display's RDP session by /proc/net/unix. xrdp's own interface does not show it:
 // a channel opens without a client, and stays open when the client leaves.
-enum class DesktopSession {
-    None,      // no xrdp session has this display, or the system does not show it
-    NoClient,  // nobody is connected to it
-    Attached,
+struct DesktopSession {
+    enum State {
+        None,      // no xrdp session has this display, or the system does not show it
+        NoClient,  // nobody is connected to it
+        Attached,
+    };
+    State state = None;
+    // Attached: another number for each client, also for one that has left and come back.
+    std::uint64_t client = 0;
 };
 
 // `sockets`: the text of /proc/net/unix. `display`: the number in DISPLAY.

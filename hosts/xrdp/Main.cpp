@@ -72,12 +72,13 @@ int check(const Options& options) {
     if (display >= 0) {
         const auto session = hosts::desktopSession(display);
         const std::string socket = "xrdp_chansrv_socket_" + std::to_string(display);
-        list.add(session != hosts::DesktopSession::None, "xrdp's channel server (" + socket + ")",
+        list.add(session.state != hosts::DesktopSession::None,
+                 "xrdp's channel server (" + socket + ")",
                  "display :" + std::to_string(display) +
                      " is none of xrdp's, or xrdp-chansrv "
                      "does not run there");
-        if (session != hosts::DesktopSession::None)
-            std::cout << (session == hosts::DesktopSession::Attached
+        if (session.state != hosts::DesktopSession::None)
+            std::cout << (session.state == hosts::DesktopSession::Attached
                               ? "         a client is attached\n"
                               : "         no client is attached\n");
     }
@@ -112,7 +113,7 @@ bool lockDisplay(int display) {
 int run(const Options& options) {
     const int display = hosts::displayNumber(std::getenv("DISPLAY"));
     const bool inXrdp = std::getenv("XRDP_SESSION") ||
-                        hosts::desktopSession(display) != hosts::DesktopSession::None;
+                        hosts::desktopSession(display).state != hosts::DesktopSession::None;
     if (options.autostart && !inXrdp) return 0;
     if (display < 0)
         throw std::runtime_error("DISPLAY is not set: run it inside the desktop, as its user");

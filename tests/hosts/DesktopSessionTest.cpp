@@ -15,9 +15,10 @@ TEST(DesktopSession, IsToldByTheChannelServersSocketAndAllowsTheChannelsThatXrdp
         sockets.seekg(0);
         return desktopSession(sockets, display);
     };
-    EXPECT_EQ(sessionOf(10), DesktopSession::NoClient);
-    EXPECT_EQ(sessionOf(1), DesktopSession::Attached);
-    EXPECT_EQ(sessionOf(0), DesktopSession::None);
+    EXPECT_EQ(sessionOf(10).state, DesktopSession::NoClient);
+    EXPECT_EQ(sessionOf(1).state, DesktopSession::Attached);
+    EXPECT_EQ(sessionOf(1).client, 3u);
+    EXPECT_EQ(sessionOf(0).state, DesktopSession::None);
 
     for (const auto& [text, number] : {std::pair{":10.0", 10}, {"host:3", 3}, {"", -1}, {":x", -1}})
         EXPECT_EQ(displayNumber(text), number) << text;
