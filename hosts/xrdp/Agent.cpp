@@ -86,6 +86,17 @@ bool Agent::serve(int stop, std::uint64_t client) {
     return true;
 }
 
+std::string Agent::whyToClose(std::uint64_t client) {
+    const DesktopSession session = desktopSession(m_display);
+    if (session.state == DesktopSession::NoClient) return "the client has left";
+    if (session.state != DesktopSession::Attached) return "";
+    if (client != 0 && session.client != client)
+        return "another client is there, or the same one again";
+    m_lastSeen = Clock::now();
+    m_hadSession = true;
+    return "";
+}
+
 std::string Agent::passOnUntilTheEnd(int stop, std::uint64_t client) {
     PacketSplitter splitter(kRdpPacket);
     pollfd waited[2] = {{m_channel->socket(), POLLIN, 0}, {stop, POLLIN, 0}};
@@ -94,13 +105,7 @@ std::string Agent::passOnUntilTheEnd(int stop, std::uint64_t client) {
         if (poll(waited, 2, kServingPause) < 0 && errno != EINTR) return std::strerror(errno);
         if (waited[1].revents) return "the agent stops";
         if (Clock::now() >= nextLook) {
-            const DesktopSession session = desktopSession(m_display);
-            const bool isAttached = session.state == DesktopSession::Attached;
-            if (session.state == DesktopSession::NoClient) return "the client has left";
-            if (isAttached && client != 0 && session.client != client)
-                return "another client is there, or the same one again";
-            if (isAttached) m_lastSeen = Clock::now();
-            m_hadSession = m_hadSession || isAttached;
+            if (const std::string why = whyToClose(client); !why.empty()) return why;
             nextLook = Clock::now() + std::chrono::milliseconds(kServingPause);
         }
         if (!waited[0].revents) continue;

@@ -34,6 +34,9 @@ private:
     // opened.
     bool serve(int stop, std::uint64_t client);
     std::string passOnUntilTheEnd(int stop, std::uint64_t client);
+    // Looks whether that client is still there. Empty while it is, or when the system does not
+    // tell.
+    std::string whyToClose(std::uint64_t client);
     bool sessionHasEnded();
     void setChannel(std::unique_ptr<XrdpApi::Channel> channel);
     // Prints why the agent waits, or that it no longer does, to standard output and the plug-in's
