@@ -105,7 +105,7 @@ std::string Agent::passOnUntilTheEnd(int stop, std::uint64_t client) {
         if (poll(waited, 2, kServingPause) < 0 && errno != EINTR) return std::strerror(errno);
         if (waited[1].revents) return "the agent stops";
         if (Clock::now() >= nextLook) {
-            if (const std::string why = whyToClose(client); !why.empty()) return why;
+            if (std::string why = whyToClose(client); !why.empty()) return why;
             nextLook = Clock::now() + std::chrono::milliseconds(kServingPause);
         }
         if (!waited[0].revents) continue;
