@@ -14,6 +14,8 @@ using Clock = std::chrono::steady_clock;
 namespace {
 constexpr unsigned int kShortPerSlice = 3;
 constexpr std::chrono::milliseconds kAlone{200};
+// For a backlog of packets.
+constexpr std::chrono::milliseconds kFast{2};
 }  // namespace
 
 // ---- The lock
@@ -125,6 +127,15 @@ void Turnstile::noteUser(Lane& lane) {
     lane.usedAt = Clock::now();
 }
 
+void Turnstile::notePace(Lane& lane, std::size_t backlog) const {
+    const std::ptrdiff_t sent = lane.queued - static_cast<std::ptrdiff_t>(backlog);
+    if (sent - lane.sentAtMark < static_cast<std::ptrdiff_t>(m_limits.backlog)) return;
+    const auto now = Clock::now();
+    lane.isFast = now - lane.markedAt < kFast;
+    lane.sentAtMark = sent;
+    lane.markedAt = now;
+}
+
 void Turnstile::leave(Sender& sender, bool lowPriority) {
     Lane& lane = m_lanes[lowPriority];
     Senders& senders = lane.sendersLike(sender);
@@ -171,6 +182,7 @@ void Turnstile::refill(WorkerThread& worker) {
 void Turnstile::fill(bool lowPriority, WorkerThread& worker) {
     Lane& lane = m_lanes[lowPriority];
     if (!m_open || !m_available) return;
+    notePace(lane, worker.backlog(lowPriority));
     while (!lane.isEmpty()) {
         Senders& senders = nextIn(lane);
         const std::size_t count = nextSlice(lane, *senders.front());
@@ -189,7 +201,8 @@ Turnstile::Senders& Turnstile::nextIn(Lane& lane) {
 // Whether the worker's queue may grow to so many packets.
 bool Turnstile::hasRoom(const Lane& lane, const Sender& sender, std::size_t packets) const {
     if (packets <= m_limits.backlog) return true;
-    return packets <= m_limits.alone && !sender.isShort && Clock::now() - lane.sharedAt >= kAlone;
+    return packets <= m_limits.alone && !sender.isShort && lane.isFast &&
+           Clock::now() - lane.sharedAt >= kAlone;
 }
 
 std::size_t Turnstile::nextSlice(const Lane& lane, const Sender& sender) const {
@@ -208,6 +221,7 @@ void Turnstile::take(Lane& lane, Senders& senders, std::size_t count, WorkerThre
         return;
     }
     sender.next += count;
+    lane.queued += static_cast<std::ptrdiff_t>(count);
     if (!sender.isShort) lane.turn += count;
     if (sender.left() == 0) {
         if (!sender.isShort) lane.turn = 0;

@@ -22,7 +22,7 @@ struct FlowLimits {
     std::size_t slice;     // taken from a message at a time; a message that fits in one is short
     std::size_t quantum;   // taken from a message before it is the next one's turn
     std::size_t backlog;   // most packets in one queue of the worker
-    std::size_t alone;     // the same for long messages of a sender that has the lane to itself
+    std::size_t alone;     // the same for long messages of one thread alone on a fast transport
     std::size_t lowWater;  // a queue this short is refilled
     std::size_t stage;     // cut ahead from a waiting message
 };
@@ -30,8 +30,8 @@ struct FlowLimits {
 // Holds messages of streams until the worker has room for them. Of each, the next stage is already
 // cut into packets. Long messages take turns of one quantum; up to three short ones go between two
 // of their slices. Each priority has its own lane, for one of the worker's queues. While only one
-// thread uses a lane there is nobody whom a deeper queue would delay, and the two threads change
-// places less often.
+// thread uses a lane and the transport is fast, a deeper queue delays nobody by more than some
+// milliseconds, and the two threads change places less often.
 //
 // This is the streams' flow control: the sending thread waits here and meanwhile takes nothing more
 // from its segment.
@@ -106,6 +106,11 @@ private:
         std::thread::id user;                            // the last one
         std::chrono::steady_clock::time_point usedAt;    // by that one
         std::chrono::steady_clock::time_point sharedAt;  // when another one used it last
+        // The transport's pace, measured over a backlog of packets each.
+        std::ptrdiff_t queued = 0;
+        std::ptrdiff_t sentAtMark = 0;
+        std::chrono::steady_clock::time_point markedAt;
+        bool isFast = false;
         // A sender waits for room. Polled by the worker before each packet.
         std::atomic<bool> waits{false};
     };
@@ -126,6 +131,7 @@ private:
 
     void enter(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
     static void noteUser(Lane& lane);
+    void notePace(Lane& lane, std::size_t backlog) const;
     void waitForTurn(Sender& sender, bool lowPriority, const std::function<bool()>& goesOn)
         NORVO_EXCLUDES(m_mutex);
     void leave(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
