@@ -72,7 +72,7 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
     while (message.remaining() > 0) {
         sender.stage.clear();
         sender.next = 0;
-        message.cut(m_limits.stage, sender.stage);
+        message.cut(nextStage(sender, worker.backlog(lowPriority)), sender.stage);
         bool waits = false;
         {
             const Section section(*this);
@@ -92,6 +92,12 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
         if (sender.left() > 0) return sender.outcome(sender.ifNotBegun);
     }
     return StreamSend::Sent;
+}
+
+// A worker that has nothing else begins to send while the rest is cut.
+std::size_t Turnstile::nextStage(const Sender& sender, std::size_t backlog) const {
+    const bool isAwaited = backlog == 0 && !sender.begun;
+    return isAwaited ? std::min(2 * m_limits.slice, m_limits.stage) : m_limits.stage;
 }
 
 void Turnstile::waitForTurn(Sender& sender, bool lowPriority, const std::function<bool()>& goesOn) {

@@ -132,6 +132,7 @@ private:
     void enter(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
     static void noteUser(Lane& lane);
     void notePace(Lane& lane, std::size_t backlog) const;
+    std::size_t nextStage(const Sender& sender, std::size_t backlog) const;
     void waitForTurn(Sender& sender, bool lowPriority, const std::function<bool()>& goesOn)
         NORVO_EXCLUDES(m_mutex);
     void leave(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
