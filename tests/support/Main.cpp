@@ -20,7 +20,8 @@ int main(int argc, char** argv) {
     const std::string sessionNamespace = "nvt" + std::to_string(getpid());
     setenv("NORVO_VDI_NAMESPACE", sessionNamespace.c_str(), 1);
     try {
-        const testsupport::TempDir home;  // the plug-in writes its log there
+        // The plug-in writes its log there until the very end.
+        static const testsupport::TempDir home;
         setenv("HOME", home.path().c_str(), 1);
         const int result = RUN_ALL_TESTS();
         support::removeSessionObjects(sessionNamespace);
