@@ -20,6 +20,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
     # g++ 12 falsely reports overlaps inside std::string at -O3 (its bug 105651).
     target_compile_options(norvo_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # The linker merges weak names of the static client library and a static libstdc++, not unique ones.
+    target_compile_options(norvo_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-gnu-unique>)
+endif()
 target_link_libraries(norvo_options INTERFACE Threads::Threads)
 
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
