@@ -71,7 +71,11 @@ bool SharedMemoryBroadcast::writeMessage(const void* data, unsigned int length) 
         return false;
     }
     if (!waitForTurn(kWriteWaitMs)) {
-        NORVO_LOG_REPEATED(m_notTaken, Error, "Failed to lock for writing!", name);
+        if (isOpen()) {
+            NORVO_LOG_REPEATED(m_notTaken, Error, "Failed to lock for writing!", name);
+        } else {  // closed meanwhile, as at the end of any session without a reader
+            NORVO_LOG(Info, "Failed to lock for writing!", name);
+        }
         return false;
     }
     return m_broadcastWriter.publish(data, length, ElapsedMillisecond());
