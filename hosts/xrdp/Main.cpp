@@ -111,12 +111,16 @@ bool lockDisplay(int display) {
 }
 
 int run(const Options& options) {
-    const int display = hosts::displayNumber(std::getenv("DISPLAY"));
+    const char* name = std::getenv("DISPLAY");
+    const int display = hosts::displayNumber(name);
     const bool inXrdp = std::getenv("XRDP_SESSION") ||
                         hosts::desktopSession(display).state != hosts::DesktopSession::None;
     if (options.autostart && !inXrdp) return 0;
     if (display < 0)
-        throw std::runtime_error("DISPLAY is not set: run it inside the desktop, as its user");
+        throw std::runtime_error(
+            (name && *name ? "DISPLAY is '" + std::string(name) + "', which is no display"
+                           : std::string("DISPLAY is not set")) +
+            ": run it inside the desktop, as its user");
     if (!lockDisplay(display)) throw std::runtime_error("an agent runs in this desktop already");
     stopOnSignals();
     hosts::Agent(options.library, display).run(g_stop[0]);
