@@ -113,6 +113,11 @@ TEST(VCMessage, CarriesEveryFieldToTheOtherEnd) {
         EXPECT_EQ(serialised(*received), bytes);
     }
     EXPECT_EQ(log.lines(), Lines{});
+    // A long text may have been announced only.
+    const std::string announced = message(4, block(7, std::string(100'000, '\0')));
+    ASSERT_TRUE(parse(copied, announced) && parseInPlace(inPlace, announced));
+    EXPECT_EQ(copied.getChannelVersion().size(), 100'000U);
+    EXPECT_EQ(inPlace.getChannelVersion().size(), 65'536U);
 }
 
 TEST(VCMessage, LogsWhichFieldIsMissing) {

@@ -38,6 +38,8 @@ public:
         m_size = size;
     }
 
+    bool isBorrowed() const { return m_outside && !m_heap; }
+
     // Appends `size` uninitialised bytes and returns where they begin; null, with nothing changed,
     // when there is no memory or the total does not fit 32 bits.
     std::byte* append(std::uint32_t size) {

@@ -118,7 +118,9 @@ std::string VCMessage::text(std::uint8_t code, std::string_view failure) const {
         NORVO_LOG(Warning, failure);
         return {};
     }
-    return {reinterpret_cast<const char*>(block.data()) + kHeaderSize, block.size() - kHeaderSize};
+    const std::size_t size = block.size() - kHeaderSize;
+    return {reinterpret_cast<const char*>(block.data()) + kHeaderSize,
+            m_bytes.isBorrowed() ? std::min<std::size_t>(size, kLongestTextInPlace) : size};
 }
 
 unsigned int VCMessage::number(std::uint8_t code, std::string_view failure) const {
@@ -262,11 +264,10 @@ bool VCMessage::parse(const void* data, unsigned int length, Keep keep) {
     }
     const std::uint32_t end = endOfGoodBlocks(static_cast<const std::byte*>(data), length);
     const bool whole = end == length;
-    const bool inPlace = whole && keep == Keep::InPlace;
     m_type = RecordHeader::read(data).type;
     m_initialized = true;
-    if (inPlace) {
-        m_bytes.borrow(data, length);
+    if (keep == Keep::InPlace) {
+        m_bytes.borrow(data, end);
     } else if (m_bytes.assign(data, end)) {
         writeHeader();
     } else {

@@ -123,7 +123,9 @@ public:
     // message is logged and returns false: then drop the message. (If its header was valid, it
     // holds the type and the blocks before the broken one.)
     bool parseFromArray(const void* data, unsigned int length);
-    // The same without a copy: `data` must outlive the message, or its next change or copy.
+    // The same without a copy: `data` must outlive the message, or its next change or copy. A
+    // getter returns only so much of a text, as the far side can announce one without sending it.
+    static constexpr unsigned int kLongestTextInPlace = 64 * 1024;  // bytes
     bool parseInPlace(const void* data, unsigned int length);
 
 private:
