@@ -21,6 +21,7 @@ constexpr std::int64_t kLeast = 1;
 void PendingMessage::start(std::int32_t id, std::uint32_t total, bool mayBeginLarge) {
     m_id = id;
     m_arrived = 0;
+    m_announced = 0;
     m_total = total;
     m_order = Order::Unknown;
     m_mayBeginLarge = mayBeginLarge;
@@ -30,7 +31,7 @@ void PendingMessage::start(std::int32_t id, std::uint32_t total, bool mayBeginLa
 }
 
 void PendingMessage::add(const Header& header, const std::byte* payload) {
-    ++m_arrived;
+    if (++m_arrived == 1) m_announced = std::int64_t{header.messageSize} - kPacketHeaderSize;
     noteSize(header);
     if (m_lost) return;
     m_order = orderWith(header.sequence, payload != nullptr);
@@ -61,10 +62,9 @@ void PendingMessage::lose() {
 bool PendingMessage::grow(const Header& header, bool inFront) {
     const std::int64_t used = m_end - m_begin;
     const std::int64_t needed = used + header.payloadSize;
-    const std::int64_t announced = std::int64_t{header.messageSize} - kPacketHeaderSize;
     const std::int64_t plenty = kGrowthFactor * needed;
-    const std::int64_t capacity = announced >= needed ? std::min(plenty, announced) : plenty;
-    const std::int64_t wanted = m_mayBeginLarge ? std::max(capacity, announced) : capacity;
+    const std::int64_t capacity = m_announced >= needed ? std::min(plenty, m_announced) : plenty;
+    const std::int64_t wanted = m_mayBeginLarge ? std::max(capacity, m_announced) : capacity;
     MemoryBlock grown = MemoryBlock::allocate(static_cast<std::size_t>(std::max(capacity, kLeast)),
                                               static_cast<std::size_t>(std::max(wanted, kLeast)));
     if (!grown) return false;

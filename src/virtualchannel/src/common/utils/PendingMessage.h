@@ -80,6 +80,9 @@ private:
     std::uint32_t m_total = 0;
     std::uint32_t m_lowestSequence = 0;
     std::uint32_t m_messageSize = 0;  // from the packet with the lowest sequence
+    // Payload bytes that the first packet announced. What later ones say must not size the block:
+    // growing with each packet, it would be copied with each packet.
+    std::int64_t m_announced = 0;
     Order m_order = Order::Unknown;
     bool m_mayBeginLarge = false;
     bool m_lost = false;          // there was no memory for a packet
