@@ -137,9 +137,14 @@ void AgentConnection::availabilityChanged(bool available) {
     if (!available) {
         AGENT_LOG(m_context, Notice, "Virtual Channel is not available");
         setDisconnected();
-    } else if (!m_context.connected) {
-        AGENT_LOG(m_context, Info, "Check if remote side is able to talk to us");
-        requestConnect();
+    } else {
+        // Another thread of the host's may be completing the handshake: a request behind a stream's
+        // first packets would make the peer forget them.
+        OrderedLock lock(m_transitionMutex, lock_order::transition);
+        if (!m_context.connected) {
+            AGENT_LOG(m_context, Info, "Check if remote side is able to talk to us");
+            requestConnect();
+        }
     }
     m_channelAvailable = available;
 }
