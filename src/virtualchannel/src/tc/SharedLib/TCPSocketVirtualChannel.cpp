@@ -15,8 +15,13 @@ constexpr ChannelProfile kProfile{
     .packetsToSendPerBreak = 0,
     .breakTime = 0,
     .observerCalls = ObserverCalls::OneAtATime,
-    .flow =
-        {.slice = 12, .quantum = 46, .backlog = 256, .alone = 768, .lowWater = 170, .stage = 92},
+    .flow = {.slice = 12,
+             .quantum = 46,
+             .backlog = 256,
+             .alone = 768,
+             .lowWater = 170,
+             .stage = 92,
+             .first = 24},
     .name = "TCPSocketVirtualChannel",
     .source = "src/virtualchannel/src/tc/SharedLib/TCPSocketVirtualChannel",
 };

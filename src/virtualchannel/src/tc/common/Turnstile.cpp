@@ -96,8 +96,7 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
 
 // A worker that has nothing else begins to send while the rest is cut.
 std::size_t Turnstile::nextStage(const Sender& sender, std::size_t backlog) const {
-    const bool isAwaited = backlog == 0 && !sender.begun;
-    return isAwaited ? std::min(2 * m_limits.slice, m_limits.stage) : m_limits.stage;
+    return backlog == 0 && !sender.begun ? m_limits.first : m_limits.stage;
 }
 
 void Turnstile::waitForTurn(Sender& sender, bool lowPriority, const std::function<bool()>& goesOn) {

@@ -25,6 +25,8 @@ struct FlowLimits {
     std::size_t alone;     // the same for long messages of one thread alone on a fast transport
     std::size_t lowWater;  // a queue this short is refilled
     std::size_t stage;     // cut ahead from a waiting message
+    std::size_t first;     // cut from a message for which the worker waits; with pauses, all of a
+                           // stage: a worker that runs out of packets skips a pause
 };
 
 // Holds messages of streams until the worker has room for them. Of each, the next stage is already
