@@ -339,6 +339,11 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
         {"send Media --resume -", 2, "--resume needs a file"},
         {"recv Media /no/such/folder/file", 1, "cannot write"},
         {"decode /etc/hostname", 1, "not a pcapng capture"},
+        {"decode /etc", 1, "Is a directory"},
+        {"demo /dev/null", 2, "not a regular file"},
+        {"send Media --count -1 /etc/hostname", 2, "-1 is not a number from 1"},
+        {"watch --count 99999999999999999999", 2, "is not a number from 1"},
+        {"--help >/dev/full", 1, ""},
     };
     for (const auto& [arguments, status, text] : uses) fails(m_near, arguments, text, status);
 }

@@ -143,6 +143,7 @@ CaptureReader::CaptureReader(const std::string& path)
         return CommandError(m_name + " is not a pcapng capture made by `vcctl host --capture`");
     };
     const int first = std::getc(m_file);
+    if (std::ferror(m_file)) throw systemError("cannot read " + m_name, errno);
     if (first != static_cast<int>(kSectionHeader % 256)) throw notOurs();
     std::ungetc(first, m_file);
     if (!readBlock(type, body) || type != kSectionHeader ||

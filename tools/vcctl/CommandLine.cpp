@@ -1,11 +1,17 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <sstream>
 
 #include "ChannelKind.h"
 #include "CommandError.h"
+#include "Namespace.h"
+#include "Output.h"
 #include "VcctlVersion.h"
 
 namespace vcctl {
@@ -18,6 +24,26 @@ constexpr double kLongestWait = 86400;  // a day
 const CLI::Validator kNumber(
     [](const std::string& text) -> std::string {
         return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is not a number" : "";
+    },
+    "");
+
+// The parser's own conversion takes -1 for the largest number, and cuts off what is larger.
+const CLI::Validator kCount(
+    [](const std::string& text) -> std::string {
+        std::uint64_t number = 0;
+        const char* end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data(), end, number);
+        const bool fits = error == std::errc() && stop == end && number > 0;
+        return fits ? "" : text + " is not a number from 1 to " + std::to_string(UINT64_MAX);
+    },
+    "");
+
+const CLI::Validator kRegularFile(
+    [](const std::string& path) -> std::string {
+        std::error_code failure;
+        const auto type = std::filesystem::status(path, failure).type();
+        if (type == std::filesystem::file_type::regular) return "";
+        return path + (failure ? ": " + failure.message() : " is not a regular file");
     },
     "");
 
@@ -61,8 +87,13 @@ Argument& Argument::oneOf(const std::vector<std::string>& values) {
     return *this;
 }
 
-Argument& Argument::existingFile() {
-    m_option->check(CLI::ExistingFile);
+Argument& Argument::count() {
+    m_option->check(kCount)->type_name("N");
+    return *this;
+}
+
+Argument& Argument::regularFile() {
+    m_option->check(kRegularFile);
     return *this;
 }
 
@@ -131,7 +162,7 @@ void addStreamOptions(Command& command, std::string& stream, unsigned int& capac
                   "Capacity of the stream's segment (units: K, M); without --raw at least 128")
         .bytes()
         .range(std::size_t{1}, std::size_t{64} << 20);
-    command.argument("--count", count, "Stop after so many messages").type("N");
+    command.argument("--count", count, "Stop after so many messages").count();
 }
 
 std::string bytesOf(std::string text) {
@@ -143,7 +174,21 @@ std::string bytesOf(std::string text) {
     throw CommandError("'" + given + "' is not a number of bytes", kUsage);
 }
 
+namespace {
+
+// The library would replace what it does not allow, and two namespaces could become one.
+void refuseUnsuitableNamespace() {
+    const char* const given = std::getenv("NORVO_VDI_NAMESPACE");
+    if (!given || VDIFrameworkCommon::sessionNamespace() == given) return;
+    throw CommandError("NORVO_VDI_NAMESPACE is '" + std::string(given) +
+                           "': only letters, digits, '-' and '_' are allowed, at most 32",
+                       kUsage);
+}
+
+}  // namespace
+
 int runCommand(int argc, char** argv) {
+    refuseUnsuitableNamespace();
     CLI::App app{"Runs, uses and inspects virtual-channel sessions on this machine."};
     app.name("vcctl");
     app.require_subcommand(1);
@@ -165,7 +210,11 @@ int runCommand(int argc, char** argv) {
             throw CommandError("'" + std::string(argv[1]) + "' is not a command: see vcctl --help",
                                kUsage);
         }
-        return app.exit(error) == 0 ? kOk : kUsage;
+        std::ostringstream answer;
+        if (app.exit(error, answer, std::cerr) != 0) return kUsage;
+        print(answer.str());
+        flushOut();
+        return kOk;
     }
     return exitCode;
 }

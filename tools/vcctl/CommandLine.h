@@ -24,12 +24,14 @@ public:
     Argument& type(const char* name);
     // The value is a number of bytes, optionally with a unit: 64K, 1M.
     Argument& bytes();
+    // The value is a number of things: 1 or more, in digits only.
+    Argument& count();
     // Shows the variable's current value in the help.
     Argument& showDefault();
     Argument& range(double least, double most);
     Argument& range(std::size_t least, std::size_t most);
     Argument& oneOf(const std::vector<std::string>& values);
-    Argument& existingFile();
+    Argument& regularFile();
     Argument& excludes(const Argument& other);
 
 private:

@@ -260,7 +260,7 @@ void addDemoCommand(CLI::App& app, int& exitCode) {
         app, "demo",
         "Runs a whole session on this machine: two hosts, four streams, a file, a reconnect");
     command.argument("file", options->file, "The file to send instead of a generated one")
-        .existingFile();
+        .regularFile();
     addKindOption(command, options->kind);
     command.argument("--seconds", options->seconds, "Approximate duration")
         .range(1.0, 600.0)

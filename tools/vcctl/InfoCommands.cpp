@@ -1,5 +1,4 @@
 // vcctl watch and vcctl ask: show and use the INFO streams.
-#include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -12,14 +11,10 @@
 
 #include "CommandError.h"
 #include "CommandLine.h"
-#include "Descriptor.h"
-#include "InfoSegments.h"
 #include "Output.h"
-#include "PosixSharedMemory.h"
 #include "SegmentList.h"
 #include "SessionClient.h"
 #include "StopSignal.h"
-#include "VDIClientInfo.h"
 
 namespace vcctl {
 
@@ -219,14 +214,10 @@ int printAnswers(SessionClient& session, const AskOptions& options, const Reques
 
 // Without a host, a client would create the agent's segments and leave them behind.
 void waitForSession(double seconds) {
-    const std::string object = segmentObject(VDIFrameworkCommon::infoNotificationsName(
-        VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName()));
     const auto deadline = after(seconds);
-    while (!support::Descriptor(VDIFrameworkCommon::shm_open_mac(object, O_RDONLY, 0))) {
+    while (!hasInfoSegments()) {
         StopSignal::throwIfRequested();
-        if (std::chrono::steady_clock::now() >= deadline)
-            throw CommandError("no agent answers in " + sessionText() +
-                               ". Is a host running there? (vcctl host)");
+        if (std::chrono::steady_clock::now() >= deadline) throw CommandError(noAgentText());
         StopSignal::wait(50);
     }
 }
@@ -255,7 +246,7 @@ void addWatchCommand(CLI::App& app, int& exitCode) {
     Command command(app, "watch", "Prints the agent's notifications as they come");
     command.flag("--json", options->json, "One JSON object a line");
     command.flag("--all", options->all, "Also the repeated answers to this program's own requests");
-    command.argument("--count", options->count, "Stop after so many").type("N");
+    command.argument("--count", options->count, "Stop after so many").count();
     command.run([=, &exitCode] { exitCode = runWatch(*options); });
 }
 

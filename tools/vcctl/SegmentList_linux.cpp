@@ -20,4 +20,10 @@ std::vector<std::string> sessionSegments() {
     return {names.begin(), names.end()};
 }
 
+bool isSharedMemoryFull() {
+    // Two segments with their mutexes, conditions and registers, a few pages each.
+    constexpr unsigned long long kNeeded = 128u << 10;
+    return VDIFrameworkCommon::sharedMemoryRoom() < kNeeded;
+}
+
 }  // namespace vcctl

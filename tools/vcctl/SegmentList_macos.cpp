@@ -25,4 +25,6 @@ std::vector<std::string> sessionSegments() {
     return names;
 }
 
+bool isSharedMemoryFull() { return false; }
+
 }  // namespace vcctl

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "CommandError.h"
+#include "SegmentList.h"
 #include "StopSignal.h"
 
 namespace vcctl {
@@ -20,6 +21,14 @@ std::string sessionText() {
     const char* name = std::getenv("NORVO_VDI_NAMESPACE");
     return name && *name ? "session namespace '" + std::string(name) + "'"
                          : "the usual session (NORVO_VDI_NAMESPACE is not set)";
+}
+
+std::string noAgentText() {
+    const std::string text = "no agent answers in " + sessionText();
+    if (!isSharedMemoryFull()) return text + ". Is a host running there? (vcctl host)";
+    return text +
+           ": no space is left in the shared memory, so that a host cannot answer: remove "
+           "what fills it (on Linux /dev/shm)";
 }
 
 namespace {
@@ -42,11 +51,16 @@ const char* nextStep(Reason reason) {
     }
 }
 
+std::string notOpenedText(const std::string& name, const Status& status,
+                          const std::string& size = "") {
+    return "cannot open a stream '" + name + "'" + size + ": " + status.text() +
+           nextStep(status.reason());
+}
+
 CommandError whyNotOpened(const std::string& name, unsigned int capacity, const Status& status) {
     const bool isGiven = capacity != NorvoStreamClient::kDefaultCapacity;
     const std::string size = isGiven ? " of " + std::to_string(capacity) + " bytes" : "";
-    return CommandError("cannot open a stream '" + name + "'" + size + ": " + status.text() +
-                            nextStep(status.reason()),
+    return CommandError(notOpenedText(name, status, size),
                         status.reason() == Reason::InvalidArgument ? kUsage : kFailed);
 }
 
@@ -115,11 +129,13 @@ std::shared_ptr<NorvoStreamClient::Connection> SessionClient::connection(
 
 std::string SessionClient::explain(const Status& status, const std::string& streamName) {
     if (const Status listening = m_client.status(); !listening)
-        return "cannot listen in " + sessionText() + ": " + listening.text();
+        return "cannot listen in " + sessionText() + ": " + listening.text() +
+               (listening.reason() == Reason::NoSpace
+                    ? ": remove what fills the shared memory (on Linux /dev/shm)"
+                    : "");
     switch (status.reason()) {
         case Reason::NoAgent:
-            return "no agent answers in " + sessionText() +
-                   ". Is a host running there? (vcctl host)";
+            return noAgentText();
         case Reason::NotConnected:
             return "the host (process " + std::to_string(m_client.agentProcessId()) +
                    ") runs, but its channel is not connected to a far end";
@@ -138,6 +154,11 @@ std::string SessionClient::explain(const Status& status, const std::string& stre
         case Reason::PeerGone:
             return "the host was lost or restarted: what was last written to the stream '" +
                    streamName + "' may be lost";
+        // A connection opens its streams on its own, later.
+        case Reason::CapacityMismatch:
+        case Reason::NoSpace:
+        case Reason::NoPermission:
+            return notOpenedText(streamName, status);
         default:
             return "stream '" + streamName + "': " + status.text();
     }

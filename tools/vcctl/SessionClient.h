@@ -50,6 +50,9 @@ bool mayPass(const NorvoStreamClient::Status& status);
 // The session namespace of this process, for messages.
 std::string sessionText();
 
+// Why no agent answers, as far as can be told, and what to do.
+std::string noAgentText();
+
 // The point in time `seconds` from now.
 std::chrono::steady_clock::time_point after(double seconds);
 
