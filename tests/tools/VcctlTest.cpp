@@ -298,6 +298,13 @@ TEST_F(VcctlAcrossProcesses, AUnixSocketIsForItsUserAndASilentPeerGivesWay) {
     m_farHost.emplace(m_far.start("host --connect " + m_address));
     expectPart(lineStarting(*m_nearHost, "left"), "it has not greeted as an agent does");
     sendsAFileThatArrives();
+    const Side third;
+    Subprocess waiting = third.start("host --connect " + m_address);
+    lineStarting(waiting, "left");
+    EXPECT_EQ(waiting.readLine(500ms), "");
+    EXPECT_EQ(end(*m_farHost), 0);
+    lineStarting(waiting, "joined");
+    EXPECT_EQ(end(waiting), 0);
     EXPECT_EQ(end(*m_nearHost), 0);
     EXPECT_FALSE(std::filesystem::exists(path));
 }

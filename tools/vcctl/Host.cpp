@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <thread>
@@ -15,6 +16,7 @@
 #include "FreeMemory.h"
 #include "PacketHeader.h"
 #include "PluginLibrary.h"
+#include "SegmentList.h"
 #include "StopSignal.h"
 #include "VCMessage.h"
 
@@ -41,6 +43,7 @@ Host::Host(const HostOptions& options)
     : m_kind(channelKind(options.kind)),
       m_quiet(options.quiet),
       m_quietOutput(options.standardOutputIsTheChannel),
+      m_connects(options.connects),
       m_plugin(loadPlugin(options.pluginPath)) {
     if (!options.takeOver) refuseToBeTheSecond();
     if (!options.capture.empty()) {
@@ -83,20 +86,23 @@ void Host::say(const std::string& text) const {
     (m_quietOutput ? std::cerr : std::cout) << text + '\n' << std::flush;
 }
 
-bool Host::serve(Descriptor socket, const std::string& peer, int listener) {
+Host::End Host::serve(Descriptor socket, const std::string& peer, int listener) {
     try {
         return serve(overSocket(std::move(socket)), peer, listener);
     } catch (const CommandError& error) {
         say("not joined to " + peer + ": " + error.what());
         StopSignal::wait(kPauseAfterFailure);
-        return false;
+        return End::Other;
     }
 }
 
-bool Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener) {
+Host::End Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener) {
     StopSignal::takeHangUp();  // one that came while there was nothing to drop
     m_greetings = 0;
     m_peerHasGreeted = false;
+    m_hasSaidJoined = false;
+    m_endsLink = false;
+    m_hasTurnedAway = false;
     std::shared_ptr<PacketLink> link;
     try {
         link = std::make_shared<PacketLink>(
@@ -105,46 +111,89 @@ bool Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, in
     } catch (const std::system_error& error) {
         say("not joined to " + peer + ": " + error.what());
         StopSignal::wait(kPauseAfterFailure);
-        return false;
+        return End::Other;
     }
     setLink(link);
-    say("joined to " + peer);
+    if (m_saysJoined) sayJoined(peer);
     m_plugin.ChannelActive(1);
-    waitForEnd(*link, listener);
+    waitForEnd(*link, peer, listener);
+    const End end = endOf(*link);
     link->end("this host stops");
     m_plugin.ChannelActive(0);
     setLink(nullptr);
-    say("left " + peer + ": " + link->closeReason());
-    return m_peerHasGreeted && !link->isAlien();
+    const bool isTurnedAway = m_connects && end == End::TurnedAway;
+    if (m_hasSaidJoined || !isTurnedAway)
+        say("left " + peer + ": " +
+            (isTurnedAway ? "the other end closed the connection before it greeted: another host "
+                            "may be joined there already"
+                          : link->closeReason()));
+    return end;
 }
 
-void Host::waitForEnd(PacketLink& link, int listener) const {
+void Host::sayJoined(const std::string& peer) {
+    if (!m_hasSaidJoined) say("joined to " + peer);
+    m_hasSaidJoined = true;
+}
+
+Host::End Host::endOf(const PacketLink& link) const {
+    if (link.isAlien()) return End::Other;
+    if (m_peerHasGreeted) return End::WasHost;
+    return m_endsLink || StopSignal::requested() ? End::Other : End::TurnedAway;
+}
+
+void Host::waitForEnd(PacketLink& link, const std::string& peer, int listener) {
     // A running agent greets at once.
     constexpr auto kLongestSilence = std::chrono::seconds(2);
-    constexpr int kLookAtMemory = 1000;  // ms
+    constexpr int kLookAtMemory = 1000;  // ms, as the next
+    constexpr int kLookAtGreeting = 100;
     MemoryAfterTraffic memory;
     const auto begun = std::chrono::steady_clock::now();
     pollfd waited[3] = {{link.closedDescriptor(), POLLIN, 0},
                         {StopSignal::descriptor(), POLLIN, 0},
                         {listener, POLLIN, 0}};
     for (;;) {
-        if (StopSignal::takeHangUp()) link.close("dropped on request");
-        const int events = poll(waited, 3, kLookAtMemory);
-        if (events == 0) memory.look(m_bytesSent + m_bytesReceived);
+        if (StopSignal::takeHangUp()) {
+            m_endsLink = true;
+            link.close("dropped on request");
+        }
+        const int events = poll(waited, 3, m_hasSaidJoined ? kLookAtMemory : kLookAtGreeting);
+        if (m_peerHasGreeted) sayJoined(peer);
+        if (events == 0) {
+            memory.look(m_bytesSent + m_bytesReceived);
+            noteLackOfSpace();
+        }
         if (events <= 0) continue;
         if (waited[1].revents) StopSignal::drain();
         if (waited[0].revents || StopSignal::requested()) return;
         if (!waited[2].revents) continue;
         if (!m_peerHasGreeted && std::chrono::steady_clock::now() - begun > kLongestSilence) {
+            m_endsLink = true;
             link.close("it has not greeted as an agent does, and another host is waiting");
             return;
         }
-        if (const Descriptor other = acceptFrom(listener)) {
-            say("turned away a second connection: a host is joined already");
-        } else {
-            StopSignal::wait(kPauseAfterFailure);
-        }
+        turnAwayFrom(listener);
     }
+}
+
+// It may try again and again.
+void Host::turnAwayFrom(int listener) {
+    const Descriptor other = acceptFrom(listener);
+    if (!other) {
+        StopSignal::wait(kPauseAfterFailure);
+        return;
+    }
+    if (!m_hasTurnedAway) say("turned away a second connection: a host is joined already");
+    m_hasTurnedAway = true;
+}
+
+// The agent logs it, and tries again every second.
+void Host::noteLackOfSpace() {
+    const bool lacks = isSharedMemoryFull() && !hasInfoSegments();
+    if (lacks && !m_hasNotedLackOfSpace)
+        std::fprintf(stderr,
+                     "vcctl: no space is left in the shared memory, so that no local program can "
+                     "use this host: remove what fills it (on Linux /dev/shm)\n");
+    m_hasNotedLackOfSpace = lacks;
 }
 
 int Host::append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {

@@ -22,12 +22,20 @@ struct HostOptions {
     bool takeOver = false;
     bool quiet = false;
     bool standardOutputIsTheChannel = false;
+    bool connects = false;  // to a host that may be joined already
 };
 
 // Plays the remote-desktop client: loads the plug-in, and connects its channel to one peer at a
 // time. Used only by the thread that creates it; the plug-in and the link have their own threads.
 class Host {
 public:
+    // How the peer left.
+    enum class End {
+        WasHost,     // of this kind: it has greeted, and sent nothing but packets
+        TurnedAway,  // it closed the connection before it greeted
+        Other
+    };
+
     // Throws CommandError, also if another host serves the session namespace and may not be
     // replaced.
     explicit Host(const HostOptions& options);
@@ -38,9 +46,12 @@ public:
     // Connects the channel to the peer until one side ends it or the user stops. Further
     // connections to `listener` (if any) are turned away, unless the peer has not greeted as an
     // agent does: then it gives way. Pauses when the system lacks resources for another peer.
-    // Whether the peer is a host of this kind: it has greeted, and sent nothing but packets.
-    bool serve(support::Descriptor socket, const std::string& peer, int listener = -1);
-    bool serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener = -1);
+    End serve(support::Descriptor socket, const std::string& peer, int listener = -1);
+    End serve(std::unique_ptr<ByteChannel> bytes, const std::string& peer, int listener = -1);
+
+    // Says nothing about a connection until its peer greets: for one more attempt after
+    // End::TurnedAway.
+    void expectToBeTurnedAway(bool expects) { m_saysJoined = !expects; }
 
     // Prints one line for the user, not on standard output if that is the channel.
     void say(const std::string& text) const;
@@ -50,13 +61,18 @@ private:
     void send(const void* data, std::uint32_t length);
     void receive(unsigned char* packet, std::uint32_t length);
     void noteGreeting(const unsigned char* packet, std::uint32_t length);
-    void waitForEnd(PacketLink& link, int listener) const;
+    void waitForEnd(PacketLink& link, const std::string& peer, int listener);
+    End endOf(const PacketLink& link) const;
+    void sayJoined(const std::string& peer);
+    void turnAwayFrom(int listener);
+    void noteLackOfSpace();
     void setLink(std::shared_ptr<PacketLink> link);
     void refuseToBeTheSecond();
 
     const ChannelKind& m_kind;
     const bool m_quiet;
     const bool m_quietOutput;
+    const bool m_connects;
     VDIFrameworkCommon::NamedMutex m_session;
     const hosts::Plugin m_plugin;
     std::unique_ptr<CaptureWriter> m_capture;
@@ -66,6 +82,11 @@ private:
     // Types of agent messages from the peer; the reader thread's, until the peer has greeted.
     unsigned int m_greetings = 0;
     std::atomic<bool> m_peerHasGreeted = false;
+    bool m_saysJoined = true;  // without waiting for the greeting
+    bool m_hasSaidJoined = false;
+    bool m_endsLink = false;       // this side, not the peer
+    bool m_hasTurnedAway = false;  // somebody, during this connection
+    bool m_hasNotedLackOfSpace = false;
     // Held while the link's peer takes nothing: a link is closed before it is taken away here.
     VDIFrameworkCommon::LocalMutex m_mutex;
     VDIFrameworkCommon::LocalCondition m_linkChanged;

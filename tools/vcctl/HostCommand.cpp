@@ -61,15 +61,16 @@ void serveListener(const HostOptions& options, const Endpoint& endpoint) {
 // not try continually.
 class Pauses {
 public:
-    void wait(bool peerHasGreeted) {
-        if (peerHasGreeted) m_next = kFirst;
+    void wait(Host::End end) {
+        if (end == Host::End::WasHost) m_next = kFirst;
         StopSignal::wait(m_next);
-        m_next = std::min(m_next * 2, kLongest);
+        m_next = std::min(m_next * 2, end == Host::End::TurnedAway ? kLongestAway : kLongest);
     }
 
 private:
     static constexpr int kFirst = 50;  // milliseconds, as the next
     static constexpr int kLongest = 2000;
+    static constexpr int kLongestAway = 5000;
     int m_next = kFirst;
 };
 
@@ -77,16 +78,17 @@ void serveConnector(Host& host, const Endpoint& endpoint) {
     Pauses pauses;
     bool told = false;
     while (!StopSignal::requested()) {
-        bool hasGreeted = false;
+        auto end = Host::End::Other;
         if (Descriptor peer = endpoint.connect()) {
-            hasGreeted = host.serve(std::move(peer), endpoint.text());
+            end = host.serve(std::move(peer), endpoint.text());
             told = false;
         } else if (!told && !StopSignal::requested()) {
             host.say("nothing answers on " + endpoint.text() + " (" + std::strerror(errno) +
                      "); trying again until it does");
             told = true;
         }
-        pauses.wait(hasGreeted);
+        host.expectToBeTurnedAway(end == Host::End::TurnedAway);
+        pauses.wait(end);
     }
 }
 
@@ -94,10 +96,10 @@ void serveCommand(Host& host, const std::vector<std::string>& command) {
     Pauses pauses;
     while (!StopSignal::requested()) {
         ChildCommand child(command);
-        const bool hasGreeted = host.serve(child.takeSocket(), "'" + command[0] + "'");
+        const auto end = host.serve(child.takeSocket(), "'" + command[0] + "'");
         if (StopSignal::requested()) return;
         host.say("'" + command[0] + "' has left: " + child.outcome() + "; starting it again");
-        pauses.wait(hasGreeted);
+        pauses.wait(end);
     }
 }
 
@@ -132,6 +134,7 @@ int runHost(HostOptions options, const JoinOptions& join) {
         serveListener(options, Endpoint::parse(join.listen, join.allowRemote));
     } else {
         const Endpoint endpoint = Endpoint::parse(join.connect, join.allowRemote);
+        options.connects = true;
         Host host(options);
         serveConnector(host, endpoint);
     }
