@@ -372,6 +372,16 @@ TEST_F(VcctlAcrossProcesses, EachTroubleOfATransferIsNamed) {
         EXPECT_EQ(receiver.wait(20s), 0);
     }
 
+    std::ofstream(m_near.file("lines")) << "a\n\nb\nc\nd\n";
+    Subprocess few = m_far.start("recv Media --lines --count 2 " + m_far.file("few"));
+    fails(m_near, "send Media --lines " + m_near.file("lines"), "took only 2 of 5 messages");
+    EXPECT_EQ(few.wait(20s), 0);
+
+    Subprocess patient = m_near.start("send Media " + m_near.file("message"));
+    fails(m_far, "send Media --wait 0.5 /etc/hostname", "'Media' sends, too");
+    m_far.succeeds("recv Media " + m_far.file("late"));
+    EXPECT_EQ(patient.wait(20s), 0);
+
     Subprocess receiver = m_far.start("recv Media " + m_far.file("copy"));
     Subprocess sender = m_near.start("send Media");
     sender.writeLine("begun");

@@ -84,7 +84,7 @@ public:
     }
 
     void run() {
-        m_link.waitUntilOpen();
+        m_link.waitUntilOpen(endOfWait(m_options.wait));
         begin();
         try {
             takeMessages();
@@ -107,7 +107,7 @@ private:
         m_link.writeTag("NVXOFFER");
         m_link.writeNumber(offered);
         m_link.writeNumber(m_tally.checksum());
-        m_link.expectTag("NVXSTART");
+        m_link.expectTag("NVXSTART", TransferLink::TimePoint::max());
         const std::uint64_t start = m_link.readNumber();
         const std::uint64_t whole = m_link.readNumber();
         if (start != offered) {
@@ -121,12 +121,11 @@ private:
 
     void takeMessages() {
         std::string message;
-        std::uint64_t messages = 0;
         while (takeMessage(message)) {
             m_tally.add(message.data(), message.size());
             writeMessage(m_output, m_options, message);
             m_progress->add(message.size());
-            if (++messages == m_options.count) {
+            if (++m_messages == m_options.count) {
                 m_output.flush();
                 return;
             }
@@ -157,6 +156,7 @@ private:
             m_link.write(&failed, sizeof failed);
             m_link.write(&length, sizeof length);
             m_link.write(text.data(), text.size());
+            if (failed == 0) m_link.writeNumber(m_messages);
             m_link.finish();
             m_link.settle(std::chrono::seconds(20));
         } catch (const LinkLost&) {
@@ -170,6 +170,7 @@ private:
     ReceivedFile& m_output;
     TransferLink m_link;
     TransferTally m_tally;
+    std::uint64_t m_messages = 0;
     std::optional<Progress> m_progress;
 };
 

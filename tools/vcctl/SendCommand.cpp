@@ -30,7 +30,8 @@ namespace {
 
 using support::Descriptor;
 
-constexpr double kShortestFlush = 2;  // seconds
+constexpr double kShortestFlush = 2;  // seconds, as the next
+constexpr double kShortestAnswer = 2;
 
 struct SendOptions {
     std::string stream;
@@ -186,14 +187,17 @@ int sendRaw(const SendOptions& options) {
 // The part of a transfer over one connection: all of it, unless the connection is lost.
 class Sending {
 public:
-    Sending(const SendOptions& options, SessionClient& session, Input& input, Progress& progress)
+    // The receiver may take until `giveUp` to come.
+    Sending(const SendOptions& options, SessionClient& session, Input& input, Progress& progress,
+            TransferLink::TimePoint giveUp)
         : m_options(options),
+          m_giveUp(giveUp),
           m_input(input),
           m_progress(progress),
           m_link(session, options.stream, TransferLink::Role::Send, options.size, options.wait) {}
 
     void run() {
-        m_link.waitUntilOpen();
+        m_link.waitUntilOpen(m_giveUp);
         begin();
         try {
             sendAll();
@@ -210,10 +214,10 @@ public:
 private:
     void sendAll() {
         std::string message;
-        std::uint64_t messages = 0;
-        while (messages < m_options.count && m_input.next(message, [this] { lookAtReceiver(); })) {
+        while (m_messages < m_options.count &&
+               m_input.next(message, [this] { lookAtReceiver(); })) {
+            ++m_messages;
             sendMessage(message);
-            ++messages;
         }
         m_link.write(&kEndOfMessages, sizeof kEndOfMessages);
         m_link.writeNumber(m_tally.bytes());
@@ -222,7 +226,9 @@ private:
     }
 
     void begin() {
-        m_link.expectTag("NVXOFFER");
+        // One that comes at the last moment still has to speak.
+        const double answer = std::min(m_options.wait, kShortestAnswer);
+        m_link.expectTag("NVXOFFER", std::max(m_giveUp, after(answer)));
         const std::uint64_t offered = m_link.readNumber();
         const std::uint64_t checksum = m_link.readNumber();
         m_begin = m_input.continueAt(offered, checksum, m_tally);
@@ -236,7 +242,7 @@ private:
         const auto length = static_cast<std::uint32_t>(message.size());
         const std::uint64_t sent = m_tally.bytes();
         m_tally.add(message.data(), message.size());
-        if (m_hasVerdict) tookOnly(std::to_string(sent));
+        if (m_hasVerdict) tookOnly(std::to_string(sent), m_messages - 1);
         if (m_link.hasInput()) takeVerdict();
         m_overhead += sizeof length;
         m_link.write(&length, sizeof length);
@@ -259,7 +265,14 @@ private:
         m_progress.set(m_begin + (acked > m_overhead ? acked - m_overhead : 0));
     }
 
-    [[noreturn]] void tookOnly(const std::string& bytes) const {
+    [[noreturn]] void tookOnly(const std::string& bytes, std::optional<std::uint64_t> messages) {
+        if (m_options.lines && messages) {
+            std::string rest;
+            while (m_input.size() && m_messages < m_options.count && m_input.next(rest))
+                ++m_messages;
+            throw Refused("the receiver took only " + std::to_string(*messages) + " of " +
+                          std::to_string(m_messages) + " messages");
+        }
         const std::uint64_t all = m_input.size().value_or(m_tally.bytes());
         throw Refused("the receiver took only " + bytes + " of " + std::to_string(all) + " bytes");
     }
@@ -273,16 +286,26 @@ private:
         std::string text(std::min<std::size_t>(length, kLongestVerdict), ' ');
         m_link.read(text.data(), text.size());
         if (failed != 0) throw Refused("the receiver: " + readable(text));
-        if (text != std::to_string(m_tally.bytes())) tookOnly(readable(text));
+        if (text != std::to_string(m_tally.bytes())) tookOnly(readable(text), takenMessages());
         m_hasVerdict = true;
         m_progress.set(m_tally.bytes());
     }
 
+    std::optional<std::uint64_t> takenMessages() {
+        try {
+            return m_link.readNumber();
+        } catch (const LinkLost&) {  // a receiver of another version, or lost
+            return std::nullopt;
+        }
+    }
+
     const SendOptions& m_options;
+    const TransferLink::TimePoint m_giveUp;
     Input& m_input;
     Progress& m_progress;
     TransferLink m_link;
     TransferTally m_tally;
+    std::uint64_t m_messages = 0;  // read from the input
     bool m_hasVerdict = false;
     std::uint64_t m_begin = 0;
     std::uint64_t m_overhead = 0;  // in what was written to the connection
@@ -295,13 +318,18 @@ int runSend(const SendOptions& options) {
     Input input(options);
     SessionClient session;
     Progress progress("send " + options.stream, input.size());
-    for (;;) {
+    for (auto giveUp = endOfWait(options.wait);;) {
         try {
-            Sending(options, session, input, progress).run();
+            Sending(options, session, input, progress, giveUp).run();
             return kOk;
+        } catch (const NoPartner& stranger) {
+            if (std::chrono::steady_clock::now() >= giveUp) throw;
+            std::fprintf(stderr, "vcctl: waiting: %s\n", stranger.what());
+            StopSignal::wait(static_cast<int>(kPollTime.count()));
         } catch (const LinkLost& lost) {
             if (!options.resume || !lost.wasOpen()) throw;
             std::fprintf(stderr, "vcctl: %s; waiting to go on\n", lost.what());
+            giveUp = endOfWait(options.wait);
         }
     }
 }

@@ -1,5 +1,6 @@
 #include "Transfer.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "StopSignal.h"
@@ -10,9 +11,13 @@ using NorvoStreamClient::Reason;
 using NorvoStreamClient::Status;
 using Clock = std::chrono::steady_clock;
 
+Clock::time_point endOfWait(double wait) {
+    return wait > 0 ? after(wait) : Clock::time_point::max();
+}
+
 TransferLink::TransferLink(SessionClient& session, const std::string& name, Role role,
                            unsigned int capacity, double wait)
-    : m_session(session), m_name(name), m_role(role), m_wait(wait) {
+    : m_session(session), m_name(name), m_role(role) {
     NorvoStreamClient::ConnectionOptions options;
     if (capacity != NorvoStreamClient::kDefaultCapacity) options.capacity = capacity;
     if (wait > 0) options.outage = std::chrono::milliseconds(static_cast<long>(wait * 1000));
@@ -27,6 +32,10 @@ void TransferLink::fail(const Status& why) const {
                            (sends ? "recv " : "send ") + m_name + " there",
                        false);
     }
+    const bool hasLeft = why.reason() == Reason::PeerGone || why.reason() == Reason::Ended;
+    if (hasLeft && sends && !m_takesPart)
+        throw NoPartner("the program at the far end of '" + m_name +
+                        "' left without receiving: start vcctl recv " + m_name + " there");
     if (why.reason() == Reason::PeerGone)
         throw LinkLost(sends ? "the receiver is gone" : "the sender is gone", m_open);
     if (why.reason() == Reason::Ended)
@@ -47,11 +56,10 @@ void TransferLink::checkAlive() const {
     if (const Status now = m_connection->status(); !now) fail(now);
 }
 
-void TransferLink::waitUntilOpen() {
-    const auto deadline = m_wait > 0 ? after(m_wait) : Clock::time_point::max();
+void TransferLink::waitUntilOpen(TimePoint giveUp) {
     for (Status open; !(open = m_connection->waitUntilOpen(kPollTime));) {
         check(open);
-        if (Clock::now() >= deadline) fail(open);
+        if (Clock::now() >= giveUp) fail(open);
         m_session.noteSilence(open, m_name);
     }
     m_open = true;
@@ -92,19 +100,25 @@ std::uint64_t TransferLink::readNumber() {
     return number;
 }
 
-void TransferLink::expectTag(const char* tag) {
+void TransferLink::expectTag(const char* tag, TimePoint giveUp) {
     // A receiver speaks at once; a sender may have to read its file first.
-    const bool isBounded = m_role == Role::Send && m_wait > 0;
-    const auto deadline = isBounded ? after(m_wait) : Clock::time_point::max();
+    bool noted = m_role != Role::Send;
+    const auto noteAt = after(1);
     char bytes[8];
     read(bytes, sizeof bytes, [&] {
-        if (Clock::now() >= deadline)
-            throw CommandError("the program at the far end of '" + m_name +
-                               "' does not receive: start vcctl recv " + m_name + " there");
+        const auto now = Clock::now();
+        if (now < giveUp && (noted || now < noteAt)) return;
+        const std::string text = "the program at the far end of '" + m_name +
+                                 "' sends, too, or is not vcctl: start vcctl recv " + m_name +
+                                 " there";
+        if (now >= giveUp) throw CommandError(text);
+        std::fprintf(stderr, "vcctl: waiting: %s\n", text.c_str());
+        noted = true;
     });
     if (std::memcmp(bytes, tag, sizeof bytes) != 0)
         throw CommandError("the program at the far end of '" + m_name + "' is not vcctl " +
                            (m_role == Role::Send ? "recv" : "send") + ", or of another version");
+    m_takesPart = true;
 }
 
 }  // namespace vcctl

@@ -7,6 +7,7 @@
 //             end: ~0 (4 bytes), then of the whole file its length and checksum
 //   receiver: verdict, as soon as there is one: 0 or 1 (4 bytes), length of a text (4 bytes), text:
 //             for 0 the bytes it has taken, in decimal, for 1 why it failed
+//             after 0: how many messages these were (8 bytes; some versions leave that out)
 //
 // A checksum is XXH3_64bits, seed 0.
 #pragma once
@@ -21,6 +22,9 @@
 
 namespace vcctl {
 
+// When a wait of `wait` seconds that begins now is over; 0: never.
+std::chrono::steady_clock::time_point endOfWait(double wait);
+
 // The partner is gone or unreachable.
 class LinkLost : public CommandError {
 public:
@@ -29,6 +33,12 @@ public:
 
 private:
     const bool m_wasOpen;
+};
+
+// The partner left before it took part in the transfer: another one may come.
+class NoPartner : public LinkLost {
+public:
+    explicit NoPartner(const std::string& text) : LinkLost(text, false) {}
 };
 
 // The receiver has ended the transfer early.
@@ -41,12 +51,13 @@ public:
 class TransferLink {
 public:
     enum class Role { Send, Receive };
+    using TimePoint = std::chrono::steady_clock::time_point;
 
-    // `wait`: seconds to wait for the partner (0: no limit), and for the streams to be down.
+    // `wait`: seconds for which the streams may be down (0: 60).
     TransferLink(SessionClient& session, const std::string& name, Role role, unsigned int capacity,
                  double wait);
 
-    void waitUntilOpen();
+    void waitUntilOpen(TimePoint giveUp);
     // `meanwhile` is called while it waits, about ten times a second.
     template <class Meanwhile>
     void write(const void* data, std::size_t length, Meanwhile meanwhile);
@@ -74,7 +85,7 @@ public:
     std::uint64_t readNumber();
     void writeTag(const char* tag) { write(tag, 8); }
     // Fails if another tag comes.
-    void expectTag(const char* tag);
+    void expectTag(const char* tag, TimePoint giveUp);
 
 private:
     [[noreturn]] void fail(const NorvoStreamClient::Status& why) const;
@@ -84,9 +95,9 @@ private:
     SessionClient& m_session;
     const std::string m_name;
     const Role m_role;
-    const double m_wait;
     bool m_open = false;
-    std::string m_ahead;  // read by hasInput()
+    bool m_takesPart = false;  // the partner, in a transfer
+    std::string m_ahead;       // read by hasInput()
     std::shared_ptr<NorvoStreamClient::Connection> m_connection;
 };
 
