@@ -12,7 +12,13 @@ using NorvoVirtualChannel::StreamSend;
 namespace {
 
 constexpr FlowLimits limits(std::size_t alone) {
-    return {.slice = 2, .quantum = 4, .backlog = 6, .alone = alone, .lowWater = 3, .stage = 8, .first = 8};
+    return {.slice = 2,
+            .quantum = 4,
+            .backlog = 6,
+            .alone = alone,
+            .lowWater = 3,
+            .stage = 8,
+            .first = 8};
 }
 constexpr FlowLimits kLimits = limits(6);
 constexpr FlowLimits kDeeperAlone = limits(10);
