@@ -5,6 +5,7 @@
 
 #include "BroadcastCounts.h"
 #include "Log.h"
+#include "MessageAssembler.h"
 #include "SharedMemoryUtilities.h"
 
 namespace shared_memory {
@@ -122,8 +123,10 @@ BroadcastReader::Copied BroadcastReader::copy(std::string& message) {
         const long id = m_slot.header().newMessageId;
         const std::uint64_t generation = m_slot.generation();
         const ChunkHeader chunk = ChunkHeader::load(m_slot.header());
-        if (chunk.length > m_slot.mappedCapacity()) m_slot.grow();
-        const bool isValid = chunk.total <= m_slot.mappedCapacity() && chunk.length == chunk.total;
+        const bool mayFit = chunk.length <= MessageAssembler::kLongest;
+        if (mayFit && chunk.length > m_slot.mappedCapacity()) m_slot.grow();
+        const bool isValid =
+            mayFit && chunk.total <= m_slot.mappedCapacity() && chunk.length == chunk.total;
         try {
             if (isValid) message.assign(m_slot.data(), chunk.length);
         } catch (const std::bad_alloc&) {

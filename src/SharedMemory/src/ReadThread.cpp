@@ -21,7 +21,12 @@ using VDIFrameworkCommon::LocalLock;
 
 void ReadThread::subscribe(SharedMemoryObserverI* observer) {
     m_observers.insert(observer);
-    follow();
+    try {
+        follow();
+    } catch (...) {  // the caller takes it for not subscribed, and may destroy it
+        m_observers.erase(observer);
+        throw;
+    }
 }
 
 void ReadThread::unsubscribe(SharedMemoryObserverI* observer) {

@@ -123,8 +123,8 @@ private:
     void dropOne(const MayGo& mayGo, std::vector<Message>& dropped) NORVO_REQUIRES(m_mutex) {
         auto oldest = std::find_if(m_messages.begin(), m_messages.end(), mayGo);
         if (oldest == m_messages.end()) oldest = m_messages.begin();
-        m_bytes -= bytesOf(*oldest);
         dropped.push_back(std::move(*oldest));
+        m_bytes -= bytesOf(dropped.back());
         m_messages.erase(oldest);
     }
     std::optional<Message> takeFront() NORVO_REQUIRES(m_mutex) {
