@@ -224,6 +224,31 @@ TEST_F(AgentStream, StreamsThatNeverShouldBeMadeAreRefused) {
     EXPECT_EQ(m_side.notifications(1), Texts{"EnviromentType|citrix"});
 }
 
+TEST_F(AgentStream, IsNotFreedWhenAMessageComesAtThatMoment) {
+    const auto written = runningStream("Media", false);
+    const auto read = runningStream("Basic", true);
+    written->setReader(FakeSegment::Reader::Refuses);
+    m_side.machine->setOpenElsewhere({});
+    ASSERT_TRUE(m_side.machine->pass(500));
+    ASSERT_TRUE(m_side.machine->pass(60'000));
+    std::future<void> writing;
+    std::set<std::string> done;
+    m_side.machine->onLookedForUsers = [&](const std::string& name) {
+        if (!done.insert(name).second) return;
+        if (name == "Media") return m_channel.deliver(routed(name, "from the peer"));
+        m_channel.refusals = 1;
+        writing = std::async(std::launch::async, [&] { read->localProcessWrites("to the peer"); });
+        EXPECT_TRUE(eventually([&] { return m_channel.refusals == 0; }));
+    };
+    ASSERT_TRUE(m_side.machine->pass(500));
+    written->setReader(FakeSegment::Reader::Takes);
+    expectWritten(*written, {"from the peer"});
+    m_channel.deliver(control(CTL_DISCONNECT));
+    m_channel.deliver(control(CTL_CONNECTED));
+    writing.get();
+    EXPECT_THAT(m_side.sentTexts(1), testing::Contains("9 Basic 0 1000 to the peer"));
+}
+
 TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProcesses) {
     const int own = m_side.machine->openSegments();
     // The number of segments after both sides have requested `count` streams each.
@@ -247,6 +272,7 @@ TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProces
     m_side.machine->setOpenElsewhere({});
     ASSERT_TRUE(m_side.machine->pass(500));
     ASSERT_TRUE(m_side.machine->pass(60'000));
+    ASSERT_TRUE(m_side.machine->pass(500));
     EXPECT_EQ(m_side.machine->openSegments(), own);
     EXPECT_EQ(m_side.machine->peerSegments(), std::set<std::string>{});
     EXPECT_EQ(askFor(20, kMaxStreamSize), (Counts{kMaxPeerTotalSize / kMaxStreamSize,
@@ -256,8 +282,9 @@ TEST_F(AgentStream, ManyOrLargeStreamsOfTheFarSideLeaveRoomForThoseOfLocalProces
     // knows whether it is.
     m_channel.deliver(control(CTL_DISCONNECT));
     const std::string another = "CreateStream|another|" + std::to_string(kMaxStreamSize);
-    m_side.request(another);
-    m_side.machine->clock += 60'000;
-    m_side.request(another);
+    for (const int ms : {0, 60'000, 100}) {
+        m_side.machine->clock += static_cast<std::uint64_t>(ms);
+        m_side.request(another);
+    }
     EXPECT_EQ(m_side.machine->openSegments(), own + 2);
 }

@@ -121,6 +121,7 @@ public:
     // Called on the agent's threads.
     std::function<void(FakeSegment&)> onSegmentSetUp = [](FakeSegment&) {};
     std::function<void(FakeSegment&, const std::string&)> onWritten = [](auto&, auto&) {};
+    std::function<void(const std::string&)> onLookedForUsers = [](auto&) {};
     // Sets what other processes have open; initially everything.
     void setOpenElsewhere(std::set<std::string> names) {
         std::lock_guard lock(m_mutex);
@@ -188,6 +189,7 @@ public:
         return std::make_shared<FakeSegment>(*this, kind);
     }
     bool isSegmentInUseElsewhere(const std::string& name) override {
+        onLookedForUsers(name);
         std::lock_guard lock(m_mutex);
         return !m_openElsewhere || m_openElsewhere->contains(name);
     }

@@ -19,18 +19,6 @@ bool isLowPriority(const std::string& streamName) {
            streamName.find("upgrade") != std::string::npos;
 }
 
-// Sets a flag for a scope.
-class Marked {
-public:
-    explicit Marked(std::atomic<bool>& flag) : m_flag(flag) { m_flag = true; }
-    ~Marked() { m_flag = false; }
-    Marked(const Marked&) = delete;
-    Marked& operator=(const Marked&) = delete;
-
-private:
-    std::atomic<bool>& m_flag;
-};
-
 // What a local process must not miss, however many notifications it gets.
 bool isConnectionChange(std::string_view notification) {
     return notification == "ChannelUp" || notification == "ChannelDown";
@@ -68,9 +56,11 @@ bool Agent::Stream::begin() {
 
 // A hand-over to the writer's thread would cost more than the copy into the segment, which is made
 // in either case.
-void Agent::Stream::pass(const char* data, std::size_t length) {
+bool Agent::Stream::pass(const char* data, std::size_t length) {
+    const StreamUse::Passage passage(use);
+    if (!passage.isOpen()) return false;
     const auto write = [&] { return m_running && writeAtOnce(data, length); };
-    if (m_queue.passBy(write)) return;
+    if (m_queue.passBy(write)) return true;
     // Of a short message, or a small part of a long one, a copy needs less memory.
     auto memory = length < MemoryBlock::kSmallestKept ? MemoryBlock() : m_link.takeReceivedMemory();
     if (memory && memory.capacity() <= 2 * length) {
@@ -78,6 +68,7 @@ void Agent::Stream::pass(const char* data, std::size_t length) {
     } else {
         enqueue(std::string(data, length));
     }
+    return true;
 }
 
 bool Agent::Stream::writeAtOnce(const char* data, std::size_t length) {
@@ -135,8 +126,7 @@ void Agent::Stream::close() {
 void Agent::Stream::onNewMessageReceived(std::string message,
                                          shared_memory::SharedMemoryI* /*source*/) {
     if (!m_running || m_context.stopping || message.empty()) return;
-    use.note();
-    const Marked sending(m_isSending);
+    const StreamUse::Passage passage(use);
     m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority, m_running);
 }
 

@@ -49,8 +49,9 @@ public:
         enqueue(StreamMessage(std::move(message)));
     }
     // The same for data from the peer, inside its delivery. It is written to the segment at once
-    // when that takes no waiting and no earlier message is still under way.
-    void pass(const char* data, std::size_t length) NORVO_TAKES_LEAF;
+    // when that takes no waiting and no earlier message is still under way. False, and the data is
+    // not taken, when the stream has been given up.
+    bool pass(const char* data, std::size_t length) NORVO_TAKES_LEAF;
 
     // How many messages have been queued so far, and how many of them have left the queue.
     std::uint64_t queued() const NORVO_TAKES_LEAF { return m_queue.pushed(); }
@@ -68,8 +69,8 @@ public:
     // Determines how long the stream must be kept (StreamService.h).
     StreamUse use;
 
-    // Whether a message waits, in either direction, or is being passed on.
-    bool hasUndelivered() const NORVO_TAKES_LEAF { return m_isSending || !m_queue.isIdle(); }
+    // Whether a message for the local process waits or is being written.
+    bool hasUndelivered() const NORVO_TAKES_LEAF { return !m_queue.isIdle(); }
 
     // The peer's end has the same direction as this one, so nothing can be transferred.
     std::atomic<bool> conflictsWithPeer{false};
@@ -100,7 +101,6 @@ private:
     std::atomic<bool> m_isSegmentClosed{false};
     VDIFrameworkCommon::BoundedQueue<StreamMessage> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
     std::atomic<bool> m_running{false};
-    std::atomic<bool> m_isSending{false};
 
     KLT::kltlogger::LogRepeats m_dropped;
     KLT::kltlogger::LogRepeats m_undelivered;

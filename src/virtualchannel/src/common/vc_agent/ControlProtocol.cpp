@@ -160,7 +160,8 @@ void ControlProtocol::streamCreated(const Received& received) {
 
 void ControlProtocol::routeData(const Received& received) {
     StreamPtr stream = findOpposite(received.stream);
-    if (!stream) stream = recreate(received.stream);
+    if (stream && route(stream, received)) return;
+    stream = recreate(received.stream);
     if (stream) route(stream, received);
 }
 
@@ -185,15 +186,15 @@ StreamPtr ControlProtocol::recreate(const StreamDetails& wanted) {
     return stream;
 }
 
-void ControlProtocol::route(const StreamPtr& stream, const Received& received) {
+bool ControlProtocol::route(const StreamPtr& stream, const Received& received) {
     char* data = nullptr;
     const unsigned int length =
         received.message.hasRouteData() ? received.message.getRouteData(&data) : 0;
     if (length == 0 || !data) {
         AGENT_LOG_REPEATED(m_context, m_empty, Warning, "Route msssage is invalid.");
-        return;
+        return true;
     }
-    m_streams.ProcessRoutableMessage(stream, data, length);
+    return m_streams.ProcessRoutableMessage(stream, data, length);
 }
 
 void ControlProtocol::streamError(const Received& received) {
@@ -204,7 +205,8 @@ void ControlProtocol::streamError(const Received& received) {
 StreamPtr ControlProtocol::findOpposite(const StreamDetails& stream) {
     const StreamType ours = utils::GetMirroredSType(stream.type);
     StreamPtr found = m_streams.FindInternalStream(stream.name, ours);
-    if (found) found->use.note();
+    // One that has just been given up is as good as gone: a request waits until it is.
+    if (found && !found->use.note()) found.reset();
     if (found && utils::IsStreamTypeValid(ours) && found->type() != ours) {
         AGENT_LOG_REPEATED(m_context, m_conflicts, Warning,
                            "Stream has the same direction at both ends: ", stream.name);

@@ -54,7 +54,8 @@ private:
     // Records whether both ends have the same direction; notifies local processes of a change.
     void noteDirection(Agent::Stream& stream, StreamType peers) NORVO_TAKES_STREAMS;
     StreamPtr recreate(const StreamDetails& wanted) NORVO_TAKES_CREATION;
-    void route(const StreamPtr& stream, const Received& received) NORVO_TAKES_STREAMS;
+    // False when the stream has just been freed.
+    bool route(const StreamPtr& stream, const Received& received) NORVO_TAKES_STREAMS;
     void sendError(const StreamDetails& stream) NORVO_TAKES_LEAF;
 
     AgentContext& m_context;

@@ -170,36 +170,41 @@ void StreamService::StartStreamProcessor(const StreamPtr& stream, bool checkPeer
     }
 }
 
-void StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* data,
+bool StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* data,
                                            std::size_t length) {
     AGENT_LOG(m_context, Trace, "Received message -> CTL_S_ROUTE -> ProcessRoutableMessage( ",
               stream ? stream->name() : std::string(), " )");
-    if (!stream) return;
+    if (!stream) return true;
     if (stream->type() != StreamType::WRITE || stream->name() == m_context.infoOutputName) {
         AGENT_LOG_REPEATED(m_context, m_notTaken, Warning,
                            "Stream takes no data of the far side: ", stream->name());
-        return;
+        return true;
     }
     if (length > shared_memory::MessageAssembler::kLongest) {
         AGENT_LOG_REPEATED(m_context, m_tooLong, Warning, "Message too long for a segment, ",
                            length, " bytes: ", stream->name());
-        return;
+        return true;
     }
     if (!IsStreamRoutable(*stream)) {
         AGENT_LOG(m_context, Trace, "The data waits until it is: ", stream->name());
     }
-    stream->pass(data, length);
+    return stream->pass(data, length);
 }
 
-bool StreamService::isUnused(Agent::Stream& stream, std::uint64_t nowMs) {
+// What is noted or passes through the stream meanwhile keeps it.
+bool StreamService::givesUp(Agent::Stream& stream, std::uint64_t nowMs) {
     if (stream.name() == m_context.infoOutputName) return false;
     const std::uint64_t idleMs = stream.use.idleMs(nowMs);
     if (idleMs < kFreeAfterMs || stream.hasUndelivered()) return false;
     // Checked first: the process may have opened the segment after it requested the stream.
-    if (!m_context.environment->isSegmentInUseElsewhere(stream.name())) return !stream.use.isKept();
-    stream.use.seenOpen();
-    stream.use.note();
-    return false;
+    if (m_context.environment->isSegmentInUseElsewhere(stream.name())) {
+        stream.use.seenOpen();
+        stream.use.note();
+        return false;
+    }
+    // The segment's read thread may have in hand what a process wrote before it closed the segment.
+    if (stream.use.isKept() || stream.use.unusedMs(nowMs) < kSettledAfterMs) return false;
+    return stream.use.giveUp();
 }
 
 void StreamService::freeUnused() {
@@ -209,15 +214,13 @@ void StreamService::freeUnused() {
 
 void StreamService::freeUnusedOnes() {
     const std::uint64_t now = m_context.environment->nowMs();
-    std::vector<StreamPtr> unused;
-    for (const auto& stream : m_streams.snapshot()) {
-        if (isUnused(*stream, now)) unused.push_back(stream);
-    }
-    for (const auto& stream : unused) {
+    std::vector<StreamPtr> streams = m_streams.snapshot();
+    std::erase_if(streams, [&](const StreamPtr& stream) { return !givesUp(*stream, now); });
+    for (const auto& stream : streams) m_streams.remove(stream->name());
+    closeTogether(streams);
+    for (const auto& stream : streams) {
         AGENT_LOG(m_context, Info, "Nobody uses the stream any more: ", stream->name());
-        m_streams.remove(stream->name());
     }
-    closeTogether(unused);
 }
 
 // Closed in parallel, as each may have to wait for a lock held by a stopped process.

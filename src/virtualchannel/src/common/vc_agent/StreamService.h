@@ -46,8 +46,8 @@ public:
     void StartStreamProcessor(const StreamPtr& stream, bool checkPeerSupport) NORVO_TAKES_SERVICE;
 
     // Queues the peer's data for the local process. The INFO stream and streams that the agent
-    // reads take none.
-    void ProcessRoutableMessage(const StreamPtr& stream, const char* data,
+    // reads take none. False when the stream has just been freed: look for it again.
+    bool ProcessRoutableMessage(const StreamPtr& stream, const char* data,
                                 std::size_t length) NORVO_TAKES_LEAF;
 
     // Frees unused streams.
@@ -72,7 +72,7 @@ private:
     bool add(const StreamPtr& stream, Requester requester)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void announce(const StreamPtr& stream) NORVO_TAKES_LEAF;
-    bool isUnused(Agent::Stream& stream, std::uint64_t nowMs) NORVO_TAKES_LEAF;
+    bool givesUp(Agent::Stream& stream, std::uint64_t nowMs) NORVO_TAKES_LEAF;
     void closeTogether(const std::vector<StreamPtr>& streams)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     // Whether the peer's data for this stream is written at once; logs why not.
