@@ -4,7 +4,8 @@
 //
 // The parts are texts, characters, numbers, bools (written 0 or 1) and pointers, concatenated
 // without separators. When the severity is off, the parts are not evaluated: the line costs one
-// relaxed load and a branch. The record names the line's source file ("src/.../File").
+// relaxed load and a branch. The record names the line's source file ("src/.../File"). What a line
+// tells about goes on whatever becomes of it: one that there is no memory for is lost.
 //
 // Recurring events are summed up, see LogRepeats.h:
 //
@@ -61,6 +62,15 @@ std::string compose(const Parts&... parts) {
 void write(int severity, std::string_view source, int line, std::string_view operation,
            std::string_view message);
 
+template <class... Parts>
+void writeLine(int severity, std::string_view source, int line, std::string_view operation,
+               const Parts&... parts) noexcept {
+    try {
+        write(severity, source, line, operation, compose(parts...));
+    } catch (...) {  // NOLINT(bugprone-empty-catch): there is no other place to tell it
+    }
+}
+
 }  // namespace KLT::kltlogger
 
 // The build defines it for each source of a layer.
@@ -68,12 +78,11 @@ void write(int severity, std::string_view source, int line, std::string_view ope
 #define NORVO_SOURCE __FILE__
 #endif
 
-#define NORVO_LOG_AT(severity, ...)                                             \
-    do {                                                                        \
-        if (::KLT::kltlogger::isEnabled(severity)) {                            \
-            ::KLT::kltlogger::write(severity, NORVO_SOURCE, __LINE__, __func__, \
-                                    ::KLT::kltlogger::compose(__VA_ARGS__));    \
-        }                                                                       \
+#define NORVO_LOG_AT(severity, ...)                                                               \
+    do {                                                                                          \
+        if (::KLT::kltlogger::isEnabled(severity)) {                                              \
+            ::KLT::kltlogger::writeLine(severity, NORVO_SOURCE, __LINE__, __func__, __VA_ARGS__); \
+        }                                                                                         \
     } while (false)
 
 #define NORVO_LOG(severity, ...) NORVO_LOG_AT(::KLT::kltlogger::severity, __VA_ARGS__)

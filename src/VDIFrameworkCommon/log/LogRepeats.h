@@ -29,9 +29,12 @@ public:
 
     // `record` lacks its message; its texts live as long as the process.
     template <class Compose>
-    void log(const LogRecord& record, const Compose& compose) {
-        const Turn turn = begin();
-        if (turn.speaks) tell(record, compose(), turn);
+    void log(const LogRecord& record, const Compose& compose) noexcept {
+        try {
+            const Turn turn = begin();
+            if (turn.speaks) tell(record, compose(), turn);
+        } catch (...) {  // NOLINT(bugprone-empty-catch): as in Log.h
+        }
     }
 
     // The matter is settled: the next message is a first one again.

@@ -134,10 +134,10 @@ private:
 }  // namespace NorvoVirtualChannel::tc
 
 // A log line with the concrete class's source name.
-#define CHANNEL_LOG(severity, ...)                                                          \
-    do {                                                                                    \
-        if (::KLT::kltlogger::isEnabled(::KLT::kltlogger::severity)) {                      \
-            ::KLT::kltlogger::write(::KLT::kltlogger::severity, m_profile.source, __LINE__, \
-                                    __func__, ::KLT::kltlogger::compose(__VA_ARGS__));      \
-        }                                                                                   \
+#define CHANNEL_LOG(severity, ...)                                                              \
+    do {                                                                                        \
+        if (::KLT::kltlogger::isEnabled(::KLT::kltlogger::severity)) {                          \
+            ::KLT::kltlogger::writeLine(::KLT::kltlogger::severity, m_profile.source, __LINE__, \
+                                        __func__, __VA_ARGS__);                                 \
+        }                                                                                       \
     } while (false)
