@@ -24,8 +24,10 @@ void* allocateOrThrow(std::size_t size) {
 
 }  // namespace
 
-int testsupport::failEachAllocation(const std::function<void()>& step) {
+int testsupport::failEachAllocation(const std::function<void()>& step,
+                                    const std::function<void()>& prepare) {
     for (int nth = 1;; ++nth) {
+        prepare();
         t_failed = false;
         t_untilFailure = nth;
         step();

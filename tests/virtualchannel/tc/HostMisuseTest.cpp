@@ -210,7 +210,9 @@ void noMemory(std::uint32_t kind) {
     sendFrom(kind, 2);
     EXPECT_TRUE(eventually([&] { return g_calls >= before + 2; }));
     EXPECT_EQ(receiveOne(), 0U);
-    Shutdown();
+    const LogCapture log;
+    const int ends = failEachAllocation([] { Shutdown(); }, [&] { initialise(kind); });
+    EXPECT_EQ(log.count("Virtual Channel Agent created"), ends - 1);  // each after the first
 }
 
 // No thread can be created; the running channel is unaffected.

@@ -1,5 +1,6 @@
 // Ending an agent: in every state, from any permitted thread, while others are still calling.
 #include "AgentFixture.h"
+#include "AllocationFailure.h"
 #include "TestSupport.h"
 
 using namespace testsupport;
@@ -48,6 +49,41 @@ TEST(AgentEnd, ReleasesEverythingWhetherTheAgentIsStoppedOrOnlyDestroyed) {
         if (isStopped) side.agent->stop();
         EXPECT_EQ(log.count("Destroying Virtual Channel Agent"), 1);
     }
+}
+
+TEST(AgentEnd, ReleasesEverythingWhateverThereIsNoMemoryFor) {
+    const LogCapture log;
+    std::optional<AgentSide> side;
+    const auto checkAndPrepare = [&] {
+        if (side) expectReleased(*side);
+        side.emplace();
+        side->connect();
+        for (const std::string name : {"Media", "Basic"}) {
+            side->channel.deliver(aboutStream(CTL_S_CREATE, name, kRead));
+            side->channel.deliver(aboutStream(CTL_S_CREATED, name, kRead));
+        }
+    };
+    EXPECT_GT(failEachAllocation([&] { side->agent->stop(); }, checkAndPrepare), 10);
+    expectReleased(*side);
+}
+
+TEST(AgentEnd, LeavesAChannelThatComesAtThatMoment) {
+    struct Channel : FakeChannel {
+        std::function<void()> onObserved;
+        void AddObserver(NorvoVirtualChannel::Observer* observer) override {
+            if (observer) onObserved();
+            FakeChannel::AddObserver(observer);
+        }
+    } channel;
+    AgentSide side;
+    std::future<void> stopping;
+    channel.onObserved = [&] {
+        stopping = std::async(std::launch::async, [&] { side.agent->stop(); });
+        stopping.wait_for(std::chrono::milliseconds(100));
+    };
+    side.agent->SetVirtualChannel(&channel);
+    stopping.get();
+    EXPECT_FALSE(channel.isObserved());
 }
 
 TEST_F(AgentLifecycle, StopEndsWhileTheChannelIsBusyWithItsRunner) {

@@ -3,10 +3,12 @@
 #include <cassert>
 
 #include "AgentStream.h"
+#include "Contained.h"
 
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
+using VDIFrameworkCommon::contained;
 using Cause = ConnectionState::Cause;
 using Phase = ConnectionState::Phase;
 
@@ -71,22 +73,25 @@ void AgentConnection::setDisconnected() {
 }
 
 // Once the phase has changed, streams send no more data to the channel, so later messages to the
-// peer or the channel wait behind a bounded backlog only.
+// peer or the channel wait behind a bounded backlog only. A step that fails, for example for lack
+// of memory, does not keep the others from being taken.
 void AgentConnection::leave(Goodbye goodbye) {
     const auto& transition = m_state.next(Cause::Loss);
     m_state.enter(transition);
     m_context.letStreamsSend(false);
-    if (goodbye == Goodbye::Said) sayGoodbye();
+    if (goodbye == Goodbye::Said) contained("Saying goodbye", [this] { sayGoodbye(); });
     AGENT_LOG(m_context, Notice, "Virtual Channel Agents are disconnected");
     if (transition.beginsOrEndsThreads) {
-        if (auto* const channel = m_context.channel()) channel->onAgentStateChange(false);
-        m_context.environment->clearActive();
+        contained("Telling the channel of a disconnection", [this] {
+            if (auto* const channel = m_context.channel()) channel->onAgentStateChange(false);
+        });
+        contained("Becoming inactive", [this] { m_context.environment->clearActive(); });
         m_checker.requestStop();
         m_outgoing.stop();
         m_checker.stop();
     }
-    m_notifier.notifyEvent("ChannelDown");
-    VirtualChannelLogger_flushBufferIfAllowed();
+    contained("Telling of a disconnection", [this] { m_notifier.notifyEvent("ChannelDown"); });
+    contained("Writing the log", [] { VirtualChannelLogger_flushBufferIfAllowed(); });
     assert(IsConsistent());
 }
 

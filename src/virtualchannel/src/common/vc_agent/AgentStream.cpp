@@ -7,6 +7,7 @@
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
+using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::MemoryBlock;
 
 namespace {
@@ -116,8 +117,8 @@ void Agent::Stream::close() {
     requestStop();  // first: close() waits for the segment's read thread, which may wait to send
     // Closing the segment wakes a writer that waits for its reader.
     if (m_segment && !m_isSegmentClosed.exchange(true)) {
-        m_segment->unsubscribeAllObservers();
-        m_segment->Close();
+        contained("Leaving a segment", [this] { m_segment->unsubscribeAllObservers(); });
+        contained("Closing a segment", [this] { m_segment->Close(); });
     }
     OrderedLock lock(m_serviceMutex, lock_order::service);
     m_writer.join();
@@ -136,7 +137,7 @@ void Agent::Stream::WriterProcessingThread() {
     while (running()) {
         auto message = m_queue.pop(running);
         if (!message) continue;
-        VDIFrameworkCommon::contained("Delivering a message", [&] { deliver(*message); });
+        contained("Delivering a message", [&] { deliver(*message); });
     }
     AGENT_LOG(m_context, Info, "Thread processing '", m_name, "' exiting");
 }

@@ -166,6 +166,7 @@ void ControlProtocol::routeData(const Received& received) {
 }
 
 StreamPtr ControlProtocol::recreate(const StreamDetails& wanted) {
+    if (m_context.stopping) return nullptr;
     AGENT_LOG_REPEATED(
         m_context, m_recreated, Info,
         "Received CTL_S_ROUTE, there was no receiveing stream found, so recreating it.");

@@ -22,7 +22,7 @@ const char* environmentName(int channelType) {
 
 StreamPtr InfoNotifier::infoStream() const {
     StreamPtr stream = m_context.findStream(m_context.infoOutputName);
-    if (!stream) AGENT_LOG(m_context, Warning, "Cannot find INFO Stream!");
+    if (!stream && !m_context.stopping) AGENT_LOG(m_context, Warning, "Cannot find INFO Stream!");
     return stream;
 }
 

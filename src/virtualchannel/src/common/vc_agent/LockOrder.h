@@ -11,12 +11,13 @@ namespace VirtualChannelAgent::lock_order {
 
 class NORVO_CAPABILITY("rank") Rank {};
 
-inline Rank lifecycle;                                   // stop() and the destructor
-inline Rank transition NORVO_ACQUIRED_AFTER(lifecycle);  // entering and leaving the connected state
-inline Rank creation NORVO_ACQUIRED_AFTER(transition);   // making a stream and its segment
-inline Rank service NORVO_ACQUIRED_AFTER(creation);      // starting and ending one stream
-inline Rank streams NORVO_ACQUIRED_AFTER(service);       // the stream table
-inline Rank leaf NORVO_ACQUIRED_AFTER(streams);          // queues and small values: nothing follows
+inline Rank lifecycle;                                    // stop() and the destructor
+inline Rank attachment NORVO_ACQUIRED_AFTER(lifecycle);   // entering and leaving a channel
+inline Rank transition NORVO_ACQUIRED_AFTER(attachment);  // connecting and disconnecting
+inline Rank creation NORVO_ACQUIRED_AFTER(transition);    // making a stream and its segment
+inline Rank service NORVO_ACQUIRED_AFTER(creation);       // starting and ending one stream
+inline Rank streams NORVO_ACQUIRED_AFTER(service);        // the stream table
+inline Rank leaf NORVO_ACQUIRED_AFTER(streams);  // queues and small values: nothing follows
 
 class NORVO_SCOPED_CAPABILITY OrderedLock {
 public:

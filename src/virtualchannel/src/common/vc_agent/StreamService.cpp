@@ -1,13 +1,15 @@
 #include "StreamService.h"
 
-#include <deque>
+#include <list>
 #include <utility>
 
+#include "Contained.h"
 #include "MessageAssembler.h"
 
 namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
+using VDIFrameworkCommon::contained;
 
 void StreamService::beginInfoOutput(unsigned int size) {
     StreamPtr stream;
@@ -214,28 +216,32 @@ void StreamService::freeUnused() {
 
 void StreamService::freeUnusedOnes() {
     const std::uint64_t now = m_context.environment->nowMs();
-    std::vector<StreamPtr> streams = m_streams.snapshot();
-    std::erase_if(streams, [&](const StreamPtr& stream) { return !givesUp(*stream, now); });
-    for (const auto& stream : streams) m_streams.remove(stream->name());
-    closeTogether(streams);
-    for (const auto& stream : streams) {
+    StreamTable::Streams unused;
+    for (const auto& stream : m_streams.snapshot()) {
+        if (!givesUp(*stream, now)) continue;
+        m_streams.move(stream->name(), unused);
         AGENT_LOG(m_context, Info, "Nobody uses the stream any more: ", stream->name());
     }
+    closeTogether(unused);
 }
 
-// Closed in parallel, as each may have to wait for a lock held by a stopped process.
-void StreamService::closeTogether(const std::vector<StreamPtr>& streams) {
-    for (const auto& stream : streams) stream->requestStop();
-    std::deque<AgentThread> threads;
-    for (const auto& stream : streams) {
-        const bool forPeer = m_madeForPeer.erase(stream->name()) > 0;
+// Closed in parallel, as each may have to wait for a lock held by a stopped process; one after the
+// other where there are no threads or no memory.
+void StreamService::closeTogether(const StreamTable::Streams& streams) {
+    for (const auto& [name, stream] : streams) stream->requestStop();
+    std::list<AgentThread> threads;
+    for (const auto& [name, stream] : streams) {
+        const bool forPeer = m_madeForPeer.erase(name) > 0;
         m_load.remove(stream->size(), forPeer);
         const bool removes = forPeer && !stream->use.isKept();
-        const auto close = [this, stream, removes] {
-            stream->close();
-            if (removes) m_context.environment->removePeerSegment(stream->name());
+        const auto close = [this, closed = stream, removes] {
+            closed->close();
+            if (removes) m_context.environment->removePeerSegment(closed->name());
         };
-        if (!threads.emplace_back().start(close)) close();
+        bool isStarted = false;
+        contained("Starting to close a stream",
+                  [&] { isStarted = threads.emplace_back().start(close); });
+        if (!isStarted) contained("Closing a stream", close);
     }
 }
 

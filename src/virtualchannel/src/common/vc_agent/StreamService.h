@@ -73,7 +73,7 @@ private:
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void announce(const StreamPtr& stream) NORVO_TAKES_LEAF;
     bool givesUp(Agent::Stream& stream, std::uint64_t nowMs) NORVO_TAKES_LEAF;
-    void closeTogether(const std::vector<StreamPtr>& streams)
+    void closeTogether(const StreamTable::Streams& streams)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     // Whether the peer's data for this stream is written at once; logs why not.
     bool IsStreamRoutable(const Agent::Stream& stream) const;

@@ -20,16 +20,17 @@ public:
     StreamPtr find(std::string_view name) const NORVO_TAKES_STREAMS;
     // False when the name is taken or the table has been closed.
     bool insert(const StreamPtr& stream) NORVO_TAKES_STREAMS;
-    void remove(std::string_view name) NORVO_TAKES_STREAMS;
     std::vector<StreamPtr> snapshot() const NORVO_TAKES_STREAMS;
-    // The same, and no more can be inserted.
-    std::vector<StreamPtr> close() NORVO_TAKES_STREAMS;
+
+    // What streams are moved to when they leave the table; that needs no memory.
+    using Streams = std::map<std::string, StreamPtr, std::less<>>;
+    void move(std::string_view name, Streams& to) NORVO_TAKES_STREAMS;
+    // All of them, and no more can be inserted.
+    Streams close() NORVO_TAKES_STREAMS;
 
 private:
-    std::vector<StreamPtr> list() const NORVO_REQUIRES(m_mutex);
-
     mutable VDIFrameworkCommon::LocalMutex m_mutex;
-    std::map<std::string, StreamPtr, std::less<>> m_streams NORVO_GUARDED_BY(m_mutex);
+    Streams m_streams NORVO_GUARDED_BY(m_mutex);
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
 };
 

@@ -22,6 +22,7 @@ namespace VirtualChannelAgent {
 
 using lock_order::OrderedLock;
 using NorvoVirtualChannel::VirtualChannel;
+using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::kInfoSegmentSize;
 
 namespace {
@@ -94,6 +95,9 @@ struct Agent::Parts final : AgentContext {
     VDIFrameworkCommon::LocalMutex m_valuesMutex;
     std::shared_ptr<HvdClientInfoManager> m_clientInfo NORVO_GUARDED_BY(m_valuesMutex);
 
+    // Held while the agent enters or leaves a channel.
+    VDIFrameworkCommon::LocalMutex m_attachmentMutex;
+
     VDIFrameworkCommon::LocalMutex m_lifecycleMutex;
     bool m_ended NORVO_GUARDED_BY(m_lifecycleMutex) = false;
 };
@@ -140,6 +144,7 @@ Agent::~Agent() { end(Ending::Silent); }
 
 void Agent::stop() { end(Ending::Orderly); }
 
+// A step that fails, for example for lack of memory, does not keep the others from being taken.
 void Agent::end(Ending ending) {
     AgentContext& context = *m_parts;
     OrderedLock lock(m_parts->m_lifecycleMutex, lock_order::lifecycle);
@@ -149,33 +154,44 @@ void Agent::end(Ending ending) {
     m_parts->dropClientInfo();
     const auto closeReader = [this] {
         if (!m_parts->m_infoReader) return;
-        m_parts->m_infoReader->unsubscribeObserver(this);
-        m_parts->m_infoReader->Close();
+        contained("Leaving the requests",
+                  [&] { m_parts->m_infoReader->unsubscribeObserver(this); });
+        contained("Closing the requests", [&] { m_parts->m_infoReader->Close(); });
     };
     AgentThread closing;  // a separate thread, as it may have to wait for the segment's mutex
     if (!closing.start(closeReader)) closeReader();
-    m_parts->m_connection.end(ending == Ending::Orderly);
-    m_parts->m_service.closeAll();
+    contained("Ending the connection",
+              [&] { m_parts->m_connection.end(ending == Ending::Orderly); });
+    contained("Ending the streams", [&] { m_parts->m_service.closeAll(); });
     closing.join();
-    if (ending == Ending::Orderly) context.environment->endActivityWatch();
-    if (VirtualChannel* const channel = m_parts->m_link.channel()) {
-        AGENT_LOG(context, Info, "m_pChannel->RemoveObserver ");
-        channel->RemoveObserver(this);
-        m_parts->m_link.setChannel(nullptr);
+    if (ending == Ending::Orderly) {
+        contained("Ending the watch", [&] { context.environment->endActivityWatch(); });
     }
+    leaveChannel();
     AGENT_LOG(context, Notice, "Finished releasing resources");
+}
+
+void Agent::leaveChannel() {
+    const AgentContext& context = *m_parts;
+    OrderedLock lock(m_parts->m_attachmentMutex, lock_order::attachment);
+    VirtualChannel* const channel = m_parts->m_link.channel();
+    if (!channel) return;
+    AGENT_LOG(context, Info, "m_pChannel->RemoveObserver ");
+    contained("Leaving the channel", [&] { channel->RemoveObserver(this); });
+    m_parts->m_link.setChannel(nullptr);
 }
 
 void Agent::SetVirtualChannel(VirtualChannel* channel) {
     AgentContext& context = *m_parts;
     ChannelLink& link = m_parts->m_link;
     AGENT_LOG(context, Info, "SetVirtualChannel( ", static_cast<const void*>(channel), " )");
+    OrderedLock lock(m_parts->m_attachmentMutex, lock_order::attachment);
     if (VirtualChannel* const old = link.channel()) {
         AGENT_LOG(context, Info,
                   "Stop observing underline channel: ", static_cast<const void*>(old));
         old->RemoveObserver(this);
     }
-    // An agent that has ended would never detach from the new channel.
+    // An agent that has left its channel for good would never leave the new one.
     if (context.stopping) channel = nullptr;
     link.setChannel(channel);
     if (channel) {

@@ -75,6 +75,7 @@ private:
     enum class Ending { Orderly, Silent };
     void begin(NorvoVirtualChannel::VirtualChannel* channel);
     void end(Ending ending);
+    void leaveChannel();
 
     const std::unique_ptr<Parts> m_parts;
 };

@@ -139,7 +139,7 @@ uint32_t AppendDataToBuffer(const void* data, uint32_t length, int flag) {
 
 void Shutdown(void) {
     contained("Shutdown", [] {
-        VirtualChannelLogger_flush();
+        contained("Writing the log", [] { VirtualChannelLogger_flush(); });
         if (TransportChannel* const channel = currentChannel()) channel->Shutdown();
     });
 }

@@ -108,7 +108,7 @@ bool TransportChannel::notifyShutdown() {
 }
 
 void TransportChannel::stopAndDeleteAgent() {
-    if (m_agent) m_agent->stop();
+    if (auto* const agent = m_agent.get()) contained("Stopping the agent", [=] { agent->stop(); });
     deleteAgent();
 }
 
@@ -187,7 +187,8 @@ bool TransportChannel::WaitUntilSent(std::chrono::milliseconds limit) {
 
 void TransportChannel::ResetChannel() {
     m_turnstile.reset(worker().get());
-    Acknowledgement::GetInstance()->ClearCurrentAck();
+    contained("Forgetting an acknowledgement",
+              [] { Acknowledgement::GetInstance()->ClearCurrentAck(); });
 }
 
 // ---- Receiving
