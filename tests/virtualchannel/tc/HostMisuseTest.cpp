@@ -218,17 +218,9 @@ void noMemory(std::uint32_t kind) {
 // No thread can be created; the running channel is unaffected.
 void noThread(std::uint32_t kind) {
     const auto failsToInitialise = [](std::uint32_t which) {
-        std::size_t pages = 0;
-        std::ifstream("/proc/self/statm") >> pages;
-        rlimit before{};
-        getrlimit(RLIMIT_AS, &before);
-        const rlimit noStack{pages * static_cast<std::size_t>(getpagesize()) + (3U << 20),
-                             before.rlim_max};
-        setrlimit(RLIMIT_AS, &noStack);
-        EXPECT_THROW(initialise(which), std::system_error);
-        setrlimit(RLIMIT_AS, &before);
+        withoutNewThreads([&] { EXPECT_THROW(initialise(which), std::system_error); });
     };
-    if (kSanitized || access("/proc/self/statm", R_OK) != 0) return;
+    if (!canRefuseThreads()) return;
     failsToInitialise(kind);
     EXPECT_EQ(receiveOne(), 0xFFFFFFFF);
     initialise(kind);

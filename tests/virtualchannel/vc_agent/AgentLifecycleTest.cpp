@@ -86,6 +86,33 @@ TEST(AgentEnd, LeavesAChannelThatComesAtThatMoment) {
     EXPECT_FALSE(channel.isObserved());
 }
 
+CHILD_ROLE(agentWithoutThreads) {
+    const auto machine = std::make_shared<FakeMachine>();
+    machine->subscriptionsFail = true;
+    std::optional<AgentSide> side;
+    withoutNewThreads([&] {
+        side.emplace("side", machine);
+        side->becomesAvailable();
+        side->channel.deliver(control(CTL_CONNECT_READY));
+        side->channel.deliver(control(CTL_CONNECTED));
+    });
+    const auto sent = side->channel.takeSent();
+    const bool isRefused = !side->agent->IsConnected() && sent.size() == 2 &&
+                           sent[0].text() == "2" && sent[1].text() == "5";
+    machine->subscriptionsFail = false;
+    side->channel.deliver(control(CTL_CONNECT_READY));
+    const bool isConnected = side->agent->IsConnected() && side->sentTexts(1)[0][0] == '4';
+    side->forgetNotifications(5);
+    side->request("RequestEnviromentType");
+    const bool isServed = side->wasTold("EnviromentType|citrix");
+    return (isRefused ? 0 : 1) + (isConnected ? 0 : 2) + (isServed ? 0 : 4);
+}
+
+TEST(AgentStartAcrossProcesses, WhatFoundNoThreadStartsLater) {
+    if (!canRefuseThreads()) GTEST_SKIP() << "a sanitizer needs the address space";
+    EXPECT_EQ(ChildProcess("agentWithoutThreads", {}).wait(), 0);
+}
+
 TEST_F(AgentLifecycle, StopEndsWhileTheChannelIsBusyWithItsRunner) {
     m_side.connect();
     m_channel.onCall = [&](const std::string& call) {

@@ -82,16 +82,17 @@ public:
     }
     std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
     bool ReadData(void**, unsigned int&) override { return false; }
-    void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override {
+    void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override;
+    void unsubscribeObserver(shared_memory::SharedMemoryObserverI*) override {
+        setObserver(nullptr);
+    }
+    void unsubscribeAllObservers() override { setObserver(nullptr); }
+
+private:
+    void setObserver(shared_memory::SharedMemoryObserverI* observer) {
         std::lock_guard delivering(m_delivery);
         m_observer = observer;
     }
-    void unsubscribeObserver(shared_memory::SharedMemoryObserverI*) override {
-        subscribeObserver(nullptr);
-    }
-    void unsubscribeAllObservers() override { subscribeObserver(nullptr); }
-
-private:
     bool setUp(const char* how, const std::string& name, unsigned int size);
 
     FakeMachine& m_machine;
@@ -114,6 +115,7 @@ public:
     // Set by the test.
     std::atomic<bool> otherAgentIsActive{false};
     std::atomic<bool> segmentsFail{false};
+    std::atomic<bool> subscriptionsFail{false};
     std::atomic<unsigned int> largestSegment{~0U};
     std::atomic<std::uint64_t> clock{1'000'000};
     std::atomic<std::chrono::microseconds> pauseTakes{std::chrono::microseconds(200)};
@@ -225,6 +227,11 @@ inline bool FakeSegment::setUp(const char* how, const std::string& name, unsigne
     m_text = how + std::string(m_kind == Kind::Broadcast ? "broadcast " : "plain ") +
              std::to_string(size);
     return m_open = size <= m_machine.largestSegment && m_machine.add(*this);
+}
+
+inline void FakeSegment::subscribeObserver(shared_memory::SharedMemoryObserverI* observer) {
+    if (m_machine.subscriptionsFail) throw std::system_error(EAGAIN, std::generic_category());
+    setObserver(observer);
 }
 
 inline bool FakeSegment::Close() {

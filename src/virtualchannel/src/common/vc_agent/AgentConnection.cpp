@@ -26,9 +26,10 @@ VCMessage bareMessage(MessageTypeEnum type) {
 
 }  // namespace
 
-void AgentConnection::setConnected() {
+bool AgentConnection::setConnected() {
     OrderedLock lock(m_transitionMutex, lock_order::transition);
-    if (m_context.stopping) return;
+    if (m_context.stopping) return false;
+    m_context.catchUp();
     const auto& transition = m_state.next(Cause::Handshake);
     AGENT_LOG(m_context, Notice, "Virtual Channel Agents are connected");
     m_notifier.notifyCurrentProcessId(true);
@@ -38,8 +39,9 @@ void AgentConnection::setConnected() {
               " ,Agents were previously connected: ", m_state.phase() == Phase::Lost);
     if (transition.announcesChannelUp) m_notifier.notifyEvent("ChannelUp");
     if (transition.reannouncesStreams) announceAgain();
-    if (transition.beginsOrEndsThreads) begin(transition);
+    const bool isConnected = !transition.beginsOrEndsThreads || begin(transition);
     assert(IsConsistent());
+    return isConnected;
 }
 
 void AgentConnection::announceAgain() {
@@ -52,7 +54,7 @@ void AgentConnection::announceAgain() {
     }
 }
 
-void AgentConnection::begin(const ConnectionState::Transition& transition) {
+bool AgentConnection::begin(const ConnectionState::Transition& transition) {
     AGENT_LOG(m_context, Info,
               "Virtual Channel Agents is loaded by process id: ", utils::GetProcessId());
     if (auto* const channel = m_context.channel()) channel->onAgentStateChange(true);
@@ -62,9 +64,10 @@ void AgentConnection::begin(const ConnectionState::Transition& transition) {
     }
     m_state.enter(transition);
     m_context.letStreamsSend(true);
-    if (m_outgoing.start() && m_checker.start()) return;
+    if (m_outgoing.start() && m_checker.start()) return true;
     AGENT_LOG(m_context, Error, "Cannot start the threads of a connection.");
     leave(Goodbye::Unsaid);
+    return false;
 }
 
 void AgentConnection::setDisconnected() {
@@ -128,6 +131,7 @@ void AgentConnection::availabilityChanged(bool available) {
     AGENT_LOG(m_context, Notice,
               "OnVirtualChannelAvailabilityChange: ", available ? "available " : "not available ");
     if (m_context.stopping) return;
+    m_context.catchUp();
     if (m_context.environment->hasOtherActiveAgent()) {
         AGENT_LOG(m_context, Notice,
                   "Another virtual channel agent is connected, so ignore "

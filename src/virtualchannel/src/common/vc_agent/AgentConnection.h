@@ -18,8 +18,9 @@ public:
 
     // Call when the peer has finished a handshake. Enters the connected state or refreshes it:
     // notifies local processes and, unless this is the first connection, asks the peer again for
-    // its ends of the streams.
-    void setConnected() NORVO_TAKES_TRANSITION;
+    // its ends of the streams. False when there is no connection: the agent is ending, or has no
+    // threads for it.
+    bool setConnected() NORVO_TAKES_TRANSITION;
     // Leaves it. Local processes are notified even if there was no connection.
     void setDisconnected() NORVO_TAKES_TRANSITION;
 
@@ -40,7 +41,7 @@ public:
 private:
     enum class Goodbye { Said, Unsaid };
     void announceAgain() NORVO_TAKES_STREAMS;
-    void begin(const ConnectionState::Transition& transition)
+    bool begin(const ConnectionState::Transition& transition)
         NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_CREATION;
     void leave(Goodbye goodbye)
         NORVO_REQUIRES(m_transitionMutex, lock_order::transition) NORVO_TAKES_CREATION;

@@ -97,6 +97,9 @@ public:
     // Frees streams that are no longer needed.
     virtual void freeUnusedStreams() NORVO_TAKES_CREATION = 0;
 
+    // Starts what should run from the beginning, but found no thread then.
+    virtual void catchUp() NORVO_TAKES_SERVICE = 0;
+
 private:
     static std::string clientName() {
         return VDIFrameworkCommon::VDIClientInfo::getInstance().getClientName();

@@ -45,7 +45,8 @@ private:
 
     // True when another agent is active, or when this one is ending and must not answer.
     bool ignoresHandshake(const char* messageName);
-    void takeHandshake(const VCMessage& message) NORVO_TAKES_TRANSITION;
+    // False when the agents are not connected after it.
+    bool takeHandshake(const VCMessage& message) NORVO_TAKES_TRANSITION;
     void takeVersions(const VCMessage& message) NORVO_TAKES_LEAF;
     void takeStreamList(const VCMessage& message) NORVO_TAKES_STREAMS;
     void sendCapabilities(MessageTypeEnum type);

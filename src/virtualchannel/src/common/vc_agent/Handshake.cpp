@@ -24,20 +24,26 @@ void ControlProtocol::connect(const Received& /*received*/) {
 
 void ControlProtocol::connectReady(const Received& received) {
     if (ignoresHandshake("CTL_CONNECT_READY")) return;
-    takeHandshake(received.message);
+    if (!takeHandshake(received.message)) return;
     if (m_context.stopping) return;  // CTL_DISCONNECT must be the last message to the peer
     AGENT_LOG(m_context, Info, "reply with CTL_CONNECTED and supported streams list");
     sendCapabilities(CTL_CONNECTED);
 }
 
 void ControlProtocol::connected(const Received& received) {
-    if (!ignoresHandshake("CTL_CONNECTED")) takeHandshake(received.message);
+    if (ignoresHandshake("CTL_CONNECTED") || takeHandshake(received.message)) return;
+    if (m_context.stopping) return;
+    // For the peer there is a connection.
+    VCMessage refusal;
+    refusal.setMessageType(CTL_DISCONNECT);
+    m_context.SendMessageToChannel(refusal);
 }
 
-void ControlProtocol::takeHandshake(const VCMessage& message) {
+bool ControlProtocol::takeHandshake(const VCMessage& message) {
     takeVersions(message);
-    m_connection.setConnected();
+    if (!m_connection.setConnected()) return false;
     takeStreamList(message);
+    return true;
 }
 
 void ControlProtocol::takeVersions(const VCMessage& message) {

@@ -58,7 +58,19 @@ void StreamSegments::tryLater(std::shared_ptr<LateSegment> segment) {
     {
         LocalLock lock(m_mutex);
         m_late.push_back(std::move(segment));
-        if (std::exchange(m_isTrying, true)) return;
+    }
+    startTrying();
+}
+
+void StreamSegments::catchUp() {
+    LocalLock threadLock(m_threadMutex);
+    if (!m_ended) startTrying();
+}
+
+void StreamSegments::startTrying() {
+    {
+        LocalLock lock(m_mutex);
+        if (m_late.empty() || std::exchange(m_isTrying, true)) return;
     }
     if (m_thread.start([this] { RetryThread(); })) return;
     LocalLock lock(m_mutex);

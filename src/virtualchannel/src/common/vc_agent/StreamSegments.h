@@ -32,12 +32,15 @@ public:
         bool isSetUp = false;                                  // otherwise as soon as possible
     };
     Segment setUp(const std::string& name, unsigned int size, const SegmentSetup& setup);
+    // Starts the thread if that was impossible when a segment failed.
+    void catchUp();
 
     // Ends the thread, for good.
     void end();
 
 private:
     void tryLater(std::shared_ptr<LateSegment> segment);
+    void startTrying() NORVO_REQUIRES(m_threadMutex);
     void RetryThread();
     // Whether there is nothing left to try.
     bool tryAll();

@@ -21,6 +21,12 @@ void StreamService::beginInfoOutput(unsigned int size) {
     StartStreamProcessor(stream, false);
 }
 
+void StreamService::catchUp() {
+    m_segments.catchUp();
+    const StreamPtr info = m_streams.find(m_context.infoOutputName);
+    if (info && !info->isRunning()) StartStreamProcessor(info, false);
+}
+
 StreamSegments::Segment StreamService::CreateInternalSharedMemory(const std::string& name,
                                                                   StreamType type,
                                                                   unsigned int size) {

@@ -26,6 +26,9 @@ public:
     // Makes the outgoing INFO stream and starts it.
     void beginInfoOutput(unsigned int size) NORVO_TAKES_CREATION;
 
+    // Starts the INFO stream, and the retries of segments, if there was no thread for them.
+    void catchUp() NORVO_TAKES_SERVICE;
+
     // A segment without a stream. READ opens one that the agent reads alongside other readers.
     StreamSegments::Segment CreateInternalSharedMemory(const std::string& name, StreamType type,
                                                        unsigned int size);

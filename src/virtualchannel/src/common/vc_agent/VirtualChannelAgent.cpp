@@ -68,6 +68,18 @@ struct Agent::Parts final : AgentContext {
 
     void freeUnusedStreams() override { m_service.freeUnused(); }
 
+    void catchUp() override {
+        if (stopping) return;
+        m_service.catchUp();
+        if (m_isDeaf.exchange(false)) listen();
+    }
+    void listen() {
+        m_isDeaf = !subscribe(*m_infoReader, m_listener);
+        if (m_isDeaf) AGENT_LOG(*this, Error, "No thread to listen to local processes.");
+        // The end may have passed this by.
+        if (stopping) m_infoReader->unsubscribeObserver(m_listener);
+    }
+
     std::shared_ptr<HvdClientInfoManager> clientInfo() {
         OrderedLock lock(m_valuesMutex, lock_order::leaf);
         if (!m_clientInfo) m_clientInfo = std::make_shared<HvdClientInfoManager>();
@@ -91,6 +103,9 @@ struct Agent::Parts final : AgentContext {
 
     // The segment for requests of local processes; empty when it could not be set up.
     std::shared_ptr<shared_memory::SharedMemoryI> m_infoReader;
+    shared_memory::SharedMemoryObserverI* m_listener = nullptr;
+    // It has been set up without its listener.
+    std::atomic<bool> m_isDeaf{false};
 
     VDIFrameworkCommon::LocalMutex m_valuesMutex;
     std::shared_ptr<HvdClientInfoManager> m_clientInfo NORVO_GUARDED_BY(m_valuesMutex);
@@ -132,8 +147,9 @@ void Agent::begin(VirtualChannel* channel) {
     const auto requests = m_parts->m_service.CreateInternalSharedMemory(
         context.infoInputName, StreamType::READ, kInfoSegmentSize);
     m_parts->m_infoReader = requests.memory;
-    const bool listens = requests.memory && subscribe(*requests.memory, this);
-    if (!listens || !requests.isSetUp) {
+    m_parts->m_listener = this;
+    if (requests.memory) m_parts->listen();
+    if (!requests.isSetUp || m_parts->m_isDeaf) {
         AGENT_LOG(context, Error, "infoSharedMemory create failed");
     }
     m_parts->m_notifier.notifyCurrentProcessId(false);
@@ -185,6 +201,7 @@ void Agent::SetVirtualChannel(VirtualChannel* channel) {
     AgentContext& context = *m_parts;
     ChannelLink& link = m_parts->m_link;
     AGENT_LOG(context, Info, "SetVirtualChannel( ", static_cast<const void*>(channel), " )");
+    m_parts->catchUp();
     OrderedLock lock(m_parts->m_attachmentMutex, lock_order::attachment);
     if (VirtualChannel* const old = link.channel()) {
         AGENT_LOG(context, Info,
