@@ -161,6 +161,9 @@ void ControlProtocol::streamCreated(const Received& received) {
 void ControlProtocol::routeData(const Received& received) {
     StreamPtr stream = findOpposite(received.stream);
     if (stream && route(stream, received)) return;
+    AGENT_LOG_REPEATED(
+        m_context, m_notRequested, Info,
+        " NO, because stream hasn't been requested on this side: ", shown(received.stream.name));
     stream = recreate(received.stream);
     if (stream) route(stream, received);
 }
@@ -180,6 +183,7 @@ StreamPtr ControlProtocol::recreate(const StreamDetails& wanted) {
             "Stream not found, and succesfully recreated, but still unable to route msgs.");
     }
     if (stream) {
+        m_notRequested.settled();
         m_recreated.settled();
     } else {
         sendError(wanted);

@@ -73,6 +73,7 @@ private:
     KLT::kltlogger::LogRepeats m_unsupported;
     KLT::kltlogger::LogRepeats m_peersErrors;
     KLT::kltlogger::LogRepeats m_notCreated;
+    KLT::kltlogger::LogRepeats m_notRequested;
     KLT::kltlogger::LogRepeats m_recreated;
     KLT::kltlogger::LogRepeats m_notRecreated;
     std::array<KLT::kltlogger::LogRepeats, CTL_LOGFLUSH + 1> m_incomplete;  // by message type
