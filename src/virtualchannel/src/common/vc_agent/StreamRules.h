@@ -32,6 +32,8 @@ inline constexpr std::size_t kMaxQueuedBytesWhenCrowded = 1U << 20;
 
 // A stream that no local process has open is freed when neither side has used it for this long.
 inline constexpr std::uint64_t kFreeAfterMs = 60'000;
+// The same when one of those that have requested it may be a process whose use cannot be seen.
+inline constexpr std::uint64_t kFreeInDoubtAfterMs = 600'000;
 // And when it is still unused this long after it was first found so.
 inline constexpr std::uint64_t kSettledAfterMs = 100;
 

@@ -210,6 +210,7 @@ bool StreamService::givesUp(Agent::Stream& stream, std::uint64_t nowMs) {
         stream.use.note();
         return false;
     }
+    if (stream.use.isInDoubt() && idleMs < kFreeInDoubtAfterMs) return false;
     // The segment's read thread may have in hand what a process wrote before it closed the segment.
     if (stream.use.isKept() || stream.use.unusedMs(nowMs) < kSettledAfterMs) return false;
     return stream.use.giveUp();

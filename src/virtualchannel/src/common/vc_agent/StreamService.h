@@ -15,7 +15,8 @@ namespace VirtualChannelAgent {
 
 // Makes and starts streams, passes them the peer's data, and frees unused ones: those that no local
 // process has open and neither side has used for a minute. A stream requested by a local process
-// whose use cannot be seen (it does not use this framework) is never freed. A stream made at the
+// whose use cannot be seen (it does not use this framework) is never freed; after ten minutes if it
+// is unknown whether one of several that requested it is such a one. A stream made at the
 // peer's request is freed with its segment. Unused streams are looked for while the agents are
 // connected, and when a local process's stream finds no room. Any thread.
 class StreamService {

@@ -18,7 +18,9 @@ public:
         return !(state & kGivenUp);
     }
     void askedFor(Requester by) {
-        (by == Requester::FarSide ? m_byPeer : m_byLocal) = true;
+        if (by == Requester::LocalProcess) {
+            if (m_byLocal.exchange(true)) m_isInDoubt = true;
+        }
         note();
     }
     // A local process was seen to have the segment open.
@@ -46,9 +48,10 @@ public:
         const bool m_isOpen;
     };
 
-    bool isPeers() const { return m_byPeer && !m_byLocal; }
     // A local process has requested it, but was never seen to have it open.
     bool isKept() const { return m_byLocal && !m_seenOpen; }
+    // They have requested it more than once: it is unknown whether one of them cannot be seen.
+    bool isInDoubt() const { return m_isInDoubt; }
 
     // The following are for one caller, which calls regularly.
 
@@ -79,9 +82,9 @@ private:
     static constexpr unsigned int kPassage = 4;  // the unit of the count of passages
 
     std::atomic<unsigned int> m_state{kNoted};
-    std::atomic<bool> m_byPeer{false};
     std::atomic<bool> m_byLocal{false};
     std::atomic<bool> m_seenOpen{false};
+    std::atomic<bool> m_isInDoubt{false};
     std::atomic<std::uint64_t> m_idleSinceMs{0};
     std::atomic<std::uint64_t> m_unusedSinceMs{0};
 };
