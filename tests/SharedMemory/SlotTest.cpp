@@ -158,19 +158,33 @@ TEST(SlotAcrossProcesses, IdleReadersAndAClosingWriterSurviveThatTheirObjectIsCu
     ReadyChild sink("segmentSink", {names[0], "64"});
     ReadyChild listener("segmentListener", {names[1], "64", "1"});
     for (const std::string& name : names) {
-        ASSERT_EQ(truncate(pathOf(name).c_str(), 0), 0);
-        std::error_code missing;
-        ASSERT_TRUE(eventually([&] {
-            const auto size = fs::file_size(pathOf(name), missing);
-            return !missing && size > 0;
-        })) << "the reader did not make it anew";
+        Texts paths = pathsBeside(name);
+        paths.push_back(pathOf(name));
+        for (const std::string& path : paths) {
+            std::this_thread::sleep_for(milliseconds(20));
+            ASSERT_EQ(truncate(path.c_str(), 0), 0);
+            std::error_code missing;
+            ASSERT_TRUE(eventually([&] {
+                const auto size = fs::file_size(path, missing);
+                return !missing && size > 0;
+            })) << "not made anew: "
+                << path;
+        }
     }
     const std::string message = numberedMessage(1, 7, 64);
     EXPECT_TRUE(write(*out, message) && write(broadcast, message));
     EXPECT_EQ(sink.readLine(), "good");
     EXPECT_EQ(listener.readLine(), "7");
+    Texts cut = pathsBeside(names[0]);
+    for (const std::string& path : cut) {
+        std::this_thread::sleep_for(milliseconds(20));
+        ASSERT_EQ(truncate(path.c_str(), 4), 0);
+        for (int i = 0; i < 2; ++i) EXPECT_TRUE(write(*out, message)) << path;
+    }
     sink.killAndWait();
-    ASSERT_EQ(truncate(pathOf(names[0]).c_str(), 0), 0);
+    cut.push_back(pathOf(names[0]));
+    std::this_thread::sleep_for(milliseconds(20));
+    for (const std::string& path : cut) ASSERT_EQ(truncate(path.c_str(), 0), 0);
     EXPECT_TRUE(out->Close());
 }
 

@@ -22,7 +22,8 @@ constexpr int kCopies = 20;
 void BroadcastReader::begin(bool isRenewed) {
     const long current = m_slot.header().newMessageId;
     remember(isRenewed ? 0 : std::max(current, lastSeenByOthers()));
-    if (auto* own = m_slot.registry().own()) own->since = m_lastSeenId;
+    m_since = m_lastSeenId;
+    if (auto* own = m_slot.registry().own()) own->since = m_since;
     countAsOneThatCame();
     m_slot.notify(SegmentSlot::Signal::Taken);
 }
@@ -47,6 +48,14 @@ long BroadcastReader::countedAfterId() const {
 
 void BroadcastReader::forget(const RegistryEntry& gone) {
     BroadcastCounts(m_slot.header()).remove(gone);
+}
+
+void BroadcastReader::reenter() {
+    auto* own = m_slot.registry().own();
+    if (!own) return;
+    own->lastSeenId = m_lastSeenId;
+    own->countedAfterId = m_countedAfterId;
+    own->since = m_since;
 }
 
 void BroadcastReader::remember(long lastSeenId) {
@@ -93,8 +102,9 @@ void BroadcastReader::enterRead() {
 }
 
 void BroadcastReader::leaveRead() {
+    if (m_slot.isCut()) return;
     if (auto* own = m_slot.registry().own()) own->isInside = 0;
-    if (!m_slot.isCut()) BroadcastCounts(m_slot.header()).removeInside();
+    BroadcastCounts(m_slot.header()).removeInside();
 }
 
 std::string BroadcastReader::take() {

@@ -34,6 +34,7 @@ public:
     void begin(bool isRenewed) override;
     void leave() override;
     void forget(const RegistryEntry& gone) override;
+    void reenter() override;
 
 private:
     enum class Copied { Whole, Invalid, Overtaken };
@@ -50,8 +51,10 @@ private:
     SegmentSlot& m_slot;
     // The last message ID seen.
     long m_lastSeenId = 0;
-    // The ID after which this reader counted itself as ready, unless the registry has it.
+    // The ID after which this reader counted itself as ready; if the registry has it, that counts.
     long m_countedAfterId = 0;
+    // The last message ID when it opened.
+    long m_since = 0;
     // The last look found the count to be 0 although this reader is counted.
     bool m_isCountLost = false;
     KLT::kltlogger::LogRepeats m_invalid;

@@ -91,8 +91,9 @@ bool SharedMemoryBase::ReadData(void** data, unsigned int& length) {
 std::string SharedMemoryBase::takeMessageNow() { return m_reader.takeNow(kLongestSilence); }
 
 bool SharedMemoryBase::NewMessage(bool /*update*/) {
+    if (!m_slot.isMapped()) return false;
     const SegmentSlot::Section section(m_slot);
-    return section && m_slot.isMapped() && m_slot.isUnread();
+    return section && m_slot.isUnread();
 }
 
 SlotEnd& SharedMemoryBase::end(Mode mode) {

@@ -101,8 +101,9 @@ std::string SharedMemoryBroadcast::takeMessageNow() {
 }
 
 bool SharedMemoryBroadcast::NewMessage(bool update) {
+    if (!m_slot.isMapped()) return false;
     const SegmentSlot::Section section(m_slot);
-    return section && m_slot.isMapped() && m_broadcastReader.advance(update);
+    return section && m_broadcastReader.advance(update);
 }
 
 }  // namespace shared_memory
