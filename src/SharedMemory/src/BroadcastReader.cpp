@@ -182,12 +182,13 @@ void BroadcastReader::countAsReady() {
 void BroadcastReader::stayCounted() {
     if (!m_slot.isMapped() || m_slot.isCut()) return;
     SharedMemoryHeader& header = m_slot.header();
-    if (header.lockWord2 != 0) {
+    const BroadcastCounts counts(header);
+    if (counts.ready() != 0) {
         m_isCountLost = false;
         return;
     }
     const SegmentSlot::Section section(m_slot);
-    if (!section || header.lockWord2 != 0 || header.newMessageId != m_lastSeenId) return;
+    if (!section || counts.ready() != 0 || header.newMessageId != m_lastSeenId) return;
     if (m_isCountLost) {
         countAsOneThatCame();
     } else {
