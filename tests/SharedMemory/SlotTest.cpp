@@ -147,6 +147,15 @@ TEST_F(SlotTest, ARemovedOrTruncatedObjectIsMadeAnewByBothEnds) {
     }
     EXPECT_GE(log.count("was removed from the system, made anew: " + name), 1);
     EXPECT_GE(log.count("was cut by another process, made anew: " + name), 1);
+    // A newcomer opens others beside a segment that stays.
+    for (const std::string& beside : pathsBeside(name)) ASSERT_EQ(unlink(beside.c_str()), 0);
+    const auto next = plain();
+    ASSERT_TRUE(out->Close() && next->Create(name, 8192));
+    ASSERT_TRUE(write(*next, "slow") && collector.waitForCount(++count));
+    const auto start = Clock::now();
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(write(*next, "fast"));
+    ASSERT_TRUE(collector.waitForCount(count + 3));
+    EXPECT_LT(since(start), milliseconds(1000));
     in->Close();
 }
 

@@ -36,6 +36,8 @@ bool SegmentRegistry::isWhole(std::chrono::steady_clock::time_point now) const {
     return !m_own || (m_own->process.load() == ProcessIdentity::own() && m_own->is(m_role));
 }
 
+bool SegmentRegistry::isCurrent() const { return !m_object || m_object->isCurrent(); }
+
 void SegmentRegistry::enter(Role role) {
     leave();
     m_role = role;

@@ -61,6 +61,8 @@ public:
     // False when this end is no longer entered, or when another process has truncated the object:
     // touching it would then kill this one. To be asked like NamedObject::isWhole.
     bool isWhole(std::chrono::steady_clock::time_point now) const;
+    // Whether its name still refers to it, as far as the system tells.
+    bool isCurrent() const;
 
     // Takes a free entry for this end. When kEntries ends are open there is none, and the others do
     // not know about this one.

@@ -17,6 +17,7 @@ namespace {
 constexpr std::chrono::microseconds kLookIsFresh{50};
 // Under steady traffic a message must not pay for a look at the four objects beside the memory.
 constexpr std::chrono::microseconds kSteadyLookIsFresh{1000};
+constexpr milliseconds kNamesAreFresh{200};
 constexpr milliseconds kShortestMutexWait{20};
 constexpr milliseconds kLostPause{20};
 
@@ -131,7 +132,8 @@ bool SegmentSlot::close() {
 
 SegmentSlot::Soundness SegmentSlot::check(Clock::time_point now) {
     if (!isMapped()) return renew();
-    if (isFresh(m_lastLook, now)) return Soundness::Sound;
+    const bool areCurrent = !m_isSilent || areObjectsCurrent(now);
+    if (areCurrent && isFresh(m_lastLook, now)) return Soundness::Sound;
     switch (look(now)) {
         case Look::Cut:
             logLost("Shared memory was cut by another process");
@@ -145,7 +147,9 @@ SegmentSlot::Soundness SegmentSlot::check(Clock::time_point now) {
         case Look::Sound:
             break;
     }
-    return Soundness::Sound;
+    if (areCurrent) return Soundness::Sound;
+    logLost("What synchronises a shared memory was removed from the system");
+    return renewObjects();
 }
 
 bool SegmentSlot::isCut(Clock::time_point now) {
@@ -170,6 +174,14 @@ bool SegmentSlot::areObjectsWhole(Clock::time_point now) {
                           m_writeCondition.isWhole(now) && m_registry.isWhole(now);
     m_objectsWholeAt = areWhole ? now : Clock::time_point{};
     return areWhole;
+}
+
+// Those who opened them since notify others than these.
+bool SegmentSlot::areObjectsCurrent(Clock::time_point now) {
+    if (isFresh(m_namesAskedAt, now, kNamesAreFresh)) return true;
+    m_namesAskedAt = now;
+    return m_mutex.isCurrent() && m_readCondition.isCurrent() && m_writeCondition.isCurrent() &&
+           m_registry.isCurrent();
 }
 
 void SegmentSlot::logLost(const char* what) { NORVO_LOG(Warning, what, ", made anew: ", m_name); }

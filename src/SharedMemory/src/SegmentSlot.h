@@ -78,9 +78,10 @@ public:
     enum class Soundness { Sound, Renewed, Lost };
     // Call it before touching a chunk. Checks the object, unless the last check is less than 50 us
     // old: touching memory that another process has truncated would kill this one. A removed or
-    // truncated object is recreated; the slot goes on as it is when only its mutex, a condition or
-    // the registry had to be. If that fails the slot is lost and unmapped until a later call
-    // succeeds; each such call takes 20 ms.
+    // truncated object is recreated, one beside it also after a wait without a notification: who
+    // has removed it takes its notifications elsewhere. The slot goes on as it is when only its
+    // mutex, a condition or the registry had to be. If that fails the slot is lost and unmapped
+    // until a later call succeeds; each such call takes 20 ms.
     Soundness check(Clock::time_point now);
     // Whether another process has truncated the object, or the mutex, a condition or the registry.
     // Ask before touching any of them if time may have passed since the last check, which is valid
@@ -164,6 +165,7 @@ private:
     enum class Look { Sound, Cut, Removed, ObjectsCut };
     Look look(Clock::time_point now);
     bool areObjectsWhole(Clock::time_point now);
+    bool areObjectsCurrent(Clock::time_point now);
     Soundness renew();
     Soundness renewObjects();
     bool reopenObjects();
@@ -197,6 +199,7 @@ private:
     Clock::time_point m_objectsWholeAt{};
     // The last wait ended without a notification.
     bool m_isSilent = true;
+    Clock::time_point m_namesAskedAt{};
     // The data area behind the last chunk is zero.
     bool m_restIsClear = false;
     // The new message ID, and the generation, at which a chunk was last found unread.

@@ -145,9 +145,13 @@ bool NamedObject::isWhole(WaitClock::time_point now) const {
 
 bool NamedObject::isCurrent() const {
     if (!isSharedMemoryRemovalSeen()) return true;
+    struct stat status;
+    if (statusOfSharedMemory(m_objectName, status) &&
+        m_place == Place{status.st_dev, status.st_ino}) {
+        return true;
+    }
     const FileDescriptor file(shm_open_mac(m_objectName, O_RDWR, 0));
     if (!file) return errno != ENOENT;
-    struct stat status;
     return fstat(file.get(), &status) != 0 || m_place == Place{status.st_dev, status.st_ino};
 }
 
