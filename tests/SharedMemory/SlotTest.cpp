@@ -70,6 +70,24 @@ TEST_F(SlotTest, AMessageThatThereIsNoMemoryForWaitsUntilThereIs) {
     EXPECT_EQ(log.count("No memory for a message of 64 bytes, stream: " + name), 1);
 }
 
+TEST_F(SlotTest, WhereverMemoryRunsOutInOpeningTheSegmentMayBeOpenedLater) {
+    for (const auto make : {plain, broadcast}) {
+        const std::string own = uniqueName();
+        const auto in = make();
+        const auto out = make();
+        for (const auto& end : {in, out}) {
+            failEachAllocation([&] {
+                const bool isOpen = end == in ? in->Open(own, 64) : out->Create(own, 64);
+                const OpenFailure failure = end->openError().failure;
+                EXPECT_EQ(failure, isOpen ? OpenFailure::None : OpenFailure::NoSpace);
+                if (isOpen) end->Close();
+            });
+        }
+        ASSERT_TRUE(in->Open(own, 64) && out->Create(own, 64));
+        EXPECT_TRUE(crosses(*out, *in, "message"));
+    }
+}
+
 TEST_F(SlotTest, ABroadcastMessageIsNotTakenWhileItsWriterChangesIt) {
     SharedMemoryBroadcast listener;
     ASSERT_TRUE(listener.Open(name, 16));

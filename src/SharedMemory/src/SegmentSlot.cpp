@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <thread>
 
+#include "Contained.h"
 #include "Log.h"
 #include "SegmentUse.h"
 
@@ -40,13 +42,30 @@ bool SegmentSlot::open(const std::string& name, unsigned int capacity, bool crea
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
         return false;
     }
-    m_name = name;
     m_end = &end;
     m_claim = claim;
-    if (!openAll(capacity, create, false)) return false;
+    const bool isOpen = withMemory([&] {
+        m_name = name;
+        return openAll(capacity, create, false);
+    });
+    if (!isOpen) return false;
     m_gate.resume();
     m_gate.open();
     return true;
+}
+
+// The result of `step`, or false when memory ran out in it: what it opened is closed again.
+template <class Step>
+bool SegmentSlot::withMemory(const Step& step) {
+    try {
+        return step();
+    } catch (const std::bad_alloc&) {
+        m_error = openErrorFor(ENOMEM);
+    }
+    m_registry.close();
+    if (isMapped()) m_mapping.close();
+    VDIFrameworkCommon::reportFailure("Opening a shared memory", "no memory");
+    return false;
 }
 
 // A process that removes a segment holds its mutex meanwhile, and removes the mutex with it.
@@ -189,13 +208,13 @@ void SegmentSlot::logLost(const char* what) { NORVO_LOG(Warning, what, ", made a
 SegmentSlot::Soundness SegmentSlot::renew() {
     m_registry.close();
     if (isMapped()) m_mapping.close();
-    if (openAll(m_capacity, true, true)) return Soundness::Renewed;
+    if (withMemory([&] { return openAll(m_capacity, true, true); })) return Soundness::Renewed;
     std::this_thread::sleep_for(kLostPause);
     return Soundness::Lost;
 }
 
 SegmentSlot::Soundness SegmentSlot::renewObjects() {
-    return reopenObjects() ? Soundness::Sound : renew();
+    return withMemory([&] { return reopenObjects(); }) ? Soundness::Sound : renew();
 }
 
 bool SegmentSlot::reopenObjects() {

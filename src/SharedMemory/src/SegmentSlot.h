@@ -158,6 +158,8 @@ private:
     };
     enum class Waited { Notified, TimedOut, Ended };
 
+    template <class Step>
+    bool withMemory(const Step& step);
     bool openAll(unsigned int capacity, bool create, bool isRenewed);
     bool createObjects();
     bool start(unsigned int capacity, bool create, bool isRenewed);

@@ -214,8 +214,10 @@ std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name
         errno = EACCES;
         return nullptr;
     }
-    return registry.add(
-        std::shared_ptr<NamedObject>(new NamedObject(kind, name, objectName, place, memory)));
+    std::unique_ptr<void, void (*)(void*)> mapping(memory, [](void* end) { munmap(end, kSize); });
+    std::shared_ptr<NamedObject> object(new NamedObject(kind, name, objectName, place, memory));
+    static_cast<void>(mapping.release());
+    return registry.add(std::move(object));
 }
 
 }  // namespace VDIFrameworkCommon

@@ -128,7 +128,7 @@ void Agent::begin(VirtualChannel* channel) {
     const auto requests = m_parts->m_service.CreateInternalSharedMemory(
         context.infoInputName, StreamType::READ, kInfoSegmentSize);
     m_parts->m_infoReader = requests.memory;
-    const bool listens = requests.memory && subscribe(*requests.memory, this);
+    const bool listens = requests.memory && requests.memory->subscribeObserver(this);
     if (!listens || !requests.isSetUp) {
         AGENT_LOG(context, Error, "infoSharedMemory create failed");
     }
