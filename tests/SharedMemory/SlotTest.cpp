@@ -112,6 +112,12 @@ TEST_F(SlotTest, ABroadcastMessageIsNotTakenWhileItsWriterChangesIt) {
     fields(3, 3);
     raw.put<long>(16, 3);
     EXPECT_EQ(read(listener).size(), 3U);
+    BroadcastReader own{slot};
+    ASSERT_TRUE(slot.open(name, 16, true, own) && truncate(pathOf(name).c_str(), 0) == 0);
+    std::this_thread::sleep_for(milliseconds(1));
+    EXPECT_EQ(own.take(), "");
+    EXPECT_EQ(log.count("Failed to lock for reading!" + name), 1);
+    slot.close();
 }
 
 TEST_F(SlotTest, ARefusedBroadcastWriteLeavesThePreviousMessage) {

@@ -95,10 +95,11 @@ bool BroadcastReader::wait(std::chrono::milliseconds timeout) {
                           [this] { return advance(false); });
 }
 
-void BroadcastReader::enterRead() {
-    if (m_slot.isCut()) return;
+bool BroadcastReader::enterRead() {
+    if (m_slot.isCut()) return false;
     BroadcastCounts(m_slot.header()).addInside();
     if (auto* own = m_slot.registry().own()) own->isInside = 1;
+    return true;
 }
 
 void BroadcastReader::leaveRead() {
@@ -109,10 +110,13 @@ void BroadcastReader::leaveRead() {
 
 std::string BroadcastReader::take() {
     std::string message;
+    if (!enterRead()) {
+        logNotLocked();
+        return message;
+    }
     const long newest = m_slot.header().newMessageId;
     if (newest > m_lastSeenId) remember(newest);
     m_isCountLost = false;
-    enterRead();
     const Copied copied = copy(message);
     countAsReady();
     leaveRead();
@@ -125,6 +129,14 @@ std::string BroadcastReader::take() {
                            "A message was written over while it was read, stream: ", m_slot.name());
     }
     return copied == Copied::Whole ? message : std::string();
+}
+
+void BroadcastReader::logNotLocked() {
+    if (m_slot.gate().isOpen()) {
+        NORVO_LOG_REPEATED(m_notLocked, Error, "Failed to lock for reading!", m_slot.name());
+    } else {  // closed meanwhile
+        NORVO_LOG(Info, "Failed to lock for reading!", m_slot.name());
+    }
 }
 
 // A writer that has given up on this reader may already be writing the next message.

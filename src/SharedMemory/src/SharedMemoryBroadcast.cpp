@@ -54,9 +54,7 @@ void SharedMemoryBroadcast::UnlockWrite() {
 
 bool SharedMemoryBroadcast::LockRead() {
     LocalLock operation(m_operationLock);
-    if (!m_slot.isMapped()) return false;
-    m_broadcastReader.enterRead();
-    return true;
+    return m_slot.isMapped() && m_broadcastReader.enterRead();
 }
 
 void SharedMemoryBroadcast::UnlockRead() {
