@@ -63,8 +63,9 @@ public:
     }
     std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
     bool ReadData(void**, unsigned int&) override { return false; }
-    void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override {
+    bool subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override {
         m_observer = observer;
+        return true;
     }
     void unsubscribeObserver(shared_memory::SharedMemoryObserverI*) override {
         m_observer = nullptr;

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <exception>
 #include <new>
 #include <system_error>
@@ -110,7 +111,10 @@ Status Client::Impl::listen() {
     m_nextListen = Clock::now() + kListenPause;
     m_info = shared_memory::getSharedMemoryInstance(shared_memory::ESharedMemoryType::Broadcast);
     if (!m_info->Open(name, kInfoSegmentSize)) return statusOf(m_info->openError());
-    m_info->subscribeObserver(this);
+    if (!m_info->subscribeObserver(this)) {
+        m_info->Close();
+        return {Reason::SystemError, EAGAIN};
+    }
     m_listens = true;
     return {};
 }

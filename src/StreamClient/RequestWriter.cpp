@@ -157,7 +157,7 @@ bool RequestSlot::isTakenFromSlot() {
     const BroadcastCounts counts(m_slot.header());
     const long id = m_slot.header().newMessageId;
     bool isTaken = false;
-    auto unregistered = static_cast<int>(counts.ready());
+    long unregistered = static_cast<int>(counts.ready());
     m_slot.registry().forEachOther([&](const RegistryEntry& entry) {
         if (!entry.is(SegmentRegistry::Role::Reader) || entry.countedAfterId != id) return;
         --unregistered;

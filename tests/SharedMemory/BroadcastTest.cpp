@@ -141,7 +141,7 @@ TEST_F(BroadcastTest, ALateWriteDoesNotOvertakeAReaderInsideItsCopy) {
 
 TEST_F(BroadcastTest, ALostCountOfReadyReadersIsRestored) {
     RawSegment raw(name);
-    raw.put<long>(8, 0);
+    raw.put<long>(8, 1L << 32);  // the upper half does not count
     EXPECT_FALSE(canWriteNow());
     EXPECT_TRUE(takes(reader, "") && takes(reader, ""));
     EXPECT_TRUE(crosses("one"));

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include "MappedObject.h"
+#include "NamedObject.h"
 #include "Numbered.h"
 #include "SharedMemoryFactory.h"
 #include "SharedMemoryMacosx.h"
@@ -26,6 +27,20 @@ inline std::string objectOf(const std::string& name) {
 }
 inline std::string pathOf(const std::string& name) {
     return "/dev/shm" + VDIFrameworkCommon::sharedMemoryObjectName(objectOf(name));
+}
+
+// The paths of the objects beside it: mutex, conditions and registry.
+inline Texts pathsBeside(const std::string& name) {
+    using VDIFrameworkCommon::NamedObject;
+    using Kind = NamedObject::Kind;
+    const std::string object = kSegmentObjectPrefix + name;
+    Texts names{NamedObject::objectName(Kind::Mutex, object),
+                NamedObject::objectName(Kind::Condition, object + kReadConditionSuffix),
+                NamedObject::objectName(Kind::Condition, object + kWriteConditionSuffix),
+                NamedObject::objectName(Kind::Registry, SegmentMapping::prefixed(name))};
+    for (std::string& path : names)
+        path = "/dev/shm" + VDIFrameworkCommon::sharedMemoryObjectName(path);
+    return names;
 }
 
 inline bool write(SharedMemoryI& segment, const std::string& message) {

@@ -70,6 +70,24 @@ TEST_F(SlotTest, AMessageThatThereIsNoMemoryForWaitsUntilThereIs) {
     EXPECT_EQ(log.count("No memory for a message of 64 bytes, stream: " + name), 1);
 }
 
+TEST_F(SlotTest, WhereverMemoryRunsOutInOpeningTheSegmentMayBeOpenedLater) {
+    for (const auto make : {plain, broadcast}) {
+        const std::string own = uniqueName();
+        const auto in = make();
+        const auto out = make();
+        for (const auto& end : {in, out}) {
+            failEachAllocation([&] {
+                const bool isOpen = end == in ? in->Open(own, 64) : out->Create(own, 64);
+                const OpenFailure failure = end->openError().failure;
+                EXPECT_EQ(failure, isOpen ? OpenFailure::None : OpenFailure::NoSpace);
+                if (isOpen) end->Close();
+            });
+        }
+        ASSERT_TRUE(in->Open(own, 64) && out->Create(own, 64));
+        EXPECT_TRUE(crosses(*out, *in, "message"));
+    }
+}
+
 TEST_F(SlotTest, ABroadcastMessageIsNotTakenWhileItsWriterChangesIt) {
     SharedMemoryBroadcast listener;
     ASSERT_TRUE(listener.Open(name, 16));
@@ -94,6 +112,12 @@ TEST_F(SlotTest, ABroadcastMessageIsNotTakenWhileItsWriterChangesIt) {
     fields(3, 3);
     raw.put<long>(16, 3);
     EXPECT_EQ(read(listener).size(), 3U);
+    BroadcastReader own{slot};
+    ASSERT_TRUE(slot.open(name, 16, true, own) && truncate(pathOf(name).c_str(), 0) == 0);
+    std::this_thread::sleep_for(milliseconds(1));
+    EXPECT_EQ(own.take(), "");
+    EXPECT_EQ(log.count("Failed to lock for reading!" + name), 1);
+    slot.close();
 }
 
 TEST_F(SlotTest, ARefusedBroadcastWriteLeavesThePreviousMessage) {
@@ -147,6 +171,15 @@ TEST_F(SlotTest, ARemovedOrTruncatedObjectIsMadeAnewByBothEnds) {
     }
     EXPECT_GE(log.count("was removed from the system, made anew: " + name), 1);
     EXPECT_GE(log.count("was cut by another process, made anew: " + name), 1);
+    // A newcomer opens others beside a segment that stays.
+    for (const std::string& beside : pathsBeside(name)) ASSERT_EQ(unlink(beside.c_str()), 0);
+    const auto next = plain();
+    ASSERT_TRUE(out->Close() && next->Create(name, 8192));
+    ASSERT_TRUE(write(*next, "slow") && collector.waitForCount(++count));
+    const auto start = Clock::now();
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(write(*next, "fast"));
+    ASSERT_TRUE(collector.waitForCount(count + 3));
+    EXPECT_LT(since(start), milliseconds(1000));
     in->Close();
 }
 
@@ -158,19 +191,33 @@ TEST(SlotAcrossProcesses, IdleReadersAndAClosingWriterSurviveThatTheirObjectIsCu
     ReadyChild sink("segmentSink", {names[0], "64"});
     ReadyChild listener("segmentListener", {names[1], "64", "1"});
     for (const std::string& name : names) {
-        ASSERT_EQ(truncate(pathOf(name).c_str(), 0), 0);
-        std::error_code missing;
-        ASSERT_TRUE(eventually([&] {
-            const auto size = fs::file_size(pathOf(name), missing);
-            return !missing && size > 0;
-        })) << "the reader did not make it anew";
+        Texts paths = pathsBeside(name);
+        paths.push_back(pathOf(name));
+        for (const std::string& path : paths) {
+            std::this_thread::sleep_for(milliseconds(20));
+            ASSERT_EQ(truncate(path.c_str(), 0), 0);
+            std::error_code missing;
+            ASSERT_TRUE(eventually([&] {
+                const auto size = fs::file_size(path, missing);
+                return !missing && size > 0;
+            })) << "not made anew: "
+                << path;
+        }
     }
     const std::string message = numberedMessage(1, 7, 64);
     EXPECT_TRUE(write(*out, message) && write(broadcast, message));
     EXPECT_EQ(sink.readLine(), "good");
     EXPECT_EQ(listener.readLine(), "7");
+    Texts cut = pathsBeside(names[0]);
+    for (const std::string& path : cut) {
+        std::this_thread::sleep_for(milliseconds(20));
+        ASSERT_EQ(truncate(path.c_str(), 4), 0);
+        for (int i = 0; i < 2; ++i) EXPECT_TRUE(write(*out, message)) << path;
+    }
     sink.killAndWait();
-    ASSERT_EQ(truncate(pathOf(names[0]).c_str(), 0), 0);
+    cut.push_back(pathOf(names[0]));
+    std::this_thread::sleep_for(milliseconds(20));
+    for (const std::string& path : cut) ASSERT_EQ(truncate(path.c_str(), 0), 0);
     EXPECT_TRUE(out->Close());
 }
 

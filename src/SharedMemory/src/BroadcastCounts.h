@@ -1,5 +1,8 @@
 #pragma once
 
+#include <algorithm>
+#include <limits>
+
 #include "SegmentRegistry.h"
 #include "SharedMemoryLayout.h"
 
@@ -79,7 +82,8 @@ public:
     bool restart(SegmentRegistry& registry) {
         const long before = m_header.newMessageId.exchange(0);
         long known = 0;
-        long unknown = m_header.lockWord2;
+        // The word may hold anything: the sums below must not overflow.
+        long unknown = std::clamp(m_header.lockWord2.load(), 0L, kMostReaders);
         registry.forEach([&](RegistryEntry& entry) {
             if (!entry.is(SegmentRegistry::Role::Reader)) return;
             ++known;
@@ -96,6 +100,8 @@ public:
     static long idBefore(long id) { return static_cast<long>(static_cast<unsigned long>(id) - 1); }
 
 private:
+    static constexpr long kMostReaders = std::numeric_limits<int>::max();
+
     SharedMemoryHeader& m_header;
 };
 

@@ -22,7 +22,8 @@ constexpr int kCopies = 20;
 void BroadcastReader::begin(bool isRenewed) {
     const long current = m_slot.header().newMessageId;
     remember(isRenewed ? 0 : std::max(current, lastSeenByOthers()));
-    if (auto* own = m_slot.registry().own()) own->since = m_lastSeenId;
+    m_since = m_lastSeenId;
+    if (auto* own = m_slot.registry().own()) own->since = m_since;
     countAsOneThatCame();
     m_slot.notify(SegmentSlot::Signal::Taken);
 }
@@ -47,6 +48,14 @@ long BroadcastReader::countedAfterId() const {
 
 void BroadcastReader::forget(const RegistryEntry& gone) {
     BroadcastCounts(m_slot.header()).remove(gone);
+}
+
+void BroadcastReader::reenter() {
+    auto* own = m_slot.registry().own();
+    if (!own) return;
+    own->lastSeenId = m_lastSeenId;
+    own->countedAfterId = m_countedAfterId;
+    own->since = m_since;
 }
 
 void BroadcastReader::remember(long lastSeenId) {
@@ -86,23 +95,28 @@ bool BroadcastReader::wait(std::chrono::milliseconds timeout) {
                           [this] { return advance(false); });
 }
 
-void BroadcastReader::enterRead() {
-    if (m_slot.isCut()) return;
+bool BroadcastReader::enterRead() {
+    if (m_slot.isCut()) return false;
     BroadcastCounts(m_slot.header()).addInside();
     if (auto* own = m_slot.registry().own()) own->isInside = 1;
+    return true;
 }
 
 void BroadcastReader::leaveRead() {
+    if (m_slot.isCut()) return;
     if (auto* own = m_slot.registry().own()) own->isInside = 0;
-    if (!m_slot.isCut()) BroadcastCounts(m_slot.header()).removeInside();
+    BroadcastCounts(m_slot.header()).removeInside();
 }
 
 std::string BroadcastReader::take() {
     std::string message;
+    if (!enterRead()) {
+        logNotLocked();
+        return message;
+    }
     const long newest = m_slot.header().newMessageId;
     if (newest > m_lastSeenId) remember(newest);
     m_isCountLost = false;
-    enterRead();
     const Copied copied = copy(message);
     countAsReady();
     leaveRead();
@@ -115,6 +129,14 @@ std::string BroadcastReader::take() {
                            "A message was written over while it was read, stream: ", m_slot.name());
     }
     return copied == Copied::Whole ? message : std::string();
+}
+
+void BroadcastReader::logNotLocked() {
+    if (m_slot.gate().isOpen()) {
+        NORVO_LOG_REPEATED(m_notLocked, Error, "Failed to lock for reading!", m_slot.name());
+    } else {  // closed meanwhile
+        NORVO_LOG(Info, "Failed to lock for reading!", m_slot.name());
+    }
 }
 
 // A writer that has given up on this reader may already be writing the next message.
@@ -172,12 +194,13 @@ void BroadcastReader::countAsReady() {
 void BroadcastReader::stayCounted() {
     if (!m_slot.isMapped() || m_slot.isCut()) return;
     SharedMemoryHeader& header = m_slot.header();
-    if (header.lockWord2 != 0) {
+    const BroadcastCounts counts(header);
+    if (counts.ready() != 0) {
         m_isCountLost = false;
         return;
     }
     const SegmentSlot::Section section(m_slot);
-    if (!section || header.lockWord2 != 0 || header.newMessageId != m_lastSeenId) return;
+    if (!section || counts.ready() != 0 || header.newMessageId != m_lastSeenId) return;
     if (m_isCountLost) {
         countAsOneThatCame();
     } else {

@@ -20,25 +20,28 @@ public:
     // Waits up to `timeout` for advance(false).
     bool wait(std::chrono::milliseconds timeout);
     // Takes the newest message, which then counts as seen. Empty, after a log line, when its
-    // lengths are invalid or its writer kept overwriting it.
+    // lengths are invalid, when its writer kept overwriting it, or when enterRead() fails.
     std::string take();
     // Call it after a wait without a message. A count of 0 ready readers without a message to take
     // would block every writer for ever: the second look that finds that raises it again.
     void stayCounted();
 
-    // Counts this reader as being inside a read, and as outside again.
-    void enterRead();
+    // Counts this reader as being inside a read, and as outside again. False, with nothing counted,
+    // while the object is truncated.
+    bool enterRead();
     void leaveRead();
 
     SegmentRegistry::Role role() const override { return SegmentRegistry::Role::Reader; }
     void begin(bool isRenewed) override;
     void leave() override;
     void forget(const RegistryEntry& gone) override;
+    void reenter() override;
 
 private:
     enum class Copied { Whole, Invalid, Overtaken };
 
     Copied copy(std::string& message);
+    void logNotLocked();
     bool isUntouched(const ChunkHeader& chunk, long id, std::uint64_t generation);
     void countAsReady();
     void countAsOneThatCame();
@@ -50,10 +53,13 @@ private:
     SegmentSlot& m_slot;
     // The last message ID seen.
     long m_lastSeenId = 0;
-    // The ID after which this reader counted itself as ready, unless the registry has it.
+    // The ID after which this reader counted itself as ready; if the registry has it, that counts.
     long m_countedAfterId = 0;
+    // The last message ID when it opened.
+    long m_since = 0;
     // The last look found the count to be 0 although this reader is counted.
     bool m_isCountLost = false;
+    KLT::kltlogger::LogRepeats m_notLocked;
     KLT::kltlogger::LogRepeats m_invalid;
     KLT::kltlogger::LogRepeats m_overtaken;
 };

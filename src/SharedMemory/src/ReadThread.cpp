@@ -19,14 +19,14 @@ constexpr unsigned int kWaitsUntilQuiet = 3;
 
 using VDIFrameworkCommon::LocalLock;
 
-void ReadThread::subscribe(SharedMemoryObserverI* observer) {
-    m_observers.insert(observer);
-    try {
+bool ReadThread::subscribe(SharedMemoryObserverI* observer) {
+    const bool isSubscribed = VDIFrameworkCommon::contained("Subscribing an observer", [&] {
+        m_observers.insert(observer);
         follow();
-    } catch (...) {  // the caller takes it for not subscribed, and may destroy it
-        m_observers.erase(observer);
-        throw;
-    }
+    });
+    // The caller may destroy it.
+    if (!isSubscribed) m_observers.erase(observer);
+    return isSubscribed;
 }
 
 void ReadThread::unsubscribe(SharedMemoryObserverI* observer) {

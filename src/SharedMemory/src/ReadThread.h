@@ -29,7 +29,8 @@ public:
     ReadThread(const ReadThread&) = delete;
     ReadThread& operator=(const ReadThread&) = delete;
 
-    void subscribe(SharedMemoryObserverI* observer);
+    // False, after one log line, when the thread could not be started: not subscribed then.
+    bool subscribe(SharedMemoryObserverI* observer);
     // Returns once the observer is no longer being called, unless called from within that call.
     void unsubscribe(SharedMemoryObserverI* observer);
     void unsubscribeAll();

@@ -18,11 +18,17 @@ bool SegmentAccess::mayBeSetUp() {
     return false;
 }
 
-bool SegmentAccess::setUp(const SegmentSlot& slot, bool isReady) {
+bool SegmentAccess::setUp(const SegmentSlot& slot, std::string name, bool isReady) {
     LocalLock lock(m_mutex);
     m_error = slot.error();
-    m_name = slot.name();
+    m_name.swap(name);
     return isReady;
+}
+
+bool SegmentAccess::refuse() {
+    LocalLock lock(m_mutex);
+    m_error = openErrorFor(ENOMEM);
+    return false;
 }
 
 std::string SegmentAccess::name() {

@@ -24,8 +24,10 @@ public:
     Mode mode() const { return m_mode.load(); }
     // Before a set-up, which must not happen if this returns false: the controller cannot check.
     bool mayBeSetUp();
-    // After a set-up, which may have failed; returns `isReady`.
-    bool setUp(const SegmentSlot& slot, bool isReady);
+    // After a set-up of segment `name`, which may have failed; returns `isReady`. Needs no memory.
+    bool setUp(const SegmentSlot& slot, std::string name, bool isReady);
+    // After one that failed for lack of memory. Returns false.
+    bool refuse();
     std::string name();
     OpenError error();
 

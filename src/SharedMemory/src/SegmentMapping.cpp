@@ -78,6 +78,7 @@ bool SegmentMapping::open(const std::string& name, unsigned int capacity, bool c
 }
 
 bool SegmentMapping::openObject(const std::string& name, bool create) {
+    m_name = name;
     m_objectName = objectNameOf(name);
     m_file.reset(shm_open_mac(m_objectName, O_RDWR | (create ? O_CREAT : 0), 0600));
     if (m_file) return true;
@@ -169,12 +170,12 @@ SegmentMapping::State SegmentMapping::look() const {
 
 bool SegmentMapping::close() {
     if (munmap(m_address, m_mappedSize) != 0) {
-        NORVO_LOG(Error, "Unpaming shared memory failure.", m_objectName);
+        NORVO_LOG(Error, "Unpaming shared memory failure.", m_name);
     }
     m_address = nullptr;
     m_capacity = 0;
     const bool closed = ::close(m_file.release()) == 0;
-    if (!closed) NORVO_LOG(Error, "Closing the shared memory failure.", m_objectName);
+    if (!closed) NORVO_LOG(Error, "Closing the shared memory failure.", m_name);
     return closed;
 }
 

@@ -69,6 +69,7 @@ private:
     bool map(const std::string& name, bool create);
     void fail(OpenFailure failure, int error);
 
+    std::string m_name;
     std::string m_objectName;
     VDIFrameworkCommon::FileDescriptor m_file;
     void* m_address = nullptr;

@@ -31,8 +31,16 @@ void SegmentRegistry::close() {
     m_object.reset();
 }
 
+bool SegmentRegistry::isWhole(std::chrono::steady_clock::time_point now) const {
+    if (m_object && !m_object->isWhole(now)) return false;
+    return !m_own || (m_own->process.load() == ProcessIdentity::own() && m_own->is(m_role));
+}
+
+bool SegmentRegistry::isCurrent() const { return !m_object || m_object->isCurrent(); }
+
 void SegmentRegistry::enter(Role role) {
     leave();
+    m_role = role;
     if (!m_entries) return;
     for (RegistryEntry& entry : *m_entries) {
         ProcessIdentity::Word free = 0;
@@ -50,7 +58,8 @@ void SegmentRegistry::enter(Role role) {
 // A forked child has a copy of this object, but the entry is its parent's.
 void SegmentRegistry::leave() {
     ProcessIdentity::Word own = ProcessIdentity::own();
-    if (m_own) m_own->process.compare_exchange_strong(own, 0);
+    if (m_own && isWhole(std::chrono::steady_clock::now()))
+        m_own->process.compare_exchange_strong(own, 0);
     m_own = nullptr;
 }
 

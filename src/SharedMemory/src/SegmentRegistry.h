@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -57,6 +58,11 @@ public:
     bool open(const std::string& name);
     bool openExisting(const std::string& name);
     void close();
+    // False when this end is no longer entered, or when another process has truncated the object:
+    // touching it would then kill this one. To be asked like NamedObject::isWhole.
+    bool isWhole(std::chrono::steady_clock::time_point now) const;
+    // Whether its name still refers to it, as far as the system tells.
+    bool isCurrent() const;
 
     // Takes a free entry for this end. When kEntries ends are open there is none, and the others do
     // not know about this one.
@@ -104,6 +110,7 @@ private:
     std::shared_ptr<VDIFrameworkCommon::NamedObject> m_object;
     Entries* m_entries = nullptr;
     RegistryEntry* m_own = nullptr;
+    Role m_role = Role::Reader;
 };
 
 }  // namespace shared_memory

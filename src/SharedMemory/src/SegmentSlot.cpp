@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <thread>
 
+#include "Contained.h"
 #include "Log.h"
 #include "SegmentUse.h"
 
@@ -15,11 +17,15 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr std::chrono::microseconds kLookIsFresh{50};
+// Under steady traffic a message must not pay for a look at the four objects beside the memory.
+constexpr std::chrono::microseconds kSteadyLookIsFresh{1000};
+constexpr milliseconds kNamesAreFresh{200};
 constexpr milliseconds kShortestMutexWait{20};
 constexpr milliseconds kLostPause{20};
 
-bool isFresh(Clock::time_point look, Clock::time_point now) {
-    return now - look < kLookIsFresh && now >= look;
+bool isFresh(Clock::time_point look, Clock::time_point now,
+             std::chrono::microseconds longest = kLookIsFresh) {
+    return now - look < longest && now >= look;
 }
 
 // Wraps: the IDs in a segment may have any value.
@@ -36,13 +42,30 @@ bool SegmentSlot::open(const std::string& name, unsigned int capacity, bool crea
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
         return false;
     }
-    m_name = name;
     m_end = &end;
     m_claim = claim;
-    if (!openAll(capacity, create, false)) return false;
+    const bool isOpen = withMemory([&] {
+        m_name = name;
+        return openAll(capacity, create, false);
+    });
+    if (!isOpen) return false;
     m_gate.resume();
     m_gate.open();
     return true;
+}
+
+// The result of `step`, or false when memory ran out in it: what it opened is closed again.
+template <class Step>
+bool SegmentSlot::withMemory(const Step& step) {
+    try {
+        return step();
+    } catch (const std::bad_alloc&) {
+        m_error = openErrorFor(ENOMEM);
+    }
+    m_registry.close();
+    if (isMapped()) m_mapping.close();
+    VDIFrameworkCommon::reportFailure("Opening a shared memory", "no memory");
+    return false;
 }
 
 // A process that removes a segment holds its mutex meanwhile, and removes the mutex with it.
@@ -128,58 +151,97 @@ bool SegmentSlot::close() {
 
 SegmentSlot::Soundness SegmentSlot::check(Clock::time_point now) {
     if (!isMapped()) return renew();
-    if (isFresh(m_lastLook, now)) return Soundness::Sound;
+    const bool areCurrent = !m_isSilent || areObjectsCurrent(now);
+    if (areCurrent && isFresh(m_lastLook, now)) return Soundness::Sound;
     switch (look(now)) {
-        case SegmentMapping::State::Shrunk:
-            logLost("was cut by another process");
+        case Look::Cut:
+            logLost("Shared memory was cut by another process");
             return renew();
-        case SegmentMapping::State::Removed:
-            logLost("was removed from the system");
+        case Look::Removed:
+            logLost("Shared memory was removed from the system");
             return renew();
-        case SegmentMapping::State::Whole:
-        case SegmentMapping::State::Grown:
+        case Look::ObjectsCut:
+            logLost("What synchronises a shared memory was cut by another process");
+            return renewObjects();
+        case Look::Sound:
             break;
     }
-    return Soundness::Sound;
+    if (areCurrent) return Soundness::Sound;
+    logLost("What synchronises a shared memory was removed from the system");
+    return renewObjects();
 }
 
-bool SegmentSlot::isCut() {
-    if (!isMapped()) return false;
-    const auto now = Clock::now();
-    return !isFresh(m_lastLook, now) && look(now) == SegmentMapping::State::Shrunk;
+bool SegmentSlot::isCut(Clock::time_point now) {
+    if (!isMapped() || isFresh(m_lastLook, now)) return false;
+    const Look found = look(now);
+    return found == Look::Cut || found == Look::ObjectsCut;
 }
 
 // A look that finds the object lost is not cached: the next check() must find it again.
-SegmentMapping::State SegmentSlot::look(Clock::time_point now) {
+SegmentSlot::Look SegmentSlot::look(Clock::time_point now) {
+    Look found = areObjectsWhole(now) ? Look::Sound : Look::ObjectsCut;
     const auto state = m_mapping.look();
-    const bool isLost =
-        state == SegmentMapping::State::Shrunk || state == SegmentMapping::State::Removed;
-    m_lastLook = isLost ? Clock::time_point{} : now;
-    return state;
+    if (state == SegmentMapping::State::Shrunk) found = Look::Cut;
+    if (state == SegmentMapping::State::Removed) found = Look::Removed;
+    m_lastLook = found == Look::Sound ? now : Clock::time_point{};
+    return found;
 }
 
-void SegmentSlot::logLost(const char* reason) {
-    NORVO_LOG(Warning, "Shared memory ", reason, ", made anew: ", m_name);
+bool SegmentSlot::areObjectsWhole(Clock::time_point now) {
+    if (isFresh(m_objectsWholeAt, now, m_isSilent ? kLookIsFresh : kSteadyLookIsFresh)) return true;
+    const bool areWhole = m_mutex.isWhole(now) && m_readCondition.isWhole(now) &&
+                          m_writeCondition.isWhole(now) && m_registry.isWhole(now);
+    m_objectsWholeAt = areWhole ? now : Clock::time_point{};
+    return areWhole;
 }
+
+// Those who opened them since notify others than these.
+bool SegmentSlot::areObjectsCurrent(Clock::time_point now) {
+    if (isFresh(m_namesAskedAt, now, kNamesAreFresh)) return true;
+    m_namesAskedAt = now;
+    return m_mutex.isCurrent() && m_readCondition.isCurrent() && m_writeCondition.isCurrent() &&
+           m_registry.isCurrent();
+}
+
+void SegmentSlot::logLost(const char* what) { NORVO_LOG(Warning, what, ", made anew: ", m_name); }
 
 SegmentSlot::Soundness SegmentSlot::renew() {
     m_registry.close();
     if (isMapped()) m_mapping.close();
-    if (openAll(m_capacity, true, true)) return Soundness::Renewed;
+    if (withMemory([&] { return openAll(m_capacity, true, true); })) return Soundness::Renewed;
     std::this_thread::sleep_for(kLostPause);
     return Soundness::Lost;
 }
 
-SegmentSlot::Section::Section(SegmentSlot& slot, milliseconds limit) : m_slot(slot) {
-    if (limit == milliseconds::zero()) {
-        slot.m_mutex.tryLock();
-        return;
+SegmentSlot::Soundness SegmentSlot::renewObjects() {
+    return withMemory([&] { return reopenObjects(); }) ? Soundness::Sound : renew();
+}
+
+bool SegmentSlot::reopenObjects() {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (!createObjects()) return false;
+        m_registry.open(SegmentMapping::prefixed(m_name));
+        const Section section(*this);
+        if (!section) return false;
+        if (!m_mutex.isCurrent()) continue;
+        m_registry.enter(m_end->role());
+        m_end->reenter();
+        return true;
     }
-    const bool owns = slot.m_mutex.lockFor(limit);
+    return false;
+}
+
+SegmentSlot::Section::Section(SegmentSlot& slot, milliseconds limit, Clock::time_point now)
+    : m_slot(slot) {
+    if (slot.isCut(now)) return;
+    m_isHeld = slot.m_mutex.tryLock();
+    if (!m_isHeld && limit == milliseconds::zero()) return;
+    const bool owns = m_isHeld || slot.m_mutex.lockFor(limit);
     if (!owns && !slot.m_isMutexLate) {
         NORVO_LOG(Error, "Error: Locking named mutex timedout, stream: ", slot.m_name);
     }
     slot.m_isMutexLate = !owns;
+    if (!m_isHeld) m_isHeld = owns && !slot.isCut();
 }
 
 milliseconds SegmentSlot::mutexWait(Clock::time_point now, Clock::time_point deadline) {
@@ -194,13 +256,15 @@ SegmentSlot::Waited SegmentSlot::waitOnce(Signal signal, Clock::time_point now,
     const auto wait = std::max<milliseconds::rep>(0, std::chrono::ceil<milliseconds>(left).count());
     const bool notified =
         condition(signal).timed_wait(m_mutex, static_cast<unsigned int>(wait), relock);
+    m_isSilent = !notified;
     if (!m_mutex.owns()) return Waited::Ended;
     return notified ? Waited::Notified : Waited::TimedOut;
 }
 
 void SegmentSlot::pause(Signal signal, unsigned int longest) {
     const Section section(*this);
-    if (section && m_gate.isPassable()) condition(signal).timed_wait(m_mutex, longest);
+    if (section && m_gate.isPassable())
+        m_isSilent = !condition(signal).timed_wait(m_mutex, longest);
 }
 
 bool SegmentSlot::isFree() { return header().newMessageId == header().readMessageId; }
@@ -243,14 +307,11 @@ bool SegmentSlot::publish(milliseconds limit) {
 
 // Recovering a lost object is left to a call that may wait.
 bool SegmentSlot::isFreeAtOnce() {
-    if (!isMapped() || !m_writeCondition.isNotified()) return false;
+    if (!isMapped()) return false;
     const auto now = Clock::now();
-    if (!isFresh(m_lastLook, now)) {
-        const auto state = look(now);
-        if (state != SegmentMapping::State::Whole && state != SegmentMapping::State::Grown)
-            return false;
-    }
-    const Section section(*this, milliseconds::zero());
+    if (!isFresh(m_lastLook, now) && look(now) != Look::Sound) return false;
+    if (!m_writeCondition.isNotified()) return false;
+    const Section section(*this, milliseconds::zero(), now);
     return section && isFree();
 }
 

@@ -28,6 +28,8 @@ public:
     // Reverts what another end, whose process is gone, has left in the segment. Called with the
     // mutex held.
     virtual void forget(const RegistryEntry& /*gone*/) {}
+    // The same when the registry was made anew while the segment goes on: this end has a new entry.
+    virtual void reenter() {}
 };
 
 // The one slot of a segment.
@@ -76,33 +78,38 @@ public:
     enum class Soundness { Sound, Renewed, Lost };
     // Call it before touching a chunk. Checks the object, unless the last check is less than 50 us
     // old: touching memory that another process has truncated would kill this one. A removed or
-    // truncated object is recreated. If that fails the slot is lost and unmapped until a later call
-    // succeeds; each such call takes 20 ms.
+    // truncated object is recreated, one beside it also after a wait without a notification: who
+    // has removed it takes its notifications elsewhere. The slot goes on as it is when only its
+    // mutex, a condition or the registry had to be. If that fails the slot is lost and unmapped
+    // until a later call succeeds; each such call takes 20 ms.
     Soundness check(Clock::time_point now);
-    // Whether another process has truncated the object. Ask before touching the memory if time may
-    // have passed since the last check, which is valid for 50 us here, too. The next check()
-    // recreates the object. False while it is not mapped.
-    bool isCut();
+    // Whether another process has truncated the object, or the mutex, a condition or the registry.
+    // Ask before touching any of them if time may have passed since the last check, which is valid
+    // for 50 us here, too, or 1 ms under steady traffic for those beside the object. The next
+    // check() recreates it. False while the slot is not mapped.
+    bool isCut(Clock::time_point now = Clock::now());
     // Maps the size to which another end has grown the object.
     SegmentMapping::Growth grow() { return m_mapping.growToObject(); }
 
     // Holds the segment's mutex for a scope, if it could be locked: test the object. A failure is
-    // logged once until the mutex could be locked again. Also tests false when the object was
-    // truncated meanwhile.
+    // logged once until the mutex could be locked again. Also tests false when an object was
+    // truncated.
     class Section {
     public:
         static constexpr std::chrono::milliseconds kLongestWait{2000};
         // A `limit` of 0 is one try, whose failure is no log line.
-        explicit Section(SegmentSlot& slot, std::chrono::milliseconds limit = kLongestWait);
+        explicit Section(SegmentSlot& slot, std::chrono::milliseconds limit = kLongestWait,
+                         Clock::time_point now = Clock::now());
         ~Section() {
             if (m_slot.m_mutex.owns()) m_slot.m_mutex.unlock();
         }
         Section(const Section&) = delete;
         Section& operator=(const Section&) = delete;
-        explicit operator bool() const { return m_slot.m_mutex.owns() && !m_slot.isCut(); }
+        explicit operator bool() const { return m_isHeld; }
 
     private:
         SegmentSlot& m_slot;
+        bool m_isHeld = false;
     };
 
     enum class Signal { Written, Taken };
@@ -151,13 +158,20 @@ private:
     };
     enum class Waited { Notified, TimedOut, Ended };
 
+    template <class Step>
+    bool withMemory(const Step& step);
     bool openAll(unsigned int capacity, bool create, bool isRenewed);
     bool createObjects();
     bool start(unsigned int capacity, bool create, bool isRenewed);
     bool mayStart();
-    SegmentMapping::State look(Clock::time_point now);
+    enum class Look { Sound, Cut, Removed, ObjectsCut };
+    Look look(Clock::time_point now);
+    bool areObjectsWhole(Clock::time_point now);
+    bool areObjectsCurrent(Clock::time_point now);
     Soundness renew();
-    void logLost(const char* reason);
+    Soundness renewObjects();
+    bool reopenObjects();
+    void logLost(const char* what);
     VDIFrameworkCommon::NamedCondition& condition(Signal signal) {
         return signal == Signal::Written ? m_readCondition : m_writeCondition;
     }
@@ -184,6 +198,10 @@ private:
     unsigned int m_capacity = 0;
     Claim m_claim = Claim::Shared;
     Clock::time_point m_lastLook{};
+    Clock::time_point m_objectsWholeAt{};
+    // The last wait ended without a notification.
+    bool m_isSilent = true;
+    Clock::time_point m_namesAskedAt{};
     // The data area behind the last chunk is zero.
     bool m_restIsClear = false;
     // The new message ID, and the generation, at which a chunk was last found unread.
@@ -199,7 +217,7 @@ bool SegmentSlot::waitFor(Signal signal, Clock::time_point now, Clock::time_poin
     constexpr std::chrono::milliseconds kSlice{200};
     constexpr bool kAsks = !std::is_same_v<Silence, NoSilence>;
     const auto relock = mutexWait(now, deadline);
-    const Section section(*this, relock);
+    const Section section(*this, relock, now);
     std::chrono::milliseconds longest = kAsks ? kFirstSlice : std::chrono::milliseconds(1000);
     while (m_mutex.owns()) {
         if (!m_gate.isPassable()) return false;

@@ -1,6 +1,8 @@
 #include "SharedMemoryBase.h"
 
 #include <algorithm>
+#include <new>
+#include <utility>
 
 #include "Log.h"
 #include "SharedMemoryUtilities.h"
@@ -25,6 +27,14 @@ SharedMemoryBase::SharedMemoryBase()
                     [this](unsigned int wait) { return readForObservers(wait); }}) {}
 
 bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mode) {
+    try {
+        return trySetUp(name, size, mode);
+    } catch (const std::bad_alloc&) {
+        return m_access.refuse();
+    }
+}
+
+bool SharedMemoryBase::trySetUp(const std::string& name, unsigned int size, Mode mode) {
     if (isOpen()) {
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
         return false;
@@ -32,7 +42,9 @@ bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mo
     if (!m_access.mayBeSetUp()) return false;
     LocalLock operation(m_operationLock);
     if (!m_slot.isMapped()) m_access.setMode(mode);
-    return m_access.setUp(m_slot, CreateOrOpen(name, size, true));
+    std::string copy = name;
+    const bool isReady = CreateOrOpen(name, size, true);
+    return m_access.setUp(m_slot, std::move(copy), isReady);
 }
 
 bool SharedMemoryBase::Close() {
@@ -91,8 +103,9 @@ bool SharedMemoryBase::ReadData(void** data, unsigned int& length) {
 std::string SharedMemoryBase::takeMessageNow() { return m_reader.takeNow(kLongestSilence); }
 
 bool SharedMemoryBase::NewMessage(bool /*update*/) {
+    if (!m_slot.isMapped()) return false;
     const SegmentSlot::Section section(m_slot);
-    return section && m_slot.isMapped() && m_slot.isUnread();
+    return section && m_slot.isUnread();
 }
 
 SlotEnd& SharedMemoryBase::end(Mode mode) {

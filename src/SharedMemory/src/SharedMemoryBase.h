@@ -38,8 +38,8 @@ public:
     // A message whose next chunk does not arrive within `timeout` is kept; a later call continues
     // it. Takes up to 20 ms longer while another process holds the mutex.
     std::string ReadData(unsigned int& length, unsigned int timeout) override;
-    void subscribeObserver(SharedMemoryObserverI* observer) override {
-        m_readThread.subscribe(observer);
+    bool subscribeObserver(SharedMemoryObserverI* observer) override {
+        return m_readThread.subscribe(observer);
     }
     void unsubscribeObserver(SharedMemoryObserverI* observer) override;
     void unsubscribeAllObservers() override { m_readThread.unsubscribeAll(); }
@@ -107,6 +107,7 @@ protected:
 
 private:
     bool setUp(const std::string& name, unsigned int size, Mode mode);
+    bool trySetUp(const std::string& name, unsigned int size, Mode mode);
     std::string readForObservers(unsigned int wait);
 
     // Used without the operation lock, which a reader holds while it waits.

@@ -54,9 +54,7 @@ void SharedMemoryBroadcast::UnlockWrite() {
 
 bool SharedMemoryBroadcast::LockRead() {
     LocalLock operation(m_operationLock);
-    if (!m_slot.isMapped()) return false;
-    m_broadcastReader.enterRead();
-    return true;
+    return m_slot.isMapped() && m_broadcastReader.enterRead();
 }
 
 void SharedMemoryBroadcast::UnlockRead() {
@@ -101,8 +99,9 @@ std::string SharedMemoryBroadcast::takeMessageNow() {
 }
 
 bool SharedMemoryBroadcast::NewMessage(bool update) {
+    if (!m_slot.isMapped()) return false;
     const SegmentSlot::Section section(m_slot);
-    return section && m_slot.isMapped() && m_broadcastReader.advance(update);
+    return section && m_broadcastReader.advance(update);
 }
 
 }  // namespace shared_memory

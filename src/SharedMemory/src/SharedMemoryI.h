@@ -47,8 +47,10 @@ public:
 
     // Observers are not owned. The first starts the read thread, the last to leave ends it. Once
     // unsubscribeObserver has returned on a thread other than the read thread, the observer is not
-    // called again.
-    virtual void subscribeObserver(SharedMemoryObserverI* observer) = 0;
+    // called again. subscribeObserver returns false, after one log line, when the read thread could
+    // not be started: `observer` is not subscribed, and those that were are called again once a
+    // later subscription starts the thread.
+    virtual bool subscribeObserver(SharedMemoryObserverI* observer) = 0;
     virtual void unsubscribeObserver(SharedMemoryObserverI* observer) = 0;
     virtual void unsubscribeAllObservers() = 0;
 

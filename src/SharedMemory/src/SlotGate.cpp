@@ -23,8 +23,9 @@ bool SlotGate::close() {
 
 void SlotGate::wake() {
     LocalLock lock(m_mutex);
-    m_written.notify();
-    m_taken.notify();
+    const auto now = VDIFrameworkCommon::WaitClock::now();
+    if (m_written.isWhole(now)) m_written.notify();
+    if (m_taken.isWhole(now)) m_taken.notify();
 }
 
 }  // namespace shared_memory

@@ -54,9 +54,9 @@ WritersLock::Try WritersLock::tryOnce(unsigned int now) {
 
 void WritersLock::unlock() {
     const long lockedAt = std::exchange(m_lockedAt, 0L);
-    if (lockedAt == 0 || !m_slot.isMapped()) return;
+    if (lockedAt == 0 || !m_slot.isMapped() || m_slot.isCut()) return;
     noteInRegistry();
-    if (!m_slot.isCut()) release(m_slot.header(), lockedAt);
+    release(m_slot.header(), lockedAt);
 }
 
 void WritersLock::noteInRegistry() {

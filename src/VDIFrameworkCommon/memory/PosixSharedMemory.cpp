@@ -194,9 +194,13 @@ int shm_unlink_mac(const std::string& name) {
     return -1;
 }
 
+bool statusOfSharedMemory(const std::string& name, struct stat& status) {
+    return shared_memory_system::statusOf(sharedMemoryObjectName(name).c_str(), status);
+}
+
 ObjectHolder holderOfSharedMemory(const std::string& name) {
     struct stat status;
-    if (!shared_memory_system::statusOf(sharedMemoryObjectName(name).c_str(), status)) return {};
+    if (!statusOfSharedMemory(name, status)) return {};
     return {!isOursAlone(status), static_cast<long>(status.st_uid)};
 }
 

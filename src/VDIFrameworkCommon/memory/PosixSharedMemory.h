@@ -46,6 +46,10 @@ struct ObjectHolder {
 };
 ObjectHolder holderOfSharedMemory(const std::string& name);
 
+// The status of whatever has the first of the two names, as far as available without opening it.
+// False when nothing is known.
+bool statusOfSharedMemory(const std::string& name, struct stat& status);
+
 // Whether the object with this status was removed: it has lost its name. False where the system
 // does not tell (macOS).
 bool isSharedMemoryRemoved(const struct stat& status);

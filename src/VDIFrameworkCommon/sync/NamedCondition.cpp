@@ -64,13 +64,16 @@ void raise(std::atomic<std::uint64_t>& word, std::uint64_t value) {
     }
 }
 
-// False when `deadline` passed first.
-bool parkPast(NamedObjectWords& words, std::uint64_t seen, WaitClock::time_point deadline) {
+// False when `deadline` passed first, or when the object was truncated.
+bool parkPast(NamedObject& object, std::uint64_t seen, WaitClock::time_point deadline) {
+    NamedObjectWords& words = object.words();
     while (words.sequence.load() == seen) {
         const auto now = WaitClock::now();
         if (now >= deadline) return false;
         raise(words.parkedAt, seen);
-        waitOnAddress(words.sequence, seen, std::min(deadline, now + kSlice));
+        const bool isPresent =
+            waitOnAddress(words.sequence, seen, std::min(deadline, now + kSlice));
+        if (!isPresent && !object.isWhole(WaitClock::now())) return false;
     }
     return true;
 }
@@ -95,6 +98,12 @@ bool NamedCondition::create(const char* name) {
     return true;
 }
 
+bool NamedCondition::isCurrent() const { return !m_object || m_object->isCurrent(); }
+
+bool NamedCondition::isWhole(WaitClock::time_point now) const {
+    return !m_object || m_object->isWhole(now);
+}
+
 std::uint64_t NamedCondition::count() const {
     return m_object ? m_object->words().sequence.load() : 0;
 }
@@ -109,32 +118,33 @@ bool NamedCondition::timed_wait(NamedMutex& mutex, unsigned int milliseconds,
         return true;
     }
     mutex.unlock();
-    const bool notified = waitPast(seen, milliseconds);
-    if (notified) {
+    const Passed passed = waitPast(seen, milliseconds);
+    if (passed != Passed::No) {
         // Before the mutex is locked again: what is notified after this still counts.
         m_seen.store(words.sequence.load(), std::memory_order_relaxed);
         rememberPeer();
     }
-    if (mutex.lockFor(relock)) return notified;
+    if (passed != Passed::Spinning && !mutex.isWhole(WaitClock::now())) return false;
+    if (mutex.lockFor(relock)) return passed != Passed::No;
     NORVO_LOG(Warning, "Mutex not free again after a wait on condition ", m_object->name());
     return false;
 }
 
-bool NamedCondition::waitPast(std::uint64_t seen, unsigned int milliseconds) {
+NamedCondition::Passed NamedCondition::waitPast(std::uint64_t seen, unsigned int milliseconds) {
     const NamedObjectWords& words = m_object->words();
     const auto start = WaitClock::now();
     if (spinPast(seen, start)) {
         m_spin.notified(AdaptiveSpin::Duration::zero(), AdaptiveSpin::Duration::zero());
-        return true;
+        return Passed::Spinning;
     }
-    if (!parkPast(m_object->words(), seen, start + std::chrono::milliseconds(milliseconds))) {
+    if (!parkPast(*m_object, seen, start + std::chrono::milliseconds(milliseconds))) {
         m_spin.timedOut();
-        return false;
+        return Passed::No;
     }
     const auto end = WaitClock::now();
     const auto wokenAt = words.wokenAt.load(std::memory_order_relaxed);
     m_spin.notified(end - start, sinceWoken(wokenAt, end));
-    return true;
+    return Passed::Sleeping;
 }
 
 bool NamedCondition::spinPast(std::uint64_t seen, WaitClock::time_point start) const {

@@ -35,7 +35,8 @@ public:
     // Called with `mutex` locked by the caller: releases it, waits until another handle has
     // notified or `milliseconds` have passed, and locks it again. True when notified. The caller
     // must test its state again in either case. Also false when the mutex could not be locked again
-    // within `relock` (check NamedMutex::owns), and at once on a handle that was never created. A
+    // within `relock` (check NamedMutex::owns), as when another process has truncated one of the
+    // two objects (check isWhole), and at once on a handle that was never created. A
     // thread that is already waiting is also woken by a notification through its own handle.
     bool timed_wait(NamedMutex& mutex, unsigned int milliseconds,
                     std::chrono::milliseconds relock = std::chrono::milliseconds(2000));
@@ -46,11 +47,16 @@ public:
     // Wakes every waiter of this name in every process. Needs no lock.
     void notify();
 
+    // Like those of a NamedMutex.
+    bool isCurrent() const;
+    bool isWhole(WaitClock::time_point now) const;
+
     // How many notifications there have been, by anyone; wraps. 0 on a handle never created.
     std::uint64_t count() const;
 
 private:
-    bool waitPast(std::uint64_t seen, unsigned int milliseconds);
+    enum class Passed { Spinning, Sleeping, No };
+    Passed waitPast(std::uint64_t seen, unsigned int milliseconds);
     bool spinPast(std::uint64_t seen, WaitClock::time_point start) const;
     void rememberPeer();
 

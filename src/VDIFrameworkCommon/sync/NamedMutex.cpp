@@ -65,9 +65,11 @@ public:
                 m_lookClosely = true;
                 continue;
             }
-            sleep(released);
+            if (!sleep(released)) return false;
         }
     }
+    // wait() has ended because the mutex was truncated: do not touch it.
+    bool isCut() const { return m_isCut; }
 
 private:
     bool isAbandoned(Identity owner) const {
@@ -85,11 +87,14 @@ private:
         return true;
     }
 
-    void sleep(std::uint64_t released) {
+    bool sleep(std::uint64_t released) {
         const auto until = std::min(WaitClock::now() + m_slice, m_deadline);
-        waitOnAddress(m_words.released, released, until);
-        m_lookClosely = WaitClock::now() >= until;
+        const bool isPresent = waitOnAddress(m_words.released, released, until);
+        const auto now = WaitClock::now();
+        m_isCut = !isPresent && !m_object.isWhole(now);
+        m_lookClosely = now >= until;
         if (m_lookClosely) m_slice = std::min<milliseconds>(2 * m_slice, kLongestSlice);
+        return !m_isCut;
     }
 
     NamedObject& m_object;
@@ -98,6 +103,7 @@ private:
     const WaitClock::time_point m_deadline;
     milliseconds m_slice = kFirstSlice;
     bool m_lookClosely = false;
+    bool m_isCut = false;
 };
 
 // Frees the lock if `holder` has it.
@@ -127,7 +133,8 @@ bool NamedMutex::lockFor(milliseconds limit) {
     if (tryLock()) return true;
     if (!m_object) return false;
     const Identity me = ProcessIdentity::own();
-    if (!Waiter(*m_object, me, limit).wait() && !takeFromUnknown(me)) return false;
+    Waiter waiter(*m_object, me, limit);
+    if (!waiter.wait() && (waiter.isCut() || !takeFromUnknown(me))) return false;
     m_holder.store(me, std::memory_order_relaxed);
     return true;
 }
@@ -146,6 +153,10 @@ bool NamedMutex::owns() const {
 }
 
 bool NamedMutex::isCurrent() const { return !m_object || m_object->isCurrent(); }
+
+bool NamedMutex::isWhole(WaitClock::time_point now) const {
+    return !m_object || m_object->isWhole(now);
+}
 
 // The word may also be garbage that somebody wrote.
 bool NamedMutex::takeFromUnknown(std::uint64_t me) {

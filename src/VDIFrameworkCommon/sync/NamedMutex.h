@@ -7,6 +7,7 @@
 
 #include "LocalMutex.h"
 #include "Mutex.h"
+#include "WaitOnAddress.h"
 
 namespace VDIFrameworkCommon {
 
@@ -49,6 +50,8 @@ public:
     // Whether the name still refers to this mutex. A mutex removed from the system does not exclude
     // newcomers: create() opens the newer one. Always true where the system does not tell.
     bool isCurrent() const;
+    // Whether the functions above may be called: NamedObject.h. True for one never created.
+    bool isWhole(WaitClock::time_point now) const;
 
 private:
     bool takeFromUnknown(std::uint64_t me);

@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::uint64_t kMagic = 0x4f53564eU;  // "NVSO"
 constexpr std::uint64_t kLayoutVersion = 1;
+constexpr std::chrono::microseconds kWholeFor{50};
 
 const char* textOf(NamedObject::Kind kind) {
     switch (kind) {
@@ -37,11 +38,11 @@ const char* textOf(NamedObject::Kind kind) {
 
 bool isPrivate(const struct stat& status) { return (status.st_mode & (S_IRWXG | S_IRWXO)) == 0; }
 
-// Sizes a new object, and reserves memory for any. One that is too small was not created here and
-// is left alone.
-bool sizeObject(int fd, struct stat& status) {
-    if (fstat(fd, &status) != 0) return false;
-    if (status.st_size != 0 && status.st_size < static_cast<off_t>(NamedObject::kSize)) return true;
+// Sizes a new object or one that was truncated, and reserves memory for any. One that is too small
+// and not known here was not created by us and is left alone.
+bool sizeObject(int fd, bool isKnown, struct stat& status) {
+    const bool isSmall = status.st_size < static_cast<off_t>(NamedObject::kSize);
+    if (isSmall && status.st_size != 0 && !isKnown) return true;
     return ftruncate_mac(fd, NamedObject::kSize) == 0 && fstat(fd, &status) == 0;
 }
 
@@ -102,11 +103,14 @@ std::uint64_t NamedObject::identOf(Kind kind) {
            kSize >> 4;
 }
 
-NamedObject::NamedObject(std::string name, std::string objectName, Place place, void* memory)
-    : m_name(std::move(name)),
+NamedObject::NamedObject(Kind kind, std::string name, std::string objectName, Place place,
+                         void* memory)
+    : m_kind(kind),
+      m_name(std::move(name)),
       m_objectName(std::move(objectName)),
       m_place(place),
-      m_words(static_cast<NamedObjectWords*>(memory)) {}
+      m_words(static_cast<NamedObjectWords*>(memory)),
+      m_wholeAt(WaitClock::now()) {}
 
 NamedObject::~NamedObject() {
     munmap(m_words, kSize);
@@ -128,11 +132,26 @@ void NamedObject::remove(Kind kind, const char* name) {
     if (isSharedMemoryRemovalSeen()) shm_unlink_mac(objectName(kind, name));
 }
 
+// Only a registry uses more than the first page.
+bool NamedObject::isWhole(WaitClock::time_point now) const {
+    const auto age = now - m_wholeAt.load(std::memory_order_relaxed);
+    if (age >= WaitClock::duration::zero() && age < kWholeFor) return true;
+    const auto* const bytes = reinterpret_cast<const char*>(m_words);
+    const std::size_t last = m_kind == Kind::Registry ? kSize - sizeof(WaitWord) : 0;
+    if (!isPresent(*reinterpret_cast<const WaitWord*>(bytes + last))) return false;
+    m_wholeAt.store(now, std::memory_order_relaxed);
+    return true;
+}
+
 bool NamedObject::isCurrent() const {
     if (!isSharedMemoryRemovalSeen()) return true;
+    struct stat status;
+    if (statusOfSharedMemory(m_objectName, status) &&
+        m_place == Place{status.st_dev, status.st_ino}) {
+        return true;
+    }
     const FileDescriptor file(shm_open_mac(m_objectName, O_RDWR, 0));
     if (!file) return errno != ENOENT;
-    struct stat status;
     return fstat(file.get(), &status) != 0 || m_place == Place{status.st_dev, status.st_ino};
 }
 
@@ -160,7 +179,11 @@ std::shared_ptr<NamedObject> NamedObject::openWith(Kind kind, const char* name, 
 std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name,
                                               const std::string& objectName, int fd) {
     struct stat status;
-    if (!sizeObject(fd, status)) {
+    const bool isThere = fstat(fd, &status) == 0;
+    const Place place = isThere ? Place{status.st_dev, status.st_ino} : Place{};
+    Registry& registry = Registry::get();
+    auto known = isThere ? registry.find(objectName, place) : nullptr;
+    if (!isThere || !sizeObject(fd, known != nullptr, status)) {
         const int error = errno;
         NORVO_LOG(Error, "Cannot size named ", textOf(kind), ' ', name, ": ", std::strerror(error));
         errno = error;
@@ -172,9 +195,11 @@ std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name
         errno = EACCES;
         return nullptr;
     }
-    const Place place{status.st_dev, status.st_ino};
-    Registry& registry = Registry::get();
-    if (auto known = registry.find(objectName, place)) return known;
+    if (known) {
+        known->m_wholeAt.store(WaitClock::now(), std::memory_order_relaxed);
+        claimIdent(known->words(), identOf(kind));
+        return known;
+    }
     void* memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (memory == MAP_FAILED) {
         const int error = errno;
@@ -189,8 +214,10 @@ std::shared_ptr<NamedObject> NamedObject::map(Kind kind, const std::string& name
         errno = EACCES;
         return nullptr;
     }
-    return registry.add(
-        std::shared_ptr<NamedObject>(new NamedObject(name, objectName, place, memory)));
+    std::unique_ptr<void, void (*)(void*)> mapping(memory, [](void* end) { munmap(end, kSize); });
+    std::shared_ptr<NamedObject> object(new NamedObject(kind, name, objectName, place, memory));
+    static_cast<void>(mapping.release());
+    return registry.add(std::move(object));
 }
 
 }  // namespace VDIFrameworkCommon

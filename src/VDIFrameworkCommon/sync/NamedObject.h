@@ -77,6 +77,11 @@ public:
     NamedObject(const NamedObject&) = delete;
     NamedObject& operator=(const NamedObject&) = delete;
 
+    // False when another process has truncated the object: touching it would then kill this one.
+    // Ask when time may have passed since it was opened or last asked. One system call, unless the
+    // last one was made less than 50 us before `now`. open() makes it whole again, with zeros.
+    bool isWhole(WaitClock::time_point now) const;
+
     NamedObjectWords& words() { return *m_words; }
     const std::string& name() const { return m_name; }
     // A registry's data: kAreaSize bytes behind the words above.
@@ -103,16 +108,19 @@ private:
     };
     struct Registry;
 
-    NamedObject(std::string name, std::string objectName, Place place, void* memory);
+    NamedObject(Kind kind, std::string name, std::string objectName, Place place, void* memory);
 
     static std::shared_ptr<NamedObject> openWith(Kind kind, const char* name, int flags);
     static std::shared_ptr<NamedObject> map(Kind kind, const std::string& name,
                                             const std::string& objectName, int fd);
 
+    const Kind m_kind;
     const std::string m_name;
     const std::string m_objectName;
     const Place m_place;
     NamedObjectWords* const m_words;
+    // When it was last found whole.
+    mutable std::atomic<WaitClock::time_point> m_wholeAt;
 };
 
 }  // namespace VDIFrameworkCommon

@@ -12,11 +12,13 @@ std::atomic<WaitBackend> g_backend{WaitBackend::System};
 
 }  // namespace
 
-void waitOnAddress(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
+bool waitOnAddress(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
+    using wait_backend::Waited;
     const bool polling = g_backend.load(std::memory_order_relaxed) == WaitBackend::Polling;
-    if (polling || !wait_backend::systemWait(word, expected, deadline)) {
-        wait_backend::poll(word, expected, deadline);
-    }
+    const Waited waited =
+        polling ? Waited::Unsupported : wait_backend::systemWait(word, expected, deadline);
+    return waited == Waited::Unsupported ? wait_backend::poll(word, expected, deadline)
+                                         : waited == Waited::Present;
 }
 
 void wakeOne(const WaitWord& word) { wait_backend::systemWake(word, false); }

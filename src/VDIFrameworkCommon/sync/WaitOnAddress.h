@@ -15,8 +15,13 @@ using WaitClock = std::chrono::steady_clock;
 
 // Sleeps while `word` is `expected`, until `deadline` at the latest. May return spuriously: loop
 // over the word and the clock. Checking the word and falling asleep are one step for a waker that
-// changes the word first and wakes then.
-void waitOnAddress(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
+// changes the word first and wakes then. False when the word may be gone by now: test isPresent()
+// before touching it.
+bool waitOnAddress(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
+
+// Whether touching the word, of a shared mapping, does not kill this process because another one
+// has truncated the object behind it. One system call.
+bool isPresent(const WaitWord& word);
 
 // Wakes one or all threads that sleep on `word`, in every process. Always costs a system call.
 void wakeOne(const WaitWord& word);
@@ -31,13 +36,15 @@ WaitBackend setWaitBackend(WaitBackend backend);
 // The backends themselves; everyone else calls the functions above.
 namespace wait_backend {
 
-// Like waitOnAddress. Returns false at once when the system does not support it.
-bool systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
+// Like waitOnAddress. Unsupported: returned at once.
+enum class Waited { Present, Unknown, Unsupported };
+Waited systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
 void systemWake(const WaitWord& word, bool all);
 
 // Spins and yields for a moment, then polls, sleeping for a sixteenth of the time that the thread
-// has waited for this change, over several calls if need be: 50 us to 10 ms.
-void poll(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
+// has waited for this change, over several calls if need be: 50 us to 10 ms. False when the word
+// is gone.
+bool poll(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
 
 }  // namespace wait_backend
 

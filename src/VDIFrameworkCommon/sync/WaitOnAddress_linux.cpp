@@ -10,7 +10,7 @@
 
 #include "WaitOnAddress.h"
 
-namespace VDIFrameworkCommon::wait_backend {
+namespace VDIFrameworkCommon {
 
 namespace {
 
@@ -30,17 +30,30 @@ timespec absolute(WaitClock::time_point time) {
 
 }  // namespace
 
-// FUTEX_WAIT_BITSET takes an absolute time, on the clock of WaitClock. Format: futex(2).
-bool systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
+// A wake-up looks for the page behind the word. The high half is not waited on by anyone.
+bool isPresent(const WaitWord& word) {
+    return syscall(SYS_futex, lowHalf(word) + 1, FUTEX_WAKE, 1, nullptr, nullptr, 0) >= 0 ||
+           errno != EFAULT;
+}
+
+namespace wait_backend {
+
+// Who was woken, or found the word changed, knows that it was there. FUTEX_WAIT_BITSET takes an
+// absolute time, on the clock of WaitClock. Format: futex(2).
+Waited systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
     const timespec until = absolute(deadline);
     const long result =
         syscall(SYS_futex, lowHalf(word), FUTEX_WAIT_BITSET, static_cast<std::uint32_t>(expected),
                 &until, nullptr, FUTEX_BITSET_MATCH_ANY);
-    return result == 0 || errno == EAGAIN || errno == EINTR || errno == ETIMEDOUT;
+    if (result == 0 || errno == EAGAIN) return Waited::Present;
+    const bool isKnown = errno == EINTR || errno == ETIMEDOUT || errno == EFAULT;
+    return isKnown ? Waited::Unknown : Waited::Unsupported;
 }
 
 void systemWake(const WaitWord& word, bool all) {
     syscall(SYS_futex, lowHalf(word), FUTEX_WAKE, all ? INT_MAX : 1, nullptr, nullptr, 0);
 }
 
-}  // namespace VDIFrameworkCommon::wait_backend
+}  // namespace wait_backend
+
+}  // namespace VDIFrameworkCommon

@@ -7,7 +7,12 @@
 
 #include "WaitOnAddress.h"
 
-namespace VDIFrameworkCommon::wait_backend {
+namespace VDIFrameworkCommon {
+
+// An object that has a size cannot be truncated here.
+bool isPresent(const WaitWord&) { return true; }
+
+namespace wait_backend {
 
 namespace {
 
@@ -45,14 +50,15 @@ void* address(const WaitWord& word) { return const_cast<WaitWord*>(&word); }
 
 }  // namespace
 
-bool systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
-    if (!facility().wait) return false;
+Waited systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
+    if (!facility().wait) return Waited::Unsupported;
     const auto left =
         std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - WaitClock::now());
-    if (left.count() <= 0) return true;
+    if (left.count() <= 0) return Waited::Present;
     const int result = facility().wait(address(word), expected, sizeof word, kShared, kClockMach,
                                        static_cast<std::uint64_t>(left.count()));
-    return result >= 0 || errno == ETIMEDOUT || errno == EINTR || errno == EFAULT;
+    const bool isDone = result >= 0 || errno == ETIMEDOUT || errno == EINTR || errno == EFAULT;
+    return isDone ? Waited::Present : Waited::Unsupported;
 }
 
 void systemWake(const WaitWord& word, bool all) {
@@ -60,4 +66,6 @@ void systemWake(const WaitWord& word, bool all) {
     if (wake) wake(address(word), sizeof word, kShared);
 }
 
-}  // namespace VDIFrameworkCommon::wait_backend
+}  // namespace wait_backend
+
+}  // namespace VDIFrameworkCommon

@@ -37,17 +37,19 @@ WaitClock::time_point waitingSince(const WaitWord& word, std::uint64_t expected)
 
 }  // namespace
 
-void poll(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
+bool poll(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline) {
     for (int i = 0; i < kPauses && unchanged(word, expected); ++i) cpuRelax();
     for (int i = 0; i < kYields && unchanged(word, expected); ++i) sched_yield();
     const auto since = waitingSince(word, expected);
     while (unchanged(word, expected)) {
         const auto now = WaitClock::now();
-        if (now >= deadline) return;
+        if (now >= deadline) return true;
         const WaitClock::duration sleep = std::clamp<WaitClock::duration>(
             (now - since) / kShareOfWait, kShortestSleep, kLongestSleep);
         std::this_thread::sleep_for(std::min(sleep, deadline - now));
+        if (!isPresent(word)) return false;
     }
+    return true;
 }
 
 }  // namespace VDIFrameworkCommon::wait_backend

@@ -82,7 +82,7 @@ public:
     }
     std::string ReadData(unsigned int& length, unsigned int) override { return length = 0, ""; }
     bool ReadData(void**, unsigned int&) override { return false; }
-    void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override;
+    bool subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override;
     void unsubscribeObserver(shared_memory::SharedMemoryObserverI*) override {
         setObserver(nullptr);
     }
@@ -229,9 +229,10 @@ inline bool FakeSegment::setUp(const char* how, const std::string& name, unsigne
     return m_open = size <= m_machine.largestSegment && m_machine.add(*this);
 }
 
-inline void FakeSegment::subscribeObserver(shared_memory::SharedMemoryObserverI* observer) {
-    if (m_machine.subscriptionsFail) throw std::system_error(EAGAIN, std::generic_category());
+inline bool FakeSegment::subscribeObserver(shared_memory::SharedMemoryObserverI* observer) {
+    if (m_machine.subscriptionsFail) return false;
     setObserver(observer);
+    return true;
 }
 
 inline bool FakeSegment::Close() {

@@ -52,7 +52,7 @@ bool Agent::Stream::start() {
 
 bool Agent::Stream::begin() {
     if (m_type == StreamType::WRITE) return m_writer.start([this] { WriterProcessingThread(); });
-    return m_type != StreamType::READ || !m_segment || subscribe(*m_segment, this);
+    return m_type != StreamType::READ || !m_segment || m_segment->subscribeObserver(this);
 }
 
 // A hand-over to the writer's thread would cost more than the copy into the segment, which is made

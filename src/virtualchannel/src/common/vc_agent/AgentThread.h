@@ -6,20 +6,8 @@
 #include <utility>
 
 #include "Contained.h"
-#include "SharedMemoryI.h"
 
 namespace VirtualChannelAgent {
-
-// Subscribes; returns whether the segment's read thread could be started.
-inline bool subscribe(shared_memory::SharedMemoryI& segment,
-                      shared_memory::SharedMemoryObserverI* observer) {
-    try {
-        segment.subscribeObserver(observer);
-    } catch (const std::exception&) {
-        return false;
-    }
-    return true;
-}
 
 // A thread with one owner. Not thread-safe: the owner's lock guards it.
 class AgentThread {

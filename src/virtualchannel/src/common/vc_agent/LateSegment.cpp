@@ -1,8 +1,9 @@
 #include "LateSegment.h"
 
+#include <new>
 #include <utility>
 
-#include "AgentThread.h"
+#include "Contained.h"
 
 namespace VirtualChannelAgent {
 
@@ -41,7 +42,7 @@ bool LateSegment::tryAgain() {
     const auto segment = m_make();
     if (!segment || !m_setup.run(*segment, m_name, m_size)) return false;
     for (auto* observer : m_observers) {
-        if (subscribe(*segment, observer)) continue;
+        if (segment->subscribeObserver(observer)) continue;
         segment->unsubscribeAllObservers();
         segment->Close();
         return false;
@@ -73,10 +74,16 @@ bool LateSegment::ReadData(void** data, unsigned int& length) {
     return m_isSetUp && m_segment->ReadData(data, length);
 }
 
-void LateSegment::subscribeObserver(shared_memory::SharedMemoryObserverI* observer) {
+bool LateSegment::subscribeObserver(shared_memory::SharedMemoryObserverI* observer) {
     LocalLock lock(m_mutex);
-    m_observers.push_back(observer);
-    if (m_isSetUp) m_segment->subscribeObserver(observer);
+    if (m_isSetUp) return m_segment->subscribeObserver(observer);
+    try {
+        m_observers.push_back(observer);
+    } catch (const std::bad_alloc& failure) {
+        VDIFrameworkCommon::reportFailure("Subscribing an observer", failure.what());
+        return false;
+    }
+    return true;
 }
 
 // Without the lock, as the segment waits for a running call of the observer.

@@ -45,7 +45,7 @@ public:
     bool WriteData(const void* data, const unsigned int& length) override;
     std::string ReadData(unsigned int& length, unsigned int timeout) override;
     bool ReadData(void** data, unsigned int& length) override;
-    void subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override;
+    bool subscribeObserver(shared_memory::SharedMemoryObserverI* observer) override;
     void unsubscribeObserver(shared_memory::SharedMemoryObserverI* observer) override;
     void unsubscribeAllObservers() override;
 

@@ -74,7 +74,7 @@ struct Agent::Parts final : AgentContext {
         if (m_isDeaf.exchange(false)) listen();
     }
     void listen() {
-        m_isDeaf = !subscribe(*m_infoReader, m_listener);
+        m_isDeaf = !m_infoReader->subscribeObserver(m_listener);
         if (m_isDeaf) AGENT_LOG(*this, Error, "No thread to listen to local processes.");
         // The end may have passed this by.
         if (stopping) m_infoReader->unsubscribeObserver(m_listener);

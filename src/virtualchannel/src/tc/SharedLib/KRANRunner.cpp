@@ -128,6 +128,8 @@ private:
                       " file exists, so we won't restart it");
             return;
         }
+        // Anew: its object may have been removed or truncated since.
+        m_launchMutex.create(launchMutexName());
         const VDIFrameworkCommon::ScopedLock lock(m_launchMutex);
         launch();
     }
