@@ -1,4 +1,5 @@
 #include "SegmentSupport.h"
+#include "StandIn.h"
 
 namespace {
 
@@ -113,6 +114,72 @@ TEST_F(ObserverTest, MisuseIsRefusedWithoutHanging) {
     EXPECT_TRUE(eventually([&] { return log.count(line) == 2; }));
     writer->unsubscribeObserver(&none);
     EXPECT_TRUE(reaches(closing, 2, "two"));
+}
+
+// Has a thread that waits in place of the segment's read thread, and refuses every fifth message.
+class Substituted : public Checker {
+public:
+    ~Substituted() override {
+        m_ends = true;
+        wake();
+        m_thread.join();
+    }
+    std::shared_ptr<VDIFrameworkCommon::StandIn> standIn() override { return m_standIn; }
+    bool takeAtOnce(const std::string& message) override {
+        if (++m_offered % 5 == 0) return false;
+        onNewMessageReceived(message, nullptr);
+        ++taken;
+        return true;
+    }
+    void giveAllBack() { m_standIn->giveAllBack(); }
+
+    std::atomic<unsigned int> taken{0};
+
+private:
+    void wake() {
+        ++m_wakeUps;
+        VDIFrameworkCommon::wakeOne(m_wakeUps);
+    }
+    void run() {
+        while (!m_ends) {
+            const std::uint64_t wakeUps = m_wakeUps;
+            m_standIn->serve();
+            m_standIn->sleep({&m_wakeUps, wakeUps}, std::chrono::steady_clock::now() + 10s);
+        }
+        m_standIn->close();
+    }
+
+    unsigned int m_offered = 0;
+    std::atomic<bool> m_ends{false};
+    VDIFrameworkCommon::WaitWord m_wakeUps{0};
+    const std::shared_ptr<VDIFrameworkCommon::StandIn> m_standIn =
+        std::make_shared<VDIFrameworkCommon::StandIn>([this] { wake(); });
+    std::thread m_thread{[this] { run(); }};
+};
+
+TEST(StandInTest, NoMessageIsLostWhoeverWaitsForIt) {
+    if (!VDIFrameworkCommon::canWaitOnAnyAddress()) GTEST_SKIP() << "not on this system";
+    const PlainPair pair(30000);
+    Substituted observer;
+    pair.reader->subscribeObserver(&observer);
+    std::uint32_t sent = 0;
+    const auto send = [&](std::size_t length) {
+        ASSERT_TRUE(write(*pair.writer, numberedMessage(1, sent++, length)));
+    };
+    for (int round = 0; round < 6; ++round) {
+        const unsigned int before = observer.taken;
+        for (int i = 0; i < 1000 && observer.taken < before + 10; ++i) {
+            send(20 + std::size_t(i));
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        EXPECT_GE(observer.taken, before + 10);
+        if (round % 3 == 1) observer.giveAllBack();
+        for (const std::size_t length : {20U, 16384U, 16385U, 70000U, 20U, 20U, 30000U})
+            send(length);
+        EXPECT_TRUE(eventually([&] { return observer.count() == sent; }));
+    }
+    pair.reader->unsubscribeObserver(&observer);
+    EXPECT_EQ(observer.count(), sent);
 }
 
 TEST_F(ObserverTest, ASegmentMayBeClosedAndOpenedAgainWithItsObservers) {

@@ -48,6 +48,24 @@ void ObserverSet::deliver(std::string message, SharedMemoryI* source) {
     endCall();
 }
 
+std::shared_ptr<VDIFrameworkCommon::StandIn> ObserverSet::standIn() {
+    std::shared_ptr<VDIFrameworkCommon::StandIn> standIn;
+    const Call call = beginCallAfter(nullptr);
+    if (call.observer && call.isLast)
+        contained(kFailure, [&] { standIn = call.observer->standIn(); });
+    endCall();
+    return standIn;
+}
+
+bool ObserverSet::deliverAtOnce(const std::string& message) {
+    bool isTaken = false;
+    const Call call = beginCallAfter(nullptr);
+    if (call.observer && call.isLast)
+        contained(kFailure, [&] { isTaken = call.observer->takeAtOnce(message); });
+    endCall();
+    return isTaken;
+}
+
 ObserverSet::Call ObserverSet::beginCallAfter(SharedMemoryObserverI* previous) {
     LocalLock lock(m_mutex);
     const auto next = previous ? m_observers.upper_bound(previous) : m_observers.begin();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -23,6 +24,11 @@ public:
     // Calls each observer in the set's order; the last gets `message` itself, the others a copy. An
     // exception is logged; the other observers still get the message.
     void deliver(std::string message, SharedMemoryI* source);
+
+    // The stand-in of the only observer, if it has one.
+    std::shared_ptr<VDIFrameworkCommon::StandIn> standIn();
+    // Whether the only observer took the message at once.
+    bool deliverAtOnce(const std::string& message);
 
 private:
     struct Call {

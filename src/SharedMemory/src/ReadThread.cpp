@@ -15,9 +15,17 @@ constexpr unsigned int kPauseAfterFailureMs = 100;
 constexpr unsigned int kWaitMs = 200;
 constexpr unsigned int kQuietWaitMs = 1000;
 constexpr unsigned int kWaitsUntilQuiet = 3;
+
+// Messages further apart than this come one by one; after so many of them the wait is left to a
+// stand-in.
+constexpr std::chrono::microseconds kCalm{25};
+constexpr unsigned int kCalmReadsToLeave = 12;
 }  // namespace
 
+using VDIFrameworkCommon::Awaited;
+using VDIFrameworkCommon::LeftWait;
 using VDIFrameworkCommon::LocalLock;
+using Clock = std::chrono::steady_clock;
 
 bool ReadThread::subscribe(SharedMemoryObserverI* observer) {
     const bool isSubscribed = VDIFrameworkCommon::contained("Subscribing an observer", [&] {
@@ -70,6 +78,7 @@ void ReadThread::end() {
     if (wasRunning) {
         m_stopEvent.set();
         m_gate.halt();
+        setLeft(nullptr);
     }
     // A thread does not survive a fork: only the process that started it may join it.
     if (m_thread.joinable()) m_process == getpid() ? m_thread.join() : m_thread.detach();
@@ -85,6 +94,14 @@ void ReadThread::run() {
     m_id = std::this_thread::get_id();
     unsigned int vainWaits = 0;
     while (m_isRunning && !endsByItself()) {
+        bool isBack = false;
+        VDIFrameworkCommon::contained("Leaving the wait to another thread",
+                                      [&] { isBack = leaveWait(); });
+        if (isBack) {
+            vainWaits = 0;
+            readOnce(0);  // what was written before the wait came back notifies nobody again
+            continue;
+        }
         const bool isQuiet = vainWaits >= kWaitsUntilQuiet;
         vainWaits = readOnce(isQuiet ? kQuietWaitMs : kWaitMs) ? 0 : vainWaits + (isQuiet ? 0 : 1);
     }
@@ -94,12 +111,73 @@ void ReadThread::run() {
 bool ReadThread::readOnce(unsigned int wait) {
     bool hasCome = false;
     const bool done = VDIFrameworkCommon::contained("Reading for the observers", [&] {
+        const auto start = Clock::now();
         std::string message = m_source.read(wait);
         hasCome = !message.empty();
+        if (hasCome) noteCalm(message.size(), Clock::now() - start);
         if (m_isRunning && hasCome) m_observers.deliver(std::move(message), &m_segment);
     });
     if (!done) pause(kPauseAfterFailureMs);
     return hasCome;
+}
+
+void ReadThread::noteCalm(std::size_t length, Clock::duration waited) {
+    m_calmReads = length <= kLargestAtOnce && waited >= kCalm ? m_calmReads + 1 : 0;
+}
+
+// ---- The stand-in
+
+bool ReadThread::leaveWait() {
+    if (m_calmReads < kCalmReadsToLeave) return false;
+    m_calmReads = 0;
+    const auto standIn = m_observers.standIn();
+    auto awaited = standIn ? m_source.beginWait() : std::nullopt;
+    if (!awaited) return false;
+    const auto wait = std::make_shared<LeftWait>(std::move(*awaited),
+                                                 [this](Awaited& next) { return serve(next); });
+    setLeft(wait);
+    if (!standIn->accept(wait)) return false;
+    waitUntilBack(*wait);
+    setLeft(nullptr);
+    if (m_isRunning && !m_notTaken.empty()) m_observers.deliver(std::move(m_notTaken), &m_segment);
+    m_notTaken.clear();
+    return true;
+}
+
+// A stand-in has little room, and only this thread finds out what notifies nobody: it looks once a
+// second, and takes back a wait that has brought nothing since.
+void ReadThread::waitUntilBack(LeftWait& wait) {
+    constexpr std::chrono::milliseconds kLook{kQuietWaitMs};
+    std::uint64_t served = m_served;
+    while (m_isRunning && !wait.isBackWithin(kLook)) {
+        const std::uint64_t before = std::exchange(served, m_served);
+        if (served == before) break;
+    }
+    wait.takeBack();
+}
+
+// On the stand-in's thread.
+bool ReadThread::serve(Awaited& next) {
+    if (!m_isRunning) return false;
+    const bool isHurried = Clock::now() - m_servedAt < kCalm;
+    std::string message = m_source.readAtOnce();
+    if (message.empty()) return false;
+    if (!m_observers.deliverAtOnce(message)) {
+        m_notTaken = std::move(message);
+        return false;
+    }
+    ++m_served;
+    m_servedAt = Clock::now();
+    auto awaited = isHurried ? std::nullopt : m_source.beginWait();
+    if (awaited) next = std::move(*awaited);
+    return awaited.has_value();
+}
+
+// Replaces what end() has to give back.
+void ReadThread::setLeft(std::shared_ptr<LeftWait> wait) {
+    LocalLock lock(m_leftMutex);
+    if (m_left) m_left->giveBack();
+    m_left = std::move(wait);
 }
 
 bool ReadThread::endsByItself() {

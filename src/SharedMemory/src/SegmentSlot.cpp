@@ -306,13 +306,25 @@ bool SegmentSlot::publish(milliseconds limit) {
 }
 
 // Recovering a lost object is left to a call that may wait.
+bool SegmentSlot::isSoundAtOnce(Clock::time_point now) {
+    return isMapped() && (isFresh(m_lastLook, now) || look(now) == Look::Sound);
+}
+
 bool SegmentSlot::isFreeAtOnce() {
-    if (!isMapped()) return false;
     const auto now = Clock::now();
-    if (!isFresh(m_lastLook, now) && look(now) != Look::Sound) return false;
+    if (!isSoundAtOnce(now)) return false;
     if (!m_writeCondition.isNotified()) return false;
     const Section section(*this, milliseconds::zero(), now);
     return section && isFree();
+}
+
+bool SegmentSlot::isUnreadAtOnce() {
+    const auto now = Clock::now();
+    if (!isSoundAtOnce(now)) return false;
+    m_readCondition.endWait();
+    m_isSilent = false;
+    const Section section(*this, milliseconds::zero(), now);
+    return section && isUnread();
 }
 
 // A reader finds zeros behind the chunk, as if the whole area had been cleared. The previous
@@ -333,10 +345,10 @@ unsigned int SegmentSlot::dirtyBehind(unsigned int length) {
     return dirty > length ? dirty - length : 0;
 }
 
-bool SegmentSlot::take() {
+bool SegmentSlot::take(milliseconds limit) {
     bool isSame = false;
     {
-        const Section section(*this);
+        const Section section(*this, limit);
         if (!section) return false;
         logLockTaken();
         isSame = header().newMessageId == m_unreadId && generation() == m_unreadGeneration;

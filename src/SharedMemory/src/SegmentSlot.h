@@ -128,6 +128,9 @@ public:
                  const Test& test) {
         return waitFor(signal, now, deadline, test, NoSilence{});
     }
+    // For a stand-in that waits for a chunk in place of waitFor().
+    std::optional<VDIFrameworkCommon::Awaited> beginWait() { return m_readCondition.beginWait(); }
+
     // Waits for a notification, for at most `longest` ms.
     void pause(Signal signal, unsigned int longest);
 
@@ -145,9 +148,13 @@ public:
     // would have to be cleared.
     static constexpr unsigned int kMostClearedAtOnce = 128 * 1024;
     bool tryPlace(const ChunkHeader& chunk, const char* bytes);
+    // Like isUnread(), but takes the mutex itself, if that needs no waiting. Ends a wait that
+    // beginWait() began.
+    bool isUnreadAtOnce();
     // Acknowledges the chunk that isUnread() found. False when the slot no longer holds it, because
-    // a newly set-up writer did not wait for its reader: the copy may be torn.
-    bool take();
+    // a newly set-up writer did not wait for its reader: the copy may be torn. Also false, with
+    // nothing changed, when the mutex could not be locked within `limit`.
+    bool take(std::chrono::milliseconds limit = Section::kLongestWait);
 
     // Changes with every set-up of a writer, and at times without one.
     std::uint64_t generation() const { return m_writeCondition.count(); }
@@ -181,6 +188,7 @@ private:
     static std::chrono::milliseconds mutexWait(Clock::time_point now, Clock::time_point deadline);
     void logLockTaken();
     bool isFreeAtOnce();
+    bool isSoundAtOnce(Clock::time_point now);
     void fill(const ChunkHeader& chunk, const char* bytes);
     bool publish(std::chrono::milliseconds limit);
     unsigned int dirtyBehind(unsigned int length);

@@ -24,7 +24,8 @@ constexpr milliseconds kLongestSilence{2000};
 SharedMemoryBase::SharedMemoryBase()
     : m_readThread(*this, m_gate,
                    {[this] { return isOpen() && mayOperate(Mode::Reader); },
-                    [this](unsigned int wait) { return readForObservers(wait); }}) {}
+                    [this](unsigned int wait) { return readForObservers(wait); },
+                    [this] { return beginWait(); }, [this] { return readAtOnce(); }}) {}
 
 bool SharedMemoryBase::setUp(const std::string& name, unsigned int size, Mode mode) {
     try {
@@ -127,6 +128,20 @@ std::string SharedMemoryBase::readForObservers(unsigned int wait) {
     LocalLock operation(m_operationLock);
     const bool hasCome = m_gate.isPassable() && waitForMessage(wait) && m_access.mayRead();
     return hasCome ? takeMessage(kReadPauseMs) : std::string();
+}
+
+// ---- With a stand-in, which must not wait for a lock
+
+std::optional<VDIFrameworkCommon::Awaited> SharedMemoryBase::beginWait() {
+    if (!m_gate.isPassable() || !m_operationLock.try_lock()) return std::nullopt;
+    const LocalLock operation(m_operationLock, std::adopt_lock);
+    return m_slot.isMapped() && isPlain() ? m_slot.beginWait() : std::nullopt;
+}
+
+std::string SharedMemoryBase::readAtOnce() {
+    if (!m_access.mayRead() || !m_operationLock.try_lock()) return {};
+    const LocalLock operation(m_operationLock, std::adopt_lock);
+    return m_gate.isPassable() ? m_reader.takeAtOnce(ReadThread::kLargestAtOnce) : std::string();
 }
 
 }  // namespace shared_memory

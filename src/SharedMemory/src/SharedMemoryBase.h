@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "LocalMutex.h"
@@ -80,6 +81,8 @@ protected:
         NORVO_REQUIRES(m_operationLock) {
         return m_writer.tryWrite(data, length);
     }
+    // Whether a message is what the slot holds, and taking it frees the slot.
+    virtual bool isPlain() const { return true; }
     virtual bool waitForMessage(unsigned int timeout) NORVO_REQUIRES(m_operationLock);
     // Then takes the message, whose chunks must follow each other within `silence` ms.
     virtual std::string takeMessage(unsigned int silence) NORVO_REQUIRES(m_operationLock) {
@@ -109,6 +112,8 @@ private:
     bool setUp(const std::string& name, unsigned int size, Mode mode);
     bool trySetUp(const std::string& name, unsigned int size, Mode mode);
     std::string readForObservers(unsigned int wait);
+    std::string readAtOnce();
+    std::optional<VDIFrameworkCommon::Awaited> beginWait();
 
     // Used without the operation lock, which a reader holds while it waits.
     SegmentAccess m_access{m_gate};

@@ -38,6 +38,7 @@ protected:
         NORVO_REQUIRES(m_operationLock) {
         return false;
     }
+    bool isPlain() const override { return false; }
     bool waitForMessage(unsigned int timeout) override NORVO_REQUIRES(m_operationLock);
     std::string takeMessage(unsigned int silence) override NORVO_REQUIRES(m_operationLock);
     std::string takeMessageNow() override NORVO_REQUIRES(m_operationLock);

@@ -1,9 +1,14 @@
 // One named shared-memory segment, as its users see it.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "OpenFailure.h"
+
+namespace VDIFrameworkCommon {
+class StandIn;
+}
 
 namespace shared_memory {
 
@@ -16,6 +21,12 @@ public:
     // One whole message; called on the segment's read thread. The observer may unsubscribe itself
     // from inside the call, but not destroy the segment.
     virtual void onNewMessageReceived(std::string message, SharedMemoryI* source) = 0;
+    // A thread that may wait for a segment's messages in place of the read thread, and then calls
+    // takeAtOnce(). Asked by the read thread of a segment that has no other observer.
+    virtual std::shared_ptr<VDIFrameworkCommon::StandIn> standIn() { return {}; }
+    // One whole message, on the stand-in's thread. Must neither wait nor call the segment. False:
+    // not taken; onNewMessageReceived() gets it.
+    virtual bool takeAtOnce(const std::string& /*message*/) { return false; }
 };
 
 // A segment is set up once, as writer (Create) or reader (Open). A failure is logged in one line

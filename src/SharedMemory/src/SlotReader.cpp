@@ -1,5 +1,7 @@
 #include "SlotReader.h"
 
+#include <algorithm>
+
 #include "Log.h"
 
 namespace shared_memory {
@@ -37,6 +39,17 @@ std::string SlotReader::takeNow(std::chrono::milliseconds silence) {
     const bool waits = m_slot.check(Clock::now()) != SegmentSlot::Soundness::Lost && hasUnread();
     if (waits || (m_assembler.inProgress() && wait(Clock::now() + silence))) return take(silence);
     return {};
+}
+
+std::string SlotReader::takeAtOnce(std::uint32_t most) {
+    if (m_assembler.inProgress() || !m_slot.isUnreadAtOnce()) return {};
+    const ChunkHeader chunk = ChunkHeader::load(m_slot.header());
+    const bool isWhole = chunk.count == 1 && chunk.index == 1 && chunk.length == chunk.total;
+    if (!isWhole || chunk.length > std::min(most, m_slot.mappedCapacity())) return {};
+    std::string message(m_slot.data(), chunk.length);
+    if (!m_slot.take(std::chrono::milliseconds::zero())) return {};
+    ++m_chunksTaken;
+    return message;
 }
 
 bool SlotReader::hasUnread() {

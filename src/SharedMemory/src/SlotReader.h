@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -23,6 +24,9 @@ public:
     std::string take(std::chrono::milliseconds silence);
     // Takes what is there without waiting for a first chunk.
     std::string takeNow(std::chrono::milliseconds silence);
+    // Takes, without waiting, a message that is one chunk of at most `most` bytes. Empty when none
+    // can be taken like that; what the slot holds then stays there.
+    std::string takeAtOnce(std::uint32_t most);
     // How many chunks this reader has taken so far.
     unsigned long chunksTaken() const { return m_chunksTaken; }
 

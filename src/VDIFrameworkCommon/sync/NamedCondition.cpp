@@ -169,6 +169,15 @@ void NamedCondition::rememberPeer() {
     m_peerCpu.store(isKnown ? static_cast<int>(cpu) - 1 : -1, std::memory_order_relaxed);
 }
 
+std::optional<Awaited> NamedCondition::beginWait() {
+    if (!m_object) return std::nullopt;
+    NamedObjectWords& words = m_object->words();
+    const std::uint64_t seen = m_seen.load();
+    raise(words.parkedAt, seen);
+    if (words.sequence.load() != seen) return std::nullopt;
+    return Awaited{{&words.sequence, seen}, m_object};
+}
+
 void NamedCondition::notify() {
     if (!m_object) return;
     if (!m_hasNotified.load(std::memory_order_relaxed) && !m_hasNotified.exchange(true)) {

@@ -4,8 +4,10 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "AdaptiveSpin.h"
+#include "StandIn.h"
 #include "WaitOnAddress.h"
 
 namespace VDIFrameworkCommon {
@@ -46,6 +48,12 @@ public:
 
     // Wakes every waiter of this name in every process. Needs no lock.
     void notify();
+
+    // For a thread that waits in another way: the word that a notification by another handle
+    // changes. Empty when there has been one since this handle last waited.
+    std::optional<Awaited> beginWait();
+    // Afterwards, as after a wait, only later notifications count.
+    void endWait() { m_seen = count(); }
 
     // Like those of a NamedMutex.
     bool isCurrent() const;

@@ -21,6 +21,16 @@ bool waitOnAddress(const WaitWord& word, std::uint64_t expected, WaitClock::time
                                          : waited == Waited::Present;
 }
 
+bool waitOnAnyAddress(std::span<const AddressWait> waits, WaitClock::time_point deadline) {
+    return wait_backend::systemWaitAny(waits, deadline) == wait_backend::Waited::Present;
+}
+
+bool canWaitOnAnyAddress() {
+    static const bool isSupported =
+        wait_backend::systemWaitAny({}, {}) != wait_backend::Waited::Unsupported;
+    return isSupported && g_backend.load(std::memory_order_relaxed) == WaitBackend::System;
+}
+
 void wakeOne(const WaitWord& word) { wait_backend::systemWake(word, false); }
 
 void wakeAll(const WaitWord& word) { wait_backend::systemWake(word, true); }

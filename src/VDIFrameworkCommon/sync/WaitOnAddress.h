@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <span>
 
 namespace VDIFrameworkCommon {
 
@@ -23,6 +24,19 @@ bool waitOnAddress(const WaitWord& word, std::uint64_t expected, WaitClock::time
 // has truncated the object behind it. One system call.
 bool isPresent(const WaitWord& word);
 
+constexpr std::size_t kMostAddresses = 16;
+
+struct AddressWait {
+    const WaitWord* word = nullptr;
+    std::uint64_t expected = 0;
+};
+
+// The same for up to kMostAddresses words at once: sleeps while each is as expected. Only where
+// canWaitOnAnyAddress(); elsewhere it returns at once. False when one of them may be gone.
+bool waitOnAnyAddress(std::span<const AddressWait> waits, WaitClock::time_point deadline);
+// Whether the system can do that, and this process does not poll.
+bool canWaitOnAnyAddress();
+
 // Wakes one or all threads that sleep on `word`, in every process. Always costs a system call.
 void wakeOne(const WaitWord& word);
 void wakeAll(const WaitWord& word);
@@ -40,6 +54,8 @@ namespace wait_backend {
 enum class Waited { Present, Unknown, Unsupported };
 Waited systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_point deadline);
 void systemWake(const WaitWord& word, bool all);
+// An empty span only asks whether the system supports it.
+Waited systemWaitAny(std::span<const AddressWait> waits, WaitClock::time_point deadline);
 
 // Spins and yields for a moment, then polls, sleeping for a sixteenth of the time that the thread
 // has waited for this change, over several calls if need be: 50 us to 10 ms. False when the word

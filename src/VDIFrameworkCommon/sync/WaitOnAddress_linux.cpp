@@ -3,6 +3,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <climits>
@@ -48,6 +50,27 @@ Waited systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_
     if (result == 0 || errno == EAGAIN) return Waited::Present;
     const bool isKnown = errno == EINTR || errno == ETIMEDOUT || errno == EFAULT;
     return isKnown ? Waited::Unknown : Waited::Unsupported;
+}
+
+// From Linux 5.16 on. Format: futex2(2), linux/futex.h.
+Waited systemWaitAny(std::span<const AddressWait> waits, WaitClock::time_point deadline) {
+#ifdef SYS_futex_waitv
+    std::array<futex_waitv, kMostAddresses> entries{};
+    const std::size_t count = std::min(waits.size(), entries.size());
+    for (std::size_t i = 0; i < count; ++i) {
+        entries[i].val = static_cast<std::uint32_t>(waits[i].expected);
+        entries[i].uaddr = reinterpret_cast<std::uintptr_t>(lowHalf(*waits[i].word));
+        entries[i].flags = FUTEX_32;
+    }
+    const timespec until = absolute(deadline);
+    const long result = syscall(SYS_futex_waitv, entries.data(), count, 0, &until, CLOCK_MONOTONIC);
+    if (result >= 0 || errno == EAGAIN) return Waited::Present;
+    return errno == ENOSYS || errno == EPERM ? Waited::Unsupported : Waited::Unknown;
+#else
+    static_cast<void>(waits);
+    static_cast<void>(deadline);
+    return Waited::Unsupported;
+#endif
 }
 
 void systemWake(const WaitWord& word, bool all) {

@@ -61,6 +61,10 @@ Waited systemWait(const WaitWord& word, std::uint64_t expected, WaitClock::time_
     return isDone ? Waited::Present : Waited::Unsupported;
 }
 
+Waited systemWaitAny(std::span<const AddressWait> /*waits*/, WaitClock::time_point /*deadline*/) {
+    return Waited::Unsupported;
+}
+
 void systemWake(const WaitWord& word, bool all) {
     const Wake wake = all ? facility().wakeAll : facility().wakeOne;
     if (wake) wake(address(word), sizeof word, kShared);

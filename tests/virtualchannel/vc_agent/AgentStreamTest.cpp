@@ -235,7 +235,11 @@ TEST_F(AgentStream, IsNotFreedWhenAMessageComesAtThatMoment) {
     std::set<std::string> done;
     m_side.machine->onLookedForUsers = [&](const std::string& name) {
         if (!done.insert(name).second) return;
-        if (name == "Media") return m_channel.deliver(routed(name, "from the peer"));
+        if (name == "Media") {
+            auto host = std::async(std::launch::async,
+                                   [&] { m_channel.deliver(routed(name, "from the peer")); });
+            return host.get();
+        }
         m_channel.refusals = 1;
         writing = std::async(std::launch::async, [&] { read->localProcessWrites("to the peer"); });
         EXPECT_TRUE(eventually([&] { return m_channel.refusals == 0; }));

@@ -3,10 +3,15 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 
 #include "ChannelKinds.h"
 #include "MemoryBlock.h"
 #include "SplitBytes.h"
+
+namespace VDIFrameworkCommon {
+class StandIn;
+}
 
 namespace NorvoVirtualChannel {
 
@@ -71,6 +76,14 @@ public:
     // that is not inside a callback. Never throws.
     virtual StreamSend SendStreamData(const VDIFrameworkCommon::SplitBytes& message,
                                       bool lowPriority, const std::function<bool()>& goesOn) = 0;
+    // The same without waiting: NotSent, too, when the message is long or it is not its turn.
+    virtual StreamSend SendStreamDataAtOnce(const VDIFrameworkCommon::SplitBytes& /*message*/,
+                                            bool /*lowPriority*/) {
+        return StreamSend::NotSent;
+    }
+    // The thread that hands packets to the host, while it has time to wait for the streams'
+    // messages, too; it sends them by SendStreamDataAtOnce(). Empty otherwise.
+    virtual std::shared_ptr<VDIFrameworkCommon::StandIn> StreamStandIn() { return {}; }
     // Makes waiting SendStreamData() calls check their `goesOn()` again.
     virtual void WakeStreamSenders() {}
 };

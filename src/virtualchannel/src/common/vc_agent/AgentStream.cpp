@@ -131,6 +131,16 @@ void Agent::Stream::onNewMessageReceived(std::string message,
     m_link.sendRoutedData(m_name, m_type, m_size, message, m_lowPriority, m_running);
 }
 
+std::shared_ptr<VDIFrameworkCommon::StandIn> Agent::Stream::standIn() {
+    return m_running ? m_link.standIn() : nullptr;
+}
+
+bool Agent::Stream::takeAtOnce(const std::string& message) {
+    if (!m_running || m_context.stopping) return true;
+    const StreamUse::Passage passage(use);
+    return m_link.sendRoutedDataAtOnce(m_name, m_type, m_size, message, m_lowPriority);
+}
+
 void Agent::Stream::WriterProcessingThread() {
     AGENT_LOG(m_context, Info, "ProcessingThread( ", m_name, " )");
     const auto running = [this] { return m_running.load(); };

@@ -65,6 +65,9 @@ public:
 
     // A message of the local process, on the segment's read thread.
     void onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* source) override;
+    // The same on the channel's worker, which may wait for it in the read thread's place.
+    std::shared_ptr<VDIFrameworkCommon::StandIn> standIn() override;
+    bool takeAtOnce(const std::string& message) override;
 
     // Determines how long the stream must be kept (StreamService.h).
     StreamUse use;

@@ -3,11 +3,13 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "AgentContext.h"
 #include "LockOrder.h"
+#include "MessageBytes.h"
 #include "StreamType.h"
 #include "VirtualChannel.h"
 
@@ -37,6 +39,12 @@ public:
     void sendRoutedData(const std::string& streamName, StreamType type, unsigned int size,
                         std::string_view data, bool lowPriority,
                         const std::atomic<bool>& goesOn) NORVO_TAKES_LEAF;
+    // The same without waiting. False, with nothing sent, when it is not connected or would have to
+    // wait for its turn.
+    bool sendRoutedDataAtOnce(const std::string& streamName, StreamType type, unsigned int size,
+                              std::string_view data, bool lowPriority) NORVO_TAKES_LEAF;
+    // As VirtualChannel::StreamStandIn(), while connected.
+    std::shared_ptr<VDIFrameworkCommon::StandIn> standIn() NORVO_TAKES_LEAF;
     void wakeSenders() NORVO_TAKES_LEAF;
 
     // As VirtualChannel::TakeReceivedMemory().
@@ -46,7 +54,11 @@ public:
     }
 
 private:
+    static MessageBytes headOf(const std::string& streamName, StreamType type, unsigned int size,
+                               std::string_view data);
+    void logDropped(const std::string& streamName, std::size_t size);
     void change(const std::function<void()>& step) NORVO_TAKES_LEAF;
+    NorvoVirtualChannel::VirtualChannel* connectedChannel() NORVO_TAKES_LEAF;
     // Waits for a channel and a connection of a generation other than `generation`, and sets
     // `generation` to it. Null when `goesOn` became false.
     NorvoVirtualChannel::VirtualChannel* waitForConnection(

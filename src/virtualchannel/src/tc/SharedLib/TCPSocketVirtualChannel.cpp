@@ -48,6 +48,11 @@ StreamSend TCPSocketVirtualChannel::SendStreamData(const SplitBytes& message, bo
     return TransportChannel::SendStreamData(message, false, goesOn);
 }
 
+StreamSend TCPSocketVirtualChannel::SendStreamDataAtOnce(const SplitBytes& message,
+                                                         bool /*lowPriority*/) {
+    return TransportChannel::SendStreamDataAtOnce(message, false);
+}
+
 void TCPSocketVirtualChannel::shutdownSteps() {
     close();
     CHANNEL_LOG(Trace, "Shutdown received.");

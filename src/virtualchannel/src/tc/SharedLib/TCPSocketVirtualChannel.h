@@ -15,6 +15,8 @@ public:
     ~TCPSocketVirtualChannel() override;
 
     int SendData(const void* data, unsigned int length, bool lowPriority) override;
+    StreamSend SendStreamDataAtOnce(const VDIFrameworkCommon::SplitBytes& message,
+                                    bool lowPriority) override;
     StreamSend SendStreamData(const VDIFrameworkCommon::SplitBytes& message, bool lowPriority,
                               const std::function<bool()>& goesOn) override;
 

@@ -168,6 +168,19 @@ int TransportChannel::SendData(const void* data, unsigned int length, bool lowPr
 
 StreamSend TransportChannel::SendStreamData(const SplitBytes& message, bool lowPriority,
                                             const std::function<bool()>& goesOn) {
+    return sendThrough(message, lowPriority, [&](Turnstile::Message& outgoing, auto& worker) {
+        return m_turnstile.pass(outgoing, lowPriority, worker, goesOn);
+    });
+}
+
+StreamSend TransportChannel::SendStreamDataAtOnce(const SplitBytes& message, bool lowPriority) {
+    return sendThrough(message, lowPriority, [&](Turnstile::Message& outgoing, auto& worker) {
+        return m_turnstile.passAtOnce(outgoing, lowPriority, worker);
+    });
+}
+
+StreamSend TransportChannel::sendThrough(const SplitBytes& message, bool lowPriority,
+                                         const PassTurnstile& pass) {
     traceSending(static_cast<unsigned int>(message.size()), lowPriority);
     const auto worker = this->worker();
     if (!worker) return StreamSend::NotSent;
@@ -175,9 +188,14 @@ StreamSend TransportChannel::SendStreamData(const SplitBytes& message, bool lowP
     CHANNEL_LOG(Trace, "Creating packet queue.");
     contained("Sending a message of a stream", [&] {
         OutgoingMessage outgoing(m_profile, message);
-        result = m_turnstile.pass(outgoing, lowPriority, *worker, goesOn);
+        result = pass(outgoing, *worker);
     });
     return result;
+}
+
+std::shared_ptr<VDIFrameworkCommon::StandIn> TransportChannel::StreamStandIn() {
+    const auto worker = this->worker();
+    return worker && m_turnstile.isCalm() ? worker->standIn() : nullptr;
 }
 
 bool TransportChannel::WaitUntilSent(std::chrono::milliseconds limit) {

@@ -74,6 +74,9 @@ public:
     void ForgetIncompleteMessages() override;
     StreamSend SendStreamData(const VDIFrameworkCommon::SplitBytes& message, bool lowPriority,
                               const std::function<bool()>& goesOn) override;
+    StreamSend SendStreamDataAtOnce(const VDIFrameworkCommon::SplitBytes& message,
+                                    bool lowPriority) override;
+    std::shared_ptr<VDIFrameworkCommon::StandIn> StreamStandIn() override;
     void WakeStreamSenders() override { m_turnstile.wakeSenders(); }
     VDIFrameworkCommon::MemoryBlock TakeReceivedMemory() override;
     bool WaitUntilSent(std::chrono::milliseconds limit) override;
@@ -115,6 +118,9 @@ protected:
 private:
     class OutgoingMessage;
 
+    using PassTurnstile = std::function<StreamSend(Turnstile::Message&, WorkerThread&)>;
+    StreamSend sendThrough(const VDIFrameworkCommon::SplitBytes& message, bool lowPriority,
+                           const PassTurnstile& pass);
     // A running call keeps it alive. Null once it has been ended.
     std::shared_ptr<WorkerThread> worker();
     bool isInsideDelivery() const { return ReentryMark::isSet(&m_packetizer); }

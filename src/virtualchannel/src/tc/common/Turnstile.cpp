@@ -13,7 +13,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 constexpr unsigned int kShortPerSlice = 3;
-constexpr std::chrono::milliseconds kAlone{200};
 // For a backlog of packets.
 constexpr std::chrono::milliseconds kFast{2};
 }  // namespace
@@ -68,6 +67,7 @@ void Turnstile::reset(WorkerThread* worker) {
 StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& worker,
                            const std::function<bool()>& goesOn) {
     Sender sender(message.remaining() <= m_limits.slice, m_nextCondition++ % kConditions);
+    if (!sender.isShort) beginLongOne(worker);
     std::uint64_t epoch = 0;
     while (message.remaining() > 0) {
         sender.stage.clear();
@@ -92,6 +92,13 @@ StreamSend Turnstile::pass(Message& message, bool lowPriority, WorkerThread& wor
         if (sender.left() > 0) return sender.outcome(sender.ifNotBegun);
     }
     return StreamSend::Sent;
+}
+
+// A worker busy with it cannot stand in for the streams.
+void Turnstile::beginLongOne(WorkerThread& worker) {
+    m_longOneAt = Clock::now();
+    const auto standIn = worker.standIn();
+    if (!standIn->isEmpty()) standIn->giveAllBack();
 }
 
 // A worker that has nothing else begins to send while the rest is cut.

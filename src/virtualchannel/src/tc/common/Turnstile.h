@@ -67,7 +67,14 @@ public:
     // dropped.
     StreamSend pass(Message& message, bool lowPriority, WorkerThread& worker,
                     const std::function<bool()>& goesOn);
+    // The same without waiting: NotSent, too, when the message is long or it is not its turn.
+    StreamSend passAtOnce(Message& message, bool lowPriority, WorkerThread& worker) {
+        if (message.remaining() > m_limits.slice) return StreamSend::NotSent;
+        return pass(message, lowPriority, worker, [] { return false; });
+    }
     void wakeSenders();
+    // Whether no long message has been sent lately.
+    bool isCalm() const { return std::chrono::steady_clock::now() - m_longOneAt.load() >= kAlone; }
     // The number of waiting messages.
     std::size_t waiting() const;
 
@@ -130,7 +137,9 @@ private:
         Turnstile& m_turnstile;
     };
     static constexpr std::size_t kConditions = 64;
+    static constexpr std::chrono::milliseconds kAlone{200};
 
+    void beginLongOne(WorkerThread& worker);
     void enter(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
     static void noteUser(Lane& lane);
     void notePace(Lane& lane, std::size_t backlog) const;
@@ -150,6 +159,7 @@ private:
     void noteWaiting() NORVO_REQUIRES(m_mutex);
 
     const FlowLimits m_limits;
+    std::atomic<std::chrono::steady_clock::time_point> m_longOneAt{};
     mutable VDIFrameworkCommon::LocalMutex m_mutex;
     bool m_open NORVO_GUARDED_BY(m_mutex) = false;
     bool m_available NORVO_GUARDED_BY(m_mutex) = false;

@@ -16,6 +16,7 @@ using VDIFrameworkCommon::contained;
 using VDIFrameworkCommon::cpuRelax;
 using VDIFrameworkCommon::currentCpu;
 using VDIFrameworkCommon::LocalLock;
+using VDIFrameworkCommon::StandIn;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -25,11 +26,16 @@ constexpr int kMostOwedPauses = 8;
 }  // namespace
 
 WorkerThread::WorkerThread(Pause pause, WorkSource* source)
-    : m_pause(std::move(pause)), m_source(source) {
+    : m_pause(std::move(pause)),
+      m_source(source),
+      m_standIn(std::make_shared<StandIn>([this] { signal(); })) {
     NORVO_LOG(Trace, "WorkerThread()");
 }
 
-WorkerThread::~WorkerThread() { Stop(); }
+WorkerThread::~WorkerThread() {
+    Stop();
+    m_standIn->close();  // streams may keep it longer than this lives
+}
 
 void WorkerThread::setPacketsToSendPerBreak(int packets) { m_packetsPerBreak = packets; }
 
@@ -49,6 +55,7 @@ void WorkerThread::run() {
     DoWork();
     // What was queued before a Stop() that came before the thread's first step or its last.
     drain();
+    m_standIn->close();
     m_threadId = std::thread::id();
     LocalLock lock(m_workMutex);
     m_ended = true;
@@ -98,7 +105,13 @@ void WorkerThread::wake() {
     m_wokenAt.store(Clock::now(), std::memory_order_relaxed);
     m_wakerCpu.store(currentCpu(), std::memory_order_relaxed);
     { LocalLock lock(m_workMutex); }
+    notify();
+}
+
+void WorkerThread::notify() {
     m_workCondition.notify_all();
+    ++m_wakeUps;
+    if (m_sleepsForOthers) VDIFrameworkCommon::wakeOne(m_wakeUps);
 }
 
 bool WorkerThread::append(bool lowPriority, std::span<WorkItem> items) {
@@ -188,7 +201,7 @@ bool WorkerThread::spinForWork(Clock::time_point start) const {
     if (budget == AdaptiveSpin::Duration::zero()) return false;
     do {
         for (int i = 0; i < kLooksPerClockRead; ++i) {
-            if (QueueSize() != 0) return true;
+            if (QueueSize() != 0 || m_standIn->isDue()) return true;
             cpuRelax();
         }
     } while (m_running && Clock::now() - start < budget);
@@ -204,11 +217,24 @@ void WorkerThread::park(Clock::time_point start) {
         LocalLock lock(m_workMutex);
         m_parked = true;
         m_idleCondition.notify_all();
-        while (mayPark()) m_workCondition.wait(m_workMutex);
-        m_parked = false;
+        while (mayPark() && m_standIn->isEmpty()) m_workCondition.wait(m_workMutex);
     }
+    if (!m_standIn->isEmpty()) parkForOthers();
+    m_parked = false;
     const Clock::time_point end = Clock::now();
     m_spin.notified(end - start, end - m_wokenAt.load(std::memory_order_relaxed));
+}
+
+// Whoever gives the worker something to do finds one of the two flags set, or is found by
+// mayPark().
+void WorkerThread::parkForOthers() {
+    m_sleepsForOthers = true;
+    while (true) {
+        const std::uint64_t wakeUps = m_wakeUps;
+        if (!mayPark() || m_standIn->isDue() || m_standIn->isEmpty()) break;
+        m_standIn->sleep({&m_wakeUps, wakeUps}, Clock::now() + std::chrono::hours(1));
+    }
+    m_sleepsForOthers = false;
 }
 
 void WorkerThread::drain() {
@@ -223,6 +249,7 @@ void WorkerThread::drain() {
 
 // Empty queues end a burst and its count towards the next pause, so refill them first.
 bool WorkerThread::hasWork() {
+    if (m_running) m_standIn->serve();
     if (m_source && m_running) m_source->refill(*this);
     return QueueSize() != 0;
 }
@@ -259,7 +286,7 @@ void WorkerThread::requestStop() {
     m_running = false;
     NORVO_LOG(Trace, "Sending signal to wake the work thread.");
     LocalLock lock(m_workMutex);
-    m_workCondition.notify_all();
+    notify();
     m_stopCondition.notify_all();
 }
 

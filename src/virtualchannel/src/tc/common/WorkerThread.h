@@ -11,6 +11,7 @@
 
 #include "AdaptiveSpin.h"
 #include "LocalMutex.h"
+#include "StandIn.h"
 
 namespace NorvoVirtualChannel::tc {
 
@@ -33,7 +34,7 @@ public:
     // cheap when there is nothing to do.
     virtual void refill(WorkerThread& worker) = 0;
     // Whether refill() would queue something if the worker's queues were empty. When it becomes
-    // true, signal() must follow. Called on the worker's thread, with a lock held.
+    // true, signal() must follow. Called on the worker's thread, at times with a lock held.
     virtual bool hasMore() const = 0;
 };
 
@@ -105,6 +106,10 @@ public:
     // are empty, and the destructor waits for that.
     bool StopWithin(std::chrono::milliseconds limit);
 
+    // What others leave it to wait for is served on its thread, before each item and when there is
+    // none.
+    std::shared_ptr<VDIFrameworkCommon::StandIn> standIn() const { return m_standIn; }
+
     // Drops everything queued, without running it.
     void ResetQueue();
 
@@ -126,11 +131,13 @@ private:
     WorkItem pop(Queue& queue, const char* label);
     void clear(Queue& queue);
     void wake();
+    void notify();
     void waitForWork();
     bool spinForWork(std::chrono::steady_clock::time_point start) const;
     void park(std::chrono::steady_clock::time_point start);
     void drain();
     bool hasWork();
+    void parkForOthers();
     bool mayPark() const;
     void pauseIfDue(int& countdown);
     void sleep(std::chrono::milliseconds time);
@@ -165,6 +172,10 @@ private:
     VDIFrameworkCommon::LocalCondition m_idleCondition;
     bool m_ended NORVO_GUARDED_BY(m_workMutex) = true;
     std::atomic<bool> m_parked{false};
+    // While it stands in for others the worker waits for this word instead of the condition.
+    std::atomic<bool> m_sleepsForOthers{false};
+    VDIFrameworkCommon::WaitWord m_wakeUps{0};
+    const std::shared_ptr<VDIFrameworkCommon::StandIn> m_standIn;
 
     VDIFrameworkCommon::AdaptiveSpin m_spin;
     // When and on which processor the parked worker was last notified.
