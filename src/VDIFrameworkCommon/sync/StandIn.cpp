@@ -80,9 +80,11 @@ void StandIn::giveAllBack() {
 }
 
 void StandIn::close() {
+    {
+        LocalLock lock(m_mutex);
+        m_wake = nullptr;
+    }
     giveAllBack();
-    LocalLock lock(m_mutex);
-    m_wake = nullptr;
 }
 
 // Owners that have taken their waits back do not tell.
