@@ -218,6 +218,8 @@ private:
     std::list<Connection> m_connections;
 };
 
+constexpr int kUsage = 2;  // exit status
+
 int serve(int argc, char** argv) {
     Options options;
     CLI::App app("An RDP server on loopback whose only service is the virtual channel; for tests");
@@ -227,7 +229,11 @@ int serve(int argc, char** argv) {
         ->check(CLI::ExistingFile);
     app.add_option("--library", options.library);
     app.add_option("--port", options.port);
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsage;
+    }
     for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { g_stop = 1; });
     winpr_InitializeSSL(WINPR_SSL_INIT_DEFAULT);
     WSADATA winsock;

@@ -10,6 +10,7 @@
 
 #include "ChannelKind.h"
 #include "CommandError.h"
+#include "KLTLogger.h"
 #include "Namespace.h"
 #include "Output.h"
 #include "VcctlVersion.h"
@@ -176,19 +177,25 @@ std::string bytesOf(std::string text) {
 
 namespace {
 
-// The library would replace what it does not allow, and two namespaces could become one.
-void refuseUnsuitableNamespace() {
-    const char* const given = std::getenv("NORVO_VDI_NAMESPACE");
-    if (!given || VDIFrameworkCommon::sessionNamespace() == given) return;
-    throw CommandError("NORVO_VDI_NAMESPACE is '" + std::string(given) +
-                           "': only letters, digits, '-' and '_' are allowed, at most 32",
-                       kUsage);
+// The library would replace what a namespace does not allow, and two could become one; a level
+// that it does not know would leave the default.
+void refuseUnsuitableEnvironment() {
+    const char* const space = std::getenv("NORVO_VDI_NAMESPACE");
+    if (space && VDIFrameworkCommon::sessionNamespace() != space)
+        throw CommandError("NORVO_VDI_NAMESPACE is '" + std::string(space) +
+                               "': only letters, digits, '-' and '_' are allowed, at most 32",
+                           kUsage);
+    const char* const level = std::getenv("NORVO_VDI_LOG_LEVEL");
+    if (level && *level && !KLT::kltlogger::thresholdIn(level))
+        throw CommandError(
+            "NORVO_VDI_LOG_LEVEL is '" + std::string(level) + "': it is a number from 0 to 6",
+            kUsage);
 }
 
 }  // namespace
 
 int runCommand(int argc, char** argv) {
-    refuseUnsuitableNamespace();
+    refuseUnsuitableEnvironment();
     CLI::App app{"Runs, uses and inspects virtual-channel sessions on this machine."};
     app.name("vcctl");
     app.require_subcommand(1);

@@ -31,8 +31,7 @@ namespace {
 
 int thresholdFromEnvironment() {
     const char* text = std::getenv("NORVO_VDI_LOG_LEVEL");
-    const bool valid = text && text[0] >= '0' && text[0] <= '6' && text[1] == '\0';
-    return valid ? text[0] - '0' : Info;
+    return thresholdIn(text ? text : "").value_or(Info);
 }
 
 // The one logging object. Never destroyed, because threads may log until the process is gone.
@@ -190,6 +189,11 @@ Loggers& loggers() {
 }
 
 }  // namespace
+
+std::optional<int> thresholdIn(std::string_view text) {
+    const bool valid = text.size() == 1 && text[0] >= '0' && text[0] <= '0' + Trace;
+    return valid ? std::optional(text[0] - '0') : std::nullopt;
+}
 
 void setThreshold(int severity) { LogService::get().setThreshold(severity); }
 

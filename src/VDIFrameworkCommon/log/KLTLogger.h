@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -55,6 +56,9 @@ extern std::atomic<int> g_activeThreshold;
 inline bool isEnabled(int severity) {
     return severity <= g_activeThreshold.load(std::memory_order_relaxed);
 }
+
+// The threshold that `text`, the value of NORVO_VDI_LOG_LEVEL, asks for; nothing when it is none.
+std::optional<int> thresholdIn(std::string_view text);
 
 // Overrides the default and the environment. Values outside 0..6 are clamped.
 void setThreshold(int severity);

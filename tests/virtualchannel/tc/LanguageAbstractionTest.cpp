@@ -48,7 +48,7 @@ TEST(LogFileAcrossProcesses, TheFirstCallMakesTheFileWhateverItsLevel) {
     EXPECT_EQ(ChildProcess("logsFromTheHost", {}, {"HOME="}).wait(),
               0);  // without a home there is no file
     const testsupport::TempDir home;
-    ChildProcess child("logsFromTheHost", {}, {"HOME=" + home.path()});
+    ChildProcess child("logsFromTheHost", {}, {"HOME=" + home.path(), "NORVO_VDI_LOG_LEVEL=x"});
     EXPECT_EQ(child.readLine(), "set up");
     EXPECT_EQ(child.wait(), 0);
     const std::string log =
@@ -58,6 +58,7 @@ TEST(LogFileAcrossProcesses, TheFirstCallMakesTheFileWhateverItsLevel) {
         std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()),
         4);
     EXPECT_EQ(log.find("dropped"), std::string::npos);
+    EXPECT_NE(log.find("NORVO_VDI_LOG_LEVEL is 'x'"), std::string::npos);
 }
 
 TEST(LanguageAbstractionTest, MapsTheHostsLevelsToSeverities) {

@@ -14,7 +14,7 @@ inline constexpr int kFatal = 6;
 
 // Writes one line at one of the host's levels; lines at other levels are dropped. The first call,
 // at any level, sets up the log file: HOME + "/Library/Logs/norvouvdi/VirtualChannel.log", or none
-// when HOME is not set. Thread-safe.
+// when HOME is not set; a line on standard error tells that it cannot be opened. Thread-safe.
 void logMessage(int level, const char* message);
 
 }  // namespace NorvoVirtualChannel::tc
