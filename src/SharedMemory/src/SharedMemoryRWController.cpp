@@ -72,11 +72,15 @@ void SharedMemoryRWController::shutdown() {
     }
 }
 
+// At once with every answer: an agent that connects on it tells local processes right away.
+void SharedMemoryRWController::allow(bool isAllowed) {
+    m_canRead = isAllowed;
+    m_canWrite = isAllowed;
+}
+
 void SharedMemoryRWController::check() {
     VDIFrameworkCommon::contained("Looking for another active agent", [this] {
-        const bool allowed = !hasOtherActiveVirtualChannelAgent();
-        m_canRead = allowed;
-        m_canWrite = allowed;
+        hasOtherActiveVirtualChannelAgent();
     });
 }
 
@@ -89,11 +93,15 @@ void SharedMemoryRWController::checkActiveVirtualChannelAgent() {
 }
 
 bool SharedMemoryRWController::hasOtherActiveVirtualChannelAgent() {
-    return m_recorder.hasOtherActiveVirtualChannelAgent();
+    const bool hasOther = m_recorder.hasOtherActiveVirtualChannelAgent();
+    allow(!hasOther);
+    return hasOther;
 }
 
 bool SharedMemoryRWController::markCurrentVirtualChannelAgentAsActive() {
-    return m_recorder.markCurrentVirtualChannelAgentAsActive();
+    const bool isMarked = m_recorder.markCurrentVirtualChannelAgentAsActive();
+    if (isMarked) allow(true);
+    return isMarked;
 }
 
 void SharedMemoryRWController::clearActiveVirtualChannelAgent() {

@@ -20,8 +20,8 @@ public:
     SharedMemoryRWController& operator=(const SharedMemoryRWController&) = delete;
     ~SharedMemoryRWController();
 
-    // As of the last check, which is at most 500 ms old while the checker thread runs; after
-    // shutdown() the last value.
+    // As of the last look at the record, which is at most 500 ms old while the checker thread runs;
+    // after shutdown() the last value.
     bool canRead() const { return m_canRead.load(std::memory_order_relaxed); }
     bool canWrite() const { return m_canWrite.load(std::memory_order_relaxed); }
 
@@ -41,6 +41,7 @@ public:
 private:
     SharedMemoryRWController();
     void check();
+    void allow(bool isAllowed);
     // The checker thread's body.
     void checkActiveVirtualChannelAgent();
 

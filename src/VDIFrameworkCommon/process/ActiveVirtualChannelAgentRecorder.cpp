@@ -24,7 +24,10 @@ bool ActiveVirtualChannelAgentRecorder::markCurrentVirtualChannelAgentAsActive()
 bool ActiveVirtualChannelAgentRecorder::hasOtherActiveVirtualChannelAgent() {
     if (g_isClient.load(std::memory_order_relaxed)) return false;
     AgentMark& mark = AgentMark::ofThisProcess();
-    return !mark.isClaimed() && mark.holderOf(geteuid()).has_value();
+    if (mark.isClaimed()) return false;
+    // Another thread may have marked this process since.
+    const auto holder = mark.holderOf(geteuid());
+    return holder && *holder != getpid();
 }
 
 void ActiveVirtualChannelAgentRecorder::clearActiveVirtualChannelAgent() {

@@ -122,6 +122,7 @@ TEST_F(AgentLifecycle, StopEndsWhileTheChannelIsBusyWithItsRunner) {
     };
     endsSoon([&] { m_side.agent->stop(); });
     EXPECT_EQ(m_side.sentTexts(1), Texts{"5"});  // and no reply to the handshake
+    EXPECT_TRUE(m_side.wasTold("ChannelDown"));
 }
 
 TEST_F(AgentLifecycle, StopEndsWhileTheReceivePathIsBlocked) {

@@ -138,7 +138,8 @@ void AgentConnection::availabilityChanged(bool available) {
                   "OnVirtualChannelAvailabilityChange.",
                   m_context.activeAgent());
         // No connection outlives its channel, whichever agent is active.
-        if (!available && m_context.connected) setDisconnected();
+        OrderedLock lock(m_transitionMutex, lock_order::transition);
+        if (!available && m_context.connected) leave(Goodbye::Unsaid);
         return;
     }
     if (available == m_channelAvailable)

@@ -13,6 +13,7 @@ using VDIFrameworkCommon::MemoryBlock;
 namespace {
 
 constexpr std::chrono::milliseconds kRetryPause{5};
+constexpr std::chrono::milliseconds kDeliveryPause{1};
 
 // Background bulk data: it must not delay calls and meetings.
 bool isLowPriority(const std::string& streamName) {
@@ -113,6 +114,13 @@ void Agent::Stream::requestStop() {
     m_link.wakeSenders();
 }
 
+void Agent::Stream::waitUntilDelivered(std::chrono::milliseconds limit) const {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + limit;
+    while (m_isRead && hasUndelivered() && Clock::now() < deadline)
+        m_context.environment->pause(kDeliveryPause);
+}
+
 void Agent::Stream::close() {
     requestStop();  // first: close() waits for the segment's read thread, which may wait to send
     // Closing the segment wakes a writer that waits for its reader.
@@ -156,7 +164,8 @@ void Agent::Stream::deliver(const StreamMessage& message) {
     const std::string_view bytes = message.bytes();
     const auto length = static_cast<unsigned int>(bytes.size());
     for (bool failed = false; m_running; failed = true) {
-        if (m_segment && m_segment->WriteData(bytes.data(), length)) {
+        m_isRead = m_segment && m_segment->WriteData(bytes.data(), length);
+        if (m_isRead) {
             logDelivered(length);
             if (failed) m_undelivered.settled();
             return;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -75,6 +76,9 @@ public:
     // Whether a message for the local process waits or is being written.
     bool hasUndelivered() const NORVO_TAKES_LEAF { return !m_queue.isIdle(); }
 
+    // Waits for at most `limit` while such messages reach a local process.
+    void waitUntilDelivered(std::chrono::milliseconds limit) const NORVO_TAKES_LEAF;
+
     // The peer's end has the same direction as this one, so nothing can be transferred.
     std::atomic<bool> conflictsWithPeer{false};
 
@@ -104,6 +108,7 @@ private:
     std::atomic<bool> m_isSegmentClosed{false};
     VDIFrameworkCommon::BoundedQueue<StreamMessage> m_queue{{kMaxQueuedMessages, kMaxQueuedBytes}};
     std::atomic<bool> m_running{false};
+    std::atomic<bool> m_isRead{false};  // as the last delivery found it
 
     KLT::kltlogger::LogRepeats m_dropped;
     KLT::kltlogger::LogRepeats m_undelivered;

@@ -11,6 +11,13 @@ namespace VirtualChannelAgent {
 using lock_order::OrderedLock;
 using VDIFrameworkCommon::contained;
 
+namespace {
+
+// For what local processes are told last: as long as it takes some slow ones among them.
+constexpr std::chrono::milliseconds kFarewellLimit{250};
+
+}  // namespace
+
 void StreamService::beginInfoOutput(unsigned int size) {
     StreamPtr stream;
     {
@@ -255,9 +262,14 @@ void StreamService::closeTogether(const StreamTable::Streams& streams) {
 void StreamService::closeAll() {
     m_segments.end();
     OrderedLock lock(m_creationMutex, lock_order::creation);
-    const auto streams = m_streams.close();
+    auto streams = m_streams.close();
     AGENT_LOG(m_context, Info, "Signal processing threads to stop");
+    // Local processes learn from the last notifications that the agent is gone.
+    StreamTable::Streams notifications;
+    notifications.insert(streams.extract(m_context.infoOutputName));
     closeTogether(streams);
+    for (const auto& [name, stream] : notifications) stream->waitUntilDelivered(kFarewellLimit);
+    closeTogether(notifications);
 }
 
 }  // namespace VirtualChannelAgent
