@@ -5,7 +5,8 @@
 #define PLUGIN(name) ((__typeof__(name)*)(uintptr_t)dlsym(plugin, #name))
 
 static int append(const void* packet, uint32_t size, uintptr_t flag, void* output) {
-    return fwrite(packet, size, flag, output) && !fflush(output);
+    (void)flag; /* always 1 */
+    return fwrite(packet, size, 1, output) == 1 && !fflush(output);
 }
 
 int main(void) {
@@ -19,7 +20,7 @@ int main(void) {
     PLUGIN(InitialiseChannel)(append, NORVO_CHANNEL_TCP, stdout);
     PLUGIN(ChannelActive)(1);
     while (fread(packet.words, 24, 1, stdin) && packet.words[4] <= sizeof packet - 24 &&
-           fread(packet.bytes + 24, packet.words[4], 1, stdin))
+           fread(packet.bytes + 24, 1, packet.words[4], stdin) == packet.words[4])
         receive(packet.bytes, 24 + packet.words[4]);
     PLUGIN(Shutdown)();
 }

@@ -8,7 +8,7 @@
 
 namespace hosts {
 
-// The largest packet of each kind of channel, header included (wire-formats.md).
+// The largest packet of the RDP channel, header included (wire-formats.md).
 inline constexpr std::uint32_t kRdpPacket = 1500;
 
 // Finds the packets in a byte stream, however the transport has joined or cut them, by the length

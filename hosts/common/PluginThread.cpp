@@ -5,12 +5,6 @@
 
 namespace hosts {
 
-namespace {
-
-constexpr int kWarning = 4;  // of LogMessage_VDI
-
-}  // namespace
-
 PluginThread::PluginThread(const Plugin& plugin, std::uint32_t maxPacket)
     : m_plugin(plugin), m_splitter(maxPacket, 16 * maxPacket), m_thread([this] { run(); }) {}
 
@@ -39,7 +33,8 @@ void PluginThread::receive(std::span<const unsigned char> bytes) {
     }
     m_changed.notify_one();
     if (dropped)
-        m_plugin.LogMessage_VDI(kWarning, "the plug-in lags by 4 MiB: what comes now is dropped");
+        m_plugin.LogMessage_VDI(NORVO_LEVEL_WARNING,
+                                "the plug-in lags by 4 MiB: what comes now is dropped");
 }
 
 void PluginThread::end() {
@@ -90,7 +85,7 @@ void PluginThread::passOn(std::span<const unsigned char> bytes, std::uint64_t co
         char text[80];
         std::snprintf(text, sizeof text, "bytes of the channel that are no packet's, so far: %llu",
                       static_cast<unsigned long long>(m_skippedLogged));
-        m_plugin.LogMessage_VDI(kWarning, text);
+        m_plugin.LogMessage_VDI(NORVO_LEVEL_WARNING, text);
     }
 }
 

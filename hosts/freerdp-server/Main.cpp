@@ -129,7 +129,7 @@ private:
 
     void openChannel() {
         m_opened = true;
-        char name[] = "NRVOCW";
+        char name[] = NORVO_CHANNEL_NAME;
         m_channel = WTSVirtualChannelOpen(contextOf(*m_peer).channels, WTS_CURRENT_SESSION, name);
         void* event = nullptr;
         DWORD size = 0;

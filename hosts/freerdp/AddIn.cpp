@@ -11,8 +11,7 @@ namespace hosts {
 
 namespace {
 
-constexpr char kChannel[] = "NRVOCW";
-constexpr int kNotable = 3;  // of LogMessage_VDI
+constexpr char kChannel[] = NORVO_CHANNEL_NAME;
 // Unsent bytes in FreeRDP above which the plug-in waits.
 constexpr std::size_t kMostUnsent = 64u << 10;
 
@@ -134,7 +133,7 @@ void AddIn::connect() {
             return;
         }
     }
-    m_plugin->LogMessage_VDI(kNotable, "channel open");
+    m_plugin->LogMessage_VDI(NORVO_LEVEL_NOTABLE, "channel open");
     m_thread->setActive(true);
 }
 
@@ -151,7 +150,7 @@ void AddIn::disconnect() {
     const std::chrono::duration<double, std::milli> longest = m_longestCall;
     std::snprintf(text, sizeof text, "channel closed; the client waited at most %.2f ms a time",
                   longest.count());
-    m_plugin->LogMessage_VDI(kNotable, text);
+    m_plugin->LogMessage_VDI(NORVO_LEVEL_NOTABLE, text);
 }
 
 void AddIn::terminate() {

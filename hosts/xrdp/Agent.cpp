@@ -14,7 +14,6 @@ namespace hosts {
 
 namespace {
 
-constexpr int kNotable = 3;  // of LogMessage_VDI
 // Milliseconds between two polls of the session.
 constexpr int kWaitingPause = 300;
 constexpr int kServingPause = 1000;
@@ -41,7 +40,7 @@ void Agent::say(const std::string& text) {
     if (text == m_said) return;
     m_said = text;
     std::cout << text << std::endl;
-    m_plugin.LogMessage_VDI(kNotable, ("norvo-xrdp-agent: " + text).c_str());
+    m_plugin.LogMessage_VDI(NORVO_LEVEL_NOTABLE, ("norvo-xrdp-agent: " + text).c_str());
 }
 
 void Agent::run(int stop) {

@@ -29,7 +29,7 @@ struct Options {
     bool autostart = false;
 };
 
-constexpr char kChannel[] = "NRVOCW";
+constexpr char kChannel[] = NORVO_CHANNEL_NAME;
 constexpr int kUsage = 2;  // exit status
 
 class CheckList {

@@ -11,12 +11,12 @@ using Event = AgentState::Event;
 
 // clang-format off
 constexpr Phase kNext[5][6] = {
-    // Answers                 Silent         ChannelUp         ChannelDown   SaysConnected        SaysApart
-    {Phase::Apart,            Phase::Absent, Phase::Connected, Phase::Apart, Phase::Connected,    Phase::Apart},
-    {Phase::Apart,            Phase::Absent, Phase::Connected, Phase::Apart, Phase::ApartDoubted, Phase::Apart},
-    {Phase::ApartDoubted,     Phase::Absent, Phase::Connected, Phase::Apart, Phase::Connected,    Phase::Apart},
-    {Phase::Connected,        Phase::Absent, Phase::Connected, Phase::Apart, Phase::Connected,    Phase::ConnectedDoubted},
-    {Phase::ConnectedDoubted, Phase::Absent, Phase::Connected, Phase::Apart, Phase::Connected,    Phase::Apart},
+    // from                Answers                  Silent         ChannelUp         ChannelDown   SaysConnected        SaysApart
+    /* Absent */           {Phase::Apart,            Phase::Absent, Phase::Connected, Phase::Apart, Phase::Connected,    Phase::Apart},
+    /* Apart */            {Phase::Apart,            Phase::Absent, Phase::Connected, Phase::Apart, Phase::ApartDoubted, Phase::Apart},
+    /* ApartDoubted */     {Phase::ApartDoubted,     Phase::Absent, Phase::Connected, Phase::Apart, Phase::Connected,    Phase::Apart},
+    /* Connected */        {Phase::Connected,        Phase::Absent, Phase::Connected, Phase::Apart, Phase::Connected,    Phase::ConnectedDoubted},
+    /* ConnectedDoubted */ {Phase::ConnectedDoubted, Phase::Absent, Phase::Connected, Phase::Apart, Phase::Connected,    Phase::Apart},
 };
 // clang-format on
 

@@ -3,15 +3,11 @@
 #include <string>
 
 #include "ChannelKinds.h"
-#include "PacketHeader.h"
 
 namespace vcctl {
 
 using NorvoVirtualChannel::ChannelKind;
 using NorvoVirtualChannel::kChannelKinds;
-
-// The size of a packet without payload.
-inline constexpr std::uint32_t kMinPacket = NorvoVirtualChannel::kPacketHeaderSize;
 
 // The kind of that name; throws CommandError for an unknown name.
 const ChannelKind& channelKind(const std::string& name);

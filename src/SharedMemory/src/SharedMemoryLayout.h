@@ -10,7 +10,7 @@
 //       24  8     read message ID     the reader, after each chunk; broadcast: count of readers
 //                                     inside a read, by readers
 //       32  4     chunk count         the writer, while the slot is free
-//       36  4     chunk index         the same; broadcast: see SharedMemoryBroadcast.h
+//       36  4     chunk index         the same; broadcast: see BroadcastCounts.h
 //       40  4     message length      the same
 //       44  4     chunk length        the same
 //       48  C     data area           the same

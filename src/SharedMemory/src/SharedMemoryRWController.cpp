@@ -79,9 +79,8 @@ void SharedMemoryRWController::allow(bool isAllowed) {
 }
 
 void SharedMemoryRWController::check() {
-    VDIFrameworkCommon::contained("Looking for another active agent", [this] {
-        hasOtherActiveVirtualChannelAgent();
-    });
+    VDIFrameworkCommon::contained("Looking for another active agent",
+                                  [this] { hasOtherActiveVirtualChannelAgent(); });
 }
 
 void SharedMemoryRWController::checkActiveVirtualChannelAgent() {

@@ -8,7 +8,8 @@
 
 namespace VDIFrameworkCommon {
 
-// Thin wrappers around shm_open, ftruncate and shm_unlink; results and errno are theirs.
+// Replace shm_open, ftruncate and shm_unlink, with results and errno like theirs: an object is
+// opened only if it belongs to this user alone, and is never shrunk.
 
 // Opens the object for `name` (with O_CREAT in `flags`, creates a zero-filled one if needed). A new
 // object has exactly the permissions `mode`, whatever the umask. The descriptor is closed on exec.

@@ -18,6 +18,4 @@
 #define NORVO_RELEASE(...) NORVO_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define NORVO_EXCLUDES(...) NORVO_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define NORVO_ACQUIRED_AFTER(...) NORVO_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
-#define NORVO_ACQUIRED_BEFORE(...) NORVO_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
-#define NORVO_RETURN_CAPABILITY(x) NORVO_THREAD_ATTRIBUTE(lock_returned(x))
 #define NORVO_NO_THREAD_SAFETY_ANALYSIS NORVO_THREAD_ATTRIBUTE(no_thread_safety_analysis)

@@ -26,11 +26,10 @@ TEST_F(AgentInfo, KeepsWhatThePeerAndTheClientAre) {
     EXPECT_EQ(m_side.agent->getHvdClientInfoManager()->second(), 0U);
 }
 
-TEST_F(AgentInfo, TheLogIsWrittenOutAtBothEndsAndMovesToAnotherDirectory) {
+TEST_F(AgentInfo, TheLogMovesToAnotherDirectory) {
     TempDir dir;
     for (const std::string ending : {"/a/b", "/c/"}) {
         m_side.request("SetLogPath|" + dir.path() + ending);
-        m_side.request("FlushLog");
         EXPECT_TRUE(std::filesystem::exists(dir.path() + ending + "/VirtualChannel.log"));
     }
     VirtualChannelLogger_init("");

@@ -115,12 +115,21 @@ TEST(AgentStartAcrossProcesses, WhatFoundNoThreadStartsLater) {
 
 TEST_F(AgentLifecycle, StopEndsWhileTheChannelIsBusyWithItsRunner) {
     m_side.connect();
+    const auto info = m_side.segment(infoOutputName());
+    EXPECT_TRUE(m_side.wasTold("ChannelUp"));
+    std::thread reader;
     m_channel.onCall = [&](const std::string& call) {
         if (call != "down") return;
         std::thread([&] { m_channel.deliver(control(CTL_CONNECT)); }).join();
+        info->setReader(FakeSegment::Reader::IsStuck);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        reader = std::thread([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            info->setReader(FakeSegment::Reader::Takes);
+        });
     };
     endsSoon([&] { m_side.agent->stop(); });
+    reader.join();
     EXPECT_EQ(m_side.sentTexts(1), Texts{"5"});  // and no reply to the handshake
     EXPECT_TRUE(m_side.wasTold("ChannelDown"));
 }

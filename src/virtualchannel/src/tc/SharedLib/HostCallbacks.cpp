@@ -29,16 +29,16 @@ const HostCallbacks::Append* HostCallbacks::setAppendBuffer(AppendBufferFunc app
 }
 
 std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, bool flag) {
-    if (flag) logMessage(host_level::kTrace, "AppendDataToBuffer()");
+    if (flag) logMessage(NORVO_LEVEL_TRACE, "AppendDataToBuffer()");
     if (!m_active) {
-        logMessage(host_level::kEvent, "channel_Active = false, will NOT appendBuffer");
+        logMessage(NORVO_LEVEL_EVENT, "channel_Active = false, will NOT appendBuffer");
         return 0;
     }
     const Append* const append = m_append;
     if (append && append->function) {
         append->function(data, length, flag ? 1 : 0, append->context);
     } else {
-        logMessage(host_level::kError, "appendBuffer is NULL");
+        logMessage(NORVO_LEVEL_ERROR, "appendBuffer is NULL");
     }
     return 0;
 }
@@ -46,7 +46,7 @@ std::uint32_t HostCallbacks::appendData(const void* data, std::uint32_t length, 
 int HostCallbacks::isSeamlessMode() const {
     const IsSeamlessModeFunc function = m_isSeamlessMode;
     if (!function) {
-        logMessage(host_level::kError, "_IsSeamlessMode is NULL");
+        logMessage(NORVO_LEVEL_ERROR, "_IsSeamlessMode is NULL");
         return -1;
     }
     const ReentryMark mark(&kQuestion);
@@ -56,7 +56,7 @@ int HostCallbacks::isSeamlessMode() const {
 ICAWindowInfo HostCallbacks::windowInfo() const {
     const GetWindowInfoFunc function = m_getWindowInfo;
     if (!function) {
-        logMessage(host_level::kEvent, "_GetICAWindowInfo is NULL");
+        logMessage(NORVO_LEVEL_EVENT, "_GetICAWindowInfo is NULL");
         return {};
     }
     const ReentryMark mark(&kQuestion);
@@ -66,7 +66,7 @@ ICAWindowInfo HostCallbacks::windowInfo() const {
 void* HostCallbacks::clientWindow(void* serverWindow) const {
     const GetClientWindowHandleFromServerWindowHandleFunc function = m_getClientWindow;
     if (!function) {
-        logMessage(host_level::kError, "_GetClientWindowHandleFromServerWindowHandle is NULL");
+        logMessage(NORVO_LEVEL_ERROR, "_GetClientWindowHandleFromServerWindowHandle is NULL");
         return nullptr;
     }
     const ReentryMark mark(&kQuestion);

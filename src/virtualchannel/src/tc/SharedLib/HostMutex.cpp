@@ -3,7 +3,6 @@
 #include "PluginLog.h"
 
 using NorvoVirtualChannel::tc::logMessage;
-namespace host_level = NorvoVirtualChannel::tc::host_level;
 
 NorvoMutex::~NorvoMutex() {
     if (isHeldByThisThread()) unlock();
@@ -11,7 +10,7 @@ NorvoMutex::~NorvoMutex() {
 
 void NorvoMutex::lock() {
     if (isHeldByThisThread()) {
-        logMessage(host_level::kWarning, "MutexLock: the thread holds it already");
+        logMessage(NORVO_LEVEL_WARNING, "MutexLock: the thread holds it already");
         return;
     }
     m_mutex.lock();
@@ -26,7 +25,7 @@ bool NorvoMutex::tryLock() {
 
 void NorvoMutex::unlock() {
     if (!isHeldByThisThread()) {
-        logMessage(host_level::kWarning, "MutexUnlock: the thread does not hold it");
+        logMessage(NORVO_LEVEL_WARNING, "MutexUnlock: the thread does not hold it");
         return;
     }
     m_owner = std::thread::id();
@@ -37,7 +36,7 @@ namespace NorvoVirtualChannel::tc {
 
 NorvoMutex* mutexIn(NorvoMutex** slot) {
     if (!slot) {
-        logMessage(host_level::kWarning, "null mutex");
+        logMessage(NORVO_LEVEL_WARNING, "null mutex");
         return nullptr;
     }
     NorvoMutex* mutex = __atomic_load_n(slot, __ATOMIC_ACQUIRE);

@@ -11,7 +11,7 @@ using VDIFrameworkCommon::LocalLock;
 
 void HostThread::create(void (*entry)()) {
     if (!entry) {
-        logMessage(host_level::kWarning, "no function to run on the new thread");
+        logMessage(NORVO_LEVEL_WARNING, "no function to run on the new thread");
         return;
     }
     LocalLock lock(m_mutex);
@@ -26,7 +26,7 @@ void HostThread::destroy() {
     const std::thread::id caller = std::this_thread::get_id();
     LocalLock lock(m_mutex);
     if (m_thread.get_id() == caller || m_joining == caller) {
-        logMessage(host_level::kWarning, "a thread cannot wait for its own end");
+        logMessage(NORVO_LEVEL_WARNING, "a thread cannot wait for its own end");
         return;
     }
     while (m_joining != std::thread::id()) m_joined.wait(m_mutex);

@@ -103,10 +103,10 @@ void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
     containedButForThreads("InitialiseChannel", [&] {
         pinLibrary();
         VDIClientInfo::getInstance().setClientType(VDIFrameworkCommon::VDIClientType::Crews);
-        logMessage(host_level::kEvent, "InitialiseChannel()");
-        logMessage(host_level::kEvent, VDIClientInfo::getInstance().getClientName().c_str());
+        logMessage(NORVO_LEVEL_EVENT, "InitialiseChannel()");
+        logMessage(NORVO_LEVEL_EVENT, VDIClientInfo::getInstance().getClientName().c_str());
         if (HostCallbacks::askedByThisThread()) {
-            logMessage(host_level::kWarning, "InitialiseChannel() inside a callback is ignored.");
+            logMessage(NORVO_LEVEL_WARNING, "InitialiseChannel() inside a callback is ignored.");
             return;
         }
         setUp(append, kind, context);
@@ -116,7 +116,7 @@ void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
 uint32_t ReceiveData(unsigned char* data, uint32_t length) {
     uint32_t result = 0;
     contained("ReceiveData", [&] {
-        logMessage(host_level::kTrace, "ReceiveData()");
+        logMessage(NORVO_LEVEL_TRACE, "ReceiveData()");
         TransportChannel* const channel = currentChannel();
         result = channel ? static_cast<uint32_t>(channel->ReceiveData(data, length)) : g_kind - 1;
     });
@@ -144,7 +144,7 @@ void Shutdown(void) {
     });
 }
 
-const char* getChannelName(void) { return "NRVOCW"; }
+const char* getChannelName(void) { return NORVO_CHANNEL_NAME; }
 
 void SetIsSeamlessModeFunc(IsSeamlessModeFunc function) { host().setIsSeamlessMode(function); }
 

@@ -49,6 +49,17 @@ extern "C" {
 #define NORVO_CHANNEL_RDP 3u    /* packets of up to 1500 bytes */
 #define NORVO_CHANNEL_TCP 4u    /* packets of up to 1500 bytes */
 
+/* The channel's name, for transports that number or announce their channels by name. */
+#define NORVO_CHANNEL_NAME "NRVOCW"
+
+/* The levels of LogMessage_VDI. */
+#define NORVO_LEVEL_EVENT 1
+#define NORVO_LEVEL_TRACE 2
+#define NORVO_LEVEL_NOTABLE 3
+#define NORVO_LEVEL_WARNING 4
+#define NORVO_LEVEL_ERROR 5
+#define NORVO_LEVEL_FATAL 6
+
 /*
  * Takes one outgoing packet of `length` bytes. `data` belongs to the plug-in and is valid during
  * the call only. `flag` is 1. `context` is what InitialiseChannel was given. The result is ignored.
@@ -182,9 +193,9 @@ NORVO_EXPORT void PluginThreadDestroy(void);
 #define NORVO_SYMBOL_WATCHDOG_THREAD_DESTROY "_Z21WatchdogThreadDestroyv"
 
 /*
- * Writes one line to the plug-in's log, ~/Library/Logs/norvouvdi/VirtualChannel.log. `level`: 1 an
- * event, 2 a trace, 3 notable, 4 a warning, 5 an error, 6 fatal; other levels are dropped.
- * NORVO_VDI_LOG_LEVEL selects which are written (README).
+ * Writes one line to the plug-in's log, ~/Library/Logs/norvouvdi/VirtualChannel.log. `level` is one
+ * of NORVO_LEVEL_*; a line of another level is dropped. NORVO_VDI_LOG_LEVEL selects which are
+ * written (README).
  */
 NORVO_EXPORT void LogMessage_VDI(int level, const char* message);
 /* NOLINTEND(modernize-*) */

@@ -50,8 +50,8 @@ void logMessage(int level, const char* message) {
     using namespace KLT::kltlogger;
     constexpr Severity kSeverities[] = {Info, Trace, Notice, Warning, Error, Fatal};
     initialiseOnce();
-    if (level < host_level::kEvent || level > host_level::kFatal) return;
-    const Severity severity = kSeverities[level - host_level::kEvent];
+    if (level < NORVO_LEVEL_EVENT || level > NORVO_LEVEL_FATAL) return;
+    const Severity severity = kSeverities[level - NORVO_LEVEL_EVENT];
     if (!isEnabled(severity)) return;
     write(severity, kSource, __LINE__, "LogMessage_VDI", message ? message : "(null)");
 }
