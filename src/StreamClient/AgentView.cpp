@@ -94,8 +94,8 @@ Status AgentView::waitUntilUp(const std::string& name, Clock::time_point deadlin
 
 void AgentView::forgetDirections(const std::string& name, const std::string& opposite) {
     LocalLock lock(m_mutex);
-    m_heardOf.erase(name);
-    m_heardOf.erase(opposite);
+    m_reported.erase(name);
+    m_reported.erase(opposite);
 }
 
 bool AgentView::isConnected() const {
@@ -121,8 +121,9 @@ std::optional<Direction> AgentView::waitForDirection(const std::string& name,
                                                      Clock::time_point deadline) const {
     LocalLock lock(m_mutex);
     for (;;) {
-        if (const auto found = m_heardOf.find(name); found != m_heardOf.end()) return found->second;
-        if (const auto found = m_heardOf.find(opposite); found != m_heardOf.end())
+        if (const auto found = m_reported.find(name); found != m_reported.end())
+            return found->second;
+        if (const auto found = m_reported.find(opposite); found != m_reported.end())
             return found->second == Direction::Read ? Direction::Write : Direction::Read;
         if (m_closed || Clock::now() >= deadline) return std::nullopt;
         m_changed.wait_until(m_mutex, deadline);
@@ -141,7 +142,7 @@ AgentView::Heard AgentView::hear(const Notification& notification, Clock::time_p
     Heard heard{apply(AgentState::Event::Answers), true};
     if (notification.name == "ChannelUp") {
         heard.connectionChange = apply(AgentState::Event::ChannelUp);
-        askForAllAgain();
+        requestAllAgain();
     } else if (notification.name == "ChannelDown") {
         heard.connectionChange = apply(AgentState::Event::ChannelDown);
     } else if (notification.name == "VCProcessId") {
@@ -170,8 +171,8 @@ std::optional<bool> AgentView::hearProcessId(const Notification& notification,
 void AgentView::hearStreamUp(const Notification& notification) {
     if (notification.fields.size() < 2) return;
     const bool reads = notification.fields[1] == "READ";
-    if (m_heardOf.size() < kMostHeardOf)
-        m_heardOf[notification.fields[0]] = reads ? Direction::Read : Direction::Write;
+    if (m_reported.size() < kMostHeardOf)
+        m_reported[notification.fields[0]] = reads ? Direction::Read : Direction::Write;
     const auto found = m_streams.find(notification.fields[0]);
     if (found == m_streams.end()) return;
     Entry& entry = found->second;
@@ -190,12 +191,12 @@ std::optional<bool> AgentView::apply(AgentState::Event event) {
 }
 
 std::optional<bool> AgentView::follow(std::optional<bool> change, unsigned int processIdBefore) {
-    if (change || m_state.processId() != processIdBefore) askForAllAgain();
+    if (change || m_state.processId() != processIdBefore) requestAllAgain();
     return change;
 }
 
-void AgentView::askForAllAgain() {
-    m_heardOf.clear();
+void AgentView::requestAllAgain() {
+    m_reported.clear();
     for (auto& [name, entry] : m_streams) {
         entry.up = false;
         entry.otherDirection = false;
@@ -283,7 +284,7 @@ std::optional<bool> AgentView::finished(const Due& request, bool taken, Clock::t
 std::optional<bool> AgentView::losesAgent(Clock::time_point now) {
     m_nextProcessId = now + kProcessIdPause;
     const auto change = apply(AgentState::Event::Silent);
-    askForAllAgain();
+    requestAllAgain();
     m_changed.notify_all();
     return change;
 }

@@ -100,7 +100,7 @@ private:
         NORVO_REQUIRES(m_mutex);
     void hearStreamUp(const Notification& notification) NORVO_REQUIRES(m_mutex);
     std::optional<bool> losesAgent(Clock::time_point now) NORVO_REQUIRES(m_mutex);
-    void askForAllAgain() NORVO_REQUIRES(m_mutex);
+    void requestAllAgain() NORVO_REQUIRES(m_mutex);
     void noticeStandstill(Clock::time_point now) NORVO_REQUIRES(m_mutex);
     bool wantsPoll() const NORVO_REQUIRES(m_mutex);
     std::string pollText() const NORVO_REQUIRES(m_mutex);
@@ -117,7 +117,7 @@ private:
     std::map<std::string, Entry> m_streams NORVO_GUARDED_BY(m_mutex);
     bool m_closed NORVO_GUARDED_BY(m_mutex) = false;
     // The streams reported by the agent since everything was last requested again.
-    std::map<std::string, Direction> m_heardOf NORVO_GUARDED_BY(m_mutex);
+    std::map<std::string, Direction> m_reported NORVO_GUARDED_BY(m_mutex);
     AgentState m_state NORVO_GUARDED_BY(m_mutex);
     bool m_expectsProcessId NORVO_GUARDED_BY(m_mutex) = false;
     Clock::time_point m_nextProcessId NORVO_GUARDED_BY(m_mutex){};

@@ -129,9 +129,9 @@ void Client::Impl::listenAfterAll() {
 }
 
 void Client::Impl::startThreads() {
-    m_asker = std::thread([this] { askLoop(); });
+    m_requestThread = std::thread([this] { askLoop(); });
     if (m_options.onNotification || m_options.onConnectionChange)
-        m_teller = std::thread([this] { tellLoop(); });
+        m_callbackThread = std::thread([this] { tellLoop(); });
 }
 
 Status Client::Impl::status() const {
@@ -158,8 +158,8 @@ Status Client::Impl::close() {
     }
     m_view->close();
     m_requests.cancel();
-    m_toTell.wake();
-    m_toCollect.wake();
+    m_callbackQueue.wake();
+    m_notificationQueue.wake();
     for (const auto& stream : streams) {
         if (const auto open = stream.lock()) open->close();
     }
@@ -168,10 +168,10 @@ Status Client::Impl::close() {
 }
 
 void Client::Impl::join() {
-    if (m_asker.joinable()) m_asker.join();
+    if (m_requestThread.joinable()) m_requestThread.join();
     if (m_info) m_info->unsubscribeAllObservers();
     if (m_listens) m_info->Close();
-    if (m_teller.joinable()) m_teller.join();
+    if (m_callbackThread.joinable()) m_callbackThread.join();
 }
 
 void Client::Impl::askLoop() {
@@ -202,7 +202,7 @@ void Client::Impl::add(NewsQueue& queue, News news) {
 }
 
 void Client::Impl::announce(bool connected) {
-    if (m_options.onConnectionChange) add(m_toTell, connected);
+    if (m_options.onConnectionChange) add(m_callbackQueue, connected);
 }
 
 void Client::Impl::onNewMessageReceived(std::string message,
@@ -214,12 +214,12 @@ void Client::Impl::onNewMessageReceived(std::string message,
     const auto heard = m_view->hear(notification, Clock::now());
     if (heard.connectionChange) announce(*heard.connectionChange);
     if (!heard.isNews) return;
-    add(m_options.onNotification ? m_toTell : m_toCollect, std::move(notification));
+    add(m_options.onNotification ? m_callbackQueue : m_notificationQueue, std::move(notification));
 }
 
 void Client::Impl::tellLoop() {
     m_tellerId = std::this_thread::get_id();
-    while (const auto news = m_toTell.pop([this] { return !m_closed; })) {
+    while (const auto news = m_callbackQueue.pop([this] { return !m_closed; })) {
         try {
             tell(*news);
         } catch (const std::exception& failure) {
@@ -241,7 +241,7 @@ void Client::Impl::tell(const News& news) const {
 
 Status Client::Impl::nextNotification(Notification& notification, Clock::time_point deadline) {
     if (m_options.onNotification) return Reason::InvalidArgument;
-    auto news = m_toCollect.popUntil(deadline, [this] { return !m_closed; });
+    auto news = m_notificationQueue.popUntil(deadline, [this] { return !m_closed; });
     if (!news) return m_closed ? Reason::Closed : Reason::Timeout;
     notification = std::get<Notification>(std::move(*news));
     return {};

@@ -18,9 +18,9 @@
 namespace NorvoStreamClient {
 
 // Ties the client's parts together. Three threads: the INFO output segment's read thread receives
-// notifications, the request thread (m_asker) sends what the view says is due, and the callback
-// thread (m_teller) calls the program's callbacks. So a slow callback delays neither the other two,
-// nor the agent and its other clients.
+// notifications, the request thread (m_requestThread) sends what the view says is due, and the
+// callback thread (m_callbackThread) calls the program's callbacks. So a slow callback delays
+// neither the other two, nor the agent and its other clients.
 class Client::Impl : public shared_memory::SharedMemoryObserverI {
 public:
     explicit Impl(Options options);
@@ -79,17 +79,17 @@ private:
     mutable VDIFrameworkCommon::LocalMutex m_startMutex;
     Status m_start NORVO_GUARDED_BY(m_startMutex);  // result of the set-up
     const ForkGuard m_process;
-    NewsQueue m_toTell{{kMostNews}};     // for the callbacks
-    NewsQueue m_toCollect{{kMostNews}};  // for nextNotification
+    NewsQueue m_callbackQueue{{kMostNews}};      // for the callbacks
+    NewsQueue m_notificationQueue{{kMostNews}};  // for nextNotification
 
     VDIFrameworkCommon::LocalMutex m_mutex;
     std::vector<std::weak_ptr<Stream::Impl>> m_streams NORVO_GUARDED_BY(m_mutex);
     std::atomic<bool> m_closed = false;  // set under m_mutex
 
     VDIFrameworkCommon::LocalMutex m_closeMutex;  // a second close waits for the first
-    std::thread m_asker;
-    std::thread m_teller;
-    // Set while the callback thread runs: reading m_teller would race with its join.
+    std::thread m_requestThread;
+    std::thread m_callbackThread;
+    // Set while the callback thread runs: reading m_callbackThread would race with its join.
     std::atomic<std::thread::id> m_tellerId;
 };
 

@@ -186,7 +186,7 @@ void Connection::Impl::close() {
         LocalLock lock(m_mutex);
         if (!m_closed && !m_machine.isOver()) m_machine.abort(Clock::now());
         m_closed = true;
-        m_lastWords = Clock::now() + kLongestWrite;
+        m_closeDeadline = Clock::now() + kLongestWrite;
         m_work.notify_all();
         m_news.notify_all();
     }
@@ -221,7 +221,7 @@ bool Connection::Impl::mayGoOn() {
 
 void Connection::Impl::readLoop() {
     try {
-        if (const Status laid = layPair(); !laid) return fail(laid);
+        if (const Status laid = openStreamPair(); !laid) return fail(laid);
         std::string frame;
         while (mayGoOn()) {
             const Status got = m_in->read(frame, kReadWait);
@@ -242,7 +242,7 @@ void Connection::Impl::hear(std::string frame, Status path) {
     m_path = path;
     m_machine.setPath(static_cast<bool>(path), now);
     if (!frame.empty()) m_machine.hear(std::move(frame), now);
-    m_machine.lookAtTime(now);
+    m_machine.checkTimeouts(now);
     wakeProgram();
     wakeWriter();
 }
@@ -252,19 +252,19 @@ Status Connection::Impl::pathStatus() {
     return in ? m_out->waitUntilUp(0ms) : in;
 }
 
-Status Connection::Impl::layPair() {
+Status Connection::Impl::openStreamPair() {
     std::optional<bool> inbound;
     while (!inbound && mayGoOn()) {
         const Status agents = m_client->view().waitUntilConnected(Clock::now() + kReadWait);
         if (agents.reason() == Reason::Closed) return agents;
         hear({}, agents ? Reason::NotTakenUp : agents);
-        if (agents) inbound = lookUpPair().value_or(m_role == Role::Accept);
+        if (agents) inbound = queryDirection().value_or(m_role == Role::Accept);
     }
     Status laid = Reason::Closed;
     for (int attempt = 0; attempt < 2 && mayGoOn(); ++attempt) {
         laid = openPair(*inbound);
         if (laid) laid = waitUntilUp();
-        if (laid.reason() == Reason::InUse) laid = whoseUse(*inbound, attempt);
+        if (laid.reason() == Reason::InUse) laid = classifyInUse(*inbound, attempt);
         if (laid.reason() != Reason::InUseOtherDirection) break;
         m_in.reset();
         m_out.reset();
@@ -278,12 +278,13 @@ Status Connection::Impl::layPair() {
 
 // The pair is another program's, or the agent has it, in the other direction: since just now for a
 // peer that connects, too, or, on the second attempt, for this end.
-Status Connection::Impl::whoseUse(bool inbound, int attempt) {
-    return attempt > 0 || lookUpPair().value_or(inbound) != inbound ? Reason::InUseOtherDirection
-                                                                    : Reason::InUse;
+Status Connection::Impl::classifyInUse(bool inbound, int attempt) {
+    return attempt > 0 || queryDirection().value_or(inbound) != inbound
+               ? Reason::InUseOtherDirection
+               : Reason::InUse;
 }
 
-std::optional<bool> Connection::Impl::lookUpPair() {
+std::optional<bool> Connection::Impl::queryDirection() {
     const std::vector<std::string> pair = {m_name, backOf(m_name)};
     m_client->view().forgetDirections(pair[0], pair[1]);
     const auto goesOn = [this] { return mayGoOn(); };
@@ -341,7 +342,7 @@ bool Connection::Impl::waitForFrame(ConnectionMachine::Frame& frame) {
     LocalLock lock(m_mutex);
     for (;;) {
         const auto now = Clock::now();
-        if (m_closed && (!m_paired || now >= m_lastWords)) return false;
+        if (m_closed && (!m_paired || now >= m_closeDeadline)) return false;
         frame = m_paired ? m_machine.nextFrame(now) : nullptr;
         if (frame) return true;
         if (m_closed || !m_failure) return false;
@@ -354,7 +355,7 @@ bool Connection::Impl::waitForFrame(ConnectionMachine::Frame& frame) {
 std::chrono::milliseconds Connection::Impl::timeToWrite() const {
     LocalLock lock(m_mutex);
     if (!m_closed) return kLongestWrite;
-    return std::chrono::ceil<std::chrono::milliseconds>(m_lastWords - Clock::now());
+    return std::chrono::ceil<std::chrono::milliseconds>(m_closeDeadline - Clock::now());
 }
 
 // False when the writer should end.
@@ -363,7 +364,7 @@ bool Connection::Impl::send(const std::string& frame) {
         const Status sent = m_out->write(frame.data(), frame.size(), timeToWrite());
         if (sent) return true;
         LocalLock lock(m_mutex);
-        if (m_closed && Clock::now() >= m_lastWords) return false;
+        if (m_closed && Clock::now() >= m_closeDeadline) return false;
         if (sent.reason() == Reason::Closed || !m_failure) return false;
         // A failed machine has nothing to send but a Reset: this frame is dropped.
         if (m_machine.state() == ConnectionMachine::State::Failed) return true;

@@ -50,12 +50,12 @@ private:
 
     // Reader
     void readLoop();
-    Status layPair();
+    Status openStreamPair();
     // Whether the stream `name` is inbound here; nothing when no such stream is known yet.
-    std::optional<bool> lookUpPair();
+    std::optional<bool> queryDirection();
     Status openPair(bool inbound);
     // What it means that openPair() has returned InUse.
-    Status whoseUse(bool inbound, int attempt);
+    Status classifyInUse(bool inbound, int attempt);
     Status waitUntilUp();
     Status pathStatus();
     void hear(std::string frame, Status path);
@@ -93,7 +93,7 @@ private:
     bool m_finished NORVO_GUARDED_BY(m_mutex) = false;
     bool m_paired NORVO_GUARDED_BY(m_mutex) = false;
     Clock::time_point m_writerWakes NORVO_GUARDED_BY(m_mutex){};
-    Clock::time_point m_lastWords NORVO_GUARDED_BY(m_mutex){};  // deadline of the final frames
+    Clock::time_point m_closeDeadline NORVO_GUARDED_BY(m_mutex){};  // deadline of the final frames
     int m_programWaits NORVO_GUARDED_BY(m_mutex) = 0;
 
     // Set by the reader before m_paired.

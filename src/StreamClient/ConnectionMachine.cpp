@@ -107,17 +107,17 @@ void ConnectionMachine::hear(std::string message, Time now) {
     if (!frame || m_state == State::Failed) return;
     switch (frame->kind) {
         case Kind::Hello:
-            return hearHello(*frame, now);
+            return onHello(*frame, now);
         case Kind::Welcome:
-            return hearWelcome(*frame, now);
+            return onWelcome(*frame, now);
         case Kind::Reset:
-            return hearReset(*frame, now);
+            return onReset(*frame, now);
         case Kind::Data:
-            return hearData(*frame, std::move(message), now);
+            return onData(*frame, std::move(message), now);
     }
 }
 
-void ConnectionMachine::hearHello(const ConnectionFrame& frame, Time now) {
+void ConnectionMachine::onHello(const ConnectionFrame& frame, Time now) {
     if (frame.to != 0) return;
     // Of two ends that call each other, the one with the lower epoch answers.
     const bool mayAnswer = m_role == Role::Accept || frame.from > m_epoch;
@@ -135,7 +135,7 @@ void ConnectionMachine::hearHello(const ConnectionFrame& frame, Time now) {
     }
 }
 
-void ConnectionMachine::hearWelcome(const ConnectionFrame& frame, Time now) {
+void ConnectionMachine::onWelcome(const ConnectionFrame& frame, Time now) {
     if (m_role != Role::Connect || frame.to != m_epoch) return;
     // A caller that has answered an old Hello takes the Welcome to its own.
     if (m_state == State::Calling || m_state == State::Welcoming) {
@@ -149,13 +149,13 @@ void ConnectionMachine::hearWelcome(const ConnectionFrame& frame, Time now) {
     m_nextPing = now;  // tells the peer that the Welcome arrived
 }
 
-void ConnectionMachine::hearReset(const ConnectionFrame& frame, Time now) {
+void ConnectionMachine::onReset(const ConnectionFrame& frame, Time now) {
     if (!isFromPeer(frame)) return;
     if (m_state == State::Welcoming) return enter(initialState(), now);
     if (!isOver()) fail(Reason::PeerGone, now, false);
 }
 
-void ConnectionMachine::hearData(const ConnectionFrame& frame, std::string message, Time now) {
+void ConnectionMachine::onData(const ConnectionFrame& frame, std::string message, Time now) {
     if (!isFromPeer(frame)) return rejectStranger(frame, now);
     if (m_state == State::Welcoming) enter(State::Open, now);
     m_lastHeard = now;
@@ -175,7 +175,7 @@ void ConnectionMachine::rejectStranger(const ConnectionFrame& frame, Time now) {
     m_reset.to = frame.from;
 }
 
-void ConnectionMachine::lookAtTime(Time now) {
+void ConnectionMachine::checkTimeouts(Time now) {
     const bool stoodStill = now - m_lastLook > kStandstill;
     m_lastLook = now;
     if (stoodStill) m_pathSince = now;
@@ -210,7 +210,7 @@ ConnectionMachine::Frame ConnectionMachine::greeting(Time now) {
 }
 
 ConnectionMachine::Frame ConnectionMachine::nextFrame(Time now) {
-    lookAtTime(now);
+    checkTimeouts(now);
     if (m_reset.to != 0) {
         ConnectionFrame reset = std::exchange(m_reset, ConnectionFrame());
         reset.kind = Kind::Reset;
@@ -241,7 +241,7 @@ bool ConnectionMachine::owesGreeting(Time now) const {
 }
 
 bool ConnectionMachine::owesAnswer(Time now) const {
-    return m_nextPing <= now || (m_in.answerBy() && *m_in.answerBy() <= now);
+    return m_nextPing <= now || (m_in.ackDue() && *m_in.ackDue() <= now);
 }
 
 bool ConnectionMachine::hasFrame(Time now) const {
@@ -263,7 +263,7 @@ ConnectionMachine::Time ConnectionMachine::nextWakeUp() const {
             break;
     }
     const auto orNever = [](const std::optional<Time>& time) { return time.value_or(Time::max()); };
-    return std::min({m_nextGreeting, m_nextPing, peerDeadline(), orNever(m_in.answerBy()),
+    return std::min({m_nextGreeting, m_nextPing, peerDeadline(), orNever(m_in.ackDue()),
                      orNever(m_out.resendAt())});
 }
 

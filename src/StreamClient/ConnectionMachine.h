@@ -63,7 +63,7 @@ public:
     void abort(Time now);
 
     // Acts on expired time-outs.
-    void lookAtTime(Time now);
+    void checkTimeouts(Time now);
 
     // --- to the path ---
     // The next frame to send now; null when there is none. Also acts on expired time-outs. A frame
@@ -96,10 +96,10 @@ private:
     bool isConsistent() const;
     void fail(Status why, Time now, bool tellPeer);
 
-    void hearHello(const ConnectionFrame& frame, Time now);
-    void hearWelcome(const ConnectionFrame& frame, Time now);
-    void hearReset(const ConnectionFrame& frame, Time now);
-    void hearData(const ConnectionFrame& frame, std::string message, Time now);
+    void onHello(const ConnectionFrame& frame, Time now);
+    void onWelcome(const ConnectionFrame& frame, Time now);
+    void onReset(const ConnectionFrame& frame, Time now);
+    void onData(const ConnectionFrame& frame, std::string message, Time now);
     void rejectStranger(const ConnectionFrame& frame, Time now);
     bool isFromPeer(const ConnectionFrame& frame) const {
         return m_peer != 0 && frame.from == m_peer && frame.to == m_epoch;

@@ -17,15 +17,15 @@ constexpr std::size_t kLongestPayload = 65536 - ConnectionFrame::kHeaderSize;
 
 }  // namespace
 
-void ReceivingHalf::owe(Time by) { m_answerBy = std::min(m_answerBy.value_or(by), by); }
+void ReceivingHalf::scheduleAck(Time by) { m_ackDue = std::min(m_ackDue.value_or(by), by); }
 
 void ReceivingHalf::hear(const ConnectionFrame& frame, std::string message, Time now) {
-    if (frame.has(ConnectionFrame::kAnswer)) owe(now);
+    if (frame.has(ConnectionFrame::kAnswer)) scheduleAck(now);
     if (frame.number == 0) return;
     m_seen = std::max(m_seen, frame.number);
     const bool accepted = accept(frame, std::move(message));
     const bool atOnce = !accepted || m_hasEnd || ++m_untold >= kFramesPerAnswer;
-    owe(atOnce ? now : now + kLongestSilence);
+    scheduleAck(atOnce ? now : now + kLongestSilence);
 }
 
 bool ReceivingHalf::accept(const ConnectionFrame& frame, std::string message) {
@@ -60,7 +60,7 @@ std::size_t ReceivingHalf::read(char* data, std::size_t length) {
         if (front.begin == front.message.size()) m_waiting.pop_front();
     }
     m_taken += done;
-    if (isLimitDue()) owe(Time::min());
+    if (isLimitDue()) scheduleAck(Time::min());
     return done;
 }
 
@@ -77,7 +77,7 @@ bool ReceivingHalf::isLimitDue() const {
 void ReceivingHalf::describe(ConnectionFrame& frame) {
     m_limitTold = m_taken + m_capacity;
     m_untold = 0;
-    m_answerBy.reset();
+    m_ackDue.reset();
     frame.seen = m_seen;
     frame.acked = m_received;
     frame.limit = m_limitTold;

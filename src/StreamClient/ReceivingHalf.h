@@ -31,7 +31,7 @@ public:
     bool hasEnd() const { return m_hasEnd; }
 
     // When the next acknowledgement is due.
-    std::optional<Time> answerBy() const { return m_answerBy; }
+    std::optional<Time> ackDue() const { return m_ackDue; }
     // Fills in the acknowledgement; nothing is due any more.
     void describe(ConnectionFrame& frame);
 
@@ -41,7 +41,7 @@ private:
         std::size_t begin;
     };
 
-    void owe(Time by);
+    void scheduleAck(Time by);
     // Whether the peer should be told at once how far it may send by now.
     bool isLimitDue() const;
     // Takes the frame if it continues what has arrived.
@@ -59,7 +59,7 @@ private:
     std::uint64_t m_limitTold = 0;
     unsigned int m_untold = 0;  // frames
     bool m_hasEnd = false;
-    std::optional<Time> m_answerBy;
+    std::optional<Time> m_ackDue;
 };
 
 }  // namespace NorvoStreamClient

@@ -76,13 +76,13 @@ void SendingHalf::forget(std::uint64_t before) {
 }
 
 void SendingHalf::restartTimer(Time now) {
-    m_patience = kFirstPatience;
+    m_retransmitTimeout = kFirstPatience;
     m_resendAt.reset();
-    if (m_unsent > 0) m_resendAt = now + m_patience;
+    if (m_unsent > 0) m_resendAt = now + m_retransmitTimeout;
 }
 
 void SendingHalf::expectLoss(Time now) {
-    m_patience = kFirstPatience;
+    m_retransmitTimeout = kFirstPatience;
     if (m_resendAt) m_resendAt = now;
 }
 
@@ -98,8 +98,8 @@ bool SendingHalf::maySend(Time now) const {
 SendingHalf::Block SendingHalf::next(ConnectionFrame& frame, Time now) {
     Piece* piece = &m_blocks.front();
     if (isResendDue(now) && m_unsent > 0) {
-        m_patience = std::min(m_patience * 2, kLongestPatience);
-        m_resendAt = now + m_patience;
+        m_retransmitTimeout = std::min(m_retransmitTimeout * 2, kLongestPatience);
+        m_resendAt = now + m_retransmitTimeout;
     } else {
         piece = &m_blocks[m_unsent++];
         if (!m_resendAt) restartTimer(now);

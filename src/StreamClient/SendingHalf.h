@@ -85,7 +85,7 @@ private:
     std::uint64_t m_seen = 0;
     bool m_finished = false;
     std::optional<Time> m_resendAt;
-    std::chrono::milliseconds m_patience{0};
+    std::chrono::milliseconds m_retransmitTimeout{0};
 };
 
 }  // namespace NorvoStreamClient

@@ -161,12 +161,12 @@ TEST_F(SlotTest, ARemovedOrTruncatedObjectIsMadeAnewByBothEnds) {
     in->subscribeObserver(&collector);
     LogCapture log;
     std::size_t count = 0;
-    for (const bool isCut : {false, true}) {
+    for (const bool isTruncated : {false, true}) {
         ASSERT_TRUE(write(*out, "before") && collector.waitForCount(++count));
         const RawSegment raw(name);
-        ASSERT_EQ(isCut ? truncate(path.c_str(), 0) : unlink(path.c_str()), 0);
+        ASSERT_EQ(isTruncated ? truncate(path.c_str(), 0) : unlink(path.c_str()), 0);
         ASSERT_TRUE(eventually([&] { return write(*out, std::string(8192, 'a')); }));
-        ASSERT_TRUE(collector.waitForCount(++count)) << isCut;
+        ASSERT_TRUE(collector.waitForCount(++count)) << isTruncated;
         EXPECT_EQ(collector.last().size(), 8192U);
     }
     EXPECT_GE(log.count("was removed from the system, made anew: " + name), 1);

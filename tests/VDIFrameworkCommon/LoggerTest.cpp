@@ -196,14 +196,14 @@ TEST(LogRepeats, LogsTheFirstThenCountsAtGrowingIntervals) {
     EXPECT_EQ(log.lines(), Texts{"lost in 50 ... 10,051 more in 60 s"}) << "then after 360 s";
     log.clear();
     g_now += 59s;
-    EXPECT_EQ(LogRepeats::tellDue(false) - g_now, 70s + 360s - 20s - 300s - 60s + 1s);
+    EXPECT_EQ(LogRepeats::reportDue(false) - g_now, 70s + 360s - 20s - 300s - 60s + 1s);
     g_now += 1s;
     happens(1, 1s);
     EXPECT_EQ(log.lines(), Texts{"lost in 0 ... 249 more in 310 s"}) << "quiet for a minute";
     log.clear();
     happens(3, 1s);
     g_now += 6s;
-    EXPECT_EQ(LogRepeats::tellDue(false), LogRepeats::Time::max());
+    EXPECT_EQ(LogRepeats::reportDue(false), LogRepeats::Time::max());
     EXPECT_EQ(log.lines(), Texts{"lost in 0 ... 3 more in 10 s"}) << "without a next one";
     happens(2, 1s);
     repeats->settled();
@@ -218,7 +218,7 @@ TEST_F(LoggerFileTest, ACountOfRepeatsIsWrittenWithoutAFurtherCall) {
     LogRepeats repeats([] { return Clock::now() + late.load() * 10s; });
     for (int i = 0; i < 3; ++i) NORVO_LOG_REPEATED(repeats, Error, "lost");
     late = 1;
-    tellRepeatsBy(Clock::now());
+    scheduleReport(Clock::now());
     EXPECT_TRUE(eventually([&] { return written().size() == 2; }));
     EXPECT_EQ(written().back(), "lost ... 2 more in 10 s");
 }

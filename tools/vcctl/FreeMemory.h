@@ -6,7 +6,7 @@ namespace vcctl {
 
 // Returns the allocator's unused memory to the system. May take milliseconds, during which other
 // threads' allocations wait.
-void giveFreeMemoryBack();
+void trimHeap();
 
 // Returns memory when traffic has ebbed: the allocator keeps most of what a flood needed.
 class MemoryAfterTraffic {
@@ -14,7 +14,7 @@ public:
     // Call periodically with the number of bytes carried so far.
     void look(std::uint64_t carried) {
         if (carried == m_lastLook && carried - m_lastGiven > kWorthIt) {
-            giveFreeMemoryBack();
+            trimHeap();
             m_lastGiven = carried;
         }
         m_lastLook = carried;

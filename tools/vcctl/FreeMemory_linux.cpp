@@ -4,6 +4,6 @@
 
 namespace vcctl {
 
-void giveFreeMemoryBack() { malloc_trim(0); }
+void trimHeap() { malloc_trim(0); }
 
 }  // namespace vcctl

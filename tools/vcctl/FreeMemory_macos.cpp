@@ -4,6 +4,6 @@
 
 namespace vcctl {
 
-void giveFreeMemoryBack() { malloc_zone_pressure_relief(nullptr, 0); }
+void trimHeap() { malloc_zone_pressure_relief(nullptr, 0); }
 
 }  // namespace vcctl

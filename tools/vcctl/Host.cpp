@@ -45,7 +45,7 @@ Host::Host(const HostOptions& options)
       m_quietOutput(options.standardOutputIsTheChannel),
       m_connects(options.connects),
       m_plugin(loadPlugin(options.pluginPath)) {
-    if (!options.takeOver) refuseToBeTheSecond();
+    if (!options.takeOver) requireOnlyHost();
     if (!options.capture.empty()) {
         m_capture = std::make_unique<CaptureWriter>(
             options.capture, std::string(m_plugin.getChannelName()) + " " + m_kind.name);
@@ -66,7 +66,7 @@ Host::~Host() {
 
 // Two hosts in one session take each other's messages. The mark covers every kind of host, but only
 // once it is connected; the lock covers only this tool.
-void Host::refuseToBeTheSecond() {
+void Host::requireOnlyHost() {
     constexpr auto kAtOnce = std::chrono::milliseconds(0);
     std::string who;
     if (const auto active = AgentMark::ofThisProcess().holderOf(geteuid())) {
@@ -136,7 +136,7 @@ void Host::sayJoined(const std::string& peer) {
 }
 
 Host::End Host::endOf(const PacketLink& link) const {
-    if (link.isAlien()) return End::Other;
+    if (link.sawForeignBytes()) return End::Other;
     if (m_peerHasGreeted) return End::WasHost;
     return m_endsLink || StopSignal::requested() ? End::Other : End::TurnedAway;
 }

@@ -67,7 +67,7 @@ private:
     void turnAwayFrom(int listener);
     void noteLackOfSpace();
     void setLink(std::shared_ptr<PacketLink> link);
-    void refuseToBeTheSecond();
+    void requireOnlyHost();
 
     const ChannelKind& m_kind;
     const bool m_quiet;

@@ -45,7 +45,7 @@ public:
     int closedDescriptor() const { return m_bytes->interrupted(); }
     std::string closeReason() const;
     // Ended by what was no packet of this kind of host.
-    bool isAlien() const { return m_isAlien; }
+    bool sawForeignBytes() const { return m_isAlien; }
 
 private:
     void readLoop(std::uint32_t maxPacket, const Receiver& receive);

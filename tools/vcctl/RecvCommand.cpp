@@ -36,7 +36,7 @@ bool readNext(SessionClient& session, NorvoStreamClient::Stream& stream, Receive
         StopSignal::throwIfRequested();
         const auto got = stream.read(message, kPollTime);
         if (got) return true;
-        if (!mayPass(got)) throw CommandError(session.explain(got, stream.name()));
+        if (!isTransient(got)) throw CommandError(session.explain(got, stream.name()));
         if (std::chrono::steady_clock::now() >= giveUp) return false;
         session.noteSilence(&stream);
         if (!flushed) output.flush();

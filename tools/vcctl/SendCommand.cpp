@@ -148,19 +148,19 @@ private:
 
 // Retries `step` until it succeeds, for up to `wait` seconds.
 template <class Step>
-void insist(NorvoStreamClient::Stream& stream, SessionClient& session, double wait, Step step) {
+void retryUntil(NorvoStreamClient::Stream& stream, SessionClient& session, double wait, Step step) {
     const auto giveUp = after(wait);
     for (NorvoStreamClient::Status done; !(done = step());) {
         StopSignal::throwIfRequested();
-        if (mayPass(done) && std::chrono::steady_clock::now() < giveUp) continue;
+        if (isTransient(done) && std::chrono::steady_clock::now() < giveUp) continue;
         throw CommandError(session.explain(done, stream.name()));
     }
 }
 
 void write(NorvoStreamClient::Stream& stream, SessionClient& session, const std::string& message,
            double wait) {
-    insist(stream, session, wait,
-           [&] { return stream.write(message.data(), message.size(), kPollTime); });
+    retryUntil(stream, session, wait,
+               [&] { return stream.write(message.data(), message.size(), kPollTime); });
 }
 
 int sendRaw(const SendOptions& options) {
@@ -179,8 +179,8 @@ int sendRaw(const SendOptions& options) {
         ++messages;
         progress.add(message.size());
     }
-    insist(*stream, session, std::max(options.wait, kShortestFlush),
-           [&] { return stream->flush(kPollTime); });
+    retryUntil(*stream, session, std::max(options.wait, kShortestFlush),
+               [&] { return stream->flush(kPollTime); });
     return kOk;
 }
 

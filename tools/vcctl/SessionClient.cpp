@@ -81,7 +81,7 @@ void noteUnusualName(const std::string& name) {
 
 }  // namespace
 
-bool mayPass(const Status& status) {
+bool isTransient(const Status& status) {
     switch (status.reason()) {
         case Reason::Timeout:
         case Reason::NoAgent:
@@ -168,7 +168,7 @@ void SessionClient::waitUntilUp(NorvoStreamClient::Stream& stream, double second
     const auto deadline = after(seconds);
     for (Status up; !(up = stream.waitUntilUp(kPollTime));) {
         StopSignal::throwIfRequested();
-        if (Clock::now() >= deadline || !mayPass(up)) {
+        if (Clock::now() >= deadline || !isTransient(up)) {
             throw CommandError(explain(up, stream.name()));
         }
     }

@@ -45,7 +45,7 @@ private:
 };
 
 // Whether waiting longer can help.
-bool mayPass(const NorvoStreamClient::Status& status);
+bool isTransient(const NorvoStreamClient::Status& status);
 
 // The session namespace of this process, for messages.
 std::string sessionText();

@@ -47,7 +47,7 @@ void TransferLink::fail(const Status& why) const {
 void TransferLink::check(const Status& status) const {
     StopSignal::throwIfRequested();
     if (status) return;
-    if (!mayPass(status)) fail(status);
+    if (!isTransient(status)) fail(status);
     // The call timed out before it was complete; the connection itself says when it has failed.
     checkAlive();
 }
@@ -88,7 +88,7 @@ void TransferLink::awaitEnd() {
 bool TransferLink::settle(std::chrono::seconds limit) {
     const auto deadline = Clock::now() + limit;
     Status settled;
-    while (!(settled = m_connection->flush(kPollTime)) && mayPass(settled) &&
+    while (!(settled = m_connection->flush(kPollTime)) && isTransient(settled) &&
            Clock::now() < deadline && !StopSignal::requested()) {
     }
     return static_cast<bool>(settled);

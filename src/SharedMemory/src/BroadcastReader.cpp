@@ -96,14 +96,14 @@ bool BroadcastReader::wait(std::chrono::milliseconds timeout) {
 }
 
 bool BroadcastReader::enterRead() {
-    if (m_slot.isCut()) return false;
+    if (m_slot.isTruncated()) return false;
     BroadcastCounts(m_slot.header()).addInside();
     if (auto* own = m_slot.registry().own()) own->isInside = 1;
     return true;
 }
 
 void BroadcastReader::leaveRead() {
-    if (m_slot.isCut()) return;
+    if (m_slot.isTruncated()) return;
     if (auto* own = m_slot.registry().own()) own->isInside = 0;
     BroadcastCounts(m_slot.header()).removeInside();
 }
@@ -141,7 +141,7 @@ void BroadcastReader::logNotLocked() {
 
 // A writer that has given up on this reader may already be writing the next message.
 BroadcastReader::Copied BroadcastReader::copy(std::string& message) {
-    for (int attempt = 0; attempt < kCopies && !m_slot.isCut(); ++attempt) {
+    for (int attempt = 0; attempt < kCopies && !m_slot.isTruncated(); ++attempt) {
         const long id = m_slot.header().newMessageId;
         const std::uint64_t generation = m_slot.generation();
         const ChunkHeader chunk = ChunkHeader::load(m_slot.header());
@@ -192,7 +192,7 @@ void BroadcastReader::countAsReady() {
 
 // Checked twice, because a third-party end may zero it a moment before it raises the ID.
 void BroadcastReader::stayCounted() {
-    if (!m_slot.isMapped() || m_slot.isCut()) return;
+    if (!m_slot.isMapped() || m_slot.isTruncated()) return;
     SharedMemoryHeader& header = m_slot.header();
     const BroadcastCounts counts(header);
     if (counts.ready() != 0) {

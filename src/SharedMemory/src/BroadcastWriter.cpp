@@ -75,7 +75,7 @@ bool BroadcastWriter::tryLock(unsigned int now) {
 }
 
 void BroadcastWriter::unlock() {
-    if (!m_slot.isCut()) m_slot.header().writerLockCount.fetch_sub(1);
+    if (!m_slot.isTruncated()) m_slot.header().writerLockCount.fetch_sub(1);
 }
 
 bool BroadcastWriter::isGranted(unsigned int now) {
@@ -87,7 +87,7 @@ bool BroadcastWriter::isGranted(unsigned int now) {
         return true;
     }
     if (counts.ready() == 0 && m_readersAtLastWrite == 0) return false;
-    return isTakenByAll() || (!m_slot.isCut() && isGrantedLate(now, inside == 1));
+    return isTakenByAll() || (!m_slot.isTruncated() && isGrantedLate(now, inside == 1));
 }
 
 // A reader that opens or closes changes two words, one after the other: a match counts only under
@@ -140,7 +140,7 @@ void BroadcastWriter::beginWait(unsigned int now) {
 
 void BroadcastWriter::waitForReaders(unsigned int now) {
     m_slot.pause(SegmentSlot::Signal::Taken, m_pauseMs);
-    if (m_slot.isCut()) return;
+    if (m_slot.isTruncated()) return;
     const bool isNobodyThere =
         BroadcastCounts(m_slot.header()).ready() == 0 && m_readersAtLastWrite == 0;
     m_pauseMs = std::min(2 * m_pauseMs, isNobodyThere ? kLongestPauseForNobodyMs : kLongestPauseMs);

@@ -114,22 +114,22 @@ bool ReadThread::readOnce(unsigned int wait) {
         const auto start = Clock::now();
         std::string message = m_source.read(wait);
         hasCome = !message.empty();
-        if (hasCome) noteCalm(message.size(), Clock::now() - start);
+        if (hasCome) countSpacedRead(message.size(), Clock::now() - start);
         if (m_isRunning && hasCome) m_observers.deliver(std::move(message), &m_segment);
     });
     if (!done) pause(kPauseAfterFailureMs);
     return hasCome;
 }
 
-void ReadThread::noteCalm(std::size_t length, Clock::duration waited) {
-    m_calmReads = length <= kLargestAtOnce && waited >= kCalm ? m_calmReads + 1 : 0;
+void ReadThread::countSpacedRead(std::size_t length, Clock::duration waited) {
+    m_spacedReads = length <= kLargestAtOnce && waited >= kCalm ? m_spacedReads + 1 : 0;
 }
 
 // ---- The stand-in
 
 bool ReadThread::leaveWait() {
-    if (m_calmReads < kCalmReadsToLeave) return false;
-    m_calmReads = 0;
+    if (m_spacedReads < kCalmReadsToLeave) return false;
+    m_spacedReads = 0;
     const auto standIn = m_observers.standIn();
     auto awaited = standIn ? m_source.beginWait() : std::nullopt;
     if (!awaited) return false;
@@ -149,7 +149,7 @@ bool ReadThread::leaveWait() {
 void ReadThread::waitUntilBack(LeftWait& wait) {
     constexpr std::chrono::milliseconds kLook{kQuietWaitMs};
     std::uint64_t served = m_served;
-    while (m_isRunning && !wait.isBackWithin(kLook)) {
+    while (m_isRunning && !wait.waitUntilReturned(kLook)) {
         const std::uint64_t before = std::exchange(served, m_served);
         if (served == before) break;
     }

@@ -70,7 +70,7 @@ private:
     void run();
     // Whether a message came within `wait` ms.
     bool readOnce(unsigned int wait);
-    void noteCalm(std::size_t length, std::chrono::steady_clock::duration waited);
+    void countSpacedRead(std::size_t length, std::chrono::steady_clock::duration waited);
     // Whether the wait was left to a stand-in, and has come back.
     bool leaveWait();
     void waitUntilBack(VDIFrameworkCommon::LeftWait& wait);
@@ -83,7 +83,7 @@ private:
     const Source m_source;
     ObserverSet m_observers;
     // How many messages in a row have come one by one; the thread's own.
-    unsigned int m_calmReads = 0;
+    unsigned int m_spacedReads = 0;
     // By the one of the two threads that has the wait.
     std::chrono::steady_clock::time_point m_servedAt;
     std::string m_notTaken;

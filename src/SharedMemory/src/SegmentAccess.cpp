@@ -11,7 +11,7 @@ using VDIFrameworkCommon::LocalLock;
 SegmentAccess::SegmentAccess(const SlotGate& gate)
     : m_gate(gate), m_controller(SharedMemoryRWController::getInstance()) {}
 
-bool SegmentAccess::mayBeSetUp() {
+bool SegmentAccess::startController() {
     if (m_controller->start()) return true;
     LocalLock lock(m_mutex);
     m_error = openErrorFor(EAGAIN);

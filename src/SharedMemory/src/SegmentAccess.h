@@ -23,7 +23,7 @@ public:
     void setMode(Mode mode) { m_mode = mode; }
     Mode mode() const { return m_mode.load(); }
     // Before a set-up, which must not happen if this returns false: the controller cannot check.
-    bool mayBeSetUp();
+    bool startController();
     // After a set-up of segment `name`, which may have failed; returns `isReady`. Needs no memory.
     bool setUp(const SegmentSlot& slot, std::string name, bool isReady);
     // After one that failed for lack of memory. Returns false.

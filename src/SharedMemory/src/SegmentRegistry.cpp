@@ -31,8 +31,8 @@ void SegmentRegistry::close() {
     m_object.reset();
 }
 
-bool SegmentRegistry::isWhole(std::chrono::steady_clock::time_point now) const {
-    if (m_object && !m_object->isWhole(now)) return false;
+bool SegmentRegistry::isIntact(std::chrono::steady_clock::time_point now) const {
+    if (m_object && !m_object->isIntact(now)) return false;
     return !m_own || (m_own->process.load() == ProcessIdentity::own() && m_own->is(m_role));
 }
 
@@ -58,7 +58,7 @@ void SegmentRegistry::enter(Role role) {
 // A forked child has a copy of this object, but the entry is its parent's.
 void SegmentRegistry::leave() {
     ProcessIdentity::Word own = ProcessIdentity::own();
-    if (m_own && isWhole(std::chrono::steady_clock::now()))
+    if (m_own && isIntact(std::chrono::steady_clock::now()))
         m_own->process.compare_exchange_strong(own, 0);
     m_own = nullptr;
 }

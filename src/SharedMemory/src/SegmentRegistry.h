@@ -59,8 +59,8 @@ public:
     bool openExisting(const std::string& name);
     void close();
     // False when this end is no longer entered, or when another process has truncated the object:
-    // touching it would then kill this one. To be asked like NamedObject::isWhole.
-    bool isWhole(std::chrono::steady_clock::time_point now) const;
+    // touching it would then kill this one. To be asked like NamedObject::isIntact.
+    bool isIntact(std::chrono::steady_clock::time_point now) const;
     // Whether its name still refers to it, as far as the system tells.
     bool isCurrent() const;
 

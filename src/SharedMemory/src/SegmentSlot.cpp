@@ -171,7 +171,7 @@ SegmentSlot::Soundness SegmentSlot::check(Clock::time_point now) {
     return renewObjects();
 }
 
-bool SegmentSlot::isCut(Clock::time_point now) {
+bool SegmentSlot::isTruncated(Clock::time_point now) {
     if (!isMapped() || isFresh(m_lastLook, now)) return false;
     const Look found = look(now);
     return found == Look::Cut || found == Look::ObjectsCut;
@@ -189,8 +189,8 @@ SegmentSlot::Look SegmentSlot::look(Clock::time_point now) {
 
 bool SegmentSlot::areObjectsWhole(Clock::time_point now) {
     if (isFresh(m_objectsWholeAt, now, m_isSilent ? kLookIsFresh : kSteadyLookIsFresh)) return true;
-    const bool areWhole = m_mutex.isWhole(now) && m_readCondition.isWhole(now) &&
-                          m_writeCondition.isWhole(now) && m_registry.isWhole(now);
+    const bool areWhole = m_mutex.isIntact(now) && m_readCondition.isIntact(now) &&
+                          m_writeCondition.isIntact(now) && m_registry.isIntact(now);
     m_objectsWholeAt = areWhole ? now : Clock::time_point{};
     return areWhole;
 }
@@ -233,7 +233,7 @@ bool SegmentSlot::reopenObjects() {
 
 SegmentSlot::Section::Section(SegmentSlot& slot, milliseconds limit, Clock::time_point now)
     : m_slot(slot) {
-    if (slot.isCut(now)) return;
+    if (slot.isTruncated(now)) return;
     m_isHeld = slot.m_mutex.tryLock();
     if (!m_isHeld && limit == milliseconds::zero()) return;
     const bool owns = m_isHeld || slot.m_mutex.lockFor(limit);
@@ -241,7 +241,7 @@ SegmentSlot::Section::Section(SegmentSlot& slot, milliseconds limit, Clock::time
         NORVO_LOG(Error, "Error: Locking named mutex timedout, stream: ", slot.m_name);
     }
     slot.m_isMutexLate = !owns;
-    if (!m_isHeld) m_isHeld = owns && !slot.isCut();
+    if (!m_isHeld) m_isHeld = owns && !slot.isTruncated();
 }
 
 milliseconds SegmentSlot::mutexWait(Clock::time_point now, Clock::time_point deadline) {

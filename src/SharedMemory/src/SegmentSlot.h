@@ -87,7 +87,7 @@ public:
     // Ask before touching any of them if time may have passed since the last check, which is valid
     // for 50 us here, too, or 1 ms under steady traffic for those beside the object. The next
     // check() recreates it. False while the slot is not mapped.
-    bool isCut(Clock::time_point now = Clock::now());
+    bool isTruncated(Clock::time_point now = Clock::now());
     // Maps the size to which another end has grown the object.
     SegmentMapping::Growth grow() { return m_mapping.growToObject(); }
 
@@ -230,7 +230,7 @@ bool SegmentSlot::waitFor(Signal signal, Clock::time_point now, Clock::time_poin
     while (m_mutex.owns()) {
         if (!m_gate.isPassable()) return false;
         const Waited waited = waitOnce(signal, now, deadline, longest, relock);
-        if (waited == Waited::Ended || !m_gate.isPassable() || isCut()) return false;
+        if (waited == Waited::Ended || !m_gate.isPassable() || isTruncated()) return false;
         const bool isAsked = waited == Waited::Notified || (kAsks && silence());
         if (isAsked && test()) return true;
         now = Clock::now();

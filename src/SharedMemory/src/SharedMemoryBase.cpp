@@ -40,7 +40,7 @@ bool SharedMemoryBase::trySetUp(const std::string& name, unsigned int size, Mode
         NORVO_LOG(Error, "Shared Memory already initialized. SM: ", name);
         return false;
     }
-    if (!m_access.mayBeSetUp()) return false;
+    if (!m_access.startController()) return false;
     LocalLock operation(m_operationLock);
     if (!m_slot.isMapped()) m_access.setMode(mode);
     std::string copy = name;

@@ -24,8 +24,8 @@ bool SlotGate::close() {
 void SlotGate::wake() {
     LocalLock lock(m_mutex);
     const auto now = VDIFrameworkCommon::WaitClock::now();
-    if (m_written.isWhole(now)) m_written.notify();
-    if (m_taken.isWhole(now)) m_taken.notify();
+    if (m_written.isIntact(now)) m_written.notify();
+    if (m_taken.isIntact(now)) m_taken.notify();
 }
 
 }  // namespace shared_memory

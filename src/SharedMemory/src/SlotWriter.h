@@ -23,7 +23,7 @@ public:
     bool tryWrite(const void* data, unsigned int length);
     // Whether the slot is free: the reader has taken everything. False while the object is
     // truncated.
-    bool isDrained() { return !m_slot.isMapped() || (!m_slot.isCut() && m_slot.isFree()); }
+    bool isDrained() { return !m_slot.isMapped() || (!m_slot.isTruncated() && m_slot.isFree()); }
 
     SegmentRegistry::Role role() const override { return SegmentRegistry::Role::Writer; }
     void begin(bool isRenewed) override;

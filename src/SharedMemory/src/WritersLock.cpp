@@ -54,7 +54,7 @@ WritersLock::Try WritersLock::tryOnce(unsigned int now) {
 
 void WritersLock::unlock() {
     const long lockedAt = std::exchange(m_lockedAt, 0L);
-    if (lockedAt == 0 || !m_slot.isMapped() || m_slot.isCut()) return;
+    if (lockedAt == 0 || !m_slot.isMapped() || m_slot.isTruncated()) return;
     noteInRegistry();
     release(m_slot.header(), lockedAt);
 }
@@ -76,7 +76,7 @@ void WritersLock::watch(unsigned int now, unsigned long chunksTaken, bool wasEmp
         m_chunksSeen = chunksTaken;
         m_lastChunkSeenAt = now;
     }
-    if (wasEmpty && m_slot.isMapped() && !m_slot.isCut()) breakDeadLock(now);
+    if (wasEmpty && m_slot.isMapped() && !m_slot.isTruncated()) breakDeadLock(now);
 }
 
 void WritersLock::breakDeadLock(unsigned int now) {

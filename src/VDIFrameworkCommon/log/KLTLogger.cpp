@@ -55,10 +55,10 @@ public:
     void flush();
     void flushIfAllowed();
     void finish() {
-        LogRepeats::tellDue(true);
+        LogRepeats::reportDue(true);
         m_appender.finish();
     }
-    void tellRepeatsBy(std::chrono::steady_clock::time_point time) { m_appender.wakeAt(time); }
+    void scheduleReport(std::chrono::steady_clock::time_point time) { m_appender.wakeAt(time); }
 
     void beforeFork() NORVO_NO_THREAD_SAFETY_ANALYSIS;
     void afterFork(bool inChild) NORVO_NO_THREAD_SAFETY_ANALYSIS;
@@ -67,7 +67,7 @@ private:
     LogService() = default;
     void publishThreshold() NORVO_REQUIRES(m_mutex);
 
-    LogAppender m_appender{[] { return LogRepeats::tellDue(false); }};
+    LogAppender m_appender{[] { return LogRepeats::reportDue(false); }};
     std::atomic<bool> m_hasSink = false;
     std::atomic<std::int64_t> m_lastFlush = 0;  // steady clock, milliseconds; 0: never
 
@@ -150,7 +150,7 @@ std::int64_t nowInMilliseconds() {
 }
 
 void LogService::flush() {
-    LogRepeats::tellDue(false);
+    LogRepeats::reportDue(false);
     m_lastFlush = nowInMilliseconds();
     m_appender.flush();
 }
@@ -201,8 +201,8 @@ std::shared_ptr<LogSink> setSink(std::shared_ptr<LogSink> sink) {
     return LogService::get().setSink(std::move(sink));
 }
 
-void tellRepeatsBy(std::chrono::steady_clock::time_point time) {
-    LogService::get().tellRepeatsBy(time);
+void scheduleReport(std::chrono::steady_clock::time_point time) {
+    LogService::get().scheduleReport(time);
 }
 
 void write(int severity, std::string_view source, int line, std::string_view operation,

@@ -67,8 +67,8 @@ void setThreshold(int severity);
 // Null removes the sink. Returns the previous sink.
 std::shared_ptr<LogSink> setSink(std::shared_ptr<LogSink> sink);
 
-// Makes the log call LogRepeats::tellDue() at about `time`.
-void tellRepeatsBy(std::chrono::steady_clock::time_point time);
+// Makes the log call LogRepeats::reportDue() at about `time`.
+void scheduleReport(std::chrono::steady_clock::time_point time);
 
 }  // namespace KLT::kltlogger
 

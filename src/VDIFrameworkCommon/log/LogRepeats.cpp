@@ -71,7 +71,7 @@ LogRepeats::Turn LogRepeats::begin() {
     const bool first = waiting.objects.insert(this).second;
     const Time due = m_told + m_distance;
     lock.unlock();
-    if (first) tellRepeatsBy(due);
+    if (first) scheduleReport(due);
     return {};
 }
 
@@ -104,7 +104,7 @@ void LogRepeats::settled() {
     write(rest);
 }
 
-LogRepeats::Time LogRepeats::tellDue(bool all) {
+LogRepeats::Time LogRepeats::reportDue(bool all) {
     Waiting& waiting = Waiting::get();
     std::vector<Rest> due;
     Time next = Time::max();

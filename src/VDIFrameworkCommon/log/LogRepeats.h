@@ -42,7 +42,7 @@ public:
 
     // Logs the counts that are due, or all. Returns when the next one is due; Time::max() when none
     // is pending.
-    static Time tellDue(bool all);
+    static Time reportDue(bool all);
 
     // For code whose failures belong to no object: an object that is never destroyed.
     static LogRepeats& ofProcess();

@@ -55,7 +55,7 @@ public:
     // Counts a message that `pass` hands on directly, past the queue. False, without a call of
     // `pass`, while a message waits or the consumer has one in hand.
     template <class Pass>
-    bool passBy(const Pass& pass) {
+    bool bypass(const Pass& pass) {
         LocalLock lock(m_mutex);
         if (!m_messages.empty() || m_isInHand || !pass()) return false;
         m_pushed++;

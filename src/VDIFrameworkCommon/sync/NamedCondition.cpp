@@ -73,7 +73,7 @@ bool parkPast(NamedObject& object, std::uint64_t seen, WaitClock::time_point dea
         raise(words.parkedAt, seen);
         const bool isPresent =
             waitOnAddress(words.sequence, seen, std::min(deadline, now + kSlice));
-        if (!isPresent && !object.isWhole(WaitClock::now())) return false;
+        if (!isPresent && !object.isIntact(WaitClock::now())) return false;
     }
     return true;
 }
@@ -100,8 +100,8 @@ bool NamedCondition::create(const char* name) {
 
 bool NamedCondition::isCurrent() const { return !m_object || m_object->isCurrent(); }
 
-bool NamedCondition::isWhole(WaitClock::time_point now) const {
-    return !m_object || m_object->isWhole(now);
+bool NamedCondition::isIntact(WaitClock::time_point now) const {
+    return !m_object || m_object->isIntact(now);
 }
 
 std::uint64_t NamedCondition::count() const {
@@ -124,7 +124,7 @@ bool NamedCondition::timed_wait(NamedMutex& mutex, unsigned int milliseconds,
         m_seen.store(words.sequence.load(), std::memory_order_relaxed);
         rememberPeer();
     }
-    if (passed != Passed::Spinning && !mutex.isWhole(WaitClock::now())) return false;
+    if (passed != Passed::Spinning && !mutex.isIntact(WaitClock::now())) return false;
     if (mutex.lockFor(relock)) return passed != Passed::No;
     NORVO_LOG(Warning, "Mutex not free again after a wait on condition ", m_object->name());
     return false;

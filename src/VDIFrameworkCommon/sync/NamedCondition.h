@@ -38,7 +38,7 @@ public:
     // notified or `milliseconds` have passed, and locks it again. True when notified. The caller
     // must test its state again in either case. Also false when the mutex could not be locked again
     // within `relock` (check NamedMutex::owns), as when another process has truncated one of the
-    // two objects (check isWhole), and at once on a handle that was never created. A
+    // two objects (check isIntact), and at once on a handle that was never created. A
     // thread that is already waiting is also woken by a notification through its own handle.
     bool timed_wait(NamedMutex& mutex, unsigned int milliseconds,
                     std::chrono::milliseconds relock = std::chrono::milliseconds(2000));
@@ -57,7 +57,7 @@ public:
 
     // Like those of a NamedMutex.
     bool isCurrent() const;
-    bool isWhole(WaitClock::time_point now) const;
+    bool isIntact(WaitClock::time_point now) const;
 
     // How many notifications there have been, by anyone; wraps. 0 on a handle never created.
     std::uint64_t count() const;

@@ -69,7 +69,7 @@ public:
         }
     }
     // wait() has ended because the mutex was truncated: do not touch it.
-    bool isCut() const { return m_isCut; }
+    bool isTruncated() const { return m_isCut; }
 
 private:
     bool isAbandoned(Identity owner) const {
@@ -91,7 +91,7 @@ private:
         const auto until = std::min(WaitClock::now() + m_slice, m_deadline);
         const bool isPresent = waitOnAddress(m_words.released, released, until);
         const auto now = WaitClock::now();
-        m_isCut = !isPresent && !m_object.isWhole(now);
+        m_isCut = !isPresent && !m_object.isIntact(now);
         m_lookClosely = now >= until;
         if (m_lookClosely) m_slice = std::min<milliseconds>(2 * m_slice, kLongestSlice);
         return !m_isCut;
@@ -134,7 +134,7 @@ bool NamedMutex::lockFor(milliseconds limit) {
     if (!m_object) return false;
     const Identity me = ProcessIdentity::own();
     Waiter waiter(*m_object, me, limit);
-    if (!waiter.wait() && (waiter.isCut() || !takeFromUnknown(me))) return false;
+    if (!waiter.wait() && (waiter.isTruncated() || !takeFromUnknown(me))) return false;
     m_holder.store(me, std::memory_order_relaxed);
     return true;
 }
@@ -154,8 +154,8 @@ bool NamedMutex::owns() const {
 
 bool NamedMutex::isCurrent() const { return !m_object || m_object->isCurrent(); }
 
-bool NamedMutex::isWhole(WaitClock::time_point now) const {
-    return !m_object || m_object->isWhole(now);
+bool NamedMutex::isIntact(WaitClock::time_point now) const {
+    return !m_object || m_object->isIntact(now);
 }
 
 // The word may also be garbage that somebody wrote.

@@ -51,7 +51,7 @@ public:
     // newcomers: create() opens the newer one. Always true where the system does not tell.
     bool isCurrent() const;
     // Whether the functions above may be called: NamedObject.h. True for one never created.
-    bool isWhole(WaitClock::time_point now) const;
+    bool isIntact(WaitClock::time_point now) const;
 
 private:
     bool takeFromUnknown(std::uint64_t me);

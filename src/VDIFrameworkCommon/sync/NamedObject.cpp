@@ -133,7 +133,7 @@ void NamedObject::remove(Kind kind, const char* name) {
 }
 
 // Only a registry uses more than the first page.
-bool NamedObject::isWhole(WaitClock::time_point now) const {
+bool NamedObject::isIntact(WaitClock::time_point now) const {
     const auto age = now - m_wholeAt.load(std::memory_order_relaxed);
     if (age >= WaitClock::duration::zero() && age < kWholeFor) return true;
     const auto* const bytes = reinterpret_cast<const char*>(m_words);

@@ -80,7 +80,7 @@ public:
     // False when another process has truncated the object: touching it would then kill this one.
     // Ask when time may have passed since it was opened or last asked. One system call, unless the
     // last one was made less than 50 us before `now`. open() makes it whole again, with zeros.
-    bool isWhole(WaitClock::time_point now) const;
+    bool isIntact(WaitClock::time_point now) const;
 
     NamedObjectWords& words() { return *m_words; }
     const std::string& name() const { return m_name; }

@@ -19,7 +19,7 @@ void LeftWait::giveBack() {
     m_changed.notify_all();
 }
 
-bool LeftWait::isBackWithin(std::chrono::milliseconds limit) {
+bool LeftWait::waitUntilReturned(std::chrono::milliseconds limit) {
     const auto deadline = WaitClock::now() + limit;
     LocalLock lock(m_mutex);
     while (!m_isBack && m_changed.wait_until(m_mutex, deadline)) {

@@ -35,7 +35,7 @@ public:
 
     // --- the owner's thread
     // Whether it was given back, after at most `limit`.
-    bool isBackWithin(std::chrono::milliseconds limit);
+    bool waitUntilReturned(std::chrono::milliseconds limit);
     // Afterwards it is not being served, and never will be.
     void takeBack();
 

@@ -17,7 +17,7 @@ std::uint32_t Packetization::GetMaxPayloadSize() const {
 
 std::uint32_t Packetization::PacketizeData(const void* data, unsigned int length,
                                            std::deque<Packet*>& out) {
-    MessageCutter cutter(data, length, m_maxPacketSize);
+    MessageFragmenter cutter(data, length, m_maxPacketSize);
     std::vector<std::unique_ptr<Packet>> packets;
     packets.reserve(cutter.total());
     while (auto packet = cutter.next()) packets.push_back(std::move(packet));

@@ -72,8 +72,8 @@ public:
         return {m_payload, m_payload ? GetPayloadSize() : 0};
     }
 
-    // Memory of `kRoom` bytes for whatever carries a packet that a MessageCutter made, aligned for
-    // any type; as long-lived as the packet. Null with other packets.
+    // Memory of `kRoom` bytes for whatever carries a packet that a MessageFragmenter made, aligned
+    // for any type; as long-lived as the packet. Null with other packets.
     static constexpr std::size_t kRoom = 48;
     void* room() { return m_block ? this + 1 : nullptr; }
 
@@ -81,7 +81,7 @@ public:
     static bool PacketSort(const Packet* a, const Packet* b);
 
 private:
-    friend class MessageCutter;
+    friend class MessageFragmenter;
     friend class Packetization;
     struct BorrowTag {};
     Packet(BorrowTag, const void* raw, unsigned int length);
@@ -127,16 +127,16 @@ private:
 
 // Cuts one outgoing message into packets, one by one, from the last to the first. One thread at a
 // time.
-class MessageCutter {
+class MessageFragmenter {
 public:
     // Takes the next message ID. The message must stay unchanged until everything has been cut.
     // `maxPacketSize` includes the header. A message longer than 2 GiB - 25, null with a length, or
     // without room for payload in a packet yields no packets.
-    MessageCutter(const VDIFrameworkCommon::SplitBytes& message, int maxPacketSize);
-    MessageCutter(const void* data, unsigned int length, int maxPacketSize);
-    ~MessageCutter();
-    MessageCutter(const MessageCutter&) = delete;
-    MessageCutter& operator=(const MessageCutter&) = delete;
+    MessageFragmenter(const VDIFrameworkCommon::SplitBytes& message, int maxPacketSize);
+    MessageFragmenter(const void* data, unsigned int length, int maxPacketSize);
+    ~MessageFragmenter();
+    MessageFragmenter(const MessageFragmenter&) = delete;
+    MessageFragmenter& operator=(const MessageFragmenter&) = delete;
 
     std::uint32_t total() const { return m_total; }
     std::uint32_t remaining() const { return m_remaining; }
@@ -183,7 +183,7 @@ public:
 
     // Cuts a message into packets and puts each at the FRONT of `out`: the message's last packet
     // comes first, what `out` held before follows its first. The packets belong to the caller.
-    // Returns the new size of `out`. Adds nothing for an invalid message (MessageCutter).
+    // Returns the new size of `out`. Adds nothing for an invalid message (MessageFragmenter).
     std::uint32_t PacketizeData(const void* data, unsigned int length, std::deque<Packet*>& out);
 
     // Takes one valid packet, which stays the caller's, and delivers the message that it completes,

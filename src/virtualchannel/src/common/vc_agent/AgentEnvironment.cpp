@@ -38,7 +38,7 @@ public:
     }
     void addPeerSegment(const std::string& name) override { PeerSegmentRecord::add(name); }
     void removePeerSegment(const std::string& name) override { PeerSegmentRecord::remove(name); }
-    int removePeerSegmentsOfTheDead() override { return PeerSegmentRecord::removeLeftovers(); }
+    int removeOrphanedPeerSegments() override { return PeerSegmentRecord::removeLeftovers(); }
 
     bool hasOtherActiveAgent() override {
         return shared_memory::SharedMemoryRWController::getInstance()

@@ -37,7 +37,7 @@ public:
     virtual void addPeerSegment(const std::string& /*name*/) {}
     virtual void removePeerSegment(const std::string& /*name*/) {}
     // Removes those left behind by killed processes. Returns how many.
-    virtual int removePeerSegmentsOfTheDead() { return 0; }
+    virtual int removeOrphanedPeerSegments() { return 0; }
 
     // The mark of the one active agent on this machine.
     virtual bool hasOtherActiveAgent() = 0;

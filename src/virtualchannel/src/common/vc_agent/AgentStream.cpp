@@ -62,7 +62,7 @@ bool Agent::Stream::pass(const char* data, std::size_t length) {
     const StreamUse::Passage passage(use);
     if (!passage.isOpen()) return false;
     const auto write = [&] { return m_running && writeAtOnce(data, length); };
-    if (m_queue.passBy(write)) return true;
+    if (m_queue.bypass(write)) return true;
     // Of a short message, or a small part of a long one, a copy needs less memory.
     auto memory = length < MemoryBlock::kSmallestKept ? MemoryBlock() : m_link.takeReceivedMemory();
     if (memory && memory.capacity() <= 2 * length) {

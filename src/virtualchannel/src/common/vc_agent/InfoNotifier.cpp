@@ -84,7 +84,8 @@ void InfoNotifier::notifyInvalidStreams() {
     notifyInfoS(MessageBuilder().append("InvalidStreams").append(invalid).msg());
 }
 
-bool InfoNotifier::waitsToBeHeard(const Agent::Stream& stream, const Agent::Stream& info) const {
+bool InfoNotifier::isAnnouncementPending(const Agent::Stream& stream,
+                                         const Agent::Stream& info) const {
     const std::uint64_t at = stream.announcedAt;
     return at >= m_eventAt && at < info.queued() && info.passed() <= at;
 }
@@ -104,7 +105,7 @@ void InfoNotifier::notifyRunningStreams(std::span<const std::string> names) {
 
 void InfoNotifier::notifyStream(Agent::Stream& stream) {
     const StreamPtr info = infoStream();
-    if (!info || waitsToBeHeard(stream, *info)) return;
+    if (!info || isAnnouncementPending(stream, *info)) return;
     stream.announcedAt = info->queued();
     // When both ends have the same direction, only the opposite one is of use to a process.
     const StreamType use =

@@ -43,8 +43,8 @@ public:
 
 private:
     StreamPtr infoStream() const NORVO_TAKES_STREAMS;
-    bool waitsToBeHeard(const Agent::Stream& stream,
-                        const Agent::Stream& info) const NORVO_TAKES_LEAF;
+    bool isAnnouncementPending(const Agent::Stream& stream,
+                               const Agent::Stream& info) const NORVO_TAKES_LEAF;
 
     AgentContext& m_context;
     const PeerCapabilities& m_peer;

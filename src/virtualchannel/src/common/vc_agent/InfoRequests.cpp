@@ -108,7 +108,7 @@ void InfoRequests::setLogPath(const Fields& fields) {
 // Processes that wait for a change poll with these two requests.
 void InfoRequests::printMessage(const std::string& caption, const std::string& message) {
     if (message == "RequestNotifyStream" || message.starts_with("RequestNotifyStream|")) {
-        AGENT_LOG_REPEATED(m_context, m_rollCalls, Info, caption, shown(message));
+        AGENT_LOG_REPEATED(m_context, m_streamQueries, Info, caption, shown(message));
     } else if (message == "RequestVCProcessId") {
         AGENT_LOG_REPEATED(m_context, m_processIds, Info, caption, message);
     } else {

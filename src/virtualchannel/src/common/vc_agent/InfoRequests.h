@@ -48,7 +48,7 @@ private:
     InfoNotifier& m_notifier;
     AgentConnection& m_connection;
     const ClientInfo m_clientInfo;
-    KLT::kltlogger::LogRepeats m_rollCalls;
+    KLT::kltlogger::LogRepeats m_streamQueries;
     KLT::kltlogger::LogRepeats m_processIds;
 };
 

@@ -207,7 +207,7 @@ bool StreamService::ProcessRoutableMessage(const StreamPtr& stream, const char* 
 }
 
 // What is noted or passes through the stream meanwhile keeps it.
-bool StreamService::givesUp(Agent::Stream& stream, std::uint64_t nowMs) {
+bool StreamService::tryGiveUp(Agent::Stream& stream, std::uint64_t nowMs) {
     if (stream.name() == m_context.infoOutputName) return false;
     const std::uint64_t idleMs = stream.use.idleMs(nowMs);
     if (idleMs < kFreeAfterMs || stream.hasUndelivered()) return false;
@@ -232,7 +232,7 @@ void StreamService::freeUnusedOnes() {
     const std::uint64_t now = m_context.environment->nowMs();
     StreamTable::Streams unused;
     for (const auto& stream : m_streams.snapshot()) {
-        if (!givesUp(*stream, now)) continue;
+        if (!tryGiveUp(*stream, now)) continue;
         m_streams.move(stream->name(), unused);
         AGENT_LOG(m_context, Info, "Nobody uses the stream any more: ", stream->name());
     }

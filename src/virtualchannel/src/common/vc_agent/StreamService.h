@@ -76,7 +76,7 @@ private:
     bool add(const StreamPtr& stream, Requester requester)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     void announce(const StreamPtr& stream) NORVO_TAKES_LEAF;
-    bool givesUp(Agent::Stream& stream, std::uint64_t nowMs) NORVO_TAKES_LEAF;
+    bool tryGiveUp(Agent::Stream& stream, std::uint64_t nowMs) NORVO_TAKES_LEAF;
     void closeTogether(const StreamTable::Streams& streams)
         NORVO_REQUIRES(m_creationMutex) NORVO_TAKES_SERVICE;
     // Whether the peer's data for this stream is written at once; logs why not.

@@ -29,7 +29,7 @@ namespace {
 
 // Handling a message may run out of memory; nothing may be thrown to its thread.
 template <class Handle>
-void dropIfItDoesNotFit(const AgentContext& context, const Handle& handle) {
+void dropOnException(const AgentContext& context, const Handle& handle) {
     try {
         handle();
     } catch (const std::exception& failure) {
@@ -71,11 +71,11 @@ struct Agent::Parts final : AgentContext {
     void catchUp() override {
         if (stopping) return;
         m_service.catchUp();
-        if (m_isDeaf.exchange(false)) listen();
+        if (m_lacksSubscription.exchange(false)) listen();
     }
     void listen() {
-        m_isDeaf = !m_infoReader->subscribeObserver(m_listener);
-        if (m_isDeaf) AGENT_LOG(*this, Error, "No thread to listen to local processes.");
+        m_lacksSubscription = !m_infoReader->subscribeObserver(m_listener);
+        if (m_lacksSubscription) AGENT_LOG(*this, Error, "No thread to listen to local processes.");
         // The end may have passed this by.
         if (stopping) m_infoReader->unsubscribeObserver(m_listener);
     }
@@ -105,7 +105,7 @@ struct Agent::Parts final : AgentContext {
     std::shared_ptr<shared_memory::SharedMemoryI> m_infoReader;
     shared_memory::SharedMemoryObserverI* m_listener = nullptr;
     // It has been set up without its listener.
-    std::atomic<bool> m_isDeaf{false};
+    std::atomic<bool> m_lacksSubscription{false};
 
     VDIFrameworkCommon::LocalMutex m_valuesMutex;
     std::shared_ptr<HvdClientInfoManager> m_clientInfo NORVO_GUARDED_BY(m_valuesMutex);
@@ -141,7 +141,7 @@ void Agent::begin(VirtualChannel* channel) {
     }
     SetVirtualChannel(channel);
     m_parts->m_service.beginInfoOutput(kInfoSegmentSize);
-    if (const int left = context.environment->removePeerSegmentsOfTheDead()) {
+    if (const int left = context.environment->removeOrphanedPeerSegments()) {
         AGENT_LOG(context, Notice, "Removed what agents left that were killed, segments: ", left);
     }
     const auto requests = m_parts->m_service.CreateInternalSharedMemory(
@@ -149,7 +149,7 @@ void Agent::begin(VirtualChannel* channel) {
     m_parts->m_infoReader = requests.memory;
     m_parts->m_listener = this;
     if (requests.memory) m_parts->listen();
-    if (!requests.isSetUp || m_parts->m_isDeaf) {
+    if (!requests.isSetUp || m_parts->m_lacksSubscription) {
         AGENT_LOG(context, Error, "infoSharedMemory create failed");
     }
     m_parts->m_notifier.notifyCurrentProcessId(false);
@@ -232,7 +232,7 @@ std::uint64_t Agent::getCurrentMS() {
 }
 
 void Agent::OnVirtualChannelReceiveData(const void* data, unsigned int length) {
-    dropIfItDoesNotFit(*m_parts, [&] { m_parts->m_protocol.receive(data, length); });
+    dropOnException(*m_parts, [&] { m_parts->m_protocol.receive(data, length); });
 }
 
 void Agent::OnVirtualChannelAvailabilityChange(bool available) {
@@ -257,7 +257,7 @@ void Agent::OnChannelBlockedByPolicySetting(bool blocked) {
 }
 
 void Agent::onNewMessageReceived(std::string message, shared_memory::SharedMemoryI* /*source*/) {
-    dropIfItDoesNotFit(*m_parts, [&] { m_parts->m_requests.handle(message); });
+    dropOnException(*m_parts, [&] { m_parts->m_requests.handle(message); });
 }
 
 }  // namespace VirtualChannelAgent

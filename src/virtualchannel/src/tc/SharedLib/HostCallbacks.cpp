@@ -73,6 +73,6 @@ void* HostCallbacks::clientWindow(void* serverWindow) const {
     return function(serverWindow);
 }
 
-bool HostCallbacks::askedByThisThread() { return ReentryMark::isSet(&kQuestion); }
+bool HostCallbacks::isInsideQueryCallback() { return ReentryMark::isSet(&kQuestion); }
 
 }  // namespace NorvoVirtualChannel::tc

@@ -44,7 +44,7 @@ public:
     void* clientWindow(void* serverWindow) const;
 
     // Whether the calling thread is inside one of these three callbacks.
-    static bool askedByThisThread();
+    static bool isInsideQueryCallback();
 
 private:
     // Read for every packet, so without a lock. Earlier ones are kept: a thread may be about to

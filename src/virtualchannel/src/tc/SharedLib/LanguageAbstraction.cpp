@@ -105,7 +105,7 @@ void InitialiseChannel(AppendBufferFunc append, uint32_t kind, void* context) {
         VDIClientInfo::getInstance().setClientType(VDIFrameworkCommon::VDIClientType::Crews);
         logMessage(NORVO_LEVEL_EVENT, "InitialiseChannel()");
         logMessage(NORVO_LEVEL_EVENT, VDIClientInfo::getInstance().getClientName().c_str());
-        if (HostCallbacks::askedByThisThread()) {
+        if (HostCallbacks::isInsideQueryCallback()) {
             logMessage(NORVO_LEVEL_WARNING, "InitialiseChannel() inside a callback is ignored.");
             return;
         }

@@ -49,7 +49,7 @@ public:
 
 private:
     const ChannelProfile& m_profile;
-    MessageCutter m_cutter;
+    MessageFragmenter m_cutter;
 };
 
 TransportChannel::TransportChannel(const ChannelProfile& profile, WorkerThread::Pause pause)
@@ -85,7 +85,7 @@ std::shared_ptr<WorkerThread> TransportChannel::worker() {
 
 // OnChannelInitialize() and Shutdown() wait for threads that may wait for the callback to return.
 bool TransportChannel::insideCallback(const char* operation) const {
-    if (!HostCallbacks::askedByThisThread() && !m_observer.insideOnThisThread()) return false;
+    if (!HostCallbacks::isInsideQueryCallback() && !m_observer.insideOnThisThread()) return false;
     CHANNEL_LOG(Warning, operation, " from inside a callback is ignored.");
     return true;
 }
@@ -135,7 +135,7 @@ void TransportChannel::endTraffic() {
     CHANNEL_LOG(Warning, "A call of the append callback is under way, and ends by itself.");
     worker->ResetQueue();
     LocalLock lock(m_workerMutex);
-    m_leftBehind = std::move(worker);
+    m_abandonedWorker = std::move(worker);
 }
 
 // ---- Sending
@@ -195,7 +195,7 @@ StreamSend TransportChannel::sendThrough(const SplitBytes& message, bool lowPrio
 
 std::shared_ptr<VDIFrameworkCommon::StandIn> TransportChannel::StreamStandIn() {
     const auto worker = this->worker();
-    return worker && m_turnstile.isCalm() ? worker->standIn() : nullptr;
+    return worker && m_turnstile.hadNoLongMessageLately() ? worker->standIn() : nullptr;
 }
 
 bool TransportChannel::WaitUntilSent(std::chrono::milliseconds limit) {

@@ -134,7 +134,7 @@ private:
     VDIFrameworkCommon::LocalMutex m_workerMutex;
     std::shared_ptr<WorkerThread> m_worker NORVO_GUARDED_BY(m_workerMutex);
     // A worker that did not return from the host when it was stopped.
-    std::shared_ptr<WorkerThread> m_leftBehind NORVO_GUARDED_BY(m_workerMutex);
+    std::shared_ptr<WorkerThread> m_abandonedWorker NORVO_GUARDED_BY(m_workerMutex);
 };
 
 }  // namespace NorvoVirtualChannel::tc

@@ -41,7 +41,7 @@ void Turnstile::open() {
 void Turnstile::close() {
     const Section section(*this);
     m_open = false;
-    sendAllAway(StreamSend::NotSent);
+    dismissAll(StreamSend::NotSent);
 }
 
 void Turnstile::setAvailable(bool available, WorkerThread* worker) {
@@ -58,7 +58,7 @@ void Turnstile::setAvailable(bool available, WorkerThread* worker) {
 
 void Turnstile::reset(WorkerThread* worker) {
     const Section section(*this);
-    sendAllAway(StreamSend::Dropped);
+    dismissAll(StreamSend::Dropped);
     if (worker) worker->ResetQueue();
 }
 
@@ -134,7 +134,7 @@ void Turnstile::enter(Sender& sender, bool lowPriority) {
 
 void Turnstile::noteUser(Lane& lane) {
     const auto self = std::this_thread::get_id();
-    if (lane.user != self) lane.sharedAt = lane.usedAt;
+    if (lane.user != self) lane.lastContendedAt = lane.usedAt;
     lane.user = self;
     lane.usedAt = Clock::now();
 }
@@ -165,7 +165,7 @@ void Turnstile::remove(Senders& senders, Senders::iterator place) {
     m_removed |= std::uint64_t{1} << sender.condition;
 }
 
-void Turnstile::sendAllAway(StreamSend ifNotBegun) {
+void Turnstile::dismissAll(StreamSend ifNotBegun) {
     ++m_epoch;
     for (Lane& lane : m_lanes) {
         lane.turn = 0;
@@ -214,7 +214,7 @@ Turnstile::Senders& Turnstile::nextIn(Lane& lane) {
 bool Turnstile::hasRoom(const Lane& lane, const Sender& sender, std::size_t packets) const {
     if (packets <= m_limits.backlog) return true;
     return packets <= m_limits.alone && !sender.isShort && lane.isFast &&
-           Clock::now() - lane.sharedAt >= kAlone;
+           Clock::now() - lane.lastContendedAt >= kAlone;
 }
 
 std::size_t Turnstile::nextSlice(const Lane& lane, const Sender& sender) const {

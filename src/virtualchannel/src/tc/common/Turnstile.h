@@ -74,7 +74,9 @@ public:
     }
     void wakeSenders();
     // Whether no long message has been sent lately.
-    bool isCalm() const { return std::chrono::steady_clock::now() - m_longOneAt.load() >= kAlone; }
+    bool hadNoLongMessageLately() const {
+        return std::chrono::steady_clock::now() - m_longOneAt.load() >= kAlone;
+    }
     // The number of waiting messages.
     std::size_t waiting() const;
 
@@ -112,9 +114,9 @@ private:
         Senders longOnes;      // it is the front one's turn
         std::size_t turn = 0;  // packets taken in this turn
         unsigned int shortInARow = 0;
-        std::thread::id user;                            // the last one
-        std::chrono::steady_clock::time_point usedAt;    // by that one
-        std::chrono::steady_clock::time_point sharedAt;  // when another one used it last
+        std::thread::id user;                                   // the last one
+        std::chrono::steady_clock::time_point usedAt;           // by that one
+        std::chrono::steady_clock::time_point lastContendedAt;  // when another one used it last
         // The transport's pace, measured over a backlog of packets each.
         std::ptrdiff_t queued = 0;
         std::ptrdiff_t sentAtMark = 0;
@@ -148,7 +150,7 @@ private:
         NORVO_EXCLUDES(m_mutex);
     void leave(Sender& sender, bool lowPriority) NORVO_REQUIRES(m_mutex);
     void remove(Senders& senders, Senders::iterator place) NORVO_REQUIRES(m_mutex);
-    void sendAllAway(StreamSend ifNotBegun) NORVO_REQUIRES(m_mutex);
+    void dismissAll(StreamSend ifNotBegun) NORVO_REQUIRES(m_mutex);
     void fill(bool lowPriority, WorkerThread& worker) NORVO_REQUIRES(m_mutex);
     Senders& nextIn(Lane& lane) NORVO_REQUIRES(m_mutex);
     bool hasRoom(const Lane& lane, const Sender& sender, std::size_t packets) const

@@ -292,7 +292,7 @@ void WorkerThread::requestStop() {
 
 bool WorkerThread::onOwnThread() const { return m_threadId.load() == std::this_thread::get_id(); }
 
-bool WorkerThread::endsUntil(Clock::time_point deadline) {
+bool WorkerThread::waitUntilEnded(Clock::time_point deadline) {
     LocalLock lock(m_workMutex);
     while (!m_ended) {
         if (!m_endCondition.wait_until(m_workMutex, deadline) && !m_ended) return false;
@@ -306,7 +306,7 @@ void WorkerThread::join() {
     NORVO_LOG(Trace, "Worker thread stopped.");
 }
 
-void WorkerThread::letGo() {
+void WorkerThread::detach() {
     LocalLock lock(m_joinMutex);
     if (m_thread.joinable()) m_thread.detach();
 }
@@ -314,14 +314,14 @@ void WorkerThread::letGo() {
 void WorkerThread::Stop() {
     requestStop();
     if (onOwnThread()) return;
-    while (!endsUntil(Clock::now() + std::chrono::hours(1))) continue;
+    while (!waitUntilEnded(Clock::now() + std::chrono::hours(1))) continue;
     join();
 }
 
 bool WorkerThread::StopWithin(std::chrono::milliseconds limit) {
     requestStop();
-    if (onOwnThread() || !endsUntil(Clock::now() + limit)) {
-        letGo();
+    if (onOwnThread() || !waitUntilEnded(Clock::now() + limit)) {
+        detach();
         return false;
     }
     join();

@@ -143,9 +143,9 @@ private:
     void sleep(std::chrono::milliseconds time);
     void requestStop();
     bool onOwnThread() const;
-    bool endsUntil(std::chrono::steady_clock::time_point deadline);
+    bool waitUntilEnded(std::chrono::steady_clock::time_point deadline);
     void join();
-    void letGo();
+    void detach();
 
     Queue m_highPriority;
     Queue m_lowPriority;

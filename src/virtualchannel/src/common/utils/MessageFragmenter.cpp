@@ -36,10 +36,10 @@ std::uint32_t packetsNeeded(const SplitBytes& message, int maxPacketSize) {
 
 }  // namespace
 
-MessageCutter::MessageCutter(const void* data, unsigned int length, int maxPacketSize)
-    : MessageCutter({{static_cast<const std::byte*>(data), length}, {}}, maxPacketSize) {}
+MessageFragmenter::MessageFragmenter(const void* data, unsigned int length, int maxPacketSize)
+    : MessageFragmenter({{static_cast<const std::byte*>(data), length}, {}}, maxPacketSize) {}
 
-MessageCutter::MessageCutter(const SplitBytes& message, int maxPacketSize)
+MessageFragmenter::MessageFragmenter(const SplitBytes& message, int maxPacketSize)
     : m_message(message),
       m_length(static_cast<std::uint32_t>(message.size())),
       m_payloadMax(payloadMaxOf(maxPacketSize)),
@@ -52,11 +52,11 @@ MessageCutter::MessageCutter(const SplitBytes& message, int maxPacketSize)
     if (m_total == 0) NORVO_LOG(Error, "Unable to packetize a message, length: ", message.size());
 }
 
-MessageCutter::~MessageCutter() {
+MessageFragmenter::~MessageFragmenter() {
     for (; m_built < m_places; ++m_built) m_block->release();
 }
 
-void MessageCutter::beginBlock() {
+void MessageFragmenter::beginBlock() {
     const std::uint32_t places = std::min(m_remaining, kPacketsPerBlock);
     const std::size_t largest = std::min<std::size_t>(m_payloadMax, m_length) + kPacketHeaderSize;
     m_block = PacketBlock::allocate(places, places * largest);
@@ -66,7 +66,7 @@ void MessageCutter::beginBlock() {
     m_built = 0;
 }
 
-std::unique_ptr<Packet> MessageCutter::next() {
+std::unique_ptr<Packet> MessageFragmenter::next() {
     if (m_remaining == 0) return nullptr;
     if (m_built == m_places) beginBlock();
     const std::uint32_t sequence = m_remaining--;
