@@ -1,14 +1,10 @@
 #pragma once
 
-#include <sys/resource.h>
-#include <unistd.h>
+#include <pthread.h>
 
-#include <fstream>
 #include <functional>
 #include <thread>
 #include <vector>
-
-#include "Rounds.h"
 
 namespace testsupport {
 
@@ -19,20 +15,19 @@ inline void onThreads(int count, const std::function<void(int number)>& work) {
     for (auto& thread : threads) thread.join();
 }
 
-// Runs `step` without room for the stack of another thread. Only in a process where no thread has
-// ended yet, as their stacks are kept, and not with a sanitizer, which needs the address space.
+// Runs `step` while no thread can be created: none has room for the stack that each would get, and
+// no stack of an ended thread is that large.
 inline void withoutNewThreads(const std::function<void()>& step) {
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    rlimit before{};
-    getrlimit(RLIMIT_AS, &before);
-    const rlimit noStack{pages * static_cast<std::size_t>(getpagesize()) + (3U << 20),
-                         before.rlim_max};
-    setrlimit(RLIMIT_AS, &noStack);
+    pthread_attr_t before;
+    pthread_attr_t endless;
+    pthread_getattr_default_np(&before);
+    pthread_getattr_default_np(&endless);
+    pthread_attr_setstacksize(&endless, std::size_t{1} << 60U);
+    pthread_setattr_default_np(&endless);
     step();
-    setrlimit(RLIMIT_AS, &before);
+    pthread_setattr_default_np(&before);
+    pthread_attr_destroy(&before);
+    pthread_attr_destroy(&endless);
 }
-// Whether that is possible here.
-inline bool canRefuseThreads() { return !kSanitized && access("/proc/self/statm", R_OK) == 0; }
 
 }  // namespace testsupport
