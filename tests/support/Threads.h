@@ -15,6 +15,7 @@ inline void onThreads(int count, const std::function<void(int number)>& work) {
     for (auto& thread : threads) thread.join();
 }
 
+#ifdef __linux__
 // Runs `step` while no thread can be created: none has room for the stack that each would get, and
 // no stack of an ended thread is that large.
 inline void withoutNewThreads(const std::function<void()>& step) {
@@ -29,5 +30,10 @@ inline void withoutNewThreads(const std::function<void()>& step) {
     pthread_attr_destroy(&before);
     pthread_attr_destroy(&endless);
 }
+inline bool canRefuseThreads() { return true; }
+#else
+inline void withoutNewThreads(const std::function<void()>& step) { step(); }
+inline bool canRefuseThreads() { return false; }
+#endif
 
 }  // namespace testsupport
