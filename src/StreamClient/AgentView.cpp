@@ -28,7 +28,7 @@ constexpr auto kPatienceWithTheAbsent = 200ms;
 // A longer gap between two looks means that this process was suspended and others may have gone on.
 constexpr auto kStandstill = 3s;
 // More streams than an agent serves.
-constexpr std::size_t kMostHeardOf = 1024;
+constexpr std::size_t kMostReported = 1024;
 
 template <class NamedEntry>
 std::string requestText(const NamedEntry& stream) {
@@ -171,7 +171,7 @@ std::optional<bool> AgentView::hearProcessId(const Notification& notification,
 void AgentView::hearStreamUp(const Notification& notification) {
     if (notification.fields.size() < 2) return;
     const bool reads = notification.fields[1] == "READ";
-    if (m_reported.size() < kMostHeardOf)
+    if (m_reported.size() < kMostReported)
         m_reported[notification.fields[0]] = reads ? Direction::Read : Direction::Write;
     const auto found = m_streams.find(notification.fields[0]);
     if (found == m_streams.end()) return;

@@ -8,8 +8,8 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr milliseconds kFirstPatience{1000};
-constexpr milliseconds kLongestPatience{4000};
+constexpr milliseconds kFirstTimeout{1000};
+constexpr milliseconds kLongestTimeout{4000};
 // A stream keeps its newest 1001 messages; stay far below that, whatever the peer says.
 constexpr std::uint32_t kMostMessages = 256;
 
@@ -76,13 +76,13 @@ void SendingHalf::forget(std::uint64_t before) {
 }
 
 void SendingHalf::restartTimer(Time now) {
-    m_retransmitTimeout = kFirstPatience;
+    m_retransmitTimeout = kFirstTimeout;
     m_resendAt.reset();
     if (m_unsent > 0) m_resendAt = now + m_retransmitTimeout;
 }
 
 void SendingHalf::expectLoss(Time now) {
-    m_retransmitTimeout = kFirstPatience;
+    m_retransmitTimeout = kFirstTimeout;
     if (m_resendAt) m_resendAt = now;
 }
 
@@ -98,7 +98,7 @@ bool SendingHalf::maySend(Time now) const {
 SendingHalf::Block SendingHalf::next(ConnectionFrame& frame, Time now) {
     Piece* piece = &m_blocks.front();
     if (isResendDue(now) && m_unsent > 0) {
-        m_retransmitTimeout = std::min(m_retransmitTimeout * 2, kLongestPatience);
+        m_retransmitTimeout = std::min(m_retransmitTimeout * 2, kLongestTimeout);
         m_resendAt = now + m_retransmitTimeout;
     } else {
         piece = &m_blocks[m_unsent++];

@@ -186,7 +186,7 @@ void refuseUnsuitableEnvironment() {
                                "': only letters, digits, '-' and '_' are allowed, at most 32",
                            kUsage);
     const char* const level = std::getenv("NORVO_VDI_LOG_LEVEL");
-    if (level && *level && !KLT::kltlogger::thresholdIn(level))
+    if (level && !KLT::kltlogger::thresholdIn(level))
         throw CommandError(
             "NORVO_VDI_LOG_LEVEL is '" + std::string(level) + "': it is a number from 0 to 6",
             kUsage);

@@ -92,8 +92,8 @@ void PacketLink::readLoop(std::uint32_t maxPacket, const Receiver& receive) {
                       [&](unsigned char* packet, std::uint32_t length) {
                           if (splitter.skipped() == 0 && !m_closed) receive(packet, length);
                       });
-        m_isAlien = splitter.skipped() > 0;
-        if (m_isAlien)
+        m_sawForeignBytes = splitter.skipped() > 0;
+        if (m_sawForeignBytes)
             close("received what is no packet: the other end is not a host of this kind");
     }
 }

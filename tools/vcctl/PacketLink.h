@@ -45,7 +45,7 @@ public:
     int closedDescriptor() const { return m_bytes->interrupted(); }
     std::string closeReason() const;
     // Ended by what was no packet of this kind of host.
-    bool sawForeignBytes() const { return m_isAlien; }
+    bool sawForeignBytes() const { return m_sawForeignBytes; }
 
 private:
     void readLoop(std::uint32_t maxPacket, const Receiver& receive);
@@ -59,7 +59,7 @@ private:
     mutable VDIFrameworkCommon::LocalMutex m_mutex;
     std::string m_reason NORVO_GUARDED_BY(m_mutex);
     std::atomic<bool> m_closed = false;
-    std::atomic<bool> m_isAlien = false;
+    std::atomic<bool> m_sawForeignBytes = false;
 
     std::thread m_reader;
 };

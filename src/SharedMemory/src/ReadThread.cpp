@@ -18,8 +18,8 @@ constexpr unsigned int kWaitsUntilQuiet = 3;
 
 // Messages further apart than this come one by one; after so many of them the wait is left to a
 // stand-in.
-constexpr std::chrono::microseconds kCalm{25};
-constexpr unsigned int kCalmReadsToLeave = 12;
+constexpr std::chrono::microseconds kSpacing{25};
+constexpr unsigned int kSpacedReadsToLeave = 12;
 }  // namespace
 
 using VDIFrameworkCommon::Awaited;
@@ -122,13 +122,13 @@ bool ReadThread::readOnce(unsigned int wait) {
 }
 
 void ReadThread::countSpacedRead(std::size_t length, Clock::duration waited) {
-    m_spacedReads = length <= kLargestAtOnce && waited >= kCalm ? m_spacedReads + 1 : 0;
+    m_spacedReads = length <= kLargestAtOnce && waited >= kSpacing ? m_spacedReads + 1 : 0;
 }
 
 // ---- The stand-in
 
 bool ReadThread::leaveWait() {
-    if (m_spacedReads < kCalmReadsToLeave) return false;
+    if (m_spacedReads < kSpacedReadsToLeave) return false;
     m_spacedReads = 0;
     const auto standIn = m_observers.standIn();
     auto awaited = standIn ? m_source.beginWait() : std::nullopt;
@@ -159,7 +159,7 @@ void ReadThread::waitUntilBack(LeftWait& wait) {
 // On the stand-in's thread.
 bool ReadThread::serve(Awaited& next) {
     if (!m_isRunning) return false;
-    const bool isHurried = Clock::now() - m_servedAt < kCalm;
+    const bool isHurried = Clock::now() - m_servedAt < kSpacing;
     std::string message = m_source.readAtOnce();
     if (message.empty()) return false;
     if (!m_observers.deliverAtOnce(message)) {

@@ -188,11 +188,12 @@ SegmentSlot::Look SegmentSlot::look(Clock::time_point now) {
 }
 
 bool SegmentSlot::areObjectsWhole(Clock::time_point now) {
-    if (isFresh(m_objectsWholeAt, now, m_isSilent ? kLookIsFresh : kSteadyLookIsFresh)) return true;
-    const bool areWhole = m_mutex.isIntact(now) && m_readCondition.isIntact(now) &&
-                          m_writeCondition.isIntact(now) && m_registry.isIntact(now);
-    m_objectsWholeAt = areWhole ? now : Clock::time_point{};
-    return areWhole;
+    if (isFresh(m_objectsIntactAt, now, m_isSilent ? kLookIsFresh : kSteadyLookIsFresh))
+        return true;
+    const bool areIntact = m_mutex.isIntact(now) && m_readCondition.isIntact(now) &&
+                           m_writeCondition.isIntact(now) && m_registry.isIntact(now);
+    m_objectsIntactAt = areIntact ? now : Clock::time_point{};
+    return areIntact;
 }
 
 // Those who opened them since notify others than these.

@@ -206,7 +206,7 @@ private:
     unsigned int m_capacity = 0;
     Claim m_claim = Claim::Shared;
     Clock::time_point m_lastLook{};
-    Clock::time_point m_objectsWholeAt{};
+    Clock::time_point m_objectsIntactAt{};
     // The last wait ended without a notification.
     bool m_isSilent = true;
     Clock::time_point m_namesAskedAt{};

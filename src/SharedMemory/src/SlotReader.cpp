@@ -44,8 +44,8 @@ std::string SlotReader::takeNow(std::chrono::milliseconds silence) {
 std::string SlotReader::takeAtOnce(std::uint32_t most) {
     if (m_assembler.inProgress() || !m_slot.isUnreadAtOnce()) return {};
     const ChunkHeader chunk = ChunkHeader::load(m_slot.header());
-    const bool isIntact = chunk.count == 1 && chunk.index == 1 && chunk.length == chunk.total;
-    if (!isIntact || chunk.length > std::min(most, m_slot.mappedCapacity())) return {};
+    const bool isWholeMessage = chunk.count == 1 && chunk.index == 1 && chunk.length == chunk.total;
+    if (!isWholeMessage || chunk.length > std::min(most, m_slot.mappedCapacity())) return {};
     std::string message(m_slot.data(), chunk.length);
     if (!m_slot.take(std::chrono::milliseconds::zero())) return {};
     ++m_chunksTaken;

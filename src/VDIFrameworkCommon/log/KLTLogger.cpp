@@ -191,6 +191,7 @@ Loggers& loggers() {
 }  // namespace
 
 std::optional<int> thresholdIn(std::string_view text) {
+    if (text.empty()) return Info;
     const bool valid = text.size() == 1 && text[0] >= '0' && text[0] <= '0' + Trace;
     return valid ? std::optional(text[0] - '0') : std::nullopt;
 }

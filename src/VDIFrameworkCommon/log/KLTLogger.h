@@ -57,7 +57,8 @@ inline bool isEnabled(int severity) {
     return severity <= g_activeThreshold.load(std::memory_order_relaxed);
 }
 
-// The threshold that `text`, the value of NORVO_VDI_LOG_LEVEL, asks for; nothing when it is none.
+// The threshold that `text`, the value of NORVO_VDI_LOG_LEVEL, asks for (without a
+// text: the default); nothing when it is none.
 std::optional<int> thresholdIn(std::string_view text);
 
 // Overrides the default and the environment. Values outside 0..6 are clamped.

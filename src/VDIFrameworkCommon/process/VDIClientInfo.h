@@ -18,8 +18,8 @@ public:
     void setClientType(VDIClientType::VDIClientTypeEnum type);
     VDIClientType::VDIClientTypeEnum getClientType() const;
 
-    // Defaults: "NorvoCrews", the project's version and 1, which the plug-in keeps: it
-    // exports none of this.
+    // Defaults: "NorvoCrews", the project's version and 1, which the plug-in keeps: it exports none
+    // of this.
     void setClientName(const std::string& name);
     std::string getClientName() const;
     void setClientVersion(const std::string& version);

@@ -69,7 +69,7 @@ public:
         }
     }
     // wait() has ended because the mutex was truncated: do not touch it.
-    bool isTruncated() const { return m_isCut; }
+    bool isTruncated() const { return m_isTruncated; }
 
 private:
     bool isAbandoned(Identity owner) const {
@@ -91,10 +91,10 @@ private:
         const auto until = std::min(WaitClock::now() + m_slice, m_deadline);
         const bool isPresent = waitOnAddress(m_words.released, released, until);
         const auto now = WaitClock::now();
-        m_isCut = !isPresent && !m_object.isIntact(now);
+        m_isTruncated = !isPresent && !m_object.isIntact(now);
         m_lookClosely = now >= until;
         if (m_lookClosely) m_slice = std::min<milliseconds>(2 * m_slice, kLongestSlice);
-        return !m_isCut;
+        return !m_isTruncated;
     }
 
     NamedObject& m_object;
@@ -103,7 +103,7 @@ private:
     const WaitClock::time_point m_deadline;
     milliseconds m_slice = kFirstSlice;
     bool m_lookClosely = false;
-    bool m_isCut = false;
+    bool m_isTruncated = false;
 };
 
 // Frees the lock if `holder` has it.

@@ -123,8 +123,8 @@ TEST_F(AgentLifecycle, StopEndsWhileTheChannelIsBusyWithItsRunner) {
         std::thread([&] { m_channel.deliver(control(CTL_CONNECT)); }).join();
         info->setReader(FakeSegment::Reader::IsStuck);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        reader = std::thread([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        reader = std::thread([&, before = m_side.machine->pauses.load()] {
+            EXPECT_TRUE(eventually([&] { return m_side.machine->pauses > before; }));
             info->setReader(FakeSegment::Reader::Takes);
         });
     };

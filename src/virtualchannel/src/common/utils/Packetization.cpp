@@ -17,10 +17,10 @@ std::uint32_t Packetization::GetMaxPayloadSize() const {
 
 std::uint32_t Packetization::PacketizeData(const void* data, unsigned int length,
                                            std::deque<Packet*>& out) {
-    MessageFragmenter cutter(data, length, m_maxPacketSize);
+    MessageFragmenter fragmenter(data, length, m_maxPacketSize);
     std::vector<std::unique_ptr<Packet>> packets;
-    packets.reserve(cutter.total());
-    while (auto packet = cutter.next()) packets.push_back(std::move(packet));
+    packets.reserve(fragmenter.total());
+    while (auto packet = fragmenter.next()) packets.push_back(std::move(packet));
     for (; !packets.empty(); packets.pop_back()) {
         out.push_front(packets.back().get());
         static_cast<void>(packets.back().release());

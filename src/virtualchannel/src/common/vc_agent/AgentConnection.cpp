@@ -138,8 +138,10 @@ void AgentConnection::availabilityChanged(bool available) {
                   "OnVirtualChannelAvailabilityChange.",
                   m_context.activeAgent());
         // No connection outlives its channel, whichever agent is active.
-        OrderedLock lock(m_transitionMutex, lock_order::transition);
-        if (!available && m_context.connected) leave(Goodbye::Unsaid);
+        if (!available) {
+            OrderedLock lock(m_transitionMutex, lock_order::transition);
+            if (m_context.connected) leave(Goodbye::Unsaid);
+        }
         return;
     }
     if (available == m_channelAvailable)

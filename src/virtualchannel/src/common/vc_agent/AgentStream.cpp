@@ -164,8 +164,9 @@ void Agent::Stream::deliver(const StreamMessage& message) {
     const std::string_view bytes = message.bytes();
     const auto length = static_cast<unsigned int>(bytes.size());
     for (bool failed = false; m_running; failed = true) {
-        m_isRead = m_segment && m_segment->WriteData(bytes.data(), length);
-        if (m_isRead) {
+        const bool isWritten = m_segment && m_segment->WriteData(bytes.data(), length);
+        m_isRead.store(isWritten, std::memory_order_relaxed);
+        if (isWritten) {
             logDelivered(length);
             if (failed) m_undelivered.settled();
             return;

@@ -91,9 +91,9 @@ int PeerSegmentRecord::removeLeftovers() {
         ProcessIdentity::Word process = place.process;
         if (process == 0 || !ProcessIdentity::isGone(process)) return false;
         const std::string name = nameIn(place);
-        const bool isIntact = (process & ProcessIdentity::kUserBit) && isUsableStreamName(name);
-        if (isIntact && !shared_memory::removeSegmentIfUnused(name)) return false;
-        if (place.process.compare_exchange_strong(process, 0) && isIntact) removed++;
+        const bool isComplete = (process & ProcessIdentity::kUserBit) && isUsableStreamName(name);
+        if (isComplete && !shared_memory::removeSegmentIfUnused(name)) return false;
+        if (place.process.compare_exchange_strong(process, 0) && isComplete) removed++;
         return false;
     });
     return removed;

@@ -261,14 +261,17 @@ void StreamService::closeTogether(const StreamTable::Streams& streams) {
 
 void StreamService::closeAll() {
     m_segments.end();
-    OrderedLock lock(m_creationMutex, lock_order::creation);
-    auto streams = m_streams.close();
-    AGENT_LOG(m_context, Info, "Signal processing threads to stop");
     // Local processes learn from the last notifications that the agent is gone.
     StreamTable::Streams notifications;
-    notifications.insert(streams.extract(m_context.infoOutputName));
-    closeTogether(streams);
+    {
+        OrderedLock lock(m_creationMutex, lock_order::creation);
+        auto streams = m_streams.close();
+        AGENT_LOG(m_context, Info, "Signal processing threads to stop");
+        notifications.insert(streams.extract(m_context.infoOutputName));
+        closeTogether(streams);
+    }
     for (const auto& [name, stream] : notifications) stream->waitUntilDelivered(kFarewellLimit);
+    OrderedLock lock(m_creationMutex, lock_order::creation);
     closeTogether(notifications);
 }
 

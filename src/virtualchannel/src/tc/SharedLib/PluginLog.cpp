@@ -23,7 +23,7 @@ std::string logFilePath() {
 // A host that starts with a value that does not hold would be searched for the reason in vain.
 void tellUnsuitableEnvironment() {
     const char* const level = std::getenv("NORVO_VDI_LOG_LEVEL");
-    if (level && *level && !KLT::kltlogger::thresholdIn(level))
+    if (level && !KLT::kltlogger::thresholdIn(level))
         NORVO_LOG(Warning, "NORVO_VDI_LOG_LEVEL is '", level,
                   "', which is not a number from 0 to 6: the default holds.");
     const char* const space = std::getenv("NORVO_VDI_NAMESPACE");
