@@ -1,5 +1,9 @@
 #include "LogFile.h"
 
+#include <sys/resource.h>
+
+#include <csignal>
+
 #include "FrameworkSupport.h"
 
 using namespace frameworktest;
@@ -52,6 +56,19 @@ TEST_F(LogFileTest, ReopensItsPathWhenTheFileWasRenamedOrRemoved) {
     fs::remove(dir / "a");
     file.write("written\n");
     EXPECT_EQ(content("a/x.log"), "written\n");
+}
+
+TEST_F(LogFileTest, ALineAfterATornOneIsALine) {
+    ASSERT_TRUE(file.open(dir / "x.log"));
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit little{4, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &little);
+    for (const char* text : {"torn\n", "lost\n"}) file.write(text);
+    setrlimit(RLIMIT_FSIZE, &before);
+    file.write("whole\n");
+    EXPECT_EQ(content("x.log"), "torn\nwhole\n");
 }
 
 TEST_F(LogFileTest, APathThatCannotBeALogFileIsNotOpened) {

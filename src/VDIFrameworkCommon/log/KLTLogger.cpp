@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <map>
 
+#include "Contained.h"
 #include "LocalMutex.h"
 #include "Log.h"
 #include "LogAppender.h"
@@ -55,8 +56,8 @@ public:
     void flush();
     void flushIfAllowed();
     void finish() {
-        LogRepeats::reportDue(true);
-        m_appender.finish();
+        VDIFrameworkCommon::contained("Counting repeats", [] { LogRepeats::reportDue(true); });
+        VDIFrameworkCommon::contained("Writing the log", [this] { m_appender.finish(); });
     }
     void scheduleReport(std::chrono::steady_clock::time_point time) { m_appender.wakeAt(time); }
 

@@ -1,6 +1,7 @@
 #include "LogFile.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -47,7 +48,10 @@ bool LogFile::open(const std::string& path) {
     return true;
 }
 
-void LogFile::openPath() { m_file = openLog(m_path); }
+void LogFile::openPath() {
+    m_file = openLog(m_path);
+    m_isLineTorn = false;
+}
 
 void LogFile::write(std::string_view lines) {
     followPath();
@@ -56,25 +60,38 @@ void LogFile::write(std::string_view lines) {
         status.st_size + static_cast<off_t>(lines.size()) > m_limit) {
         roll();
     }
-    while (m_file && !lines.empty()) {
-        const ssize_t written = ::write(m_file.get(), lines.data(), lines.size());
+    if (m_isLineTorn) append("\n");
+    if (!m_isLineTorn) append(lines);
+}
+
+void LogFile::append(std::string_view text) {
+    const std::size_t whole = text.size();
+    while (m_file && !text.empty()) {
+        const ssize_t written = ::write(m_file.get(), text.data(), text.size());
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
-        lines.remove_prefix(static_cast<std::size_t>(written));
+        if (written <= 0) break;
+        text.remove_prefix(static_cast<std::size_t>(written));
     }
+    if (text.size() < whole) m_isLineTorn = !text.empty();
+}
+
+bool LogFile::isNamed() const {
+    struct stat ours {};
+    struct stat named {};
+    return m_file && fstat(m_file.get(), &ours) == 0 && lstat(m_path.c_str(), &named) == 0 &&
+           VDIFrameworkCommon::isSameFile(ours, named);
 }
 
 // Another process may have rolled the file, or it was removed, perhaps with its directory.
 void LogFile::followPath() {
-    struct stat ours {};
-    struct stat named {};
-    const bool same = m_file && fstat(m_file.get(), &ours) == 0 &&
-                      lstat(m_path.c_str(), &named) == 0 &&
-                      VDIFrameworkCommon::isSameFile(ours, named);
-    if (!same) openPath();
+    if (!isNamed()) openPath();
 }
 
+// By one process at a time: another one that found the same file full finds it renamed afterwards.
+// The lock ends with its descriptor.
 void LogFile::roll() {
+    if (flock(m_file.get(), LOCK_EX | LOCK_NB) != 0) return;
+    if (!isNamed()) return openPath();
     for (int old = kKept - 1; old >= 0; --old) {
         const std::string from = old == 0 ? m_path : m_path + '.' + std::to_string(old);
         std::rename(from.c_str(), (m_path + '.' + std::to_string(old + 1)).c_str());

@@ -31,12 +31,15 @@ public:
 
 private:
     void openPath();
+    bool isNamed() const;
     void followPath();
+    void append(std::string_view text);
     void roll();
 
     const off_t m_limit;
     std::string m_path;
     VDIFrameworkCommon::FileDescriptor m_file;
+    bool m_isLineTorn = false;  // the system took a part of what was written last
 };
 
 }  // namespace KLT::kltlogger

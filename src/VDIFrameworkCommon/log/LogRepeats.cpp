@@ -1,6 +1,7 @@
 #include "LogRepeats.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <set>
 #include <utility>
@@ -31,8 +32,9 @@ std::string grouped(std::uint64_t number) {
 
 // All objects share one lock. Never destroyed: objects may live until the process ends.
 struct LogRepeats::Waiting {
-    static Waiting& get() {
-        static auto* const instance = new Waiting;
+    static Waiting& get() noexcept {
+        alignas(Waiting) static std::byte place[sizeof(Waiting)];  // there whatever memory is left
+        static auto* const instance = std::construct_at(reinterpret_cast<Waiting*>(place));
         return *instance;
     }
     LocalMutex mutex;
@@ -94,14 +96,17 @@ void LogRepeats::write(const Rest& rest) {
     KLT::kltlogger::write(record.severity, record.source, record.line, record.operation, text);
 }
 
-void LogRepeats::settled() {
-    Waiting& waiting = Waiting::get();
-    LocalLock lock(waiting.mutex);
-    m_begun = false;
-    if (waiting.objects.erase(this) == 0) return;
-    const Rest rest = takeRest(m_now());
-    lock.unlock();
-    write(rest);
+void LogRepeats::settled() noexcept {
+    try {
+        Waiting& waiting = Waiting::get();
+        LocalLock lock(waiting.mutex);
+        m_begun = false;
+        if (waiting.objects.erase(this) == 0) return;
+        const Rest rest = takeRest(m_now());
+        lock.unlock();
+        write(rest);
+    } catch (...) {  // NOLINT(bugprone-empty-catch): as in Log.h
+    }
 }
 
 LogRepeats::Time LogRepeats::reportDue(bool all) {

@@ -38,7 +38,7 @@ public:
     }
 
     // The matter is settled: the next message is a first one again.
-    void settled();
+    void settled() noexcept;
 
     // Logs the counts that are due, or all. Returns when the next one is due; Time::max() when none
     // is pending.
