@@ -3,10 +3,13 @@
 #include <utility>
 
 #include "Acknowledgement.h"
+#include "Contained.h"
 #include "HostCallbacks.h"
 #include "KRANRunner.h"
 
 namespace NorvoVirtualChannel::tc {
+
+using VDIFrameworkCommon::contained;
 
 namespace {
 constexpr ChannelProfile kProfile{
@@ -71,9 +74,9 @@ void CitrixVirtualChannel::shutdownSteps() {
     if (!notifyShutdown()) return;
     removeRunner();
     cleanupSharedMemory();
-    ResetChannel();
-    Acknowledgement::Shutdown();
-    endTraffic();
+    contained("Resetting the channel", [this] { ResetChannel(); });
+    contained("Ending the acknowledgements", [] { Acknowledgement::Shutdown(); });
+    contained("Ending the traffic", [this] { endTraffic(); });
     stopAndDeleteAgent();
     VirtualChannelLogger_flushBufferIfAllowed();
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <exception>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -156,15 +157,17 @@ void stopThinclient() {
 
 void runKRANThread() {
     NORVO_LOG(Trace, "KRAN runner thread start.");
-    Companion companion;
-    contained("Launching the thin client", [&] { launchUnlessRunning(companion); });
+    std::optional<Companion> companion;
+    contained("Launching the thin client", [&] { launchUnlessRunning(companion.emplace()); });
     while (runner().running) {
         runner().stop.timedWait(kRoundMilliseconds);
         contained("Looking after the thin client", [&] {
-            if (runner().running) companion.lookAfter();
+            if (!runner().running) return;
+            if (!companion) companion.emplace();  // there was no memory for it
+            companion->lookAfter();
         });
     }
-    stopThinclient();
+    contained("Ending the thin client", stopThinclient);
     NORVO_LOG(Trace, "KRAN runner thread stopped.");
 }
 
@@ -204,7 +207,9 @@ void stopKRAN() {
 void addRunner() { VDIRunnerCounter::getInstance().addRunner(ProcessUtils::getCurrentProcessId()); }
 
 void removeRunner() {
-    VDIRunnerCounter::getInstance().removeRunner(ProcessUtils::getCurrentProcessId());
+    contained("Counting the runner out", [] {
+        VDIRunnerCounter::getInstance().removeRunner(ProcessUtils::getCurrentProcessId());
+    });
 }
 
 void cleanupSharedMemory() { static_cast<void>(VDIRunnerCounter::getInstance().hasRunner()); }

@@ -140,7 +140,10 @@ uint32_t AppendDataToBuffer(const void* data, uint32_t length, int flag) {
 void Shutdown(void) {
     contained("Shutdown", [] {
         contained("Writing the log", [] { VirtualChannelLogger_flush(); });
-        if (TransportChannel* const channel = currentChannel()) channel->Shutdown();
+        if (TransportChannel* const channel = currentChannel()) {
+            channel->Shutdown();
+            contained("Writing the log", [] { VirtualChannelLogger_flush(); });
+        }
     });
 }
 

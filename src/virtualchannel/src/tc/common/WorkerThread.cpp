@@ -346,10 +346,8 @@ void WorkerThread::ResetQueue() {
 }
 
 void WorkerThread::clear(Queue& queue) {
-    std::deque<WorkItem>
-        dropped;  // declared before the lock, so its items are destroyed after unlocking
     LocalLock lock(queue.mutex);
-    dropped.swap(queue.items);
+    queue.items.clear();  // another container, to empty it unlocked, would need memory
     queue.size = 0;
 }
 
