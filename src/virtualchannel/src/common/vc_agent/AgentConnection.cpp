@@ -59,7 +59,10 @@ bool AgentConnection::begin(const ConnectionState::Transition& transition) {
               "Virtual Channel Agents is loaded by process id: ", utils::GetProcessId());
     if (auto* const channel = m_context.channel()) channel->onAgentStateChange(true);
     if (!m_context.environment->markActive()) {
-        AGENT_LOG(m_context, Warning, "Another virtual channel agent is marked as the active one.",
+        AGENT_LOG(m_context, Warning,
+                  m_context.environment->hasOtherActiveAgent()
+                      ? "Another virtual channel agent is marked as the active one."
+                      : "This virtual channel agent could not be marked as the active one.",
                   m_context.activeAgent());
     }
     m_state.enter(transition);
@@ -68,6 +71,11 @@ bool AgentConnection::begin(const ConnectionState::Transition& transition) {
     AGENT_LOG(m_context, Error, "Cannot start the threads of a connection.");
     leave(Goodbye::Unsaid);
     return false;
+}
+
+void AgentConnection::sendWhileConnected(const VCMessage& message) {
+    OrderedLock lock(m_transitionMutex, lock_order::transition);
+    if (m_context.connected && !m_context.stopping) m_context.SendMessageToChannel(message);
 }
 
 void AgentConnection::setDisconnected() {

@@ -21,6 +21,8 @@ public:
     // its ends of the streams. False when there is no connection: the agent is ending, or has no
     // threads for it.
     bool setConnected() NORVO_TAKES_TRANSITION;
+    // Sends it unless the connection has been left: nothing may follow CTL_DISCONNECT.
+    void sendWhileConnected(const VCMessage& message) NORVO_TAKES_TRANSITION;
     // Leaves it. Local processes are notified even if there was no connection.
     void setDisconnected() NORVO_TAKES_TRANSITION;
 

@@ -49,7 +49,7 @@ private:
     bool takeHandshake(const VCMessage& message) NORVO_TAKES_TRANSITION;
     void takeVersions(const VCMessage& message) NORVO_TAKES_LEAF;
     void takeStreamList(const VCMessage& message) NORVO_TAKES_STREAMS;
-    void sendCapabilities(MessageTypeEnum type);
+    VCMessage capabilities(MessageTypeEnum type) const;
 
     StreamPtr findOpposite(const StreamDetails& stream) NORVO_TAKES_STREAMS;
     // Records whether both ends have the same direction; notifies local processes of a change.

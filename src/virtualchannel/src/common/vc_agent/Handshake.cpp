@@ -19,15 +19,15 @@ bool ControlProtocol::ignoresHandshake(const char* messageName) {
 // A peer that sends this has just started or restarted.
 void ControlProtocol::connect(const Received& /*received*/) {
     if (auto* const channel = m_context.channel()) channel->ForgetIncompleteMessages();
-    if (!ignoresHandshake("CTL_CONNECT")) sendCapabilities(CTL_CONNECT_READY);
+    if (ignoresHandshake("CTL_CONNECT")) return;
+    m_context.SendMessageToChannel(capabilities(CTL_CONNECT_READY));
 }
 
 void ControlProtocol::connectReady(const Received& received) {
     if (ignoresHandshake("CTL_CONNECT_READY")) return;
     if (!takeHandshake(received.message)) return;
-    if (m_context.stopping) return;  // CTL_DISCONNECT must be the last message to the peer
     AGENT_LOG(m_context, Info, "reply with CTL_CONNECTED and supported streams list");
-    sendCapabilities(CTL_CONNECTED);
+    m_connection.sendWhileConnected(capabilities(CTL_CONNECTED));
 }
 
 void ControlProtocol::connected(const Received& received) {
@@ -88,7 +88,7 @@ void ControlProtocol::takeStreamList(const VCMessage& message) {
     m_context.notifyInvalidStreams();
 }
 
-void ControlProtocol::sendCapabilities(MessageTypeEnum type) {
+VCMessage ControlProtocol::capabilities(MessageTypeEnum type) const {
     const VDIClientInfo& info = VDIClientInfo::getInstance();
     VCMessage message;
     message.setMessageType(type);
@@ -101,7 +101,7 @@ void ControlProtocol::sendCapabilities(MessageTypeEnum type) {
     message.setChannelVersion(kChannelVersion);
     message.setInternalVersion(VDIFrameworkCommon::toString(info.getMyInternalVersion()));
     message.setClientVersion(info.getClientVersion());
-    m_context.SendMessageToChannel(message);
+    return message;
 }
 
 }  // namespace VirtualChannelAgent
