@@ -5,8 +5,11 @@
 
 namespace hosts {
 
-PluginThread::PluginThread(const Plugin& plugin, std::uint32_t maxPacket)
-    : m_plugin(plugin), m_splitter(maxPacket, 16 * maxPacket), m_thread([this] { run(); }) {}
+PluginThread::PluginThread(const Plugin& plugin, std::uint32_t maxPacket, IdleWatch& idleWatch)
+    : m_plugin(plugin),
+      m_splitter(maxPacket, 16 * maxPacket),
+      m_idleWatch(idleWatch),
+      m_thread([this] { run(); }) {}
 
 PluginThread::~PluginThread() { end(); }
 
@@ -53,8 +56,7 @@ void PluginThread::run() {
     std::vector<bool> states;
     std::unique_lock lock(m_mutex);
     for (;;) {
-        m_changed.wait(
-            lock, [&] { return m_ending || m_dropped || !m_data.empty() || !m_states.empty(); });
+        waitForWork(lock);
         data.swap(m_data);
         states.swap(m_states);
         const bool ending = m_ending;
@@ -63,7 +65,8 @@ void PluginThread::run() {
         lock.unlock();
 
         if (!states.empty()) m_splitter.reset();
-        for (const bool state : states) m_plugin.ChannelActive(state ? 1 : 0);
+        for (const bool state : states) m_idleWatch.setActive(m_plugin, state);
+        m_idleWatch.tellAgain(m_plugin);
         passOn(data, connection);
         if (dropped) m_splitter.resetInside();
         if (ending) {
@@ -74,6 +77,15 @@ void PluginThread::run() {
         states.clear();
         lock.lock();
     }
+}
+
+void PluginThread::waitForWork(std::unique_lock<std::mutex>& lock) {
+    const auto hasWork = [&] {
+        return m_ending || m_dropped || !m_data.empty() || !m_states.empty();
+    };
+    const auto due = m_idleWatch.due();
+    if (due == IdleWatch::Clock::time_point::max()) return m_changed.wait(lock, hasWork);
+    m_changed.wait_until(lock, due, hasWork);
 }
 
 void PluginThread::passOn(std::span<const unsigned char> bytes, std::uint64_t connection) {

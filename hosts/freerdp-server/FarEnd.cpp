@@ -16,7 +16,8 @@ const Plugin& initialised(const Plugin& plugin, AppendBufferFunc append, void* c
 }  // namespace
 
 FarEnd::FarEnd(const std::string& library)
-    : m_plugin(library), m_thread(initialised(m_plugin, &FarEnd::append, this), kRdpPacket) {}
+    : m_plugin(library),
+      m_thread(initialised(m_plugin, &FarEnd::append, this), kRdpPacket, m_idleWatch) {}
 
 FarEnd::~FarEnd() {
     leave(m_channel);
@@ -77,6 +78,7 @@ void FarEnd::receive(HANDLE channel) {
 int FarEnd::append(const void* data, std::uint32_t length, std::uintptr_t, void* self) {
     auto& end = *static_cast<FarEnd*>(self);
     const auto* bytes = static_cast<const unsigned char*>(data);
+    end.m_idleWatch.noteSent();
     std::unique_lock lock(end.m_mutex);
     end.m_room.wait(lock, [&] { return !end.m_channel || end.m_inBox < kMostInBox; });
     if (!end.m_channel) return 0;

@@ -38,6 +38,7 @@ private:
     static int append(const void* data, std::uint32_t length, std::uintptr_t, void* self);
 
     Plugin m_plugin;
+    IdleWatch m_idleWatch;
     PluginThread m_thread;
 
     std::mutex m_mutex;  // guards the members below

@@ -114,7 +114,7 @@ void AddIn::onInitEvent(UINT event) {
 // Local processes find the agent from here on.
 void AddIn::initialise() {
     m_plugin->InitialiseChannel(&AddIn::append, NORVO_CHANNEL_RDP, this);
-    m_thread = std::make_unique<PluginThread>(*m_plugin, kRdpPacket);
+    m_thread = std::make_unique<PluginThread>(*m_plugin, kRdpPacket, m_idleWatch);
 }
 
 // Also called when a session is resumed.
@@ -190,8 +190,10 @@ void AddIn::written(void* buffer) {
 }
 
 int AddIn::append(const void* data, std::uint32_t length, std::uintptr_t, void* self) {
+    auto& addIn = *static_cast<AddIn*>(self);
+    addIn.m_idleWatch.noteSent();
     try {
-        static_cast<AddIn*>(self)->write(data, length);
+        addIn.write(data, length);
     } catch (const std::exception& error) {
         complain("a packet is lost: ", error.what());
     }

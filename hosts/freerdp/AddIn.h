@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "IdleWatch.h"
 #include "Plugin.h"
 #include "PluginThread.h"
 
@@ -57,6 +58,7 @@ private:
     CHANNEL_ENTRY_POINTS_FREERDP_EX m_functions{};
     void* m_initHandle = nullptr;
     std::optional<Plugin> m_plugin;
+    IdleWatch m_idleWatch;
     std::unique_ptr<PluginThread> m_thread;
     Clock::duration m_longestCall{};  // of FreeRDP's while it was connected
 

@@ -76,10 +76,10 @@ bool Agent::serve(int stop, std::uint64_t client) {
     if (!channel) return false;
     setChannel(std::move(channel));
     say("channel open");
-    m_plugin.ChannelActive(1);
+    m_idleWatch.setActive(m_plugin, true);
     const std::string why = passOnUntilTheEnd(stop, client);
     m_leaving = true;
-    m_plugin.ChannelActive(0);
+    m_idleWatch.setActive(m_plugin, false);
     setChannel(nullptr);
     say("channel closed: " + why);
     return true;
@@ -105,6 +105,7 @@ std::string Agent::passOnUntilTheEnd(int stop, std::uint64_t client) {
         if (waited[1].revents) return "the agent stops";
         if (Clock::now() >= nextLook) {
             if (std::string why = whyToClose(client); !why.empty()) return why;
+            m_idleWatch.tellAgain(m_plugin);
             nextLook = Clock::now() + std::chrono::milliseconds(kServingPause);
         }
         if (!waited[0].revents) continue;
@@ -127,7 +128,9 @@ void Agent::setChannel(std::unique_ptr<XrdpApi::Channel> channel) {
 }
 
 int Agent::append(const void* data, std::uint32_t length, std::uintptr_t, void* self) {
-    static_cast<Agent*>(self)->send(static_cast<const unsigned char*>(data), length);
+    auto& agent = *static_cast<Agent*>(self);
+    agent.m_idleWatch.noteSent();
+    agent.send(static_cast<const unsigned char*>(data), length);
     return 0;
 }
 

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "IdleWatch.h"
 #include "Plugin.h"
 #include "XrdpApi.h"
 
@@ -46,6 +47,7 @@ private:
     const int m_display;
     const XrdpApi m_api;
     const Plugin m_plugin;
+    IdleWatch m_idleWatch;
     std::string m_said;
     bool m_hadSession = false;
     Clock::time_point m_lastSeen;

@@ -37,7 +37,8 @@ TEST(PluginThread, JoinsNoPacketFromWhatWasBeforeAndAfterAHole) {
     }
     Plugin plugin(FAKE_PLUGIN);
     plugin.ReceiveData = takeSlowly;
-    PluginThread thread(plugin, kRdpPacket);
+    IdleWatch watch;
+    PluginThread thread(plugin, kRdpPacket, watch);
     const auto send = [&](std::string_view bytes) {
         thread.receive({reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()});
     };
@@ -67,6 +68,28 @@ TEST(PluginThread, JoinsNoPacketFromWhatWasBeforeAndAfterAHole) {
     EXPECT_GE(sent - packets.begin(), std::ptrdiff_t{PluginThread::kMostPending / 1500});
     ASSERT_NE(received, g_received.end());
     EXPECT_EQ(received->substr(PacketSplitter::kHeaderSize), kLater);
+}
+
+// Of an agent that sends nothing before it has been told for the third time.
+std::atomic<int> g_timesTold = 0;
+IdleWatch* g_watch = nullptr;
+
+void idleTwice(std::uint32_t active) {
+    if (active == 1 && ++g_timesTold == 3) g_watch->noteSent();
+}
+
+TEST(PluginThread, TellsAnIdleAgentAgainUntilItSends) {
+    g_timesTold = 0;
+    Plugin plugin(FAKE_PLUGIN);
+    plugin.ChannelActive = idleTwice;
+    IdleWatch watch{std::chrono::milliseconds(10)};
+    g_watch = &watch;
+    PluginThread thread(plugin, kRdpPacket, watch);
+    thread.setActive(true);
+    EXPECT_TRUE(eventually([] { return g_timesTold == 3; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    thread.end();
+    EXPECT_EQ(g_timesTold, 3);
 }
 
 }  // namespace

@@ -124,7 +124,8 @@ NORVO_EXPORT uint32_t ReceiveData(unsigned char* data, uint32_t length);
  * 1: the remote side can be reached. Packets are sent from now on, and the agent looks for its
  * peer. 0: it cannot. Waiting and later packets are dropped. Other values are ignored. Returns when
  * the agent has handled the change. Before InitialiseChannel it only opens or closes the gate for
- * outgoing packets.
+ * outgoing packets. While another process's agent is active in the session, the agent stays idle,
+ * and the log says so: call with 1 again later, for example every few seconds until a packet comes.
  */
 NORVO_EXPORT void ChannelActive(uint32_t state);
 
