@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "SessionNamespace.h"
+
 namespace hosts {
 
 namespace {
@@ -69,20 +71,21 @@ bool AddIn::begin(const CHANNEL_ENTRY_POINTS_FREERDP_EX& functions, void* initHa
 
 // /vc:NRVOCW,name=value,...: the first argument is the channel's name.
 bool AddIn::loadPlugin(const ADDIN_ARGV* arguments) {
-    std::string path = Plugin::kDefaultName;
-    for (int i = 1; arguments && i < arguments->argc; ++i) {
-        const std::string_view argument = argumentAt(*arguments, i);
-        if (argument.starts_with("library=")) {
-            path = argument.substr(argument.find('=') + 1);
-        } else if (argument.starts_with("namespace=")) {
-            // The library reads it only from there.
-            setenv("NORVO_VDI_NAMESPACE", arguments->argv[i] + argument.find('=') + 1, 1);
-        } else {
-            complain("known options are library=PATH and namespace=NAME, not ", arguments->argv[i]);
-            return false;
-        }
-    }
     try {
+        std::string path = Plugin::kDefaultName;
+        for (int i = 1; arguments && i < arguments->argc; ++i) {
+            const std::string_view argument = argumentAt(*arguments, i);
+            const std::string value(argument.substr(argument.find('=') + 1));
+            if (argument.starts_with("library=") && !value.empty()) {
+                path = value;
+            } else if (argument.starts_with("namespace=")) {
+                useSessionNamespace(value);
+            } else {
+                complain("known options are library=PATH and namespace=NAME, not ",
+                         arguments->argv[i]);
+                return false;
+            }
+        }
         m_plugin.emplace(path);
         return true;
     } catch (const std::exception& error) {

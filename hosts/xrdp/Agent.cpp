@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -17,8 +18,9 @@ namespace {
 // Milliseconds between two polls of the session.
 constexpr int kWaitingPause = 300;
 constexpr int kServingPause = 1000;
-// xrdp's library complains on standard output at each attempt.
+// xrdp's library complains on standard output at each attempt, so these get rarer.
 constexpr auto kBlindPause = std::chrono::seconds(3);
+constexpr auto kLongestBlindPause = std::chrono::seconds(60);
 // chansrv may be restarted; a session without a display is over.
 constexpr auto kLongestAbsence = std::chrono::seconds(5);
 
@@ -45,6 +47,7 @@ void Agent::say(const std::string& text) {
 
 void Agent::run(int stop) {
     Clock::time_point nextBlindTry;
+    auto blindPause = kBlindPause;
     do {
         const DesktopSession session = desktopSession(m_display);
         if (session.state != DesktopSession::None) {
@@ -62,7 +65,8 @@ void Agent::run(int stop) {
             // There may be a session even if the system does not list the sockets.
             if (Clock::now() < nextBlindTry) continue;
             serve(stop, session.client);
-            nextBlindTry = Clock::now() + kBlindPause;
+            nextBlindTry = Clock::now() + blindPause;
+            blindPause = std::min(2 * blindPause, kLongestBlindPause);
         }
     } while (!waitFor(stop, kWaitingPause));
 }

@@ -16,6 +16,7 @@
 #include "Agent.h"
 #include "DesktopSession.h"
 #include "Plugin.h"
+#include "SessionNamespace.h"
 #include "StandardDescriptors.h"
 #include "XrdpApi.h"
 
@@ -144,11 +145,13 @@ int parseAndRun(int argc, char** argv) {
     app.set_version_flag("--version", NORVO_VERSION);
     try {
         app.parse(argc, argv);
+        if (!options.sessionNamespace.empty()) hosts::useSessionNamespace(options.sessionNamespace);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsage;
+    } catch (const std::runtime_error& error) {
+        std::fprintf(stderr, "norvo-xrdp-agent: %s\n", error.what());
+        return kUsage;
     }
-    if (!options.sessionNamespace.empty())
-        setenv("NORVO_VDI_NAMESPACE", options.sessionNamespace.c_str(), 1);
     return options.check ? check(options) : run(options);
 }
 

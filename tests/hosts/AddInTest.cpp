@@ -27,17 +27,27 @@ TEST(AddIn, ASecondSessionGoesWithoutTheChannelUntilTheFirstHasEnded) {
     std::string name = "NRVOCW";
     std::string library = "library=" FAKE_PLUGIN;
     char* arguments[] = {name.data(), library.data()};
+    std::pair<std::string, const char*> wrong[] = {
+        {"library=", "not library="}, {"namespace=a.b", "'a.b'"}, {"other=1", "not other=1"}};
     ADDIN_ARGV given{2, arguments};
     CHANNEL_ENTRY_POINTS_FREERDP_EX functions{};
     functions.cbSize = sizeof functions;
     functions.MagicNumber = FREERDP_CHANNEL_MAGIC_NUMBER;
     functions.pVirtualChannelInitEx = initialise;
     functions.pExtendedData = &given;
-    const auto beginOne = [&] {
+    const auto beginOne = [&](BOOL isTaken = TRUE) {
         testing::internal::CaptureStderr();
-        EXPECT_TRUE(begin(reinterpret_cast<PCHANNEL_ENTRY_POINTS_EX>(&functions), &functions));
+        EXPECT_EQ(begin(reinterpret_cast<PCHANNEL_ENTRY_POINTS_EX>(&functions), &functions),
+                  isTaken);
         return testing::internal::GetCapturedStderr();
     };
+    for (auto& [argument, complaint] : wrong) {
+        char* refused[] = {name.data(), argument.data()};
+        ADDIN_ARGV bad{2, refused};
+        functions.pExtendedData = &bad;
+        EXPECT_NE(beginOne(FALSE).find(complaint), std::string::npos);
+    }
+    functions.pExtendedData = &given;
     EXPECT_EQ(beginOne(), "");
     EXPECT_EQ(
         beginOne(),

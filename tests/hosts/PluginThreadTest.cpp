@@ -85,11 +85,13 @@ TEST(PluginThread, TellsAnIdleAgentAgainUntilItSends) {
     IdleWatch watch{std::chrono::milliseconds(10)};
     g_watch = &watch;
     PluginThread thread(plugin, kRdpPacket, watch);
+    testing::internal::CaptureStderr();
     thread.setActive(true);
     EXPECT_TRUE(eventually([] { return g_timesTold == 3; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     thread.end();
     EXPECT_EQ(g_timesTold, 3);
+    EXPECT_TRUE(testing::internal::GetCapturedStderr().starts_with("NRVOCW: the agent is silent"));
 }
 
 }  // namespace
