@@ -6,11 +6,14 @@ foreach(component runtime development)
     run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${STAGE}/usr --component ${component})
 endforeach()
 
-run(${CMAKE_COMMAND} -S ${ROOT}/tests/install/outside -B ${STAGE}/build
-    -DEXAMPLES=${ROOT}/examples -DCMAKE_PREFIX_PATH=${STAGE}/usr -DCMAKE_BUILD_TYPE=${BUILD_TYPE}
-    -DCMAKE_C_COMPILER=${C_COMPILER} -DCMAKE_CXX_COMPILER=${CXX_COMPILER}
-    -DCMAKE_C_FLAGS=${FLAGS} -DCMAKE_CXX_FLAGS=${FLAGS})
-run(${CMAKE_COMMAND} --build ${STAGE}/build)
+function(build_outside folder)
+    run(${CMAKE_COMMAND} -S ${ROOT}/tests/install/outside -B ${STAGE}/${folder} ${ARGN}
+        -DEXAMPLES=${ROOT}/examples -DCMAKE_PREFIX_PATH=${STAGE}/usr -DCMAKE_BUILD_TYPE=${BUILD_TYPE}
+        -DCMAKE_C_COMPILER=${C_COMPILER} -DCMAKE_C_FLAGS=${FLAGS} -DCMAKE_CXX_FLAGS=${FLAGS})
+    run(${CMAKE_COMMAND} --build ${STAGE}/${folder})
+endfunction()
+build_outside(build -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+build_outside(build_c -DLANGUAGES=C)
 
 # The static library's internal names must not clash with those of a program that links it.
 find_program(NM nm REQUIRED)
@@ -24,8 +27,8 @@ endif()
 
 # Nobody answers in this namespace, and a program that starts says so.
 set(ENV{NORVO_VDI_NAMESPACE} "nvt-install")
-foreach(program shared_c static_cpp static_c)
-    run(${STAGE}/build/${program})
+foreach(program build/shared_c build/static_cpp build/static_c build_c/static_c)
+    run(${STAGE}/${program})
     expect("${program}" "${text}" "no agent")
 endforeach()
 run(${CMAKE_COMMAND} -E env HOME=${STAGE} sh -c "${STAGE}/build/host </dev/null >/dev/null")
