@@ -67,6 +67,10 @@ void BroadcastWriter::forget(const RegistryEntry& gone) {
     BroadcastCounts(m_slot.header()).remove(gone);
 }
 
+bool BroadcastWriter::isAlone() const {
+    return BroadcastCounts(m_slot.header()).ready() == 0 && m_readersAtLastWrite == 0;
+}
+
 bool BroadcastWriter::tryLock(unsigned int now) {
     m_slot.header().writerLockCount.fetch_add(1);
     if (isGranted(now)) return true;
@@ -86,7 +90,7 @@ bool BroadcastWriter::isGranted(unsigned int now) {
         counts.clearInside();
         return true;
     }
-    if (counts.ready() == 0 && m_readersAtLastWrite == 0) return false;
+    if (isAlone()) return false;
     return isTakenByAll() || (!m_slot.isTruncated() && isGrantedLate(now, inside == 1));
 }
 

@@ -17,6 +17,8 @@ public:
 
     // Unregistered readers that knew an earlier writer's IDs get 100 ms to restore them.
     bool hasSettled(unsigned int now) const { return now - m_createdAt >= m_settleMs; }
+    // Whether there is no reader that could take a message, and was none for the last one.
+    bool isAlone() const;
     // One attempt to lock the slot for the next message.
     bool tryLock(unsigned int now);
     void unlock();

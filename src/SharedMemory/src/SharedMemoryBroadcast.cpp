@@ -69,10 +69,11 @@ bool SharedMemoryBroadcast::writeMessage(const void* data, unsigned int length) 
         return false;
     }
     if (!waitForTurn(kWriteWaitMs)) {
-        if (isOpen()) {
+        // Nothing is wrong where nobody listens, or when it was closed meanwhile.
+        if (isOpen() && (m_slot.isTruncated() || !m_broadcastWriter.isAlone())) {
             NORVO_LOG_REPEATED(m_notTaken, Error, "Failed to lock for writing!", name);
-        } else {  // closed meanwhile, as at the end of any session without a reader
-            NORVO_LOG(Info, "Failed to lock for writing!", name);
+        } else {
+            NORVO_LOG_REPEATED(m_nobodyListens, Info, "Failed to lock for writing!", name);
         }
         return false;
     }

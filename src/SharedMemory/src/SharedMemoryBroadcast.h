@@ -52,6 +52,7 @@ private:
     BroadcastWriter m_broadcastWriter NORVO_GUARDED_BY(m_operationLock){m_slot};
     KLT::kltlogger::LogRepeats m_tooLong;
     KLT::kltlogger::LogRepeats m_notTaken;
+    KLT::kltlogger::LogRepeats m_nobodyListens;
 };
 
 }  // namespace shared_memory

@@ -91,7 +91,7 @@ TEST_F(KRANRunnerAcrossProcesses, AnApplicationThatIsInstalledDuringTheSessionIs
     std::filesystem::rename(m_app.path(), m_app.path() + ".part");
     LogCapture log;
     startKRAN();
-    ASSERT_TRUE(eventually([&] { return log.contains("could not start "); }));
+    ASSERT_TRUE(eventually([&] { return log.contains("is not installed: "); }));
     std::filesystem::rename(m_app.path() + ".part", m_app.path());
     EXPECT_EQ(m_app.waitForProcesses(1).size(), 1U);
 }

@@ -143,6 +143,10 @@ private:
 
 void launchUnlessRunning(Companion& companion) {
     if (companion.isMarkedToStop() || companion.isRunning()) return;
+    if (!isInstalled()) {  // nor is it on most machines
+        NORVO_LOG(Info, "The companion application is not installed: ", kLauncherBundle);
+        return;
+    }
     NORVO_LOG(Trace, "run thin client.");
     launch();
 }
