@@ -91,6 +91,7 @@ TEST_F(VcctlAcrossProcesses, AFileArrivesWholeAndTheCaptureShowsTheSession) {
     EXPECT_EQ(receiver.wait(20s), 0);
     EXPECT_TRUE(contentOf(m_far.file("copy")) == content);
 
+    expectPart(m_near.run("check").text, "connected, version 1.0.679.0");
     const Outcome streams = m_near.run("streams");
     expectPart(streams.text, "Media");
     expectPart(streams.text, "Info_VC2STREAM");
@@ -313,6 +314,7 @@ TEST_F(VcctlAcrossProcesses, MistakesAreAnsweredWithWhatToDo) {
     const std::tuple<const char*, int, const char*> uses[] = {
         {"ask RequestVCProcessId --wait 0.3", 1, "no agent answers in session namespace"},
         {"streams", 0, "no segments in this session"},
+        {"check", 1, "MISSING  agent         no agent answers in "},
         {"", 2, "subcommand"},
         {"nonsense", 2, "'nonsense' is not a command"},
         {"host", 2, "--listen, --connect, --stdio and --exec"},

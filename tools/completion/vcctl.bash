@@ -3,7 +3,7 @@ _vcctl() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]} options=
     local streams="Basic Generic GenericUnReliable LogCollection Media StringCipher upgrade"
     if [ "$COMP_CWORD" = 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W "host send recv watch ask streams decode demo --help --version" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "host send recv watch ask check streams decode demo --help --version" -- "$word")
         return
     fi
     case $command in
@@ -12,6 +12,7 @@ _vcctl() {
         recv) options="--size --count --lines --raw --resume --wait" ;;
         watch) options="--json --all --count" ;;
         ask) options="--wait --json" ;;
+        check) options="--library --wait" ;;
         streams) options="--follow --interval" ;;
         decode) options="--packets --bytes" ;;
         demo) options="--kind --seconds --library" ;;

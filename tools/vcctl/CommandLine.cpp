@@ -206,8 +206,9 @@ int runCommand(int argc, char** argv) {
         "Exit codes: 0 done, 1 failed, 2 wrong usage, 130 interrupted.\n"
         "`vcctl COMMAND --help` describes each command; `man vcctl` has examples.");
     int exitCode = kOk;
-    for (const auto add : {addHostCommand, addSendCommand, addRecvCommand, addWatchCommand,
-                           addAskCommand, addStreamsCommand, addDecodeCommand, addDemoCommand}) {
+    for (const auto add :
+         {addHostCommand, addSendCommand, addRecvCommand, addWatchCommand, addAskCommand,
+          addCheckCommand, addStreamsCommand, addDecodeCommand, addDemoCommand}) {
         add(app, exitCode);
     }
     try {

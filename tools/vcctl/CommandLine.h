@@ -82,6 +82,7 @@ void addSendCommand(CLI::App& app, int& exitCode);
 void addRecvCommand(CLI::App& app, int& exitCode);
 void addWatchCommand(CLI::App& app, int& exitCode);
 void addAskCommand(CLI::App& app, int& exitCode);
+void addCheckCommand(CLI::App& app, int& exitCode);
 void addStreamsCommand(CLI::App& app, int& exitCode);
 void addDecodeCommand(CLI::App& app, int& exitCode);
 void addDemoCommand(CLI::App& app, int& exitCode);
