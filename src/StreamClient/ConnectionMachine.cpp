@@ -74,6 +74,7 @@ void ConnectionMachine::fail(Status why, Time now, bool tellPeer) {
         m_reset = ConnectionFrame();
         m_reset.from = m_epoch;
         m_reset.to = m_peer;
+        m_in.describeLast(m_reset);
     }
     m_failure = why;
     enter(State::Failed, now);
@@ -152,6 +153,7 @@ void ConnectionMachine::onWelcome(const ConnectionFrame& frame, Time now) {
 void ConnectionMachine::onReset(const ConnectionFrame& frame, Time now) {
     if (!isFromPeer(frame)) return;
     if (m_state == State::Welcoming) return enter(initialState(), now);
+    m_out.hear(frame, now);
     if (!isOver()) fail(Reason::PeerGone, now, false);
 }
 

@@ -6,6 +6,14 @@
 //     if (done) done = file->finish();
 //     if (done) done = file->flush(30s);        // the peer has it all
 //
+// The peer:
+//
+//     std::size_t length = 0;
+//     auto got = NorvoStreamClient::Status();
+//     while ((got = file->read(buffer, sizeof buffer, length, 30s))) use(buffer, length);
+//     if (got.reason() != NorvoStreamClient::Reason::Ended) std::cerr << got.text() << '\n';
+//     // It may close at once: what it has read counts as received.
+//
 // A stream drops messages when its reader is too slow or the session breaks; a connection resends
 // them, and its writer waits for its reader. docs/connections.md describes the protocol.
 #pragma once
@@ -73,7 +81,8 @@ public:
     // Ends this direction: the peer reads Ended after the last byte. The other direction stays
     // open.
     Status finish();
-    // Waits until the peer process has everything that was written, including the end.
+    // Waits until the peer process has everything that was written, including the end. Succeeds,
+    // too, when the peer has read it all and closed.
     Status flush(std::chrono::milliseconds timeout);
     // How many of the written bytes the peer process has.
     std::uint64_t acknowledged() const;

@@ -84,4 +84,9 @@ void ReceivingHalf::describe(ConnectionFrame& frame) {
     frame.messages = m_messages;
 }
 
+void ReceivingHalf::describeLast(ConnectionFrame& frame) {
+    describe(frame);
+    if (hasData()) frame.acked = m_taken;
+}
+
 }  // namespace NorvoStreamClient

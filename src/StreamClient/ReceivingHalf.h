@@ -34,6 +34,8 @@ public:
     std::optional<Time> ackDue() const { return m_ackDue; }
     // Fills in the acknowledgement; nothing is due any more.
     void describe(ConnectionFrame& frame);
+    // The same for the last frame: acknowledges only what the program has taken.
+    void describeLast(ConnectionFrame& frame);
 
 private:
     struct Waiting {

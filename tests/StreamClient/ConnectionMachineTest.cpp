@@ -280,6 +280,20 @@ TEST_F(OpenMachines, AnAbortIsToldToThePartnerWhichKeepsWhatHasCome) {
     EXPECT_STREQ(bytes, "came");
 }
 
+TEST_F(OpenMachines, AnAbortAcknowledgesWhatTheProgramHasTaken) {
+    char bytes[10] = {};
+    EXPECT_EQ(world.machine(0).write("taken", 5), 5U);
+    for (int i = 0; i < 20; ++i) {
+        const auto frame = world.machine(0).nextFrame(world.now);
+        if (frame) world.machine(1).hear(*frame, world.now);
+    }
+    EXPECT_EQ(world.machine(1).read(bytes, sizeof bytes), 5U);
+    world.machine(1).abort(world.now);
+    world.machine(0).hear(*world.machine(1).nextFrame(world.now), world.now);
+    EXPECT_EQ(world.machine(0).failure().reason(), Reason::PeerGone);
+    EXPECT_TRUE(world.machine(0).isDrained());
+}
+
 TEST_F(OpenMachines, FramesThatCannotBeTrueChangeNothing) {
     hear(0, [](auto& frame) { frame.acked = 1; });  // acknowledges what was never sent
     hear(0, [](auto& frame) { frame.seen = 1000; });

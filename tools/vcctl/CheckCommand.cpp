@@ -141,8 +141,8 @@ std::deque<std::string> complaintsIn(std::ifstream& log) {
     std::deque<std::string> lines;
     for (std::string line; std::getline(log, line);) {
         const auto begin = line.substr(0, 100);
-        const bool complains = std::any_of(
-            kSeverities.begin(), kSeverities.end(), [&](const char* severity) {
+        const bool complains =
+            std::any_of(kSeverities.begin(), kSeverities.end(), [&](const char* severity) {
                 return begin.find(session + severity + ' ') != std::string::npos;
             });
         if (!complains) continue;
@@ -155,7 +155,9 @@ std::deque<std::string> complaintsIn(std::ifstream& log) {
 // Of hosts with this HOME.
 void showLog(bool isInNeed) {
     const char* const home = std::getenv("HOME");
-    if (!home || !*home) return CheckList::note("log", "HOME is not set: hosts with the same environment log nothing");
+    if (!home || !*home)
+        return CheckList::note("log",
+                               "HOME is not set: hosts with the same environment log nothing");
     const std::string path = std::string(home) + "/Library/Logs/norvouvdi/VirtualChannel.log";
     std::ifstream log(path);
     CheckList::note("log", log ? path : path + " (not there yet)");
@@ -183,7 +185,8 @@ int runCheck(const CheckOptions& options) {
 
 void addCheckCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<CheckOptions>();
-    Command command(app, "check", "Says what this session needs and has, and what to do about the rest");
+    Command command(app, "check",
+                    "Says what this session needs and has, and what to do about the rest");
     addLibraryOption(command, options->library);
     addWaitOption(command, options->wait, "How long to wait for the agent, and for the far end");
     command.footer(
