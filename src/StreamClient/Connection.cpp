@@ -6,6 +6,7 @@
 
 #include "ConnectionImpl.h"
 #include "Log.h"
+#include "SegmentUse.h"
 #include "StreamImpl.h"
 
 namespace NorvoStreamClient {
@@ -277,11 +278,22 @@ Status Connection::Impl::openStreamPair() {
 }
 
 // The pair is another program's, or the agent has it, in the other direction: since just now for a
-// peer that connects, too, or, on the second attempt, for this end.
+// peer that connects, too, or, on the second attempt, for this end. The agent does not tell the
+// direction of a stream that its peer has not taken up.
 Status Connection::Impl::classifyInUse(bool inbound, int attempt) {
-    return attempt > 0 || queryDirection().value_or(inbound) != inbound
+    return attempt > 0 || agentHasOtherDirection(inbound) ||
+                   queryDirection().value_or(inbound) != inbound
                ? Reason::InUseOtherDirection
                : Reason::InUse;
+}
+
+bool Connection::Impl::agentHasOtherDirection(bool inbound) {
+    using EndRole = shared_memory::SegmentRegistry::Role;
+    const auto agent = static_cast<pid_t>(m_client->view().agentProcessId());
+    const auto has = [agent](const std::string& segment, EndRole role) {
+        return agent != 0 && shared_memory::processOfEnd(segment, role) == agent;
+    };
+    return has(inName(inbound), EndRole::Reader) || has(outName(inbound), EndRole::Writer);
 }
 
 std::optional<bool> Connection::Impl::queryDirection() {
@@ -295,12 +307,18 @@ std::optional<bool> Connection::Impl::queryDirection() {
     return *found == Direction::Read;
 }
 
+std::string Connection::Impl::inName(bool inbound) const {
+    return inbound ? m_name : backOf(m_name);
+}
+
+std::string Connection::Impl::outName(bool inbound) const { return inName(!inbound); }
+
 Status Connection::Impl::openPair(bool inbound) {
-    const auto in = m_client->openStream(inbound ? m_name : backOf(m_name), Direction::Read,
-                                         m_options.capacity, Client::Impl::For::OneProgram);
+    const auto in = m_client->openStream(inName(inbound), Direction::Read, m_options.capacity,
+                                         Client::Impl::For::OneProgram);
     if (!in) return in.status();
-    const auto out = m_client->openStream(inbound ? backOf(m_name) : m_name, Direction::Write,
-                                          m_options.capacity, Client::Impl::For::OneProgram);
+    const auto out = m_client->openStream(outName(inbound), Direction::Write, m_options.capacity,
+                                          Client::Impl::For::OneProgram);
     if (!out) return out.status();
     m_in = in;
     m_out = out;

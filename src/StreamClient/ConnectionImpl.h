@@ -53,9 +53,12 @@ private:
     Status openStreamPair();
     // Whether the stream `name` is inbound here; nothing when no such stream is known yet.
     std::optional<bool> queryDirection();
+    std::string inName(bool inbound) const;
+    std::string outName(bool inbound) const;
     Status openPair(bool inbound);
     // What it means that openPair() has returned InUse.
     Status classifyInUse(bool inbound, int attempt);
+    bool agentHasOtherDirection(bool inbound);
     Status waitUntilUp();
     Status pathStatus();
     void hear(std::string frame, Status path);

@@ -73,10 +73,11 @@ bool SegmentRegistry::has(Role role) {
     return found;
 }
 
-bool SegmentRegistry::hasLiving(Role role) {
-    bool found = false;
-    forEachOther(
-        [&](const RegistryEntry& entry) { found = found || (entry.is(role) && !isGone(entry)); });
+pid_t SegmentRegistry::livingProcessOf(Role role) {
+    pid_t found = 0;
+    forEachOther([&](const RegistryEntry& entry) {
+        if (entry.is(role) && !isGone(entry)) found = ProcessIdentity::pid(entry.process.load());
+    });
     return found;
 }
 

@@ -84,9 +84,11 @@ public:
         });
         return any;
     }
-    // Whether another end is registered in that role; hasLiving(): by a living process.
+    // Whether another end is registered in that role.
     bool has(Role role);
-    bool hasLiving(Role role);
+    // The living process of such an end; 0 when there is none.
+    pid_t livingProcessOf(Role role);
+    bool hasLiving(Role role) { return livingProcessOf(role) != 0; }
     bool hasLivingProcess(bool exceptOwn);
     // Calls `action` with each entry in use that is not this end's.
     template <class Action>

@@ -101,7 +101,7 @@ bool SegmentSlot::start(unsigned int capacity, bool create, bool isRenewed) {
 
 // With the mutex held until this end is registered, so that only one of several gets past.
 bool SegmentSlot::mayStart() {
-    if (m_claim == Claim::Shared || !hasEnd(m_name, m_end->role())) return true;
+    if (m_claim == Claim::Shared || processOfEnd(m_name, m_end->role()) == 0) return true;
     m_error.failure = OpenFailure::InUse;
     NORVO_LOG(Error, "Another end of the same role is in use: ", m_name);
     return false;

@@ -52,9 +52,10 @@ bool isSegmentInUse(const std::string& name) { return isOpen(name, false); }
 
 bool isSegmentInUseElsewhere(const std::string& name) { return isOpen(name, true); }
 
-bool hasEnd(const std::string& name, SegmentRegistry::Role role) {
+pid_t processOfEnd(const std::string& name, SegmentRegistry::Role role) {
     SegmentRegistry registry;
-    return registry.openExisting(SegmentMapping::prefixed(name)) && registry.hasLiving(role);
+    if (!registry.openExisting(SegmentMapping::prefixed(name))) return 0;
+    return registry.livingProcessOf(role);
 }
 
 bool removeSegmentIfUnused(const std::string& name) {

@@ -2,6 +2,8 @@
 // register is unknown.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "SegmentRegistry.h"
@@ -14,8 +16,8 @@ bool isSegmentInUse(const std::string& name);
 // The same for a process other than this one.
 bool isSegmentInUseElsewhere(const std::string& name);
 
-// Whether a living process, this one included, has it open in that role.
-bool hasEnd(const std::string& name, SegmentRegistry::Role role);
+// A living process, perhaps this one, that has it open in that role; 0 when there is none.
+pid_t processOfEnd(const std::string& name, SegmentRegistry::Role role);
 
 // Removes the segment from the system, with its mutex, conditions and registry, unless a living
 // process has it open. False when it stays for that reason, or when another process kept its mutex
