@@ -365,7 +365,13 @@ TEST_F(VcctlAcrossProcesses, EachTroubleOfATransferIsNamed) {
     fails(m_near, "send Media --wait 0.5 " + large, "its channel is not connected to a far end");
     join();
     fails(m_near, "send Media --wait 2 " + large, "nobody receives: start vcctl recv Media there");
-    fails(m_far, "recv Media --wait 2", "nobody sends: start vcctl send Media there");
+    for (const char* name : {"kept", "kept.part"}) std::ofstream(m_far.file(name)) << "before";
+    chmod(m_far.file("kept").c_str(), 0600);
+    for (const char* how : {"", "--raw "}) {
+        fails(m_far, "recv Media --wait 1 " + std::string(how) + m_far.file("kept"), "vcctl: ");
+        EXPECT_EQ(contentOf(m_far.file("kept")) + contentOf(m_far.file("kept.part")),
+                  "beforebefore");
+    }
 
     for (const bool isAll : {true, false}) {
         Subprocess receiver = m_far.start("recv Media --count 1 " + m_far.file("first"));
@@ -381,7 +387,9 @@ TEST_F(VcctlAcrossProcesses, EachTroubleOfATransferIsNamed) {
 
     Subprocess patient = m_near.start("send Media " + m_near.file("message"));
     fails(m_far, "send Media --wait 0.5 /etc/hostname", "'Media' sends, too");
-    m_far.succeeds("recv Media " + m_far.file("late"));
+    m_far.succeeds("recv Media " + m_far.file("kept"));
+    EXPECT_EQ(std::filesystem::status(m_far.file("kept")).permissions(),
+              std::filesystem::perms{0600});
     EXPECT_EQ(patient.wait(20s), 0);
 
     Subprocess receiver = m_far.start("recv Media " + m_far.file("copy"));

@@ -39,11 +39,11 @@ ReceivedFile::ReceivedFile(const std::string& target, Kind kind)
     if (target == "-") {
         m_file = stdout;
     } else if (kind != Kind::Direct && isOrdinary(m_target)) {
-        openPart(kind == Kind::KeptPart);
+        openPart();
     } else {
-        m_owned.reset(std::fopen(m_target.c_str(), "wbe"));
-        m_file = m_owned.get();
+        openTarget();
     }
+    m_isFormer = m_file != stdout && kind != Kind::KeptPart;
     if (!m_file) throw systemError("cannot write " + m_target, errno);
     std::setvbuf(m_file, nullptr, _IOFBF, kBuffer);
 }
@@ -52,7 +52,15 @@ ReceivedFile::~ReceivedFile() {
     if (isPart() && !m_committed && m_file && size() == 0) unlink(m_part.c_str());
 }
 
-void ReceivedFile::openPart(bool keep) {
+void ReceivedFile::openTarget() {
+    const int target = open(m_target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    if (target < 0) return;
+    m_owned.reset(fdopen(target, "wb"));
+    m_file = m_owned.get();
+    if (!m_file) close(target);
+}
+
+void ReceivedFile::openPart() {
     m_part = m_target + ".part";
     m_lock = support::Descriptor(open(m_part.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
     if (!m_lock) throw systemError("cannot write " + m_part, errno);
@@ -60,10 +68,19 @@ void ReceivedFile::openPart(bool keep) {
         const std::string part = std::exchange(m_part, {});
         throw CommandError("another vcctl recv is writing " + part);
     }
-    if (!keep && ftruncate(m_lock.get(), 0) != 0)
+    struct stat target {};
+    const bool isReplaced = stat(m_target.c_str(), &target) == 0;
+    if (isReplaced && fchmod(m_lock.get(), target.st_mode & 0777) != 0)
         throw systemError("cannot write " + m_part, errno);
     m_owned.reset(std::fopen(m_part.c_str(), "abe"));
     m_file = m_owned.get();
+}
+
+void ReceivedFile::begin() {
+    if (!std::exchange(m_isFormer, false)) return;
+    struct stat status {};
+    const bool isFile = fstat(fileno(m_file), &status) == 0 && S_ISREG(status.st_mode);
+    check(!isFile || ftruncate(fileno(m_file), 0) == 0);
 }
 
 std::uint64_t ReceivedFile::size() const {
@@ -87,6 +104,7 @@ void ReceivedFile::check(bool done) const {
 }
 
 void ReceivedFile::write(const char* data, std::size_t length) {
+    begin();
     check(std::fwrite(data, 1, length, m_file) == length);
     m_unwritten += length;
     if (m_unwritten >= kWriteBack) writeBack();
@@ -125,7 +143,7 @@ void ReceivedFile::syncFolder() const {
 }
 
 std::string ReceivedFile::advice() const {
-    if (!isPart() || m_committed || size() == 0) return "";
+    if (!isPart() || m_committed || m_isFormer || size() == 0) return "";
     return "; what came is in " + m_part + ": go on with --resume at both ends";
 }
 

@@ -12,14 +12,14 @@ namespace vcctl {
 // Where vcctl recv writes: a file, or standard output for "-".
 //
 // A file grows beside its target, as TARGET.part, and replaces the target once it is complete and
-// on disk. A target that is not a regular file (a device, a FIFO) is written to directly.
-// Failures are CommandErrors.
+// on disk, with that one's permissions. A target that is not a regular file (a device, a FIFO) is
+// written to directly. Failures are CommandErrors.
 class ReceivedFile {
 public:
     enum class Kind {
-        Part,      // a new part file
+        Part,      // a part file; an existing one is kept until begin()
         KeptPart,  // continues an existing part file
-        Direct,    // no part file: the data may have no end
+        Direct,    // no part file: the data may have no end. Kept until the first write()
     };
     ReceivedFile(const std::string& target, Kind kind);
     // Removes an empty part file.
@@ -27,6 +27,8 @@ public:
     ReceivedFile(const ReceivedFile&) = delete;
     ReceivedFile& operator=(const ReceivedFile&) = delete;
 
+    // The sender is there: what an earlier transfer left is emptied, unless it is to be continued.
+    void begin();
     // Bytes in the part file.
     std::uint64_t size() const;
     // Adds the part file's bytes to `tally`.
@@ -46,7 +48,8 @@ public:
 private:
     bool isPart() const { return !m_part.empty(); }
     void check(bool done) const;
-    void openPart(bool keep);
+    void openPart();
+    void openTarget();
     void syncFolder() const;
     void writeBack();
 
@@ -55,6 +58,7 @@ private:
     support::Descriptor m_lock;
     File m_owned;
     std::FILE* m_file = nullptr;
+    bool m_isFormer = false;  // holds what was there before
     bool m_committed = false;
     std::uint64_t m_unwritten = 0;    // bytes since the last writeBack()
     std::uint64_t m_writtenBack = 0;  // the offset up to which write-back was started

@@ -102,6 +102,7 @@ public:
 
 private:
     void begin() {
+        m_output.begin();
         const std::uint64_t offered = m_output.size();
         m_output.count(m_tally);
         m_link.writeTag("NVXOFFER");
