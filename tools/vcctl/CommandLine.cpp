@@ -48,8 +48,14 @@ const CLI::Validator kRegularFile(
     },
     "");
 
-// K, M and G are powers of 1024.
-const CLI::AsSizeValue kBytes(false);
+// K, M and G are powers of 1024. The parser's own conversion takes a unit alone for one of it.
+const CLI::AsSizeValue kUnits(false);
+const CLI::Validator kBytes(
+    [](std::string& text) -> std::string {
+        const bool hasNumber = !text.empty() && text[0] >= '0' && text[0] <= '9';
+        return hasNumber ? kUnits(text) : text + " is not a number of bytes";
+    },
+    "");
 
 }  // namespace
 

@@ -136,7 +136,7 @@ Endpoint Endpoint::parse(const std::string& text, bool allowRemote) {
     const int failed = getaddrinfo(host.empty() ? "127.0.0.1" : host.c_str(),
                                    text.c_str() + colon + 1, &hints, &found);
     if (failed != 0) {
-        throw CommandError("'" + text + "': " + gai_strerror(failed), kUsage);
+        throw CommandError("'" + text + "': " + gai_strerror(failed));
     }
     Endpoint endpoint;
     endpoint.m_text = text;

@@ -136,7 +136,7 @@ void Host::sayJoined(const std::string& peer) {
 }
 
 Host::End Host::endOf(const PacketLink& link) const {
-    if (link.sawForeignBytes()) return End::Other;
+    if (link.sawForeignBytes()) return End::NoHost;
     if (m_peerHasGreeted) return End::WasHost;
     return m_endsLink || StopSignal::requested() ? End::Other : End::TurnedAway;
 }

@@ -33,6 +33,7 @@ public:
     enum class End {
         WasHost,     // of this kind: it has greeted, and sent nothing but packets
         TurnedAway,  // it closed the connection before it greeted
+        NoHost,      // it has sent what is no packet of this kind of host
         Other
     };
 

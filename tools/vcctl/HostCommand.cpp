@@ -126,8 +126,10 @@ int runHost(HostOptions options, const JoinOptions& join) {
     if (join.standard) {
         options.standardOutputIsTheChannel = true;
         auto bytes = takeStandardStreams();
-        Host(options).serve(std::move(bytes), "standard input and output");
-    } else if (join.exec) {
+        const auto end = Host(options).serve(std::move(bytes), "standard input and output");
+        return end == Host::End::NoHost ? kFailed : kOk;
+    }
+    if (join.exec) {
         Host host(options);
         serveCommand(host, join.command);
     } else if (!join.listen.empty()) {
@@ -147,6 +149,8 @@ void check(const JoinOptions& join) {
         throw CommandError(
             "give one of --listen, --connect, --stdio and --exec COMMAND: see vcctl host --help",
             kUsage);
+    if (join.connect.ends_with(":0") && !join.connect.starts_with("unix:"))
+        throw CommandError("'" + join.connect + "': a port to connect to is 1 to 65535", kUsage);
     if (join.exec && join.command.empty()) throw CommandError("--exec: which command?", kUsage);
     if (!join.exec && !join.command.empty())
         throw CommandError("'" + join.command[0] + "' is no option: see vcctl host --help", kUsage);

@@ -327,7 +327,12 @@ int runSend(const SendOptions& options) {
             std::fprintf(stderr, "vcctl: waiting: %s\n", stranger.what());
             StopSignal::wait(static_cast<int>(kPollTime.count()));
         } catch (const LinkLost& lost) {
-            if (!options.resume || !lost.wasOpen()) throw;
+            if (!lost.wasOpen()) throw;
+            if (!options.resume)
+                throw CommandError(lost.what() + std::string(options.file == "-"
+                                                                 ? ""
+                                                                 : "; --resume at both ends "
+                                                                   "goes on with what came"));
             std::fprintf(stderr, "vcctl: %s; waiting to go on\n", lost.what());
             giveUp = endOfWait(options.wait);
         }

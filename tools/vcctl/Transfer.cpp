@@ -24,14 +24,15 @@ TransferLink::TransferLink(SessionClient& session, const std::string& name, Role
     m_connection = session.connection(name, role == Role::Send, options);
 }
 
+std::string TransferLink::nobodyText() const {
+    const bool sends = m_role == Role::Send;
+    return std::string("the far side is there, but nobody ") + (sends ? "receives" : "sends") +
+           ": start vcctl " + (sends ? "recv " : "send ") + m_name + " there";
+}
+
 void TransferLink::fail(const Status& why) const {
     const bool sends = m_role == Role::Send;
-    if (why.reason() == Reason::Timeout && !m_open) {
-        throw LinkLost("the far side is there, but nobody " +
-                           std::string(sends ? "receives" : "sends") + ": start vcctl " +
-                           (sends ? "recv " : "send ") + m_name + " there",
-                       false);
-    }
+    if (why.reason() == Reason::Timeout && !m_open) throw LinkLost(nobodyText(), false);
     const bool hasLeft = why.reason() == Reason::PeerGone || why.reason() == Reason::Ended;
     if (hasLeft && sends && !m_takesPart)
         throw NoPartner("the program at the far end of '" + m_name +
@@ -57,10 +58,16 @@ void TransferLink::checkAlive() const {
 }
 
 void TransferLink::waitUntilOpen(TimePoint giveUp) {
+    const auto noteAt = after(1);
+    bool noted = false;
     for (Status open; !(open = m_connection->waitUntilOpen(kPollTime));) {
         check(open);
-        if (Clock::now() >= giveUp) fail(open);
+        const auto now = Clock::now();
+        if (now >= giveUp) fail(open);
         m_session.noteSilence(open, m_name);
+        if (noted || now < noteAt || open.reason() != Reason::Timeout) continue;
+        noted = true;
+        std::fprintf(stderr, "vcctl: waiting: %s\n", nobodyText().c_str());
     }
     m_open = true;
 }

@@ -88,6 +88,7 @@ public:
     void expectTag(const char* tag, TimePoint giveUp);
 
 private:
+    std::string nobodyText() const;
     [[noreturn]] void fail(const NorvoStreamClient::Status& why) const;
     // Throws unless waiting longer can help.
     void check(const NorvoStreamClient::Status& status) const;
