@@ -198,6 +198,14 @@ void refuseUnsuitableEnvironment() {
             kUsage);
 }
 
+CommandError wrongUse(const CLI::App& app, const CLI::ParseError& error) {
+    const auto commands = app.get_subcommands();
+    if (commands.empty())
+        return CommandError(error.what() + std::string(": see vcctl --help"), kUsage);
+    const std::string name = commands[0]->get_name();
+    return CommandError(name + ": " + error.what() + ": see vcctl " + name + " --help", kUsage);
+}
+
 }  // namespace
 
 int runCommand(int argc, char** argv) {
@@ -224,8 +232,9 @@ int runCommand(int argc, char** argv) {
             throw CommandError("'" + std::string(argv[1]) + "' is not a command: see vcctl --help",
                                kUsage);
         }
+        if (error.get_exit_code() != 0) throw wrongUse(app, error);
         std::ostringstream answer;
-        if (app.exit(error, answer, std::cerr) != 0) return kUsage;
+        app.exit(error, answer);
         print(answer.str());
         flushOut();
         return kOk;
