@@ -262,7 +262,8 @@ Status Client::Impl::request(const std::string& operation, const std::vector<std
 std::shared_ptr<Stream::Impl> Client::Impl::makeStream(const std::string& name, Direction direction,
                                                        unsigned int capacity, For users) {
     const auto failed = [&](const Status& why) { return unopened(name, direction, capacity, why); };
-    if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) ||
+    const bool isDirection = direction == Direction::Read || direction == Direction::Write;
+    if (!isPossibleName(name) || VDIFrameworkCommon::isInfoSegment(name) || !isDirection ||
         capacity > kLargestCapacity) {
         return failed(Reason::InvalidArgument);
     }

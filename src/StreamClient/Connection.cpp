@@ -77,7 +77,8 @@ Connection::Impl::Impl(std::shared_ptr<Client::Impl> client, std::string name, S
 OpenedConnection Connection::Impl::open(const std::shared_ptr<Client::Impl>& client,
                                         const std::string& name, Role role,
                                         const ConnectionOptions& options) {
-    const Status possible = Client::Impl::checkConnection(name, options);
+    Status possible = Client::Impl::checkConnection(name, options);
+    if (client->status().reason() == Reason::Closed) possible = Reason::Closed;
     auto impl = possible ? std::make_shared<Impl>(client, name, role, options)
                          : std::make_shared<Impl>(client, name, possible);
     const Status status = impl->status();

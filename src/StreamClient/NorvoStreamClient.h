@@ -11,7 +11,8 @@
 //
 // A failed call returns the reason (Status). Any call may return Closed, once its object or client
 // is closed, and NoMemory, when the system is out of memory; the other reasons are listed with each
-// call. No function throws, except std::bad_alloc when this process is out of memory.
+// call. No function throws, except std::bad_alloc when this process is out of memory. A time-out
+// below 0 counts as 0; std::chrono::milliseconds::max() is no limit.
 //
 // Everything here is thread-safe. Objects may be closed and destroyed on any thread except a
 // client's callback thread.
@@ -124,9 +125,9 @@ public:
     const Status& status() const { return m_status; }
     Object* operator->() const { return m_object.get(); }
     Object& operator*() const { return *m_object; }
-    // Never null.
+    // Never null before reset().
     operator const std::shared_ptr<Object>&() const { return m_object; }
-    // Closes the object, unless it is held elsewhere.
+    // Closes the object, unless it is held elsewhere. Afterwards there is none.
     void reset() { m_object.reset(); }
 
 private:
@@ -150,7 +151,7 @@ public:
     // with a segment of `capacity` bytes (1 byte to 64 MiB, or kDefaultCapacity), and asks the
     // agent to open its end, without waiting for the answer. A message longer than the capacity
     // crosses the segment in several parts, which takes longer.
-    // InvalidArgument: invalid name or capacity; AlreadyOpen; CapacityMismatch, NoSpace,
+    // InvalidArgument: invalid name, direction or capacity; AlreadyOpen; CapacityMismatch, NoSpace,
     // NoPermission or SystemError: the segment cannot be set up.
     OpenedStream openStream(const std::string& name, Direction direction,
                             unsigned int capacity = kDefaultCapacity);
@@ -161,7 +162,8 @@ public:
     // (InUseOtherDirection).
     // The two streams keep the direction in which the agents already carry them, so either end may
     // connect, also when the name is reused.
-    // InvalidArgument: invalid name or option; SystemError: no thread can be started.
+    // InvalidArgument: invalid name or option; SystemError: no thread can be started. What else
+    // fails, as a second connection of this name in this client (AlreadyOpen), is found later.
     OpenedConnection connect(const std::string& name, const ConnectionOptions& options = {});
     OpenedConnection accept(const std::string& name, const ConnectionOptions& options = {});
 

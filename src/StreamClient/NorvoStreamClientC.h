@@ -117,8 +117,9 @@ NORVO_STREAM_CLIENT_C_API int norvo_stream_read(norvo_stream* stream, void* buff
 enum { NORVO_CONNECT = 0, NORVO_ACCEPT = 1 };
 NORVO_STREAM_CLIENT_C_API int norvo_connection_open(norvo_client* client, const char* name,
                                                     int role, norvo_connection** connection);
-/* The same with options (NULL: all defaults; 0: the default): the streams' capacity and the window
- * in bytes, and how long the peer may be silent and the streams may be down. */
+/* The same with options (NULL: all defaults; 0 in a field: its default, also of the times): the
+ * streams' capacity and the window in bytes, and how long the peer may be silent and the streams
+ * may be down. */
 typedef struct norvo_connection_options { /* NOLINT(modernize-use-using): this is C */
     unsigned int capacity;
     size_t window;

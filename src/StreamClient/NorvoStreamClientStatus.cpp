@@ -9,7 +9,7 @@ const char* textOf(Reason reason) {
         case Reason::None:
             return "no error";
         case Reason::Timeout:
-            return "the time was over first";
+            return "the time-out passed";
         case Reason::InvalidArgument:
             return "an argument is not valid for this call";
         case Reason::Closed:

@@ -65,6 +65,8 @@ TEST_F(ClientTest, RefusesStreamsThatCannotBe) {
             << name;
     EXPECT_EQ(reasonOf(client.openStream("CTSize", Direction::Read, (64u << 20) + 1)),
               Reason::InvalidArgument);
+    EXPECT_EQ(reasonOf(client.openStream("CTSize", static_cast<Direction>(7))),
+              Reason::InvalidArgument);
     auto first = client.openStream("CTSize", Direction::Read, 10);
     EXPECT_TRUE(first);
     const auto second = client.openStream("CTSize", Direction::Write, 10);
@@ -142,6 +144,7 @@ TEST_F(ClientTest, ClosingEndsEveryWaitAndTheStreamsStayHarmless) {
     for (auto& wait : waits) wait.join();
     client->close();
     EXPECT_EQ(reasonOf(client->openStream("CTLate", Direction::Read)), Reason::Closed);
+    EXPECT_EQ(client->connect("CTLate").status().reason(), Reason::Closed);
     client.reset();
     EXPECT_EQ(in->read(message, 100s).reason(), Reason::Closed);
     EXPECT_EQ(out->flush(100s).reason(), Reason::Closed);
