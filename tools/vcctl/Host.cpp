@@ -115,11 +115,11 @@ Host::End Host::serve(std::unique_ptr<ByteChannel> bytes, const std::string& pee
     }
     setLink(link);
     if (m_saysJoined) sayJoined(peer);
-    m_plugin.ChannelActive(1);
+    m_idleWatch.setActive(m_plugin, true);
     waitForEnd(*link, peer, listener);
     const End end = endOf(*link);
     link->end("this host stops");
-    m_plugin.ChannelActive(0);
+    m_idleWatch.setActive(m_plugin, false);
     setLink(nullptr);
     const bool isTurnedAway = m_connects && end == End::TurnedAway;
     if (m_hasSaidJoined || !isTurnedAway)
@@ -161,6 +161,7 @@ void Host::waitForEnd(PacketLink& link, const std::string& peer, int listener) {
         if (events == 0) {
             memory.look(m_bytesSent + m_bytesReceived);
             noteLackOfSpace();
+            m_idleWatch.tellAgain(m_plugin);
         }
         if (events <= 0) continue;
         if (waited[1].revents) StopSignal::drain();
@@ -199,6 +200,7 @@ void Host::noteLackOfSpace() {
 int Host::append(const void* data, std::uint32_t length, std::uintptr_t, void* context) {
     auto* const host = static_cast<Host*>(context);
     ++host->m_appending;
+    host->m_idleWatch.noteSent();
     host->send(data, length);
     --host->m_appending;
     return 0;

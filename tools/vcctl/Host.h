@@ -8,6 +8,7 @@
 #include "ByteChannel.h"
 #include "Capture.h"
 #include "ChannelKind.h"
+#include "IdleWatch.h"
 #include "LocalMutex.h"
 #include "NamedMutex.h"
 #include "PacketLink.h"
@@ -76,6 +77,7 @@ private:
     const bool m_connects;
     VDIFrameworkCommon::NamedMutex m_session;
     const hosts::Plugin m_plugin;
+    hosts::IdleWatch m_idleWatch;
     std::unique_ptr<CaptureWriter> m_capture;
     std::atomic<int> m_appending = 0;
     std::atomic<std::uint64_t> m_bytesSent = 0;

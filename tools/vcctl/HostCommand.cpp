@@ -184,7 +184,8 @@ void addHostCommand(CLI::App& app, int& exitCode) {
                   "Write every packet to this pcapng file (vcctl decode, Wireshark)")
         .type("FILE");
     command.flag("--take-over", options->takeOver,
-                 "Start also where another host serves the session namespace");
+                 "Start also where another host serves the session namespace, and serve it once "
+                 "that one has ended");
     command.flag("--allow-remote", join->allowRemote,
                  "Accept TCP addresses outside this machine. The link is neither encrypted nor "
                  "authenticated: anyone who reaches it is the other end of the channel");
